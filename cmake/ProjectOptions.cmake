@@ -1,0 +1,47 @@
+# What every target of the project has in common: options, output folders, warnings, sanitizers.
+
+option(KEL_SD_BUILD_TOOLS "Build the command-line tool nubo-sd" ON)
+option(KEL_SD_BUILD_TESTS "Build the tests" OFF)
+option(KEL_SD_BUILD_BENCHMARKS "Build the benchmarks" OFF)
+option(KEL_SD_WARNINGS_AS_ERRORS "Treat compiler warnings as errors" OFF)
+set(KEL_SD_SANITIZE "" CACHE STRING "Sanitizers to build with: address,undefined or thread")
+option(KEL_SD_COVERAGE "Build for measuring test coverage" OFF)
+
+if(NOT CMAKE_BUILD_TYPE AND NOT CMAKE_CONFIGURATION_TYPES)
+  set(CMAKE_BUILD_TYPE Release CACHE STRING "Build type" FORCE)
+endif()
+
+set(CMAKE_RUNTIME_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/bin)
+set(CMAKE_LIBRARY_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/lib)
+set(CMAKE_ARCHIVE_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/lib)
+set(CMAKE_EXPORT_COMPILE_COMMANDS ON)
+
+# The requirements that every target of the project links.
+add_library(kel_sd_build INTERFACE)
+target_compile_features(kel_sd_build INTERFACE cxx_std_17)
+target_compile_options(kel_sd_build INTERFACE
+  -Wall -Wextra -Wpedantic -Wconversion -Wshadow
+  $<$<BOOL:${KEL_SD_WARNINGS_AS_ERRORS}>:-Werror>
+  # Source paths in log lines are those of the project, wherever it was built.
+  -ffile-prefix-map=${PROJECT_SOURCE_DIR}/=)
+
+if(KEL_SD_SANITIZE)
+  target_compile_options(kel_sd_build INTERFACE
+    -fsanitize=${KEL_SD_SANITIZE} -fno-sanitize-recover=all -fno-omit-frame-pointer)
+  target_link_options(kel_sd_build INTERFACE -fsanitize=${KEL_SD_SANITIZE})
+endif()
+
+if(KEL_SD_COVERAGE)
+  target_compile_options(kel_sd_build INTERFACE --coverage -fprofile-update=atomic)
+  target_link_options(kel_sd_build INTERFACE --coverage)
+endif()
+
+# Gives a shared library its version and hides what it does not export.
+function(kel_sd_configure_shared_library target)
+  set_target_properties(${target} PROPERTIES
+    VERSION ${PROJECT_VERSION}
+    SOVERSION ${PROJECT_VERSION_MAJOR}
+    CXX_VISIBILITY_PRESET hidden
+    VISIBILITY_INLINES_HIDDEN ON)
+  target_link_options(${target} PRIVATE -Wl,--no-undefined)
+endfunction()

@@ -1,0 +1,4 @@
+#pragma once
+
+/// Marks what libKELOEMInterfaceLib exports.
+#define KEL_OEM_EXPORT __attribute__((visibility("default")))

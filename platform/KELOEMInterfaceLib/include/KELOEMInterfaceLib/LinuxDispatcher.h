@@ -1,0 +1,57 @@
+#pragma once
+
+#include <KELOEMInterfaceLib/OEMDispatcherCalls.h>
+
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace OEMInterface {
+
+/// What the dispatchers of the Linux edition share: who is bound, which interfaces stand reported, and the
+/// event memory, which is kept here and written to the log. All operations are thread-safe. Reports are
+/// delivered one after the other; a delegate may call the dispatcher.
+class KEL_OEM_EXPORT LinuxDispatcher : public OEMDispatcher
+{
+public:
+    struct Interface
+    {
+        std::string name;
+        std::string ip;
+    };
+
+    struct LogEntry
+    {
+        std::string name;
+        std::string protocol;
+        std::string ip;
+        unsigned short port;
+    };
+
+    ~LinuxDispatcher() override;
+
+    ResponseBindingPtr bindResponse(
+        const Poco::AbstractDelegate<AddServiceDiscoveryInterfacePayload>& delegate) override;
+    ResponseBindingPtr bindResponse(
+        const Poco::AbstractDelegate<RemoveServiceDiscoveryInterfacePayload>& delegate) override;
+    void callLogEvent(char const* name, char const* protocol, char const* ip, unsigned short port) override;
+
+    /// The interfaces that stand reported, in the order in which they were reported.
+    std::vector<Interface> interfaces() const;
+
+    /// The newest entries of the event memory, oldest first, at most `maxLogEntries` of them.
+    std::vector<LogEntry> logEntries() const;
+    static constexpr std::size_t maxLogEntries = 1000;
+
+protected:
+    LinuxDispatcher();
+
+    void reportAdded(const std::string& name, const std::string& ip);
+    void reportRemoved(const std::string& name, const std::string& ip);
+
+private:
+    struct State;
+    std::shared_ptr<State> m_state;  // shared with the bindings, which may outlive the dispatcher
+};
+
+}  // namespace OEMInterface

@@ -1,0 +1,7 @@
+#pragma once
+
+/// The whole of libKELOEMInterfaceLib: the dispatcher's interface and the Linux edition's two dispatchers.
+
+#include <KELOEMInterfaceLib/ManualDispatcher.h>
+#include <KELOEMInterfaceLib/NetlinkDispatcher.h>
+#include <KELOEMInterfaceLib/OEMDispatcherCalls.h>

@@ -1,0 +1,135 @@
+#include <KELOEMInterfaceLib/LinuxDispatcher.h>
+#include <KELUtilLib/Logging.h>
+
+#include <Poco/BasicEvent.h>
+
+#include <algorithm>
+#include <deque>
+#include <mutex>
+
+namespace OEMInterface {
+
+ResponseBinding::~ResponseBinding() = default;
+OEMDispatcherAsyncCallDefinitions::~OEMDispatcherAsyncCallDefinitions() = default;
+OEMDispatcherSyncCallDefinitions::~OEMDispatcherSyncCallDefinitions() = default;
+
+struct LinuxDispatcher::State
+{
+    Poco::BasicEvent<AddServiceDiscoveryInterfacePayload> added;
+    Poco::BasicEvent<RemoveServiceDiscoveryInterfacePayload> removed;
+
+    // Held while a report is delivered, so that reports keep their order and a new binding misses none.
+    std::recursive_mutex delivery;
+    std::vector<Interface> interfaces;
+
+    mutable std::mutex eventMemoryMutex;
+    std::deque<LogEntry> eventMemory;
+};
+
+namespace {
+
+template <class Payload>
+Payload makePayload(const std::string& name, const std::string& ip)
+{
+    return Payload{{name.c_str(), ip.c_str()}};
+}
+
+/// Holds one delegate on one of the dispatcher's events. Taking it off waits for a delivery to it to end.
+template <class State, class Payload>
+class EventBinding : public ResponseBinding
+{
+public:
+    using Event = Poco::BasicEvent<Payload>;
+
+    EventBinding(std::shared_ptr<State> state, Event& event, const Poco::AbstractDelegate<Payload>& delegate)
+        : m_state(std::move(state))
+        , m_event(event)
+        , m_handle(event.add(delegate))
+    {}
+
+    ~EventBinding() override { m_event.remove(m_handle); }
+
+private:
+    const std::shared_ptr<State> m_state;  // keeps the event alive
+    Event& m_event;
+    const typename Event::DelegateHandle m_handle;
+};
+
+}  // namespace
+
+LinuxDispatcher::LinuxDispatcher() : m_state(std::make_shared<State>()) {}
+
+LinuxDispatcher::~LinuxDispatcher() = default;
+
+ResponseBindingPtr LinuxDispatcher::bindResponse(
+    const Poco::AbstractDelegate<AddServiceDiscoveryInterfacePayload>& delegate)
+{
+    const std::lock_guard<std::recursive_mutex> lock(m_state->delivery);
+    ResponseBindingPtr binding =
+        new EventBinding<State, AddServiceDiscoveryInterfacePayload>(m_state, m_state->added, delegate);
+
+    const std::unique_ptr<Poco::AbstractDelegate<AddServiceDiscoveryInterfacePayload>> copy(delegate.clone());
+    for (const Interface& standing : interfaces()) {
+        auto payload = makePayload<AddServiceDiscoveryInterfacePayload>(standing.name, standing.ip);
+        copy->notify(this, payload);
+    }
+    return binding;
+}
+
+ResponseBindingPtr LinuxDispatcher::bindResponse(
+    const Poco::AbstractDelegate<RemoveServiceDiscoveryInterfacePayload>& delegate)
+{
+    return new EventBinding<State, RemoveServiceDiscoveryInterfacePayload>(m_state, m_state->removed,
+                                                                           delegate);
+}
+
+void LinuxDispatcher::callLogEvent(char const* name, char const* protocol, char const* ip,
+                                   unsigned short port)
+{
+    {
+        Logging::LogStream log(Logging::Log::Logger(), Poco::Message::PRIO_NOTICE);
+        log.addDefaultOutput(__FILE__, __LINE__);
+        log << "Notice: Event memory: " << protocol << " service \"" << name << "\" @ [" << ip << "]:" << port
+            << '\n';
+    }
+    const std::lock_guard<std::mutex> lock(m_state->eventMemoryMutex);
+    m_state->eventMemory.push_back({name, protocol, ip, port});
+    if (m_state->eventMemory.size() > maxLogEntries)
+        m_state->eventMemory.pop_front();
+}
+
+std::vector<LinuxDispatcher::Interface> LinuxDispatcher::interfaces() const
+{
+    const std::lock_guard<std::recursive_mutex> lock(m_state->delivery);
+    return m_state->interfaces;
+}
+
+std::vector<LinuxDispatcher::LogEntry> LinuxDispatcher::logEntries() const
+{
+    const std::lock_guard<std::mutex> lock(m_state->eventMemoryMutex);
+    return {m_state->eventMemory.begin(), m_state->eventMemory.end()};
+}
+
+void LinuxDispatcher::reportAdded(const std::string& name, const std::string& ip)
+{
+    const std::lock_guard<std::recursive_mutex> lock(m_state->delivery);
+    m_state->interfaces.push_back({name, ip});
+    auto payload = makePayload<AddServiceDiscoveryInterfacePayload>(name, ip);
+    m_state->added.notify(this, payload);
+}
+
+void LinuxDispatcher::reportRemoved(const std::string& name, const std::string& ip)
+{
+    const std::lock_guard<std::recursive_mutex> lock(m_state->delivery);
+    auto& standing = m_state->interfaces;
+    const bool all = ip == "::";
+    standing.erase(std::remove_if(standing.begin(), standing.end(),
+                                  [&](const Interface& interface) {
+                                      return all || (interface.name == name && interface.ip == ip);
+                                  }),
+                   standing.end());
+    auto payload = makePayload<RemoveServiceDiscoveryInterfacePayload>(name, ip);
+    m_state->removed.notify(this, payload);
+}
+
+}  // namespace OEMInterface

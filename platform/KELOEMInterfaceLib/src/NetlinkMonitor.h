@@ -1,0 +1,42 @@
+#pragma once
+
+#include "InterfaceSelection.h"
+
+#include <memory>
+
+struct nl_cache;
+struct nl_cache_mngr;
+
+namespace OEMInterface {
+
+/// The kernel's links and IPv6 addresses, kept up to date by its notifications. Not thread-safe.
+class NetlinkMonitor
+{
+public:
+    /// Reads all links and addresses. Throws Poco::IOException when netlink cannot be used.
+    NetlinkMonitor();
+
+    /// Readable when the kernel has something new to tell.
+    int descriptor() const;
+
+    /// Takes in what the kernel has told. When it told more than the socket could hold, everything is read
+    /// anew. Throws Poco::IOException when that fails.
+    void update();
+
+    /// The links that may serve service discovery, with their IPv6 addresses.
+    Links links() const;
+
+private:
+    struct Closer
+    {
+        void operator()(nl_cache_mngr* manager) const;
+    };
+
+    void open();
+
+    std::unique_ptr<nl_cache_mngr, Closer> m_manager;  // owns the caches
+    nl_cache* m_links = nullptr;
+    nl_cache* m_addresses = nullptr;
+};
+
+}  // namespace OEMInterface

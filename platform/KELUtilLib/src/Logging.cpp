@@ -1,0 +1,45 @@
+#include <KELUtilLib/Logging.h>
+
+namespace Logging {
+
+Poco::Logger& Log::Logger()
+{
+    static Poco::Logger& logger = Poco::Logger::get("Nubo");
+    return logger;
+}
+
+bool Log::IsLogLevelActive(Poco::Message::Priority priority)
+{
+    return Logger().is(priority);
+}
+
+LogStream::LogStream(Poco::Logger& logger, Poco::Message::Priority priority)
+    : m_logger(logger)
+    , m_priority(priority)
+{}
+
+LogStream::~LogStream()
+{
+    try {
+        std::string text = str();
+        if (!text.empty() && text.back() == '\n')
+            text.pop_back();
+        Poco::Message message(m_logger.name(), text, m_priority);
+        if (m_file) {
+            message.setSourceFile(m_file);
+            message.setSourceLine(m_line);
+        }
+        m_logger.log(message);
+    }
+    catch (...) {
+        // A log that cannot be written must not end the thread that tells of something else.
+    }
+}
+
+void LogStream::addDefaultOutput(char const* file, int line)
+{
+    m_file = file;
+    m_line = line;
+}
+
+}  // namespace Logging
