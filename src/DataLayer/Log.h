@@ -1,0 +1,61 @@
+#pragma once
+
+#include <KELUtilLib/Logging.h>
+
+#include <string>
+
+/// Opens a line of the log; what is streamed into it follows the level word, and the line ends by itself:
+///
+///     SD_LOG(Error) << "SDRequestHandler - failed to handle Entry #" << number << '.';
+///
+/// When the level is off, nothing to the right is evaluated.
+#define SD_LOG(LEVEL)                                                                                \
+    !::Nubo::ServiceDiscovery::isLogged(::Nubo::ServiceDiscovery::LogLevel::LEVEL)                   \
+        ? static_cast<void>(0)                                                                       \
+        : ::Nubo::ServiceDiscovery::LogLine::Sink() &                                                \
+              ::Nubo::ServiceDiscovery::LogLine(::Nubo::ServiceDiscovery::LogLevel::LEVEL, __FILE__, \
+                                                __LINE__)                                            \
+                  .stream()
+
+namespace Nubo::ServiceDiscovery {
+
+enum class LogLevel
+{
+    Error = Poco::Message::PRIO_ERROR,
+    Warning = Poco::Message::PRIO_WARNING,
+    Notice = Poco::Message::PRIO_NOTICE,
+    Debug = Poco::Message::PRIO_DEBUG,
+    Trace = Poco::Message::PRIO_TRACE
+};
+
+inline bool isLogged(LogLevel level)
+{
+    return Logging::Log::IsLogLevelActive(static_cast<Poco::Message::Priority>(level));
+}
+
+/// One line of the log, written when the object ends. Use SD_LOG.
+class LogLine
+{
+public:
+    /// Gives both branches of SD_LOG the same type.
+    struct Sink
+    {
+        void operator&(std::ostream&) const {}
+    };
+
+    LogLine(LogLevel level, const char* file, int line);
+    ~LogLine();
+
+    LogLine(const LogLine&) = delete;
+    LogLine& operator=(const LogLine&) = delete;
+
+    std::ostream& stream() { return m_stream; }
+
+private:
+    Logging::LogStream m_stream;
+};
+
+/// What the exception says that is being handled; to be called from a catch block.
+std::string currentExceptionText();
+
+}  // namespace Nubo::ServiceDiscovery

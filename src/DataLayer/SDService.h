@@ -1,0 +1,197 @@
+#pragma once
+
+#include "DataLayer/ServiceDiscovery_Types.h"
+#include "Export.h"
+
+#include <Poco/Clock.h>
+#include <Poco/Net/IPAddress.h>
+#include <Poco/SharedPtr.h>
+
+#include <cstdint>
+#include <iosfwd>
+#include <string>
+#include <vector>
+
+namespace Nubo::ServiceDiscovery {
+
+class SOME_IP_SD_Entry_Service;
+class SOME_IP_SD_Option_Configuration;
+class SOME_IP_SD_Option_IPv6;
+
+/// The web-interface view of a service: what a registry hands in, and what it gets in every event. A plain
+/// value; a copy shares nothing with its source. Nothing is checked here: a service is checked when it is
+/// added.
+class KEL_SD_EXPORT NuboServiceDescription
+{
+public:
+    /// Empty texts and lists, address "::", port 0, protocol TCP.
+    NuboServiceDescription();
+
+    const std::string& getName() const { return m_name; }
+    void setName(const std::string& name) { m_name = name; }
+
+    /// Semantic versions "[~]major.minor.patch"; major 0 to 255.
+    const std::vector<std::string>& getVersions() const { return m_versions; }
+    void addVersion(const std::string& version) { m_versions.push_back(version); }
+
+    const std::vector<std::string>& getCategories() const { return m_categories; }
+    void addCategory(const std::string& category) { m_categories.push_back(category); }
+
+    /// IPv6 address of the endpoint.
+    const Poco::Net::IPAddress& getIpAddress() const { return m_ip6Address; }
+    void setIpAddress(const Poco::Net::IPAddress& address) { m_ip6Address = address; }
+    /// The same as text, without brackets.
+    std::string getIpAddressString() const { return m_ip6Address.toString(); }
+
+    /// Port of the endpoint. Services on ports 47000 to 49151 are seen on link-local interfaces only.
+    unsigned short getPort() const { return m_ip6Port; }
+    void setPort(unsigned short port) { m_ip6Port = port; }
+
+    OptionL4Protocol::L4Protocol_t getL4Proto() const { return m_l4Proto; }
+    void setL4Proto(OptionL4Protocol::L4Protocol_t protocol) { m_l4Proto = protocol; }
+
+    /// The registry's own identifier of the service.
+    const std::string& getLocalUuid() const { return m_localUuid; }
+    void setLocalUuid(const std::string& localUuid) { m_localUuid = localUuid; }
+
+    const std::string& getUri() const { return m_uri; }
+    void setUri(const std::string& uri) { m_uri = uri; }
+
+    /// "http://[address]:port/name/", with the texts as given.
+    static std::string generateUri(const std::string& name, const std::string& ipAddress,
+                                   unsigned short port);
+    /// The same from this description's own name, address and port.
+    std::string generateUri() const;
+
+private:
+    std::string m_name;
+    std::vector<std::string> m_versions;
+    std::vector<std::string> m_categories;
+    Poco::Net::IPAddress m_ip6Address;
+    std::uint16_t m_ip6Port = 0;
+    OptionL4Protocol::L4Protocol_t m_l4Proto = OptionL4Protocol::TCP;
+    std::string m_localUuid;
+    std::string m_uri;
+};
+
+/// The record of one service inside the engine: the description and its SOME/IP-SD identity, its role, the
+/// phase it is in and its deadline. Records are shared by Ptr and guarded by the lock of the state machine
+/// that holds them.
+class SDService
+{
+public:
+    using Ptr = Poco::SharedPtr<SDService>;
+
+    /// Role of a record.
+    struct Type
+    {
+        enum Type_t : std::uint32_t
+        {
+            NONE = 0,        ///< no role yet
+            WANTED = 1,      ///< looked for by the registry, sent as FIND
+            ANNOUNCED = 2,   ///< a local service, sent as OFFER
+            DISCOVERED = 3,  ///< learnt from another unit
+            ANY = 4          ///< wildcard, in matching only
+        };
+    };
+
+    /// Phase of a record.
+    struct State
+    {
+        enum State_t : std::uint32_t
+        {
+            ONCE = 0,
+            INITIAL_WAIT_PHASE = 1,
+            REPETITION_PHASE = 2,
+            MAIN_PHASE = 3,
+            SHUTDOWN_PHASE = 4,
+            REMOVED = 5
+        };
+    };
+
+    static constexpr unsigned int defaultTTL = 120;  ///< seconds
+
+    /// A record of the registry's service: versions and configuration pairs come from the description.
+    /// Throws Poco::InvalidArgumentException, after an error line, when its versions cannot be used.
+    explicit SDService(const NuboServiceDescription& description);
+
+    /// Every field as given; nothing is checked. `ttl` in seconds.
+    SDService(const NuboServiceDescription& description, unsigned int ttl, unsigned short serviceID,
+              unsigned short instanceID, unsigned char majorVersion, unsigned int minorVersion,
+              const ConfigurationPairs& configuration, Type::Type_t type);
+
+    /// A record that identifies a service by its name alone. Its deadline has passed from the start.
+    explicit SDService(const std::string& name);
+
+    /// A record of a received offer. Its instance ID is 0, whatever the entry carried: the state machine
+    /// numbers what it discovers. Throws Poco::InvalidArgumentException, after an error line, when one of
+    /// the three is invalid or the configuration lacks a name or a version.
+    SDService(const SOME_IP_SD_Entry_Service& entry, const SOME_IP_SD_Option_IPv6& ipv6,
+              const SOME_IP_SD_Option_Configuration& configuration);
+
+    const NuboServiceDescription& getNuboDescription() const { return m_description; }
+    void setNuboDescription(const NuboServiceDescription& description) { m_description = description; }
+    void setLocalUuid(const std::string& localUuid) { m_description.setLocalUuid(localUuid); }
+
+    Type::Type_t getType() const { return m_type; }
+    void setType(Type::Type_t type) { m_type = type; }
+
+    State::State_t getState() const { return m_state; }
+    /// A change of phase restarts the count of sends; setting the same phase again changes nothing.
+    void setState(const State::State_t& state);
+
+    /// Number of sends made in the current phase; wraps at 256.
+    std::uint8_t getRepetitionRun() const { return m_repetitionRun; }
+    void incrementRepetitionRun() { ++m_repetitionRun; }
+    void resetRepetitionRun() { m_repetitionRun = 0; }
+
+    /// Time-to-live in seconds.
+    unsigned int getTTL() const { return m_TTL; }
+    /// Sets the time-to-live and moves the deadline to that many seconds from now.
+    void setTTL(unsigned int ttl);
+    /// Whether the deadline has come.
+    bool isTTLElapsed() const;
+
+    unsigned short getServiceId() const { return m_serviceID; }
+    void setServiceId(unsigned short serviceID) { m_serviceID = serviceID; }
+
+    unsigned short getInstanceId() const { return m_instanceID; }
+    void setInstanceId(unsigned short instanceID) { m_instanceID = instanceID; }
+
+    std::uint8_t getMajorVersion() const { return m_majorVersion; }
+    /// The same widened, so that it prints as a number.
+    unsigned int getMajorVersion_AsUnsigned() const { return m_majorVersion; }
+    void setMajorVersion(unsigned char majorVersion) { m_majorVersion = majorVersion; }
+
+    unsigned int getMinorVersion() const { return m_minorVersion; }
+    void setMinorVersion(unsigned int minorVersion) { m_minorVersion = minorVersion; }
+
+    const ConfigurationPairs& getConfiguration() const { return m_configuration; }
+    void setConfiguration(const ConfigurationPairs& configuration) { m_configuration = configuration; }
+
+private:
+    void fromNuboServiceDescription(const NuboServiceDescription& description);
+    void fromSOMEIP(const SOME_IP_SD_Entry_Service& entry, const SOME_IP_SD_Option_IPv6& ipv6,
+                    const SOME_IP_SD_Option_Configuration& configuration);
+    void addVersion(const std::string& name, const std::string& version);
+    void addFixedPairs(const std::string& name);
+    bool addPair(const std::string& key, const std::string& value);
+
+    NuboServiceDescription m_description;
+    std::uint32_t m_TTL = defaultTTL;
+    std::uint16_t m_serviceID = SOME_IP_SD_Types::EntryValues::ServiceID_Non_SOMEIP_SD;
+    std::uint16_t m_instanceID = 0;
+    std::uint8_t m_majorVersion = 0;
+    std::uint32_t m_minorVersion = 0;
+    ConfigurationPairs m_configuration;
+    Type::Type_t m_type = Type::NONE;
+    State::State_t m_state = State::INITIAL_WAIT_PHASE;
+    std::uint8_t m_repetitionRun = 0;
+    Poco::Clock m_timeoutTimestamp;
+};
+
+/// The name of the value; "UNKNOWN 0x" and the number in the stream's base for any other.
+std::ostream& operator<<(std::ostream& stream, SDService::Type::Type_t type);
+std::ostream& operator<<(std::ostream& stream, SDService::State::State_t state);
+
+}  // namespace Nubo::ServiceDiscovery

@@ -1,0 +1,373 @@
+#include "DataLayer/SOME_IP_SD/SOME_IP_SD.h"
+
+#include "DataLayer/Log.h"
+#include "DataLayer/SOME_IP_SD/SOME_IP_SD_Entry_Eventgroup.h"
+#include "DataLayer/SOME_IP_SD/SOME_IP_SD_Entry_Service.h"
+#include "DataLayer/SOME_IP_SD/SOME_IP_SD_Option_Configuration.h"
+#include "DataLayer/SOME_IP_SD/SOME_IP_SD_Option_IPv4.h"
+#include "DataLayer/SOME_IP_SD/SOME_IP_SD_Option_IPv6.h"
+#include "DataLayer/SOME_IP_SD/SOME_IP_SD_Option_LoadBalancing.h"
+#include "DataLayer/WireStream.h"
+
+#include <algorithm>
+#include <limits>
+#include <sstream>
+
+namespace Nubo::ServiceDiscovery {
+
+namespace {
+
+constexpr std::size_t fixedSize = 12;             // flags, reserved, the two array lengths
+constexpr std::streamsize upToEntries = 8;        // flags, reserved, length of the entries array
+constexpr std::streamsize optionsLengthSize = 4;  // length of the options array
+constexpr std::streamsize optionLengthAndTypeSize = 3;
+
+template <class Element>
+bool isSet(const Element& element)
+{
+    return !element.isNull();
+}
+
+template <class Element>
+bool isValidElement(const Element& element)
+{
+    return isSet(element) && element->isValid();
+}
+
+/// The words about the two kinds of array in log lines.
+struct ArrayWords
+{
+    const char* operation;
+    const char* element;
+    const char* elements;
+};
+
+constexpr ArrayWords entryWords{"addEntry", "Entry", "Entries"};
+constexpr ArrayWords optionWords{"addOption", "Option", "Options"};
+
+template <class Element>
+bool addElement(const ArrayWords& words, std::vector<Element>& array, std::uint32_t& length,
+                const Element& element, bool acceptInvalid)
+{
+    if (!isSet(element) || (!acceptInvalid && !element->isValid())) {
+        SD_LOG(Error) << words.operation << ": failed due to invalid " << words.element;
+        return false;
+    }
+    const std::uint64_t consolidated = std::uint64_t{length} + element->getSize();
+    if (consolidated > std::numeric_limits<std::uint32_t>::max()) {
+        SD_LOG(Error) << words.operation << ": failed due to too many " << words.elements
+                      << ", consolidated length '" << consolidated << "' exceeds length field!";
+        return false;
+    }
+    array.push_back(element);
+    length = static_cast<std::uint32_t>(consolidated);
+    return true;
+}
+
+/// Whether an object has the class that belongs to its type byte, and whether the type is known at all.
+enum class TypeFit
+{
+    Fits,
+    Mismatch,
+    Unknown
+};
+
+template <class Class, class Base>
+TypeFit fitOf(const Base& object)
+{
+    return dynamic_cast<const Class*>(&object) ? TypeFit::Fits : TypeFit::Mismatch;
+}
+
+TypeFit typeFit(const SOME_IP_SD_Entry& entry)
+{
+    switch (entry.getType()) {
+        case EntryType::FIND_SERVICE:
+        case EntryType::OFFER_SERVICE:
+            return fitOf<SOME_IP_SD_Entry_Service>(entry);
+        case EntryType::SUBSCRIBE:
+        case EntryType::SUBSCRIBE_ACK:
+            return fitOf<SOME_IP_SD_Entry_Eventgroup>(entry);
+        case EntryType::INVALID:
+            break;
+    }
+    return TypeFit::Unknown;
+}
+
+TypeFit typeFit(const SOME_IP_SD_Option& option)
+{
+    switch (option.getType()) {
+        case OptionType::CONFIGURATION:
+            return fitOf<SOME_IP_SD_Option_Configuration>(option);
+        case OptionType::LOAD_BALANCING:
+            return fitOf<SOME_IP_SD_Option_LoadBalancing>(option);
+        case OptionType::IP4_ENDPOINT:
+        case OptionType::IP4_MULTICAST:
+        case OptionType::IP4_SD_ENDPOINT:
+            return fitOf<SOME_IP_SD_Option_IPv4>(option);
+        case OptionType::IP6_ENDPOINT:
+        case OptionType::IP6_MULTICAST:
+        case OptionType::IP6_SD_ENDPOINT:
+            return fitOf<SOME_IP_SD_Option_IPv6>(option);
+        case OptionType::NONE:
+            break;
+    }
+    return TypeFit::Unknown;
+}
+
+template <class Element>
+void serialiseArray(std::ostream& stream, const ArrayWords& words, const std::vector<Element>& array)
+{
+    for (const Element& element : array) {
+        if (!isSet(element)) {
+            SD_LOG(Error) << "Failed to serialise " << words.element << " due to unknown type (nullptr)!";
+            continue;
+        }
+        switch (typeFit(*element)) {
+            case TypeFit::Fits:
+                stream << *element;
+                break;
+            case TypeFit::Mismatch:
+                SD_LOG(Error) << "Failed to serialise " << words.element
+                              << " due to type<>implementation mismatch, type='" << +element->getType()
+                              << "'";
+                break;
+            case TypeFit::Unknown:
+                SD_LOG(Error) << "Failed to serialise " << words.element << " due to unknown type '"
+                              << +element->getType() << "'";
+                break;
+        }
+    }
+}
+
+/// Whether the stream can be read on; logs what is wrong otherwise.
+bool isReadable(const std::istream& stream, const ArrayWords& words, std::streamsize done)
+{
+    if (stream.good())
+        return true;
+    SD_LOG(Error) << "Failed to deserialise " << words.elements << " due to "
+                  << (stream.eof() ? "prematurely reading EOF" : "failed reading of inputstream")
+                  << " after ~'" << done << "' Byte(s) of " << words.elements << "!";
+    return false;
+}
+
+SOME_IP_SD_Entry::Ptr makeReceivedEntry(EntryType::Type_t type)
+{
+    switch (type) {
+        case EntryType::FIND_SERVICE:
+        case EntryType::OFFER_SERVICE:
+            return new SOME_IP_SD_Entry_Service(type);
+        case EntryType::SUBSCRIBE:
+        case EntryType::SUBSCRIBE_ACK:
+            return new SOME_IP_SD_Entry_Eventgroup(type);
+        case EntryType::INVALID:
+            break;
+    }
+    return nullptr;
+}
+
+}  // namespace
+
+SOME_IP_SD::SOME_IP_SD(SOME_IP_SD_Types::MetaData* metaData, std::uint8_t flags)
+    : m_metaData(metaData)
+    , m_valid(metaData != nullptr)
+    , m_flags(flags)
+{
+    if (!metaData)
+        SD_LOG(Error) << "SOME_IP_SD: received nullptr as metaData!";
+}
+
+bool SOME_IP_SD::areArraysValid() const
+{
+    return std::all_of(m_entries.begin(), m_entries.end(), isValidElement<SOME_IP_SD_Entry::Ptr>) &&
+           std::all_of(m_options.begin(), m_options.end(), isValidElement<SOME_IP_SD_Option::Ptr>);
+}
+
+bool SOME_IP_SD::addEntry(const SOME_IP_SD_Entry::Ptr& entry, bool acceptInvalid)
+{
+    return addElement(entryWords, m_entries, m_lengthEntries, entry, acceptInvalid);
+}
+
+bool SOME_IP_SD::addOption(const SOME_IP_SD_Option::Ptr& option, bool acceptInvalid)
+{
+    return addElement(optionWords, m_options, m_lengthOptions, option, acceptInvalid);
+}
+
+std::size_t SOME_IP_SD::getSize() const
+{
+    return fixedSize + m_lengthEntries + m_lengthOptions;
+}
+
+std::streamsize SOME_IP_SD::bytesLeft() const
+{
+    return m_metaData ? std::max<std::streamsize>(m_metaData->remainingPacketLength, 0) : 0;
+}
+
+std::string SOME_IP_SD::toString(unsigned int indent) const
+{
+    const std::string tabs(indent, '\t');
+    std::ostringstream text;
+    text << tabs << "SOME/IP-SD: Flags(0x" << std::hex << +m_flags << "), Reserved(0x" << m_reserved00
+         << std::dec << "), EntriesLength(" << m_lengthEntries << "), OptionsLength(" << m_lengthOptions
+         << ")";
+    for (const auto& entry : m_entries)
+        text << '\n' << (isSet(entry) ? entry->toString(indent + 1) : tabs + "\t<nullptr>");
+    for (const auto& option : m_options)
+        text << '\n' << (isSet(option) ? option->toString(indent + 1) : tabs + "\t<nullptr>");
+    return text.str();
+}
+
+std::ostream& operator<<(std::ostream& stream, const SOME_IP_SD& payload)
+{
+    WireWriter writer(stream);
+    writer << payload.m_flags;
+    writer.write24(payload.m_reserved00);
+    writer << payload.m_lengthEntries;
+    serialiseEntries(stream, payload);
+    writer << payload.m_lengthOptions;
+    serialiseOptions(stream, payload);
+    writer.checkWritten("SOME_IP_SD payload", static_cast<std::streamoff>(payload.getSize()));
+    return stream;
+}
+
+void serialiseEntries(std::ostream& stream, const SOME_IP_SD& payload)
+{
+    serialiseArray(stream, entryWords, payload.getEntries());
+}
+
+void serialiseOptions(std::ostream& stream, const SOME_IP_SD& payload)
+{
+    serialiseArray(stream, optionWords, payload.getOptions());
+}
+
+std::istream& operator>>(std::istream& stream, SOME_IP_SD& payload)
+{
+    payload.m_entries.clear();
+    payload.m_options.clear();
+    payload.m_lengthOptions = 0;
+
+    bool error = payload.m_metaData == nullptr;
+    WireReader reader(stream);
+    reader >> payload.m_flags;
+    reader.readFormatted24(payload.m_reserved00);
+    reader >> payload.m_lengthEntries;
+    if (payload.m_metaData)
+        payload.m_metaData->remainingPacketLength -= upToEntries;
+
+    std::streamsize elements = deserialiseEntries(stream, payload, error);
+    if (!error) {
+        reader >> payload.m_lengthOptions;
+        payload.m_metaData->remainingPacketLength -= optionsLengthSize;
+        elements += deserialiseOptions(stream, payload, error);
+    }
+
+    const std::streamsize read = reader.count() + elements;
+    if (read != static_cast<std::streamsize>(payload.getSize())) {
+        error = true;  // what follows would be read out of step
+        SD_LOG(Error) << "SOME_IP_SD header size>=" << payload.getSize()
+                      << " read by deserialisation and length fields contain '" << payload.m_lengthEntries
+                      << "|" << payload.m_lengthOptions << "' (Entries|Options)!";
+    }
+    if (error)
+        payload.makeInvalid();
+    return stream;
+}
+
+std::streamsize deserialiseEntries(std::istream& stream, SOME_IP_SD& payload, bool& error)
+{
+    constexpr std::streamsize entrySize = SOME_IP_SD_Entry::EntrySize();
+    const std::streamsize length = payload.m_lengthEntries;
+    if (length % entrySize != 0) {
+        SD_LOG(Error) << "SOME_IP_SD header length of entries '" << length
+                      << "' not a multiple of expected size '" << entrySize << "'";
+        error = true;
+        return 0;
+    }
+    if (length > payload.bytesLeft()) {
+        SD_LOG(Error) << "SOME_IP_SD header length of entries error '" << length << "' expected, but only "
+                      << payload.bytesLeft() << " Bytes left!";
+        error = true;
+        return 0;
+    }
+
+    std::streamsize done = 0;
+    while (done < length) {
+        std::uint8_t type = 0;
+        WireReader reader(stream);
+        reader >> type;
+        SOME_IP_SD_Entry::Ptr entry = makeReceivedEntry(static_cast<EntryType::Type_t>(type));
+        if (isSet(entry)) {
+            stream >> *entry;
+            payload.m_entries.push_back(entry);
+        }
+        else if (stream.good()) {
+            SD_LOG(Error) << "Failed to deserialise Entry due to unknown type 0x'" << std::hex << +type
+                          << std::dec << "' @ Byte '" << done << "', trying to skip to next Entry!";
+            reader.skip(entrySize - 1);
+        }
+        if (!isReadable(stream, entryWords, done)) {
+            error = true;
+            break;
+        }
+        done += entrySize;
+    }
+    if (done != length) {
+        SD_LOG(Error) << "Entry deserialisation read '" << done << "', but expected only '" << length
+                      << "' Bytes!";
+        error = true;
+    }
+    return done;
+}
+
+std::streamsize deserialiseOptions(std::istream& stream, SOME_IP_SD& payload, bool& error)
+{
+    // The metadata counts the entries array among what is left.
+    const std::streamsize left = std::max<std::streamsize>(payload.bytesLeft() - payload.m_lengthEntries, 0);
+    const std::streamsize length = payload.m_lengthOptions;
+    if (length > left) {
+        SD_LOG(Error) << "SOME_IP_SD header length of options error '" << length << "' expected, but only "
+                      << left << " Bytes left!";
+        error = true;
+        return 0;
+    }
+
+    std::streamsize done = 0;
+    while (length - done > optionLengthAndTypeSize) {
+        std::uint16_t optionLength = 0;
+        std::uint8_t typeByte = 0;
+        WireReader reader(stream);
+        reader >> optionLength >> typeByte;
+        const std::streamsize size = optionLengthAndTypeSize + optionLength;
+        if (optionLength == 0 || size > length - done)
+            break;
+
+        const auto type = static_cast<OptionType::Type_t>(typeByte);
+        SOME_IP_SD_Option::Ptr option = SOME_IP_SD_Option::makeReceived(type, optionLength);
+        payload.m_options.push_back(option);
+        const std::streamsize fixed = SOME_IP_SD_Option::shortestLength(type);
+        if (option->getType() == OptionType::NONE) {
+            SD_LOG(Error) << "Failed to deserialise Option due to unknown type 0x'" << std::hex << +typeByte
+                          << "'! (Adding placeholder instead.)";
+            reader.skip(optionLength);
+        }
+        else {
+            stream >> *option;
+            if (type != OptionType::CONFIGURATION && optionLength > fixed)
+                reader.skip(optionLength - fixed);
+        }
+        if (!isReadable(stream, optionWords, done)) {
+            error = true;
+            break;
+        }
+        if (optionLength < fixed)
+            break;  // the option's fields went into what follows it
+        done += size;
+    }
+    if (done != length) {
+        SD_LOG(Error) << "Option deserialisation read '" << done << "', but expected '" << length
+                      << "' Bytes!";
+        error = true;
+    }
+    return done;
+}
+
+}  // namespace Nubo::ServiceDiscovery

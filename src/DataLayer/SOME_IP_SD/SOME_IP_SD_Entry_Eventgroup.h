@@ -1,0 +1,36 @@
+#pragma once
+
+#include "DataLayer/SOME_IP_SD/SOME_IP_SD_Entry.h"
+
+namespace Nubo::ServiceDiscovery {
+
+class SOME_IP_SD_Entry_Eventgroup_Pimpl;
+
+/// Entry that subscribes to an eventgroup, or answers that. Its last four bytes: one reserved byte, one
+/// with the initial data request flag (bit 7) and the counter (bits 3 to 0), and the eventgroup ID (2).
+class SOME_IP_SD_Entry_Eventgroup : public SOME_IP_SD_Entry
+{
+public:
+    using Ptr = Poco::SharedPtr<SOME_IP_SD_Entry_Eventgroup>;
+
+    /// An entry to be filled by reading. `type` is SUBSCRIBE or SUBSCRIBE_ACK; any other is an error in the
+    /// log and an invalid entry.
+    explicit SOME_IP_SD_Entry_Eventgroup(EntryType::Type_t type);
+    /// `counter` is at most 15; a larger one is an error in the log and an invalid entry.
+    SOME_IP_SD_Entry_Eventgroup(const CommonFields& fields, bool initialDataRequest, std::uint8_t counter,
+                                std::uint16_t eventgroupID);
+
+    bool getInitialDataRequest() const;
+    std::uint8_t getCounter() const;
+    std::uint16_t getEventgroupID() const;
+
+    bool setInitialDataRequest(bool initialDataRequest);
+    /// False, after an error line, for a value above 15; the entry stays as it was.
+    bool setCounter(std::uint8_t counter);
+    bool setEventgroupID(std::uint16_t eventgroupID);
+
+private:
+    SOME_IP_SD_Entry_Eventgroup_Pimpl* const m_thisImplementation;
+};
+
+}  // namespace Nubo::ServiceDiscovery

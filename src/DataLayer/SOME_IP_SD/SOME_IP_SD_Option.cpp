@@ -1,0 +1,158 @@
+#include "DataLayer/SOME_IP_SD/SOME_IP_SD_Option.h"
+
+#include "DataLayer/Log.h"
+#include "DataLayer/SOME_IP_SD/SOME_IP_SD_Option_Configuration.h"
+#include "DataLayer/SOME_IP_SD/SOME_IP_SD_Option_IPv4.h"
+#include "DataLayer/SOME_IP_SD/SOME_IP_SD_Option_IPv6.h"
+#include "DataLayer/SOME_IP_SD/SOME_IP_SD_Option_LoadBalancing.h"
+#include "DataLayer/SOME_IP_SD/SOME_IP_SD_Option_Pimpl.h"
+#include "DataLayer/SOME_IP_SD/SOME_IP_SD_Option_Placeholder.h"
+#include "DataLayer/WireStream.h"
+
+#include <sstream>
+
+namespace Nubo::ServiceDiscovery {
+
+using SOME_IP_SD_Types::OptionLength;
+
+namespace {
+
+constexpr std::uint32_t lengthAndTypeSize = 3;
+constexpr std::streamsize commonSize = 4;
+
+SOME_IP_SD_Option* makeEmpty(OptionType::Type_t type, std::uint16_t length)
+{
+    switch (type) {
+        case OptionType::CONFIGURATION:
+            return new SOME_IP_SD_Option_Configuration(length);
+        case OptionType::LOAD_BALANCING:
+            return new SOME_IP_SD_Option_LoadBalancing;
+        case OptionType::IP4_ENDPOINT:
+        case OptionType::IP4_MULTICAST:
+        case OptionType::IP4_SD_ENDPOINT:
+            return new SOME_IP_SD_Option_IPv4(type);
+        case OptionType::IP6_ENDPOINT:
+        case OptionType::IP6_MULTICAST:
+        case OptionType::IP6_SD_ENDPOINT:
+            return new SOME_IP_SD_Option_IPv6(type);
+        case OptionType::NONE:
+            break;
+    }
+    return new SOME_IP_SD_Option_Placeholder(length);
+}
+
+}  // namespace
+
+SOME_IP_SD_Option_Pimpl::SOME_IP_SD_Option_Pimpl(OptionType::Type_t type, std::uint16_t length)
+    : m_length(length)
+    , m_type(type)
+{}
+
+SOME_IP_SD_Option_Pimpl::~SOME_IP_SD_Option_Pimpl() = default;
+
+std::ostream& SOME_IP_SD_Option_Pimpl::serialise(std::ostream& stream) const
+{
+    WireWriter writer(stream);
+    writer << m_length << static_cast<std::uint8_t>(m_type) << m_reserved00;
+    writer.checkWritten("SOME_IP_SD_Option", commonSize);
+    return stream;
+}
+
+std::streamsize SOME_IP_SD_Option_Pimpl::deserialise(std::istream& stream)
+{
+    constexpr std::streamsize reservedSize = 1;
+    WireReader reader(stream);
+    reader >> m_reserved00;
+    if (reader.count() != reservedSize) {
+        SD_LOG(Error) << "SOME_IP_SD_Option size=" << reservedSize << ", but " << reader.count()
+                      << " read by deserialisation";
+        setValid(false);
+    }
+    return reader.count();
+}
+
+SOME_IP_SD_Option::SOME_IP_SD_Option(SOME_IP_SD_Option_Pimpl* implementation)
+    : m_implementation(implementation)
+{
+    if (!implementation)
+        SD_LOG(Error) << "SOME_IP_SD_Option::SOME_IP_SD_Option: given Implementation is nullptr!";
+}
+
+SOME_IP_SD_Option::~SOME_IP_SD_Option() = default;
+
+bool SOME_IP_SD_Option::isValid() const
+{
+    return m_implementation && m_implementation->isValid();
+}
+
+OptionType::Type_t SOME_IP_SD_Option::getType() const
+{
+    return m_implementation ? m_implementation->getType() : OptionType::NONE;
+}
+
+std::uint16_t SOME_IP_SD_Option::getLength() const
+{
+    return m_implementation ? m_implementation->getLength() : std::uint16_t{0};
+}
+
+std::uint32_t SOME_IP_SD_Option::getSize() const
+{
+    return getLength() + lengthAndTypeSize;
+}
+
+void SOME_IP_SD_Option::setLength(std::uint16_t length)
+{
+    if (m_implementation)
+        m_implementation->setLength(length);
+}
+
+std::string SOME_IP_SD_Option::toString(unsigned int indent) const
+{
+    std::ostringstream text;
+    text << std::string(indent, '\t')
+         << (m_implementation ? m_implementation->kind() : "<UNKNOWN OPTION TYPE>");
+    if (m_implementation)
+        m_implementation->printSpecific(text);
+    return text.str();
+}
+
+SOME_IP_SD_Option::Ptr SOME_IP_SD_Option::makeReceived(OptionType::Type_t type, std::uint16_t length)
+{
+    Ptr option = makeEmpty(type, length);
+    option->setLength(length);
+    return option;
+}
+
+std::uint16_t SOME_IP_SD_Option::shortestLength(OptionType::Type_t type)
+{
+    switch (type) {
+        case OptionType::LOAD_BALANCING:
+            return OptionLength::LOAD_BALANCING;
+        case OptionType::IP4_ENDPOINT:
+        case OptionType::IP4_MULTICAST:
+        case OptionType::IP4_SD_ENDPOINT:
+            return OptionLength::IP4;
+        case OptionType::IP6_ENDPOINT:
+        case OptionType::IP6_MULTICAST:
+        case OptionType::IP6_SD_ENDPOINT:
+            return OptionLength::IP6;
+        case OptionType::CONFIGURATION:
+        case OptionType::NONE:
+            break;
+    }
+    return OptionLength::MIN;
+}
+
+std::ostream& operator<<(std::ostream& stream, const SOME_IP_SD_Option& option)
+{
+    return option.m_implementation ? option.m_implementation->serialise(stream) : stream;
+}
+
+std::istream& operator>>(std::istream& stream, SOME_IP_SD_Option& option)
+{
+    if (option.m_implementation)
+        option.m_implementation->deserialise(stream);
+    return stream;
+}
+
+}  // namespace Nubo::ServiceDiscovery

@@ -1,0 +1,371 @@
+#include "DataLayer/SOME_IP_SD/SOME_IP_SD_Option_Configuration.h"
+
+#include "DataLayer/SOME_IP_SD/ConstructionCheck.h"
+#include "DataLayer/SOME_IP_SD/SOME_IP_SD_Option_Configuration_Pimpl.h"
+#include "DataLayer/WireStream.h"
+
+#include <Poco/Exception.h>
+
+#include <algorithm>
+#include <cstring>
+#include <new>
+#include <ostream>
+
+namespace Nubo::ServiceDiscovery {
+
+using SOME_IP_SD_Types::OptionKeywords;
+using SOME_IP_SD_Types::OptionLength;
+
+namespace {
+
+constexpr std::uint8_t lowestCharacter = 0x20;
+constexpr std::uint8_t highestCharacter = 0x7e;
+constexpr std::size_t longestSubstring = 255;
+constexpr std::uint32_t longestOption = 65535;
+
+const char* asChars(const std::uint8_t* bytes)
+{
+    return reinterpret_cast<const char*>(bytes);
+}
+
+const std::uint8_t* asBytes(const std::string& text)
+{
+    return reinterpret_cast<const std::uint8_t*>(text.data());
+}
+
+/// Streams a character as it is and as "0x" and its hexadecimal value.
+struct QuotedCharacter
+{
+    std::uint8_t value;
+
+    friend std::ostream& operator<<(std::ostream& stream, QuotedCharacter character)
+    {
+        return stream << "'" << static_cast<char>(character.value) << "' = 0x" << std::hex
+                      << +character.value;
+    }
+};
+
+/// Whether a text can stand as the key or the value of a pair.
+bool isPartOfPair(const std::string& text)
+{
+    return text.size() <= longestSubstring &&
+           SOME_IP_SD_Option_Configuration_Pimpl::isValidSubstring(
+               asBytes(text), static_cast<std::uint8_t>(text.size()), nullptr) &&
+           text.find('=') == std::string::npos;
+}
+
+}  // namespace
+
+SOME_IP_SD_Option_Configuration_Pimpl::SOME_IP_SD_Option_Configuration_Pimpl(std::uint16_t length)
+    : SOME_IP_SD_Option_Pimpl(OptionType::CONFIGURATION, length)
+{
+    setValid(false);
+}
+
+SOME_IP_SD_Option_Configuration_Pimpl::SOME_IP_SD_Option_Configuration_Pimpl(const std::uint8_t* string,
+                                                                             std::uint16_t length)
+    : SOME_IP_SD_Option_Pimpl(OptionType::CONFIGURATION, static_cast<std::uint16_t>(length + 1))
+{
+    setValid(initFromString(string, length));
+}
+
+SOME_IP_SD_Option_Configuration_Pimpl::SOME_IP_SD_Option_Configuration_Pimpl(const ConfigurationPairs& pairs)
+    : SOME_IP_SD_Option_Pimpl(OptionType::CONFIGURATION, OptionLength::MIN)
+{
+    setValid(initFromPairs(pairs));
+}
+
+SOME_IP_SD_Option_Configuration_Pimpl::~SOME_IP_SD_Option_Configuration_Pimpl() = default;
+
+std::ostream& SOME_IP_SD_Option_Configuration_Pimpl::serialise(std::ostream& stream) const
+{
+    SOME_IP_SD_Option_Pimpl::serialise(stream);
+    WireWriter writer(stream);
+    if (m_configurationString)
+        writer.writeBytes(string(), std::strlen(asChars(string())));
+    writer << std::uint8_t{0};
+    writer.checkWritten("SOME_IP_SD_Option_Configuration", specificSize());
+    return stream;
+}
+
+std::streamsize SOME_IP_SD_Option_Configuration_Pimpl::deserialise(std::istream& stream)
+{
+    SOME_IP_SD_Option_Pimpl::deserialise(stream);
+    const std::uint16_t n = stringLength();
+    if (getLength() < OptionLength::MIN + 1) {
+        SD_LOG(Error) << "SOME_IP_SD_Configuration_Option string length '" << n
+                      << "' found during deserialisation, exceeds length field of Option!";
+        return 0;
+    }
+
+    const std::size_t withTerminator = std::size_t{n} + 1;
+    m_configurationString.reset(new (std::nothrow) std::uint8_t[withTerminator]());
+    if (!m_configurationString) {
+        SD_LOG(Error) << "deserialise: failed, allocation of m_configurationString returned nullptr!";
+        WireReader(stream).skip(specificSize());
+        return specificSize();
+    }
+
+    // Read whole, so that the stream is at the option's end whatever the string holds.
+    WireReader reader(stream);
+    reader.readBytes(m_configurationString.get(), withTerminator);
+    m_configurationString[n] = 0;  // kept for compatibility: the terminator's value is not looked at
+    const auto upToZero = static_cast<std::streamsize>(std::strlen(asChars(string()))) + 1;
+    const std::streamsize consumed = std::min(upToZero, reader.count());
+    if (consumed != specificSize()) {
+        SD_LOG(Error) << "SOME_IP_SD_Configuration_Option size=" << specificSize() << ", but " << consumed
+                      << " read by deserialisation!";
+        return consumed;
+    }
+
+    setValid(initFromString(string(), n));
+    if (!isValid())
+        SD_LOG(Error)
+            << "SOME_IP_SD_Configuration_Option failed to parse Configuration during deserialisation!";
+    return consumed;
+}
+
+const char* SOME_IP_SD_Option_Configuration_Pimpl::kind() const
+{
+    return "Configuration Option: ";
+}
+
+void SOME_IP_SD_Option_Configuration_Pimpl::printSpecific(std::ostream& stream) const
+{
+    if (m_configurationString)
+        stream << prettyPrintConfigString(string(), std::uint32_t{stringLength()} + 1);
+}
+
+bool SOME_IP_SD_Option_Configuration_Pimpl::isValidSubstring(const std::uint8_t* s, std::uint8_t n,
+                                                             std::uint8_t* equalsPosition)
+{
+    std::uint8_t equals = 0;  // position 0 can never hold "="
+    for (std::uint8_t i = 0; s && i < n; ++i) {
+        const std::uint8_t c = s[i];
+        if (c == 0x00) {
+            SD_LOG(Error) << "isValidSubstring: given string is '0' terminated!";
+            return false;
+        }
+        if (c < lowestCharacter || c > highestCharacter) {
+            SD_LOG(Error) << "isValidSubstring: given string contains out-of-range character "
+                          << QuotedCharacter{c} << std::hex << " [0x" << +lowestCharacter << ",0x"
+                          << +highestCharacter << "]!";
+            return false;
+        }
+        if (i == 0 && (c == ' ' || c == '=')) {
+            SD_LOG(Error) << "isValidSubstring: given string starts with forbidden character "
+                          << QuotedCharacter{c} << "!";
+            return false;
+        }
+        if (c == '=') {
+            if (equals != 0) {
+                // Kept for compatibility: the positions stand as one raw byte each.
+                SD_LOG(Error) << "isValidSubstring: given string contains at least two '=' signs, first at "
+                              << equals << ", second at " << i << "!";
+                return false;
+            }
+            equals = i;
+        }
+    }
+    if (equalsPosition)
+        *equalsPosition = equals;
+    return true;
+}
+
+bool SOME_IP_SD_Option_Configuration_Pimpl::initFromString(const std::uint8_t* s, std::uint16_t length)
+{
+    if (!s) {
+        SD_LOG(Error) << "initFromString: Option cannot be initialised with nullptr!";
+        return false;
+    }
+    if ((m_configurationString && s != string()) || !m_configurationPairs.empty()) {
+        SD_LOG(Error) << "initFromString: Option is already initialised!";
+        return false;
+    }
+    if (s[length] != 0 || (length > 0 && s[length - 1] == 0)) {
+        SD_LOG(Error) << "initFromString: input string not 0-terminated or length mismatch!";
+        return false;
+    }
+
+    for (std::size_t position = 0; position < length;) {
+        const std::uint8_t n = s[position];
+        const std::uint8_t* characters = s + position + 1;
+        if (position + 1 + n > length) {
+            SD_LOG(Error)
+                << "initFromString: input string substring lengths don't add up to given overall length!";
+            return false;
+        }
+        const std::string substring(asChars(characters), n);
+        std::uint8_t equals = 0;
+        if (n == 0 || !isValidSubstring(characters, n, &equals)) {
+            SD_LOG(Error) << "initFromString: found invalid substring: '" << substring << "'!";
+            return false;
+        }
+        if (!insertSubstring(substring, equals))
+            return false;
+        position += std::size_t{1} + n;
+    }
+    return s == string() || copyConfigurationString(s, length);
+}
+
+bool SOME_IP_SD_Option_Configuration_Pimpl::insertSubstring(const std::string& substring, std::uint8_t equals)
+{
+    if (equals == 0) {
+        if (substring == OptionKeywords::NonSOME_IP_ServiceName) {
+            SD_LOG(Error) << "initFromString: Error while parsing input string, keyword '" << substring
+                          << "' is not allowed to be empty!";
+            return false;
+        }
+        m_configurationPairs.emplace(substring, std::string());
+        return true;
+    }
+    m_configurationPairs.emplace(substring.substr(0, equals), substring.substr(equals + 1u));
+    return true;
+}
+
+bool SOME_IP_SD_Option_Configuration_Pimpl::initFromPairs(const ConfigurationPairs& pairs)
+{
+    if (m_configurationString || !m_configurationPairs.empty()) {
+        SD_LOG(Error) << "initFromPairs: Option is already initialised!";
+        return false;
+    }
+
+    std::string built;
+    for (const auto& [key, value] : pairs) {
+        if (key.empty() || !isPartOfPair(key)) {
+            SD_LOG(Error) << "initFromPairs: invalid Configuration-key detected: '" << key << "'!";
+            return false;
+        }
+        if (!isPartOfPair(value)) {
+            SD_LOG(Error) << "initFromPairs: invalid Configuration-value detected: '" << value << "'!";
+            return false;
+        }
+        const std::size_t length = value.empty() ? key.size() : key.size() + 1 + value.size();
+        if (length > longestSubstring) {
+            SD_LOG(Error) << "initFromPairs: detected too long Configuration-pair, length of '" << length
+                          << "' exceeds per substring length field!";
+            return false;
+        }
+        built += static_cast<char>(length);
+        built += key;
+        if (!value.empty()) {
+            built += '=';
+            built += value;
+        }
+    }
+
+    const bool copied = copyConfigurationString(asBytes(built), static_cast<std::uint32_t>(built.size()));
+    m_configurationPairs = pairs;
+    return copied;
+}
+
+bool SOME_IP_SD_Option_Configuration_Pimpl::copyConfigurationString(const std::uint8_t* s,
+                                                                    std::uint32_t length)
+{
+    if (m_configurationString) {
+        SD_LOG(Warning) << "copyConfigurationString: failed to set, m_configurationString is not a nullptr!";
+        return false;
+    }
+    const bool fits = length + 2 <= longestOption;
+    if (!fits)
+        SD_LOG(Error) << "copyConfigurationString: generated Configuration-string is too long, length of '"
+                      << length + 1 << "' exceeds Option length field!";
+
+    setLength(static_cast<std::uint16_t>(length + 2));
+    m_configurationString.reset(new (std::nothrow) std::uint8_t[std::size_t{length} + 1]());
+    if (!m_configurationString) {
+        SD_LOG(Error) << "copyConfigurationString: failed to set, allocation of m_configurationString "
+                         "returned nullptr!";
+        return false;
+    }
+    std::copy_n(s, length, m_configurationString.get());
+    return fits;
+}
+
+namespace {
+
+void throwFault(const std::string& fault)
+{
+    if (!fault.empty())
+        throw Poco::Exception(fault);
+}
+
+}  // namespace
+
+SOME_IP_SD_Option_Configuration::SOME_IP_SD_Option_Configuration(std::uint16_t length)
+    : SOME_IP_SD_Option(new SOME_IP_SD_Option_Configuration_Pimpl(length))
+    , m_thisImplementation(dynamic_cast<SOME_IP_SD_Option_Configuration_Pimpl*>(implementation()))
+{
+    throwFault(faultOfEmpty("Configuration Option", isValid(), m_thisImplementation != nullptr));
+}
+
+SOME_IP_SD_Option_Configuration::SOME_IP_SD_Option_Configuration(const std::uint8_t* string,
+                                                                 std::uint16_t length)
+    : SOME_IP_SD_Option(new SOME_IP_SD_Option_Configuration_Pimpl(string, length))
+    , m_thisImplementation(dynamic_cast<SOME_IP_SD_Option_Configuration_Pimpl*>(implementation()))
+{
+    throwFault(faultOfValues("String ", "Configuration-Option", isValid(), m_thisImplementation != nullptr));
+}
+
+SOME_IP_SD_Option_Configuration::SOME_IP_SD_Option_Configuration(const ConfigurationPairs& pairs)
+    : SOME_IP_SD_Option(new SOME_IP_SD_Option_Configuration_Pimpl(pairs))
+    , m_thisImplementation(dynamic_cast<SOME_IP_SD_Option_Configuration_Pimpl*>(implementation()))
+{
+    throwFault(faultOfValues("Pair ", "Configuration-Option", isValid(), m_thisImplementation != nullptr));
+}
+
+const std::uint8_t* SOME_IP_SD_Option_Configuration::getConfigurationString() const
+{
+    return m_thisImplementation->string();
+}
+
+std::uint16_t SOME_IP_SD_Option_Configuration::getConfigurationStringLength() const
+{
+    return m_thisImplementation->stringLength();
+}
+
+const ConfigurationPairs& SOME_IP_SD_Option_Configuration::getConfigurationPairs() const
+{
+    return m_thisImplementation->pairs();
+}
+
+void SOME_IP_SD_Option_Configuration::getAllValues(const std::string& key,
+                                                   std::vector<std::string>& values) const
+{
+    extractAllValues(getConfigurationPairs(), key, values);
+}
+
+void SOME_IP_SD_Option_Configuration::extractAllValues(const ConfigurationPairs& pairs,
+                                                       const std::string& key,
+                                                       std::vector<std::string>& values)
+{
+    const auto [first, last] = pairs.equal_range(key);
+    std::transform(first, last, std::back_inserter(values), [](const auto& pair) { return pair.second; });
+}
+
+ConfigurationPairs::const_iterator SOME_IP_SD_Option_Configuration::findFirstPair(
+    const ConfigurationPairs& pairs, const std::string& key, const std::vector<std::string>& acceptedValues)
+{
+    const auto [first, last] = pairs.equal_range(key);
+    const auto found = std::find_if(first, last, [&](const auto& pair) {
+        return std::find(acceptedValues.begin(), acceptedValues.end(), pair.second) != acceptedValues.end();
+    });
+    return found == last ? pairs.end() : found;
+}
+
+std::string prettyPrintConfigString(const std::uint8_t* string, std::uint32_t length)
+{
+    std::string text;
+    std::uint32_t position = 0;
+    while (string && position < length && string[position] != 0) {
+        const std::uint32_t n = std::min<std::uint32_t>(string[position], length - position - 1);
+        text += '[' + std::to_string(string[position]) + ']';
+        text.append(asChars(string + position + 1), n);
+        position += 1 + n;
+    }
+    if (string && position < length)
+        text += "[0]";
+    return text;
+}
+
+}  // namespace Nubo::ServiceDiscovery

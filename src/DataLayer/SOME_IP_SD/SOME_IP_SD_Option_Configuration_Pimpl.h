@@ -1,0 +1,52 @@
+#pragma once
+
+#include "DataLayer/SOME_IP_SD/SOME_IP_SD_Option_Pimpl.h"
+
+#include <memory>
+
+namespace Nubo::ServiceDiscovery {
+
+/// The data of a configuration option and the work on its bytes. It is initialised once: from a string,
+/// from pairs, or by reading.
+class SOME_IP_SD_Option_Configuration_Pimpl : public SOME_IP_SD_Option_Pimpl
+{
+public:
+    explicit SOME_IP_SD_Option_Configuration_Pimpl(std::uint16_t length);
+    SOME_IP_SD_Option_Configuration_Pimpl(const std::uint8_t* string, std::uint16_t length);
+    explicit SOME_IP_SD_Option_Configuration_Pimpl(const ConfigurationPairs& pairs);
+    ~SOME_IP_SD_Option_Configuration_Pimpl() override;
+
+    std::ostream& serialise(std::ostream& stream) const override;
+
+    /// Leaves the stream at the end of the option whatever it finds.
+    std::streamsize deserialise(std::istream& stream) override;
+
+    const char* kind() const override;
+    void printSpecific(std::ostream& stream) const override;
+
+    const std::uint8_t* string() const { return m_configurationString.get(); }
+    std::uint16_t stringLength() const { return static_cast<std::uint16_t>(getLength() - 2); }
+    const ConfigurationPairs& pairs() const { return m_configurationPairs; }
+
+    /// Checks the `n` characters of one text and tells where its "=" is (0: there is none). Nothing at all
+    /// is fine: callers guard the lengths themselves.
+    static bool isValidSubstring(const std::uint8_t* s, std::uint8_t n, std::uint8_t* equalsPosition);
+
+    /// Parses a string of `length` bytes that a zero byte follows, and keeps a copy of it. Pairs found
+    /// before a fault stay.
+    bool initFromString(const std::uint8_t* s, std::uint16_t length);
+
+    bool initFromPairs(const ConfigurationPairs& pairs);
+
+    /// Keeps a copy of `length` bytes and sets the length field to them. False when they exceed the
+    /// length field, which then has wrapped.
+    bool copyConfigurationString(const std::uint8_t* s, std::uint32_t length);
+
+private:
+    bool insertSubstring(const std::string& substring, std::uint8_t equals);
+
+    ConfigurationPairs m_configurationPairs;
+    std::unique_ptr<std::uint8_t[]> m_configurationString;
+};
+
+}  // namespace Nubo::ServiceDiscovery

@@ -1,0 +1,18 @@
+#pragma once
+
+#include "DataLayer/SOME_IP_SD/SOME_IP_SD_Option_Endpoint.h"
+
+namespace Nubo::ServiceDiscovery {
+
+/// IPv6 endpoint, multicast or SD endpoint option. A scope has no place on the wire.
+class SOME_IP_SD_Option_IPv6 : public EndpointOption<IPv6Family>
+{
+public:
+    using Ptr = Poco::SharedPtr<SOME_IP_SD_Option_IPv6>;
+    using EndpointOption::EndpointOption;
+
+    /// The 16 bytes of an IPv6 address in network order; empty for an address of another family.
+    static std::string toByteStream(const Poco::Net::IPAddress& address);
+};
+
+}  // namespace Nubo::ServiceDiscovery

@@ -1,0 +1,4 @@
+#pragma once
+
+/// Marks what libKELServiceDiscoveryLib exports.
+#define KEL_SD_EXPORT __attribute__((visibility("default")))
