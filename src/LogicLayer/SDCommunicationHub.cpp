@@ -1,0 +1,601 @@
+#include "LogicLayer/SDCommunicationHub.h"
+
+#include "DataLayer/Log.h"
+#include "DataLayer/SDClock.h"
+#include "DataLayer/SOME_IP_SD/SOME_IP_SD_Entry_Service.h"
+#include "DataLayer/SOME_IP_SD/SOME_IP_SD_Option_Configuration.h"
+#include "DataLayer/SOME_IP_SD/SOME_IP_SD_Option_IPv4.h"
+#include "DataLayer/SOME_IP_SD/SOME_IP_SD_Option_IPv6.h"
+#include "DataLayer/SOME_IP_SD/SOME_IP_SD_Option_LoadBalancing.h"
+#include "ServiceDiscovery.h"
+
+#include <KELOEMInterfaceLib/OEMDispatcher.h>
+#include <KELUtilLib/ApplicationServices.h>
+
+#include <Poco/Any.h>
+#include <Poco/Delegate.h>
+#include <Poco/Exception.h>
+#include <Poco/String.h>
+
+#include <algorithm>
+
+namespace Nubo::ServiceDiscovery {
+
+using SOME_IP_SD_Types::OptionKeywords;
+using Event = SDStateMachine::ExternalEvent;
+using Type = SDService::Type;
+
+namespace {
+
+constexpr auto discoveryGroup = "ff14::4:0";
+constexpr std::uint16_t discoveryPort = 30491;
+constexpr int preallocatedBlocks = 5;
+constexpr int unlimitedBlocks = 0;
+
+// How long stop() waits for the request handler, and how often it wakes it meanwhile, in milliseconds.
+constexpr long handlerJoinTime = 1000;
+constexpr long handlerWakeInterval = 20;
+
+constexpr Poco::Clock::ClockDiff dropReportInterval = 1000000;  // microseconds
+
+Poco::SharedPtr<OEMInterface::OEMDispatcher> findDispatcher()
+{
+    Poco::Any found;
+    if (!ApplicationServices::getLocator().find(&typeid(OEMInterface::OEMDispatcher), found))
+        throw Poco::Exception("Can not start MulticastReceiver, OEM-Dispatcher is not available!");
+    return Poco::AnyCast<Poco::SharedPtr<OEMInterface::OEMDispatcher>>(found);
+}
+
+std::string toText(const SOME_IP_SD_Header::EntryData& data)
+{
+    std::string text = data.entry.isNull() ? "<no Entry>" : data.entry->toString(0);
+    for (const auto& option : data.options)
+        text += ", " + option->toString(0);
+    return text;
+}
+
+/// Puts the option into `slot` if it has the slot's class; a later one replaces an earlier one.
+template <class Option>
+bool take(const SOME_IP_SD_Option::Ptr& option, Poco::SharedPtr<Option>& slot)
+{
+    const Poco::SharedPtr<Option> candidate = option.cast<Option>();
+    if (candidate.isNull())
+        return false;
+    slot = candidate;
+    return true;
+}
+
+template <class... Options>
+std::size_t countSet(const Poco::SharedPtr<Options>&... slots)
+{
+    return (std::size_t{0} + ... + (slots.isNull() ? 0u : 1u));
+}
+
+SOME_IP_SD_Entry_Service::Ptr makeEntry(const SDService& service, EntryType::Type_t type)
+{
+    SOME_IP_SD_Entry::CommonFields fields;
+    fields.type = type;
+    fields.serviceID = service.getServiceId();
+    fields.instanceID = service.getInstanceId();
+    fields.majorVersion = service.getMajorVersion();
+    fields.ttl = service.getTTL();
+    return new SOME_IP_SD_Entry_Service(fields, service.getMinorVersion());
+}
+
+SOME_IP_SD_Option::Ptr makeEndpoint(const NuboServiceDescription& description)
+{
+    const Poco::Net::IPAddress& ip = description.getIpAddress();
+    // From the bytes: a text would bring a scope along, which need not exist any more.
+    if (ip.family() == Poco::Net::IPAddress::IPv6)
+        return new SOME_IP_SD_Option_IPv6(OptionType::IP6_ENDPOINT,
+                                          static_cast<const std::uint8_t*>(ip.addr()), description.getPort(),
+                                          description.getL4Proto());
+    return new SOME_IP_SD_Option_IPv6(OptionType::IP6_ENDPOINT, ip.toString(), description.getPort(),
+                                      description.getL4Proto());
+}
+
+void require(bool added)
+{
+    if (!added)
+        throw Poco::InvalidArgumentException();
+}
+
+/// The packet that offers a service of this unit or finds a wanted one. Its session ID is still to be set.
+SOME_IP_SD_Header makePacket(const SDService& service, Type::Type_t type)
+{
+    try {
+        SOME_IP_SD_Header packet(0);
+        SOME_IP_SD_Option::Ptr configuration;
+        std::uint8_t configurationIndex = 0;
+        SOME_IP_SD_Entry_Service::Ptr entry;
+        switch (type) {
+            case Type::ANNOUNCED:
+            case Type::DISCOVERED:
+                entry = makeEntry(service, EntryType::OFFER_SERVICE);
+                require(packet.addEntry(entry, false));
+                entry->setFstOptionRun({0, 1});
+                require(packet.addOption(makeEndpoint(service.getNuboDescription()), false));
+                configurationIndex = 1;
+                break;
+            case Type::WANTED:
+                entry = makeEntry(service, EntryType::FIND_SERVICE);
+                require(packet.addEntry(entry, false));
+                break;
+            case Type::NONE:
+            case Type::ANY:
+                throw Poco::InvalidArgumentException();
+        }
+        // The configuration is always the entry's second run, whether there is a first or not.
+        entry->setSndOptionRun({configurationIndex, 1});
+        require(packet.addOption(new SOME_IP_SD_Option_Configuration(service.getConfiguration()), false));
+        return packet;
+    }
+    catch (const Poco::Exception& exception) {
+        SD_LOG(Error) << "Failed to create SD packet - " << exception.what();
+        throw Poco::RuntimeException("Failed to create SD packet");
+    }
+}
+
+}  // namespace
+
+SDCommunicationHub::SDCommunicationHub(ServiceDiscovery& serviceDiscovery)
+    : m_serviceDiscovery(serviceDiscovery)
+    , m_statemachine(*this)
+    , m_bufferPool(Multicast::MulticastSender::getMTU(), preallocatedBlocks, unlimitedBlocks)
+    , m_sender(*this, discoveryGroup, discoveryPort)
+    , m_receiver(*this, discoveryGroup, discoveryPort)
+    , m_requestHandler(m_requestHandlerQueue)
+{
+    auto dispatcher = findDispatcher();
+    // Removals first: an interface that goes while the standing ones are being reported must not be missed.
+    m_multicastRemoveIfBinding =
+        dispatcher->bindResponse(Poco::delegate(this, &SDCommunicationHub::onInterfaceRemoved));
+    m_multicastAddIfBinding =
+        dispatcher->bindResponse(Poco::delegate(this, &SDCommunicationHub::onInterfaceAdded));
+
+    m_receiver.MulticastMessageReceived += Poco::delegate(this, &SDCommunicationHub::onMessageReceived);
+    m_requestHandler.OfferService += Poco::delegate(this, &SDCommunicationHub::onOfferServiceReceived);
+    m_requestHandler.FindService += Poco::delegate(this, &SDCommunicationHub::onFindServiceReceived);
+}
+
+SDCommunicationHub::~SDCommunicationHub()
+{
+    m_multicastAddIfBinding.reset();
+    m_multicastRemoveIfBinding.reset();
+    if (m_running)
+        stop();
+    // A subscriber may hold the thread up for longer than stop() waits; the parts must outlive it.
+    while (m_requestHandlerThread)
+        stopRequestHandler();
+
+    m_receiver.MulticastMessageReceived -= Poco::delegate(this, &SDCommunicationHub::onMessageReceived);
+    m_requestHandler.OfferService -= Poco::delegate(this, &SDCommunicationHub::onOfferServiceReceived);
+    m_requestHandler.FindService -= Poco::delegate(this, &SDCommunicationHub::onFindServiceReceived);
+}
+
+bool SDCommunicationHub::start(const Poco::Net::IPAddress& localAddress)
+{
+    Poco::FastMutex::ScopedLock lock(m_lifecycleMutex);
+    SD_LOG(Debug) << "SDCommunicationHub::start";
+    if (m_running)
+        return true;
+    m_sender.init(localAddress);
+    if (!m_receiver.start())
+        return false;
+    if (!startRequestHandler()) {
+        m_receiver.stop();
+        return false;
+    }
+    m_running = true;
+    joinReportedInterfaces();
+    m_statemachine.start();
+    return true;
+}
+
+void SDCommunicationHub::stop()
+{
+    Poco::FastMutex::ScopedLock lock(m_lifecycleMutex);
+    SD_LOG(Debug) << "SDCommunicationHub::stop";
+    if (!m_running)
+        return;
+    stopRequestHandler();
+    m_receiver.stop();
+    m_statemachine.stop();
+    m_running = false;
+}
+
+bool SDCommunicationHub::startRequestHandler()
+{
+    if (m_requestHandlerThread) {
+        stopRequestHandler();
+        if (m_requestHandlerThread) {
+            SD_LOG(Error) << "SDCommunicationHub - a subscriber still holds up the request handler's thread.";
+            return false;
+        }
+    }
+    m_requestHandlerThread = std::make_unique<Poco::Thread>();
+    m_requestHandlerThread->start(m_requestHandler);
+    return true;
+}
+
+/// Ends the request handler's thread, unless it takes longer than handlerJoinTime; then the thread stays.
+void SDCommunicationHub::stopRequestHandler()
+{
+    for (long waited = 0; m_requestHandlerThread && waited < handlerJoinTime; waited += handlerWakeInterval) {
+        m_requestHandler.shutdown();
+        if (m_requestHandlerThread->tryJoin(handlerWakeInterval))
+            m_requestHandlerThread.reset();
+    }
+}
+
+bool SDCommunicationHub::addService(SDService::Ptr& service)
+{
+    if (!service.isNull() && !isSendable(*service, Type::ANNOUNCED))
+        return false;
+    Event event(Event::HTTP_PUT, service);
+    return m_statemachine.onExternalEvent(event);
+}
+
+bool SDCommunicationHub::findService(SDService::Ptr& service)
+{
+    if (!service.isNull() && !isSendable(*service, Type::WANTED))
+        return false;
+    Event event(Event::HTTP_GET, service);
+    return m_statemachine.onExternalEvent(event);
+}
+
+bool SDCommunicationHub::removeService(const std::string& localUuid)
+{
+    Event event(Event::HTTP_DELETE, nullptr, localUuid);
+    return m_statemachine.onExternalEvent(event);
+}
+
+/// Builds the record's packet on trial, so that a record that cannot be sent never joins those that are
+/// sent together.
+bool SDCommunicationHub::isSendable(const SDService& service, Type::Type_t type) const
+{
+    const std::string& name = service.getNuboDescription().getName();
+    if (name.empty()) {
+        SD_LOG(Error) << "SDCommunicationHub - a Service without a name cannot be put on the wire!";
+        return false;
+    }
+    try {
+        const std::size_t size = makePacket(service, type).getSize();
+        if (size <= Multicast::MulticastSender::getMTU())
+            return true;
+        SD_LOG(Error) << "SDCommunicationHub - Service \"" << name
+                      << "\" cannot be put on the wire: its packet of " << size
+                      << " Bytes exceeds the MTU of " << Multicast::MulticastSender::getMTU() << " Bytes!";
+    }
+    catch (const Poco::Exception& exception) {
+        SD_LOG(Error) << "SDCommunicationHub - Service \"" << name
+                      << "\" cannot be put on the wire: " << exception.displayText();
+    }
+    return false;
+}
+
+void SDCommunicationHub::onMessageReceived(MulticastDataPtr& msg)
+{
+    if (!msg.isNull())
+        SD_LOG(Trace) << "SDCommunicationHub::onMessageReceived - message received from "
+                      << msg->origin.toString();
+    if (msg.isNull() || msg->buffer.empty()) {
+        SD_LOG(Warning) << "SDCommunicationHub - empty message received!";
+        return;
+    }
+
+    if (m_requestHandlerQueue.size() < longestQueue)
+        m_requestHandlerQueue.enqueueNotification(new SDMessageNotification(msg));
+    else
+        ++m_dropped;
+
+    if (m_dropped != 0 && SDClock::now() >= m_nextDropReport) {
+        SD_LOG(Warning) << "SDCommunicationHub - dropped " << m_dropped << " received Message(s), "
+                        << longestQueue << " are waiting already!";
+        m_dropped = 0;
+        m_nextDropReport = SDClock::now() + dropReportInterval;
+    }
+}
+
+void SDCommunicationHub::onInterfaceAdded(OEMInterface::AddServiceDiscoveryInterfacePayload& payload)
+{
+    Poco::FastMutex::ScopedLock lock(m_reportedInterfacesMutex);
+    m_reportedInterfaces.push_back({payload.eventData.pInterfaceName, payload.eventData.pInterfaceIP});
+    m_receiver.onInterfaceAdded(payload);
+    m_sender.onInterfaceAdded(payload);
+}
+
+void SDCommunicationHub::onInterfaceRemoved(OEMInterface::RemoveServiceDiscoveryInterfacePayload& payload)
+{
+    const std::string name = payload.eventData.pInterfaceName;
+    const std::string ip = payload.eventData.pInterfaceIP;
+    Poco::FastMutex::ScopedLock lock(m_reportedInterfacesMutex);
+    m_reportedInterfaces.erase(std::remove_if(m_reportedInterfaces.begin(), m_reportedInterfaces.end(),
+                                              [&](const ReportedInterface& reported) {
+                                                  return ip == "::" ||
+                                                         (reported.name == name && reported.ip == ip);
+                                              }),
+                               m_reportedInterfaces.end());
+    m_receiver.onInterfaceRemoved(payload);
+    m_sender.onInterfaceRemoved(payload);
+}
+
+/// After a stop the receiver has left the group everywhere; the platform does not report again.
+void SDCommunicationHub::joinReportedInterfaces()
+{
+    Poco::FastMutex::ScopedLock lock(m_reportedInterfacesMutex);
+    for (const ReportedInterface& reported : m_reportedInterfaces) {
+        if (m_receiver.isJoinedOn(reported.name))
+            continue;
+        OEMInterface::AddServiceDiscoveryInterfacePayload payload{
+            {reported.name.c_str(), reported.ip.c_str()}};
+        m_receiver.onInterfaceAdded(payload);
+    }
+}
+
+void SDCommunicationHub::onFindServiceReceived(SDRequestHandler::FindServicePayload& payload)
+{
+    SD_LOG(Trace) << "onFindServiceReceived - origin(" << payload.origin.toString()
+                  << ") FindService: " << toText(payload.entryData);
+    if (payload.entryData.entry.cast<SOME_IP_SD_Entry_Service>().isNull()) {
+        SD_LOG(Error) << "Failed to handle FIND_SERVICE due to Entry being of wrong class!";
+        return;
+    }
+    SOME_IP_SD_Option_Configuration::Ptr configuration;
+    SOME_IP_SD_Option_LoadBalancing::Ptr loadBalancing;
+    if (!extractFindServiceOptions(payload.entryData.options, configuration, loadBalancing))
+        return;
+
+    std::vector<std::string> names;
+    configuration->getAllValues(OptionKeywords::NuBo_Servicename, names);
+    if (names.empty()) {
+        SD_LOG(Error) << "Failed to handle FIND_SERVICE due to missing name record in Configuration Option!";
+        return;
+    }
+    if (names.size() > 1)
+        SD_LOG(Warning)
+            << "Found multiple names while handling FIND_SERVICE Configuration Option, using first: \""
+            << names.front() << "\" !";
+    try {
+        Event event(Event::SOMEIP_FIND, new SDService(names.front()));
+        m_statemachine.onExternalEvent(event);
+        payload.result = true;
+    }
+    catch (const Poco::Exception& exception) {
+        SD_LOG(Error) << "ServiceDiscovery failed to add Service due to " << exception.displayText();
+    }
+}
+
+void SDCommunicationHub::onOfferServiceReceived(SDRequestHandler::OfferServicePayload& payload)
+{
+    SD_LOG(Trace) << "onOfferServiceReceived - origin(" << payload.origin.toString()
+                  << ")  OfferService: " << toText(payload.entryData);
+    const SOME_IP_SD_Entry_Service::Ptr entry = payload.entryData.entry.cast<SOME_IP_SD_Entry_Service>();
+    if (entry.isNull()) {
+        SD_LOG(Error) << "Failed to handle OFFER_SERVICE due to Entry being of wrong class!";
+        return;
+    }
+    SOME_IP_SD_Option_IPv4::Ptr ipv4;
+    SOME_IP_SD_Option_IPv6::Ptr ipv6;
+    SOME_IP_SD_Option_Configuration::Ptr configuration;
+    SOME_IP_SD_Option_LoadBalancing::Ptr loadBalancing;
+    if (!extractOfferServiceOptions(payload.entryData.options, ipv4, ipv6, configuration, loadBalancing))
+        return;
+
+    // Offers of other protocols on the same group are normal traffic.
+    std::vector<std::string> values;
+    configuration->getAllValues(OptionKeywords::NuBo_ApplProtocolKey, values);
+    if (values.size() != 1) {
+        SD_LOG(Debug) << "Skip processing OFFER_SERVICE due to invalid number Applicationprotocols: "
+                      << values.size();
+        return;
+    }
+    if (values.front() != OptionKeywords::NuBo_ApplProtocolValue) {
+        SD_LOG(Debug) << "Skip processing OFFER_SERVICE due to invalid Applicationprotocol: \""
+                      << values.front() << "\"!";
+        return;
+    }
+    values.clear();
+    configuration->getAllValues(OptionKeywords::NuBo_RecordVersionKey, values);
+    if (values.size() != 1) {
+        SD_LOG(Debug) << "Skip processing OFFER_SERVICE due to invalid number TXT-record versions: "
+                      << values.size();
+        return;
+    }
+    if (values.front() != OptionKeywords::NuBo_RecordVersionValue) {
+        SD_LOG(Debug) << "Skip processing OFFER_SERVICE due to invalid TXT-record version: \""
+                      << values.front() << "\"!";
+        return;
+    }
+
+    try {
+        SDService::Ptr service = new SDService(*entry, *ipv6, *configuration);
+        const Poco::Net::IPAddress& ip = service->getNuboDescription().getIpAddress();
+        if (ip.isWildcard() || ip.isLoopback()) {
+            SD_LOG(Error) << "Failed to handle OFFER_SERVICE due to invalid IP address \"" << ip.toString()
+                          << "\".";
+            return;
+        }
+        Event event(service->getTTL() == 0 ? Event::SOMEIP_STOPOFFER : Event::SOMEIP_OFFER, service);
+        m_statemachine.onExternalEvent(event);
+        payload.result = true;
+    }
+    catch (const Poco::Exception& exception) {
+        SD_LOG(Error) << "ServiceDiscovery failed to add Service due to " << exception.displayText();
+    }
+}
+
+bool SDCommunicationHub::extractOfferServiceOptions(
+    const std::vector<SOME_IP_SD_Option::Ptr>& options, Poco::SharedPtr<SOME_IP_SD_Option_IPv4>& ipv4,
+    Poco::SharedPtr<SOME_IP_SD_Option_IPv6>& ipv6, Poco::SharedPtr<SOME_IP_SD_Option_Configuration>& config,
+    Poco::SharedPtr<SOME_IP_SD_Option_LoadBalancing>& loadBalancing) const
+{
+    const std::size_t n = options.size();
+    if (n < 2 || n > 4) {
+        // Kept for compatibility: the text says 1.
+        SD_LOG(Error) << "Failed to handle OFFER_SERVICE due to invalid amount of Options: " << n
+                      << "/[1-4]!";
+        return false;
+    }
+    for (const SOME_IP_SD_Option::Ptr& option : options)
+        take(option, ipv4) || take(option, ipv6) || take(option, config) || take(option, loadBalancing);
+
+    const std::size_t found = countSet(ipv4, ipv6, config, loadBalancing);
+    if (!ipv6.isNull() && !config.isNull() && found == n)
+        return true;
+    SD_LOG(Error) << "Failed to handle OFFER_SERVICE due to invalid Option types! (Found " << found << "/"
+                  << n << " Options)";
+    SD_LOG(Trace) << "Found Options:" << (ipv4.isNull() ? "" : " IPv4 Option")
+                  << (ipv6.isNull() ? "" : " IPv6 Option") << (config.isNull() ? "" : " Configuration Option")
+                  << (loadBalancing.isNull() ? "" : " LoadBalancing Option");
+    return false;
+}
+
+bool SDCommunicationHub::extractFindServiceOptions(
+    const std::vector<SOME_IP_SD_Option::Ptr>& options,
+    Poco::SharedPtr<SOME_IP_SD_Option_Configuration>& config,
+    Poco::SharedPtr<SOME_IP_SD_Option_LoadBalancing>& loadBalancing) const
+{
+    const std::size_t n = options.size();
+    if (n < 1 || n > 2) {
+        SD_LOG(Error) << "Failed to handle FIND_SERVICE due to invalid amount of Options: " << n << "/[1-2]!";
+        return false;
+    }
+    for (const SOME_IP_SD_Option::Ptr& option : options)
+        take(option, config) || take(option, loadBalancing);
+
+    if (!config.isNull() && countSet(config, loadBalancing) == n)
+        return true;
+    SD_LOG(Error) << "Failed to handle FIND_SERVICE due to invalid Option types!";
+    return false;
+}
+
+void SDCommunicationHub::notifyServiceRegistry(ServiceDiscovery::ServiceListEventPayload& payload) const
+{
+    struct Notifying
+    {
+        explicit Notifying(std::atomic<std::thread::id>& thread) : m_thread(thread)
+        {
+            m_thread = std::this_thread::get_id();
+        }
+        ~Notifying() { m_thread = std::thread::id(); }
+
+        std::atomic<std::thread::id>& m_thread;
+    };
+    const Notifying notifying(m_notifyingThread);
+    m_serviceDiscovery.ServiceListChanged.notify(&m_serviceDiscovery, payload);
+}
+
+bool SDCommunicationHub::isNotifyingOnThisThread() const
+{
+    return m_notifyingThread.load() == std::this_thread::get_id();
+}
+
+bool SDCommunicationHub::isOwnOutgoingAddress(const Poco::Net::SocketAddress& address) const
+{
+    return m_sender.isOwnOutgoingAddress(address);
+}
+
+bool SDCommunicationHub::containsIP(const Poco::Net::NetworkInterface::AddressList& addressList,
+                                    const Poco::Net::IPAddress& ip, const std::string& interfaceName)
+{
+    const std::string plain = ip.toString();
+    // Poco writes addresses in lower case, the scope included.
+    const std::string scoped = Poco::toLower(plain + "%" + interfaceName);
+    return std::any_of(addressList.begin(), addressList.end(), [&](const auto& entry) {
+        const std::string text = entry.template get<Poco::Net::NetworkInterface::IP_ADDRESS>().toString();
+        return text == plain || text == scoped;
+    });
+}
+
+std::uint16_t SDCommunicationHub::nextSessionID()
+{
+    // 0 and 0xFFFF are never sent.
+    if (m_senderSessionID == 0xFFFF)
+        m_senderSessionID = 1;
+    return m_senderSessionID++;
+}
+
+SOME_IP_SD_Header SDCommunicationHub::createSDPacket(const SDService& service)
+{
+    SOME_IP_SD_Header packet = makePacket(service, service.getType());
+    packet.setSessionID(nextSessionID());
+    return packet;
+}
+
+void SDCommunicationHub::storeServiceInBuffer(const SDService& service, DatagramStream& stream,
+                                              Datagrams& buffers)
+{
+    const SOME_IP_SD_Header packet = createSDPacket(service);
+    const std::size_t mtu = Multicast::MulticastSender::getMTU();
+    if (packet.getSize() > mtu)
+        throw Poco::DataFormatException("SD packet exceeds the MTU");
+    const bool fits = stream && static_cast<std::size_t>(stream->charsWritten()) + packet.getSize() <= mtu;
+    if (!fits) {
+        closeDatagram(stream, buffers);
+        auto* block = static_cast<char*>(m_bufferPool.get());
+        buffers.emplace_back(block, 0);
+        stream.emplace(block, static_cast<std::streamsize>(m_bufferPool.blockSize()));
+    }
+    *stream << packet;
+}
+
+void SDCommunicationHub::closeDatagram(DatagramStream& stream, Datagrams& buffers)
+{
+    if (stream)
+        buffers.back().second = static_cast<std::size_t>(stream->charsWritten());
+    stream.reset();
+}
+
+void SDCommunicationHub::resetBuffers()
+{
+    for (Datagrams* buffers : {&m_bufferExternals, &m_bufferInternals}) {
+        for (const auto& datagram : *buffers)
+            m_bufferPool.release(datagram.first);
+        buffers->clear();
+    }
+}
+
+void SDCommunicationHub::announce(const SDService::Ptr& service)
+{
+    SD_LOG(Trace) << "SDCommunicationHub::announce(single)";
+    announce(std::vector<SDService::Ptr>{service});
+}
+
+void SDCommunicationHub::announce(const std::vector<SDService::Ptr>& services)
+{
+    SD_LOG(Trace) << "SDCommunicationHub::announce";
+    if (services.empty()) {
+        SD_LOG(Warning) << "SDCommunicationHub - received empty list to announce!";
+        return;
+    }
+
+    struct BufferReset
+    {
+        ~BufferReset() { hub.resetBuffers(); }
+        SDCommunicationHub& hub;
+    };
+    const BufferReset reset{*this};
+    try {
+        DatagramStream externals;
+        DatagramStream internals;
+        for (const SDService::Ptr& service : services) {
+            const std::uint32_t port = service->getNuboDescription().getPort();
+            const bool isInternal =
+                port >= s_internalPortRange.lowerBoundary && port <= s_internalPortRange.upperBoundary;
+            if (isInternal)
+                storeServiceInBuffer(*service, internals, m_bufferInternals);
+            else
+                storeServiceInBuffer(*service, externals, m_bufferExternals);
+        }
+        closeDatagram(externals, m_bufferExternals);
+        closeDatagram(internals, m_bufferInternals);
+        m_sender.sendMulticast(m_bufferExternals, m_bufferInternals);
+    }
+    catch (const Poco::Exception& exception) {
+        SD_LOG(Error) << "SDCommunicationHub - Exception caught while announcing services! ("
+                      << exception.displayText() << ")";
+    }
+}
+
+}  // namespace Nubo::ServiceDiscovery

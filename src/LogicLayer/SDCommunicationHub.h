@@ -1,0 +1,155 @@
+#pragma once
+
+#include "LogicLayer/SDMessageNotification.h"
+#include "LogicLayer/SDRequestHandler.h"
+#include "LogicLayer/SDStateMachine.h"
+#include "Multicast/MulticastReceiver.h"
+#include "Multicast/MulticastSender.h"
+#include "ServiceDiscovery.h"
+
+#include <KELOEMInterfaceLib/OEMDispatcherCalls.h>
+
+#include <Poco/MemoryPool.h>
+#include <Poco/MemoryStream.h>
+#include <Poco/Mutex.h>
+#include <Poco/Net/NetworkInterface.h>
+#include <Poco/NotificationQueue.h>
+#include <Poco/Thread.h>
+
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+#include <thread>
+#include <utility>
+#include <vector>
+
+namespace Nubo::ServiceDiscovery {
+
+class SOME_IP_SD_Option_Configuration;
+class SOME_IP_SD_Option_IPv4;
+class SOME_IP_SD_Option_IPv6;
+class SOME_IP_SD_Option_LoadBalancing;
+
+/// Holds the engine together: owns its parts, connects their events, turns the facade's requests and the
+/// received entries into events of the state machine, and the state machine's decisions into packets.
+class SDCommunicationHub
+{
+public:
+    using SDMessageNotification = Nubo::ServiceDiscovery::SDMessageNotification;
+
+    /// A closed range of ports.
+    struct InternalPortRange_t
+    {
+        std::uint32_t lowerBoundary;
+        std::uint32_t upperBoundary;
+    };
+
+    /// Services on these ports are announced on interfaces with link-local addresses only.
+    static constexpr InternalPortRange_t s_internalPortRange{47000, 49151};
+
+    /// At most so many received datagrams wait for the request handler; more are dropped.
+    static constexpr int longestQueue = 10000;
+
+    /// Throws Poco::Exception when the service locator has no platform dispatcher.
+    explicit SDCommunicationHub(ServiceDiscovery& serviceDiscovery);
+    virtual ~SDCommunicationHub();
+
+    SDCommunicationHub(const SDCommunicationHub&) = delete;
+    SDCommunicationHub& operator=(const SDCommunicationHub&) = delete;
+
+    /// Sends packets for one service, or for several in one go: an OFFER for a service of this unit, a FIND
+    /// for a wanted one. Not to be called by two threads at once: the state machine calls with its mutex
+    /// held.
+    virtual void announce(const SDService::Ptr& service);
+    virtual void announce(const std::vector<SDService::Ptr>& services);
+
+    /// True when the engine runs on the unit's address, now or already; false when the receiver cannot be
+    /// bound.
+    bool start(const Poco::Net::IPAddress& localAddress);
+    void stop();
+    bool isRunning() const { return m_running; }
+
+    /// Requests of the registry. False, after an error line, for a record that cannot be put on the wire.
+    bool addService(SDService::Ptr& service);
+    bool findService(SDService::Ptr& service);
+    bool removeService(const std::string& localUuid);
+
+    /// A datagram was received: queues it. Runs on the receiver's thread.
+    void onMessageReceived(MulticastDataPtr& msg);
+
+    /// An entry was received. Run on the request handler's thread.
+    void onFindServiceReceived(SDRequestHandler::FindServicePayload& payload);
+    void onOfferServiceReceived(SDRequestHandler::OfferServicePayload& payload);
+
+    /// Raises the facade's event. Called by the state machine with its mutex held.
+    void notifyServiceRegistry(ServiceDiscovery::ServiceListEventPayload& payload) const;
+    /// Whether the calling thread is in the facade's event.
+    bool isNotifyingOnThisThread() const;
+
+    /// Whether the address is that of one of this unit's sending sockets.
+    bool isOwnOutgoingAddress(const Poco::Net::SocketAddress& address) const;
+
+    /// Whether an interface's address list holds the address, with or without the interface as its scope.
+    static bool containsIP(const Poco::Net::NetworkInterface::AddressList& addressList,
+                           const Poco::Net::IPAddress& ip, const std::string& interfaceName);
+
+private:
+    /// Datagrams in pool blocks. While the last one is being filled, the stream is open over its block.
+    using Datagrams = Multicast::MulticastSender::MulticastData;
+    using DatagramStream = std::optional<Poco::MemoryOutputStream>;
+
+    struct ReportedInterface
+    {
+        std::string name;
+        std::string ip;
+    };
+
+    void onInterfaceAdded(OEMInterface::AddServiceDiscoveryInterfacePayload& payload);
+    void onInterfaceRemoved(OEMInterface::RemoveServiceDiscoveryInterfacePayload& payload);
+    void joinReportedInterfaces();
+    bool startRequestHandler();
+    void stopRequestHandler();
+
+    bool extractOfferServiceOptions(const std::vector<SOME_IP_SD_Option::Ptr>& options,
+                                    Poco::SharedPtr<SOME_IP_SD_Option_IPv4>& ipv4,
+                                    Poco::SharedPtr<SOME_IP_SD_Option_IPv6>& ipv6,
+                                    Poco::SharedPtr<SOME_IP_SD_Option_Configuration>& config,
+                                    Poco::SharedPtr<SOME_IP_SD_Option_LoadBalancing>& loadBalancing) const;
+    bool extractFindServiceOptions(const std::vector<SOME_IP_SD_Option::Ptr>& options,
+                                   Poco::SharedPtr<SOME_IP_SD_Option_Configuration>& config,
+                                   Poco::SharedPtr<SOME_IP_SD_Option_LoadBalancing>& loadBalancing) const;
+
+    bool isSendable(const SDService& service, SDService::Type::Type_t type) const;
+    SOME_IP_SD_Header createSDPacket(const SDService& service);
+    void storeServiceInBuffer(const SDService& service, DatagramStream& stream, Datagrams& buffers);
+    static void closeDatagram(DatagramStream& stream, Datagrams& buffers);
+    void resetBuffers();
+    std::uint16_t nextSessionID();
+
+    ServiceDiscovery& m_serviceDiscovery;
+    SDStateMachine m_statemachine;
+    OEMInterface::ResponseBindingPtr m_multicastAddIfBinding;
+    OEMInterface::ResponseBindingPtr m_multicastRemoveIfBinding;
+    Poco::MemoryPool m_bufferPool;
+    Datagrams m_bufferExternals;
+    Datagrams m_bufferInternals;
+    Multicast::MulticastSender m_sender;
+    Multicast::MulticastReceiver m_receiver;
+    Poco::NotificationQueue m_requestHandlerQueue;
+    SDRequestHandler m_requestHandler;
+    std::unique_ptr<Poco::Thread> m_requestHandlerThread;  // a new one for each start
+    std::atomic<bool> m_running{false};
+    std::uint16_t m_senderSessionID = 1;
+
+    Poco::FastMutex m_lifecycleMutex;  // serialises start and stop
+    Poco::FastMutex m_reportedInterfacesMutex;
+    std::vector<ReportedInterface> m_reportedInterfaces;  // the platform reports each only once
+    mutable std::atomic<std::thread::id> m_notifyingThread{};
+    std::uint64_t m_dropped = 0;  // of the receiver's thread
+    Poco::Clock m_nextDropReport;
+};
+
+}  // namespace Nubo::ServiceDiscovery

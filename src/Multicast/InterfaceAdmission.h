@@ -1,0 +1,80 @@
+#pragma once
+
+#include <Poco/Net/IPAddress.h>
+#include <Poco/Net/NetworkInterface.h>
+
+#include <array>
+#include <cstdint>
+#include <ostream>
+#include <string>
+
+/// How an interface that the platform reports is taken in and let go: the same for sending and receiving,
+/// which only differ in what they do with it and in their log lines.
+namespace Nubo::ServiceDiscovery::Multicast {
+
+/// An interface that is in use, and the unit's address on it, with the interface as scope if link-local.
+struct AdmittedInterface
+{
+    Poco::Net::NetworkInterface interface;
+    Poco::Net::IPAddress address;
+};
+
+enum class Admission
+{
+    Good,
+    NotAppropriate,  ///< no IPv6 unicast address
+    NotPresent,      ///< no such interface, or not its address
+    NoMulticast
+};
+
+/// Looks the reported interface up and checks it; on Admission::Good `admitted` is filled in.
+Admission admitInterface(const std::string& name, const std::string& ip, AdmittedInterface& admitted);
+
+/// The addresses that the interface with that index has now; none when it is gone.
+Poco::Net::NetworkInterface::AddressList currentAddresses(const Poco::Net::NetworkInterface& interface);
+
+/// Whether `address` is the address that the text names, whatever their scopes.
+bool isSameAddress(const Poco::Net::IPAddress& address, const Poco::Net::IPAddress& other);
+
+/// Whether a report of that name and address means the interface, by the addresses that it has now.
+bool isReportedInterface(const Poco::Net::NetworkInterface& interface,
+                         const Poco::Net::NetworkInterface::AddressList& addresses, const std::string& name,
+                         const Poco::Net::IPAddress& ip);
+
+/// Finds the interface that a report wants removed in `table`, an ordered map from network interface to
+/// whatever is kept of it; `addressOf` gives the address that an entry was admitted with, `noAddresses` is
+/// told of every interface on the way that has no address at present. Returns the entry or the end.
+///
+/// When none has the address now, the one of that name is meant that was admitted with it: an address is
+/// often gone before it is reported so.
+template <class Table, class AddressOf, class NoAddresses>
+auto findForRemoval(Table& table, const std::string& name, const Poco::Net::IPAddress& ip,
+                    AddressOf addressOf, NoAddresses noAddresses)
+{
+    for (auto entry = table.begin(); entry != table.end(); ++entry) {
+        const auto addresses = currentAddresses(entry->first);
+        if (addresses.empty())
+            noAddresses(entry->first);
+        else if (isReportedInterface(entry->first, addresses, name, ip))
+            return entry;
+    }
+    auto entry = table.begin();
+    while (entry != table.end() &&
+           !(entry->first.name() == name && isSameAddress(addressOf(entry->second), ip)))
+        ++entry;
+    return entry;
+}
+
+/// Streams an interface as log lines have it: "name" with IP "ip".
+struct QuotedInterface
+{
+    const std::string& name;
+    const std::string& ip;
+
+    friend std::ostream& operator<<(std::ostream& stream, const QuotedInterface& quoted)
+    {
+        return stream << "\"" << quoted.name << "\" with IP \"" << quoted.ip << "\"";
+    }
+};
+
+}  // namespace Nubo::ServiceDiscovery::Multicast

@@ -1,0 +1,308 @@
+#include "Multicast/MulticastSender.h"
+
+#include "DataLayer/Log.h"
+#include "DataLayer/SDClock.h"
+#include "DataLayer/SOME_IP_SD/SOME_IP_SD_Option_IPv6.h"
+#include "Multicast/InterfaceAdmission.h"
+
+#include <Poco/Exception.h>
+#include <Poco/Net/NetException.h>
+
+#include <algorithm>
+
+namespace Nubo::ServiceDiscovery::Multicast {
+
+using Poco::Net::IPAddress;
+using Poco::Net::MulticastSocket;
+using Poco::Net::NetworkInterface;
+using Poco::Net::SocketAddress;
+
+namespace {
+
+constexpr unsigned hopLimit = 255;
+
+/// A datagram that came back over another port has been received by then, or never will be.
+constexpr Poco::Clock::ClockDiff retirement = 5 * 1000000;  // microseconds
+
+bool isSameEndpoint(const SocketAddress& one, const SocketAddress& other)
+{
+    if (other.family() == SocketAddress::UNIX_LOCAL)
+        return one.toString() == other.toString();
+    return one.port() == other.port() && isSameAddress(one.host(), other.host());
+}
+
+}  // namespace
+
+MulticastSender::SendData::SendData(const MulticastData& list, const std::string& placeholder)
+    : packages(list)
+    , ipToReplaceNext(placeholder)
+    , offsets(list.size())
+{}
+
+MulticastSender::MulticastSender(SDCommunicationHub& /*parent*/, const std::string& groupHost,
+                                 std::uint16_t port)
+    : m_group(groupHost, port)
+    , m_interfaces(std::make_shared<InterfaceContainer>())
+{}
+
+MulticastSender::~MulticastSender() = default;
+
+bool MulticastSender::init(const IPAddress& placeholder)
+{
+    m_ipToReplace = SOME_IP_SD_Option_IPv6::toByteStream(placeholder);
+    m_initialised = !m_ipToReplace.empty();
+    return m_initialised;
+}
+
+std::shared_ptr<const MulticastSender::InterfaceContainer> MulticastSender::interfaces() const
+{
+    return std::atomic_load(&m_interfaces);
+}
+
+void MulticastSender::unsafe_replaceInterfaces(InterfaceContainer interfaces)
+{
+    std::atomic_store(&m_interfaces, std::shared_ptr<const InterfaceContainer>(
+                                         std::make_shared<InterfaceContainer>(std::move(interfaces))));
+}
+
+/// Its socket closes when the last run of sendMulticast() that knows it is over.
+void MulticastSender::unsafe_retire(const InterfaceData_t& interface)
+{
+    const Poco::Clock now = SDClock::now();
+    m_retiredAddresses.erase(
+        std::remove_if(m_retiredAddresses.begin(), m_retiredAddresses.end(),
+                       [&](const RetiredAddress& retired) { return retired.until < now; }),
+        m_retiredAddresses.end());
+    m_retiredAddresses.push_back({interface.localAddress, now + retirement});
+}
+
+void MulticastSender::onInterfaceAdded(OEMInterface::AddServiceDiscoveryInterfacePayload& payload)
+{
+    addInterface_byIP(payload.eventData.pInterfaceName, payload.eventData.pInterfaceIP);
+}
+
+void MulticastSender::onInterfaceRemoved(OEMInterface::RemoveServiceDiscoveryInterfacePayload& payload)
+{
+    removeInterface_byIP(payload.eventData.pInterfaceName, payload.eventData.pInterfaceIP);
+}
+
+void MulticastSender::addInterface_byIP(const std::string& name, const std::string& ip)
+{
+    const QuotedInterface quoted{name, ip};
+    Poco::FastMutex::ScopedLock lock(m_interfacesMutex);
+    AdmittedInterface admitted;
+    switch (admitInterface(name, ip, admitted)) {
+        case Admission::NotAppropriate:
+            SD_LOG(Warning) << "ServiceDiscovery skipped adding Interface " << quoted
+                            << " for sending: not an appropriate IP.";
+            return;
+        case Admission::NotPresent:
+            SD_LOG(Debug) << "ServiceDiscovery did not add Interface " << quoted
+                          << " for sending: not present.";
+            return;
+        case Admission::NoMulticast:
+            SD_LOG(Warning) << "ServiceDiscovery failed to add Interface " << quoted
+                            << " for sending: does not support Multicast.";
+            return;
+        case Admission::Good:
+            break;
+    }
+    InterfaceContainer changed = *interfaces();
+    const auto present = changed.find(admitted.interface);
+    if (present != changed.end()) {
+        SD_LOG(Warning) << "ServiceDiscovery failed to add Interface " << quoted
+                        << " for sending: already added \"" << present->first.name();
+        return;
+    }
+
+    SD_LOG(Notice) << "ServiceDiscovery adding Interface " << quoted << " for sending.";
+    try {
+        SocketPtr socket = new MulticastSocket(SocketAddress(admitted.address, 0), false);
+        socket->setInterface(admitted.interface);
+        socket->setTimeToLive(hopLimit);
+        socket->setLoopback(false);
+        const SocketAddress localAddress = socket->address();
+        changed.emplace(admitted.interface,
+                        InterfaceData_t{socket, SOME_IP_SD_Option_IPv6::toByteStream(admitted.address),
+                                        admitted.address.isLinkLocal(), admitted.address, localAddress});
+        unsafe_replaceInterfaces(std::move(changed));
+    }
+    catch (const Poco::Exception& exception) {
+        SD_LOG(Error) << "ServiceDiscovery failed to add Interface " << quoted
+                      << " for sending: " << exception.displayText();
+    }
+}
+
+void MulticastSender::removeInterface_byIP(const std::string& name, const std::string& ip)
+{
+    const QuotedInterface quoted{name, ip};
+    Poco::FastMutex::ScopedLock lock(m_interfacesMutex);
+    IPAddress address;
+    try {
+        address = IPAddress(ip);
+    }
+    catch (const Poco::Exception& exception) {
+        SD_LOG(Error) << "ServiceDiscovery failed to remove Interface " << quoted
+                      << " for sending: " << exception.displayText();
+        return;
+    }
+
+    InterfaceContainer changed = *interfaces();
+    if (address.isWildcard()) {
+        SD_LOG(Notice) << "ServiceDiscovery all Interfaces for sending.";
+        for (const auto& [interface, data] : changed) {
+            if (currentAddresses(interface).empty())
+                SD_LOG(Notice) << "ServiceDiscovery (was) part of Interface \"" << interface.name()
+                               << "\" for sending with currently no IPs.";
+            SD_LOG(Notice) << "ServiceDiscovery removing Interface \"" << interface.name()
+                           << "\" for sending.";
+            unsafe_retire(data);
+        }
+        unsafe_replaceInterfaces({});
+        return;
+    }
+
+    const auto found = findForRemoval(
+        changed, name, address, [](const InterfaceData_t& data) { return data.address; },
+        [](const NetworkInterface& interface) {
+            SD_LOG(Notice) << "ServiceDiscovery part of Interface \"" << interface.name()
+                           << "\" for sending with currently no IPs.";
+        });
+    if (found == changed.end()) {
+        SD_LOG(Warning) << "Failed to remove Interface " << quoted << " for sending: not connected(?)";
+        return;
+    }
+    SD_LOG(Notice) << "ServiceDiscovery removing Interface \"" << name << "\" for given IP \"" << ip
+                   << "\" for sending.";
+    unsafe_retire(found->second);
+    changed.erase(found);
+    unsafe_replaceInterfaces(std::move(changed));
+}
+
+bool MulticastSender::sendMulticast(const MulticastData& packagesForAll,
+                                    const MulticastData& packagesForInternal)
+{
+    if (!m_initialised) {
+        SD_LOG(Error) << "MulticastSender failed to send package, external IP address was not initialised!";
+        return false;
+    }
+    const std::shared_ptr<const InterfaceContainer> snapshot = interfaces();
+    if (snapshot->empty()) {
+        SD_LOG(Error)
+            << "MulticastSender failed to send package, no service discovery interfaces configured!";
+        return false;
+    }
+
+    bool result = true;
+    if (snapshot->size() == 1) {
+        const InterfaceData_t& interface = snapshot->begin()->second;
+        if (interface.isInternal)
+            result = sendServices(interface, packagesForInternal);
+        return sendServices(interface, packagesForAll) && result;
+    }
+    SendData all(packagesForAll, m_ipToReplace);
+    SendData internal(packagesForInternal, m_ipToReplace);
+    for (const auto& [key, interface] : *snapshot) {
+        if (interface.isInternal)
+            result = sendAdjusted(interface, internal) && result;
+        result = sendAdjusted(interface, all) && result;
+    }
+    return result;
+}
+
+bool MulticastSender::sendAdjusted(const InterfaceData_t& interface, SendData& data) const
+{
+    data.ipReplacement = interface.ipAsByteStream;
+    const bool result = sendServices(interface, data);
+    data.ipToReplaceNext = interface.ipAsByteStream;
+    return result;
+}
+
+bool MulticastSender::sendServices(const InterfaceData_t& interface, const MulticastData& packages) const
+{
+    bool result = true;
+    for (const MulticastPackage& package : packages)
+        result = transmit(interface.socketPtr, package) && result;
+    return result;
+}
+
+bool MulticastSender::sendServices(const InterfaceData_t& interface, SendData& data) const
+{
+    if (data.offsets.size() != data.packages.size()) {
+        SD_LOG(Error) << "sendServices: package & offsets count mismatch!";
+        return false;
+    }
+    bool result = true;
+    for (std::size_t i = 0; i < data.packages.size(); ++i) {
+        const bool adjusted =
+            adjustIPs(data.packages[i], data.ipToReplaceNext, data.ipReplacement, data.offsets[i]);
+        const bool sent = transmit(interface.socketPtr, data.packages[i]);
+        result = adjusted && sent && result;
+    }
+    return result;
+}
+
+bool MulticastSender::adjustIPs(MulticastPackage& package, const std::string& oldIP, const std::string& newIP,
+                                AdjustmentOffsets& offsets)
+{
+    if (oldIP.size() != newIP.size()) {
+        SD_LOG(Error) << "adjustIPs: IP sizes do not match!";
+        return false;
+    }
+    char* const begin = package.first;
+    char* const end = begin + package.second;
+    if (offsets.empty()) {
+        for (char* at = begin; (at = std::search(at, end, oldIP.begin(), oldIP.end())) != end;) {
+            offsets.push_back(static_cast<std::uint64_t>(at - begin));
+            at = std::copy(newIP.begin(), newIP.end(), at);
+        }
+        return true;
+    }
+    for (const std::uint64_t offset : offsets) {
+        if (offset + newIP.size() > package.second) {
+            SD_LOG(Error) << "adjustIPs: found offset that lies beyond package boundary! (offset:" << offset
+                          << "), (package-size:" << package.second << "), (new IP size:" << newIP.size()
+                          << ")";
+            break;  // the package is sent all the same
+        }
+        std::copy(newIP.begin(), newIP.end(), begin + offset);
+    }
+    return true;
+}
+
+bool MulticastSender::transmit(const SocketPtr& socket, const MulticastPackage& package) const
+{
+    if (socket.isNull()) {
+        SD_LOG(Warning) << "MulticastSender failed to send package: SocketPtr was Null!";
+        return false;
+    }
+    try {
+        SocketPtr sending = socket;
+        const int sent = sending->sendTo(package.first, static_cast<int>(package.second), m_group, 0);
+        if (static_cast<std::size_t>(sent) == package.second)
+            return true;
+        SD_LOG(Warning) << "MulticastSender failed to send complete package: " << sent << "/"
+                        << package.second << " Byte(s) sent.";
+    }
+    catch (const Poco::Exception& exception) {
+        // Each datagram on each interface has its own try: one that fails does not keep back the others.
+        SD_LOG(Error) << "sendMulticast caught exception: " << exception.displayText();
+    }
+    return false;
+}
+
+bool MulticastSender::isOwnOutgoingAddress(const SocketAddress& origin) const
+{
+    Poco::FastMutex::ScopedLock lock(m_interfacesMutex);
+    for (const auto& [interface, data] : *m_interfaces) {
+        if (isSameEndpoint(data.localAddress, origin))
+            return true;
+    }
+    const Poco::Clock now = SDClock::now();
+    return std::any_of(m_retiredAddresses.begin(), m_retiredAddresses.end(),
+                       [&](const RetiredAddress& retired) {
+                           return now < retired.until && isSameEndpoint(retired.address, origin);
+                       });
+}
+
+}  // namespace Nubo::ServiceDiscovery::Multicast

@@ -1,0 +1,129 @@
+#pragma once
+
+#include "DataLayer/ServiceDiscovery_Types.h"
+
+#include <KELOEMInterfaceLib/OEMDispatcherCalls.h>
+
+#include <Poco/Clock.h>
+#include <Poco/Mutex.h>
+#include <Poco/Net/IPAddress.h>
+#include <Poco/Net/MulticastSocket.h>
+#include <Poco/Net/NetworkInterface.h>
+#include <Poco/Net/SocketAddress.h>
+#include <Poco/SharedPtr.h>
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace Nubo::ServiceDiscovery {
+
+class SDCommunicationHub;
+
+namespace Multicast {
+
+/// Sends datagrams to the discovery group on every interface that the platform reports, from one socket an
+/// interface. The datagrams carry a placeholder, the unit's address given to init(); with several
+/// interfaces it is overwritten by the interface's own address before they go out there.
+class MulticastSender
+{
+public:
+    using MulticastPackage = std::pair<char*, std::size_t>;  ///< bytes of the caller, and their number
+    using MulticastData = std::vector<MulticastPackage>;
+    using AdjustmentOffsets = std::vector<std::uint64_t>;  ///< where in a package an address stands
+    using AdjustmentData = std::vector<AdjustmentOffsets>;
+
+    MulticastSender(SDCommunicationHub& parent, const std::string& groupHost, std::uint16_t port);
+    /// Closes all sockets.
+    virtual ~MulticastSender();
+
+    MulticastSender(const MulticastSender&) = delete;
+    MulticastSender& operator=(const MulticastSender&) = delete;
+
+    /// Sets the placeholder, an IPv6 address. Without one nothing can be sent; false then. Not to be called
+    /// while datagrams are being sent.
+    bool init(const Poco::Net::IPAddress& placeholder);
+
+    /// Size in bytes of the largest datagram that may be handed in. It is not checked here.
+    static constexpr std::uint32_t getMTU() { return 1212; }
+
+    /// Sends the first list on every interface and the second on those with a link-local address. True when
+    /// every datagram went out everywhere; what fails is logged and does not keep the others from going
+    /// out. The datagrams' addresses are overwritten in place and not restored. Takes no lock: it works on
+    /// the interfaces as they were when it began. To be called by one thread at a time.
+    bool sendMulticast(const MulticastData& packagesForAll, const MulticastData& packagesForInternal);
+
+    /// Whether a datagram from that address was sent by this unit: from one of the sockets, or from one
+    /// that was closed a moment ago. The scope is left out of the comparison: between two ports on one
+    /// segment a datagram comes back with another scope than it left with.
+    bool isOwnOutgoingAddress(const Poco::Net::SocketAddress& origin) const;
+
+    /// The platform's reports. Open and close the interface's socket.
+    void onInterfaceAdded(OEMInterface::AddServiceDiscoveryInterfacePayload& payload);
+    void onInterfaceRemoved(OEMInterface::RemoveServiceDiscoveryInterfacePayload& payload);
+
+protected:
+    using SocketPtr = Poco::SharedPtr<Poco::Net::MulticastSocket>;
+
+    struct InterfaceData_t
+    {
+        SocketPtr socketPtr;
+        std::string ipAsByteStream;  ///< the interface's address, 16 bytes in network order
+        bool isInternal;             ///< the address is link-local
+        Poco::Net::IPAddress address;
+        Poco::Net::SocketAddress localAddress;  ///< of the socket
+    };
+    /// By interface index.
+    using InterfaceContainer = std::map<Poco::Net::NetworkInterface, InterfaceData_t>;
+
+    /// The state of sending one list on several interfaces, one after the other.
+    struct SendData
+    {
+        SendData(const MulticastData& list, const std::string& placeholder);
+
+        MulticastData packages;
+        std::string ipToReplaceNext;  ///< what stands in the packages now
+        std::string ipReplacement;
+        AdjustmentData offsets;  ///< of each package; empty until its first adjustment
+    };
+
+    /// The local address of a closed socket, kept while datagrams from it may still come in.
+    struct RetiredAddress
+    {
+        Poco::Net::SocketAddress address;
+        Poco::Clock until;
+    };
+
+    void addInterface_byIP(const std::string& name, const std::string& ip);
+    void removeInterface_byIP(const std::string& name, const std::string& ip);
+
+    bool sendServices(const InterfaceData_t& interface, const MulticastData& packages) const;
+    bool sendServices(const InterfaceData_t& interface, SendData& data) const;
+    /// Overwrites every occurrence of the old address with the new one, at the offsets if there are any,
+    /// else wherever it stands, and notes the offsets.
+    static bool adjustIPs(MulticastPackage& package, const std::string& oldIP, const std::string& newIP,
+                          AdjustmentOffsets& offsets);
+    bool transmit(const SocketPtr& socket, const MulticastPackage& package) const;
+
+private:
+    bool sendAdjusted(const InterfaceData_t& interface, SendData& data) const;
+    std::shared_ptr<const InterfaceContainer> interfaces() const;
+    void unsafe_replaceInterfaces(InterfaceContainer interfaces);
+    void unsafe_retire(const InterfaceData_t& interface);
+
+    const Poco::Net::SocketAddress m_group;
+    std::shared_ptr<const InterfaceContainer> m_interfaces;  // replaced as a whole, read with atomic_load
+    mutable Poco::FastMutex m_interfacesMutex;
+    std::vector<RetiredAddress> m_retiredAddresses;
+    bool m_initialised = false;
+    std::string m_ipToReplace;
+};
+
+}  // namespace Multicast
+
+}  // namespace Nubo::ServiceDiscovery

@@ -1,0 +1,107 @@
+#pragma once
+
+#include "DataLayer/SDService.h"
+#include "Export.h"
+
+#include <Poco/BasicEvent.h>
+#include <Poco/Mutex.h>
+#include <Poco/Net/IPAddress.h>
+#include <Poco/SharedPtr.h>
+
+#include <cstdint>
+#include <string>
+
+namespace Nubo::ServiceDiscovery {
+
+class SDCommunicationHub;
+
+/// Announces the services of this unit on the vehicle network and learns of those of the other units.
+///
+///     ServiceDiscovery discovery;
+///     discovery.ServiceListChanged += Poco::delegate(&registry, &Registry::onServiceListChanged);
+///     discovery.startup(Poco::Net::IPAddress("fd00::12"));
+///     discovery.addService(description);
+///
+/// Before that, the process puts the platform's dispatcher into the service locator: it tells which network
+/// interfaces to use. Services may be added and searched for before startup(); they are sent then.
+///
+/// The operations may be called from any thread, but not from within ServiceListChanged.
+class KEL_SD_EXPORT ServiceDiscovery
+{
+public:
+    /// What ServiceListChanged tells.
+    class KEL_SD_EXPORT ServiceListEventPayload
+    {
+    public:
+        enum EventType : std::uint32_t
+        {
+            SERVICE_DISCOVERED = 0,  ///< a service of another unit was offered
+            SERVICE_GONE = 1         ///< it was withdrawn, or was not heard of any more
+        };
+
+        ServiceListEventPayload(EventType eventType, const NuboServiceDescription* service,
+                                const std::string& localUuid = "");
+
+        EventType getEventType() const { return m_eventType; }
+
+        /// The service concerned; valid only while the event is delivered.
+        const NuboServiceDescription* getServiceDescription() const { return m_service; }
+
+        /// The registry's own identifier of the service. For a discovered service the subscriber sets it;
+        /// a service without one is not taken in, and its next offer raises the event anew. It comes back
+        /// when the service is gone.
+        const std::string& getLocalUuid() const { return m_localUuid; }
+        void setLocalUuid(const std::string& localUuid) { m_localUuid = localUuid; }
+
+    private:
+        EventType m_eventType;
+        const NuboServiceDescription* m_service;
+        std::string m_localUuid;
+    };
+    using EventType = ServiceListEventPayload::EventType;
+
+    /// Raised for every service of another unit that is discovered or gone.
+    ///
+    /// The subscriber runs on a thread of the library, which waits for it: it has to return promptly. It
+    /// must not call this object (a call is refused with an error in the log) nor wait for a thread that
+    /// does. What it throws is logged; the library goes on.
+    Poco::BasicEvent<ServiceListEventPayload, Poco::FastMutex> ServiceListChanged;
+
+    /// Throws Poco::Exception when the service locator has no platform dispatcher.
+    ServiceDiscovery();
+    /// Shuts down first if that was not done. Not to be called from within ServiceListChanged.
+    virtual ~ServiceDiscovery();
+
+    ServiceDiscovery(const ServiceDiscovery&) = delete;
+    ServiceDiscovery& operator=(const ServiceDiscovery&) = delete;
+
+    /// Starts on the unit's IPv6 address. A description that carries this address is announced on each
+    /// interface with that interface's own address, once the unit has several. False when the discovery
+    /// port cannot be bound; the reason is in the log, and a later call tries again. True when it runs
+    /// already.
+    bool startup(const Poco::Net::IPAddress& address);
+
+    /// Withdraws the announced services and stops; returns true. Takes about a second at most.
+    bool shutdown();
+
+    bool running() const;
+
+    /// Announces a service until it is removed, or until shutdown() once its announcement has settled after
+    /// 700 ms. False, and nothing is announced, when the description cannot be used or the very service is
+    /// announced already; the reason is in the log.
+    bool addService(const NuboServiceDescription& description);
+
+    /// Searches for all services of the description's name, for 700 ms. What is found is told by
+    /// ServiceListChanged, as is everything else that is offered.
+    bool findService(const NuboServiceDescription& description);
+
+    /// Withdraws the service that was added with this identifier. False when there is none.
+    bool removeService(const std::string& localUuid);
+
+private:
+    bool isCalledFromSubscriber() const;
+
+    Poco::SharedPtr<SDCommunicationHub> m_sdHub;
+};
+
+}  // namespace Nubo::ServiceDiscovery
