@@ -1,0 +1,67 @@
+#include "CommandLine.h"
+
+#include "Errors.h"
+
+#include <map>
+
+#include <CLI/CLI.hpp>
+
+namespace NuboSd {
+
+namespace {
+
+const std::map<std::string, Poco::Message::Priority> logLevels{{"error", Poco::Message::PRIO_ERROR},
+                                                               {"warning", Poco::Message::PRIO_WARNING},
+                                                               {"notice", Poco::Message::PRIO_NOTICE},
+                                                               {"debug", Poco::Message::PRIO_DEBUG},
+                                                               {"trace", Poco::Message::PRIO_TRACE}};
+
+}  // namespace
+
+void addCommonOptions(CLI::App& commandLine, CommonOptions& common)
+{
+    commandLine
+        .add_option("-i,--interface", common.interfaces,
+                    "Announce and listen on this interface only; repeatable. Default: every interface that "
+                    "is up, can multicast, is not loopback and has an IPv6 address, followed as they come "
+                    "and go")
+        ->type_name("NAME")
+        ->allow_extra_args(false);
+    commandLine
+        .add_option("-a,--address", common.address,
+                    "This unit's address. Default: a global address of the first interface, else its "
+                    "link-local one")
+        ->type_name("IPv6");
+    commandLine.add_flag("--json", common.json, "Print one JSON object a line instead of text");
+    commandLine
+        .add_option("--log-level", common.logLevel,
+                    "How much of the library's log to write to standard error: error, warning, notice, "
+                    "debug or trace")
+        ->type_name("LEVEL")
+        ->check(CLI::IsMember({"error", "warning", "notice", "debug", "trace"}))
+        ->capture_default_str();
+    commandLine
+        .add_option("--duration", common.duration,
+                    "End by itself after this long; without it until SIGINT or SIGTERM")
+        ->type_name("SECONDS")
+        ->check(CLI::PositiveNumber);
+}
+
+Poco::Message::Priority logPriority(const std::string& level)
+{
+    return logLevels.at(level);
+}
+
+Poco::Net::IPAddress parseUnicastAddress(const std::string& text, const std::string& what)
+{
+    Poco::Net::IPAddress address;
+    const bool isAddress =
+        Poco::Net::IPAddress::tryParse(text, address) && address.family() == Poco::Net::IPAddress::IPv6;
+    if (!isAddress && text != "::")
+        throw UsageError(what + " \"" + text + "\" is not an IPv6 address");
+    if (!isAddress || address.isWildcard() || address.isLoopback() || address.isMulticast())
+        throw UsageError(what + " \"" + text + "\" cannot be reached from another unit");
+    return address;
+}
+
+}  // namespace NuboSd

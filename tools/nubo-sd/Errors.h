@@ -1,0 +1,29 @@
+#pragma once
+
+#include <stdexcept>
+
+/// What ends a run early. The text is one line that says what is wrong and where.
+namespace NuboSd {
+
+enum ExitCode : int
+{
+    Done = 0,
+    NothingFound = 1,
+    WrongUsage = 2,
+    NetworkUnusable = 3
+};
+
+/// Wrong arguments, or a service that cannot be announced.
+class UsageError : public std::runtime_error
+{
+public:
+    using std::runtime_error::runtime_error;
+};
+
+class NetworkError : public std::runtime_error
+{
+public:
+    using std::runtime_error::runtime_error;
+};
+
+}  // namespace NuboSd

@@ -1,0 +1,44 @@
+#pragma once
+
+#include <iosfwd>
+#include <string>
+
+#include <DataLayer/SDService.h>
+
+namespace NuboSd {
+
+/// Something that happened to a service, and the description as it was then.
+struct ServiceEvent
+{
+    enum class Kind
+    {
+        Announced,
+        Discovered,
+        Gone
+    };
+
+    Kind kind;
+    Nubo::ServiceDiscovery::NuboServiceDescription service;  ///< with the identifier this unit knows it by
+};
+
+/// Writes events, one a line, as text or as JSON.
+class EventPrinter
+{
+public:
+    EventPrinter(std::ostream& stream, bool json);
+
+    /// False when the line could not be written: nobody reads any more.
+    bool print(const ServiceEvent& event);
+
+private:
+    std::ostream& m_stream;
+    const bool m_json;
+};
+
+/// "tcp" or "udp".
+const char* protocolName(Nubo::ServiceDiscovery::OptionL4Protocol::L4Protocol_t protocol);
+
+/// The text with everything but printable ASCII replaced by "\xNN".
+std::string printable(const std::string& text);
+
+}  // namespace NuboSd

@@ -1,0 +1,76 @@
+#include "CommandLine.h"
+#include "Errors.h"
+#include "EventPrinter.h"
+#include "LogOutput.h"
+
+#include <iostream>
+
+#include <CLI/CLI.hpp>
+
+namespace NuboSd {
+
+namespace {
+
+constexpr Subcommand subcommands[] = {
+    {"announce", "Announce services of this unit, and report those of other units", setUpAnnounce},
+    {"browse", "Report the services of other units as they come and go", setUpBrowse},
+    {"find", "Search for a service and print each instance found", setUpFind},
+};
+
+int fail(const std::string& reason, ExitCode code)
+{
+    std::cerr << "nubo-sd: " << reason << std::endl;
+    return code;
+}
+
+int run(int argc, char** argv)
+{
+    CLI::App app("Service discovery between the control units of a vehicle.", "nubo-sd");
+    app.set_version_flag("-V,--version", std::string("nubo-sd ") + NUBO_SD_VERSION);
+    app.require_subcommand(0, 1);  // that there is one is checked below, in clearer words
+    app.fallthrough();
+    app.footer(
+        "Exit codes: 0 done; 1 nothing found (find); 2 wrong arguments or an invalid service;\n"
+        "3 the network cannot be used.");
+
+    CommonOptions common;
+    addCommonOptions(app, common);
+    Subcommand::Run chosen;
+    for (const Subcommand& subcommand : subcommands) {
+        CLI::App* commandLine = app.add_subcommand(subcommand.name, subcommand.summary);
+        commandLine->fallthrough();
+        const Subcommand::Run runSubcommand = subcommand.setUp(*commandLine, common);
+        commandLine->final_callback([&chosen, runSubcommand] { chosen = runSubcommand; });
+    }
+
+    try {
+        app.parse(argc, argv);
+    }
+    catch (const CLI::ParseError& error) {
+        if (error.get_exit_code() == static_cast<int>(CLI::ExitCodes::Success))
+            return app.exit(error);
+        return fail(printable(error.what()), WrongUsage);
+    }
+    if (!chosen)
+        return fail("a subcommand is missing: announce, browse or find", WrongUsage);
+    openLog(logPriority(common.logLevel));
+    return chosen();
+}
+
+}  // namespace
+
+}  // namespace NuboSd
+
+int main(int argc, char** argv)
+{
+    using namespace NuboSd;
+    try {
+        return run(argc, argv);
+    }
+    catch (const UsageError& error) {
+        return fail(error.what(), WrongUsage);
+    }
+    catch (const std::exception& error) {
+        return fail(error.what(), NetworkUnusable);
+    }
+}
