@@ -1,0 +1,95 @@
+#include "DataLayer/SDService.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+namespace Nubo::ServiceDiscovery::Testing {
+
+using ::testing::ElementsAre;
+using ::testing::IsEmpty;
+
+TEST(NuboServiceDescriptionTest, DefaultIsEmptyOnTheWildcardAddress)
+{
+    const NuboServiceDescription description;
+
+    EXPECT_EQ(description.getName(), "");
+    EXPECT_THAT(description.getVersions(), IsEmpty());
+    EXPECT_THAT(description.getCategories(), IsEmpty());
+    EXPECT_EQ(description.getIpAddressString(), "::");
+    EXPECT_EQ(description.getIpAddress().family(), Poco::Net::IPAddress::IPv6);
+    EXPECT_EQ(description.getPort(), 0);
+    EXPECT_EQ(description.getL4Proto(), OptionL4Protocol::TCP);
+    EXPECT_EQ(description.getLocalUuid(), "");
+    EXPECT_EQ(description.getUri(), "");
+}
+
+TEST(NuboServiceDescriptionTest, EveryFieldIsKeptAsSet)
+{
+    NuboServiceDescription description;
+    description.setName("Media");
+    description.addVersion("1.0.0");
+    description.addVersion("~1.2.0");
+    description.addCategory("audio");
+    description.addCategory("video");
+    description.setIpAddress(Poco::Net::IPAddress("fd00::12"));
+    description.setPort(8080);
+    description.setL4Proto(OptionL4Protocol::UDP);
+    description.setLocalUuid("an id");
+    description.setUri("http://somewhere/");
+
+    EXPECT_EQ(description.getName(), "Media");
+    EXPECT_THAT(description.getVersions(), ElementsAre("1.0.0", "~1.2.0"));
+    EXPECT_THAT(description.getCategories(), ElementsAre("audio", "video"));
+    EXPECT_EQ(description.getIpAddressString(), "fd00::12");
+    EXPECT_EQ(description.getPort(), 8080);
+    EXPECT_EQ(description.getL4Proto(), OptionL4Protocol::UDP);
+    EXPECT_EQ(description.getLocalUuid(), "an id");
+    EXPECT_EQ(description.getUri(), "http://somewhere/");
+}
+
+TEST(NuboServiceDescriptionTest, UriIsPutTogetherFromAddressPortAndName)
+{
+    EXPECT_EQ(NuboServiceDescription::generateUri("NaviService", "fd00::12", 8080),
+              "http://[fd00::12]:8080/NaviService/");
+}
+
+TEST(NuboServiceDescriptionTest, UriTakesEveryPortAndAnyTextAsItIs)
+{
+    EXPECT_EQ(NuboServiceDescription::generateUri("a b", "10.0.0.1", 0), "http://[10.0.0.1]:0/a b/");
+    EXPECT_EQ(NuboServiceDescription::generateUri("N", "::", 65535), "http://[::]:65535/N/");
+    EXPECT_EQ(NuboServiceDescription::generateUri("", "fd00::1", 1), "http://[fd00::1]:1//");
+}
+
+TEST(NuboServiceDescriptionTest, UriOfADescriptionIsMadeFromItsOwnFields)
+{
+    NuboServiceDescription description;
+    description.setName("Media");
+    description.setIpAddress(Poco::Net::IPAddress("fd00::1"));
+    description.setPort(80);
+
+    EXPECT_EQ(description.generateUri(), "http://[fd00::1]:80/Media/");
+}
+
+TEST(NuboServiceDescriptionTest, ChangingACopyLeavesTheSourceUnchanged)
+{
+    NuboServiceDescription source;
+    source.setName("Media");
+    source.addVersion("1.0.0");
+    source.addCategory("audio");
+
+    NuboServiceDescription copy(source);
+    copy.setName("Navi");
+    copy.addVersion("2.0.0");
+    copy.addCategory("video");
+    NuboServiceDescription assigned;
+    assigned = copy;
+
+    EXPECT_EQ(source.getName(), "Media");
+    EXPECT_THAT(source.getVersions(), ElementsAre("1.0.0"));
+    EXPECT_THAT(source.getCategories(), ElementsAre("audio"));
+    EXPECT_EQ(assigned.getName(), "Navi");
+    EXPECT_THAT(assigned.getVersions(), ElementsAre("1.0.0", "2.0.0"));
+    EXPECT_THAT(assigned.getCategories(), ElementsAre("audio", "video"));
+}
+
+}  // namespace Nubo::ServiceDiscovery::Testing

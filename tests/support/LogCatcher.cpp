@@ -1,0 +1,140 @@
+#include "support/LogCatcher.h"
+
+#include <KELUtilLib/Logging.h>
+
+#include <Poco/Channel.h>
+
+#include <algorithm>
+#include <map>
+#include <mutex>
+
+#include <gtest/gtest.h>
+
+namespace Nubo::ServiceDiscovery::Testing {
+
+namespace {
+
+/// Stands on the logger for the whole process: a channel must not be changed while other threads log.
+class CatchingChannel : public Poco::Channel
+{
+public:
+    void log(const Poco::Message& message) override
+    {
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        if (m_isCatching)
+            m_messages.push_back(message);
+    }
+
+    void setCatching(bool isCatching)
+    {
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        m_isCatching = isCatching;
+        m_messages.clear();
+    }
+
+    void clear()
+    {
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        m_messages.clear();
+    }
+
+    std::vector<Poco::Message> messages() const
+    {
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        return m_messages;
+    }
+
+private:
+    mutable std::mutex m_mutex;
+    bool m_isCatching = false;
+    std::vector<Poco::Message> m_messages;
+};
+
+Poco::AutoPtr<CatchingChannel> installChannel()
+{
+    Poco::AutoPtr<CatchingChannel> channel = new CatchingChannel;
+    Logging::Log::Logger().setChannel(channel);
+    Logging::Log::Logger().setLevel(Poco::Message::PRIO_TRACE);
+    return channel;
+}
+
+const Poco::AutoPtr<CatchingChannel> channel = installChannel();
+
+CatchingChannel& catching()
+{
+    return *const_cast<CatchingChannel*>(channel.get());
+}
+
+const std::map<Poco::Message::Priority, std::string> levelWords{{Poco::Message::PRIO_ERROR, "Error: "},
+                                                                {Poco::Message::PRIO_WARNING, "Warning: "},
+                                                                {Poco::Message::PRIO_NOTICE, "Notice: "},
+                                                                {Poco::Message::PRIO_DEBUG, "Debug: "},
+                                                                {Poco::Message::PRIO_TRACE, "Trace: "}};
+
+}  // namespace
+
+LogCatcher::LogCatcher()
+{
+    catching().setCatching(true);
+}
+
+LogCatcher::~LogCatcher()
+{
+    for (const Poco::Message& message : messages()) {
+        const auto word = levelWords.find(message.getPriority());
+        EXPECT_TRUE(word != levelWords.end() && message.getText().rfind(word->second, 0) == 0)
+            << "logged at level " << message.getPriority() << ": " << message.getText();
+    }
+    catching().setCatching(false);
+}
+
+std::vector<Poco::Message> LogCatcher::messages() const
+{
+    return catching().messages();
+}
+
+std::vector<std::string> LogCatcher::lines() const
+{
+    std::vector<std::string> result;
+    for (const Poco::Message& message : messages())
+        result.push_back(message.getText());
+    return result;
+}
+
+std::vector<std::string> LogCatcher::lines(Poco::Message::Priority level) const
+{
+    std::vector<std::string> result;
+    for (const Poco::Message& message : messages()) {
+        if (message.getPriority() == level)
+            result.push_back(message.getText());
+    }
+    return result;
+}
+
+std::vector<std::string> LogCatcher::complaints() const
+{
+    std::vector<std::string> result;
+    for (const Poco::Message& message : messages()) {
+        if (message.getPriority() <= Poco::Message::PRIO_WARNING)
+            result.push_back(message.getText());
+    }
+    return result;
+}
+
+bool LogCatcher::has(const std::string& line) const
+{
+    return count(line) != 0;
+}
+
+std::size_t LogCatcher::count(const std::string& line) const
+{
+    const std::vector<std::string> all = lines();
+    return static_cast<std::size_t>(std::count(all.begin(), all.end(), line));
+}
+
+void LogCatcher::clear()
+{
+    catching().clear();
+}
+
+}  // namespace Nubo::ServiceDiscovery::Testing

@@ -1,0 +1,47 @@
+#pragma once
+
+#include <Poco/Message.h>
+
+#include <string>
+#include <vector>
+
+namespace Nubo::ServiceDiscovery::Testing {
+
+/// Catches what the library logs while it exists, on every thread and at every level. One at a time.
+///
+///     LogCatcher log;
+///     …
+///     EXPECT_THAT(log.errors(), ElementsAre("Error: …"));
+///
+/// A line whose level word contradicts the level it was logged at fails the test.
+class LogCatcher
+{
+public:
+    LogCatcher();
+    ~LogCatcher();
+
+    LogCatcher(const LogCatcher&) = delete;
+    LogCatcher& operator=(const LogCatcher&) = delete;
+
+    /// Whole lines in the order of logging.
+    std::vector<std::string> lines() const;
+    std::vector<std::string> lines(Poco::Message::Priority level) const;
+    std::vector<std::string> errors() const { return lines(Poco::Message::PRIO_ERROR); }
+    std::vector<std::string> warnings() const { return lines(Poco::Message::PRIO_WARNING); }
+    std::vector<std::string> notices() const { return lines(Poco::Message::PRIO_NOTICE); }
+    std::vector<std::string> debugs() const { return lines(Poco::Message::PRIO_DEBUG); }
+    std::vector<std::string> traces() const { return lines(Poco::Message::PRIO_TRACE); }
+    /// Errors and warnings.
+    std::vector<std::string> complaints() const;
+
+    bool has(const std::string& line) const;
+    std::size_t count(const std::string& line) const;
+
+    /// The messages as they reached the logger.
+    std::vector<Poco::Message> messages() const;
+
+    /// Forgets what was caught so far.
+    void clear();
+};
+
+}  // namespace Nubo::ServiceDiscovery::Testing

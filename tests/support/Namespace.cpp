@@ -1,0 +1,124 @@
+#include "support/Namespace.h"
+
+#include <array>
+#include <cerrno>
+#include <cstdio>
+#include <filesystem>
+#include <fstream>
+#include <memory>
+#include <stdexcept>
+#include <system_error>
+
+#include <fcntl.h>
+#include <sched.h>
+#include <unistd.h>
+
+namespace Nubo::ServiceDiscovery::Testing {
+
+namespace {
+
+int opened(const std::string& path)
+{
+    const int descriptor = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    if (descriptor < 0)
+        throw std::system_error(errno, std::generic_category(), path);
+    return descriptor;
+}
+
+void enter(int descriptor)
+{
+    if (::setns(descriptor, CLONE_NEWNET) != 0)
+        throw std::system_error(errno, std::generic_category(), "setns");
+}
+
+}  // namespace
+
+std::string shellOutput(const std::string& command)
+{
+    const auto close = [](std::FILE* pipe) { return ::pclose(pipe); };
+    std::FILE* pipe = ::popen((command + " 2>&1").c_str(), "r");
+    if (!pipe)
+        throw std::system_error(errno, std::generic_category(), command);
+    std::string output;
+    std::array<char, 4096> part{};
+    while (std::fgets(part.data(), static_cast<int>(part.size()), pipe))
+        output += part.data();
+    if (close(pipe) != 0)
+        throw std::runtime_error(command + ": " + output);
+    return output;
+}
+
+void shell(const std::string& command)
+{
+    shellOutput(command);
+}
+
+Namespace::Namespace(const std::string& name) : m_name(name)
+{
+    shell("ip netns add " + name);
+    m_descriptor = opened("/run/netns/" + name);
+    setIPv6("default/accept_dad", "0");
+    setIPv6("all/accept_dad", "0");
+    ip("link set lo up");
+}
+
+Namespace::~Namespace()
+{
+    ::close(m_descriptor);
+    try {
+        shell("ip netns delete " + m_name);
+    }
+    catch (const std::exception&) {
+        // It goes with the process.
+    }
+}
+
+void Namespace::ip(const std::string& arguments) const
+{
+    shell("ip -n " + m_name + " " + arguments);
+}
+
+void Namespace::addAddress(const std::string& interface, const std::string& address) const
+{
+    ip("address add " + address + " dev " + interface + " nodad");
+}
+
+void Namespace::setIPv6(const std::string& key, const std::string& value) const
+{
+    const InNamespace inside(*this);
+    std::ofstream file("/proc/sys/net/ipv6/conf/" + key);
+    if (!(file << value << std::flush))
+        throw std::runtime_error("cannot set " + key + " to " + value);
+}
+
+InNamespace::InNamespace(const Namespace& target) : m_former(opened("/proc/thread-self/ns/net"))
+{
+    enter(target.descriptor());
+}
+
+InNamespace::~InNamespace()
+{
+    enter(m_former);
+    ::close(m_former);
+}
+
+void connect(const Namespace& one, const std::string& interfaceOne, const Namespace& other,
+             const std::string& interfaceOther)
+{
+    shell("ip link add " + interfaceOne + " netns " + one.name() + " type veth peer name " + interfaceOther +
+          " netns " + other.name());
+    one.ip("link set " + interfaceOne + " up");
+    other.ip("link set " + interfaceOther + " up");
+}
+
+std::size_t openDescriptors()
+{
+    std::size_t count = 0;
+    for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
+        static_cast<void>(entry);
+        ++count;
+    }
+    return count - 1;  // the directory itself
+}
+
+}  // namespace Nubo::ServiceDiscovery::Testing

@@ -1,0 +1,64 @@
+#pragma once
+
+#include <string>
+
+/// Network namespaces for tests of what crosses a network. They need a process that support/in-namespace.sh
+/// has started.
+namespace Nubo::ServiceDiscovery::Testing {
+
+/// Runs a command line in the shell; a failure throws std::runtime_error with the command in its text.
+void shell(const std::string& command);
+
+/// The same; returns what the command prints.
+std::string shellOutput(const std::string& command);
+
+/// A network namespace of its own, in which addresses can be used at once: there is no duplicate address
+/// detection, unless a test switches it on. It goes with the object.
+class Namespace
+{
+public:
+    explicit Namespace(const std::string& name);
+    ~Namespace();
+
+    Namespace(const Namespace&) = delete;
+    Namespace& operator=(const Namespace&) = delete;
+
+    const std::string& name() const { return m_name; }
+    int descriptor() const { return m_descriptor; }
+
+    /// `ip -n <name> <arguments>`
+    void ip(const std::string& arguments) const;
+
+    /// Gives the interface an address, which can be used at once.
+    void addAddress(const std::string& interface, const std::string& address) const;
+
+    /// Sets net.ipv6.conf.<key>, "all/disable_ipv6" for example.
+    void setIPv6(const std::string& key, const std::string& value) const;
+
+private:
+    const std::string m_name;
+    int m_descriptor;
+};
+
+/// Puts the calling thread, and the threads that it starts meanwhile, into a namespace.
+class InNamespace
+{
+public:
+    explicit InNamespace(const Namespace& target);
+    ~InNamespace();
+
+    InNamespace(const InNamespace&) = delete;
+    InNamespace& operator=(const InNamespace&) = delete;
+
+private:
+    const int m_former;
+};
+
+/// Joins two namespaces by a pair of interfaces that are up.
+void connect(const Namespace& one, const std::string& interfaceOne, const Namespace& other,
+             const std::string& interfaceOther);
+
+/// How many descriptors the process has open.
+std::size_t openDescriptors();
+
+}  // namespace Nubo::ServiceDiscovery::Testing

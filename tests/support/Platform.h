@@ -1,0 +1,35 @@
+#pragma once
+
+#include <KELOEMInterfaceLib/OEMDispatcher.h>
+#include <KELUtilLib/ApplicationServices.h>
+
+#include <Poco/Any.h>
+#include <Poco/SharedPtr.h>
+
+namespace Nubo::ServiceDiscovery::Testing {
+
+/// Puts a dispatcher that the test directs into the service locator while it exists.
+class PlatformScope
+{
+public:
+    PlatformScope() { offer(); }
+    ~PlatformScope() { withdraw(); }
+
+    PlatformScope(const PlatformScope&) = delete;
+    PlatformScope& operator=(const PlatformScope&) = delete;
+
+    OEMInterface::ManualDispatcher& dispatcher() { return *m_dispatcher; }
+
+    /// Makes this scope's dispatcher the one that the locator gives out.
+    void offer()
+    {
+        ApplicationServices::getLocator().add(typeid(OEMInterface::OEMDispatcher),
+                                              Poco::SharedPtr<OEMInterface::OEMDispatcher>(m_dispatcher));
+    }
+    static void withdraw() { ApplicationServices::getLocator().remove(typeid(OEMInterface::OEMDispatcher)); }
+
+private:
+    Poco::SharedPtr<OEMInterface::ManualDispatcher> m_dispatcher{new OEMInterface::ManualDispatcher};
+};
+
+}  // namespace Nubo::ServiceDiscovery::Testing

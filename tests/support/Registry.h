@@ -1,0 +1,85 @@
+#pragma once
+
+#include "ServiceDiscovery.h"
+
+#include <Poco/Delegate.h>
+
+#include <functional>
+#include <mutex>
+#include <string>
+#include <vector>
+
+namespace Nubo::ServiceDiscovery::Testing {
+
+/// A service registry that writes down what it is told and numbers what is discovered: "uuid-1", ….
+class Registry
+{
+public:
+    struct Event
+    {
+        ServiceDiscovery::EventType type;
+        std::string name;
+        std::string address;
+        unsigned short port;
+        std::string uuid;  ///< given to a discovered service, or brought by a gone one
+        NuboServiceDescription description;
+    };
+
+    explicit Registry(ServiceDiscovery& discovery) : m_discovery(discovery)
+    {
+        m_discovery.ServiceListChanged += Poco::delegate(this, &Registry::onServiceListChanged);
+    }
+    ~Registry() { m_discovery.ServiceListChanged -= Poco::delegate(this, &Registry::onServiceListChanged); }
+
+    Registry(const Registry&) = delete;
+    Registry& operator=(const Registry&) = delete;
+
+    std::vector<Event> events() const
+    {
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        return m_events;
+    }
+
+    /// How many events of that type there were about services of that name.
+    std::size_t count(ServiceDiscovery::EventType type, const std::string& name) const
+    {
+        std::size_t result = 0;
+        for (const Event& event : events())
+            result += (event.type == type && event.name == name) ? 1 : 0;
+        return result;
+    }
+    std::size_t discovered(const std::string& name) const
+    {
+        return count(ServiceDiscovery::EventType::SERVICE_DISCOVERED, name);
+    }
+    std::size_t gone(const std::string& name) const
+    {
+        return count(ServiceDiscovery::EventType::SERVICE_GONE, name);
+    }
+
+    /// Called with every event before it is written down, on the library's thread. To be set before any
+    /// event can come.
+    std::function<void(ServiceDiscovery::ServiceListEventPayload&)> onEvent;
+    /// Whether discovered services are given an identifier. The same holds.
+    bool givesUuids = true;
+
+private:
+    void onServiceListChanged(ServiceDiscovery::ServiceListEventPayload& payload)
+    {
+        if (onEvent)
+            onEvent(payload);
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        if (payload.getEventType() == ServiceDiscovery::EventType::SERVICE_DISCOVERED && givesUuids)
+            payload.setLocalUuid("uuid-" + std::to_string(++m_lastUuid));
+        const NuboServiceDescription& description = *payload.getServiceDescription();
+        m_events.push_back({payload.getEventType(), description.getName(), description.getIpAddressString(),
+                            description.getPort(), payload.getLocalUuid(), description});
+    }
+
+    ServiceDiscovery& m_discovery;
+    mutable std::mutex m_mutex;
+    std::vector<Event> m_events;
+    int m_lastUuid = 0;
+};
+
+}  // namespace Nubo::ServiceDiscovery::Testing

@@ -1,0 +1,61 @@
+#pragma once
+
+#include "LogicLayer/SDStateMachine.h"
+
+#include <string>
+#include <vector>
+
+namespace Nubo::ServiceDiscovery::Testing {
+
+/// A state machine whose workloads a test can look into, and whose intervals it can let end by hand.
+///
+/// `run()` marks it running without starting timers, so that nothing happens but what the test does; with
+/// the engine's clock turned (SDClock::turn), time passes as the test wants it.
+class TestStateMachine : public SDStateMachine
+{
+public:
+    using Event = SDStateMachine::ExternalEvent;
+    using SDStateMachine::m_aperiodicWorker;
+    using SDStateMachine::m_aperiodicWorkload;
+    using SDStateMachine::m_periodicWorker;
+    using SDStateMachine::m_periodicWorkload;
+    using SDStateMachine::m_running;
+    using SDStateMachine::m_workloadMutex;
+    using SDStateMachine::SDStateMachine;
+
+    void run()
+    {
+        m_running = true;
+        m_aperiodicWorker.*TimerAccess::isInitialized() = true;  // as if the timer ran
+    }
+
+    /// Lets an interval of the worker end, on this thread.
+    void aperiodicTick() { m_aperiodicWorker.onInterval(m_timer); }
+    void periodicTick() { m_periodicWorker.onInterval(m_timer); }
+
+    bool handle(Event::WorkloadEvent_t type, const SDService::Ptr& service, const std::string& uuid = "")
+    {
+        Event event(type, service, uuid);
+        return onExternalEvent(event);
+    }
+
+    /// The records of the aperiodic workload in the order of their due times.
+    ServicesContainer aperiodic() const
+    {
+        ServicesContainer services;
+        for (const auto& entry : m_aperiodicWorkload)
+            services.push_back(entry.second);
+        return services;
+    }
+    const ServicesContainer& periodic() const { return m_periodicWorkload; }
+
+private:
+    struct TimerAccess : AperiodicWorker
+    {
+        static auto isInitialized() { return &TimerAccess::m_initialized; }
+    };
+
+    Poco::Timer m_timer;
+};
+
+}  // namespace Nubo::ServiceDiscovery::Testing
