@@ -82,13 +82,16 @@ public:
     bool startup(const Poco::Net::IPAddress& address);
 
     /// Withdraws the announced services and stops; returns true. Takes about a second at most.
+    ///
+    /// A service is withdrawn once its announcement has settled, 700 ms after it was added; one that is
+    /// younger stays known to the others until its offer runs out after 120 s, and is announced on at the
+    /// next startup(). To withdraw it too, remove it first.
     bool shutdown();
 
     bool running() const;
 
-    /// Announces a service until it is removed, or until shutdown() once its announcement has settled after
-    /// 700 ms. False, and nothing is announced, when the description cannot be used or the very service is
-    /// announced already; the reason is in the log.
+    /// Announces a service until it is removed, or until shutdown(). False, and nothing is announced, when
+    /// the description cannot be used or the very service is announced already; the reason is in the log.
     bool addService(const NuboServiceDescription& description);
 
     /// Searches for all services of the description's name, for 700 ms. What is found is told by

@@ -62,12 +62,17 @@ int run(const AnnounceOptions& options, const CommonOptions& common)
         return Done;
 
     EventPrinter printer(std::cout, common.json);
+    std::vector<std::string> announced;
     for (const ServiceEntry& service : services) {
         const NuboServiceDescription description = service.describe(unit.address());
         add(unit.discovery(), description, service.where);
+        announced.push_back(description.getLocalUuid());
         printer.print({ServiceEvent::Kind::Announced, description});
     }
     unit.run(std::nullopt, [&](const ServiceEvent& event) { return printer.print(event); });
+    // A service that was added just now would not be withdrawn by the shutdown alone.
+    for (const std::string& uuid : announced)
+        unit.discovery().removeService(uuid);
     return Done;
 }
 

@@ -1,0 +1,52 @@
+#!/bin/sh
+# Installs the Debian packages that a task needs and that are missing. Asks for nothing; uses sudo when it is
+# not run by root.
+#
+# usage: scripts/setup.sh TASK...    with TASK one of: build demo test bench
+set -eu
+
+packages_for() {
+    case "$1" in
+    build) echo g++ cmake ninja-build pkg-config libpoco-dev libcli11-dev nlohmann-json3-dev libnl-route-3-dev ;;
+    demo) echo iproute2 ;;
+    test) echo libgtest-dev libgmock-dev clang-format bats jq tshark iproute2 ;;
+    bench) echo libbenchmark-dev iproute2 ;;
+    *)
+        echo "setup.sh: unknown task: $1" >&2
+        exit 2
+        ;;
+    esac
+}
+
+is_installed() {
+    [ "$(dpkg-query -W -f '${db:Status-Status}' "$1" 2>/dev/null)" = installed ]
+}
+
+missing=
+for task in "$@"; do
+    for package in $(packages_for "$task"); do
+        is_installed "$package" || missing="$missing $package"
+    done
+done
+[ -n "$missing" ] || exit 0
+
+if [ "$(id -u)" = 0 ]; then
+    as_root=
+elif command -v sudo >/dev/null; then
+    as_root=sudo
+else
+    echo "setup.sh: these Debian packages are missing, and only root can install them:$missing" >&2
+    exit 1
+fi
+
+echo "Installing:$missing"
+log=$(mktemp)
+trap 'rm -f "$log"' EXIT
+# shellcheck disable=SC2086 # the packages are words of their own
+if ! { $as_root apt-get update &&
+    $as_root env DEBIAN_FRONTEND=noninteractive apt-get install --yes --no-install-recommends $missing; } \
+    >"$log" 2>&1; then
+    cat "$log" >&2
+    echo "setup.sh: the packages could not be installed" >&2
+    exit 1
+fi
