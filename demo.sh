@@ -122,12 +122,12 @@ next_event() {
         ;;
     discovered)
         local offered=${announced_at[$name]:-0} joined=${joined_at[$unit]:-0}
-        if [ "$joined" -gt "$offered" ]; then
+        if [ "$offered" -eq 0 ]; then
+            after=", at once" # before the word of its announcement got here
+        elif [ "$joined" -gt "$offered" ]; then
             after=", $((($(now) - joined) / 1000)) ms after it joined"
-        elif [ "$offered" -gt 0 ]; then
-            after=", $((($(now) - offered) / 1000)) ms after it was announced"
         else
-            after=", at once"
+            after=", $((($(now) - offered) / 1000)) ms after it was announced"
         fi
         tell "${green}$unit found $name${plain} at $uri$after"
         ;;
