@@ -1,0 +1,62 @@
+#!/usr/bin/env bats
+# What holds for the project as a whole. $KEL_SD_LIBRARY is the shared library of the build under test.
+
+bats_require_minimum_version 1.5.0
+
+setup() { cd "$BATS_TEST_DIRNAME/../.." || exit 1; }
+
+# includes_of FOLDER: the project's headers that the folder's files include.
+includes_of() { grep -hoE '^#include "[^"]+"' -r "$1" | sed -E 's/.*"(.*)"/\1/' | sort -u; }
+
+@test "the data layer includes nothing of the layers above it" {
+    run ! grep -vE '^DataLayer/|^Export.h$' <(includes_of src/DataLayer)
+}
+
+@test "transport and logic meet only in the hub and in the datagram that passes between them" {
+    run ! grep -vE '^(DataLayer|Multicast)/|^LogicLayer/SDCommunicationHub.h$' <(includes_of src/Multicast)
+    run ! grep -E '^Multicast/' <(includes_of src/LogicLayer | grep -vE '^Multicast/Multicast(Sender|Receiver).h$')
+    run ! grep -l 'Multicast/MulticastSender.h' -r src/LogicLayer --include='SD[SR]*' --include='T*'
+}
+
+@test "of the platform libraries the library includes only their interface" {
+    used=$(grep -hoE '#include <KEL[^>]+>' -r src | sort -u)
+    expected='#include <KELOEMInterfaceLib/OEMDispatcher.h>
+#include <KELOEMInterfaceLib/OEMDispatcherCalls.h>
+#include <KELUtilLib/ApplicationServices.h>
+#include <KELUtilLib/DebugUtils.h>
+#include <KELUtilLib/Logging.h>'
+    [ "$used" = "$expected" ]
+}
+
+@test "every header can be included by itself" {
+    for header in $(cd src && find . -name '*.h') ; do
+        echo "#include \"$header\"" | "${CXX:-c++}" -std=c++17 -fsyntax-only -x c++ -Isrc \
+            -Iplatform/KELUtilLib/include -Iplatform/KELOEMInterfaceLib/include -
+    done
+}
+
+@test "the library exports its public classes and nothing else of its own" {
+    # Strong symbols only: instances of other libraries' templates are weak.
+    exported=$(nm --dynamic --demangle --defined-only "$KEL_SD_LIBRARY" | awk '$2 == "T" || $2 == "B" || $2 == "D"' |
+        cut -d' ' -f3- | grep -v '^__' )
+    [ -n "$exported" ]
+    run ! grep -vE '^Nubo::ServiceDiscovery::(ServiceDiscovery|NuboServiceDescription)::' <<<"$exported"
+    for operation in startup shutdown running addService findService removeService; do
+        grep -q "^Nubo::ServiceDiscovery::ServiceDiscovery::$operation(" <<<"$exported"
+    done
+}
+
+@test "the library has a soname" {
+    readelf -d "$KEL_SD_LIBRARY" | grep -qE 'SONAME.*\[libKELServiceDiscoveryLib\.so\.[0-9]+\]'
+}
+
+@test "all code is formatted" {
+    unformatted=
+    for file in $(find src platform tools tests bench -name '*.h' -o -name '*.cpp'); do
+        clang-format "$file" | cmp -s - "$file" || unformatted+=" $file"
+    done
+    [ -z "$unformatted" ] || {
+        echo "run: clang-format -i$unformatted"
+        return 1
+    }
+}
