@@ -2,9 +2,9 @@
 
 #include "Errors.h"
 
-#include <map>
+#include <Poco/NumberParser.h>
 
-#include <CLI/CLI.hpp>
+#include <map>
 
 namespace NuboSd {
 
@@ -40,11 +40,15 @@ void addCommonOptions(CLI::App& commandLine, CommonOptions& common)
         ->type_name("LEVEL")
         ->check(CLI::IsMember({"error", "warning", "notice", "debug", "trace"}))
         ->capture_default_str();
-    commandLine
-        .add_option("--duration", common.duration,
-                    "End by itself after this long; without it until SIGINT or SIGTERM")
-        ->type_name("SECONDS")
-        ->check(CLI::PositiveNumber);
+    addSeconds(commandLine, "--duration", common.duration,
+               "End by itself after this long; without it until SIGINT or SIGTERM");
+}
+
+std::string faultOfSeconds(const std::string& text)
+{
+    double seconds = 0;
+    const bool isGood = Poco::NumberParser::tryParseFloat(text, seconds) && seconds > 0;
+    return isGood ? std::string() : "\"" + text + "\" is not a number of seconds above 0";
 }
 
 Poco::Message::Priority logPriority(const std::string& level)

@@ -8,9 +8,7 @@
 #include <string>
 #include <vector>
 
-namespace CLI {
-class App;
-}
+#include <CLI/CLI.hpp>
 
 namespace NuboSd {
 
@@ -39,6 +37,17 @@ struct Subcommand
 Subcommand::Run setUpAnnounce(CLI::App& commandLine, const CommonOptions& common);
 Subcommand::Run setUpBrowse(CLI::App& commandLine, const CommonOptions& common);
 Subcommand::Run setUpFind(CLI::App& commandLine, const CommonOptions& common);
+
+/// What is wrong with a time in seconds, which must be above 0; empty if nothing is.
+std::string faultOfSeconds(const std::string& text);
+
+/// Adds an option that takes such a time.
+template <class Target>
+CLI::Option* addSeconds(CLI::App& commandLine, const std::string& name, Target& target,
+                        const std::string& description)
+{
+    return commandLine.add_option(name, target, description)->type_name("SECONDS")->check(faultOfSeconds);
+}
 
 void addCommonOptions(CLI::App& commandLine, CommonOptions& common);
 

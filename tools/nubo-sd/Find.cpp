@@ -53,12 +53,9 @@ Subcommand::Run setUpFind(CLI::App& commandLine, const CommonOptions& common)
 {
     const auto options = std::make_shared<FindOptions>();
     commandLine.add_option("NAME", options->name, "Name of the service")->required();
-    commandLine
-        .add_option("--timeout", options->timeout,
-                    "Give up after this long. What answers within the first second is printed whole; after "
-                    "that the first answer ends the search")
-        ->type_name("SECONDS")
-        ->check(CLI::PositiveNumber)
+    addSeconds(commandLine, "--timeout", options->timeout,
+               "Give up after this long. What answers within the first second is printed whole; after that "
+               "the first answer ends the search")
         ->capture_default_str();
     return [options, &common] { return NuboSd::run(*options, common); };
 }

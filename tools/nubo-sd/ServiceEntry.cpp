@@ -106,7 +106,8 @@ std::vector<ServiceEntry> readServicesFile(const std::string& path)
         list = json::parse(file);
     }
     catch (const json::parse_error& error) {
-        throw UsageError(path + ": " + printable(error.what()));
+        const std::string text = error.what();  // "[json.exception.…] parse error at line …"
+        throw UsageError(path + ": " + printable(text.substr(text.find("] ") + 2)));
     }
     if (!list.is_array() || list.empty())
         throw UsageError(path + ": a list of at least one service is expected");

@@ -30,6 +30,7 @@ int run(int argc, char** argv)
     app.require_subcommand(0, 1);  // that there is one is checked below, in clearer words
     app.fallthrough();
     app.footer(
+        "The options of nubo-sd --help may stand before or after a subcommand's own.\n\n"
         "Exit codes: 0 done; 1 nothing found (find); 2 wrong arguments or an invalid service;\n"
         "3 the network cannot be used.");
 
