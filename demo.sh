@@ -41,13 +41,13 @@ if [ "$inside" = no ]; then
         exit 1
     }
     rm -f build.log
-    flags=(--net --mount --pid --fork --kill-child)
+    flags=(--net --mount)
     [ "$(id -u)" = 0 ] || flags=(--user --map-root-user "${flags[@]}")
     if ! unshare "${flags[@]}" mount -t tmpfs tmpfs /run; then
         echo "demo.sh: the kernel forbids network namespaces to this user; try as root" >&2
         exit 1
     fi
-    # All that the demonstration makes lies in these namespaces and goes with them, however it ends.
+    # All that the demonstration makes lies in these namespaces and goes with its last process.
     exec unshare "${flags[@]}" "$0" --inside "$@"
 fi
 
@@ -96,10 +96,11 @@ unit() {
 link_up() { on "$1" ip link set eth0 up && on "$1" ip address add "${address_of[$1]}/64" dev eth0 nodad; }
 
 # start_registry UNIT SERVICE PORT: the unit's registry, which announces one service and reports what it
-# learns. Every event becomes a line "UNIT EVENT NAME URI" on descriptor 3; its log is kept for the end.
+# learns. Every event becomes a line "UNIT EVENT NAME URI" on descriptor 3; its log is kept for the end. The
+# registry dies with this script, even if the script is killed.
 start_registry() {
     local unit=$1 line
-    nsenter --net="/run/netns/$unit" "$tool" --json announce "$2" --port "$3" --version 1.0.0 > >(
+    nsenter --net="/run/netns/$unit" setpriv --pdeathsig KILL "$tool" --json announce "$2" --port "$3" --version 1.0.0 > >(
         while read -r line; do
             [[ $line =~ \"event\":\"([a-z]+)\".*\"name\":\"([^\"]*)\".*\"uri\":\"([^\"]*)\" ]] &&
                 echo "$unit ${BASH_REMATCH[1]} ${BASH_REMATCH[2]} ${BASH_REMATCH[3]}" >&3
