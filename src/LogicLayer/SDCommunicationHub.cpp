@@ -594,7 +594,7 @@ void SDCommunicationHub::announce(const std::vector<SDService::Ptr>& services)
     }
     catch (const Poco::Exception& exception) {
         SD_LOG(Error) << "SDCommunicationHub - Exception caught while announcing services! ("
-                      << exception.displayText() << ")";
+                      << exception.displayText();
     }
 }
 

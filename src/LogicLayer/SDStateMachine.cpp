@@ -159,7 +159,11 @@ SDStateMachine::SDStateMachine(SDCommunicationHub& hub)
 
 SDStateMachine::~SDStateMachine()
 {
-    m_running = false;
+    {
+        // An interval that has begun must not set the timer again once it is being stopped.
+        Poco::FastMutex::ScopedLock lock(m_workloadMutex);
+        m_running = false;
+    }
     m_aperiodicWorker.stop();
     m_periodicWorker.stop();
 }

@@ -166,18 +166,11 @@ bool MulticastReceiver::start()
 void MulticastReceiver::stop()
 {
     if (m_service->isStarted) {
-        const Observers observers(*this);
-        SocketReactor& reactor = m_service->reactor;
-        MulticastSocket& socket = m_service->socket;
-        m_service->isStopping = true;  // from here on the handlers do nothing
-        reactor.stop();
-        // Ends the poll, which would last up to a second. That the socket has no peer does not matter, but
-        // it must stay in the poll until the thread has seen it.
-        ::shutdown(socket.impl()->sockfd(), SHUT_RDWR);
+        m_service->isStopping = true;  // from here on the handlers do nothing; they go with the service
+        m_service->reactor.stop();
+        // Ends the poll, which would last up to a second. That the socket has no peer does not matter.
+        ::shutdown(m_service->socket.impl()->sockfd(), SHUT_RDWR);
         endThread(joinTime);
-        reactor.removeEventHandler(socket, observers.readable);
-        reactor.removeEventHandler(socket, observers.error);
-        reactor.removeEventHandler(socket, observers.shutdown);
     }
     leaveGroupOnInterface_byIP("", "::");
     if (m_service->isSpent && !m_service->isStarted)
