@@ -336,6 +336,10 @@ std::streamsize deserialiseOptions(std::istream& stream, SOME_IP_SD& payload, bo
         std::uint8_t typeByte = 0;
         WireReader reader(stream);
         reader >> optionLength >> typeByte;
+        if (!isReadable(stream, optionWords, done)) {
+            error = true;
+            break;
+        }
         const std::streamsize size = optionLengthAndTypeSize + optionLength;
         if (optionLength == 0 || size > length - done)
             break;

@@ -97,11 +97,12 @@ SOME_IP_SD_Header::EntryData SOME_IP_SD_Header::getEntryData(std::uint16_t index
     EntryData data;
     if (index >= getNumOfEntries())
         return data;
-    data.entry = m_someIP_SD.getEntries()[index];
-    if (data.entry.isNull() || !data.entry->isValid()) {
+    const SOME_IP_SD_Entry::Ptr& entry = m_someIP_SD.getEntries()[index];
+    if (entry.isNull() || !entry->isValid()) {
         SD_LOG(Warning) << "Entry #" << index << " is not valid, skipping Option extraction!";
         return data;
     }
+    data.entry = entry;
     extractOptionRun(data.entry->getFstOptionRun(), data.options);
     extractOptionRun(data.entry->getSndOptionRun(), data.options);
     return data;

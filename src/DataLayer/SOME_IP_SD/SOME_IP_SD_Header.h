@@ -55,8 +55,8 @@ public:
 
     std::size_t getNumOfEntries() const { return m_someIP_SD.getEntries().size(); }
 
-    /// The entry at that index with its options; without entry when there is none, without options when it
-    /// is invalid. An option that the payload lacks is left out, and a warning is logged.
+    /// The entry at that index with its options; empty when there is none, or an invalid one, of which a
+    /// warning is logged. An option that the payload lacks is left out, with a warning too.
     EntryData getEntryData(std::uint16_t index) const;
 
     /// The message as several lines for the log, each after `indent` tabs.

@@ -84,7 +84,7 @@ std::ostream& SOME_IP_SD_Option_Configuration_Pimpl::serialise(std::ostream& str
     if (m_configurationString)
         writer.writeBytes(string(), std::strlen(asChars(string())));
     writer << std::uint8_t{0};
-    writer.checkWritten("SOME_IP_SD_Option_Configuration", specificSize());
+    writer.checkWritten("SOME_IP_SD_Option_Configuration", std::streamsize{stringLength()} + 1);
     return stream;
 }
 
