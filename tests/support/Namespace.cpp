@@ -1,11 +1,13 @@
 #include "support/Namespace.h"
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
 #include <memory>
+#include <sstream>
 #include <stdexcept>
 #include <system_error>
 
@@ -109,6 +111,51 @@ void connect(const Namespace& one, const std::string& interfaceOne, const Namesp
           " netns " + other.name());
     one.ip("link set " + interfaceOne + " up");
     other.ip("link set " + interfaceOther + " up");
+}
+
+NetworkPair::NetworkPair()
+{
+    for (const Namespace* network : {&here, &there})
+        network->setIPv6("default/addr_gen_mode", "1");
+}
+
+void NetworkPair::link(const std::string& interface, const std::string& addressHere,
+                       const std::string& addressThere) const
+{
+    connect(here, interface, there, interface);
+    if (!addressHere.empty())
+        here.addAddress(interface, addressHere + "/64");
+    if (!addressThere.empty())
+        there.addAddress(interface, addressThere + "/64");
+}
+
+Segment::Segment()
+{
+    m_switch.ip("link add br0 type bridge mcast_snooping 0");
+    m_switch.ip("link set br0 up");
+}
+
+void Segment::plug(const Namespace& unit, const std::string& interface)
+{
+    const std::string port = "port" + std::to_string(++m_ports);
+    connect(unit, interface, m_switch, port);
+    m_switch.ip("link set " + port + " master br0");
+}
+
+std::vector<std::string> joinedInterfaces()
+{
+    std::ifstream memberships("/proc/thread-self/net/igmp6");
+    std::vector<std::string> interfaces;
+    for (std::string line; std::getline(memberships, line);) {
+        std::istringstream fields(line);
+        std::string index;
+        std::string interface;
+        std::string group;
+        if (fields >> index >> interface >> group && group == "ff140000000000000000000000040000")
+            interfaces.push_back(interface);
+    }
+    std::sort(interfaces.begin(), interfaces.end());
+    return interfaces;
 }
 
 std::size_t openDescriptors()

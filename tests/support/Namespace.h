@@ -1,6 +1,7 @@
 #pragma once
 
 #include <string>
+#include <vector>
 
 /// Network namespaces for tests of what crosses a network. They need a process that support/in-namespace.sh
 /// has started.
@@ -57,6 +58,42 @@ private:
 /// Joins two namespaces by a pair of interfaces that are up.
 void connect(const Namespace& one, const std::string& interfaceOne, const Namespace& other,
              const std::string& interfaceOther);
+
+/// Two namespaces to be joined, "here" and "there", with the calling thread in "here". Their interfaces have
+/// no addresses but those that are given to them.
+class NetworkPair
+{
+public:
+    Namespace here{"here"};
+    Namespace there{"there"};
+
+    NetworkPair();
+
+    /// Joins the two by an interface that has this name on either side, with an address on one or both.
+    void link(const std::string& interface, const std::string& addressHere = "",
+              const std::string& addressThere = "") const;
+
+private:
+    const InNamespace m_inside{here};
+};
+
+/// A switched segment for the ports of any number of units.
+class Segment
+{
+public:
+    Segment();
+
+    /// Gives the namespace an interface on the segment that is up.
+    void plug(const Namespace& unit, const std::string& interface);
+
+private:
+    Namespace m_switch{"switch"};
+    int m_ports = 0;
+};
+
+/// The names of the interfaces on which somebody in the calling thread's namespace has joined the discovery
+/// group, in alphabetical order.
+std::vector<std::string> joinedInterfaces();
 
 /// How many descriptors the process has open.
 std::size_t openDescriptors();

@@ -5,6 +5,7 @@
 #include "support/Platform.h"
 #include "support/Registry.h"
 
+#include <functional>
 #include <mutex>
 #include <vector>
 
@@ -25,14 +26,22 @@ public:
 
     using SDCommunicationHub::SDCommunicationHub;
 
+    /// Called with every announcement before it is written down, on the announcing thread. To be set before
+    /// any can come.
+    std::function<void()> onAnnounce;
+
     void announce(const SDService::Ptr& service) override
     {
+        if (onAnnounce)
+            onAnnounce();
         const std::lock_guard<std::mutex> lock(m_mutex);
         m_sent.push_back({SDClock::now(), ++m_calls, false, *service});
     }
 
     void announce(const std::vector<SDService::Ptr>& services) override
     {
+        if (onAnnounce)
+            onAnnounce();
         const std::lock_guard<std::mutex> lock(m_mutex);
         ++m_calls;
         for (const SDService::Ptr& service : services)

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "DataLayer/SDClock.h"
 #include "LogicLayer/SDStateMachine.h"
 
 #include <string>
@@ -13,6 +14,11 @@ namespace Nubo::ServiceDiscovery::Testing {
 /// the engine's clock turned (SDClock::turn), time passes as the test wants it.
 class TestStateMachine : public SDStateMachine
 {
+    struct TimerAccess : AperiodicWorker
+    {
+        static auto isInitialized() { return &TimerAccess::m_initialized; }
+    };
+
 public:
     using Event = SDStateMachine::ExternalEvent;
     using SDStateMachine::m_aperiodicWorker;
@@ -30,8 +36,17 @@ public:
     }
 
     /// Lets an interval of the worker end, on this thread.
-    void aperiodicTick() { m_aperiodicWorker.onInterval(m_timer); }
-    void periodicTick() { m_periodicWorker.onInterval(m_timer); }
+    void aperiodicTick() { aperiodicTick(m_timer); }
+    void aperiodicTick(Poco::Timer& timer) { m_aperiodicWorker.onInterval(timer); }
+    void periodicTick() { periodicTick(m_timer); }
+    void periodicTick(Poco::Timer& timer) { m_periodicWorker.onInterval(timer); }
+
+    /// Put a record, or none, into a workload as it is.
+    void putAperiodic(const SDService::Ptr& service, Poco::Clock::ClockDiff dueInMicroseconds = 0)
+    {
+        m_aperiodicWorkload.emplace(SDClock::now() + dueInMicroseconds, service);
+    }
+    void putPeriodic(const SDService::Ptr& service) { m_periodicWorkload.push_back(service); }
 
     bool handle(Event::WorkloadEvent_t type, const SDService::Ptr& service, const std::string& uuid = "")
     {
@@ -50,11 +65,6 @@ public:
     const ServicesContainer& periodic() const { return m_periodicWorkload; }
 
 private:
-    struct TimerAccess : AperiodicWorker
-    {
-        static auto isInitialized() { return &TimerAccess::m_initialized; }
-    };
-
     Poco::Timer m_timer;
 };
 

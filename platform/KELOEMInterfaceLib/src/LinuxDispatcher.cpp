@@ -1,11 +1,10 @@
 #include <KELOEMInterfaceLib/LinuxDispatcher.h>
 #include <KELUtilLib/Logging.h>
 
-#include <Poco/BasicEvent.h>
-
 #include <algorithm>
 #include <deque>
 #include <mutex>
+#include <vector>
 
 namespace OEMInterface {
 
@@ -13,13 +12,36 @@ ResponseBinding::~ResponseBinding() = default;
 OEMDispatcherAsyncCallDefinitions::~OEMDispatcherAsyncCallDefinitions() = default;
 OEMDispatcherSyncCallDefinitions::~OEMDispatcherSyncCallDefinitions() = default;
 
+namespace {
+
+/// The delegates bound to one kind of report. Guarded by the dispatcher's delivery mutex.
+template <class Payload>
+struct Delegates
+{
+    using Ptr = std::shared_ptr<Poco::AbstractDelegate<Payload>>;
+
+    void notify(const void* sender, Payload& payload)
+    {
+        // A delegate may bind further ones, and end bindings.
+        const std::vector<Ptr> snapshot = bound;
+        for (const Ptr& one : snapshot) {
+            if (std::find(bound.begin(), bound.end(), one) != bound.end())
+                one->notify(sender, payload);
+        }
+    }
+
+    std::vector<Ptr> bound;
+};
+
+}  // namespace
+
 struct LinuxDispatcher::State
 {
-    Poco::BasicEvent<AddServiceDiscoveryInterfacePayload> added;
-    Poco::BasicEvent<RemoveServiceDiscoveryInterfacePayload> removed;
-
-    // Held while a report is delivered, so that reports keep their order and a new binding misses none.
+    // Held while a report is delivered, so that reports keep their order, a new binding misses none and an
+    // ended one gets none.
     std::recursive_mutex delivery;
+    Delegates<AddServiceDiscoveryInterfacePayload> added;
+    Delegates<RemoveServiceDiscoveryInterfacePayload> removed;
     std::vector<Interface> interfaces;
 
     mutable std::mutex eventMemoryMutex;
@@ -34,25 +56,32 @@ Payload makePayload(const std::string& name, const std::string& ip)
     return Payload{{name.c_str(), ip.c_str()}};
 }
 
-/// Holds one delegate on one of the dispatcher's events. Taking it off waits for a delivery to it to end.
+/// Holds one delegate. Taking it off waits for a delivery to end.
 template <class State, class Payload>
-class EventBinding : public ResponseBinding
+class DelegateBinding : public ResponseBinding
 {
 public:
-    using Event = Poco::BasicEvent<Payload>;
-
-    EventBinding(std::shared_ptr<State> state, Event& event, const Poco::AbstractDelegate<Payload>& delegate)
+    DelegateBinding(std::shared_ptr<State> state, Delegates<Payload>& delegates,
+                    const Poco::AbstractDelegate<Payload>& delegate)
         : m_state(std::move(state))
-        , m_event(event)
-        , m_handle(event.add(delegate))
-    {}
+        , m_delegates(delegates)
+        , m_delegate(delegate.clone())
+    {
+        const std::lock_guard<std::recursive_mutex> lock(m_state->delivery);
+        m_delegates.bound.push_back(m_delegate);
+    }
 
-    ~EventBinding() override { m_event.remove(m_handle); }
+    ~DelegateBinding() override
+    {
+        const std::lock_guard<std::recursive_mutex> lock(m_state->delivery);
+        auto& bound = m_delegates.bound;
+        bound.erase(std::find(bound.begin(), bound.end(), m_delegate));
+    }
 
 private:
-    const std::shared_ptr<State> m_state;  // keeps the event alive
-    Event& m_event;
-    const typename Event::DelegateHandle m_handle;
+    const std::shared_ptr<State> m_state;
+    Delegates<Payload>& m_delegates;
+    const typename Delegates<Payload>::Ptr m_delegate;
 };
 
 }  // namespace
@@ -66,7 +95,7 @@ ResponseBindingPtr LinuxDispatcher::bindResponse(
 {
     const std::lock_guard<std::recursive_mutex> lock(m_state->delivery);
     ResponseBindingPtr binding =
-        new EventBinding<State, AddServiceDiscoveryInterfacePayload>(m_state, m_state->added, delegate);
+        new DelegateBinding<State, AddServiceDiscoveryInterfacePayload>(m_state, m_state->added, delegate);
 
     const std::unique_ptr<Poco::AbstractDelegate<AddServiceDiscoveryInterfacePayload>> copy(delegate.clone());
     for (const Interface& standing : interfaces()) {
@@ -79,8 +108,8 @@ ResponseBindingPtr LinuxDispatcher::bindResponse(
 ResponseBindingPtr LinuxDispatcher::bindResponse(
     const Poco::AbstractDelegate<RemoveServiceDiscoveryInterfacePayload>& delegate)
 {
-    return new EventBinding<State, RemoveServiceDiscoveryInterfacePayload>(m_state, m_state->removed,
-                                                                           delegate);
+    return new DelegateBinding<State, RemoveServiceDiscoveryInterfacePayload>(m_state, m_state->removed,
+                                                                              delegate);
 }
 
 void LinuxDispatcher::callLogEvent(char const* name, char const* protocol, char const* ip,

@@ -46,16 +46,18 @@ private:
     void run()
     {
         DebugUtils::setThreadName("OEMNetlink", "NetlinkDispatcher::run");
-        while (waitForNews()) {
+        bool goesOn = waitForNews();
+        while (goesOn) {
             try {
                 m_monitor.update();
                 report();
+                goesOn = waitForNews();
             }
             catch (const Poco::Exception& exception) {
-                pauseAfterFailure(exception.displayText());
+                goesOn = pauseAfterFailure(exception.displayText());
             }
             catch (const std::exception& exception) {
-                pauseAfterFailure(exception.what());
+                goesOn = pauseAfterFailure(exception.what());
             }
         }
     }
@@ -101,7 +103,7 @@ private:
     }
 
     /// Tells of the failure and waits a second, so that a lasting one costs no more than a line a second.
-    void pauseAfterFailure(const std::string& text) const
+    bool pauseAfterFailure(const std::string& text) const
     {
         {
             Logging::LogStream log(Logging::Log::Logger(), Poco::Message::PRIO_ERROR);
@@ -110,7 +112,7 @@ private:
         }
         constexpr int pauseMs = 1000;
         pollfd stop{m_stop, POLLIN, 0};
-        ::poll(&stop, 1, pauseMs);
+        return ::poll(&stop, 1, pauseMs) <= 0;
     }
 
     NetlinkDispatcher& m_dispatcher;

@@ -37,8 +37,11 @@ void collectLink(nl_object* object, void* result)
     auto* link = reinterpret_cast<rtnl_link*>(object);
     constexpr unsigned needed = IFF_UP | IFF_MULTICAST;
     const unsigned flags = rtnl_link_get_flags(link);
-    // A bridge port has a second entry of the bridge's own address family.
-    if (rtnl_link_get_family(link) != AF_UNSPEC || (flags & needed) != needed || (flags & IFF_LOOPBACK))
+    // A bridge has its only entry in the bridge family, where each of its ports has a second one; the IPv6
+    // family has a second one for each link.
+    const int family = rtnl_link_get_family(link);
+    const bool isTheLink = family == AF_UNSPEC || (family == AF_BRIDGE && rtnl_link_get_master(link) == 0);
+    if (!isTheLink || (flags & needed) != needed || (flags & IFF_LOOPBACK))
         return;
     const char* name = rtnl_link_get_name(link);
     (*static_cast<Links*>(result))[rtnl_link_get_ifindex(link)].name = name ? name : "";
@@ -84,7 +87,7 @@ NetlinkMonitor::NetlinkMonitor()
 void NetlinkMonitor::open()
 {
     nl_cache_mngr* opened = nullptr;
-    check(nl_cache_mngr_alloc(nullptr, NETLINK_ROUTE, NL_AUTO_PROVIDE, &opened), "open");
+    check(nl_cache_mngr_alloc(nullptr, NETLINK_ROUTE, 0, &opened), "open");
     std::unique_ptr<nl_cache_mngr, Closer> manager(opened);
     nl_cache* links = addCache(*manager, "route/link");
     nl_cache* addresses = addCache(*manager, "route/addr");
@@ -100,8 +103,10 @@ int NetlinkMonitor::descriptor() const
 
 void NetlinkMonitor::update()
 {
-    if (nl_cache_mngr_data_ready(m_manager.get()) < 0)
+    m_isBehind = m_isBehind || nl_cache_mngr_data_ready(m_manager.get()) < 0;
+    if (m_isBehind)
         open();
+    m_isBehind = false;
 }
 
 Links NetlinkMonitor::links() const

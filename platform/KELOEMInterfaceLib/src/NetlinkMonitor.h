@@ -35,6 +35,7 @@ private:
     void open();
 
     std::unique_ptr<nl_cache_mngr, Closer> m_manager;  // owns the caches
+    bool m_isBehind = false;
     nl_cache* m_links = nullptr;
     nl_cache* m_addresses = nullptr;
 };

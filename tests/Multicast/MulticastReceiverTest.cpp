@@ -1,0 +1,978 @@
+#include "Multicast/MulticastReceiver.h"
+#include "support/Descriptions.h"
+#include "support/Listener.h"
+#include "support/LogCatcher.h"
+#include "support/Namespace.h"
+#include "support/TestUnit.h"
+#include "support/Waiting.h"
+#include "support/Wire.h"
+
+#include <Poco/Delegate.h>
+#include <Poco/Exception.h>
+#include <Poco/NObserver.h>
+#include <Poco/Net/DatagramSocket.h>
+#include <Poco/Net/SocketNotification.h>
+#include <Poco/Net/SocketReactor.h>
+
+#include <atomic>
+#include <cerrno>
+#include <chrono>
+#include <cstdlib>
+#include <fstream>
+#include <functional>
+#include <mutex>
+#include <optional>
+#include <ostream>
+#include <stdexcept>
+#include <string>
+#include <system_error>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include <arpa/inet.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <net/if.h>
+#include <netinet/in.h>
+#include <netinet/udp.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+namespace Nubo::ServiceDiscovery::Testing {
+
+using Multicast::MulticastDataPtr;
+using Poco::Net::IPAddress;
+using Poco::Net::SocketAddress;
+using ::testing::ElementsAre;
+using ::testing::IsEmpty;
+using ::testing::MatchesRegex;
+
+namespace {
+
+class Receiver : public Multicast::MulticastReceiver
+{
+public:
+    using MulticastReceiver::joinGroupOnInterface_byIP;
+    using MulticastReceiver::leaveGroupOnInterface_byIP;
+    using MulticastReceiver::MulticastReceiver;
+    using MulticastReceiver::onReactorShutdown;
+    using MulticastReceiver::onSocketError;
+};
+
+/// Writes down what the receiver hands over.
+class Subscriber
+{
+public:
+    explicit Subscriber(Receiver& receiver) : m_receiver(&receiver)
+    {
+        m_receiver->MulticastMessageReceived += Poco::delegate(this, &Subscriber::onMessage);
+    }
+    ~Subscriber()
+    {
+        if (m_receiver)
+            m_receiver->MulticastMessageReceived -= Poco::delegate(this, &Subscriber::onMessage);
+    }
+
+    /// Leaves it to the receiver to end the subscription, with itself.
+    void outliveReceiver() { m_receiver = nullptr; }
+
+    Subscriber(const Subscriber&) = delete;
+    Subscriber& operator=(const Subscriber&) = delete;
+
+    std::vector<MulticastDataPtr> received() const
+    {
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        return m_received;
+    }
+
+    /// The bytes of each, as hexadecimal text.
+    std::vector<std::string> bytes() const
+    {
+        std::vector<std::string> result;
+        for (const MulticastDataPtr& data : received())
+            result.push_back(toHex(data->buffer.begin(), data->buffer.size()));
+        return result;
+    }
+
+    /// Waits for that many datagrams in all.
+    bool gets(std::size_t count) const
+    {
+        return eventually([&] { return received().size() >= count; });
+    }
+
+    /// Has every further datagram followed by a call, on the receiver's thread.
+    void onDatagram(std::function<void()> call)
+    {
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        m_call = std::move(call);
+    }
+
+private:
+    void onMessage(MulticastDataPtr& data)
+    {
+        std::function<void()> call;
+        {
+            const std::lock_guard<std::mutex> lock(m_mutex);
+            m_received.push_back(data);
+            call = m_call;
+        }
+        if (call)
+            call();
+    }
+
+    Receiver* m_receiver;
+    mutable std::mutex m_mutex;
+    std::vector<MulticastDataPtr> m_received;
+    std::function<void()> m_call;
+};
+
+/// Sends a datagram to the group whose UDP checksum is wrong.
+void sendCorrupted(const Namespace& network, const std::string& interface, const std::string& source,
+                   const std::string& bytes)
+{
+    const InNamespace inside(network);
+    const int socket = ::socket(AF_INET6, SOCK_RAW | SOCK_CLOEXEC, IPPROTO_UDP);
+    const auto index = static_cast<int>(::if_nametoindex(interface.c_str()));
+    ::setsockopt(socket, IPPROTO_IPV6, IPV6_MULTICAST_IF, &index, sizeof index);
+    const SocketAddress from(source, 0);
+    const SocketAddress to(discoveryGroup, 0);
+    ::bind(socket, from.addr(), from.length());
+
+    udphdr header{};
+    header.uh_sport = htons(9);
+    header.uh_dport = htons(discoveryPort);
+    header.uh_ulen = htons(static_cast<std::uint16_t>(sizeof header + bytes.size()));
+    header.uh_sum = htons(0xbad);
+    const std::string datagram = std::string(reinterpret_cast<const char*>(&header), sizeof header) + bytes;
+    const ssize_t sent = ::sendto(socket, datagram.data(), datagram.size(), 0, to.addr(), to.length());
+    const int error = errno;
+    ::close(socket);
+    if (sent < 0)
+        throw std::system_error(error, std::generic_category(), "send a corrupted datagram");
+}
+
+std::string nameOfAReceiversThread()
+{
+    const NetworkPair network;
+    network.link("eth0", "fd00::1", "fd00::2");
+    HubUnit unit;
+    Receiver receiver(unit.hub, discoveryGroup, discoveryPort);
+    Subscriber subscriber(receiver);
+    std::string name;
+    subscriber.onDatagram([&] { std::ifstream("/proc/thread-self/comm") >> name; });
+    receiver.start();
+    receiver.joinGroupOnInterface_byIP("eth0", "fd00::1");
+    Speaker(network.there, "eth0", "fd00::2").send("01"_bytes);
+    subscriber.gets(1);
+    receiver.stop();
+    return name;
+}
+
+constexpr auto joining0 = "Notice: ServiceDiscovery joining IPv6 Multicast Group for Interface \"eth0\".";
+constexpr auto leavingAll =
+    "Notice: ServiceDiscovery leaving IPv6 Multicast Group for all joined Interfaces.";
+constexpr auto leaving0 =
+    "Notice: ServiceDiscovery leaving IPv6 Multicast Group for Interface \"eth0\" \"eth0\".";
+constexpr auto leaving0ForIP =
+    "Notice: ServiceDiscovery leaving IPv6 Multicast Group for Interface \"eth0\" \"eth0\" for given IP "
+    "\"fd00::1\".";
+constexpr auto without0 =
+    "Notice: ServiceDiscovery part of IPv6 Multicast Group for Interface \"eth0\" with currently no IPs.";
+constexpr auto stillHeldUp = "Error: MulticastReceiver - a subscriber still holds up the thread.";
+
+/// eth0 with the address fd00::1 here and fd00::2 there.
+struct MulticastReceiverTest : ::testing::Test
+{
+    MulticastReceiverTest() { network.link("eth0", "fd00::1", "fd00::2"); }
+
+    void join(const std::string& interface = "eth0", const std::string& address = "fd00::1")
+    {
+        receiver->joinGroupOnInterface_byIP(interface, address);
+    }
+
+    void leave(const std::string& interface = "eth0", const std::string& address = "fd00::1")
+    {
+        receiver->leaveGroupOnInterface_byIP(interface, address);
+    }
+
+    /// Ends the subscription and the receiver.
+    void destroyReceiver()
+    {
+        subscriber.reset();
+        receiver.reset();
+    }
+
+    NetworkPair network;
+    HubUnit unit;
+    LogCatcher log;
+    std::optional<Receiver> receiver{std::in_place, unit.hub, discoveryGroup, discoveryPort};
+    std::optional<Subscriber> subscriber{std::in_place, *receiver};
+};
+
+/// The same with the receiver started, the group joined, and another unit that speaks on eth0.
+struct RunningReceiverTest : MulticastReceiverTest
+{
+    RunningReceiverTest()
+    {
+        EXPECT_TRUE(receiver->start());
+        join();
+        log.clear();
+    }
+
+    Speaker speaker{network.there, "eth0", "fd00::2"};
+};
+
+/// The same with a subscriber that does not return from the first datagram until the gate is opened.
+struct HungSubscriberTest : RunningReceiverTest
+{
+    HungSubscriberTest()
+    {
+        subscriber->onDatagram([this] { gate.pass(); });
+        speaker.send("01"_bytes);
+        EXPECT_TRUE(eventually([&] { return gate.isReached(); }));
+        log.clear();
+    }
+    ~HungSubscriberTest() override
+    {
+        gate.open();
+        if (receiver)
+            destroyReceiver();
+    }
+
+    Gate gate;
+};
+
+struct RefusedAddress
+{
+    const char* name;
+    const char* ip;
+
+    friend std::ostream& operator<<(std::ostream& stream, const RefusedAddress& row)
+    {
+        return stream << '"' << row.ip << '"';
+    }
+};
+
+struct RefusedJoinTest : MulticastReceiverTest, ::testing::WithParamInterface<RefusedAddress>
+{};
+
+struct Thrown
+{
+    const char* name;
+    void (*raise)();
+    const char* text;
+
+    friend std::ostream& operator<<(std::ostream& stream, const Thrown& row) { return stream << row.text; }
+};
+
+struct ThrowingSubscriberTest : RunningReceiverTest, ::testing::WithParamInterface<Thrown>
+{};
+
+}  // namespace
+
+TEST_F(RunningReceiverTest, DatagramArrivesByteForByteWithItsSender)
+{
+    speaker.send("00 01 02 fe ff"_bytes);
+
+    ASSERT_TRUE(subscriber->gets(1));
+    const MulticastDataPtr data = subscriber->received().front();
+    EXPECT_EQ(toHex(data->buffer.begin(), data->buffer.size()), "00 01 02 fe ff");
+    EXPECT_EQ(data->origin.host().toString(), "fd00::2");
+    EXPECT_EQ(data->origin.port(), speaker.address().port());
+    EXPECT_THAT(log.lines(), ElementsAre("Trace: MulticastReceiver onSocketReadable"));
+}
+
+TEST_F(RunningReceiverTest, DatagramsOfEverySizeArriveWholeAndInOrder)
+{
+    std::vector<std::string> sent;
+    for (const std::size_t size : {1u, 1212u, 1u, 8000u, 65000u}) {
+        speaker.send(std::string(size, static_cast<char>('a' + sent.size())));
+        sent.push_back(toHex(std::string(size, static_cast<char>('a' + sent.size()))));
+    }
+
+    ASSERT_TRUE(subscriber->gets(sent.size()));
+    EXPECT_EQ(subscriber->bytes(), sent);
+}
+
+TEST_F(RunningReceiverTest, ManyDatagramsAtOnceAllArrive)
+{
+    constexpr std::size_t count = 250;
+    for (std::size_t i = 0; i < count; ++i)
+        speaker.send(std::string(1212, static_cast<char>(i)));
+
+    EXPECT_TRUE(subscriber->gets(count));
+}
+
+TEST_F(RunningReceiverTest, SenderWithALinkLocalAddressIsGivenWithItsScope)
+{
+    network.there.addAddress("eth0", "fe80::2/64");
+    Speaker linkLocal(network.there, "eth0", "fe80::2%eth0");
+
+    linkLocal.send("01"_bytes);
+
+    ASSERT_TRUE(subscriber->gets(1));
+    EXPECT_EQ(subscriber->received().front()->origin.host().toString(), "fe80::2%eth0");
+}
+
+TEST_F(RunningReceiverTest, DatagramLivesAsLongAsItsLastReference)
+{
+    speaker.send("01 02"_bytes);
+    ASSERT_TRUE(subscriber->gets(1));
+    const MulticastDataPtr data = subscriber->received().front();
+
+    destroyReceiver();
+
+    EXPECT_EQ(toHex(data->buffer.begin(), data->buffer.size()), "01 02");
+}
+
+TEST(MulticastDataTest, HoldsACopyOfTheBytesAndTheSender)
+{
+    std::string bytes = "01 02 03"_bytes;
+    const Multicast::MulticastReceiver::MulticastData data(bytes.data(), 2, SocketAddress("fd00::2", 1234));
+    bytes[0] = 'x';
+
+    EXPECT_EQ(toHex(data.buffer.begin(), data.buffer.size()), "01 02");
+    EXPECT_EQ(data.origin.toString(), "[fd00::2]:1234");
+}
+
+TEST_F(RunningReceiverTest, EmptyDatagramIsDrainedAndRaisesNoEvent)
+{
+    constexpr std::size_t count = 100;
+    for (std::size_t i = 0; i < count; ++i)
+        speaker.send("");
+    speaker.send("01"_bytes);
+
+    ASSERT_TRUE(subscriber->gets(1));
+    EXPECT_THAT(subscriber->bytes(), ElementsAre("01"));
+    EXPECT_EQ(log.count("Debug: Multicast connection closed (available = 0)."), count);
+    EXPECT_THAT(log.complaints(), IsEmpty());
+}
+
+TEST_F(RunningReceiverTest, DatagramWithABadChecksumIsPassedOver)
+{
+    sendCorrupted(network.there, "eth0", "fd00::2", "aa"_bytes);
+    speaker.send("01"_bytes);
+    ASSERT_TRUE(subscriber->gets(1));
+    sendCorrupted(network.there, "eth0", "fd00::2", "bb"_bytes);
+    sendCorrupted(network.there, "eth0", "fd00::2", "cc"_bytes);
+    speaker.send("02"_bytes);
+
+    EXPECT_TRUE(subscriber->gets(2));
+    EXPECT_THAT(subscriber->bytes(), ElementsAre("01", "02"));
+    EXPECT_THAT(log.complaints(), IsEmpty());
+}
+
+TEST_F(RunningReceiverTest, SubscriberRunsOnAThreadOfTheReceiver)
+{
+    std::thread::id thread;
+    subscriber->onDatagram([&] { thread = std::this_thread::get_id(); });
+
+    speaker.send("01"_bytes);
+    ASSERT_TRUE(subscriber->gets(1));
+    receiver->stop();
+
+    EXPECT_NE(thread, std::thread::id());
+    EXPECT_NE(thread, std::this_thread::get_id());
+}
+
+/// In a process of its own, in which no receiver has named a thread yet.
+TEST(ReceiverThreadTest, IsNamed)
+{
+    ::testing::FLAGS_gtest_death_test_style = "threadsafe";
+    EXPECT_EXIT(std::exit(nameOfAReceiversThread() == "SdSockReact" ? 0 : 1), ::testing::ExitedWithCode(0),
+                "");
+}
+
+TEST_P(ThrowingSubscriberTest, IsLoggedAndTheReceiverGoesOn)
+{
+    subscriber->onDatagram(GetParam().raise);
+
+    speaker.send("01"_bytes);
+    speaker.send("02"_bytes);
+
+    EXPECT_TRUE(subscriber->gets(2));
+    const std::string line = std::string("Error: MulticastReceiver - caught exception: ") + GetParam().text;
+    EXPECT_TRUE(eventually([&] { return log.count(line) == 2; }));
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Exceptions, ThrowingSubscriberTest,
+    ::testing::Values(Thrown{"Poco", [] { throw Poco::NotFoundException("it"); }, "Not found: it"},
+                      Thrown{"Standard", [] { throw std::runtime_error("went wrong"); }, "went wrong"},
+                      Thrown{"Other", [] { throw 42; }, "unknown exception"}),
+    [](const auto& row) { return row.param.name; });
+
+TEST_F(MulticastReceiverTest, GroupIsJoinedAndLeftOnTheInterface)
+{
+    join();
+    EXPECT_THAT(joinedInterfaces(), ElementsAre("eth0"));
+    EXPECT_TRUE(receiver->isJoinedOn("eth0"));
+
+    leave();
+    EXPECT_THAT(joinedInterfaces(), IsEmpty());
+    EXPECT_FALSE(receiver->isJoinedOn("eth0"));
+
+    EXPECT_THAT(log.lines(), ElementsAre(joining0, leaving0ForIP));
+}
+
+TEST_F(MulticastReceiverTest, ReportsOfThePlatformJoinAndLeaveTheGroup)
+{
+    OEMInterface::AddServiceDiscoveryInterfacePayload added{{"eth0", "fd00::1"}};
+    OEMInterface::RemoveServiceDiscoveryInterfacePayload removed{{"eth0", "fd00::1"}};
+
+    receiver->onInterfaceAdded(added);
+    EXPECT_THAT(joinedInterfaces(), ElementsAre("eth0"));
+
+    receiver->onInterfaceRemoved(removed);
+    EXPECT_THAT(joinedInterfaces(), IsEmpty());
+}
+
+TEST_F(RunningReceiverTest, OnlyJoinedInterfacesAreHeard)
+{
+    network.link("eth1", "fd01::1", "fd01::2");
+    Speaker other(network.there, "eth1", "fd01::2");
+
+    other.send("a1"_bytes);
+    speaker.send("01"_bytes);
+    EXPECT_TRUE(subscriber->gets(1));
+    join("eth1", "fd01::1");
+    other.send("a2"_bytes);
+    EXPECT_TRUE(subscriber->gets(2));
+    leave();
+    speaker.send("02"_bytes);
+    other.send("a3"_bytes);
+    EXPECT_TRUE(subscriber->gets(3));
+
+    EXPECT_THAT(subscriber->bytes(), ElementsAre("01", "a2", "a3"));
+}
+
+TEST_F(MulticastReceiverTest, InterfaceJoinedBeforeTheStartIsHeardAfterIt)
+{
+    Speaker speaker(network.there, "eth0", "fd00::2");
+    join();
+
+    speaker.send("01"_bytes);
+    EXPECT_TRUE(receiver->start());
+    speaker.send("02"_bytes);
+
+    EXPECT_TRUE(subscriber->gets(1));
+    EXPECT_THAT(subscriber->bytes(), ElementsAre("02"));
+}
+
+TEST_P(RefusedJoinTest, IsSkippedWithAWarning)
+{
+    join("eth0", GetParam().ip);
+
+    EXPECT_THAT(log.lines(), ElementsAre(std::string("Warning: ServiceDiscovery skipped joining Multicast "
+                                                     "Group on Interface \"eth0\" with IP \"") +
+                                         GetParam().ip + "\": not an appropriate IP."));
+    EXPECT_THAT(joinedInterfaces(), IsEmpty());
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Addresses, RefusedJoinTest,
+    ::testing::Values(RefusedAddress{"IPv4", "10.0.0.1"}, RefusedAddress{"Wildcard", "::"},
+                      RefusedAddress{"Loopback", "::1"}, RefusedAddress{"Multicast", "ff14::4:0"},
+                      RefusedAddress{"Unparsable", "no address"}, RefusedAddress{"Empty", ""}),
+    [](const auto& row) { return row.param.name; });
+
+TEST_F(MulticastReceiverTest, UnknownInterfaceOrAddressIsNotJoined)
+{
+    join("eth7", "fd00::1");
+    join("eth0", "fd00::7");
+
+    EXPECT_THAT(log.complaints(), IsEmpty());
+    EXPECT_THAT(log.notices(), IsEmpty());
+    EXPECT_THAT(joinedInterfaces(), IsEmpty());
+}
+
+TEST_F(MulticastReceiverTest, InterfaceWithoutMulticastIsNotJoined)
+{
+    network.here.ip("link set eth0 multicast off");
+
+    join();
+
+    EXPECT_THAT(log.lines(),
+                ElementsAre("Warning: ServiceDiscovery failed to join IPv6 Multicast Group on Interface "
+                            "\"eth0\" with IP \"fd00::1\": does not support Multicast."));
+    EXPECT_THAT(joinedInterfaces(), IsEmpty());
+}
+
+TEST_F(MulticastReceiverTest, SecondJoiningOfAnInterfaceIsRefused)
+{
+    network.here.addAddress("eth0", "fd00::7/64");
+    join();
+    log.clear();
+
+    join();
+    join("eth0", "fd00::7");
+
+    EXPECT_THAT(log.lines(),
+                ElementsAre("Warning: ServiceDiscovery failed to join IPv6 Multicast Group on Interface "
+                            "\"eth0\" with IP \"fd00::1\", already joined on \"eth0\"",
+                            "Warning: ServiceDiscovery failed to join IPv6 Multicast Group on Interface "
+                            "\"eth0\" with IP \"fd00::7\", already joined on \"eth0\""));
+}
+
+TEST_F(MulticastReceiverTest, LinkLocalAddressIsTakenWithAndWithoutScope)
+{
+    network.here.addAddress("eth0", "fe80::1/64");
+    network.link("ETH1", "fe80::3");
+
+    join("eth0", "fe80::1");
+    join("ETH1", "fe80::3%ETH1");
+    EXPECT_THAT(joinedInterfaces(), ElementsAre("ETH1", "eth0"));
+
+    leave("eth0", "fe80::1%eth0");
+    leave("ETH1", "fe80::3");
+    EXPECT_THAT(joinedInterfaces(), IsEmpty());
+    EXPECT_THAT(log.complaints(), IsEmpty());
+}
+
+TEST_F(MulticastReceiverTest, InterfaceThatWasNotJoinedCannotBeLeft)
+{
+    network.link("eth1", "fd01::1");
+    join();
+    log.clear();
+
+    leave("eth1", "fd01::1");
+    leave("eth0", "fd01::1");
+
+    EXPECT_THAT(log.lines(), ElementsAre("Warning: Failed to leave IPv6 Multicast Group on Interface "
+                                         "\"eth1\" with IP \"fd01::1\": not joined(?)",
+                                         "Warning: Failed to leave IPv6 Multicast Group on Interface "
+                                         "\"eth0\" with IP \"fd01::1\": not joined(?)"));
+    EXPECT_THAT(joinedInterfaces(), ElementsAre("eth0"));
+}
+
+TEST_F(MulticastReceiverTest, UnparsableAddressCannotBeLeft)
+{
+    join();
+    log.clear();
+
+    leave("eth0", "no address");
+
+    EXPECT_THAT(log.lines(),
+                ElementsAre("Error: ServiceDiscovery failed to leave IPv6 Multicast Group on Interface "
+                            "\"eth0\" with IP \"no address\": Invalid address: no address"));
+    EXPECT_THAT(joinedInterfaces(), ElementsAre("eth0"));
+}
+
+TEST_F(MulticastReceiverTest, AnyAddressOfTheInterfaceLeavesIt)
+{
+    network.here.addAddress("eth0", "fd00::7/64");
+    join();
+
+    leave("eth0", "fd00::7");
+
+    EXPECT_THAT(joinedInterfaces(), IsEmpty());
+}
+
+TEST_F(MulticastReceiverTest, WildcardLeavesEveryInterface)
+{
+    network.link("eth1", "fd01::1");
+    join();
+    join("eth1", "fd01::1");
+    network.here.ip("address flush dev eth1");
+    log.clear();
+
+    leave("", "::");
+
+    EXPECT_THAT(
+        log.lines(),
+        ElementsAre(
+            leavingAll, leaving0,
+            "Notice: ServiceDiscovery (was) part of IPv6 Multicast Group for Interface \"eth1\" with "
+            "currently no IPs.",
+            "Notice: ServiceDiscovery leaving IPv6 Multicast Group for Interface \"eth1\" \"eth1\"."));
+    EXPECT_THAT(joinedInterfaces(), IsEmpty());
+}
+
+TEST_F(MulticastReceiverTest, InterfaceIsLeftWhenItsAddressHasGone)
+{
+    network.here.addAddress("eth0", "fd00::7/64");
+    join();
+    network.here.ip("address delete fd00::1/64 dev eth0");
+    log.clear();
+
+    leave();
+
+    EXPECT_THAT(log.lines(), ElementsAre(leaving0ForIP));
+    EXPECT_THAT(joinedInterfaces(), IsEmpty());
+}
+
+TEST_F(MulticastReceiverTest, InterfaceIsLeftWhenAllItsAddressesHaveGone)
+{
+    join();
+    network.here.ip("address flush dev eth0");
+    log.clear();
+
+    leave();
+
+    EXPECT_THAT(log.lines(), ElementsAre(without0, leaving0ForIP));
+    EXPECT_THAT(joinedInterfaces(), IsEmpty());
+}
+
+TEST_F(MulticastReceiverTest, InterfaceIsLeftWhenItsLinkHasGone)
+{
+    join();
+    network.here.ip("link delete eth0");
+    log.clear();
+
+    leave();
+
+    EXPECT_THAT(log.complaints(), IsEmpty());
+    EXPECT_THAT(log.notices(), ElementsAre(without0, leaving0ForIP));
+    EXPECT_FALSE(receiver->isJoinedOn("eth0"));
+}
+
+TEST_F(MulticastReceiverTest, InterfaceWithoutAddressesIsPassedOverInTheWalk)
+{
+    network.link("eth1", "fd01::1");
+    join();
+    join("eth1", "fd01::1");
+    network.here.ip("address flush dev eth0");
+    log.clear();
+
+    leave("eth1", "fd01::1");
+
+    EXPECT_THAT(
+        log.lines(),
+        ElementsAre(without0,
+                    "Notice: ServiceDiscovery leaving IPv6 Multicast Group for Interface \"eth1\" \"eth1\" "
+                    "for given IP \"fd01::1\"."));
+    EXPECT_THAT(joinedInterfaces(), ElementsAre("eth0"));
+}
+
+TEST_F(RunningReceiverTest, InterfaceThatComesBackUnderItsNameIsHeardAgain)
+{
+    network.here.ip("link delete eth0");
+    leave();
+    network.link("eth0", "fd00::1", "fd00::2");
+    join();
+    Speaker again(network.there, "eth0", "fd00::2");
+
+    again.send("01"_bytes);
+
+    EXPECT_TRUE(subscriber->gets(1));
+}
+
+TEST_F(MulticastReceiverTest, StartAsksForALargeReceiveBufferAndSaysWhatItGot)
+{
+    EXPECT_TRUE(receiver->start());
+
+    EXPECT_THAT(log.lines(),
+                ElementsAre(MatchesRegex(
+                    "Debug: MulticastReceiver receive buffer: 4194304 Bytes asked for, [0-9]+ got.")));
+}
+
+TEST_F(MulticastReceiverTest, PortInUseKeepsTheReceiverIdle)
+{
+    std::optional<Poco::Net::DatagramSocket> other{std::in_place, SocketAddress("::", discoveryPort), false};
+
+    EXPECT_FALSE(receiver->start());
+
+    EXPECT_THAT(log.lines(), ElementsAre("Error: MultiCast binding failed: Net Exception: Address already in "
+                                         "use: [ff14::4:0]:30491"));
+}
+
+TEST_F(MulticastReceiverTest, PortIsNotShared)
+{
+    EXPECT_TRUE(receiver->start());
+
+    EXPECT_THROW(Poco::Net::DatagramSocket(SocketAddress(discoveryGroup, discoveryPort), true),
+                 Poco::Exception);
+}
+
+TEST_F(MulticastReceiverTest, LaterStartWorksWhenThePortIsFree)
+{
+    std::optional<Poco::Net::DatagramSocket> other{std::in_place, SocketAddress("::", discoveryPort), false};
+    Speaker speaker(network.there, "eth0", "fd00::2");
+    join();
+    EXPECT_FALSE(receiver->start());
+    other.reset();
+
+    EXPECT_TRUE(receiver->start());
+    speaker.send("01"_bytes);
+
+    EXPECT_TRUE(subscriber->gets(1)) << "the group joined before is still joined";
+}
+
+TEST_F(RunningReceiverTest, StopLeavesTheGroupEverywhere)
+{
+    network.link("eth1", "fd01::1");
+    join("eth1", "fd01::1");
+    log.clear();
+
+    receiver->stop();
+
+    EXPECT_THAT(
+        log.lines(),
+        ElementsAre(
+            leavingAll, leaving0,
+            "Notice: ServiceDiscovery leaving IPv6 Multicast Group for Interface \"eth1\" \"eth1\"."));
+    EXPECT_THAT(joinedInterfaces(), IsEmpty());
+    EXPECT_FALSE(receiver->isJoinedOn("eth0"));
+    EXPECT_FALSE(receiver->isJoinedOn("eth1"));
+}
+
+TEST_F(RunningReceiverTest, StopGivesThePortBack)
+{
+    receiver->stop();
+
+    EXPECT_NO_THROW(Poco::Net::DatagramSocket(SocketAddress(discoveryGroup, discoveryPort), false));
+}
+
+TEST_F(RunningReceiverTest, NothingIsHandedOverAfterTheStop)
+{
+    receiver->stop();
+
+    speaker.send("01"_bytes);
+    EXPECT_TRUE(receiver->start());
+    join();
+    speaker.send("02"_bytes);
+
+    EXPECT_TRUE(subscriber->gets(1));
+    EXPECT_THAT(subscriber->bytes(), ElementsAre("02"));
+}
+
+TEST_F(RunningReceiverTest, ReceiverHearsAfterEveryRestart)
+{
+    for (std::size_t i = 1; i <= 5; ++i) {
+        receiver->stop();
+        ASSERT_TRUE(receiver->start());
+        EXPECT_THAT(joinedInterfaces(), IsEmpty());
+        join();
+        speaker.send("01"_bytes);
+        ASSERT_TRUE(subscriber->gets(i)) << i;
+    }
+    EXPECT_THAT(log.complaints(), IsEmpty());
+}
+
+TEST_F(RunningReceiverTest, StopDoesNotWaitForTheEndOfAPoll)
+{
+    constexpr std::size_t count = 20;
+    const auto begin = std::chrono::steady_clock::now();
+
+    for (std::size_t i = 1; i <= count; ++i) {
+        speaker.send("01"_bytes);
+        ASSERT_TRUE(subscriber->gets(i));
+        receiver->stop();
+        ASSERT_TRUE(receiver->start());
+        join();
+    }
+
+    EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(10)) << "a poll lasts a second";
+}
+
+TEST_F(MulticastReceiverTest, StopWithoutStartOnlyLeavesTheGroup)
+{
+    join();
+    log.clear();
+
+    receiver->stop();
+
+    EXPECT_THAT(log.lines(), ElementsAre(leavingAll, leaving0));
+    EXPECT_THAT(joinedInterfaces(), IsEmpty());
+}
+
+TEST_F(MulticastReceiverTest, InterfaceJoinedWhileStoppedIsHeardAfterTheStart)
+{
+    Speaker speaker(network.there, "eth0", "fd00::2");
+    receiver->start();
+    receiver->stop();
+    join();
+
+    EXPECT_TRUE(receiver->start());
+    speaker.send("01"_bytes);
+
+    EXPECT_TRUE(subscriber->gets(1));
+}
+
+TEST_F(HungSubscriberTest, StopReturnsInSecondsAndLeavesTheGroup)
+{
+    const auto begin = std::chrono::steady_clock::now();
+
+    receiver->stop();
+
+    EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(10));
+    EXPECT_THAT(log.lines(), ElementsAre(leavingAll, leaving0));
+    EXPECT_THAT(joinedInterfaces(), IsEmpty());
+}
+
+TEST_F(HungSubscriberTest, StopWaitsForASubscriberThatReturnsInTime)
+{
+    std::atomic<bool> isStopped{false};
+
+    std::thread stopper([&] {
+        receiver->stop();
+        isStopped = true;
+    });
+    EXPECT_TRUE(keeps([&] { return !isStopped; }, std::chrono::milliseconds(300)));
+    gate.open();
+    stopper.join();
+
+    EXPECT_TRUE(receiver->start());
+}
+
+TEST_F(HungSubscriberTest, StartIsRefusedUntilTheSubscriberReturns)
+{
+    receiver->stop();
+    log.clear();
+
+    EXPECT_FALSE(receiver->start());
+    EXPECT_THAT(log.lines(), ElementsAre(stillHeldUp));
+
+    gate.open();
+    EXPECT_TRUE(eventually([&] { return receiver->start(); }));
+    join();
+    speaker.send("02"_bytes);
+    EXPECT_TRUE(subscriber->gets(2));
+}
+
+TEST_F(HungSubscriberTest, DatagramsThatWaitAreNotHandedOverAfterTheStop)
+{
+    speaker.send("02"_bytes);
+    receiver->stop();
+
+    gate.open();
+    EXPECT_TRUE(eventually([&] { return receiver->start(); }));
+    join();
+    speaker.send("03"_bytes);
+
+    EXPECT_TRUE(subscriber->gets(2));
+    EXPECT_THAT(subscriber->bytes(), ElementsAre("01", "03"));
+}
+
+TEST_F(HungSubscriberTest, DestructionWaitsForTheSubscriber)
+{
+    std::atomic<bool> isDestroyed{false};
+    subscriber->outliveReceiver();
+
+    std::thread destroyer([&] {
+        receiver.reset();
+        isDestroyed = true;
+    });
+    EXPECT_TRUE(keeps([&] { return !isDestroyed; }, std::chrono::milliseconds(300)));
+    gate.open();
+    destroyer.join();
+
+    EXPECT_THAT(joinedInterfaces(), IsEmpty());
+}
+
+TEST_F(MulticastReceiverTest, NoDescriptorIsLostOverRestartsAndDestruction)
+{
+    destroyReceiver();
+    const std::size_t before = openDescriptors();
+
+    {
+        Receiver another(unit.hub, discoveryGroup, discoveryPort);
+        for (int i = 0; i < 3; ++i) {
+            another.joinGroupOnInterface_byIP("eth0", "fd00::1");
+            EXPECT_TRUE(another.start());
+            another.stop();
+        }
+        EXPECT_TRUE(another.start());
+        another.joinGroupOnInterface_byIP("eth0", "fd00::1");
+    }
+
+    EXPECT_EQ(openDescriptors(), before);
+    EXPECT_THAT(joinedInterfaces(), IsEmpty());
+}
+
+TEST_F(RunningReceiverTest, InterfacesComeAndGoWhileDatagramsArrive)
+{
+    network.link("eth1", "fd01::1");
+    constexpr std::size_t count = 200;
+
+    std::thread platform([&] {
+        for (int i = 0; i < 50; ++i) {
+            join("eth1", "fd01::1");
+            leave("eth1", "fd01::1");
+        }
+    });
+    for (std::size_t i = 0; i < count; ++i)
+        speaker.send("01"_bytes);
+    platform.join();
+
+    EXPECT_TRUE(subscriber->gets(count));
+    EXPECT_THAT(log.complaints(), IsEmpty());
+}
+
+/// A reactor of the test's own raises what the receiver's one raises seldom.
+TEST_F(MulticastReceiverTest, SocketErrorIsReportedAndTakenOffTheSocket)
+{
+    Poco::Net::DatagramSocket refused(SocketAddress("::1", 0), false);
+    refused.connect(SocketAddress("::1", 9));
+    Poco::Net::SocketReactor reactor(Poco::Timespan(0, 100000));
+    const Poco::NObserver<Receiver, Poco::Net::ErrorNotification> observer(*receiver,
+                                                                           &Receiver::onSocketError);
+    reactor.addEventHandler(refused, observer);
+    std::thread thread([&] { reactor.run(); });
+    refused.sendBytes("x", 1);
+    const std::string line =
+        "Error: MulticastReceiver encountered Socket-Error "
+        "\"N4Poco3Net17ErrorNotificationE\" from \"" +
+        refused.address().toString() + "\"";
+
+    EXPECT_TRUE(eventually([&] { return log.has(line); }));
+    refused.sendBytes("x", 1);
+    EXPECT_TRUE(eventually([&] { return log.count(line) == 2; }));
+    reactor.stop();
+    thread.join();
+
+    EXPECT_THAT(log.lines(), ElementsAre(line, line));
+}
+
+TEST_F(MulticastReceiverTest, ShutdownOfTheReactorIsReported)
+{
+    Poco::Net::DatagramSocket socket(SocketAddress("::1", 0), false);
+    Poco::Net::SocketReactor reactor(Poco::Timespan(0, 100000));
+    reactor.addEventHandler(socket, Poco::NObserver<Receiver, Poco::Net::ShutdownNotification>(
+                                        *receiver, &Receiver::onReactorShutdown));
+    reactor.stop();
+
+    reactor.run();
+
+    EXPECT_THAT(log.lines(), ElementsAre("Error: MulticastReceiver encountered Reactor Shutdown "
+                                         "\"N4Poco3Net20ShutdownNotificationE\" from \"" +
+                                         socket.address().toString() + "\""));
+}
+
+TEST(OwnDatagramTest, DatagramOfThisUnitThatComesBackOnAnotherPortIsDroppedSilently)
+{
+    const Namespace here("here");
+    const Namespace there("there");
+    Segment segment;
+    segment.plug(here, "eth0");
+    segment.plug(here, "eth1");
+    segment.plug(there, "eth0");
+    here.addAddress("eth0", "fd00::1/64");
+    here.addAddress("eth1", "fd00::2/64");
+    there.addAddress("eth0", "fd00::3/64");
+    const InNamespace inside(here);
+    HubUnit unit;
+    unit.platform.dispatcher().addInterface("eth0", "fd00::1");
+    unit.platform.dispatcher().addInterface("eth1", "fd00::2");
+    ASSERT_TRUE(unit.hub.start(IPAddress("fd00::1")));
+    SDService::Ptr service = makeService("Media");
+    service->setType(SDService::Type::ANNOUNCED);
+    const LogCatcher log;
+
+    unit.hub.announce(service);
+    const std::string arrived = "Trace: MulticastReceiver onSocketReadable";
+    EXPECT_TRUE(eventually([&] { return log.count(arrived) == 2; })) << "by the other port each";
+    EXPECT_THAT(log.complaints(), IsEmpty());
+    Speaker speaker(there, "eth0", "fd00::3");
+    speaker.send("00"_bytes);
+    const std::string ofTheOther = "Trace: SDCommunicationHub::onMessageReceived - message received from " +
+                                   speaker.address().toString();
+    EXPECT_TRUE(eventually([&] { return log.has(ofTheOther); }));
+
+    EXPECT_THAT(log.traces(), ::testing::Not(::testing::Contains(::testing::HasSubstr("from [fd00::1]"))));
+    EXPECT_THAT(log.traces(), ::testing::Not(::testing::Contains(::testing::HasSubstr("from [fd00::2]"))));
+    unit.hub.stop();
+}
+
+}  // namespace Nubo::ServiceDiscovery::Testing

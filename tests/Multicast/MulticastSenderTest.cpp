@@ -1,0 +1,931 @@
+#include "DataLayer/SDClock.h"
+#include "Multicast/MulticastSender.h"
+#include "support/Listener.h"
+#include "support/LogCatcher.h"
+#include "support/Namespace.h"
+#include "support/TestUnit.h"
+#include "support/Wire.h"
+
+#include <Poco/Exception.h>
+#include <Poco/Net/DatagramSocket.h>
+#include <Poco/Net/MulticastSocket.h>
+
+#include <algorithm>
+#include <atomic>
+#include <optional>
+#include <ostream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+namespace Nubo::ServiceDiscovery::Testing {
+
+using Poco::Net::IPAddress;
+using Poco::Net::SocketAddress;
+using ::testing::ElementsAre;
+using ::testing::IsEmpty;
+
+namespace {
+
+class Sender : public Multicast::MulticastSender
+{
+public:
+    using MulticastSender::addInterface_byIP;
+    using MulticastSender::adjustIPs;
+    using MulticastSender::InterfaceData_t;
+    using MulticastSender::MulticastSender;
+    using MulticastSender::removeInterface_byIP;
+    using MulticastSender::SendData;
+    using MulticastSender::sendServices;
+    using MulticastSender::transmit;
+};
+
+/// Datagrams as the sender takes them: it writes into their bytes.
+class Datagrams
+{
+public:
+    Datagrams(std::initializer_list<std::string> hex)
+    {
+        for (const std::string& one : hex)
+            m_bytes.push_back(fromHex(one));
+    }
+
+    Sender::MulticastData list()
+    {
+        Sender::MulticastData result;
+        for (std::string& one : m_bytes)
+            result.emplace_back(one.data(), one.size());
+        return result;
+    }
+
+    std::string hex(std::size_t i) const { return toHex(m_bytes[i]); }
+
+private:
+    std::vector<std::string> m_bytes;
+};
+
+// The placeholder, and the addresses of interfaces, as they stand in datagrams.
+const std::string fd00_1 = "fd 00 00 00 00 00 00 00 00 00 00 00 00 00 00 01";
+const std::string fd01_1 = "fd 01 00 00 00 00 00 00 00 00 00 00 00 00 00 01";
+const std::string fd02_1 = "fd 02 00 00 00 00 00 00 00 00 00 00 00 00 00 01";
+const std::string fe80_1 = "fe 80 00 00 00 00 00 00 00 00 00 00 00 00 00 01";
+
+constexpr auto noInterfaces =
+    "Error: MulticastSender failed to send package, no service discovery interfaces configured!";
+constexpr auto notInitialised =
+    "Error: MulticastSender failed to send package, external IP address was not initialised!";
+
+struct MulticastSenderTest : ::testing::Test
+{
+    MulticastSenderTest() { sender->init(IPAddress("fd00::1")); }
+
+    /// Makes an interface with that address and reports it.
+    void addInterface(const std::string& name, const std::string& address)
+    {
+        network.link(name, address);
+        sender->addInterface_byIP(name, address);
+    }
+
+    bool send(Datagrams& forAll) { return sender->sendMulticast(forAll.list(), {}); }
+    bool send(Datagrams&& forAll) { return send(forAll); }
+
+    /// Sends a datagram on every interface and returns where the one on that interface came from.
+    SocketAddress ownAddress(Listener& listener)
+    {
+        listener.clear();
+        send({"00"});
+        EXPECT_TRUE(listener.hears(1));
+        const Listener::Datagram& datagram = listener.datagrams().back();
+        return SocketAddress(datagram.source, datagram.sourcePort);
+    }
+
+    NetworkPair network;
+    HubUnit unit;
+    LogCatcher log;
+    std::optional<Sender> sender{std::in_place, unit.hub, discoveryGroup, discoveryPort};
+};
+
+struct RefusedAddress
+{
+    const char* name;
+    const char* ip;
+
+    friend std::ostream& operator<<(std::ostream& stream, const RefusedAddress& row)
+    {
+        return stream << '"' << row.ip << '"';
+    }
+};
+
+struct RefusedAddressTest : MulticastSenderTest, ::testing::WithParamInterface<RefusedAddress>
+{};
+
+}  // namespace
+
+TEST_F(MulticastSenderTest, LargestDatagramHas1212Bytes)
+{
+    EXPECT_EQ(sender->getMTU(), 1212u);
+}
+
+TEST_F(MulticastSenderTest, WithoutInitNothingIsSent)
+{
+    network.link("eth0", "fd00::1");
+    Listener listener(network.there, "eth0");
+    Sender fresh(unit.hub, discoveryGroup, discoveryPort);
+    fresh.addInterface_byIP("eth0", "fd00::1");
+    log.clear();
+
+    EXPECT_FALSE(fresh.sendMulticast({}, {}));
+
+    EXPECT_THAT(log.lines(), ElementsAre(notInitialised));
+    EXPECT_THAT(listener.bytes(), IsEmpty());
+}
+
+TEST_F(MulticastSenderTest, InitWithAnAddressWithoutRawFormLeavesTheSenderUnusable)
+{
+    addInterface("eth0", "fd00::1");
+    log.clear();
+
+    EXPECT_FALSE(sender->init(IPAddress("10.0.0.1")));
+    EXPECT_FALSE(send({"01"}));
+    EXPECT_FALSE(send({"02"}));
+
+    EXPECT_THAT(log.lines(), ElementsAre(notInitialised, notInitialised));
+}
+
+TEST_F(MulticastSenderTest, InitWithAnIPv6AddressMakesTheSenderUsable)
+{
+    EXPECT_TRUE(sender->init(IPAddress("fd00::1")));
+    EXPECT_TRUE(sender->init(IPAddress("::"))) << "every IPv6 address has a raw form";
+}
+
+TEST_F(MulticastSenderTest, WithoutInterfacesNothingIsSent)
+{
+    EXPECT_FALSE(send({"01"}));
+
+    EXPECT_THAT(log.lines(), ElementsAre(noInterfaces));
+}
+
+TEST_F(MulticastSenderTest, DatagramGoesToTheGroupFromTheInterfacesAddressWithHopLimit255)
+{
+    addInterface("eth0", "fd00::1");
+    Listener listener(network.there, "eth0");
+
+    EXPECT_TRUE(send({"01 02 ff"}));
+
+    ASSERT_TRUE(listener.hears(1));
+    const Listener::Datagram& datagram = listener.datagrams().front();
+    EXPECT_EQ(datagram.bytes, "01 02 ff"_bytes);
+    EXPECT_EQ(datagram.source, "fd00::1");
+    EXPECT_NE(datagram.sourcePort, discoveryPort);
+    EXPECT_EQ(datagram.destination, "ff14::4:0");
+    EXPECT_EQ(datagram.hopLimit, 255u);
+    EXPECT_THAT(log.complaints(), IsEmpty());
+}
+
+TEST_F(MulticastSenderTest, UnitDoesNotHearItsOwnDatagramsOnTheInterfaceTheyLeaveBy)
+{
+    network.link("eth0", "fd00::1", "fd00::2");
+    sender->addInterface_byIP("eth0", "fd00::1");
+    const IPAddress group(discoveryGroup);
+    Poco::Net::MulticastSocket own(SocketAddress(group, discoveryPort), false);
+    own.joinGroup(group, Poco::Net::NetworkInterface::forName("eth0", true));
+    Speaker speaker(network.there, "eth0", "fd00::2");
+
+    send({"01"});
+    speaker.send("02"_bytes);
+
+    char bytes[8];
+    SocketAddress origin;
+    EXPECT_EQ(own.receiveFrom(bytes, sizeof bytes, origin), 1);
+    EXPECT_EQ(bytes[0], '\x02') << "the first datagram that comes in is the other unit's";
+}
+
+TEST_F(MulticastSenderTest, SocketDoesNotShareItsAddress)
+{
+    addInterface("eth0", "fd00::1");
+    Listener listener(network.there, "eth0");
+
+    const SocketAddress taken = ownAddress(listener);
+
+    EXPECT_THROW(Poco::Net::DatagramSocket(taken, true), Poco::Exception);
+}
+
+TEST_F(MulticastSenderTest, AddedInterfaceIsNoted)
+{
+    addInterface("eth0", "fd00::1");
+
+    EXPECT_THAT(
+        log.lines(),
+        ElementsAre("Notice: ServiceDiscovery adding Interface \"eth0\" with IP \"fd00::1\" for sending."));
+}
+
+TEST_F(MulticastSenderTest, ReportsOfThePlatformAddAndRemoveTheInterface)
+{
+    network.link("eth0", "fd00::1");
+    OEMInterface::AddServiceDiscoveryInterfacePayload added{{"eth0", "fd00::1"}};
+    OEMInterface::RemoveServiceDiscoveryInterfacePayload removed{{"eth0", "fd00::1"}};
+
+    sender->onInterfaceAdded(added);
+    EXPECT_TRUE(send({"01"}));
+    sender->onInterfaceRemoved(removed);
+    EXPECT_FALSE(send({"02"}));
+
+    EXPECT_THAT(
+        log.lines(),
+        ElementsAre("Notice: ServiceDiscovery adding Interface \"eth0\" with IP \"fd00::1\" for sending.",
+                    "Notice: ServiceDiscovery removing Interface \"eth0\" for given IP \"fd00::1\" for "
+                    "sending.",
+                    noInterfaces));
+}
+
+TEST_P(RefusedAddressTest, IsSkippedWithAWarning)
+{
+    network.link("eth0", "fd00::1");
+
+    sender->addInterface_byIP("eth0", GetParam().ip);
+
+    EXPECT_THAT(log.lines(),
+                ElementsAre(std::string("Warning: ServiceDiscovery skipped adding Interface \"eth0\" with "
+                                        "IP \"") +
+                            GetParam().ip + "\" for sending: not an appropriate IP."));
+    EXPECT_FALSE(send({"01"}));
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Addresses, RefusedAddressTest,
+    ::testing::Values(RefusedAddress{"IPv4", "10.0.0.1"}, RefusedAddress{"Wildcard", "::"},
+                      RefusedAddress{"Loopback", "::1"}, RefusedAddress{"Multicast", "ff14::4:0"},
+                      RefusedAddress{"Unparsable", "no address"}, RefusedAddress{"Empty", ""}),
+    [](const auto& row) { return row.param.name; });
+
+TEST_F(MulticastSenderTest, UnknownInterfaceIsNotAdded)
+{
+    sender->addInterface_byIP("eth7", "fd00::1");
+
+    EXPECT_THAT(log.complaints(), IsEmpty());
+    EXPECT_THAT(log.notices(), IsEmpty());
+    EXPECT_FALSE(send({"01"}));
+}
+
+TEST_F(MulticastSenderTest, AddressThatIsNotTheInterfacesIsNotAdded)
+{
+    network.link("eth0", "fd00::1");
+
+    sender->addInterface_byIP("eth0", "fd00::2");
+
+    EXPECT_THAT(log.complaints(), IsEmpty());
+    EXPECT_THAT(log.notices(), IsEmpty());
+    EXPECT_FALSE(send({"01"}));
+}
+
+TEST_F(MulticastSenderTest, InterfaceWithoutMulticastIsNotAdded)
+{
+    network.link("eth0", "fd00::1");
+    network.here.ip("link set eth0 multicast off");
+
+    sender->addInterface_byIP("eth0", "fd00::1");
+
+    EXPECT_THAT(log.lines(), ElementsAre("Warning: ServiceDiscovery failed to add Interface \"eth0\" with IP "
+                                         "\"fd00::1\" for sending: does not support Multicast."));
+    EXPECT_FALSE(send({"01"}));
+}
+
+TEST_F(MulticastSenderTest, SecondAddressOfAnAddedInterfaceIsRefused)
+{
+    addInterface("eth0", "fd00::1");
+    network.here.addAddress("eth0", "fd00::2/64");
+    Listener listener(network.there, "eth0");
+    log.clear();
+
+    sender->addInterface_byIP("eth0", "fd00::2");
+
+    EXPECT_THAT(log.lines(), ElementsAre("Warning: ServiceDiscovery failed to add Interface \"eth0\" with IP "
+                                         "\"fd00::2\" for sending: already added \"eth0"));
+    EXPECT_TRUE(send({"01"}));
+    EXPECT_THAT(listener.bytes(), ElementsAre("01")) << "one socket an interface";
+}
+
+TEST_F(MulticastSenderTest, LinkLocalAddressIsTakenWithAndWithoutScope)
+{
+    addInterface("eth0", "fe80::1");
+    network.link("ETH1", "fe80::2");
+    Listener listener0(network.there, "eth0");
+    Listener listener1(network.there, "ETH1");
+
+    sender->addInterface_byIP("ETH1", "fe80::2%ETH1");
+    EXPECT_TRUE(send({"01"}));
+
+    ASSERT_TRUE(listener0.hears(1));
+    EXPECT_EQ(listener0.datagrams().front().source, "fe80::1");
+    ASSERT_TRUE(listener1.hears(1));
+    EXPECT_EQ(listener1.datagrams().front().source, "fe80::2");
+    EXPECT_THAT(log.complaints(), IsEmpty());
+}
+
+TEST_F(MulticastSenderTest, OneInterfaceGetsTheDatagramsUnchangedWhateverItsAddress)
+{
+    addInterface("eth0", "fd01::1");
+    Listener listener(network.there, "eth0");
+
+    EXPECT_TRUE(send({"aa " + fd00_1, "bb"}));
+
+    EXPECT_THAT(listener.bytes(), ElementsAre("aa " + fd00_1, "bb"));
+}
+
+TEST_F(MulticastSenderTest, OfTwoInterfacesEachGetsItsOwnAddressAtTheSamePlaces)
+{
+    addInterface("eth0", "fd01::1");
+    addInterface("eth1", "fd02::1");
+    Listener listener0(network.there, "eth0");
+    Listener listener1(network.there, "eth1");
+
+    EXPECT_TRUE(send({"aa " + fd00_1 + " bb", fd00_1}));
+
+    EXPECT_THAT(listener0.bytes(), ElementsAre("aa " + fd01_1 + " bb", fd01_1));
+    EXPECT_THAT(listener1.bytes(), ElementsAre("aa " + fd02_1 + " bb", fd02_1));
+}
+
+TEST_F(MulticastSenderTest, OfThreeInterfacesEachGetsItsOwnAddress)
+{
+    addInterface("eth0", "fd01::1");
+    addInterface("eth1", "fe80::1");
+    addInterface("eth2", "fd02::1");
+    Listener listener0(network.there, "eth0");
+    Listener listener1(network.there, "eth1");
+    Listener listener2(network.there, "eth2");
+
+    EXPECT_TRUE(send({fd00_1 + " cc"}));
+
+    EXPECT_THAT(listener0.bytes(), ElementsAre(fd01_1 + " cc"));
+    EXPECT_THAT(listener1.bytes(), ElementsAre(fe80_1 + " cc"));
+    EXPECT_THAT(listener2.bytes(), ElementsAre(fd02_1 + " cc"));
+}
+
+TEST_F(MulticastSenderTest, InterfaceWhoseAddressIsThePlaceholderDoesNotEndTheAdjusting)
+{
+    addInterface("eth0", "fd00::1");
+    addInterface("eth1", "fd02::1");
+    addInterface("eth2", "fd01::1");
+    Listener listener0(network.there, "eth0");
+    Listener listener1(network.there, "eth1");
+    Listener listener2(network.there, "eth2");
+
+    EXPECT_TRUE(send({"aa " + fd00_1}));
+
+    EXPECT_THAT(listener0.bytes(), ElementsAre("aa " + fd00_1));
+    EXPECT_THAT(listener1.bytes(), ElementsAre("aa " + fd02_1));
+    EXPECT_THAT(listener2.bytes(), ElementsAre("aa " + fd01_1));
+}
+
+TEST_F(MulticastSenderTest, PlaceholderInterfaceInTheMiddleGetsThePlaceholderBack)
+{
+    addInterface("eth0", "fd01::1");
+    addInterface("eth1", "fd00::1");
+    addInterface("eth2", "fd02::1");
+    Listener listener1(network.there, "eth1");
+    Listener listener2(network.there, "eth2");
+
+    EXPECT_TRUE(send({"aa " + fd00_1}));
+
+    EXPECT_THAT(listener1.bytes(), ElementsAre("aa " + fd00_1));
+    EXPECT_THAT(listener2.bytes(), ElementsAre("aa " + fd02_1));
+}
+
+TEST_F(MulticastSenderTest, PlaceholderThatStandsTwiceIsOverwrittenTwice)
+{
+    addInterface("eth0", "fd01::1");
+    addInterface("eth1", "fd02::1");
+    Listener listener0(network.there, "eth0");
+    Listener listener1(network.there, "eth1");
+
+    EXPECT_TRUE(send({fd00_1 + " " + fd00_1 + " cc", "aa " + fd00_1 + " bb " + fd00_1}));
+
+    EXPECT_THAT(listener0.bytes(),
+                ElementsAre(fd01_1 + " " + fd01_1 + " cc", "aa " + fd01_1 + " bb " + fd01_1));
+    EXPECT_THAT(listener1.bytes(),
+                ElementsAre(fd02_1 + " " + fd02_1 + " cc", "aa " + fd02_1 + " bb " + fd02_1));
+}
+
+TEST_F(MulticastSenderTest, DatagramWithoutThePlaceholderIsSentUnchanged)
+{
+    addInterface("eth0", "fd01::1");
+    addInterface("eth1", "fd02::1");
+    Listener listener0(network.there, "eth0");
+    Listener listener1(network.there, "eth1");
+
+    EXPECT_TRUE(send({"aa bb", fd00_1.substr(0, 15 * 3 - 1)}));
+
+    EXPECT_THAT(listener0.bytes(), ElementsAre("aa bb", fd00_1.substr(0, 15 * 3 - 1)));
+    EXPECT_EQ(listener1.bytes(), listener0.bytes());
+}
+
+TEST_F(MulticastSenderTest, InterfaceAddressThatStandsBesideThePlaceholderIsLeftAlone)
+{
+    addInterface("eth0", "fd01::1");
+    addInterface("eth1", "fd02::1");
+    Listener listener1(network.there, "eth1");
+
+    EXPECT_TRUE(send({fd00_1 + " " + fd01_1}));
+
+    EXPECT_THAT(listener1.bytes(), ElementsAre(fd02_1 + " " + fd01_1));
+}
+
+TEST_F(MulticastSenderTest, InterfacesAreServedByAscendingIndexAndTheLastAddressStaysInTheDatagram)
+{
+    network.link("eth0", "fd01::1");
+    network.link("eth1", "fd02::1");
+    sender->addInterface_byIP("eth1", "fd02::1");
+    sender->addInterface_byIP("eth0", "fd01::1");
+    Datagrams datagrams{"aa " + fd00_1};
+
+    send(datagrams);
+
+    EXPECT_EQ(datagrams.hex(0), "aa " + fd02_1);
+}
+
+TEST_F(MulticastSenderTest, InternalDatagramsStayOffAGlobalInterface)
+{
+    addInterface("eth0", "fd00::1");
+    Listener listener(network.there, "eth0");
+    Datagrams all{"a1", "a2"};
+    Datagrams internal{"b1"};
+
+    EXPECT_TRUE(sender->sendMulticast(all.list(), internal.list()));
+
+    EXPECT_THAT(listener.bytes(), ElementsAre("a1", "a2"));
+}
+
+TEST_F(MulticastSenderTest, LinkLocalInterfaceGetsTheInternalDatagramsFirst)
+{
+    addInterface("eth0", "fe80::1");
+    Listener listener(network.there, "eth0");
+    Datagrams all{"a1", "a2"};
+    Datagrams internal{"b1", "b2"};
+
+    EXPECT_TRUE(sender->sendMulticast(all.list(), internal.list()));
+
+    EXPECT_THAT(listener.bytes(), ElementsAre("b1", "b2", "a1", "a2"));
+}
+
+TEST_F(MulticastSenderTest, OfSeveralInterfacesOnlyLinkLocalOnesGetInternalDatagrams)
+{
+    addInterface("eth0", "fd01::1");
+    addInterface("eth1", "fe80::1");
+    addInterface("eth2", "fd02::1");
+    Listener listener0(network.there, "eth0");
+    Listener listener1(network.there, "eth1");
+    Listener listener2(network.there, "eth2");
+    Datagrams all{"aa " + fd00_1};
+    Datagrams internal{"bb " + fd00_1};
+
+    EXPECT_TRUE(sender->sendMulticast(all.list(), internal.list()));
+
+    EXPECT_THAT(listener0.bytes(), ElementsAre("aa " + fd01_1));
+    EXPECT_THAT(listener1.bytes(), ElementsAre("bb " + fe80_1, "aa " + fe80_1));
+    EXPECT_THAT(listener2.bytes(), ElementsAre("aa " + fd02_1));
+    EXPECT_EQ(internal.hex(0), "bb " + fe80_1) << "of the last interface that the list was sent on";
+}
+
+TEST_F(MulticastSenderTest, EmptyListsAreSentWithSuccess)
+{
+    addInterface("eth0", "fe80::1");
+    EXPECT_TRUE(send({}));
+
+    addInterface("eth1", "fd01::1");
+    EXPECT_TRUE(send({}));
+}
+
+TEST_F(MulticastSenderTest, InterfaceThatFailsDoesNotKeepTheOthersFromSending)
+{
+    addInterface("eth0", "fd01::1");
+    addInterface("eth1", "fd02::1");
+    addInterface("eth2", "fe80::1");
+    Listener listener0(network.there, "eth0");
+    Listener listener2(network.there, "eth2");
+    network.here.ip("link set eth1 down");
+    log.clear();
+
+    EXPECT_FALSE(send({fd00_1, "aa"}));
+
+    EXPECT_THAT(listener0.bytes(), ElementsAre(fd01_1, "aa"));
+    EXPECT_THAT(listener2.bytes(), ElementsAre(fe80_1, "aa"));
+    const auto failed = "Error: sendMulticast caught exception: Net Exception: Network is unreachable";
+    EXPECT_THAT(log.lines(), ElementsAre(failed, failed)) << "each datagram is tried";
+}
+
+TEST_F(MulticastSenderTest, OnlyInterfaceThatFailsGivesFalse)
+{
+    addInterface("eth0", "fe80::1");
+    network.here.ip("link set eth0 down");
+    Datagrams all{"aa"};
+    Datagrams none{};
+    log.clear();
+
+    EXPECT_FALSE(sender->sendMulticast(all.list(), none.list()));
+    EXPECT_FALSE(sender->sendMulticast(none.list(), all.list()));
+
+    EXPECT_THAT(log.errors(), ::testing::SizeIs(2));
+}
+
+TEST_F(MulticastSenderTest, DatagramTooLargeForTheNetworkIsReportedAndTheNextIsSent)
+{
+    addInterface("eth0", "fd00::1");
+    Listener listener(network.there, "eth0");
+    std::string tooLarge(70000, 'x');
+    std::string good = "01"_bytes;
+    log.clear();
+
+    EXPECT_FALSE(sender->sendMulticast({{tooLarge.data(), tooLarge.size()}, {good.data(), good.size()}}, {}));
+
+    EXPECT_THAT(listener.bytes(), ElementsAre("01"));
+    EXPECT_THAT(log.lines(),
+                ElementsAre("Error: sendMulticast caught exception: Net Exception: Message too long"));
+}
+
+TEST_F(MulticastSenderTest, MissingSocketIsReported)
+{
+    std::string bytes = "01"_bytes;
+
+    EXPECT_FALSE(sender->transmit(nullptr, {bytes.data(), bytes.size()}));
+
+    EXPECT_THAT(log.lines(),
+                ElementsAre("Warning: MulticastSender failed to send package: SocketPtr was Null!"));
+}
+
+TEST_F(MulticastSenderTest, OffsetListsMustMatchTheDatagramsInNumber)
+{
+    Datagrams datagrams{"01", "02"};
+    Sender::SendData data(datagrams.list(), std::string(16, 'o'));
+    data.offsets.pop_back();
+
+    EXPECT_FALSE(sender->sendServices(Sender::InterfaceData_t{}, data));
+
+    EXPECT_THAT(log.lines(), ElementsAre("Error: sendServices: package & offsets count mismatch!"));
+}
+
+TEST_F(MulticastSenderTest, AddressesOfDifferentSizeAreNotAdjusted)
+{
+    Datagrams datagrams{"aa bb cc"};
+    Sender::AdjustmentOffsets offsets;
+
+    EXPECT_FALSE(Sender::adjustIPs(datagrams.list().front(), "aa"_bytes, "01 02"_bytes, offsets));
+
+    EXPECT_EQ(datagrams.hex(0), "aa bb cc");
+    EXPECT_THAT(offsets, IsEmpty());
+    EXPECT_THAT(log.lines(), ElementsAre("Error: adjustIPs: IP sizes do not match!"));
+}
+
+TEST_F(MulticastSenderTest, FailedAdjustingDoesNotKeepTheDatagramFromBeingSent)
+{
+    network.link("eth0", "fd00::1");
+    Listener listener(network.there, "eth0");
+    Datagrams datagrams{"aa bb"};
+    Sender::SendData data(datagrams.list(), fromHex(fd00_1));
+    data.ipReplacement = "01"_bytes;
+    const Sender::InterfaceData_t interface {
+        new Poco::Net::MulticastSocket(SocketAddress("fd00::1", 0), false), fromHex(fd00_1), false,
+            IPAddress("fd00::1"),
+        {}
+    };
+
+    EXPECT_FALSE(sender->sendServices(interface, data));
+
+    EXPECT_THAT(listener.bytes(), ElementsAre("aa bb"));
+}
+
+TEST_F(MulticastSenderTest, AdjustingNotesTheOffsetOfEachCompleteOccurrence)
+{
+    Datagrams datagrams{"aa bb 00 aa bb aa bb aa"};
+    Sender::AdjustmentOffsets offsets;
+
+    EXPECT_TRUE(Sender::adjustIPs(datagrams.list().front(), "aa bb"_bytes, "01 02"_bytes, offsets));
+
+    EXPECT_EQ(datagrams.hex(0), "01 02 00 01 02 01 02 aa");
+    EXPECT_THAT(offsets, ElementsAre(0u, 3u, 5u));
+}
+
+TEST_F(MulticastSenderTest, AdjustingGoesOnBehindWhatItWrote)
+{
+    Datagrams datagrams{"aa aa bb bb"};
+    Sender::AdjustmentOffsets offsets;
+
+    EXPECT_TRUE(Sender::adjustIPs(datagrams.list().front(), "aa bb"_bytes, "01 aa"_bytes, offsets));
+
+    EXPECT_EQ(datagrams.hex(0), "aa 01 aa bb");
+    EXPECT_THAT(offsets, ElementsAre(1u));
+}
+
+TEST_F(MulticastSenderTest, AdjustingAtKnownOffsetsDoesNotLookWhatStandsThere)
+{
+    Datagrams datagrams{"00 11 22 33 44 aa bb"};
+    Sender::AdjustmentOffsets offsets{1, 3};
+
+    EXPECT_TRUE(Sender::adjustIPs(datagrams.list().front(), "aa bb"_bytes, "01 02"_bytes, offsets));
+
+    EXPECT_EQ(datagrams.hex(0), "00 01 02 01 02 aa bb");
+    EXPECT_THAT(offsets, ElementsAre(1u, 3u));
+}
+
+TEST_F(MulticastSenderTest, OffsetBeyondTheDatagramEndsTheAdjustingButIsNoFailure)
+{
+    Datagrams datagrams{"00 11 22 33"};
+    Sender::AdjustmentOffsets offsets{0, 3, 1};
+
+    EXPECT_TRUE(Sender::adjustIPs(datagrams.list().front(), "aa bb"_bytes, "01 02"_bytes, offsets));
+
+    EXPECT_EQ(datagrams.hex(0), "01 02 22 33") << "the offsets behind it are not written either";
+    EXPECT_THAT(log.lines(),
+                ElementsAre("Error: adjustIPs: found offset that lies beyond package boundary! (offset:3), "
+                            "(package-size:4), (new IP size:2)"));
+}
+
+TEST_F(MulticastSenderTest, RemovedInterfaceIsNotedAndGetsNothingMore)
+{
+    addInterface("eth0", "fd01::1");
+    addInterface("eth1", "fd02::1");
+    Listener listener0(network.there, "eth0");
+    Listener listener1(network.there, "eth1");
+    log.clear();
+
+    sender->removeInterface_byIP("eth0", "fd01::1");
+    EXPECT_TRUE(send({"aa"}));
+
+    EXPECT_THAT(log.lines(), ElementsAre("Notice: ServiceDiscovery removing Interface \"eth0\" for given IP "
+                                         "\"fd01::1\" for sending."));
+    EXPECT_THAT(listener0.bytes(), IsEmpty());
+    EXPECT_THAT(listener1.bytes(), ElementsAre("aa"));
+}
+
+TEST_F(MulticastSenderTest, RemovedInterfaceCanBeAddedAgain)
+{
+    addInterface("eth0", "fd01::1");
+    Listener listener(network.there, "eth0");
+
+    sender->removeInterface_byIP("eth0", "fd01::1");
+    sender->addInterface_byIP("eth0", "fd01::1");
+    EXPECT_TRUE(send({"aa"}));
+
+    EXPECT_THAT(listener.bytes(), ElementsAre("aa"));
+}
+
+TEST_F(MulticastSenderTest, AnyAddressOfTheInterfaceRemovesIt)
+{
+    addInterface("eth0", "fd01::1");
+    network.here.addAddress("eth0", "fd01::2/64");
+    log.clear();
+
+    sender->removeInterface_byIP("eth0", "fd01::2");
+
+    EXPECT_THAT(log.lines(), ElementsAre("Notice: ServiceDiscovery removing Interface \"eth0\" for given IP "
+                                         "\"fd01::2\" for sending."));
+    EXPECT_FALSE(send({"aa"}));
+}
+
+TEST_F(MulticastSenderTest, LinkLocalInterfaceIsRemovedWithAndWithoutScope)
+{
+    addInterface("eth0", "fe80::1");
+    addInterface("ETH1", "fe80::2");
+
+    sender->removeInterface_byIP("eth0", "fe80::1%eth0");
+    sender->removeInterface_byIP("ETH1", "fe80::2");
+
+    EXPECT_THAT(log.complaints(), IsEmpty());
+    EXPECT_FALSE(send({"aa"}));
+}
+
+TEST_F(MulticastSenderTest, InterfaceThatWasNotAddedCannotBeRemoved)
+{
+    addInterface("eth0", "fd01::1");
+    network.link("eth1", "fd02::1");
+    log.clear();
+
+    sender->removeInterface_byIP("eth1", "fd02::1");
+    sender->removeInterface_byIP("eth0", "fd02::1");
+    sender->removeInterface_byIP("eth7", "fd01::1");
+
+    EXPECT_THAT(log.lines(), ElementsAre("Warning: Failed to remove Interface \"eth1\" with IP \"fd02::1\" "
+                                         "for sending: not connected(?)",
+                                         "Warning: Failed to remove Interface \"eth0\" with IP \"fd02::1\" "
+                                         "for sending: not connected(?)",
+                                         "Warning: Failed to remove Interface \"eth7\" with IP \"fd01::1\" "
+                                         "for sending: not connected(?)"));
+    EXPECT_TRUE(send({"aa"}));
+}
+
+TEST_F(MulticastSenderTest, UnparsableAddressCannotBeRemoved)
+{
+    addInterface("eth0", "fd01::1");
+    log.clear();
+
+    sender->removeInterface_byIP("eth0", "no address");
+
+    EXPECT_THAT(log.lines(), ElementsAre("Error: ServiceDiscovery failed to remove Interface \"eth0\" with "
+                                         "IP \"no address\" for sending: Invalid address: no address"));
+    EXPECT_TRUE(send({"aa"}));
+}
+
+TEST_F(MulticastSenderTest, WildcardRemovesEveryInterface)
+{
+    addInterface("eth0", "fd01::1");
+    addInterface("eth1", "fd02::1");
+    network.here.ip("address flush dev eth1");
+    log.clear();
+
+    sender->removeInterface_byIP("", "::");
+
+    EXPECT_THAT(log.lines(),
+                ElementsAre("Notice: ServiceDiscovery all Interfaces for sending.",
+                            "Notice: ServiceDiscovery removing Interface \"eth0\" for sending.",
+                            "Notice: ServiceDiscovery (was) part of Interface \"eth1\" for sending with "
+                            "currently no IPs.",
+                            "Notice: ServiceDiscovery removing Interface \"eth1\" for sending."));
+    EXPECT_FALSE(send({"aa"}));
+    EXPECT_THAT(log.errors(), ElementsAre(noInterfaces));
+}
+
+TEST_F(MulticastSenderTest, InterfaceIsRemovedWhenItsAddressHasGone)
+{
+    addInterface("eth0", "fd01::1");
+    network.here.addAddress("eth0", "fd01::2/64");
+    network.here.ip("address delete fd01::1/64 dev eth0");
+    log.clear();
+
+    sender->removeInterface_byIP("eth0", "fd01::1");
+
+    EXPECT_THAT(log.lines(), ElementsAre("Notice: ServiceDiscovery removing Interface \"eth0\" for given IP "
+                                         "\"fd01::1\" for sending."));
+    EXPECT_FALSE(send({"aa"}));
+}
+
+TEST_F(MulticastSenderTest, InterfaceIsRemovedWhenAllItsAddressesHaveGone)
+{
+    addInterface("eth0", "fe80::1");
+    network.here.ip("address flush dev eth0");
+    log.clear();
+
+    sender->removeInterface_byIP("eth0", "fe80::1");
+
+    EXPECT_THAT(
+        log.lines(),
+        ElementsAre("Notice: ServiceDiscovery part of Interface \"eth0\" for sending with currently no IPs.",
+                    "Notice: ServiceDiscovery removing Interface \"eth0\" for given IP \"fe80::1\" for "
+                    "sending."));
+    EXPECT_FALSE(send({"aa"}));
+}
+
+TEST_F(MulticastSenderTest, InterfaceIsRemovedWhenItsLinkHasGone)
+{
+    addInterface("eth0", "fd01::1");
+    addInterface("eth1", "fd02::1");
+    network.here.ip("link delete eth0");
+    log.clear();
+
+    sender->removeInterface_byIP("eth0", "fd01::1");
+
+    EXPECT_THAT(
+        log.lines(),
+        ElementsAre("Notice: ServiceDiscovery part of Interface \"eth0\" for sending with currently no IPs.",
+                    "Notice: ServiceDiscovery removing Interface \"eth0\" for given IP \"fd01::1\" for "
+                    "sending."));
+    EXPECT_TRUE(send({"aa"})) << "on eth1";
+}
+
+TEST_F(MulticastSenderTest, InterfaceWithoutAddressesIsPassedOverInTheWalk)
+{
+    addInterface("eth0", "fd01::1");
+    addInterface("eth1", "fd02::1");
+    network.here.ip("address flush dev eth0");
+    log.clear();
+
+    sender->removeInterface_byIP("eth1", "fd02::1");
+    sender->removeInterface_byIP("eth0", "fd99::1");
+
+    EXPECT_THAT(
+        log.lines(),
+        ElementsAre("Notice: ServiceDiscovery part of Interface \"eth0\" for sending with currently no IPs.",
+                    "Notice: ServiceDiscovery removing Interface \"eth1\" for given IP \"fd02::1\" for "
+                    "sending.",
+                    "Notice: ServiceDiscovery part of Interface \"eth0\" for sending with currently no IPs.",
+                    "Warning: Failed to remove Interface \"eth0\" with IP \"fd99::1\" for sending: not "
+                    "connected(?)"));
+}
+
+TEST_F(MulticastSenderTest, RemovalClosesTheSocket)
+{
+    const std::size_t before = openDescriptors();
+    addInterface("eth0", "fd01::1");
+    addInterface("eth1", "fd02::1");
+    addInterface("eth2", "fd00::1");
+    EXPECT_EQ(openDescriptors(), before + 3);
+
+    sender->removeInterface_byIP("eth0", "fd01::1");
+    EXPECT_EQ(openDescriptors(), before + 2);
+    sender->removeInterface_byIP("", "::");
+    EXPECT_EQ(openDescriptors(), before);
+}
+
+TEST_F(MulticastSenderTest, DestructionClosesEverySocket)
+{
+    const std::size_t before = openDescriptors();
+    addInterface("eth0", "fd01::1");
+    addInterface("eth1", "fd02::1");
+
+    sender.reset();
+
+    EXPECT_EQ(openDescriptors(), before);
+}
+
+TEST_F(MulticastSenderTest, AddressOfEachSocketIsAnOwnOne)
+{
+    addInterface("eth0", "fd01::1");
+    addInterface("eth1", "fd02::1");
+    Listener listener0(network.there, "eth0");
+    Listener listener1(network.there, "eth1");
+    const SocketAddress own0 = ownAddress(listener0);
+    const SocketAddress own1 = ownAddress(listener1);
+
+    EXPECT_TRUE(sender->isOwnOutgoingAddress(own0));
+    EXPECT_TRUE(sender->isOwnOutgoingAddress(own1));
+}
+
+TEST_F(MulticastSenderTest, AddressWithAnotherPortOrHostIsNotAnOwnOne)
+{
+    addInterface("eth0", "fd01::1");
+    Listener listener(network.there, "eth0");
+    const SocketAddress own = ownAddress(listener);
+    const auto otherPort = static_cast<std::uint16_t>(own.port() + 1);
+
+    EXPECT_FALSE(sender->isOwnOutgoingAddress(SocketAddress("fd01::1", otherPort)));
+    EXPECT_FALSE(sender->isOwnOutgoingAddress(SocketAddress("fd01::2", own.port())));
+    EXPECT_FALSE(sender->isOwnOutgoingAddress(SocketAddress("127.0.0.1", own.port())));
+    EXPECT_FALSE(sender->isOwnOutgoingAddress(SocketAddress("/tmp/socket")));
+}
+
+TEST_F(MulticastSenderTest, OwnAddressIsKnownWithAnyScope)
+{
+    addInterface("eth0", "fe80::1");
+    network.link("eth1");
+    Listener listener(network.there, "eth0");
+    const std::uint16_t port = ownAddress(listener).port();
+
+    EXPECT_TRUE(sender->isOwnOutgoingAddress(SocketAddress(IPAddress("fe80::1%eth0"), port)));
+    EXPECT_TRUE(sender->isOwnOutgoingAddress(SocketAddress(IPAddress("fe80::1%eth1"), port)));
+    EXPECT_TRUE(sender->isOwnOutgoingAddress(SocketAddress(IPAddress("fe80::1"), port)));
+}
+
+TEST_F(MulticastSenderTest, AddressOfASocketJustClosedIsStillAnOwnOneForSeconds)
+{
+    addInterface("eth0", "fd01::1");
+    addInterface("eth1", "fd02::1");
+    Listener listener0(network.there, "eth0");
+    Listener listener1(network.there, "eth1");
+    const SocketAddress own0 = ownAddress(listener0);
+    const SocketAddress own1 = ownAddress(listener1);
+
+    sender->removeInterface_byIP("eth0", "fd01::1");
+    sender->removeInterface_byIP("", "::");
+    EXPECT_TRUE(sender->isOwnOutgoingAddress(own0));
+    EXPECT_TRUE(sender->isOwnOutgoingAddress(own1));
+
+    SDClock::turn(60 * 1000000);
+    EXPECT_FALSE(sender->isOwnOutgoingAddress(own0));
+    EXPECT_FALSE(sender->isOwnOutgoingAddress(own1));
+}
+
+TEST_F(MulticastSenderTest, DatagramsGoOutWhileInterfacesComeAndGo)
+{
+    addInterface("eth0", "fd01::1");
+    network.link("eth1", "fd02::1");
+    Listener listener0(network.there, "eth0");
+    Listener listener1(network.there, "eth1");
+    constexpr int changes = 200;
+    std::atomic<bool> isOver{false};
+
+    std::thread platform([&] {
+        for (int i = 0; i < changes; ++i) {
+            sender->addInterface_byIP("eth1", "fd02::1");
+            sender->removeInterface_byIP("eth1", "fd02::1");
+            sender->isOwnOutgoingAddress(SocketAddress("fd02::1", 1));
+        }
+        isOver = true;
+    });
+    std::size_t sent = 0;
+    while (!isOver) {
+        EXPECT_TRUE(send({"aa " + fd00_1}));
+        ++sent;
+        listener0.datagrams();
+        listener1.datagrams();
+    }
+    platform.join();
+
+    EXPECT_EQ(listener0.bytes().size(), sent);
+    for (const std::string& bytes : listener0.bytes())
+        EXPECT_TRUE(bytes == "aa " + fd01_1 || bytes == "aa " + fd00_1) << bytes;
+    EXPECT_THAT(listener1.bytes(), ::testing::Each("aa " + fd02_1));
+    EXPECT_THAT(log.complaints(), IsEmpty());
+}
+
+}  // namespace Nubo::ServiceDiscovery::Testing

@@ -1,0 +1,320 @@
+#include "support/LogCatcher.h"
+#include "support/TestUnit.h"
+#include "support/Waiting.h"
+
+#include <KELOEMInterfaceLib/ManualDispatcher.h>
+
+#include <Poco/Delegate.h>
+
+#include <atomic>
+#include <chrono>
+#include <cstdlib>
+#include <memory>
+#include <string>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+namespace Nubo::ServiceDiscovery::Testing {
+
+using OEMInterface::AddServiceDiscoveryInterfacePayload;
+using OEMInterface::LinuxDispatcher;
+using OEMInterface::ManualDispatcher;
+using ::testing::ElementsAre;
+using ::testing::IsEmpty;
+using ::testing::SizeIs;
+
+namespace {
+
+struct LinuxDispatcherTest : ::testing::Test
+{
+    std::vector<std::string> standing() const
+    {
+        std::vector<std::string> result;
+        for (const LinuxDispatcher::Interface& interface : dispatcher.interfaces())
+            result.push_back(interface.name + " " + interface.ip);
+        return result;
+    }
+
+    ManualDispatcher dispatcher;
+};
+
+}  // namespace
+
+TEST_F(LinuxDispatcherTest, ReportsReachEverybodyWhoIsBound)
+{
+    const Reports one(dispatcher);
+    const Reports other(dispatcher);
+
+    dispatcher.addInterface("eth0", "fd00::1");
+    dispatcher.removeInterface("eth0", "fd00::1");
+
+    EXPECT_THAT(one.lines(), ElementsAre("+eth0 fd00::1", "-eth0 fd00::1"));
+    EXPECT_EQ(other.lines(), one.lines());
+}
+
+TEST_F(LinuxDispatcherTest, ManualReportsComeOnTheCallingThreadAsOftenAsTold)
+{
+    Reports reports(dispatcher);
+    std::vector<std::thread::id> threads;
+    reports.onReport([&] { threads.push_back(std::this_thread::get_id()); });
+
+    dispatcher.addInterface("eth0", "fd00::1");
+    dispatcher.addInterface("eth0", "fd00::1");
+    dispatcher.removeInterface("eth7", "fd00::7");
+
+    EXPECT_THAT(reports.lines(), ElementsAre("+eth0 fd00::1", "+eth0 fd00::1", "-eth7 fd00::7"));
+    EXPECT_THAT(threads, ::testing::Each(std::this_thread::get_id()));
+}
+
+TEST_F(LinuxDispatcherTest, WhoBindsLateIsToldWhatStandsReportedAtOnce)
+{
+    dispatcher.addInterface("eth0", "fd00::1");
+    dispatcher.addInterface("eth1", "fd01::1");
+    dispatcher.addInterface("eth2", "fd02::1");
+    dispatcher.removeInterface("eth1", "fd01::1");
+
+    const Reports late(dispatcher);
+
+    EXPECT_THAT(late.lines(), ElementsAre("+eth0 fd00::1", "+eth2 fd02::1"));
+}
+
+TEST_F(LinuxDispatcherTest, WhoIsBoundIsNotToldAgainWhenAnotherBinds)
+{
+    const Reports early(dispatcher);
+    dispatcher.addInterface("eth0", "fd00::1");
+
+    const Reports late(dispatcher);
+
+    EXPECT_THAT(early.lines(), ElementsAre("+eth0 fd00::1"));
+}
+
+TEST_F(LinuxDispatcherTest, StandingInterfacesKeepTheOrderOfTheirReports)
+{
+    dispatcher.addInterface("eth1", "fd01::1");
+    dispatcher.addInterface("eth0", "fd00::1");
+    dispatcher.addInterface("eth0", "fd00::2");
+    EXPECT_THAT(standing(), ElementsAre("eth1 fd01::1", "eth0 fd00::1", "eth0 fd00::2"));
+
+    dispatcher.removeInterface("eth0", "fd00::1");
+    EXPECT_THAT(standing(), ElementsAre("eth1 fd01::1", "eth0 fd00::2"));
+
+    dispatcher.removeInterface("eth1", "fd00::2");
+    EXPECT_THAT(standing(), ElementsAre("eth1 fd01::1", "eth0 fd00::2"));
+}
+
+TEST_F(LinuxDispatcherTest, WildcardAddressRemovesAllInterfaces)
+{
+    const Reports reports(dispatcher);
+    dispatcher.addInterface("eth0", "fd00::1");
+    dispatcher.addInterface("eth1", "fd01::1");
+
+    dispatcher.removeInterface("", "::");
+
+    EXPECT_EQ(reports.lines().back(), "- ::");
+    EXPECT_THAT(standing(), IsEmpty());
+}
+
+TEST_F(LinuxDispatcherTest, EndOfTheBindingEndsTheReports)
+{
+    Reports reports(dispatcher);
+    dispatcher.addInterface("eth0", "fd00::1");
+
+    reports.unbind();
+    dispatcher.addInterface("eth1", "fd01::1");
+    dispatcher.removeInterface("eth0", "fd00::1");
+
+    EXPECT_THAT(reports.lines(), ElementsAre("+eth0 fd00::1"));
+}
+
+TEST_F(LinuxDispatcherTest, BindingLastsUntilItsLastReferenceGoes)
+{
+    struct Counter
+    {
+        void onAdded(AddServiceDiscoveryInterfacePayload&) { ++count; }
+        int count = 0;
+    } counter;
+
+    auto binding = dispatcher.bindResponse(Poco::delegate(&counter, &Counter::onAdded));
+    auto copy = binding;
+    binding.reset();
+    dispatcher.addInterface("eth0", "fd00::1");
+    EXPECT_EQ(counter.count, 1);
+
+    copy.reset();
+    dispatcher.addInterface("eth1", "fd01::1");
+    EXPECT_EQ(counter.count, 1);
+}
+
+TEST_F(LinuxDispatcherTest, EndOfTheBindingWaitsForADelivery)
+{
+    Reports reports(dispatcher);
+    Gate gate;
+    reports.onReport([&] { gate.pass(); });
+    std::atomic<bool> isUnbound{false};
+    std::thread reporting([&] { dispatcher.addInterface("eth0", "fd00::1"); });
+    ASSERT_TRUE(eventually([&] { return gate.isReached(); }));
+
+    std::thread unbinding([&] {
+        reports.unbind();
+        isUnbound = true;
+    });
+    EXPECT_TRUE(keeps([&] { return !isUnbound; }, std::chrono::milliseconds(200)));
+    gate.open();
+    reporting.join();
+    unbinding.join();
+
+    EXPECT_TRUE(isUnbound);
+}
+
+TEST_F(LinuxDispatcherTest, BindingMayOutliveTheDispatcher)
+{
+    auto own = std::make_unique<ManualDispatcher>();
+    Reports reports(*own);
+
+    own.reset();
+    reports.unbind();
+
+    EXPECT_THAT(reports.lines(), IsEmpty());
+}
+
+TEST_F(LinuxDispatcherTest, DelegateMayCallTheDispatcher)
+{
+    const LogCatcher log;
+    Reports reports(dispatcher);
+    std::unique_ptr<Reports> second;
+    bool isNested = false;
+    reports.onReport([&] {
+        if (std::exchange(isNested, true))
+            return;
+        EXPECT_THAT(standing(), ElementsAre("eth0 fd00::1"));
+        dispatcher.callLogEvent("Media", "http", "fd00::9", 80);
+        dispatcher.addInterface("eth1", "fd01::1");
+        second = std::make_unique<Reports>(dispatcher);
+    });
+
+    dispatcher.addInterface("eth0", "fd00::1");
+
+    EXPECT_THAT(reports.lines(), ElementsAre("+eth0 fd00::1", "+eth1 fd01::1"));
+    EXPECT_THAT(second->lines(), ElementsAre("+eth0 fd00::1", "+eth1 fd01::1"));
+    EXPECT_THAT(dispatcher.logEntries(), SizeIs(1));
+}
+
+TEST_F(LinuxDispatcherTest, DelegateMayCallTheDispatcherWhileItsBindingEnds)
+{
+    Reports reports(dispatcher);
+    Gate gate;
+    bool isNested = false;
+    reports.onReport([&] {
+        gate.pass();
+        if (!std::exchange(isNested, true))
+            dispatcher.addInterface("eth1", "fd01::1");
+    });
+    std::atomic<int> ended{0};
+    std::thread reporting([&] {
+        dispatcher.addInterface("eth0", "fd00::1");
+        ++ended;
+    });
+    ASSERT_TRUE(eventually([&] { return gate.isReached(); }));
+    std::thread unbinding([&] {
+        reports.unbind();
+        ++ended;
+    });
+    EXPECT_TRUE(keeps([&] { return ended == 0; }, std::chrono::milliseconds(200)));
+
+    gate.open();
+
+    if (!eventually([&] { return ended == 2; })) {
+        ADD_FAILURE() << "delegate and end of the binding wait for each other";
+        std::_Exit(EXIT_FAILURE);  // the threads can never be joined
+    }
+    reporting.join();
+    unbinding.join();
+}
+
+TEST_F(LinuxDispatcherTest, DelegateMayEndItsOwnBinding)
+{
+    Reports reports(dispatcher);
+    reports.onReport([&] { reports.unbind(); });
+
+    dispatcher.addInterface("eth0", "fd00::1");
+    dispatcher.addInterface("eth1", "fd01::1");
+
+    EXPECT_THAT(reports.lines(), ElementsAre("+eth0 fd00::1"));
+}
+
+TEST_F(LinuxDispatcherTest, NobodyWhoBindsMeanwhileMissesAReportOrGetsItTwice)
+{
+    constexpr int number = 200;
+    std::thread reporting([&] {
+        for (int i = 0; i < number; ++i)
+            dispatcher.addInterface("eth" + std::to_string(i), "fd00::1");
+    });
+
+    std::vector<std::unique_ptr<Reports>> all;
+    for (int i = 0; i < 20; ++i)
+        all.push_back(std::make_unique<Reports>(dispatcher));
+    reporting.join();
+
+    for (const auto& reports : all) {
+        const std::vector<std::string> lines = reports->lines();
+        ASSERT_THAT(lines, SizeIs(number));
+        for (int i = 0; i < number; ++i)
+            EXPECT_EQ(lines[static_cast<std::size_t>(i)], "+eth" + std::to_string(i) + " fd00::1");
+    }
+}
+
+TEST_F(LinuxDispatcherTest, ReportsAreDeliveredOneAfterTheOther)
+{
+    Reports reports(dispatcher);
+    std::atomic<int> delivering{0};
+    std::atomic<bool> wasAlone{true};
+    reports.onReport([&] {
+        wasAlone = wasAlone && ++delivering == 1;
+        --delivering;
+    });
+    const auto report = [&](const std::string& name) {
+        for (int i = 0; i < 200; ++i)
+            dispatcher.addInterface(name, "fd00::1");
+    };
+
+    std::thread one(report, "eth0");
+    std::thread other(report, "eth1");
+    one.join();
+    other.join();
+
+    EXPECT_TRUE(wasAlone);
+    EXPECT_THAT(reports.lines(), SizeIs(400));
+}
+
+TEST_F(LinuxDispatcherTest, EventMemoryKeepsWhatIsWrittenAndLogsIt)
+{
+    const LogCatcher log;
+
+    dispatcher.callLogEvent("Media", "http", "fd00::9", 8080);
+
+    ASSERT_THAT(dispatcher.logEntries(), SizeIs(1));
+    const LinuxDispatcher::LogEntry entry = dispatcher.logEntries().front();
+    EXPECT_EQ(entry.name, "Media");
+    EXPECT_EQ(entry.protocol, "http");
+    EXPECT_EQ(entry.ip, "fd00::9");
+    EXPECT_EQ(entry.port, 8080);
+    EXPECT_THAT(log.lines(), ElementsAre("Notice: Event memory: http service \"Media\" @ [fd00::9]:8080"));
+}
+
+TEST_F(LinuxDispatcherTest, EventMemoryKeepsTheNewestThousandEntries)
+{
+    for (unsigned short port = 1; port <= 1001; ++port)
+        dispatcher.callLogEvent("Media", "http", "fd00::9", port);
+
+    const auto entries = dispatcher.logEntries();
+    ASSERT_THAT(entries, SizeIs(LinuxDispatcher::maxLogEntries));
+    EXPECT_EQ(entries.size(), 1000u);
+    EXPECT_EQ(entries.front().port, 2);
+    EXPECT_EQ(entries.back().port, 1001);
+}
+
+}  // namespace Nubo::ServiceDiscovery::Testing

@@ -1,0 +1,191 @@
+#pragma once
+
+#include "LogicLayer/SDCommunicationHub.h"
+#include "ServiceDiscovery.h"
+#include "support/Namespace.h"
+#include "support/Platform.h"
+#include "support/Registry.h"
+#include "support/Waiting.h"
+
+#include <KELOEMInterfaceLib/LinuxDispatcher.h>
+
+#include <Poco/Delegate.h>
+
+#include <condition_variable>
+#include <cstddef>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace Nubo::ServiceDiscovery::Testing {
+
+/// Holds a thread of the library up in a subscriber, until it is opened.
+class Gate
+{
+public:
+    ~Gate() { open(); }
+
+    void pass()
+    {
+        std::unique_lock<std::mutex> lock(m_mutex);
+        m_isReached = true;
+        m_changed.wait(lock, [&] { return m_isOpen; });
+    }
+
+    void open()
+    {
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        m_isOpen = true;
+        m_changed.notify_all();
+    }
+
+    bool isReached() const
+    {
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        return m_isReached;
+    }
+
+private:
+    mutable std::mutex m_mutex;
+    std::condition_variable m_changed;
+    bool m_isReached = false;
+    bool m_isOpen = false;
+};
+
+/// Writes down what a dispatcher reports: "+eth0 fd00::1" and "-eth0 fd00::1".
+class Reports
+{
+public:
+    explicit Reports(OEMInterface::LinuxDispatcher& dispatcher)
+        : m_removals(dispatcher.bindResponse(Poco::delegate(this, &Reports::onRemoved)))
+        , m_additions(dispatcher.bindResponse(Poco::delegate(this, &Reports::onAdded)))
+    {}
+
+    Reports(const Reports&) = delete;
+    Reports& operator=(const Reports&) = delete;
+
+    /// When it returns, no report is being delivered any more.
+    void unbind()
+    {
+        m_additions.reset();
+        m_removals.reset();
+    }
+
+    std::vector<std::string> lines() const
+    {
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        return m_lines;
+    }
+
+    /// Waits for that many reports in all.
+    bool come(std::size_t count) const
+    {
+        return eventually([&] { return lines().size() >= count; });
+    }
+
+    /// Has every further report followed by a call, on the thread that it comes on.
+    void onReport(std::function<void()> call)
+    {
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        m_call = std::move(call);
+    }
+
+private:
+    void onAdded(OEMInterface::AddServiceDiscoveryInterfacePayload& payload) { take("+", payload.eventData); }
+    void onRemoved(OEMInterface::RemoveServiceDiscoveryInterfacePayload& payload)
+    {
+        take("-", payload.eventData);
+    }
+
+    void take(const std::string& sign, const OEMInterface::NuBo_Ifc_ServiceDiscoveryInterface_t& interface)
+    {
+        std::function<void()> call;
+        {
+            const std::lock_guard<std::mutex> lock(m_mutex);
+            m_lines.push_back(sign + interface.pInterfaceName + " " + interface.pInterfaceIP);
+            call = m_call;
+        }
+        if (call)
+            call();
+    }
+
+    mutable std::mutex m_mutex;
+    std::vector<std::string> m_lines;
+    std::function<void()> m_call;
+    OEMInterface::ResponseBindingPtr m_removals;
+    OEMInterface::ResponseBindingPtr m_additions;
+};
+
+/// An engine whose hub the test holds: the only one that gets the dispatcher's reports.
+struct HubUnit
+{
+    PlatformScope platformOfTheFacade;
+    ServiceDiscovery facade;
+    Registry registry{facade};
+    PlatformScope platform;
+    SDCommunicationHub hub{facade};
+};
+
+/// A unit on the network, one of several in this process: a namespace of its own with dispatcher, library
+/// and registry.
+class TestUnit
+{
+public:
+    explicit TestUnit(const std::string& name) : m_network(name)
+    {
+        const InNamespace inside(m_network);
+        m_parts = std::make_unique<Parts>();
+    }
+    ~TestUnit()
+    {
+        const InNamespace inside(m_network);
+        m_parts.reset();
+    }
+
+    TestUnit(const TestUnit&) = delete;
+    TestUnit& operator=(const TestUnit&) = delete;
+
+    const Namespace& network() const { return m_network; }
+    const Registry& registry() const { return m_parts->registry; }
+    /// For its requests. What touches the network goes through the operations below.
+    ServiceDiscovery& discovery() { return m_parts->discovery; }
+
+    bool startup(const std::string& address)
+    {
+        const InNamespace inside(m_network);
+        return discovery().startup(Poco::Net::IPAddress(address));
+    }
+    void shutdown()
+    {
+        const InNamespace inside(m_network);
+        discovery().shutdown();
+    }
+
+    /// The platform's reports.
+    void addInterface(const std::string& name, const std::string& ip)
+    {
+        const InNamespace inside(m_network);
+        m_parts->platform.dispatcher().addInterface(name, ip);
+    }
+    void removeInterface(const std::string& name, const std::string& ip)
+    {
+        const InNamespace inside(m_network);
+        m_parts->platform.dispatcher().removeInterface(name, ip);
+    }
+
+private:
+    struct Parts
+    {
+        PlatformScope platform;
+        ServiceDiscovery discovery;
+        Registry registry{discovery};
+    };
+
+    Namespace m_network;
+    std::unique_ptr<Parts> m_parts;
+};
+
+}  // namespace Nubo::ServiceDiscovery::Testing
