@@ -8,7 +8,7 @@ unit() {
     on "$unit" ip link set lo up
     on "$unit" sh -c 'echo 0 >/proc/sys/net/ipv6/conf/all/accept_dad; echo 0 >/proc/sys/net/ipv6/conf/default/accept_dad'
     [ -e /sys/class/net/wire ] || ip link show wire >/dev/null 2>&1 || {
-        ip link add wire type bridge
+        ip link add wire type bridge mcast_snooping 0
         ip link set wire up
     }
     shift
@@ -19,6 +19,16 @@ unit() {
         on "$unit" ip link set "$interface" up
         [ "$spec" = "$interface" ] || on "$unit" ip address add "${spec#*=}/64" dev "$interface" nodad
     done
+}
+
+# The kernel takes a namespace down in its own time, but a link at once.
+remove_units() {
+    local interface unit
+    ip -o link show | sed -nE 's/^[0-9]+: ([^:@]+)@?.* master wire .*/\1/p' | while read -r interface; do
+        ip link delete "$interface"
+    done
+    ip link delete wire 2>/dev/null || true
+    ip netns list | while read -r unit _; do ip netns delete "$unit"; done
 }
 
 on() { nsenter --net="/run/netns/$1" "${@:2}"; }

@@ -12,8 +12,7 @@ setup() {
 
 teardown() {
     kill_the_rest
-    ip netns list | while read -r unit _; do ip netns delete "$unit"; done
-    ip link delete wire 2>/dev/null || true
+    remove_units
 }
 
 # start_capture: on unit b, of everything on the discovery port; returns when it is running.

@@ -11,9 +11,20 @@ setup() {
 
 teardown() {
     kill_the_rest
-    ip netns list | while read -r unit _; do ip netns delete "$unit"; done
-    ip link delete wire 2>/dev/null || true
+    remove_units
 }
+
+# await_offer NAME: until the announcer, which must log everything, has sent its next cyclic offer. Whoever
+# searches now has a second before the offer comes anyway.
+await_offer() {
+    local before
+    before=$(offers "$1")
+    await 5 has_more_offers "$1" "$before"
+}
+
+offers() { grep -c 'Trace: SDCommunicationHub::announce$' "$out/$1.err" || true; }
+
+has_more_offers() { [ "$(offers "$1")" -gt "$2" ]; }
 
 two_units() {
     unit a eth0=fd00::1
@@ -143,8 +154,9 @@ has_line_of_ip6_membership() { on "$1" grep -q ff140000000000000000000000040000 
 
 @test "find is answered out of turn" {
     two_units
-    start a a --log-level notice announce Media --port 8080 --version 1.0.0
+    start a a --log-level trace announce Media --port 8080 --version 1.0.0
     sleep 1 # the announcement has settled: from now on there is one offer a second
+    await_offer a
 
     run_on b find Media
 
@@ -154,8 +166,9 @@ has_line_of_ip6_membership() { on "$1" grep -q ff140000000000000000000000040000 
 
 @test "browse sends out the searches that it is asked for" {
     two_units
-    start a a --log-level notice announce Media --port 8080 --version 1.0.0
+    start a a --log-level trace announce Media --port 8080 --version 1.0.0
     sleep 1
+    await_offer a
 
     start b b browse --find Media --find Navi
 
