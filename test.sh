@@ -62,8 +62,13 @@ failed=$(count failures)
 skipped=$(count skipped)
 echo
 echo "$((total - failed - skipped)) passed, $failed failed, $skipped skipped, under the sanitizers of preset $preset."
-[ "$skipped" = 0 ] || echo "Skipped tests need network namespaces, which the kernel forbids to this user."
-if [ "$status" != 0 ]; then
+[ "$skipped" = 0 ] || {
+    echo "Why they were skipped:"
+    sed -n 's/.*SKIPPED: //p; /: Skipped$/{n;p}' "$results" | sort | uniq -c
+}
+if [ "$total" = 0 ]; then
+    echo "No test matches: $pattern"
+elif [ "$status" != 0 ]; then
     echo "To run one again:  ./test.sh$([ "$preset" = asan ] || echo " --$preset") -k NAME"
 fi
 exit "$status"

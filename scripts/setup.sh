@@ -9,7 +9,7 @@ packages_for() {
     case "$1" in
     build) echo g++ cmake ninja-build pkg-config libpoco-dev libcli11-dev nlohmann-json3-dev libnl-route-3-dev ;;
     demo) echo iproute2 ;;
-    test) echo libgtest-dev libgmock-dev clang-format bats jq tshark iproute2 ;;
+    test) echo libgtest-dev libgmock-dev libbenchmark-dev clang-format bats jq tshark iproute2 ;;
     bench) echo libbenchmark-dev iproute2 ;;
     *)
         echo "setup.sh: unknown task: $1" >&2
