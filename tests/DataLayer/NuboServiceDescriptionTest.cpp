@@ -8,6 +8,39 @@ namespace Nubo::ServiceDiscovery::Testing {
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 
+namespace {
+
+void expectMedia(const NuboServiceDescription& description)
+{
+    EXPECT_EQ(description.getName(), "Media");
+    EXPECT_THAT(description.getVersions(), ElementsAre("1.0.0", "~1.2.0"));
+    EXPECT_THAT(description.getCategories(), ElementsAre("audio", "video"));
+    EXPECT_EQ(description.getIpAddressString(), "fd00::12");
+    EXPECT_EQ(description.getPort(), 8080);
+    EXPECT_EQ(description.getL4Proto(), OptionL4Protocol::UDP);
+    EXPECT_EQ(description.getLocalUuid(), "an id");
+    EXPECT_EQ(description.getUri(), "http://somewhere/");
+}
+
+/// A description of which no field has its default.
+NuboServiceDescription media()
+{
+    NuboServiceDescription description;
+    description.setName("Media");
+    description.addVersion("1.0.0");
+    description.addVersion("~1.2.0");
+    description.addCategory("audio");
+    description.addCategory("video");
+    description.setIpAddress(Poco::Net::IPAddress("fd00::12"));
+    description.setPort(8080);
+    description.setL4Proto(OptionL4Protocol::UDP);
+    description.setLocalUuid("an id");
+    description.setUri("http://somewhere/");
+    return description;
+}
+
+}  // namespace
+
 TEST(NuboServiceDescriptionTest, DefaultIsEmptyOnTheWildcardAddress)
 {
     const NuboServiceDescription description;
@@ -25,26 +58,19 @@ TEST(NuboServiceDescriptionTest, DefaultIsEmptyOnTheWildcardAddress)
 
 TEST(NuboServiceDescriptionTest, EveryFieldIsKeptAsSet)
 {
-    NuboServiceDescription description;
-    description.setName("Media");
-    description.addVersion("1.0.0");
-    description.addVersion("~1.2.0");
-    description.addCategory("audio");
-    description.addCategory("video");
-    description.setIpAddress(Poco::Net::IPAddress("fd00::12"));
-    description.setPort(8080);
-    description.setL4Proto(OptionL4Protocol::UDP);
-    description.setLocalUuid("an id");
-    description.setUri("http://somewhere/");
+    expectMedia(media());
+}
 
-    EXPECT_EQ(description.getName(), "Media");
-    EXPECT_THAT(description.getVersions(), ElementsAre("1.0.0", "~1.2.0"));
-    EXPECT_THAT(description.getCategories(), ElementsAre("audio", "video"));
-    EXPECT_EQ(description.getIpAddressString(), "fd00::12");
-    EXPECT_EQ(description.getPort(), 8080);
-    EXPECT_EQ(description.getL4Proto(), OptionL4Protocol::UDP);
-    EXPECT_EQ(description.getLocalUuid(), "an id");
-    EXPECT_EQ(description.getUri(), "http://somewhere/");
+TEST(NuboServiceDescriptionTest, CopyAndAssignmentTakeEveryField)
+{
+    const NuboServiceDescription source = media();
+    NuboServiceDescription assigned;
+
+    const NuboServiceDescription copy(source);
+    assigned = source;
+
+    expectMedia(copy);
+    expectMedia(assigned);
 }
 
 TEST(NuboServiceDescriptionTest, UriIsPutTogetherFromAddressPortAndName)
@@ -72,24 +98,17 @@ TEST(NuboServiceDescriptionTest, UriOfADescriptionIsMadeFromItsOwnFields)
 
 TEST(NuboServiceDescriptionTest, ChangingACopyLeavesTheSourceUnchanged)
 {
-    NuboServiceDescription source;
-    source.setName("Media");
-    source.addVersion("1.0.0");
-    source.addCategory("audio");
+    const NuboServiceDescription source = media();
 
     NuboServiceDescription copy(source);
     copy.setName("Navi");
     copy.addVersion("2.0.0");
-    copy.addCategory("video");
-    NuboServiceDescription assigned;
-    assigned = copy;
+    copy.addCategory("maps");
 
-    EXPECT_EQ(source.getName(), "Media");
-    EXPECT_THAT(source.getVersions(), ElementsAre("1.0.0"));
-    EXPECT_THAT(source.getCategories(), ElementsAre("audio"));
-    EXPECT_EQ(assigned.getName(), "Navi");
-    EXPECT_THAT(assigned.getVersions(), ElementsAre("1.0.0", "2.0.0"));
-    EXPECT_THAT(assigned.getCategories(), ElementsAre("audio", "video"));
+    expectMedia(source);
+    EXPECT_EQ(copy.getName(), "Navi");
+    EXPECT_THAT(copy.getVersions(), ElementsAre("1.0.0", "~1.2.0", "2.0.0"));
+    EXPECT_THAT(copy.getCategories(), ElementsAre("audio", "video", "maps"));
 }
 
 }  // namespace Nubo::ServiceDiscovery::Testing

@@ -166,38 +166,23 @@ TEST_F(SDServiceFromOfferTest, PortZeroStandsInTheUri)
     EXPECT_EQ(make().getNuboDescription().getUri(), "http://[fd00::1]:0/Media/");
 }
 
-TEST_F(SDServiceFromOfferTest, MissingVersionIsRefused)
+namespace {
+
+struct MissingPairs
 {
-    pairs.erase("version");
+    const char* name;
+    ConfigurationPairs pairs;
+    const char* line;
+};
 
-    EXPECT_THROW(make(), Poco::InvalidArgumentException);
+struct MissingPairsTest : SDServiceFromOfferTest, ::testing::WithParamInterface<MissingPairs>
+{};
 
-    EXPECT_THAT(log.errors(), ElementsAre("Error: Failed to create service due to missing NuBo_Version!"));
-}
+}  // namespace
 
-TEST_F(SDServiceFromOfferTest, MissingNameIsRefused)
+TEST_P(MissingPairsTest, AreNamedAndRefusedWithoutAText)
 {
-    pairs.erase("otherserv");
-
-    EXPECT_THROW(make(), Poco::InvalidArgumentException);
-
-    EXPECT_THAT(log.errors(),
-                ElementsAre("Error: Failed to create service due to missing NuBo_Servicename!"));
-}
-
-TEST_F(SDServiceFromOfferTest, NameIsAskedForBeforeTheVersion)
-{
-    pairs = {{"category", "audio"}};
-
-    EXPECT_THROW(make(), Poco::InvalidArgumentException);
-
-    EXPECT_THAT(log.errors(),
-                ElementsAre("Error: Failed to create service due to missing NuBo_Servicename!"));
-}
-
-TEST_F(SDServiceFromOfferTest, RefusalCarriesNoTextOfItsOwn)
-{
-    pairs.clear();
+    pairs = GetParam().pairs;
 
     try {
         make();
@@ -206,7 +191,24 @@ TEST_F(SDServiceFromOfferTest, RefusalCarriesNoTextOfItsOwn)
     catch (const Poco::InvalidArgumentException& exception) {
         EXPECT_EQ(exception.message(), "");
     }
+    EXPECT_THAT(log.lines(), ElementsAre(GetParam().line));
 }
+
+INSTANTIATE_TEST_SUITE_P(
+    SDServiceFromOffer, MissingPairsTest,
+    ::testing::Values(MissingPairs{"Version",
+                                   {{"otherserv", "Media"}, {"txtvers", "1"}, {"w", "x"}},
+                                   "Error: Failed to create service due to missing NuBo_Version!"},
+                      MissingPairs{"Name",
+                                   {{"version", "1.0.0"}, {"servicename", "Media"}},
+                                   "Error: Failed to create service due to missing NuBo_Servicename!"},
+                      MissingPairs{"NameBeyondTheLastKey",
+                                   {{"category", "audio"}, {"l6proto", "nubo"}},
+                                   "Error: Failed to create service due to missing NuBo_Servicename!"},
+                      MissingPairs{"NameIsAskedForBeforeTheVersion",
+                                   {},
+                                   "Error: Failed to create service due to missing NuBo_Servicename!"}),
+    [](const auto& row) { return row.param.name; });
 
 namespace {
 
@@ -224,7 +226,7 @@ struct InvalidPartsTest : ::testing::TestWithParam<InvalidParts>
 
 }  // namespace
 
-TEST_P(InvalidPartsTest, AreNamedAndRefused)
+TEST_P(InvalidPartsTest, AreNamedAndRefusedWithoutAText)
 {
     const LogCatcher log;
     const InvalidParts& parts = GetParam();
@@ -240,9 +242,14 @@ TEST_P(InvalidPartsTest, AreNamedAndRefused)
                                          ConfigurationPairs{{"otherserv", "Media"}, {"version", "1.0.0"}})
                                    : std::make_unique<SOME_IP_SD_Option_Configuration>(std::uint16_t{5});
 
-    EXPECT_THROW(SDService(*entry, *ipv6, *configuration), Poco::InvalidArgumentException);
-
-    EXPECT_THAT(log.errors(), ElementsAre(parts.line));
+    try {
+        const SDService service(*entry, *ipv6, *configuration);
+        FAIL() << "nothing was thrown";
+    }
+    catch (const Poco::InvalidArgumentException& exception) {
+        EXPECT_EQ(exception.message(), "");
+    }
+    EXPECT_THAT(log.lines(), ElementsAre(parts.line));
 }
 
 INSTANTIATE_TEST_SUITE_P(

@@ -212,12 +212,17 @@ struct RefusedVersionsTest : ::testing::TestWithParam<RefusedVersions>
 
 }  // namespace
 
-TEST_P(RefusedVersionsTest, AreLoggedInOneLineAndThrow)
+TEST_P(RefusedVersionsTest, AreLoggedInOneLineAndThrowWithoutAText)
 {
     const LogCatcher log;
 
-    EXPECT_THROW(SDService{media(GetParam().versions)}, Poco::InvalidArgumentException);
-
+    try {
+        const SDService service(media(GetParam().versions));
+        FAIL() << "nothing was thrown";
+    }
+    catch (const Poco::InvalidArgumentException& exception) {
+        EXPECT_EQ(exception.message(), "");
+    }
     EXPECT_THAT(log.lines(), ElementsAre(GetParam().line));
 }
 
@@ -268,6 +273,22 @@ INSTANTIATE_TEST_SUITE_P(
                         {"1"},
                         "Error: ServiceDiscovery failed to create SD Service \"Media\" with given "
                         "Version(s): (1) Out of range"},
+        RefusedVersions{"OneTokenThatIsNoNumber",
+                        {"x"},
+                        "Error: ServiceDiscovery failed to create SD Service \"Media\" with given "
+                        "Version(s), not in semVer - format([~]major.minor.patch) (x)"},
+        RefusedVersions{"OneTokenOver255",
+                        {"256"},
+                        "Error: ServiceDiscovery failed to create SD Service \"Media\" with given "
+                        "Version(s), not in semVer - format([~]major.minor.patch) (256)"},
+        RefusedVersions{"TildeAlone",
+                        {"~"},
+                        "Error: ServiceDiscovery failed to create SD Service \"Media\" with given "
+                        "Version(s), not in semVer - format([~]major.minor.patch) (~)"},
+        RefusedVersions{"SeveralBadOnesStopAtTheFirst",
+                        {"1.0.0", "1.x.0", "y.0.0"},
+                        "Error: ServiceDiscovery failed to create SD Service \"Media\" with given "
+                        "Version(s), not in semVer - format([~]major.minor.patch) (1.x.0)"},
         RefusedVersions{"Empty",
                         {""},
                         "Error: ServiceDiscovery failed to create SD Service \"Media\" with given "
@@ -278,15 +299,18 @@ INSTANTIATE_TEST_SUITE_P(
                         "Version(s): (2) Out of range"}),
     [](const auto& row) { return row.param.name; });
 
-TEST(SDServiceTest, RefusalCarriesNoTextOfItsOwn)
+TEST(SDServiceTest, MissingVersionsAreRefusedHoweverGoodTheRestIs)
 {
-    try {
-        const SDService service(media({}));
-        FAIL() << "nothing was thrown";
-    }
-    catch (const Poco::InvalidArgumentException& exception) {
-        EXPECT_EQ(exception.message(), "");
-    }
+    const LogCatcher log;
+    NuboServiceDescription description = media({});
+    description.addCategory("audio");
+    description.setIpAddress(Poco::Net::IPAddress("fd00::1"));
+    description.setPort(8080);
+
+    EXPECT_THROW(SDService{description}, Poco::InvalidArgumentException);
+
+    EXPECT_THAT(log.lines(), ElementsAre("Error: ServiceDiscovery failed to create SD Service \"Media\" due "
+                                         "to invalid Version(s)"));
 }
 
 TEST(SDServiceTest, RecordOfGivenFieldsTakesThemUnchecked)
@@ -317,7 +341,12 @@ TEST(SDServiceTest, RecordOfANameHoldsTheFixedPairsOnly)
 
     EXPECT_EQ(service.getNuboDescription().getName(), "Media");
     EXPECT_THAT(service.getNuboDescription().getVersions(), IsEmpty());
+    EXPECT_THAT(service.getNuboDescription().getCategories(), IsEmpty());
     EXPECT_EQ(service.getNuboDescription().getIpAddressString(), "::");
+    EXPECT_EQ(service.getNuboDescription().getPort(), 0);
+    EXPECT_EQ(service.getNuboDescription().getL4Proto(), OptionL4Protocol::TCP);
+    EXPECT_EQ(service.getNuboDescription().getLocalUuid(), "");
+    EXPECT_EQ(service.getNuboDescription().getUri(), "");
     EXPECT_THAT(service.getConfiguration(),
                 ElementsAre(Pair("l6proto", "nubo"), Pair("otherserv", "Media"), Pair("txtvers", "1")));
     EXPECT_EQ(service.getTTL(), 120u);
@@ -379,6 +408,17 @@ TEST(SDServiceTest, TTLOfZeroElapsesAtOnce)
 
     EXPECT_EQ(service.getTTL(), 0u);
     EXPECT_TRUE(service.isTTLElapsed());
+}
+
+TEST(SDServiceTest, TTLHasElapsedAtTheDeadlineItself)
+{
+    SDService service("Media");
+
+    // Most of these look at the clock within the very microsecond of the deadline.
+    for (int i = 0; i < 1000; ++i) {
+        service.setTTL(0);
+        ASSERT_TRUE(service.isTTLElapsed());
+    }
 }
 
 TEST(SDServiceTest, LargestTTLOnTheWireIs194Days)
@@ -469,10 +509,16 @@ TEST(SDServiceTest, AnotherDescriptionChangesNothingElse)
     service.incrementRepetitionRun();
     const ConfigurationPairs configuration = service.getConfiguration();
 
-    service.setNuboDescription(describe("Navi", "fd00::2", 1234, "other id", "7.8.9"));
+    NuboServiceDescription other = describe("Navi", "fd00::2", 1234, "other id", "7.8.9");
+    other.addCategory("maps");
+    other.setL4Proto(OptionL4Protocol::UDP);
+
+    service.setNuboDescription(other);
 
     EXPECT_EQ(service.getNuboDescription().getName(), "Navi");
     EXPECT_THAT(service.getNuboDescription().getVersions(), ElementsAre("7.8.9"));
+    EXPECT_THAT(service.getNuboDescription().getCategories(), ElementsAre("maps"));
+    EXPECT_EQ(service.getNuboDescription().getL4Proto(), OptionL4Protocol::UDP);
     EXPECT_EQ(service.getNuboDescription().getIpAddressString(), "fd00::2");
     EXPECT_EQ(service.getNuboDescription().getPort(), 1234);
     EXPECT_EQ(service.getNuboDescription().getLocalUuid(), "other id");

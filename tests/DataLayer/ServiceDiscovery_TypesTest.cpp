@@ -1,6 +1,9 @@
 #include "DataLayer/SOME_IP_SD/SOME_IP_SD.h"
 #include "DataLayer/ServiceDiscovery_Types.h"
 
+#include <type_traits>
+#include <utility>
+
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -14,7 +17,7 @@ using SOME_IP_SD_Types::OptionRun;
 using SOME_IP_Types::HeaderValues;
 using ::testing::ElementsAre;
 
-TEST(ServiceDiscovery_TypesTest, HeaderValues)
+TEST(ServiceDiscovery_TypesTest, HeaderValuesAreThoseOfTheProtocol)
 {
     EXPECT_EQ(HeaderValues::ServiceID_Reserved, 0x0000);
     EXPECT_EQ(HeaderValues::ServiceID_Reserved_LowerLimit, 0xFF00);
@@ -33,7 +36,7 @@ TEST(ServiceDiscovery_TypesTest, ReservedSetsHoldOneServiceAndFourMethods)
     EXPECT_THAT(HeaderValues::Reserved_MethodIDs, ElementsAre(0x0000, 0x7FFF, 0x8000, 0xFFFF));
 }
 
-TEST(ServiceDiscovery_TypesTest, EntryValues)
+TEST(ServiceDiscovery_TypesTest, EntryValuesAreThoseOfTheProtocol)
 {
     EXPECT_EQ(EntryValues::ServiceID_Any, 0xFFFF);
     EXPECT_EQ(EntryValues::ServiceID_Non_SOMEIP_SD, 0xFFFE);
@@ -43,7 +46,7 @@ TEST(ServiceDiscovery_TypesTest, EntryValues)
     EXPECT_EQ(EntryValues::MinorVersion_Any, 0xFFFFFFFFu);
 }
 
-TEST(ServiceDiscovery_TypesTest, Keywords)
+TEST(ServiceDiscovery_TypesTest, KeywordsAreThoseOfTheProtocol)
 {
     EXPECT_EQ(OptionKeywords::NonSOME_IP_ServiceName, "otherserv");
     EXPECT_EQ(OptionKeywords::Hostname, "hostname");
@@ -64,9 +67,8 @@ TEST(ServiceDiscovery_TypesTest, NamesTravelUnderOtherservNotServicename)
     EXPECT_NE(OptionKeywords::NuBo_Servicename, OptionKeywords::Servicename);
 }
 
-TEST(ServiceDiscovery_TypesTest, EntryTypesAreOneByte)
+TEST(ServiceDiscovery_TypesTest, EntryTypesAreTheirTypeBytes)
 {
-    static_assert(sizeof(EntryType::Type_t) == 1, "it is written to the wire as it is");
     EXPECT_EQ(EntryType::FIND_SERVICE, 0x00);
     EXPECT_EQ(EntryType::OFFER_SERVICE, 0x01);
     EXPECT_EQ(EntryType::SUBSCRIBE, 0x06);
@@ -74,9 +76,8 @@ TEST(ServiceDiscovery_TypesTest, EntryTypesAreOneByte)
     EXPECT_EQ(EntryType::INVALID, 0xFF);
 }
 
-TEST(ServiceDiscovery_TypesTest, OptionTypesAreOneByte)
+TEST(ServiceDiscovery_TypesTest, OptionTypesAreTheirTypeBytes)
 {
-    static_assert(sizeof(OptionType::Type_t) == 1, "it is written to the wire as it is");
     EXPECT_EQ(OptionType::NONE, 0x00);
     EXPECT_EQ(OptionType::CONFIGURATION, 0x01);
     EXPECT_EQ(OptionType::LOAD_BALANCING, 0x02);
@@ -90,7 +91,6 @@ TEST(ServiceDiscovery_TypesTest, OptionTypesAreOneByte)
 
 TEST(ServiceDiscovery_TypesTest, TransportProtocolsAreTheirIPNumbers)
 {
-    static_assert(sizeof(OptionL4Protocol::L4Protocol_t) == 1, "it is written to the wire as it is");
     EXPECT_EQ(OptionL4Protocol::NONE, 0x00);
     EXPECT_EQ(OptionL4Protocol::TCP, 6);
     EXPECT_EQ(OptionL4Protocol::UDP, 17);
@@ -98,7 +98,6 @@ TEST(ServiceDiscovery_TypesTest, TransportProtocolsAreTheirIPNumbers)
 
 TEST(ServiceDiscovery_TypesTest, OptionLengthsCountTheReservedByte)
 {
-    static_assert(sizeof(OptionLength::Length_t) == 2, "it is written to the wire as it is");
     EXPECT_EQ(OptionLength::MIN, 1);
     EXPECT_EQ(OptionLength::LOAD_BALANCING, 5);
     EXPECT_EQ(OptionLength::IP4, 9);
@@ -107,7 +106,6 @@ TEST(ServiceDiscovery_TypesTest, OptionLengthsCountTheReservedByte)
 
 TEST(ServiceDiscovery_TypesTest, FlagsAreBits)
 {
-    static_assert(sizeof(SOME_IP_SD::FLAGS_t) == 1, "it is written to the wire as it is");
     EXPECT_EQ(SOME_IP_SD::NONE, 0x00);
     EXPECT_EQ(SOME_IP_SD::REBOOT, 0x80);
     EXPECT_EQ(SOME_IP_SD::UNICAST, 0x40);
@@ -118,7 +116,7 @@ TEST(ServiceDiscovery_TypesTest, MetaDataCountsFromZeroOrFromASize)
 {
     EXPECT_EQ(MetaData().remainingPacketLength, 0);
     EXPECT_EQ(MetaData(28).remainingPacketLength, 28);
-    static_assert(sizeof(MetaData::remainingPacketLength) == 8, "it goes below zero and beyond 32 bits");
+    EXPECT_TRUE((std::is_same_v<decltype(MetaData::remainingPacketLength), std::streamsize>));
 }
 
 TEST(ServiceDiscovery_TypesTest, PairsWithEqualKeysKeepTheirOrder)
@@ -131,5 +129,56 @@ TEST(ServiceDiscovery_TypesTest, PairsWithEqualKeysKeepTheirOrder)
     EXPECT_THAT(pairs,
                 ElementsAre(std::make_pair("a", "x"), std::make_pair("b", "2"), std::make_pair("b", "1")));
 }
+
+TEST(ServiceDiscovery_TypesTest, OptionRunIsAnIndexAndANumberOfOneByteEach)
+{
+    EXPECT_TRUE((std::is_same_v<OptionRun, std::pair<std::uint8_t, std::uint8_t>>));
+}
+
+TEST(ServiceDiscovery_TypesTest, NamesOfTheTypesAreVisibleInTheNamespaceToo)
+{
+    EXPECT_TRUE((std::is_same_v<EntryType, SOME_IP_SD_Types::EntryType>));
+    EXPECT_TRUE((std::is_same_v<OptionType, SOME_IP_SD_Types::OptionType>));
+    EXPECT_TRUE((std::is_same_v<OptionL4Protocol, SOME_IP_SD_Types::OptionL4Protocol>));
+}
+
+namespace {
+
+struct Width
+{
+    const char* name;
+    std::size_t width;
+    std::size_t expected;
+};
+
+struct WidthTest : ::testing::TestWithParam<Width>
+{};
+
+}  // namespace
+
+TEST_P(WidthTest, IsThatOfTheFieldOnTheWire)
+{
+    EXPECT_EQ(GetParam().width, GetParam().expected);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    ServiceDiscovery_Types, WidthTest,
+    ::testing::Values(
+        Width{"ReservedServiceID", sizeof(HeaderValues::ServiceID_Reserved), 2},
+        Width{"LowestReservedServiceID", sizeof(HeaderValues::ServiceID_Reserved_LowerLimit), 2},
+        Width{"HighestReservedServiceID", sizeof(HeaderValues::ServiceID_Reserved_UpperLimit), 2},
+        Width{"DiscoveryServiceID", sizeof(HeaderValues::ServiceID_SOMEIP_SD), 2},
+        Width{"DiscoveryMethodID", sizeof(HeaderValues::MethodID_SOMEIP_SD_Msg), 2},
+        Width{"AnyServiceID", sizeof(EntryValues::ServiceID_Any), 2},
+        Width{"WebServiceID", sizeof(EntryValues::ServiceID_Non_SOMEIP_SD), 2},
+        Width{"ReservedInstanceID", sizeof(EntryValues::InstanceID_Reserved), 2},
+        Width{"AnyInstanceID", sizeof(EntryValues::InstanceID_Any), 2},
+        Width{"AnyMajorVersion", sizeof(EntryValues::MajorVersion_Any), 1},
+        Width{"AnyMinorVersion", sizeof(EntryValues::MinorVersion_Any), 4},
+        Width{"EntryType", sizeof(EntryType::Type_t), 1}, Width{"OptionType", sizeof(OptionType::Type_t), 1},
+        Width{"TransportProtocol", sizeof(OptionL4Protocol::L4Protocol_t), 1},
+        Width{"OptionLength", sizeof(OptionLength::Length_t), 2},
+        Width{"Flags", sizeof(SOME_IP_SD::FLAGS_t), 1}),
+    [](const auto& row) { return row.param.name; });
 
 }  // namespace Nubo::ServiceDiscovery::Testing

@@ -219,7 +219,26 @@ bool SOME_IP_SD_Option_Configuration_Pimpl::insertSubstring(const std::string& s
         m_configurationPairs.emplace(substring, std::string());
         return true;
     }
+    if (!isValidSplit(substring.size(), equals))
+        return false;
     m_configurationPairs.emplace(substring.substr(0, equals), substring.substr(equals + 1u));
+    return true;
+}
+
+bool SOME_IP_SD_Option_Configuration_Pimpl::isValidSplit(std::size_t length, std::size_t equals)
+{
+    if (equals >= length) {
+        // Kept for compatibility: length and position stand as one raw byte each.
+        SD_LOG(Error) << "initFromString: Error while parsing input string, '=' sign supposedly detecting "
+                         "after string-length! length: "
+                      << static_cast<char>(length) << " vs. '='-Position: " << static_cast<char>(equals);
+        return false;
+    }
+    if (length > longestSubstring) {
+        SD_LOG(Error) << "initFromString: detected too long Configuration-substring, length of '" << length
+                      << "' exceeds per substring length field!";
+        return false;
+    }
     return true;
 }
 

@@ -32,6 +32,10 @@ public:
     /// is fine: callers guard the lengths themselves.
     static bool isValidSubstring(const std::uint8_t* s, std::uint8_t n, std::uint8_t* equalsPosition);
 
+    /// Whether a text of `length` characters can be split at its "=". A second line of defence: no text that
+    /// isValidSubstring() passed can fail here.
+    static bool isValidSplit(std::size_t length, std::size_t equals);
+
     /// Parses a string of `length` bytes that a zero byte follows, and keeps a copy of it. Pairs found
     /// before a fault stay.
     bool initFromString(const std::uint8_t* s, std::uint16_t length);

@@ -2,6 +2,8 @@
 #include "support/LogCatcher.h"
 #include "support/Wire.h"
 
+#include <type_traits>
+
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -79,8 +81,8 @@ TEST_F(SOME_IPTest, EveryFieldIsReadFromItsPlaceAndNoValueOfTheLastFourIsRefused
 
 TEST_F(SOME_IPTest, RequestAndMessageIDsAreSplitAndJoined)
 {
-    header.setRequestID(0x12345678);
-    header.setMessageID(0x9abcdef0);
+    EXPECT_TRUE(header.setRequestID(0x12345678));
+    EXPECT_TRUE(header.setMessageID(0x9abcdef0));
 
     EXPECT_EQ(header.getClientID(), 0x1234);
     EXPECT_EQ(header.getSessionID(), 0x5678);
@@ -107,16 +109,45 @@ TEST_F(SOME_IPTest, LengthTwelvePassesTheFirstCheck)
     EXPECT_TRUE(header.isValid());
 }
 
-TEST_F(SOME_IPTest, LengthThatDoesNotFitTheDatagramIsAnError)
+namespace {
+
+struct LengthBeyond
 {
-    std::istringstream stream = read("ff ff 81 00 00 00 00 14 00 00 00 01 01 01 02 00 e0 00 00 00", 20);
+    const char* name;
+    const char* length;
+    std::streamsize datagramSize;
+    const char* line;
+};
+
+struct LengthBeyondTest : SOME_IPTest, ::testing::WithParamInterface<LengthBeyond>
+{};
+
+}  // namespace
+
+TEST_P(LengthBeyondTest, TheDatagramIsAnError)
+{
+    const std::string hex =
+        std::string("ff ff 81 00 ") + GetParam().length + " 00 00 00 01 01 01 02 00 e0 00 00 00";
+
+    std::istringstream stream = read(hex, GetParam().datagramSize);
 
     EXPECT_FALSE(header.isValid());
-    EXPECT_THAT(
-        log.lines(),
-        ElementsAre("Error: SOME_IP-SD message length-error, message size=28, but only 20 Bytes left!"));
-    EXPECT_EQ(unread(stream), 12);
+    EXPECT_EQ(unread(stream), 12) << "the rest of the header is not read";
+    EXPECT_EQ(metaData.remainingPacketLength, GetParam().datagramSize);
+    EXPECT_THAT(log.lines(), ElementsAre(GetParam().line));
 }
+
+INSTANTIATE_TEST_SUITE_P(
+    SOME_IP, LengthBeyondTest,
+    ::testing::Values(
+        LengthBeyond{"ByTheEightBytesBeforeIt", "00 00 00 14", 20,
+                     "Error: SOME_IP-SD message length-error, message size=28, but only 20 Bytes left!"},
+        LengthBeyond{"ByOne", "00 00 00 14", 27,
+                     "Error: SOME_IP-SD message length-error, message size=28, but only 27 Bytes left!"},
+        LengthBeyond{
+            "AsFarAsCanBe", "ff ff ff ff", 20,
+            "Error: SOME_IP-SD message length-error, message size=4294967303, but only 20 Bytes left!"}),
+    [](const auto& row) { return row.param.name; });
 
 TEST_F(SOME_IPTest, HeaderCutShortIsAnError)
 {
@@ -146,16 +177,39 @@ TEST_F(SOME_IPTest, WithoutMetaDataTheHeaderIsInvalid)
     EXPECT_THAT(log.lines(), ElementsAre("Error: SOME_IP: received nullptr as metaData!"));
 }
 
+TEST_F(SOME_IPTest, WithoutMetaDataTheHeaderIsReadUnmeasuredAndStaysInvalid)
+{
+    SOME_IP orphan(nullptr);
+    std::istringstream stream = streamOf("01 02 03 04 ff ff ff ff 09 0a 0b 0c 0d 0e 0f 10");
+    log.clear();
+
+    stream >> orphan;
+
+    EXPECT_FALSE(orphan.isValid());
+    EXPECT_EQ(orphan.getMessageID(), 0x01020304u);
+    EXPECT_EQ(orphan.getRequestID(), 0x090a0b0cu);
+    EXPECT_EQ(orphan.getReturnCode(), 0x10);
+    EXPECT_THAT(log.lines(), IsEmpty());
+}
+
 TEST_F(SOME_IPTest, MakeInvalidIsFinal)
 {
     header.makeInvalid();
+    read("ff ff 81 00 00 00 00 0c 00 00 00 01 01 01 02 00", 20);
 
     EXPECT_FALSE(header.isValid());
 }
 
+TEST_F(SOME_IPTest, HeadersAreMovedAndAssignedButNotMadeOfNothing)
+{
+    EXPECT_TRUE(std::is_move_constructible_v<SOME_IP>);
+    EXPECT_TRUE(std::is_copy_assignable_v<SOME_IP>);
+    EXPECT_FALSE(std::is_default_constructible_v<SOME_IP>);
+}
+
 TEST_F(SOME_IPTest, UpdateLengthCountsThePayloadAndEightHeaderBytes)
 {
-    header.updateLength(12);
+    EXPECT_TRUE(header.updateLength(12));
 
     EXPECT_EQ(header.getLength(), 20u);
     EXPECT_EQ(header.getSize(), 28u);
@@ -189,12 +243,19 @@ TEST(SOME_IPReservedTest, FourMethodIDsAreReserved)
 
 TEST_F(SOME_IPTest, TextHasTabsThenHexadecimalFieldsAndADecimalLength)
 {
-    header.setLength(28);
-    header.setReturnCode(0xab);
+    read("ab cd 12 34 00 00 00 1c 56 78 9a bc de f0 0f 41", 36);
 
     EXPECT_EQ(header.toString(2),
-              "\t\tSOME/IP: ServiceID(0xffff), MethodID(0x8100), Length(28), ClientID(0x0), SessionID(0x1), "
-              "ProtocolVersion(0x1), InterfaceVersion(0x1), MessageType(0x2), ReturnCode(0xab)");
+              "\t\tSOME/IP: ServiceID(0xabcd), MethodID(0x1234), Length(28), ClientID(0x5678), "
+              "SessionID(0x9abc), ProtocolVersion(0xde), InterfaceVersion(0xf0), MessageType(0xf), "
+              "ReturnCode(0x41)");
+}
+
+TEST_F(SOME_IPTest, TextWithoutIndentBeginsWithItsName)
+{
+    EXPECT_EQ(header.toString(0),
+              "SOME/IP: ServiceID(0xffff), MethodID(0x8100), Length(8), ClientID(0x0), SessionID(0x1), "
+              "ProtocolVersion(0x1), InterfaceVersion(0x1), MessageType(0x2), ReturnCode(0x0)");
 }
 
 }  // namespace Nubo::ServiceDiscovery::Testing

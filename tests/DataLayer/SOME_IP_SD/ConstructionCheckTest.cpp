@@ -9,84 +9,37 @@ namespace Nubo::ServiceDiscovery::Testing {
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 
-namespace {
-
-/// How a class names itself in the two kinds of check, and the texts that make of it.
-struct Texts
+TEST(ConstructionCheckTest, GoodObjectsHaveNoFault)
 {
-    const char* name;
-    const char* emptyKind;
-    const char* form;
-    const char* valuesKind;
-    const char* validEmpty;
-    const char* emptyOfWrongClass;
-    const char* invalidValues;
-    const char* valuesOfWrongClass;
-};
-
-struct ConstructionCheckTest : ::testing::TestWithParam<Texts>
-{};
-
-}  // namespace
-
-TEST_P(ConstructionCheckTest, GoodObjectsHaveNoFault)
-{
-    EXPECT_EQ(faultOfEmpty(GetParam().emptyKind, false, true), "");
-    EXPECT_EQ(faultOfValues(GetParam().form, GetParam().valuesKind, true, true), "");
+    EXPECT_EQ(faultOfEmpty("IPv4 Option", false, true), "");
+    EXPECT_EQ(faultOfValues("Array ", "IP4-Option", true, true), "");
 }
 
-TEST_P(ConstructionCheckTest, ObjectToBeFilledMustNotBeValid)
+TEST(ConstructionCheckTest, ObjectToBeFilledMustNotBeValid)
 {
-    EXPECT_EQ(faultOfEmpty(GetParam().emptyKind, true, true), GetParam().validEmpty);
+    EXPECT_EQ(faultOfEmpty("Service Entry", true, true),
+              "Service Entry data should not be valid in default Constructor!");
 }
 
-TEST_P(ConstructionCheckTest, ObjectToBeFilledMustHaveTheRightClass)
+TEST(ConstructionCheckTest, ObjectToBeFilledMustHaveTheRightClass)
 {
-    EXPECT_EQ(faultOfEmpty(GetParam().emptyKind, false, false), GetParam().emptyOfWrongClass);
+    EXPECT_EQ(faultOfEmpty("IPv4 Option", false, false),
+              "Implementation of IPv4 Option has wrong type in default Constructor!");
 }
 
-TEST_P(ConstructionCheckTest, ObjectOfValuesMustBeValid)
+TEST(ConstructionCheckTest, ObjectOfValuesMustBeValid)
 {
-    EXPECT_EQ(faultOfValues(GetParam().form, GetParam().valuesKind, false, true), GetParam().invalidValues);
+    EXPECT_EQ(faultOfValues("", "Service Entry", false, true), "Service Entry data invalid!");
+    EXPECT_EQ(faultOfValues("Array ", "IP4-Option", false, true), "Array IP4-Option data invalid!");
 }
 
-TEST_P(ConstructionCheckTest, ObjectOfValuesMustHaveTheRightClass)
+TEST(ConstructionCheckTest, ObjectOfValuesMustHaveTheRightClass)
 {
-    EXPECT_EQ(faultOfValues(GetParam().form, GetParam().valuesKind, true, false),
-              GetParam().valuesOfWrongClass);
+    EXPECT_EQ(faultOfValues("Array ", "IP4-Option", true, false),
+              "Implementation of IP4-Option has wrong type!");
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    Kinds, ConstructionCheckTest,
-    ::testing::Values(
-        Texts{"Service", "Service Entry", "", "Service Entry",
-              "Service Entry data should not be valid in default Constructor!",
-              "Implementation of Service Entry has wrong type in default Constructor!",
-              "Service Entry data invalid!", "Implementation of Service Entry has wrong type!"},
-        Texts{"Eventgroup", "Eventgroup Entry", "", "Eventgroup Entry",
-              "Eventgroup Entry data should not be valid in default Constructor!",
-              "Implementation of Eventgroup Entry has wrong type in default Constructor!",
-              "Eventgroup Entry data invalid!", "Implementation of Eventgroup Entry has wrong type!"},
-        Texts{"IPv4Array", "IPv4 Option", "Array ", "IP4-Option",
-              "IPv4 Option data should not be valid in default Constructor!",
-              "Implementation of IPv4 Option has wrong type in default Constructor!",
-              "Array IP4-Option data invalid!", "Implementation of IP4-Option has wrong type!"},
-        Texts{"IPv6String", "IPv6 Option", "String ", "IP6-Option",
-              "IPv6 Option data should not be valid in default Constructor!",
-              "Implementation of IPv6 Option has wrong type in default Constructor!",
-              "String IP6-Option data invalid!", "Implementation of IP6-Option has wrong type!"},
-        Texts{"LoadBalancing", "LoadBalancing Option", "", "LoadBalancing Option",
-              "LoadBalancing Option data should not be valid in default Constructor!",
-              "Implementation of LoadBalancing Option has wrong type in default Constructor!",
-              "LoadBalancing Option data invalid!", "Implementation of LoadBalancing Option has wrong type!"},
-        Texts{"Configuration", "Configuration Option", "Pair ", "Configuration-Option",
-              "Configuration Option data should not be valid in default Constructor!",
-              "Implementation of Configuration Option has wrong type in default Constructor!",
-              "Pair Configuration-Option data invalid!",
-              "Implementation of Configuration-Option has wrong type!"}),
-    [](const auto& row) { return row.param.name; });
-
-TEST(ConstructionFaultTest, FaultIsLoggedAsAnError)
+TEST(ConstructionCheckTest, FaultIsLoggedAsAnError)
 {
     const LogCatcher log;
 
@@ -96,7 +49,7 @@ TEST(ConstructionFaultTest, FaultIsLoggedAsAnError)
                 ElementsAre("Error: Placeholder Option data should not be valid in default Constructor!"));
 }
 
-TEST(ConstructionFaultTest, NoFaultIsNotLogged)
+TEST(ConstructionCheckTest, NoFaultIsNotLogged)
 {
     const LogCatcher log;
 

@@ -4,6 +4,8 @@
 #include "support/LogCatcher.h"
 #include "support/Wire.h"
 
+#include <type_traits>
+
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -276,10 +278,27 @@ TEST_F(SOME_IP_SD_EntryTest, WithoutImplementationNothingIsRead)
     EXPECT_FALSE(unusable.isValid());
 }
 
+TEST_F(SOME_IP_SD_EntryTest, ReadingReturnsTheBytesOfTheCommonPart)
+{
+    const auto readBytes = [](const std::string& hex) {
+        std::istringstream stream = streamOf(hex);
+        return SOME_IP_SD_Entry_Pimpl(EntryType::OFFER_SERVICE).deserialise(stream);
+    };
+
+    EXPECT_EQ(readBytes("12 13 ef 16 17 18 19 1a 1b 1c 1d ff"), 11);
+    EXPECT_EQ(readBytes("12 13 ef 16 17"), 8);
+}
+
 TEST_F(SOME_IP_SD_EntryTest, EntriesAreNotCopied)
 {
-    static_assert(!std::is_copy_constructible_v<SOME_IP_SD_Entry_Service>, "it owns its implementation");
-    static_assert(!std::is_copy_assignable_v<SOME_IP_SD_Entry_Service>, "it owns its implementation");
+    EXPECT_FALSE(std::is_copy_constructible_v<SOME_IP_SD_Entry_Service>);
+    EXPECT_FALSE(std::is_copy_assignable_v<SOME_IP_SD_Entry_Service>);
+}
+
+TEST_F(SOME_IP_SD_EntryTest, EntriesAreDestroyedThroughTheirBase)
+{
+    EXPECT_TRUE(std::has_virtual_destructor_v<SOME_IP_SD_Entry>);
+    EXPECT_TRUE(std::has_virtual_destructor_v<SOME_IP_SD_Entry_Pimpl>);
 }
 
 }  // namespace Nubo::ServiceDiscovery::Testing

@@ -1,4 +1,5 @@
 #include "DataLayer/SOME_IP_SD/SOME_IP_SD_Entry_Eventgroup.h"
+#include "DataLayer/SOME_IP_SD/SOME_IP_SD_Entry_Pimpl.h"
 #include "support/LogCatcher.h"
 #include "support/Wire.h"
 
@@ -28,6 +29,18 @@ SOME_IP_SD_Entry::CommonFields subscribeFields()
     fields.ttl = 0x08090a;
     return fields;
 }
+
+/// Shows what reading returns.
+struct OpenEntry : SOME_IP_SD_Entry_Eventgroup
+{
+    using SOME_IP_SD_Entry_Eventgroup::SOME_IP_SD_Entry_Eventgroup;
+
+    std::streamsize readBytes(const std::string& hex)
+    {
+        std::istringstream stream = streamOf(hex);
+        return implementation()->deserialise(stream);
+    }
+};
 
 struct SOME_IP_SD_Entry_EventgroupTest : ::testing::Test
 {
@@ -86,6 +99,24 @@ TEST_F(SOME_IP_SD_Entry_EventgroupTest, EntryThatEndsTheStreamIsGood)
 
     EXPECT_TRUE(entry.isValid());
     EXPECT_TRUE(stream.good());
+}
+
+TEST_F(SOME_IP_SD_Entry_EventgroupTest, ReadingReturnsTheBytesOfTheLastFourFields)
+{
+    OpenEntry whole(EntryType::SUBSCRIBE);
+    OpenEntry cut(EntryType::SUBSCRIBE);
+
+    EXPECT_EQ(whole.readBytes("01 02 ab 03 04 05 06 07 00 08 0e 00 00 00 01 ff"), 4);
+    EXPECT_EQ(cut.readBytes("01 02 ab 03 04 05 06 07 00 08 0e 00"), 1);
+}
+
+TEST_F(SOME_IP_SD_Entry_EventgroupTest, ReadingMakesARefusedEntryValid)
+{
+    SOME_IP_SD_Entry_Eventgroup refused(subscribeFields(), false, 16, 1);
+
+    streamOf("01 02 ab 03 04 05 06 07 00 08 0e 00 00 00 01") >> refused;
+
+    EXPECT_TRUE(refused.isValid());
 }
 
 TEST_F(SOME_IP_SD_Entry_EventgroupTest, ReservedByteIsKeptAndUnnamedBitsAreDropped)
@@ -156,6 +187,14 @@ TEST_F(SOME_IP_SD_Entry_EventgroupTest, CounterAbove15IsRefusedAndChangesNothing
     EXPECT_EQ(entry.getCounter(), 3);
     EXPECT_THAT(log.errors(),
                 ElementsAre("Error: Eventgroup counter too large, given value '16' exceeds 4 Bit!"));
+}
+
+TEST_F(SOME_IP_SD_Entry_EventgroupTest, EntryMadeWithACounterOf15IsValid)
+{
+    const SOME_IP_SD_Entry_Eventgroup largest(subscribeFields(), false, 15, 1);
+
+    EXPECT_TRUE(largest.isValid());
+    EXPECT_EQ(largest.getCounter(), 15);
 }
 
 TEST_F(SOME_IP_SD_Entry_EventgroupTest, EntryMadeWithACounterAbove15IsInvalid)

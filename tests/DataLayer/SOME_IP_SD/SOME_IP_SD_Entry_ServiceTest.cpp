@@ -1,3 +1,4 @@
+#include "DataLayer/SOME_IP_SD/SOME_IP_SD_Entry_Pimpl.h"
 #include "DataLayer/SOME_IP_SD/SOME_IP_SD_Entry_Service.h"
 #include "support/LogCatcher.h"
 #include "support/Wire.h"
@@ -25,6 +26,18 @@ SOME_IP_SD_Entry::CommonFields offerFields()
     fields.ttl = 3;
     return fields;
 }
+
+/// Shows what reading returns.
+struct OpenEntry : SOME_IP_SD_Entry_Service
+{
+    using SOME_IP_SD_Entry_Service::SOME_IP_SD_Entry_Service;
+
+    std::streamsize readBytes(const std::string& hex)
+    {
+        std::istringstream stream = streamOf(hex);
+        return implementation()->deserialise(stream);
+    }
+};
 
 struct SOME_IP_SD_Entry_ServiceTest : ::testing::Test
 {
@@ -71,16 +84,6 @@ TEST_F(SOME_IP_SD_Entry_ServiceTest, FindIsWrittenWithEveryFieldInItsPlace)
     EXPECT_EQ(written(find), "00 01 02 ab 03 04 05 06 07 08 09 0a 0b 0c 0d 0e");
 }
 
-TEST_F(SOME_IP_SD_Entry_ServiceTest, TTLOf0x1000000IsWrittenAsZero)
-{
-    SOME_IP_SD_Entry::CommonFields fields = offerFields();
-    fields.ttl = 0x1000000;
-
-    const SOME_IP_SD_Entry_Service offer(fields, 0);
-
-    EXPECT_EQ(written(offer), "01 00 00 20 ff fe 00 01 01 00 00 00 00 00 00 00");
-}
-
 TEST_F(SOME_IP_SD_Entry_ServiceTest, EveryFieldIsReadFromItsPlaceAfterTheType)
 {
     std::istringstream stream = read("01 02 ab 03 04 05 06 07 00 08 0e 0f 10 11 12 ff");
@@ -104,6 +107,24 @@ TEST_F(SOME_IP_SD_Entry_ServiceTest, EntryThatEndsTheStreamIsGood)
 
     EXPECT_TRUE(entry.isValid());
     EXPECT_TRUE(stream.good());
+}
+
+TEST_F(SOME_IP_SD_Entry_ServiceTest, ReadingReturnsTheBytesOfTheMinorVersion)
+{
+    OpenEntry whole(EntryType::OFFER_SERVICE);
+    OpenEntry cut(EntryType::OFFER_SERVICE);
+
+    EXPECT_EQ(whole.readBytes("00 00 20 ff fe 00 01 01 00 00 03 00 00 00 00 ff"), 4);
+    EXPECT_EQ(cut.readBytes("00 00 20 ff fe 00 01 01 00 00 03 00 00"), 2);
+}
+
+TEST_F(SOME_IP_SD_Entry_ServiceTest, ReadingMakesARefusedEntryValid)
+{
+    SOME_IP_SD_Entry_Service refused(EntryType::SUBSCRIBE);
+
+    streamOf("00 00 20 ff fe 00 01 01 00 00 03 00 00 00 00") >> refused;
+
+    EXPECT_TRUE(refused.isValid());
 }
 
 TEST_F(SOME_IP_SD_Entry_ServiceTest, EntryIsInvalidUntilRead)

@@ -8,6 +8,8 @@
 #include "support/LogCatcher.h"
 #include "support/Wire.h"
 
+#include <type_traits>
+
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -121,11 +123,25 @@ TEST_F(SOME_IP_SD_OptionTest, WithoutImplementationNothingIsRead)
     EXPECT_FALSE(unusable.isValid());
 }
 
+TEST_F(SOME_IP_SD_OptionTest, ReadingReturnsTheReservedByteOrNothing)
+{
+    SOME_IP_SD_Option_Pimpl implementation(OptionType::LOAD_BALANCING, 5);
+    std::istringstream stream = streamOf("55");
+
+    EXPECT_EQ(implementation.deserialise(stream), 1);
+    EXPECT_EQ(implementation.deserialise(stream), 0);
+}
+
 TEST_F(SOME_IP_SD_OptionTest, OptionsAreNotCopied)
 {
-    static_assert(!std::is_copy_constructible_v<SOME_IP_SD_Option_LoadBalancing>,
-                  "it owns its implementation");
-    static_assert(!std::is_copy_assignable_v<SOME_IP_SD_Option_LoadBalancing>, "it owns its implementation");
+    EXPECT_FALSE(std::is_copy_constructible_v<SOME_IP_SD_Option_LoadBalancing>);
+    EXPECT_FALSE(std::is_copy_assignable_v<SOME_IP_SD_Option_LoadBalancing>);
+}
+
+TEST_F(SOME_IP_SD_OptionTest, OptionsAreDestroyedThroughTheirBase)
+{
+    EXPECT_TRUE(std::has_virtual_destructor_v<SOME_IP_SD_Option>);
+    EXPECT_TRUE(std::has_virtual_destructor_v<SOME_IP_SD_Option_Pimpl>);
 }
 
 namespace {

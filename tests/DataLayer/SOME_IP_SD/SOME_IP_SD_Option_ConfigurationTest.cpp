@@ -477,6 +477,22 @@ TEST_F(SOME_IP_SD_Option_ConfigurationTest, NoTextAtAllIsValid)
     EXPECT_THAT(log.lines(), IsEmpty());
 }
 
+TEST_F(SOME_IP_SD_Option_ConfigurationTest, TextIsSplitOnlyWithinItsLength)
+{
+    EXPECT_TRUE(Implementation::isValidSplit(4, 3));
+    EXPECT_TRUE(Implementation::isValidSplit(255, 1));
+    EXPECT_THAT(log.lines(), IsEmpty());
+
+    EXPECT_FALSE(Implementation::isValidSplit(3, 3));
+    EXPECT_FALSE(Implementation::isValidSplit(256, 1));
+    EXPECT_THAT(
+        log.errors(),
+        ElementsAre("Error: initFromString: Error while parsing input string, '=' sign supposedly detecting "
+                    "after string-length! length: \x03 vs. '='-Position: \x03",
+                    "Error: initFromString: detected too long Configuration-substring, length of '256' "
+                    "exceeds per substring length field!"));
+}
+
 TEST_F(SOME_IP_SD_Option_ConfigurationTest, TextOf255CharactersIsLookedAtToItsEnd)
 {
     const std::string good(255, 'x');
@@ -538,6 +554,32 @@ TEST_F(SOME_IP_SD_Option_ConfigurationTest, PairsFoundBeforeAFaultStay)
     EXPECT_FALSE(implementation.initFromString(bytesOf(string), static_cast<std::uint16_t>(string.size())));
 
     EXPECT_THAT(implementation.pairs(), ElementsAre(Pair("a", "1")));
+    EXPECT_EQ(implementation.string(), nullptr);
+}
+
+TEST_F(SOME_IP_SD_Option_ConfigurationTest, PairsWithoutAStringAreAnInitialisationToo)
+{
+    const std::string faulty = configText("a=1") + configText("=b");
+    const std::string other = configText("b=2");
+    Implementation implementation(1);
+    implementation.initFromString(bytesOf(faulty), static_cast<std::uint16_t>(faulty.size()));
+    log.clear();
+
+    EXPECT_FALSE(implementation.initFromString(bytesOf(other), 4));
+    EXPECT_FALSE(implementation.initFromPairs({{"b", "2"}}));
+
+    EXPECT_THAT(log.errors(), ElementsAre("Error: initFromString: Option is already initialised!",
+                                          "Error: initFromPairs: Option is already initialised!"));
+    EXPECT_THAT(implementation.pairs(), ElementsAre(Pair("a", "1")));
+}
+
+TEST_F(SOME_IP_SD_Option_ConfigurationTest, NothingIsKeptOfPairsThatAreRefused)
+{
+    const Implementation implementation(ConfigurationPairs{{"a", "1"}, {"b", "=2"}});
+
+    EXPECT_FALSE(implementation.isValid());
+    EXPECT_EQ(implementation.getLength(), 1);
+    EXPECT_THAT(implementation.pairs(), IsEmpty());
     EXPECT_EQ(implementation.string(), nullptr);
 }
 
@@ -819,8 +861,8 @@ TEST_F(SOME_IP_SD_Option_ConfigurationTest, TextOfAnOptionThatHoldsNoStringHasNo
 
 TEST_F(SOME_IP_SD_Option_ConfigurationTest, TextOfAMalformedOptionShowsWhatWasRead)
 {
-    EXPECT_THAT(read(8, "00 03 61 3d 31 ff 62 00").toString(0),
-                ::testing::StartsWith("Configuration Option: [3]a=1[255]b"));
+    EXPECT_EQ(read(8, "00 03 61 3d 31 ff 62 00").toString(0),
+              literal("Configuration Option: [3]a=1[255]b\0"));
 }
 
 namespace {

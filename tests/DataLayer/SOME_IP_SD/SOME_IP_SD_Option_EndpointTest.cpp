@@ -1,5 +1,6 @@
 #include "DataLayer/SOME_IP_SD/SOME_IP_SD_Option_IPv4.h"
 #include "DataLayer/SOME_IP_SD/SOME_IP_SD_Option_IPv6.h"
+#include "DataLayer/SOME_IP_SD/SOME_IP_SD_Option_Pimpl.h"
 #include "support/LogCatcher.h"
 #include "support/Wire.h"
 
@@ -88,6 +89,19 @@ struct IPv6
     static constexpr auto emptyLine = "Error: SOME_IP_SD_IPv6_Option size=20, but 0 read by deserialisation!";
     static constexpr auto writtenLine =
         "Error: SOME_IP_SD_Option_IPv6 size=21, but 20 written by serialisation!";
+};
+
+/// Shows what reading returns.
+template <class Option>
+struct OpenOption : Option
+{
+    using Option::Option;
+
+    std::streamsize readBytes(const std::string& hex)
+    {
+        std::istringstream stream = streamOf(hex);
+        return this->implementation()->deserialise(stream);
+    }
 };
 
 struct FamilyNames
@@ -198,6 +212,25 @@ TYPED_TEST(SOME_IP_SD_Option_EndpointTest, EveryFieldIsReadFromItsPlace)
     EXPECT_EQ(option.getL4Protocol(), OptionL4Protocol::TCP);
     EXPECT_TRUE(this->stream.good()) << "the stream ends with the option";
     EXPECT_THAT(this->log.lines(), IsEmpty());
+}
+
+TYPED_TEST(SOME_IP_SD_Option_EndpointTest, ReadingReturnsTheBytesAfterTheReservedByte)
+{
+    OpenOption<typename TypeParam::Option> whole(TypeParam::types[0]);
+    OpenOption<typename TypeParam::Option> cut(TypeParam::types[0]);
+
+    EXPECT_EQ(whole.readBytes("00 " + this->addressBytes + " 00 11 77 1a ff"), TypeParam::length - 1);
+    EXPECT_EQ(cut.readBytes("00 " + this->addressBytes + " 00"), TypeParam::length - 4);
+}
+
+TYPED_TEST(SOME_IP_SD_Option_EndpointTest, OptionThatHoldsNothingIsWrittenWithZeros)
+{
+    const typename TypeParam::Option option(TypeParam::types[0]);
+    std::string zeros;
+    for (std::size_t i = 0; i < this->rawAddress.size() + 5; ++i)
+        zeros += " 00";
+
+    EXPECT_EQ(written(option), std::string(TypeParam::lengthBytes) + TypeParam::typeBytes[0] + zeros);
 }
 
 TYPED_TEST(SOME_IP_SD_Option_EndpointTest, FirstReservedByteIsKeptAndTheSecondIsClearedWhenRead)

@@ -1,4 +1,5 @@
 #include "DataLayer/SOME_IP_SD/SOME_IP_SD_Option_LoadBalancing.h"
+#include "DataLayer/SOME_IP_SD/SOME_IP_SD_Option_Pimpl.h"
 #include "support/LogCatcher.h"
 #include "support/Wire.h"
 
@@ -11,6 +12,16 @@ using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 
 namespace {
+
+/// Shows what reading returns.
+struct OpenOption : SOME_IP_SD_Option_LoadBalancing
+{
+    std::streamsize readBytes(const std::string& hex)
+    {
+        std::istringstream stream = streamOf(hex);
+        return implementation()->deserialise(stream);
+    }
+};
 
 struct SOME_IP_SD_Option_LoadBalancingTest : ::testing::Test
 {
@@ -64,6 +75,12 @@ TEST_F(SOME_IP_SD_Option_LoadBalancingTest, PriorityAndWeightAreReadFromTheirPla
     EXPECT_TRUE(stream.good()) << "the stream ends with the option";
     EXPECT_EQ(written(option), "00 05 02 55 01 02 03 04");
     EXPECT_THAT(log.lines(), IsEmpty());
+}
+
+TEST_F(SOME_IP_SD_Option_LoadBalancingTest, ReadingReturnsTheBytesAfterTheReservedByte)
+{
+    EXPECT_EQ(OpenOption().readBytes("00 01 02 03 04 ff"), 4);
+    EXPECT_EQ(OpenOption().readBytes("00 01 02 03"), 3);
 }
 
 TEST_F(SOME_IP_SD_Option_LoadBalancingTest, LongerLengthIsAMismatch)

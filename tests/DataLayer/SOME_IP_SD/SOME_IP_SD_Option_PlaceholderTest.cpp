@@ -1,3 +1,4 @@
+#include "DataLayer/SOME_IP_SD/SOME_IP_SD_Option_Pimpl.h"
 #include "DataLayer/SOME_IP_SD/SOME_IP_SD_Option_Placeholder.h"
 #include "support/LogCatcher.h"
 #include "support/Wire.h"
@@ -11,6 +12,18 @@ using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 
 namespace {
+
+/// Shows what reading returns.
+struct OpenOption : SOME_IP_SD_Option_Placeholder
+{
+    using SOME_IP_SD_Option_Placeholder::SOME_IP_SD_Option_Placeholder;
+
+    std::streamsize readBytes(const std::string& hex)
+    {
+        std::istringstream stream = streamOf(hex);
+        return implementation()->deserialise(stream);
+    }
+};
 
 struct SOME_IP_SD_Option_PlaceholderTest : ::testing::Test
 {
@@ -44,6 +57,11 @@ TEST_F(SOME_IP_SD_Option_PlaceholderTest, ReadsNothingAndWarns)
     EXPECT_EQ(unread(stream), 3);
     EXPECT_FALSE(placeholder.isValid());
     EXPECT_THAT(log.lines(), ElementsAre("Warning: Trying to deserialise Placeholder-Option!"));
+}
+
+TEST_F(SOME_IP_SD_Option_PlaceholderTest, ReadingReturnsZero)
+{
+    EXPECT_EQ(OpenOption(300).readBytes("01 02 03"), 0);
 }
 
 TEST_F(SOME_IP_SD_Option_PlaceholderTest, TextNamesTheKind)
