@@ -61,7 +61,7 @@ total=$(count tests)
 failed=$(count failures)
 skipped=$(count skipped)
 echo
-echo "$((total - failed - skipped)) passed, $failed failed, $skipped skipped, under the sanitizers of preset $preset."
+echo "$preset: $((total - failed - skipped)) passed, $failed failed, $skipped skipped"
 [ "$skipped" = 0 ] || {
     echo "Why they were skipped:"
     sed -n 's/.*SKIPPED: //p; /: Skipped$/{n;p}' "$results" | sort | uniq -c
