@@ -234,8 +234,9 @@ bool MulticastSender::sendServices(const InterfaceData_t& interface, SendData& d
     }
     bool result = true;
     for (std::size_t i = 0; i < data.packages.size(); ++i) {
-        const bool adjusted =
-            adjustIPs(data.packages[i], data.ipToReplaceNext, data.ipReplacement, data.offsets[i]);
+        // A package in which nothing was replaced yet may hold an interface's address in its own right.
+        const std::string& oldIP = data.offsets[i].empty() ? m_ipToReplace : data.ipToReplaceNext;
+        const bool adjusted = adjustIPs(data.packages[i], oldIP, data.ipReplacement, data.offsets[i]);
         const bool sent = transmit(interface.socketPtr, data.packages[i]);
         result = adjusted && sent && result;
     }

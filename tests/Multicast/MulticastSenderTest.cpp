@@ -4,14 +4,18 @@
 #include "support/LogCatcher.h"
 #include "support/Namespace.h"
 #include "support/TestUnit.h"
+#include "support/Waiting.h"
 #include "support/Wire.h"
 
 #include <Poco/Exception.h>
+#include <Poco/Mutex.h>
 #include <Poco/Net/DatagramSocket.h>
 #include <Poco/Net/MulticastSocket.h>
 
 #include <algorithm>
 #include <atomic>
+#include <chrono>
+#include <functional>
 #include <optional>
 #include <ostream>
 #include <string>
@@ -42,6 +46,15 @@ public:
     using MulticastSender::sendServices;
     using MulticastSender::transmit;
 };
+
+/// Opens the mutex that the sender's interfaces are guarded by.
+template <auto member>
+struct InterfacesMutex
+{
+    friend Poco::FastMutex& interfacesMutexOf(Multicast::MulticastSender& sender) { return sender.*member; }
+};
+template struct InterfacesMutex<&Multicast::MulticastSender::m_interfacesMutex>;
+Poco::FastMutex& interfacesMutexOf(Multicast::MulticastSender& sender);
 
 /// Datagrams as the sender takes them: it writes into their bytes.
 class Datagrams
@@ -308,6 +321,27 @@ TEST_F(MulticastSenderTest, SecondAddressOfAnAddedInterfaceIsRefused)
     EXPECT_THAT(listener.bytes(), ElementsAre("01")) << "one socket an interface";
 }
 
+TEST_F(MulticastSenderTest, InterfaceWhoseSocketCannotBeOpenedIsReportedAndNotAdded)
+{
+    network.link("eth0");
+    network.here.setIPv6("eth0/accept_dad", "1");
+    network.here.setIPv6("eth0/dad_transmits", "100");
+    network.here.ip("address add fd00::1/64 dev eth0");  // cannot be used while it is being checked
+
+    sender->addInterface_byIP("eth0", "fd00::1");
+    EXPECT_FALSE(send({"01"}));
+    network.here.ip("address delete fd00::1/64 dev eth0");
+    network.here.addAddress("eth0", "fd00::1/64");
+    sender->addInterface_byIP("eth0", "fd00::1");
+
+    EXPECT_TRUE(send({"02"}));
+    EXPECT_THAT(log.errors(), ElementsAre("Error: ServiceDiscovery failed to add Interface \"eth0\" with IP "
+                                          "\"fd00::1\" for sending: Net Exception: Cannot assign "
+                                          "requested address: [fd00::1]:0",
+                                          noInterfaces));
+    EXPECT_THAT(log.warnings(), IsEmpty());
+}
+
 TEST_F(MulticastSenderTest, LinkLocalAddressIsTakenWithAndWithoutScope)
 {
     addInterface("eth0", "fe80::1");
@@ -422,6 +456,19 @@ TEST_F(MulticastSenderTest, DatagramWithoutThePlaceholderIsSentUnchanged)
     EXPECT_EQ(listener1.bytes(), listener0.bytes());
 }
 
+TEST_F(MulticastSenderTest, InterfaceAddressThatStandsWithoutThePlaceholderIsLeftAlone)
+{
+    addInterface("eth0", "fd01::1");
+    addInterface("eth1", "fd02::1");
+    Listener listener0(network.there, "eth0");
+    Listener listener1(network.there, "eth1");
+
+    EXPECT_TRUE(send({"aa " + fd01_1}));
+
+    EXPECT_THAT(listener0.bytes(), ElementsAre("aa " + fd01_1));
+    EXPECT_THAT(listener1.bytes(), ElementsAre("aa " + fd01_1));
+}
+
 TEST_F(MulticastSenderTest, InterfaceAddressThatStandsBesideThePlaceholderIsLeftAlone)
 {
     addInterface("eth0", "fd01::1");
@@ -528,6 +575,23 @@ TEST_F(MulticastSenderTest, OnlyInterfaceThatFailsGivesFalse)
     EXPECT_FALSE(sender->sendMulticast(none.list(), all.list()));
 
     EXPECT_THAT(log.errors(), ::testing::SizeIs(2));
+}
+
+TEST_F(MulticastSenderTest, InternalDatagramThatFailsGivesFalseThoughAllOthersGoOut)
+{
+    std::string tooLarge(70000, 'x');
+    const Sender::MulticastData internal{{tooLarge.data(), tooLarge.size()}};
+    Datagrams all{"01"};
+    addInterface("eth0", "fe80::1");
+    EXPECT_FALSE(sender->sendMulticast(all.list(), internal));
+
+    addInterface("eth1", "fd01::1");
+    Listener listener0(network.there, "eth0");
+    Listener listener1(network.there, "eth1");
+    EXPECT_FALSE(sender->sendMulticast(all.list(), internal));
+
+    EXPECT_THAT(listener0.bytes(), ElementsAre("01"));
+    EXPECT_THAT(listener1.bytes(), ElementsAre("01"));
 }
 
 TEST_F(MulticastSenderTest, DatagramTooLargeForTheNetworkIsReportedAndTheNextIsSent)
@@ -893,6 +957,45 @@ TEST_F(MulticastSenderTest, AddressOfASocketJustClosedIsStillAnOwnOneForSeconds)
     SDClock::turn(60 * 1000000);
     EXPECT_FALSE(sender->isOwnOutgoingAddress(own0));
     EXPECT_FALSE(sender->isOwnOutgoingAddress(own1));
+}
+
+TEST_F(MulticastSenderTest, SendingDoesNotWaitForAReportThatIsBeingHandled)
+{
+    addInterface("eth0", "fd00::1");
+    std::atomic<bool> isSent{false};
+    Poco::FastMutex& mutex = interfacesMutexOf(*sender);
+    mutex.lock();
+
+    std::thread sending([&] { isSent = send({"01"}); });
+
+    EXPECT_TRUE(eventually([&] { return isSent.load(); }));
+    mutex.unlock();
+    sending.join();
+}
+
+TEST_F(MulticastSenderTest, ReportsAndQuestionsForOwnAddressesAreServedOneAfterTheOther)
+{
+    network.link("eth0", "fd00::1");
+    const std::vector<std::function<void()>> calls{
+        [&] { sender->addInterface_byIP("eth0", "fd00::1"); },
+        [&] { sender->removeInterface_byIP("eth0", "fd00::1"); },
+        [&] { sender->isOwnOutgoingAddress(SocketAddress("fd00::1", 1)); }};
+    std::atomic<int> done{0};
+    Poco::FastMutex& mutex = interfacesMutexOf(*sender);
+    mutex.lock();
+    std::vector<std::thread> threads;
+    for (const std::function<void()>& call : calls)
+        threads.emplace_back([&] {
+            call();
+            ++done;
+        });
+
+    EXPECT_TRUE(keeps([&] { return done == 0; }, std::chrono::milliseconds(50)));
+    mutex.unlock();
+    for (std::thread& thread : threads)
+        thread.join();
+
+    EXPECT_EQ(done, 3);
 }
 
 TEST_F(MulticastSenderTest, DatagramsGoOutWhileInterfacesComeAndGo)
