@@ -14,6 +14,7 @@
 #include <ostream>
 #include <string>
 #include <thread>
+#include <type_traits>
 #include <vector>
 
 #include <gmock/gmock.h>
@@ -131,6 +132,11 @@ TEST(ServiceDiscoveryConstructionTest, WithoutADispatcherThereIsNoFacade)
     catch (const Poco::Exception& exception) {
         EXPECT_EQ(exception.message(), "Can not start MulticastReceiver, OEM-Dispatcher is not available!");
     }
+}
+
+TEST(ServiceDiscoveryConstructionTest, FacadeMayBeDerivedFrom)
+{
+    EXPECT_TRUE(std::has_virtual_destructor_v<ServiceDiscovery>);
 }
 
 TEST_F(ServiceDiscoveryTest, FacadeIsNotRunningAtFirst)

@@ -290,8 +290,8 @@ void SDCommunicationHub::onMessageReceived(MulticastDataPtr& msg)
         ++m_dropped;
 
     if (m_dropped != 0 && SDClock::now() >= m_nextDropReport) {
-        SD_LOG(Warning) << "SDCommunicationHub - dropped " << m_dropped << " received Message(s), "
-                        << longestQueue << " are waiting already!";
+        SD_LOG(Warning) << "SDCommunicationHub - dropped " << m_dropped << " received Message(s), at most "
+                        << longestQueue << " can wait!";
         m_dropped = 0;
         m_nextDropReport = SDClock::now() + dropReportInterval;
     }

@@ -131,6 +131,8 @@ void MulticastReceiver::guarded(const Poco::AutoPtr<Notification>& notification)
 
 bool MulticastReceiver::start()
 {
+    if (m_service->isStarted && !m_service->isStopping)
+        return true;
     if (!endThread(0)) {
         SD_LOG(Error) << "MulticastReceiver - a subscriber still holds up the thread.";
         return false;

@@ -291,6 +291,23 @@ INSTANTIATE_TEST_SUITE_P(
                     "Debug: Skip processing OFFER_SERVICE due to invalid TXT-record version: \"2\"!"}),
     rowName);
 
+TEST_F(SDCommunicationHubIncomingTest, OfferWithSeveralFaultsIsPassedOverForTheFirst)
+{
+    const std::string loopback = ipv6Option("00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 01");
+
+    EXPECT_FALSE(offerWith({loopback, configurationOption({"l6proto=other", "txtvers=2"})}));
+    EXPECT_THAT(
+        log.debugs(),
+        ElementsAre("Debug: Skip processing OFFER_SERVICE due to invalid Applicationprotocol: \"other\"!"));
+    EXPECT_THAT(log.complaints(), IsEmpty());
+
+    EXPECT_FALSE(offerWith({loopback, configurationOption({"l6proto=nubo", "txtvers=2"})}));
+    EXPECT_THAT(
+        log.debugs(),
+        ElementsAre("Debug: Skip processing OFFER_SERVICE due to invalid TXT-record version: \"2\"!"));
+    EXPECT_THAT(log.complaints(), IsEmpty());
+}
+
 TEST_F(SDCommunicationHubIncomingTest, OfferWithoutVersionOrNameCannotBecomeARecord)
 {
     EXPECT_FALSE(offerWith(offerOptionsWith({"l6proto=nubo", "otherserv=Media", "txtvers=1"})));
@@ -415,6 +432,16 @@ TEST_F(SDCommunicationHubIncomingTest, FindWithSeveralNamesGoesOnWithTheFirstAnd
                                               "Configuration Option, using first: \"Media\" !"));
     EXPECT_THAT(log.traces(),
                 Contains("Trace: SDStateMachine::handleFIND: add \"Media\" #1 as new Announced|once."));
+}
+
+TEST_F(SDCommunicationHubIncomingTest, PocoExceptionAtAFindIsCaughtAndLogged)
+{
+    stateMachineOf(unit.hub).unsafe_addPeriodicService(nullptr);
+
+    EXPECT_FALSE(find(Packets::find("Media")));
+
+    EXPECT_THAT(log.complaints(),
+                ElementsAre("Error: ServiceDiscovery failed to add Service due to Null pointer"));
 }
 
 TEST_F(SDCommunicationHubIncomingTest, FindInAnEntryOfTheWrongClassIsRefused)

@@ -374,18 +374,19 @@ TEST_F(SDCommunicationHubTest, MessagesBeyondTenThousandAreDroppedAndCountedOnce
     EXPECT_THAT(log.complaints(), IsEmpty());
 
     receiveMany(1);
-    EXPECT_THAT(log.complaints(), ElementsAre("Warning: SDCommunicationHub - dropped 1 received Message(s), "
-                                              "10000 are waiting already!"));
+    EXPECT_THAT(
+        log.complaints(),
+        ElementsAre("Warning: SDCommunicationHub - dropped 1 received Message(s), at most 10000 can wait!"));
 
     receiveMany(6);
     EXPECT_THAT(log.complaints(), SizeIs(1));
 
     SDClock::turn(second);
     receiveMany(1);
-    EXPECT_THAT(log.complaints(), ElementsAre("Warning: SDCommunicationHub - dropped 1 received Message(s), "
-                                              "10000 are waiting already!",
-                                              "Warning: SDCommunicationHub - dropped 7 received Message(s), "
-                                              "10000 are waiting already!"));
+    EXPECT_THAT(
+        log.complaints(),
+        ElementsAre("Warning: SDCommunicationHub - dropped 1 received Message(s), at most 10000 can wait!",
+                    "Warning: SDCommunicationHub - dropped 7 received Message(s), at most 10000 can wait!"));
 }
 
 TEST_F(SDCommunicationHubTest, NotificationRaisesTheFacadesEventOnTheCallingThread)

@@ -501,6 +501,34 @@ TEST(SDRequestHandlerDelegatesTest, MissingDelegatesAreWarnedOfOnceAndEntriesAre
     EXPECT_EQ(log.count("Debug: run: processing 1 Entrie(s)..."), 2u);
 }
 
+TEST(SDRequestHandlerDelegatesTest, EachMissingDelegateIsWarnedOfByItself)
+{
+    struct Taker
+    {
+        void onFind(FindPayload&) {}
+        void onOffer(OfferPayload&) {}
+    };
+    Taker taker;
+    Poco::NotificationQueue queue;
+    SDRequestHandler finding(queue);
+    SDRequestHandler offering(queue);
+    finding.FindService += Poco::delegate(&taker, &Taker::onFind);
+    offering.OfferService += Poco::delegate(&taker, &Taker::onOffer);
+    LogCatcher log;
+
+    {
+        const HandlerThread thread(finding);
+        EXPECT_TRUE(eventually([&] { return log.has(noOfferDelegates); }));
+    }
+    EXPECT_THAT(log.lines(), ElementsAre(noOfferDelegates));
+    log.clear();
+    {
+        const HandlerThread thread(offering);
+        EXPECT_TRUE(eventually([&] { return log.has(noFindDelegates); }));
+    }
+    EXPECT_THAT(log.lines(), ElementsAre(noFindDelegates));
+}
+
 TEST(SDRequestHandlerDelegatesTest, DelegatesThatAreThereAreNotWarnedOf)
 {
     Poco::NotificationQueue queue;

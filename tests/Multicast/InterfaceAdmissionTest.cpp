@@ -200,6 +200,7 @@ TEST_F(RemovalTest, EntryIsFoundByNameAndAddress)
     EXPECT_EQ(find("eth1", "fe80::2%eth1"), "eth1");
     EXPECT_EQ(find("eth0", "fe80::2"), "none") << "the address is that of eth1";
     EXPECT_EQ(find("eth7", "fd00::1"), "none");
+    EXPECT_EQ(find("ETH0", "fd00::1"), "none") << "names are told apart by their case";
     EXPECT_THAT(withoutAddresses, IsEmpty());
 }
 

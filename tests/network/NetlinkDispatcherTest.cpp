@@ -590,11 +590,10 @@ TEST_F(NetlinkDispatcherTest, WhatTheKernelCouldNotTellIsReadAnew)
     EXPECT_THAT(reported(), ElementsAre("+eth0 fd00::1", "-eth0 fd00::1", "+eth1 fd01::1"));
 }
 
+#ifndef __SANITIZE_ADDRESS__
+// UndefinedBehaviorSanitizer, built along with AddressSanitizer, needs descriptors itself.
 TEST_F(NetlinkDispatcherTest, WhatCouldNotBeReadAnewIsReadLater)
 {
-#ifdef __SANITIZE_ADDRESS__
-    GTEST_SKIP() << "UndefinedBehaviorSanitizer, built along, opens descriptors itself";
-#endif
     const LogCatcher log;
     follow();
     reports->onReport([&] { gate.pass(); });
@@ -612,6 +611,7 @@ TEST_F(NetlinkDispatcherTest, WhatCouldNotBeReadAnewIsReadLater)
     EXPECT_TRUE(reports->come(2));
     EXPECT_THAT(reports->lines(), ElementsAre("+eth0 fd00::1", "-eth0 fd00::1"));
 }
+#endif
 
 TEST_F(NetlinkDispatcherTest, EndsWhileReportsCome)
 {

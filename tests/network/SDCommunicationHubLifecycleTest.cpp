@@ -86,7 +86,11 @@ struct LinkedTest : ::testing::Test
 /// A hub as yet without interfaces and not started, and another unit that speaks on eth0.
 struct SDCommunicationHubLifecycleTest : LinkedTest
 {
-    ~SDCommunicationHubLifecycleTest() override { unit->hub.stop(); }
+    ~SDCommunicationHubLifecycleTest() override
+    {
+        if (unit)
+            unit->hub.stop();
+    }
 
     SDCommunicationHub& hub() { return unit->hub; }
     OEMInterface::ManualDispatcher& dispatcher() { return unit->platform.dispatcher(); }
@@ -122,6 +126,28 @@ struct RunningHubTest : SDCommunicationHubLifecycleTest
         EXPECT_TRUE(start());
         log.clear();
     }
+};
+
+/// The same with the request handler held up at an offer, by what follows its first line.
+struct HeldHandlerTest : RunningHubTest
+{
+    HeldHandlerTest()
+    {
+        log.onLine([this](const std::string& line) {
+            if (line.rfind("Trace: onOfferServiceReceived", 0) == 0)
+                gate.pass();
+        });
+        speaker.send(fromHex(offerOfFar));
+        EXPECT_TRUE(eventually([&] { return gate.isReached(); }));
+        log.clear();
+    }
+    ~HeldHandlerTest() override
+    {
+        gate.open();
+        unit.reset();  // which waits until the gate is passed
+    }
+
+    Gate gate;
 };
 
 }  // namespace
@@ -193,6 +219,45 @@ TEST_F(SDCommunicationHubLifecycleTest, BeforeTheFirstStartNothingIsSent)
     EXPECT_THAT(log.errors(), ElementsAre("Error: MulticastSender failed to send package, external IP "
                                           "address was not initialised!"));
     EXPECT_THAT(listener.datagrams(), IsEmpty());
+}
+
+TEST_F(SDCommunicationHubLifecycleTest, HubStartedOnAnAddressThatIsNotIPv6HearsButCannotSend)
+{
+    dispatcher().addInterface("eth0", "fd00::1");
+    SDService::Ptr service = makeService("Media");
+    service->setType(SDService::Type::ANNOUNCED);
+
+    EXPECT_TRUE(hub().start(IPAddress("10.0.0.1")));
+    speaker.send(fromHex(offerOfFar));
+    EXPECT_TRUE(discovers(1));
+    hub().announce(service);
+
+    EXPECT_THAT(listener.datagrams(), IsEmpty());
+    EXPECT_THAT(log.errors(), ElementsAre("Error: MulticastSender failed to send package, external IP "
+                                          "address was not initialised!"));
+}
+
+TEST_F(RunningHubTest, SecondStartChangesNothing)
+{
+    const std::size_t threads = runningThreads();
+
+    EXPECT_TRUE(hub().start(IPAddress("fd00::7")));
+
+    EXPECT_TRUE(hub().isRunning());
+    EXPECT_EQ(runningThreads(), threads);
+    EXPECT_THAT(log.debugs(), ElementsAre("Debug: SDCommunicationHub::start"));
+    EXPECT_THAT(log.complaints(), IsEmpty());
+}
+
+TEST_F(SDCommunicationHubLifecycleTest, StopOfAHubThatDoesNotRunDoesNothing)
+{
+    dispatcher().addInterface("eth0", "fd00::1");
+    log.clear();
+
+    hub().stop();
+
+    EXPECT_THAT(log.lines(), ElementsAre("Debug: SDCommunicationHub::stop"));
+    EXPECT_THAT(joinedInterfaces(), ElementsAre("eth0"));
 }
 
 TEST_F(SDCommunicationHubLifecycleTest, PortInUseMakesTheStartFail)
@@ -442,7 +507,7 @@ TEST_F(RunningHubTest, EmptyMessageIsWarnedOfAndNeverHandled)
 
 TEST_F(SDCommunicationHubLifecycleTest, TenThousandMessagesWaitAndFurtherOnesAreDroppedAndCounted)
 {
-    const std::string line = " received Message(s), 10000 are waiting already!";
+    const std::string line = " received Message(s), at most 10000 can wait!";
     Multicast::MulticastDataPtr message = datagram(fromHex(offerOfFar));
     for (int i = 0; i < 10000; ++i)
         hub().onMessageReceived(message);
@@ -485,6 +550,66 @@ TEST_F(SDCommunicationHubLifecycleTest, RegistryThatDoesNotReturnDoesNotKeepTheR
 
     EXPECT_FALSE(hub().isRunning());
     EXPECT_TRUE(start());
+}
+
+TEST_F(HeldHandlerTest, StopReturnsInSecondsAndEndsEverythingElse)
+{
+    const auto begin = std::chrono::steady_clock::now();
+
+    hub().stop();
+
+    EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(10));
+    EXPECT_FALSE(hub().isRunning());
+    EXPECT_THAT(joinedInterfaces(), IsEmpty());
+    EXPECT_TRUE(log.has("Debug: SDStateMachine::stop"));
+}
+
+TEST_F(HeldHandlerTest, StopWaitsForAHandlerThatReturnsInTime)
+{
+    std::atomic<bool> isStopped{false};
+
+    std::thread stopping([&] {
+        hub().stop();
+        isStopped = true;
+    });
+    EXPECT_TRUE(keeps([&] { return !isStopped; }, std::chrono::milliseconds(100)));
+    EXPECT_THAT(joinedInterfaces(), ElementsAre("eth0")) << "the handler ends before the receiver";
+    gate.open();
+    stopping.join();
+
+    EXPECT_TRUE(start());
+}
+
+TEST_F(HeldHandlerTest, StartIsRefusedUntilTheHandlerReturns)
+{
+    hub().stop();
+
+    EXPECT_FALSE(start());
+    EXPECT_FALSE(hub().isRunning());
+    EXPECT_THAT(log.complaints(), ElementsAre("Error: SDCommunicationHub - a subscriber still holds up the "
+                                              "request handler's thread."));
+    EXPECT_NO_THROW(DatagramSocket(SocketAddress(discoveryGroup, discoveryPort), false));
+
+    gate.open();
+    EXPECT_TRUE(eventually([&] { return start(); }));
+    EXPECT_TRUE(discovers(1));
+    EXPECT_THAT(joinedInterfaces(), ElementsAre("eth0"));
+}
+
+TEST_F(HeldHandlerTest, DestructionWaitsForTheHandler)
+{
+    std::atomic<bool> isDestroyed{false};
+
+    std::thread destroying([&] {
+        unit.reset();
+        isDestroyed = true;
+    });
+    EXPECT_TRUE(keeps([&] { return !isDestroyed; }, std::chrono::milliseconds(1500)))
+        << "for longer than a stop waits";
+    gate.open();
+    destroying.join();
+
+    EXPECT_THAT(joinedInterfaces(), IsEmpty());
 }
 
 TEST_F(SDCommunicationHubLifecycleTest, RegistryThatThrowsDoesNotEndTheHandling)

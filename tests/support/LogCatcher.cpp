@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <map>
 #include <mutex>
+#include <utility>
 
 #include <gtest/gtest.h>
 
@@ -20,9 +21,15 @@ class CatchingChannel : public Poco::Channel
 public:
     void log(const Poco::Message& message) override
     {
-        const std::lock_guard<std::mutex> lock(m_mutex);
-        if (m_isCatching)
-            m_messages.push_back(message);
+        std::function<void(const std::string&)> call;
+        {
+            const std::lock_guard<std::mutex> lock(m_mutex);
+            if (m_isCatching)
+                m_messages.push_back(message);
+            call = m_call;
+        }
+        if (call)
+            call(message.getText());
     }
 
     void setCatching(bool isCatching)
@@ -30,6 +37,13 @@ public:
         const std::lock_guard<std::mutex> lock(m_mutex);
         m_isCatching = isCatching;
         m_messages.clear();
+        m_call = nullptr;
+    }
+
+    void onLine(std::function<void(const std::string&)> call)
+    {
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        m_call = std::move(call);
     }
 
     void clear()
@@ -48,6 +62,7 @@ private:
     mutable std::mutex m_mutex;
     bool m_isCatching = false;
     std::vector<Poco::Message> m_messages;
+    std::function<void(const std::string&)> m_call;
 };
 
 Poco::AutoPtr<CatchingChannel> installChannel()
@@ -135,6 +150,11 @@ std::size_t LogCatcher::count(const std::string& line) const
 void LogCatcher::clear()
 {
     catching().clear();
+}
+
+void LogCatcher::onLine(std::function<void(const std::string&)> call)
+{
+    catching().onLine(std::move(call));
 }
 
 }  // namespace Nubo::ServiceDiscovery::Testing

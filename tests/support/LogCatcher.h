@@ -2,6 +2,7 @@
 
 #include <Poco/Message.h>
 
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -42,6 +43,9 @@ public:
 
     /// Forgets what was caught so far.
     void clear();
+
+    /// Has every further line followed by a call, on the thread that logs it, until the object ends.
+    void onLine(std::function<void(const std::string&)> call);
 };
 
 }  // namespace Nubo::ServiceDiscovery::Testing
