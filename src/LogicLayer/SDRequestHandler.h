@@ -74,7 +74,8 @@ public:
     void shutdown();
 
 private:
-    bool parsePacket(MulticastDataPtr& msg, std::vector<SOME_IP_SD_Header::Ptr>& out) const;
+    /// Splits a datagram into packets; false when it could not be read to its end.
+    virtual bool parsePacket(MulticastDataPtr& msg, std::vector<SOME_IP_SD_Header::Ptr>& out) const;
     bool internal_handleEntry(const SOME_IP_SD_Header::EntryData& entryData,
                               const Poco::Net::SocketAddress& origin);
 

@@ -1,8 +1,11 @@
+#include "DataLayer/SOME_IP_SD/SOME_IP_SD_Entry_Service.h"
 #include "LogicLayer/SDMessageNotification.h"
 #include "LogicLayer/SDRequestHandler.h"
 #include "support/LogCatcher.h"
 #include "support/Packets.h"
 #include "support/Waiting.h"
+
+#include <KELUtilLib/DebugUtils.h>
 
 #include <Poco/Delegate.h>
 #include <Poco/Exception.h>
@@ -15,6 +18,7 @@
 #include <sstream>
 #include <stdexcept>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include <gmock/gmock.h>
@@ -157,6 +161,48 @@ constexpr auto noFindDelegates =
 constexpr auto noOfferDelegates =
     "Warning: SDRequestHandler - found no Delegates (yet) for OfferService Entries.";
 constexpr auto emptyWork = "Error: SDRequestHandler - received an empty work-notification.";
+
+/// A handler whose splitting of a datagram the test does: into packets that the wire format never yields.
+class OddParser : public SDRequestHandler
+{
+public:
+    using SDRequestHandler::SDRequestHandler;
+
+    std::function<void(std::vector<SOME_IP_SD_Header::Ptr>&)> parse;
+
+private:
+    bool parsePacket(MulticastDataPtr&, std::vector<SOME_IP_SD_Header::Ptr>& out) const override
+    {
+        parse(out);
+        return true;
+    }
+};
+
+struct OddPacketTest : ::testing::Test
+{
+    /// Hands in a datagram of three bytes, which the parser reads as it likes, and a good packet behind it.
+    void handle(const std::function<void(std::vector<SOME_IP_SD_Header::Ptr>&)>& parse)
+    {
+        handler.parse = parse;
+        queue.enqueueNotification(new SDMessageNotification(Packets::datagram("01 02 ff"_bytes)));
+        const HandlerThread thread(handler);
+        ASSERT_TRUE(eventually([&] { return !subscriber.events.empty(); }));
+    }
+
+    static SOME_IP_SD_Header::Ptr read(const std::string& bytes)
+    {
+        SOME_IP_SD_Header::Ptr packet = new SOME_IP_SD_Header(bytes.size());
+        std::istringstream stream(bytes);
+        stream >> *packet;
+        return packet;
+    }
+
+    Poco::NotificationQueue queue;
+    OddParser handler{queue};
+    Subscriber subscriber{handler};
+    LogCatcher log;
+    const SOME_IP_SD_Header::Ptr good = read(Packets::find("Media"));
+};
 
 std::string threadName()
 {
@@ -542,6 +588,80 @@ TEST(SDRequestHandlerDelegatesTest, DelegatesThatAreThereAreNotWarnedOf)
     }
 
     EXPECT_THAT(log.warnings(), IsEmpty());
+}
+
+// What the wire format never yields
+
+TEST_F(OddPacketTest, SplittingThatThrowsIsLoggedWithTheDatagramAndWhatItYieldedIsHandled)
+{
+    handle([&](auto& out) {
+        out.push_back(good);
+        throw Poco::IOException("no more");
+    });
+
+    EXPECT_THAT(log.errors(), ElementsAre("Error: SDRequestHandler - failed to parse message: \"no more\"."));
+    const std::string bytes = "\x01\x02\xff";
+    EXPECT_TRUE(log.has("Trace: SDRequestHandler - message: " +
+                        DebugUtils::HexDump(bytes.data(), static_cast<unsigned short>(bytes.size()), 4)));
+    EXPECT_TRUE(log.has("Debug: run: processing 1 Message(s)..."));
+}
+
+TEST_F(OddPacketTest, NullPacketIsPassedOver)
+{
+    handle([&](auto& out) { out = {SOME_IP_SD_Header::Ptr(), good}; });
+
+    EXPECT_THAT(log.errors(), ElementsAre("Error: SDRequestHandler - found nullptr SOME/IP Header."));
+}
+
+TEST_F(OddPacketTest, PacketWithAnInvalidHeaderIsPassedOver)
+{
+    const SOME_IP_SD_Header::Ptr invalid = read("ff ff 81 00"_bytes);
+    log.clear();
+
+    handle([&](auto& out) { out = {invalid, good}; });
+
+    EXPECT_THAT(log.errors(), ElementsAre("Error: SDRequestHandler - found invalid SOME/IP Header."));
+    EXPECT_TRUE(
+        log.has("Trace: SDRequestHandler - invalid SOME/IP Header: " + invalid->getSomeIP().toString(0)));
+}
+
+TEST_F(OddPacketTest, PacketWithAnInvalidPayloadIsPassedOver)
+{
+    const SOME_IP_SD_Header::Ptr invalid = read(packet("01 02 03"_bytes, ""));
+    log.clear();
+
+    handle([&](auto& out) { out = {invalid, good}; });
+
+    EXPECT_THAT(log.errors(), ElementsAre("Error: SDRequestHandler - found invalid SOME/IP SD Payload."));
+    EXPECT_TRUE(log.has("Trace: SDRequestHandler - invalid SOME/IP SD Payload: " +
+                        invalid->getSomeIP_SD().toString(0)));
+}
+
+TEST_F(OddPacketTest, EntryThatIsNotGivenIsPassedOver)
+{
+    SOME_IP_SD_Header::Ptr odd = read(Packets::find("Media"));
+    odd->addEntry(new SOME_IP_SD_Entry_Service(EntryType::OFFER_SERVICE), true);
+    log.clear();
+
+    handle([&](auto& out) { out = {odd}; });
+
+    EXPECT_TRUE(eventually([&] { return !log.errors().empty(); }));
+    EXPECT_THAT(log.errors(),
+                ElementsAre("Error: SDRequestHandler - found nullptr SOME/IP Entr, Entry #2 skipped!"));
+}
+
+TEST_F(OddPacketTest, OtherExceptionsEndTheDatagramAndNotTheThread)
+{
+    queue.enqueueNotification(new SDMessageNotification(Packets::datagram("01"_bytes)));
+    bool isFirst = true;
+
+    handle([&](auto& out) {
+        if (std::exchange(isFirst, false))
+            throw std::runtime_error("out of luck");
+        out = {good};
+    });
+
+    EXPECT_THAT(log.errors(), ElementsAre("Error: SDRequestHandler - caught exception: out of luck"));
 }
 
 }  // namespace Nubo::ServiceDiscovery::Testing
