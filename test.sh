@@ -51,10 +51,14 @@ results=$PWD/build-$preset/test-results.xml
 # ThreadSanitizer needs the memory layout that goes without address randomisation.
 run=
 [ "$preset" != tsan ] || run="setarch --addr-no-randomize"
+# One line that moves is enough for somebody who watches; a log gets a line a test.
+progress=
+[ ! -t 1 ] || progress=--progress
 status=0
-# shellcheck disable=SC2086 # the words of $run are a command
+# shellcheck disable=SC2086 # the words of $run are a command, and $progress may be none
 TSAN_OPTIONS="halt_on_error=1 second_deadlock_stack=1" $run ctest --test-dir "build-$preset" --parallel "$jobs" \
-    --tests-regex "$pattern" --output-on-failure --output-junit "$results" --no-tests=error || status=$?
+    --tests-regex "$pattern" $progress \
+    --output-on-failure --output-junit "$results" --no-tests=error || status=$?
 
 count() { sed -n "s/.*<testsuite .*$1=\"\([0-9]*\)\".*/\1/p;/^\t$1=\"/s/.*\"\([0-9]*\)\".*/\1/p" "$results" | head -n 1; }
 total=$(count tests)
