@@ -121,6 +121,19 @@ struct MulticastSenderTest : ::testing::Test
     std::optional<Sender> sender{std::in_place, unit.hub, discoveryGroup, discoveryPort};
 };
 
+/// Two interfaces whose addresses are not the placeholder, and who listens behind them.
+struct TwoInterfacesSenderTest : MulticastSenderTest
+{
+    Listener addListenedInterface(const std::string& name, const std::string& address)
+    {
+        addInterface(name, address);
+        return Listener(network.there, name);
+    }
+
+    Listener listener0 = addListenedInterface("eth0", "fd01::1");
+    Listener listener1 = addListenedInterface("eth1", "fd02::1");
+};
+
 struct RefusedAddress
 {
     const char* name;
@@ -369,13 +382,8 @@ TEST_F(MulticastSenderTest, OneInterfaceGetsTheDatagramsUnchangedWhateverItsAddr
     EXPECT_THAT(listener.bytes(), ElementsAre("aa " + fd00_1, "bb"));
 }
 
-TEST_F(MulticastSenderTest, OfTwoInterfacesEachGetsItsOwnAddressAtTheSamePlaces)
+TEST_F(TwoInterfacesSenderTest, OfTwoInterfacesEachGetsItsOwnAddressAtTheSamePlaces)
 {
-    addInterface("eth0", "fd01::1");
-    addInterface("eth1", "fd02::1");
-    Listener listener0(network.there, "eth0");
-    Listener listener1(network.there, "eth1");
-
     EXPECT_TRUE(send({"aa " + fd00_1 + " bb", fd00_1}));
 
     EXPECT_THAT(listener0.bytes(), ElementsAre("aa " + fd01_1 + " bb", fd01_1));
@@ -428,13 +436,8 @@ TEST_F(MulticastSenderTest, PlaceholderInterfaceInTheMiddleGetsThePlaceholderBac
     EXPECT_THAT(listener2.bytes(), ElementsAre("aa " + fd02_1));
 }
 
-TEST_F(MulticastSenderTest, PlaceholderThatStandsTwiceIsOverwrittenTwice)
+TEST_F(TwoInterfacesSenderTest, PlaceholderThatStandsTwiceIsOverwrittenTwice)
 {
-    addInterface("eth0", "fd01::1");
-    addInterface("eth1", "fd02::1");
-    Listener listener0(network.there, "eth0");
-    Listener listener1(network.there, "eth1");
-
     EXPECT_TRUE(send({fd00_1 + " " + fd00_1 + " cc", "aa " + fd00_1 + " bb " + fd00_1}));
 
     EXPECT_THAT(listener0.bytes(),
@@ -443,38 +446,24 @@ TEST_F(MulticastSenderTest, PlaceholderThatStandsTwiceIsOverwrittenTwice)
                 ElementsAre(fd02_1 + " " + fd02_1 + " cc", "aa " + fd02_1 + " bb " + fd02_1));
 }
 
-TEST_F(MulticastSenderTest, DatagramWithoutThePlaceholderIsSentUnchanged)
+TEST_F(TwoInterfacesSenderTest, DatagramWithoutThePlaceholderIsSentUnchanged)
 {
-    addInterface("eth0", "fd01::1");
-    addInterface("eth1", "fd02::1");
-    Listener listener0(network.there, "eth0");
-    Listener listener1(network.there, "eth1");
-
     EXPECT_TRUE(send({"aa bb", fd00_1.substr(0, 15 * 3 - 1)}));
 
     EXPECT_THAT(listener0.bytes(), ElementsAre("aa bb", fd00_1.substr(0, 15 * 3 - 1)));
     EXPECT_EQ(listener1.bytes(), listener0.bytes());
 }
 
-TEST_F(MulticastSenderTest, InterfaceAddressThatStandsWithoutThePlaceholderIsLeftAlone)
+TEST_F(TwoInterfacesSenderTest, InterfaceAddressThatStandsWithoutThePlaceholderIsLeftAlone)
 {
-    addInterface("eth0", "fd01::1");
-    addInterface("eth1", "fd02::1");
-    Listener listener0(network.there, "eth0");
-    Listener listener1(network.there, "eth1");
-
     EXPECT_TRUE(send({"aa " + fd01_1}));
 
     EXPECT_THAT(listener0.bytes(), ElementsAre("aa " + fd01_1));
     EXPECT_THAT(listener1.bytes(), ElementsAre("aa " + fd01_1));
 }
 
-TEST_F(MulticastSenderTest, InterfaceAddressThatStandsBesideThePlaceholderIsLeftAlone)
+TEST_F(TwoInterfacesSenderTest, InterfaceAddressThatStandsBesideThePlaceholderIsLeftAlone)
 {
-    addInterface("eth0", "fd01::1");
-    addInterface("eth1", "fd02::1");
-    Listener listener1(network.there, "eth1");
-
     EXPECT_TRUE(send({fd00_1 + " " + fd01_1}));
 
     EXPECT_THAT(listener1.bytes(), ElementsAre(fd02_1 + " " + fd01_1));
@@ -706,12 +695,8 @@ TEST_F(MulticastSenderTest, OffsetBeyondTheDatagramEndsTheAdjustingButIsNoFailur
                             "(package-size:4), (new IP size:2)"));
 }
 
-TEST_F(MulticastSenderTest, RemovedInterfaceIsNotedAndGetsNothingMore)
+TEST_F(TwoInterfacesSenderTest, RemovedInterfaceIsNotedAndGetsNothingMore)
 {
-    addInterface("eth0", "fd01::1");
-    addInterface("eth1", "fd02::1");
-    Listener listener0(network.there, "eth0");
-    Listener listener1(network.there, "eth1");
     log.clear();
 
     sender->removeInterface_byIP("eth0", "fd01::1");
@@ -902,12 +887,8 @@ TEST_F(MulticastSenderTest, DestructionClosesEverySocket)
     EXPECT_EQ(openDescriptors(), before);
 }
 
-TEST_F(MulticastSenderTest, AddressOfEachSocketIsAnOwnOne)
+TEST_F(TwoInterfacesSenderTest, AddressOfEachSocketIsAnOwnOne)
 {
-    addInterface("eth0", "fd01::1");
-    addInterface("eth1", "fd02::1");
-    Listener listener0(network.there, "eth0");
-    Listener listener1(network.there, "eth1");
     const SocketAddress own0 = ownAddress(listener0);
     const SocketAddress own1 = ownAddress(listener1);
 
@@ -940,12 +921,8 @@ TEST_F(MulticastSenderTest, OwnAddressIsKnownWithAnyScope)
     EXPECT_TRUE(sender->isOwnOutgoingAddress(SocketAddress(IPAddress("fe80::1"), port)));
 }
 
-TEST_F(MulticastSenderTest, AddressOfASocketJustClosedIsStillAnOwnOneForSeconds)
+TEST_F(TwoInterfacesSenderTest, AddressOfASocketJustClosedIsStillAnOwnOneForSeconds)
 {
-    addInterface("eth0", "fd01::1");
-    addInterface("eth1", "fd02::1");
-    Listener listener0(network.there, "eth0");
-    Listener listener1(network.there, "eth1");
     const SocketAddress own0 = ownAddress(listener0);
     const SocketAddress own1 = ownAddress(listener1);
 

@@ -15,6 +15,9 @@ OEMDispatcherSyncCallDefinitions::~OEMDispatcherSyncCallDefinitions() = default;
 namespace {
 
 /// The delegates bound to one kind of report. Guarded by the dispatcher's delivery mutex.
+///
+/// Not a Poco event: that locks each delegate while it runs, so that a delegate which calls the dispatcher
+/// and a thread which ends the delegate's binding could wait for each other.
 template <class Payload>
 struct Delegates
 {
