@@ -9,6 +9,8 @@
 #include <Poco/Net/NetException.h>
 
 #include <algorithm>
+#include <cerrno>
+#include <mutex>
 
 namespace Nubo::ServiceDiscovery::Multicast {
 
@@ -23,6 +25,26 @@ constexpr unsigned hopLimit = 255;
 
 /// A datagram that came back over another port has been received by then, or never will be.
 constexpr Poco::Clock::ClockDiff retirement = 5 * 1000000;  // microseconds
+
+/// How long a datagram may wait for room in an interface's queue, in microseconds.
+constexpr long sendTimeout = 20000;
+
+/// Between two attempts to open what is awaited, in microseconds.
+constexpr Poco::Clock::ClockDiff attemptInterval = 100000;
+
+/// The system knows the address, as its admission has shown, but does not let a socket have it.
+bool isNotUsableYet(const Poco::Exception& exception)
+{
+    return exception.code() == EADDRNOTAVAIL;
+}
+
+/// Tells whether an interface was reported by that name and address.
+auto isReported(const std::string& name, const std::string& ip)
+{
+    return [&](const auto& interface) {
+        return interface.name == name && isSameAddress(IPAddress(interface.ip), IPAddress(ip));
+    };
+}
 
 bool isSameEndpoint(const SocketAddress& one, const SocketAddress& other)
 {
@@ -107,30 +129,92 @@ void MulticastSender::addInterface_byIP(const std::string& name, const std::stri
         case Admission::Good:
             break;
     }
-    InterfaceContainer changed = *interfaces();
-    const auto present = changed.find(admitted.interface);
-    if (present != changed.end()) {
+    const std::shared_ptr<const InterfaceContainer> present = interfaces();
+    const auto found = present->find(admitted.interface);
+    if (found != present->end()) {
         SD_LOG(Warning) << "ServiceDiscovery failed to add Interface " << quoted
-                        << " for sending: already added \"" << present->first.name();
+                        << " for sending: already added \"" << found->first.name();
         return;
     }
 
     SD_LOG(Notice) << "ServiceDiscovery adding Interface " << quoted << " for sending.";
     try {
-        SocketPtr socket = new MulticastSocket(SocketAddress(admitted.address, 0), false);
-        socket->setInterface(admitted.interface);
-        socket->setTimeToLive(hopLimit);
-        socket->setLoopback(false);
-        const SocketAddress localAddress = socket->address();
-        changed.emplace(admitted.interface,
-                        InterfaceData_t{socket, SOME_IP_SD_Option_IPv6::toByteStream(admitted.address),
-                                        admitted.address.isLinkLocal(), admitted.address, localAddress});
-        unsafe_replaceInterfaces(std::move(changed));
+        unsafe_open(admitted);
     }
     catch (const Poco::Exception& exception) {
+        if (isNotUsableYet(exception)) {
+            SD_LOG(Debug) << "ServiceDiscovery waits until Interface " << quoted
+                          << " can be used for sending.";
+            unsafe_stopAwaiting(isReported(name, ip));
+            m_awaited.push_back({name, ip});
+            m_isAwaiting = true;
+            return;
+        }
         SD_LOG(Error) << "ServiceDiscovery failed to add Interface " << quoted
                       << " for sending: " << exception.displayText();
     }
+}
+
+void MulticastSender::unsafe_open(const AdmittedInterface& admitted)
+{
+    SocketPtr socket = new MulticastSocket(SocketAddress(admitted.address, 0), false);
+    socket->setInterface(admitted.interface);
+    socket->setTimeToLive(hopLimit);
+    socket->setLoopback(false);
+    socket->setSendTimeout(Poco::Timespan(0, sendTimeout));
+    const SocketAddress localAddress = socket->address();
+
+    InterfaceContainer changed = *interfaces();
+    changed.emplace(admitted.interface,
+                    InterfaceData_t{socket, SOME_IP_SD_Option_IPv6::toByteStream(admitted.address),
+                                    admitted.address.isLinkLocal(), admitted.address, localAddress});
+    unsafe_replaceInterfaces(std::move(changed));
+}
+
+/// Never waits for a report that is being handled: the next call comes soon.
+void MulticastSender::openAwaitedInterfaces()
+{
+    if (!m_isAwaiting || !m_interfacesMutex.tryLock())
+        return;
+    const std::lock_guard<Poco::FastMutex> lock(m_interfacesMutex, std::adopt_lock);
+    if (SDClock::now() < m_nextAttempt)
+        return;
+    m_nextAttempt = SDClock::now() + attemptInterval;
+    unsafe_stopAwaiting([this](const AwaitedInterface& awaited) { return unsafe_openAwaited(awaited); });
+}
+
+/// Whether the waiting is over: the interface is open, or will never be.
+bool MulticastSender::unsafe_openAwaited(const AwaitedInterface& awaited)
+{
+    AdmittedInterface admitted;
+    const bool isWanted = admitInterface(awaited.name, awaited.ip, admitted) == Admission::Good &&
+                          interfaces()->count(admitted.interface) == 0;
+    if (!isWanted)
+        return true;
+    const QuotedInterface quoted{awaited.name, awaited.ip};
+    try {
+        unsafe_open(admitted);
+        SD_LOG(Notice) << "ServiceDiscovery can use Interface " << quoted << " for sending.";
+        return true;
+    }
+    catch (const Poco::Exception& exception) {
+        if (isNotUsableYet(exception))
+            return false;
+        SD_LOG(Error) << "ServiceDiscovery failed to add Interface " << quoted
+                      << " for sending: " << exception.displayText();
+        return true;
+    }
+}
+
+/// Forgets the awaited interfaces for which the predicate holds; true if there were any.
+template <class Predicate>
+bool MulticastSender::unsafe_stopAwaiting(Predicate predicate)
+{
+    const auto kept = std::remove_if(m_awaited.begin(), m_awaited.end(), predicate);
+    const bool result = kept != m_awaited.end();
+    m_awaited.erase(kept, m_awaited.end());
+    m_isAwaiting = !m_awaited.empty();
+    return result;
 }
 
 void MulticastSender::removeInterface_byIP(const std::string& name, const std::string& ip)
@@ -159,9 +243,11 @@ void MulticastSender::removeInterface_byIP(const std::string& name, const std::s
             unsafe_retire(data);
         }
         unsafe_replaceInterfaces({});
+        unsafe_stopAwaiting([](const AwaitedInterface&) { return true; });
         return;
     }
 
+    const bool wasAwaited = unsafe_stopAwaiting(isReported(name, ip));
     const auto found = findForRemoval(
         changed, name, address, [](const InterfaceData_t& data) { return data.address; },
         [](const NetworkInterface& interface) {
@@ -169,6 +255,8 @@ void MulticastSender::removeInterface_byIP(const std::string& name, const std::s
                            << "\" for sending with currently no IPs.";
         });
     if (found == changed.end()) {
+        if (wasAwaited)
+            return;
         SD_LOG(Warning) << "Failed to remove Interface " << quoted << " for sending: not connected(?)";
         return;
     }
@@ -186,7 +274,12 @@ bool MulticastSender::sendMulticast(const MulticastData& packagesForAll,
         SD_LOG(Error) << "MulticastSender failed to send package, external IP address was not initialised!";
         return false;
     }
+    openAwaitedInterfaces();
     const std::shared_ptr<const InterfaceContainer> snapshot = interfaces();
+    if (snapshot->empty() && m_isAwaiting) {
+        SD_LOG(Debug) << "MulticastSender sends nothing until an interface can be used.";
+        return false;
+    }
     if (snapshot->empty()) {
         SD_LOG(Error)
             << "MulticastSender failed to send package, no service discovery interfaces configured!";
@@ -277,9 +370,11 @@ bool MulticastSender::transmit(const SocketPtr& socket, const MulticastPackage& 
         SD_LOG(Warning) << "MulticastSender failed to send package: SocketPtr was Null!";
         return false;
     }
+    SocketPtr sending = socket;
     try {
-        SocketPtr sending = socket;
         const int sent = sending->sendTo(package.first, static_cast<int>(package.second), m_group, 0);
+        if (!sending->getBlocking())
+            sending->setBlocking(true);
         if (static_cast<std::size_t>(sent) == package.second)
             return true;
         SD_LOG(Warning) << "MulticastSender failed to send complete package: " << sent << "/"
@@ -288,6 +383,8 @@ bool MulticastSender::transmit(const SocketPtr& socket, const MulticastPackage& 
     catch (const Poco::Exception& exception) {
         // Each datagram on each interface has its own try: one that fails does not keep back the others.
         SD_LOG(Error) << "sendMulticast caught exception: " << exception.displayText();
+        if (exception.code() == EAGAIN)
+            sending->setBlocking(false);  // the next ones are not worth the waiting
     }
     return false;
 }

@@ -12,7 +12,7 @@
 #include <Poco/Net/SocketAddress.h>
 #include <Poco/SharedPtr.h>
 
-#include <array>
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <map>
@@ -26,6 +26,8 @@ namespace Nubo::ServiceDiscovery {
 class SDCommunicationHub;
 
 namespace Multicast {
+
+struct AdmittedInterface;
 
 /// Sends datagrams to the discovery group on every interface that the platform reports, from one socket an
 /// interface. The datagrams carry a placeholder, the unit's address given to init(); with several
@@ -56,6 +58,9 @@ public:
     /// every datagram went out everywhere; what fails is logged and does not keep the others from going
     /// out. The datagrams' addresses are overwritten in place and not restored. Takes no lock: it works on
     /// the interfaces as they were when it began. To be called by one thread at a time.
+    ///
+    /// An interface that does not take its datagrams is waited for once, for 20 ms; from then on what it
+    /// does not take at once is lost, until it takes one again.
     bool sendMulticast(const MulticastData& packagesForAll, const MulticastData& packagesForInternal);
 
     /// Whether a datagram from that address was sent by this unit: from one of the sockets, or from one
@@ -63,7 +68,9 @@ public:
     /// segment a datagram comes back with another scope than it left with.
     bool isOwnOutgoingAddress(const Poco::Net::SocketAddress& origin) const;
 
-    /// The platform's reports. Open and close the interface's socket.
+    /// The platform's reports. Open and close the interface's socket. An address that the system does not
+    /// let be used yet (duplicate address detection, RFC 4862, takes a second or two) is tried again when
+    /// there is something to send.
     void onInterfaceAdded(OEMInterface::AddServiceDiscoveryInterfacePayload& payload);
     void onInterfaceRemoved(OEMInterface::RemoveServiceDiscoveryInterfacePayload& payload);
 
@@ -92,6 +99,13 @@ protected:
         AdjustmentData offsets;  ///< of each package; empty until its first adjustment
     };
 
+    /// An interface whose address cannot be used yet.
+    struct AwaitedInterface
+    {
+        std::string name;
+        std::string ip;
+    };
+
     /// The local address of a closed socket, kept while datagrams from it may still come in.
     struct RetiredAddress
     {
@@ -114,12 +128,20 @@ private:
     bool sendAdjusted(const InterfaceData_t& interface, SendData& data) const;
     std::shared_ptr<const InterfaceContainer> interfaces() const;
     void unsafe_replaceInterfaces(InterfaceContainer interfaces);
+    void unsafe_open(const AdmittedInterface& admitted);
     void unsafe_retire(const InterfaceData_t& interface);
+    void openAwaitedInterfaces();
+    bool unsafe_openAwaited(const AwaitedInterface& awaited);
+    template <class Predicate>
+    bool unsafe_stopAwaiting(Predicate predicate);
 
     const Poco::Net::SocketAddress m_group;
     std::shared_ptr<const InterfaceContainer> m_interfaces;  // replaced as a whole, read with atomic_load
     mutable Poco::FastMutex m_interfacesMutex;
     std::vector<RetiredAddress> m_retiredAddresses;
+    std::vector<AwaitedInterface> m_awaited;
+    Poco::Clock m_nextAttempt;              // to open what is awaited
+    std::atomic<bool> m_isAwaiting{false};  // tells without the mutex whether there is any
     bool m_initialised = false;
     std::string m_ipToReplace;
 };

@@ -15,6 +15,7 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <fstream>
 #include <functional>
 #include <optional>
 #include <ostream>
@@ -29,8 +30,13 @@ namespace Nubo::ServiceDiscovery::Testing {
 
 using Poco::Net::IPAddress;
 using Poco::Net::SocketAddress;
+using ::testing::Contains;
+using ::testing::Each;
 using ::testing::ElementsAre;
+using ::testing::Gt;
 using ::testing::IsEmpty;
+using ::testing::SizeIs;
+using ::testing::StartsWith;
 
 namespace {
 
@@ -133,6 +139,60 @@ struct TwoInterfacesSenderTest : MulticastSenderTest
     Listener listener0 = addListenedInterface("eth0", "fd01::1");
     Listener listener1 = addListenedInterface("eth1", "fd02::1");
 };
+
+/// eth0 has been reported with an address that cannot be used: duplicate address detection is running.
+struct TentativeSenderTest : MulticastSenderTest
+{
+    TentativeSenderTest() { sender->addInterface_byIP("eth0", "fd00::1"); }
+
+    Listener addTentativeInterface() const
+    {
+        network.link("eth0");
+        network.here.setIPv6("eth0/accept_dad", "1");
+        network.here.setIPv6("eth0/dad_transmits", "100");
+        network.here.ip("address add fd00::1/64 dev eth0");
+        return Listener(network.there, "eth0");
+    }
+
+    /// Lets the address be used.
+    void passCheck() const
+    {
+        network.here.ip("address delete fd00::1/64 dev eth0");
+        network.here.addAddress("eth0", "fd00::1/64");
+    }
+
+    bool sendsSoon(Datagrams&& forAll)
+    {
+        return eventually([&] { return send(forAll); });
+    }
+
+    Listener listener = addTentativeInterface();
+};
+
+/// Leaves no port to be had for that address while it exists.
+class NoPorts
+{
+public:
+    explicit NoPorts(const std::string& address)
+    {
+        setRange("30000 30000");
+        m_holder.bind(SocketAddress(address, 30000));
+    }
+    ~NoPorts() { setRange("32768 60999"); }
+
+    NoPorts(const NoPorts&) = delete;
+    NoPorts& operator=(const NoPorts&) = delete;
+
+private:
+    static void setRange(const std::string& range)
+    {
+        std::ofstream("/proc/sys/net/ipv4/ip_local_port_range") << range;
+    }
+
+    Poco::Net::DatagramSocket m_holder{SocketAddress::IPv6};
+};
+
+constexpr Poco::Clock::ClockDiff second = 1000000;
 
 struct RefusedAddress
 {
@@ -336,23 +396,138 @@ TEST_F(MulticastSenderTest, SecondAddressOfAnAddedInterfaceIsRefused)
 
 TEST_F(MulticastSenderTest, InterfaceWhoseSocketCannotBeOpenedIsReportedAndNotAdded)
 {
-    network.link("eth0");
-    network.here.setIPv6("eth0/accept_dad", "1");
-    network.here.setIPv6("eth0/dad_transmits", "100");
-    network.here.ip("address add fd00::1/64 dev eth0");  // cannot be used while it is being checked
-
-    sender->addInterface_byIP("eth0", "fd00::1");
+    network.link("eth0", "fd00::1");
+    {
+        const NoPorts exhausted("fd00::1");
+        sender->addInterface_byIP("eth0", "fd00::1");
+    }
     EXPECT_FALSE(send({"01"}));
-    network.here.ip("address delete fd00::1/64 dev eth0");
-    network.here.addAddress("eth0", "fd00::1/64");
     sender->addInterface_byIP("eth0", "fd00::1");
 
     EXPECT_TRUE(send({"02"}));
-    EXPECT_THAT(log.errors(), ElementsAre("Error: ServiceDiscovery failed to add Interface \"eth0\" with IP "
-                                          "\"fd00::1\" for sending: Net Exception: Cannot assign "
-                                          "requested address: [fd00::1]:0",
-                                          noInterfaces));
+    EXPECT_THAT(log.errors(),
+                ElementsAre("Error: ServiceDiscovery failed to add Interface \"eth0\" with IP "
+                            "\"fd00::1\" for sending: Net Exception: Address already in use: [fd00::1]:0",
+                            noInterfaces));
     EXPECT_THAT(log.warnings(), IsEmpty());
+}
+
+TEST_F(TentativeSenderTest, AddressThatIsBeingCheckedIsUsedWhenItCanBe)
+{
+    EXPECT_FALSE(send({"01"}));
+    passCheck();
+
+    EXPECT_TRUE(sendsSoon({"02"}));
+    EXPECT_TRUE(listener.hears(1));
+    EXPECT_EQ(listener.datagrams().front().source, "fd00::1");
+    EXPECT_THAT(log.complaints(), IsEmpty());
+    EXPECT_THAT(log.notices(),
+                ElementsAre("Notice: ServiceDiscovery adding Interface \"eth0\" with IP \"fd00::1\" for "
+                            "sending.",
+                            "Notice: ServiceDiscovery can use Interface \"eth0\" with IP \"fd00::1\" for "
+                            "sending."));
+    EXPECT_EQ(log.count("Debug: ServiceDiscovery waits until Interface \"eth0\" with IP \"fd00::1\" can be "
+                        "used for sending."),
+              1u);
+    EXPECT_EQ(log.count("Debug: MulticastSender sends nothing until an interface can be used."),
+              log.debugs().size() - 1);
+}
+
+TEST_F(TentativeSenderTest, AddressThatGoesWhileItIsBeingCheckedIsForgotten)
+{
+    network.here.ip("address delete fd00::1/64 dev eth0");
+
+    EXPECT_TRUE(eventually([&] { return !send({"01"}) && log.has(noInterfaces); }));
+    network.here.addAddress("eth0", "fd00::1/64");
+    SDClock::turn(second);
+    EXPECT_FALSE(send({"02"}));
+    EXPECT_THAT(log.complaints(), Each(noInterfaces));
+}
+
+TEST_F(TentativeSenderTest, RemovalEndsTheWaiting)
+{
+    sender->removeInterface_byIP("eth0", "fd00::1");
+    passCheck();
+
+    SDClock::turn(second);
+    EXPECT_FALSE(send({"01"}));
+    EXPECT_THAT(log.complaints(), ElementsAre(noInterfaces));
+}
+
+TEST_F(TentativeSenderTest, RemovalOfEverythingEndsTheWaiting)
+{
+    sender->removeInterface_byIP("", "::");
+    passCheck();
+
+    SDClock::turn(second);
+    EXPECT_FALSE(send({"01"}));
+    EXPECT_THAT(log.complaints(), ElementsAre(noInterfaces));
+}
+
+TEST_F(TentativeSenderTest, OtherInterfacesAreUsedMeanwhile)
+{
+    addInterface("eth1", "fd01::1");
+    Listener other(network.there, "eth1");
+
+    EXPECT_TRUE(send({"01"}));
+
+    EXPECT_TRUE(other.hears(1));
+    EXPECT_THAT(listener.bytes(), IsEmpty());
+}
+
+TEST_F(TentativeSenderTest, InterfaceThatIsAddedMeanwhileIsNotAddedTwice)
+{
+    passCheck();
+    sender->addInterface_byIP("eth0", "fd00::1");
+
+    SDClock::turn(second);
+    EXPECT_TRUE(send({"01"}));
+    EXPECT_TRUE(listener.hears(1));
+    EXPECT_EQ(listener.datagrams().size(), 1u);
+    EXPECT_THAT(log.complaints(), IsEmpty());
+}
+
+TEST_F(TentativeSenderTest, AttemptThatFailsForAnotherReasonIsReportedAndTheLast)
+{
+    passCheck();
+    SDClock::turn(second);
+    {
+        const NoPorts exhausted("fd00::1");
+        send({"01"});
+    }
+
+    SDClock::turn(second);
+    EXPECT_FALSE(send({"02"}));
+    EXPECT_THAT(log.errors(),
+                Contains(StartsWith("Error: ServiceDiscovery failed to add Interface \"eth0\"")));
+}
+
+TEST_F(TwoInterfacesSenderTest, InterfaceThatDoesNotTakeItsDatagramsHoldsUpNobodyForLong)
+{
+    constexpr std::size_t runs = 20;
+    std::string bytes(1212, 'x');
+    const Sender::MulticastData list(20, {bytes.data(), bytes.size()});
+    network.here.tc("qdisc add dev eth0 root tbf rate 8kbit burst 1600 limit 10000000");  // 1 kB a second
+
+    const std::size_t taken = listener0.datagrams().size();
+    const auto start = std::chrono::steady_clock::now();
+    for (std::size_t i = 0; i < runs; ++i) {
+        sender->sendMulticast(list, {});
+        EXPECT_EQ(listener1.datagrams().size(), (i + 1) * list.size());
+    }
+
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(4)) << "one wait, not hundreds";
+    EXPECT_LT(listener0.datagrams().size(), taken + 20) << "or it was not stalled";
+    EXPECT_THAT(log.errors(), SizeIs(Gt(runs * list.size() / 2)));
+    EXPECT_THAT(log.errors(),
+                Each("Error: sendMulticast caught exception: I/O error: Operation would block"));
+
+    network.here.tc("qdisc delete dev eth0 root");
+    log.clear();
+    listener0.clear();
+    EXPECT_TRUE(sender->sendMulticast(list, {})) << "it takes them again";
+    EXPECT_TRUE(listener0.hears(list.size()));
+    EXPECT_THAT(log.complaints(), IsEmpty());
 }
 
 TEST_F(MulticastSenderTest, LinkLocalAddressIsTakenWithAndWithoutScope)
@@ -1004,7 +1179,7 @@ TEST_F(MulticastSenderTest, DatagramsGoOutWhileInterfacesComeAndGo)
     EXPECT_EQ(listener0.bytes().size(), sent);
     for (const std::string& bytes : listener0.bytes())
         EXPECT_TRUE(bytes == "aa " + fd01_1 || bytes == "aa " + fd00_1) << bytes;
-    EXPECT_THAT(listener1.bytes(), ::testing::Each("aa " + fd02_1));
+    EXPECT_THAT(listener1.bytes(), Each("aa " + fd02_1));
     EXPECT_THAT(log.complaints(), IsEmpty());
 }
 

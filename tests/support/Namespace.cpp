@@ -1,6 +1,5 @@
 #include "support/Namespace.h"
 
-#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cstdio>
@@ -80,6 +79,11 @@ void Namespace::ip(const std::string& arguments) const
     shell("ip -n " + m_name + " " + arguments);
 }
 
+void Namespace::tc(const std::string& arguments) const
+{
+    shell("tc -n " + m_name + " " + arguments);
+}
+
 void Namespace::addAddress(const std::string& interface, const std::string& address) const
 {
     ip("address add " + address + " dev " + interface + " nodad");
@@ -144,18 +148,26 @@ void Segment::plug(const Namespace& unit, const std::string& interface)
 
 std::vector<std::string> joinedInterfaces()
 {
-    std::ifstream memberships("/proc/thread-self/net/igmp6");
     std::vector<std::string> interfaces;
+    for (const auto& [interface, users] : groupUsers())
+        interfaces.push_back(interface);
+    return interfaces;
+}
+
+std::map<std::string, unsigned> groupUsers()
+{
+    std::ifstream memberships("/proc/thread-self/net/igmp6");
+    std::map<std::string, unsigned> result;
     for (std::string line; std::getline(memberships, line);) {
         std::istringstream fields(line);
         std::string index;
         std::string interface;
         std::string group;
-        if (fields >> index >> interface >> group && group == "ff140000000000000000000000040000")
-            interfaces.push_back(interface);
+        unsigned users = 0;
+        if (fields >> index >> interface >> group >> users && group == "ff140000000000000000000000040000")
+            result[interface] = users;
     }
-    std::sort(interfaces.begin(), interfaces.end());
-    return interfaces;
+    return result;
 }
 
 std::size_t openDescriptors()

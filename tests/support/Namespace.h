@@ -1,5 +1,6 @@
 #pragma once
 
+#include <map>
 #include <string>
 #include <vector>
 
@@ -27,8 +28,9 @@ public:
     const std::string& name() const { return m_name; }
     int descriptor() const { return m_descriptor; }
 
-    /// `ip -n <name> <arguments>`
+    /// `ip -n <name> <arguments>`, and the same with `tc`
     void ip(const std::string& arguments) const;
+    void tc(const std::string& arguments) const;
 
     /// Gives the interface an address, which can be used at once.
     void addAddress(const std::string& interface, const std::string& address) const;
@@ -94,6 +96,9 @@ private:
 /// The names of the interfaces on which somebody in the calling thread's namespace has joined the discovery
 /// group, in alphabetical order.
 std::vector<std::string> joinedInterfaces();
+
+/// How many sockets have joined the discovery group in the calling thread's namespace, by interface.
+std::map<std::string, unsigned> groupUsers();
 
 /// How many descriptors the process has open.
 std::size_t openDescriptors();
