@@ -1,7 +1,6 @@
 #include "LogicLayer/SDCommunicationHub.h"
 
 #include "DataLayer/Log.h"
-#include "DataLayer/SDClock.h"
 #include "DataLayer/SOME_IP_SD/SOME_IP_SD_Entry_Service.h"
 #include "DataLayer/SOME_IP_SD/SOME_IP_SD_Option_Configuration.h"
 #include "DataLayer/SOME_IP_SD/SOME_IP_SD_Option_IPv4.h"
@@ -35,8 +34,6 @@ constexpr int unlimitedBlocks = 0;
 // How long stop() waits for the request handler, and how often it wakes it meanwhile, in milliseconds.
 constexpr long handlerJoinTime = 1000;
 constexpr long handlerWakeInterval = 20;
-
-constexpr Poco::Clock::ClockDiff dropReportInterval = 1000000;  // microseconds
 
 Poco::SharedPtr<OEMInterface::OEMDispatcher> findDispatcher()
 {
@@ -284,17 +281,14 @@ void SDCommunicationHub::onMessageReceived(MulticastDataPtr& msg)
         return;
     }
 
-    if (m_requestHandlerQueue.size() < longestQueue)
-        m_requestHandlerQueue.enqueueNotification(new SDMessageNotification(msg));
+    if (m_requestHandlerQueue.size() < longestQueue && m_waitingBytes + msg->buffer.size() <= largestQueue)
+        m_requestHandlerQueue.enqueueNotification(new SDMessageNotification(msg, &m_waitingBytes));
     else
-        ++m_dropped;
+        m_drops.add();
 
-    if (m_dropped != 0 && SDClock::now() >= m_nextDropReport) {
-        SD_LOG(Warning) << "SDCommunicationHub - dropped " << m_dropped << " received Message(s), at most "
-                        << longestQueue << " can wait!";
-        m_dropped = 0;
-        m_nextDropReport = SDClock::now() + dropReportInterval;
-    }
+    if (const std::uint64_t dropped = m_drops.takeReport())
+        SD_LOG(Warning) << "SDCommunicationHub - dropped " << dropped << " received Message(s), at most "
+                        << longestQueue << " with " << largestQueue << " Bytes can wait!";
 }
 
 void SDCommunicationHub::onInterfaceAdded(OEMInterface::AddServiceDiscoveryInterfacePayload& payload)

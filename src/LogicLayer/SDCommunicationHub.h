@@ -1,5 +1,6 @@
 #pragma once
 
+#include "LogicLayer/DropCounter.h"
 #include "LogicLayer/SDMessageNotification.h"
 #include "LogicLayer/SDRequestHandler.h"
 #include "LogicLayer/SDStateMachine.h"
@@ -50,8 +51,10 @@ public:
     /// Services on these ports are announced on interfaces with link-local addresses only.
     static constexpr InternalPortRange_t s_internalPortRange{47000, 49151};
 
-    /// At most so many received datagrams wait for the request handler; more are dropped.
+    /// At most so many received datagrams wait for the request handler, and so many bytes of them; more are
+    /// dropped. As many full-sized datagrams as may wait stay below the bytes.
     static constexpr int longestQueue = 10000;
+    static constexpr std::size_t largestQueue = 16 * 1024 * 1024;
 
     /// Throws Poco::Exception when the service locator has no platform dispatcher.
     explicit SDCommunicationHub(ServiceDiscovery& serviceDiscovery);
@@ -138,6 +141,7 @@ private:
     Datagrams m_bufferInternals;
     Multicast::MulticastSender m_sender;
     Multicast::MulticastReceiver m_receiver;
+    std::atomic<std::size_t> m_waitingBytes{0};  // of the queue
     Poco::NotificationQueue m_requestHandlerQueue;
     SDRequestHandler m_requestHandler;
     std::unique_ptr<Poco::Thread> m_requestHandlerThread;  // a new one for each start
@@ -148,8 +152,7 @@ private:
     Poco::FastMutex m_reportedInterfacesMutex;
     std::vector<ReportedInterface> m_reportedInterfaces;  // the platform reports each only once
     mutable std::atomic<std::thread::id> m_notifyingThread{};
-    std::uint64_t m_dropped = 0;  // of the receiver's thread
-    Poco::Clock m_nextDropReport;
+    DropCounter m_drops;  // of the receiver's thread
 };
 
 }  // namespace Nubo::ServiceDiscovery

@@ -507,7 +507,7 @@ TEST_F(RunningHubTest, EmptyMessageIsWarnedOfAndNeverHandled)
 
 TEST_F(SDCommunicationHubLifecycleTest, TenThousandMessagesWaitAndFurtherOnesAreDroppedAndCounted)
 {
-    const std::string line = " received Message(s), at most 10000 can wait!";
+    const std::string line = " received Message(s), at most 10000 with 16777216 Bytes can wait!";
     Multicast::MulticastDataPtr message = datagram(fromHex(offerOfFar));
     for (int i = 0; i < 10000; ++i)
         hub().onMessageReceived(message);
@@ -522,6 +522,25 @@ TEST_F(SDCommunicationHubLifecycleTest, TenThousandMessagesWaitAndFurtherOnesAre
     hub().onMessageReceived(message);
     EXPECT_THAT(log.complaints(), ElementsAre("Warning: SDCommunicationHub - dropped 1" + line,
                                               "Warning: SDCommunicationHub - dropped 5" + line));
+}
+
+TEST_F(SDCommunicationHubLifecycleTest, MessagesOf16MiBWaitAndFurtherOnesAreDropped)
+{
+    Multicast::MulticastDataPtr quarter = datagram(std::string(4 * 1024 * 1024, 'x'));
+    Multicast::MulticastDataPtr message = datagram(fromHex(offerOfFar));
+    for (int i = 0; i < 4; ++i)
+        hub().onMessageReceived(quarter);
+    EXPECT_THAT(log.complaints(), IsEmpty());
+
+    hub().onMessageReceived(message);
+
+    EXPECT_THAT(log.complaints(), ElementsAre("Warning: SDCommunicationHub - dropped 1 received Message(s), "
+                                              "at most 10000 with 16777216 Bytes can wait!"));
+    start();
+    EXPECT_TRUE(eventually([&] {
+        hub().onMessageReceived(message);
+        return unit->registry.discovered("Far") == 1;
+    })) << "what has been handled makes room";
 }
 
 TEST_F(SDCommunicationHubLifecycleTest, MessagesThatWaitAreHandledAfterTheStart)
