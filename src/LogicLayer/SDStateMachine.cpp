@@ -10,6 +10,7 @@
 #include <KELUtilLib/DebugUtils.h>
 
 #include <algorithm>
+#include <functional>
 #include <iterator>
 #include <ostream>
 
@@ -32,6 +33,7 @@ constexpr long shortestDelay = 1;         // between two records of the aperiodi
 constexpr std::uint8_t repetitions = 3;         // sends in the repetition phase
 constexpr std::uint8_t shutdownSends = 3;       // stop-offers of a removed service
 constexpr std::size_t mostAnswersWaiting = 16;  // one-time answers of one announced service
+constexpr std::size_t mostRecordsBefore = 128;  // in the aperiodic workload, for an answer to join them
 constexpr unsigned short firstInstance = 1;
 constexpr Poco::Clock::ClockDiff microsecondsPerMillisecond = 1000;
 
@@ -365,6 +367,13 @@ bool SDStateMachine::handleFIND(ExternalEvent& event)
     const ServicesContainer answers = selected(matches.aperiodic, isOnce);
     bool result = true;
     for (const SDService::Ptr& service : active) {
+        // One record is sent a millisecond: a new service must not stand behind answers for long. Who asked
+        // hears the cyclic offer.
+        if (m_aperiodicWorkload.size() >= mostRecordsBefore) {
+            SD_LOG(Trace) << "SDStateMachine::handleFIND: SD received FIND_SERVICE for \"" << name
+                          << "\", while " << m_aperiodicWorkload.size() << " Services wait.";
+            break;
+        }
         ServicesContainer waiting;
         unsafe_getDuplicates(answers, ServiceIdentity::ofInstance(*service, Type::ANNOUNCED), waiting);
         if (waiting.size() < mostAnswersWaiting)
@@ -508,8 +517,11 @@ bool SDStateMachine::removeAllAnnouncedServices()
         service->setState(State::REMOVED);
         unsafe_sendSafely(service);
     }
-    m_periodicWorkload.erase(std::remove_if(m_periodicWorkload.begin(), m_periodicWorkload.end(), announced),
-                             m_periodicWorkload.end());
+    const auto rest =
+        std::stable_partition(m_periodicWorkload.begin(), m_periodicWorkload.end(), std::not_fn(announced));
+    std::for_each(rest, m_periodicWorkload.end(),
+                  [this](const SDService::Ptr& service) { m_periodicIndex.erase(service); });
+    m_periodicWorkload.erase(rest, m_periodicWorkload.end());
     return true;
 }
 
@@ -574,9 +586,23 @@ bool SDStateMachine::unsafe_findServices(const ServicesContainer& services, cons
 bool SDStateMachine::unsafe_findServices(const ServiceIdentity& identity, ServicesContainer& aperiodic,
                                          ServicesContainer& periodic) const
 {
-    const bool inAperiodic = unsafe_findServices(m_aperiodicWorkload, identity, aperiodic);
-    const bool inPeriodic = unsafe_findServices(m_periodicWorkload, identity, periodic);
+    const bool inAperiodic = unsafe_findIndexed(m_aperiodicWorkload, m_aperiodicIndex, identity, aperiodic);
+    const bool inPeriodic = unsafe_findIndexed(m_periodicWorkload, m_periodicIndex, identity, periodic);
     return inAperiodic || inPeriodic;
+}
+
+/// The plain walk, cut short by the index where the identity has a name.
+template <class Container>
+bool SDStateMachine::unsafe_findIndexed(const Container& services, const NameIndex& index,
+                                        const ServiceIdentity& identity, ServicesContainer& found) const
+{
+    if (identity.name.isNull() || index.size() != services.size())
+        return unsafe_findServices(services, identity, found);
+    index.visit(identity.name.value(), [&](const SDService::Ptr& service) {
+        if (doesServiceMatch(identity, service))
+            found.push_back(service);
+    });
+    return !found.empty();
 }
 
 bool SDStateMachine::unsafe_getDuplicates(const ServicesContainer& services, const ServiceIdentity& identity,
@@ -606,6 +632,7 @@ SDStateMachine::Matches SDStateMachine::unsafe_findMatches(const SDService& serv
 bool SDStateMachine::unsafe_addPeriodicService(const SDService::Ptr& service)
 {
     m_periodicWorkload.push_back(service);
+    m_periodicIndex.insert(service);
     return true;
 }
 
@@ -615,6 +642,7 @@ bool SDStateMachine::unsafe_removePeriodicService(const SDService::Ptr& service)
     if (found == m_periodicWorkload.end())
         return false;
     m_periodicWorkload.erase(found);
+    m_periodicIndex.erase(service);
     return true;
 }
 
@@ -625,7 +653,26 @@ bool SDStateMachine::unsafe_removeAperiodicService(const SDService::Ptr& service
     if (found == m_aperiodicWorkload.end())
         return false;
     m_aperiodicWorkload.erase(found);
+    m_aperiodicIndex.erase(service);
     return true;
+}
+
+bool SDStateMachine::unsafe_schedule(const SDService::Ptr& service, const Poco::Clock& due)
+{
+    if (m_aperiodicWorkload.emplace(due, service) == m_aperiodicWorkload.end()) {
+        SD_LOG(Error) << "SD failed to insert Service into m_aperiodicWorkload!";
+        return false;
+    }
+    m_aperiodicIndex.insert(service, due);
+    return true;
+}
+
+SDService::Ptr SDStateMachine::unsafe_takeFirstAperiodic()
+{
+    const SDService::Ptr service = m_aperiodicWorkload.begin()->second;
+    m_aperiodicWorkload.erase(m_aperiodicWorkload.begin());
+    m_aperiodicIndex.erase(service);
+    return service;
 }
 
 bool SDStateMachine::unsafe_addAperiodicService(const SDService::Ptr& service)
@@ -660,11 +707,8 @@ bool SDStateMachine::unsafe_addAperiodicService(const SDService::Ptr& service)
         return false;
     }
 
-    const Poco::Clock due = SDClock::now() + delay * microsecondsPerMillisecond;
-    if (m_aperiodicWorkload.emplace(due, service) == m_aperiodicWorkload.end()) {
-        SD_LOG(Error) << "SD failed to insert Service into m_aperiodicWorkload!";
+    if (!unsafe_schedule(service, SDClock::now() + delay * microsecondsPerMillisecond))
         return false;
-    }
     m_aperiodicWorker.unsafe_update();
     return true;
 }
@@ -679,6 +723,14 @@ bool SDStateMachine::unsafe_announce(SDService::Ptr& service, unsigned short ins
 /// Tells the registry of a discovered service and takes it in under the identifier that it gives back.
 bool SDStateMachine::unsafe_discover(SDService::Ptr& service, unsigned short instanceID)
 {
+    if (m_periodicWorkload.size() >= largestWorkload) {
+        m_refusals.add();
+        if (const std::uint64_t refused = m_refusals.takeReport())
+            SD_LOG(Warning) << "SDStateMachine::handleOFFER: " << refused
+                            << " offer(s) of new Services refused, at most " << largestWorkload
+                            << " can be known!";
+        return false;
+    }
     setTypeAndState(service, Type::DISCOVERED, State::MAIN_PHASE);
     service->setInstanceId(instanceID);
     ServiceDiscovery::ServiceListEventPayload payload(
@@ -783,15 +835,14 @@ void SDStateMachine::AperiodicWorker::onInterval(Poco::Timer& timer)
     const Poco::Clock now = SDClock::now();
     while (!m_workload.empty() && m_workload.begin()->second.isNull()) {
         SD_LOG(Error) << "AperiodicWorker::onInterval found aperiodic Service nullptr!";
-        m_workload.erase(m_workload.begin());
+        m_parent.unsafe_takeFirstAperiodic();
     }
     // One record an interval: further ones that are due wait for the next, a millisecond later.
     if (!m_workload.empty() && m_workload.begin()->first <= now) {
-        SDService::Ptr service = m_workload.begin()->second;
-        m_workload.erase(m_workload.begin());
+        SDService::Ptr service = m_parent.unsafe_takeFirstAperiodic();
         const long delay = handle(service);
         if (delay != isDone)
-            m_workload.emplace(now + delay * microsecondsPerMillisecond, service);
+            m_parent.unsafe_schedule(service, now + delay * microsecondsPerMillisecond);
         m_earliestNext = SDClock::now() + shortestDelay * microsecondsPerMillisecond;
     }
     unsafe_update();
@@ -863,6 +914,8 @@ void SDStateMachine::PeriodicWorker::onInterval(Poco::Timer& timer)
     for (SDService::Ptr& service : m_workload) {
         if (handle(service, batch))
             std::swap(*kept++, service);
+        else
+            m_parent.m_periodicIndex.erase(service);
     }
     m_workload.erase(kept, m_workload.end());
     if (!batch.empty())

@@ -1,6 +1,8 @@
 #pragma once
 
 #include "DataLayer/SDService.h"
+#include "LogicLayer/DropCounter.h"
+#include "LogicLayer/NameIndex.h"
 #include "LogicLayer/ServiceIdentity.h"
 #include "LogicLayer/TimebasedWorker.h"
 
@@ -37,6 +39,10 @@ class SDStateMachine
 public:
     using AperiodicServicesContainer = Nubo::ServiceDiscovery::AperiodicServicesContainer;
     using ServicesContainer = Nubo::ServiceDiscovery::ServicesContainer;
+
+    /// While the periodic workload holds so many records, no further service is discovered: what the
+    /// neighbours offer must not fill the unit's memory.
+    static constexpr std::size_t largestWorkload = 131072;
 
     struct ExternalEvent
     {
@@ -160,6 +166,8 @@ protected:
     Poco::FastMutex m_workloadMutex;
     AperiodicServicesContainer m_aperiodicWorkload;
     ServicesContainer m_periodicWorkload;
+    NameIndex m_aperiodicIndex;
+    NameIndex m_periodicIndex;
     AperiodicWorker m_aperiodicWorker;
     PeriodicWorker m_periodicWorker;
 
@@ -167,6 +175,12 @@ private:
     struct Matches;
 
     Matches unsafe_findMatches(const SDService& service) const;
+    template <class Container>
+    bool unsafe_findIndexed(const Container& services, const NameIndex& index,
+                            const ServiceIdentity& identity, ServicesContainer& found) const;
+
+    bool unsafe_schedule(const SDService::Ptr& service, const Poco::Clock& due);
+    SDService::Ptr unsafe_takeFirstAperiodic();
 
     bool unsafe_announce(SDService::Ptr& service, unsigned short instanceID);
     bool unsafe_discover(SDService::Ptr& service, unsigned short instanceID);
@@ -174,6 +188,8 @@ private:
     bool unsafe_answerOnce(const SDService::Ptr& announced);
     void unsafe_sendSafely(const SDService::Ptr& service);
     void unsafe_sendSafely(const ServicesContainer& services);
+
+    DropCounter m_refusals;
 };
 
 /// List a container's records for the log: their names, or their names with type and state.

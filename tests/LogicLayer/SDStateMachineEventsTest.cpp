@@ -1059,4 +1059,46 @@ TEST_F(SDStateMachineEventsTest, EventTypesHaveTheirNumbers)
     EXPECT_EQ(Event::SOMEIP_STOPOFFER, 5u);
 }
 
+TEST_F(SDStateMachineEventsTest, FindIsLeftToTheCyclicOffersWhileManyRecordsWait)
+{
+    machine.putPeriodic(announced(State::MAIN_PHASE));
+    for (int i = 0; i < 127; ++i)
+        put(makeService("Service" + std::to_string(i)));
+
+    EXPECT_TRUE(find("Media"));
+    ASSERT_THAT(aperiodic(), SizeIs(128)) << "the last to join";
+    log.clear();
+    EXPECT_TRUE(find("Media"));
+
+    EXPECT_THAT(aperiodic(), SizeIs(128));
+    EXPECT_THAT(log.traces(), ElementsAre("Trace: SDStateMachine::handleFIND: SD received FIND_SERVICE for "
+                                          "\"Media\", while 128 Services wait."));
+    EXPECT_THAT(log.complaints(), IsEmpty());
+}
+
+TEST_F(SDStateMachineEventsTest, WorkloadThatIsFullTakesInNoFurtherService)
+{
+    const auto refusals = [](const std::string& count) {
+        return "Warning: SDStateMachine::handleOFFER: " + count +
+               " offer(s) of new Services refused, at most 131072 can be known!";
+    };
+    EXPECT_TRUE(offer(offered("Known")));
+    const SDService::Ptr filler = makeRecord(Type::DISCOVERED, State::MAIN_PHASE, "Filler");
+    while (machine.periodic().size() < 131072)
+        machine.putPeriodic(filler);
+
+    EXPECT_FALSE(offer(offered("New")));
+    EXPECT_FALSE(offer(offered("New")));
+    EXPECT_FALSE(offer(offered("Newer")));
+    EXPECT_TRUE(offer(offered("Known"))) << "it goes on being known";
+    EXPECT_THAT(log.complaints(), ElementsAre(refusals("1"))) << "one line a second at most";
+    SDClock::turn(second);
+    EXPECT_FALSE(offer(offered("New")));
+    EXPECT_THAT(log.complaints(), ElementsAre(refusals("1"), refusals("3")));
+    EXPECT_EQ(engine.registry.events().size(), 1u);
+
+    EXPECT_TRUE(stopOffer(offered("Known")));
+    EXPECT_TRUE(offer(offered("New"))) << "there is room again";
+}
+
 }  // namespace Nubo::ServiceDiscovery::Testing

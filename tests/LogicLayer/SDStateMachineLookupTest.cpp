@@ -1,11 +1,15 @@
+#include "DataLayer/SDClock.h"
 #include "support/Descriptions.h"
+#include "support/LogCatcher.h"
 #include "support/RecordingHub.h"
 #include "support/TestStateMachine.h"
 
 #include <Poco/Exception.h>
 
 #include <ostream>
+#include <random>
 #include <sstream>
+#include <string>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -328,6 +332,62 @@ TEST_F(SDStateMachineLookupTest, PrintersListTheRecordsOfAContainer)
 
     EXPECT_EQ(names.str(), " \"Media\" \"<nullptr>\" \"Navi\"");
     EXPECT_EQ(roles.str(), " \"Media\" ANNOUNCED x MAIN_PHASE <nullptr> \"Navi\" WANTED x REPETITION_PHASE");
+}
+
+/// Whatever happens to the workloads, a look-up gives what a walk over all records gives.
+TEST_F(SDStateMachineLookupTest, LookUpOverBothWorkloadsGivesWhatAPlainWalkGives)
+{
+    constexpr int events = 4000;
+    const LogCatcher log;
+    std::mt19937 random(20);
+    const auto oneOf = [&](unsigned count) { return static_cast<unsigned short>(random() % count); };
+    machine.run();
+
+    for (int i = 0; i < events; ++i) {
+        const std::string name = "Service" + std::to_string(oneOf(5));
+        const unsigned short port = oneOf(4);
+        SDService::Ptr service = makeService(name, "fd00::2", port, name + std::to_string(port));
+        service->setTTL(1 + oneOf(3));
+        const auto type = static_cast<TestStateMachine::Event::WorkloadEvent_t>(oneOf(6));
+        machine.handle(type, service, service->getNuboDescription().getLocalUuid());
+        SDClock::turn(100000);
+        machine.aperiodicTick();
+        if (i % 10 == 0)
+            machine.periodicTick();
+        if (i % 1000 == 0)
+            machine.removeAllAnnouncedServices();
+
+        for (const ServiceIdentity& identity :
+             {named(name), ServiceIdentity(*service), ServiceIdentity::ofInstance(*service, Type::DISCOVERED),
+              ServiceIdentity()})
+        {
+            ServicesContainer aperiodic;
+            ServicesContainer periodic;
+            const bool isFound = machine.unsafe_findServices(identity, aperiodic, periodic);
+            ServicesContainer walkedAperiodic;
+            ServicesContainer walkedPeriodic;
+            machine.unsafe_findServices(machine.m_aperiodicWorkload, identity, walkedAperiodic);
+            machine.unsafe_findServices(machine.m_periodicWorkload, identity, walkedPeriodic);
+            ASSERT_EQ(aperiodic, walkedAperiodic) << "event " << i;
+            ASSERT_EQ(periodic, walkedPeriodic) << "event " << i;
+            ASSERT_EQ(isFound, !aperiodic.empty() || !periodic.empty());
+        }
+    }
+    EXPECT_EQ(machine.indexedRecords(), machine.aperiodic().size() + machine.periodic().size())
+        << "or the look-ups were plain walks themselves";
+}
+
+TEST_F(SDStateMachineLookupTest, RecordsThatAreInAWorkloadAloneAreFoundToo)
+{
+    const SDService::Ptr first = makeRecord(Type::ANNOUNCED, State::MAIN_PHASE);
+    const SDService::Ptr second = makeRecord(Type::DISCOVERED, State::MAIN_PHASE);
+    machine.unsafe_addPeriodicService(first);
+    machine.putPeriodic(second);
+    ServicesContainer aperiodic;
+
+    EXPECT_TRUE(machine.unsafe_findServices(named("Media"), aperiodic, found));
+
+    EXPECT_THAT(found, ElementsAre(first, second));
 }
 
 }  // namespace Nubo::ServiceDiscovery::Testing

@@ -41,6 +41,9 @@ public:
     void periodicTick() { periodicTick(m_timer); }
     void periodicTick(Poco::Timer& timer) { m_periodicWorker.onInterval(timer); }
 
+    /// How many records the look-ups by name know of.
+    std::size_t indexedRecords() const { return m_aperiodicIndex.size() + m_periodicIndex.size(); }
+
     /// Put a record, or none, into a workload as it is.
     void putAperiodic(const SDService::Ptr& service, Poco::Clock::ClockDiff dueInMicroseconds = 0)
     {
