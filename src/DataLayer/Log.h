@@ -9,6 +9,7 @@
 ///     SD_LOG(Error) << "SDRequestHandler - failed to handle Entry #" << number << '.';
 ///
 /// When the level is off, nothing to the right is evaluated.
+// NOLINTBEGIN(bugprone-macro-parentheses) the macro ends where the line's text begins
 #define SD_LOG(LEVEL)                                                                                \
     !::Nubo::ServiceDiscovery::isLogged(::Nubo::ServiceDiscovery::LogLevel::LEVEL)                   \
         ? static_cast<void>(0)                                                                       \
@@ -16,6 +17,7 @@
               ::Nubo::ServiceDiscovery::LogLine(::Nubo::ServiceDiscovery::LogLevel::LEVEL, __FILE__, \
                                                 __LINE__)                                            \
                   .stream()
+// NOLINTEND(bugprone-macro-parentheses)
 
 namespace Nubo::ServiceDiscovery {
 

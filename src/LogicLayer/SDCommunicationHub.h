@@ -54,7 +54,7 @@ public:
     /// At most so many received datagrams wait for the request handler, and so many bytes of them; more are
     /// dropped. As many full-sized datagrams as may wait stay below the bytes.
     static constexpr int longestQueue = 10000;
-    static constexpr std::size_t largestQueue = 16 * 1024 * 1024;
+    static constexpr std::size_t largestQueue = std::size_t{16} * 1024 * 1024;
 
     /// Throws Poco::Exception when the service locator has no platform dispatcher.
     explicit SDCommunicationHub(ServiceDiscovery& serviceDiscovery);

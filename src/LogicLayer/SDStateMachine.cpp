@@ -397,6 +397,8 @@ bool SDStateMachine::handleOFFER(ExternalEvent& event)
     SDService::Ptr& service = event.service;
     const NuboServiceDescription& description = service->getNuboDescription();
     const std::string& name = description.getName();
+    if (unsafe_renew(*service))
+        return true;
     const Matches matches = unsafe_findMatches(*service);
 
     if (matches.isOneWanted()) {
@@ -435,20 +437,30 @@ bool SDStateMachine::handleOFFER(ExternalEvent& event)
     ServicesContainer duplicates;
     unsafe_getDuplicates(matches.periodic, ServiceIdentity::ofInstance(*service, Type::DISCOVERED),
                          duplicates);
-    if (duplicates.size() > 1)
+    if (!duplicates.empty())
         return reportDuplicates("handleOFFER", duplicates);
-    if (duplicates.size() == 1) {
-        SDService::Ptr& known = duplicates.front();
-        known->setTTL(service->getTTL());
-        SD_LOG(Trace) << "SDStateMachine::handleOFFER: re-set TTL of Discovered \"" << name
-                      << "\" with instance #" << known->getInstanceId();
-        return true;
-    }
     const unsigned short instanceID = matches.nextInstanceID();
     if (!unsafe_discover(service, instanceID))
         return false;
     SD_LOG(Trace) << "SDStateMachine::handleOFFER: add Discovered \"" << name
                   << "\" as new Service instance #" << instanceID;
+    return true;
+}
+
+/// Lets the time of a known instance begin anew. That is what nearly every offer is about, and costs the same
+/// however many instances there are.
+bool SDStateMachine::unsafe_renew(const SDService& offered)
+{
+    ServicesContainer aperiodic;
+    ServicesContainer known;
+    unsafe_findServices(ServiceIdentity::ofInstance(offered, Type::DISCOVERED), aperiodic, known);
+    const bool isKnown =
+        aperiodic.empty() && known.size() == 1 && known.front()->getState() == State::MAIN_PHASE;
+    if (!isKnown)
+        return false;
+    known.front()->setTTL(offered.getTTL());
+    SD_LOG(Trace) << "SDStateMachine::handleOFFER: re-set TTL of Discovered \"" << nameOf(known.front())
+                  << "\" with instance #" << known.front()->getInstanceId();
     return true;
 }
 
@@ -550,11 +562,12 @@ bool SDStateMachine::doesServiceMatch(const ServiceIdentity& identity, const SDS
         return false;
     if (!identity.name.isNull() && identity.name.value() != description.getName())
         return false;
-    if (!identity.ip.isNull() && identity.ip.value() != description.getIpAddressString())
-        return false;
     if (!identity.port.isNull() && identity.port.value() != description.getPort())
         return false;
-    return identity.l4proto.isNull() || identity.l4proto.value() == description.getL4Proto();
+    if (!identity.l4proto.isNull() && identity.l4proto.value() != description.getL4Proto())
+        return false;
+    // Last of all: the text of the address has to be made.
+    return identity.ip.isNull() || identity.ip.value() == description.getIpAddressString();
 }
 
 unsigned short SDStateMachine::findHighestInstanceID(const ServicesContainer& services, unsigned short start)
@@ -593,12 +606,12 @@ bool SDStateMachine::unsafe_findServices(const ServiceIdentity& identity, Servic
 
 /// The plain walk, cut short by the index where the identity has a name.
 template <class Container>
-bool SDStateMachine::unsafe_findIndexed(const Container& services, const NameIndex& index,
+bool SDStateMachine::unsafe_findIndexed(const Container& services, const RecordIndex& index,
                                         const ServiceIdentity& identity, ServicesContainer& found) const
 {
-    if (identity.name.isNull() || index.size() != services.size())
+    if (!RecordIndex::canFind(identity) || index.size() != services.size())
         return unsafe_findServices(services, identity, found);
-    index.visit(identity.name.value(), [&](const SDService::Ptr& service) {
+    index.visit(identity, [&](const SDService::Ptr& service) {
         if (doesServiceMatch(identity, service))
             found.push_back(service);
     });
@@ -669,7 +682,7 @@ bool SDStateMachine::unsafe_schedule(const SDService::Ptr& service, const Poco::
 
 SDService::Ptr SDStateMachine::unsafe_takeFirstAperiodic()
 {
-    const SDService::Ptr service = m_aperiodicWorkload.begin()->second;
+    SDService::Ptr service = m_aperiodicWorkload.begin()->second;
     m_aperiodicWorkload.erase(m_aperiodicWorkload.begin());
     m_aperiodicIndex.erase(service);
     return service;

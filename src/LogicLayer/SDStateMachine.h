@@ -2,7 +2,7 @@
 
 #include "DataLayer/SDService.h"
 #include "LogicLayer/DropCounter.h"
-#include "LogicLayer/NameIndex.h"
+#include "LogicLayer/RecordIndex.h"
 #include "LogicLayer/ServiceIdentity.h"
 #include "LogicLayer/TimebasedWorker.h"
 
@@ -166,8 +166,8 @@ protected:
     Poco::FastMutex m_workloadMutex;
     AperiodicServicesContainer m_aperiodicWorkload;
     ServicesContainer m_periodicWorkload;
-    NameIndex m_aperiodicIndex;
-    NameIndex m_periodicIndex;
+    RecordIndex m_aperiodicIndex;
+    RecordIndex m_periodicIndex;
     AperiodicWorker m_aperiodicWorker;
     PeriodicWorker m_periodicWorker;
 
@@ -176,13 +176,14 @@ private:
 
     Matches unsafe_findMatches(const SDService& service) const;
     template <class Container>
-    bool unsafe_findIndexed(const Container& services, const NameIndex& index,
+    bool unsafe_findIndexed(const Container& services, const RecordIndex& index,
                             const ServiceIdentity& identity, ServicesContainer& found) const;
 
     bool unsafe_schedule(const SDService::Ptr& service, const Poco::Clock& due);
     SDService::Ptr unsafe_takeFirstAperiodic();
 
     bool unsafe_announce(SDService::Ptr& service, unsigned short instanceID);
+    bool unsafe_renew(const SDService& offered);
     bool unsafe_discover(SDService::Ptr& service, unsigned short instanceID);
     void unsafe_notifyGone(const SDService& service);
     bool unsafe_answerOnce(const SDService::Ptr& announced);

@@ -24,7 +24,7 @@ namespace {
 constexpr unsigned hopLimit = 255;
 
 /// A datagram that came back over another port has been received by then, or never will be.
-constexpr Poco::Clock::ClockDiff retirement = 5 * 1000000;  // microseconds
+constexpr Poco::Clock::ClockDiff retirement = 5'000'000;  // microseconds
 
 /// How long a datagram may wait for room in an interface's queue, in microseconds.
 constexpr long sendTimeout = 20000;

@@ -374,19 +374,18 @@ TEST_F(SDCommunicationHubTest, MessagesBeyondTenThousandAreDroppedAndCountedOnce
     EXPECT_THAT(log.complaints(), IsEmpty());
 
     receiveMany(1);
-    EXPECT_THAT(
-        log.complaints(),
-        ElementsAre("Warning: SDCommunicationHub - dropped 1 received Message(s), at most 10000 can wait!"));
+    EXPECT_THAT(log.complaints(), ElementsAre("Warning: SDCommunicationHub - dropped 1 received Message(s), "
+                                              "at most 10000 with 16777216 Bytes can wait!"));
 
     receiveMany(6);
     EXPECT_THAT(log.complaints(), SizeIs(1));
 
     SDClock::turn(second);
     receiveMany(1);
-    EXPECT_THAT(
-        log.complaints(),
-        ElementsAre("Warning: SDCommunicationHub - dropped 1 received Message(s), at most 10000 can wait!",
-                    "Warning: SDCommunicationHub - dropped 7 received Message(s), at most 10000 can wait!"));
+    EXPECT_THAT(log.complaints(), ElementsAre("Warning: SDCommunicationHub - dropped 1 received Message(s), "
+                                              "at most 10000 with 16777216 Bytes can wait!",
+                                              "Warning: SDCommunicationHub - dropped 7 received Message(s), "
+                                              "at most 10000 with 16777216 Bytes can wait!"));
 }
 
 TEST_F(SDCommunicationHubTest, NotificationRaisesTheFacadesEventOnTheCallingThread)

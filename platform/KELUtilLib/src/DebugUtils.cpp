@@ -20,7 +20,7 @@ std::string HexDump(void const* data, unsigned short size, unsigned char groupSi
     const auto* bytes = static_cast<const unsigned char*>(data);
 
     std::string text;
-    text.reserve(size * 3u);
+    text.reserve(std::size_t{size} * 3);
     for (std::size_t i = 0; i < size; ++i) {
         if (i != 0 && i % perLine == 0)
             text += '\n';

@@ -51,7 +51,7 @@ SOME_IP_SD_Header::~SOME_IP_SD_Header() = default;
 
 SOME_IP_SD_Header::SOME_IP_SD_Header(SOME_IP_SD_Header&& other) noexcept
     : m_metaData(other.m_metaData)
-    , m_someIP(std::move(other.m_someIP))
+    , m_someIP(other.m_someIP)
     , m_someIP_SD(std::move(other.m_someIP_SD))
 {
     m_someIP.setMetaData(&m_metaData);
@@ -61,7 +61,7 @@ SOME_IP_SD_Header::SOME_IP_SD_Header(SOME_IP_SD_Header&& other) noexcept
 SOME_IP_SD_Header& SOME_IP_SD_Header::operator=(SOME_IP_SD_Header&& other) noexcept
 {
     m_metaData = other.m_metaData;
-    m_someIP = std::move(other.m_someIP);
+    m_someIP = other.m_someIP;
     m_someIP_SD = std::move(other.m_someIP_SD);
     m_someIP.setMetaData(&m_metaData);
     m_someIP_SD.setMetaData(&m_metaData);
