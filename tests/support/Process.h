@@ -1,0 +1,21 @@
+#pragma once
+
+#include <cstddef>
+
+/// What the test's own process has in use.
+namespace Nubo::ServiceDiscovery::Testing {
+
+/// Sanitizers make the library several times slower.
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+constexpr bool isSanitized = true;
+#else
+constexpr bool isSanitized = false;
+#endif
+
+/// How many threads run.
+std::size_t runningThreads();
+
+/// Bytes of the heap that are allocated.
+std::size_t heapInUse();
+
+}  // namespace Nubo::ServiceDiscovery::Testing
