@@ -293,25 +293,33 @@ void SDCommunicationHub::onMessageReceived(MulticastDataPtr& msg)
 
 void SDCommunicationHub::onInterfaceAdded(OEMInterface::AddServiceDiscoveryInterfacePayload& payload)
 {
+    const ReportedInterface interface {
+        payload.eventData.pInterfaceName, payload.eventData.pInterfaceIP
+    };
     Poco::FastMutex::ScopedLock lock(m_reportedInterfacesMutex);
-    m_reportedInterfaces.push_back({payload.eventData.pInterfaceName, payload.eventData.pInterfaceIP});
+    unsafe_forgetReports(interface);  // a platform that says it twice must not fill the memory
+    m_reportedInterfaces.push_back(interface);
     m_receiver.onInterfaceAdded(payload);
     m_sender.onInterfaceAdded(payload);
 }
 
 void SDCommunicationHub::onInterfaceRemoved(OEMInterface::RemoveServiceDiscoveryInterfacePayload& payload)
 {
-    const std::string name = payload.eventData.pInterfaceName;
-    const std::string ip = payload.eventData.pInterfaceIP;
     Poco::FastMutex::ScopedLock lock(m_reportedInterfacesMutex);
-    m_reportedInterfaces.erase(std::remove_if(m_reportedInterfaces.begin(), m_reportedInterfaces.end(),
-                                              [&](const ReportedInterface& reported) {
-                                                  return ip == "::" ||
-                                                         (reported.name == name && reported.ip == ip);
-                                              }),
-                               m_reportedInterfaces.end());
+    unsafe_forgetReports({payload.eventData.pInterfaceName, payload.eventData.pInterfaceIP});
     m_receiver.onInterfaceRemoved(payload);
     m_sender.onInterfaceRemoved(payload);
+}
+
+/// The wildcard address stands for every interface.
+void SDCommunicationHub::unsafe_forgetReports(const ReportedInterface& interface)
+{
+    const auto isMeant = [&](const ReportedInterface& reported) {
+        return interface.ip == "::" || (reported.name == interface.name && reported.ip == interface.ip);
+    };
+    m_reportedInterfaces.erase(
+        std::remove_if(m_reportedInterfaces.begin(), m_reportedInterfaces.end(), isMeant),
+        m_reportedInterfaces.end());
 }
 
 /// After a stop the receiver has left the group everywhere; the platform does not report again.

@@ -112,6 +112,7 @@ private:
 
     void onInterfaceAdded(OEMInterface::AddServiceDiscoveryInterfacePayload& payload);
     void onInterfaceRemoved(OEMInterface::RemoveServiceDiscoveryInterfacePayload& payload);
+    void unsafe_forgetReports(const ReportedInterface& interface);
     void joinReportedInterfaces();
     bool startRequestHandler();
     void stopRequestHandler();

@@ -33,7 +33,7 @@ constexpr long shortestDelay = 1;         // between two records of the aperiodi
 constexpr std::uint8_t repetitions = 3;         // sends in the repetition phase
 constexpr std::uint8_t shutdownSends = 3;       // stop-offers of a removed service
 constexpr std::size_t mostAnswersWaiting = 16;  // one-time answers of one announced service
-constexpr std::size_t mostRecordsBefore = 128;  // in the aperiodic workload, for an answer to join them
+constexpr std::size_t mostRecordsBefore = 64;   // in the aperiodic workload, for an answer to join them
 constexpr unsigned short firstInstance = 1;
 constexpr Poco::Clock::ClockDiff microsecondsPerMillisecond = 1000;
 
@@ -367,8 +367,8 @@ bool SDStateMachine::handleFIND(ExternalEvent& event)
     const ServicesContainer answers = selected(matches.aperiodic, isOnce);
     bool result = true;
     for (const SDService::Ptr& service : active) {
-        // One record is sent a millisecond: a new service must not stand behind answers for long. Who asked
-        // hears the cyclic offer.
+        // One record is sent every one to three milliseconds: a new service must not stand behind answers for
+        // long. Who asked hears the cyclic offer.
         if (m_aperiodicWorkload.size() >= mostRecordsBefore) {
             SD_LOG(Trace) << "SDStateMachine::handleFIND: SD received FIND_SERVICE for \"" << name
                           << "\", while " << m_aperiodicWorkload.size() << " Services wait.";
@@ -534,6 +534,15 @@ bool SDStateMachine::removeAllAnnouncedServices()
     std::for_each(rest, m_periodicWorkload.end(),
                   [this](const SDService::Ptr& service) { m_periodicIndex.erase(service); });
     m_periodicWorkload.erase(rest, m_periodicWorkload.end());
+
+    // Sent after a restart, the answers that wait would offer what has been withdrawn.
+    ServicesContainer answers;
+    for (const auto& [due, service] : m_aperiodicWorkload) {
+        if (!service.isNull() && isOnce(service))
+            answers.push_back(service);
+    }
+    for (const SDService::Ptr& answer : answers)
+        unsafe_removeAperiodicService(answer);
     return true;
 }
 
@@ -654,8 +663,8 @@ bool SDStateMachine::unsafe_removePeriodicService(const SDService::Ptr& service)
     const auto found = std::find(m_periodicWorkload.begin(), m_periodicWorkload.end(), service);
     if (found == m_periodicWorkload.end())
         return false;
-    m_periodicWorkload.erase(found);
     m_periodicIndex.erase(service);
+    m_periodicWorkload.erase(found);
     return true;
 }
 
@@ -665,8 +674,8 @@ bool SDStateMachine::unsafe_removeAperiodicService(const SDService::Ptr& service
                                     [&](const auto& entry) { return entry.second == service; });
     if (found == m_aperiodicWorkload.end())
         return false;
-    m_aperiodicWorkload.erase(found);
     m_aperiodicIndex.erase(service);
+    m_aperiodicWorkload.erase(found);
     return true;
 }
 

@@ -14,6 +14,7 @@ ServiceIdentity ServiceIdentity::ofInstance(const SDService& service, SDService:
     const NuboServiceDescription& description = service.getNuboDescription();
     ServiceIdentity identity(service);
     identity.type = type;
+    identity.serviceID = SOME_IP_SD_Types::EntryValues::ServiceID_Any;
     identity.ip = description.getIpAddressString();
     identity.port = description.getPort();
     identity.l4proto = description.getL4Proto();

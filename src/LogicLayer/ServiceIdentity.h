@@ -18,8 +18,8 @@ struct ServiceIdentity
     /// Names the record's service: its service ID and its name, everything else wildcard.
     explicit ServiceIdentity(const SDService& service);
 
-    /// The instance that `service` stands for, among records of that type: its service and its endpoint
-    /// (address text, port, protocol), whatever its versions and instance ID.
+    /// The instance that `service` stands for, among records of that type: its name and its endpoint
+    /// (address text, port, protocol), whatever its service ID, versions and instance ID.
     static ServiceIdentity ofInstance(const SDService& service, SDService::Type::Type_t type);
 
     SDService::Type::Type_t type = SDService::Type::ANY;

@@ -1062,17 +1062,32 @@ TEST_F(SDStateMachineEventsTest, EventTypesHaveTheirNumbers)
 TEST_F(SDStateMachineEventsTest, FindIsLeftToTheCyclicOffersWhileManyRecordsWait)
 {
     machine.putPeriodic(announced(State::MAIN_PHASE));
-    for (int i = 0; i < 127; ++i)
+    for (int i = 0; i < 63; ++i)
         put(makeService("Service" + std::to_string(i)));
 
     EXPECT_TRUE(find("Media"));
-    ASSERT_THAT(aperiodic(), SizeIs(128)) << "the last to join";
+    ASSERT_THAT(aperiodic(), SizeIs(64)) << "the last to join";
     log.clear();
     EXPECT_TRUE(find("Media"));
 
-    EXPECT_THAT(aperiodic(), SizeIs(128));
+    EXPECT_THAT(aperiodic(), SizeIs(64));
     EXPECT_THAT(log.traces(), ElementsAre("Trace: SDStateMachine::handleFIND: SD received FIND_SERVICE for "
-                                          "\"Media\", while 128 Services wait."));
+                                          "\"Media\", while 64 Services wait."));
+    EXPECT_THAT(log.complaints(), IsEmpty());
+}
+
+TEST_F(SDStateMachineEventsTest, OfferUnderAnotherServiceIDIsOfTheSameInstance)
+{
+    SDService::Ptr numbered = offered("Media");
+    numbered->setServiceId(0x1234);
+    EXPECT_TRUE(offer(offered("Media")));
+
+    EXPECT_TRUE(offer(numbered));
+    EXPECT_TRUE(offer(offered("Media")));
+    EXPECT_THAT(periodic(), ElementsAre("Media DISCOVERED MAIN_PHASE #1"));
+
+    EXPECT_TRUE(stopOffer(numbered));
+    EXPECT_THAT(periodic(), IsEmpty());
     EXPECT_THAT(log.complaints(), IsEmpty());
 }
 

@@ -802,6 +802,17 @@ TEST_F(SDStateMachineWorkersTest, TicksAndUpdatesWaitForTheWorkloadMutex)
     EXPECT_EQ(done, 4);
 }
 
+TEST_F(SDStateMachineWorkersTest, AnswersThatWaitWhenItStopsAreNeverSent)
+{
+    machine.putPeriodic(makeRecord(Type::ANNOUNCED, State::MAIN_PHASE));
+    machine.putAperiodic(makeRecord(Type::ANNOUNCED, State::ONCE));
+    machine.putAperiodic(makeRecord(Type::ANNOUNCED, State::REPETITION_PHASE, "Young"));
+
+    machine.removeAllAnnouncedServices();
+
+    EXPECT_THAT(summaries(machine.aperiodic()), ElementsAre("Young ANNOUNCED REPETITION_PHASE #1"));
+}
+
 TEST_F(SDStateMachineWorkersTest, RemovalOfAllSendsOneStopOfferForEveryAnnouncedServiceThatIsPeriodic)
 {
     SDService::Ptr service = makeRecord(Type::ANNOUNCED, State::MAIN_PHASE);

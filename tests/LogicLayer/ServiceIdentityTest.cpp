@@ -56,7 +56,7 @@ TEST(ServiceIdentityTest, IdentityOfAnInstanceNamesServiceEndpointAndKindWhateve
     const auto identity = ServiceIdentity::ofInstance(*makeNumberedService(), SDService::Type::ANNOUNCED);
 
     EXPECT_EQ(identity.type, SDService::Type::ANNOUNCED);
-    EXPECT_EQ(identity.serviceID, 0x1234);
+    EXPECT_EQ(identity.serviceID, 0xffff);
     EXPECT_EQ(identity.instanceID, 0xffff);
     EXPECT_EQ(identity.majorVersion, 0xff);
     EXPECT_EQ(identity.minorVersion, 0xffffffff);
