@@ -1,5 +1,5 @@
 #!/bin/sh
-# Sets up, builds and runs all tests; see ./test.sh --help.
+# Sets up, builds and runs all tests, or looks the code over; see ./test.sh --help.
 set -eu
 cd "$(dirname "$0")"
 
@@ -11,7 +11,14 @@ Installs what is missing (Debian packages), builds with AddressSanitizer and
 UndefinedBehaviorSanitizer, and runs all tests.
 
   --tsan       build and run under ThreadSanitizer instead
-  -k PATTERN   run only the tests whose name matches the regular expression
+  --coverage   build and run without sanitizers, and tell how much of src/ the tests
+               run; below the goal the exit code is 1. build-coverage/coverage.html
+               shows each line
+  --lint       run no tests, but clang-format, shellcheck, cppcheck and clang-tidy.
+               clang-tidy leaves tests/ out, which would take as long as all the rest:
+               -k tests/ checks them
+  -k PATTERN   run only the tests whose name matches the regular expression; with
+               --lint: give only the files to clang-tidy whose path matches it
   -j N         build and test with N jobs (default: one a processor)
   --help       print this
 
@@ -20,12 +27,12 @@ kernel forbids that, they are skipped, and the summary counts them.
 EOF
 }
 
-preset=asan
-pattern=.
+form=asan
+pattern=
 jobs=$(nproc)
 while [ $# -gt 0 ]; do
     case "$1" in
-    --tsan) preset=tsan ;;
+    --tsan | --coverage | --lint) form=${1#--} ;;
     -k | -j)
         [ $# -ge 2 ] || { echo "test.sh: $1 needs a value" >&2 && exit 2; }
         if [ "$1" = -k ]; then pattern=$2; else jobs=$2; fi
@@ -43,36 +50,114 @@ while [ $# -gt 0 ]; do
     shift
 done
 
-scripts/setup.sh build test
-cmake --preset "$preset" >/dev/null
-cmake --build --preset "$preset" --parallel "$jobs"
-
-results=$PWD/build-$preset/test-results.xml
-# ThreadSanitizer needs the memory layout that goes without address randomisation.
-run=
-[ "$preset" != tsan ] || run="setarch --addr-no-randomize"
-# One line that moves is enough for somebody who watches; a log gets a line a test.
-progress=
-[ ! -t 1 ] || progress=--progress
-status=0
-# shellcheck disable=SC2086 # the words of $run are a command, and $progress may be none
-TSAN_OPTIONS="halt_on_error=1 second_deadlock_stack=1" $run ctest --test-dir "build-$preset" --parallel "$jobs" \
-    --tests-regex "$pattern" $progress \
-    --output-on-failure --output-junit "$results" --no-tests=error || status=$?
-
-count() { sed -n "s/.*<testsuite .*$1=\"\([0-9]*\)\".*/\1/p;/^\t$1=\"/s/.*\"\([0-9]*\)\".*/\1/p" "$results" | head -n 1; }
-total=$(count tests)
-failed=$(count failures)
-skipped=$(count skipped)
-echo
-echo "$preset: $((total - failed - skipped)) passed, $failed failed, $skipped skipped"
-[ "$skipped" = 0 ] || {
-    echo "Why they were skipped:"
-    sed -n 's/.*SKIPPED: //p; /: Skipped$/{n;p}' "$results" | sort | uniq -c
+build() {
+    cmake --preset "$form" >/dev/null
+    cmake --build --preset "$form" --parallel "$jobs"
 }
-if [ "$total" = 0 ]; then
-    echo "No test matches: $pattern"
-elif [ "$status" != 0 ]; then
-    echo "To run one again:  ./test.sh$([ "$preset" = asan ] || echo " --$preset") -k NAME"
-fi
-exit "$status"
+
+run_tests() {
+    results=$PWD/build-$form/test-results.xml
+    # ThreadSanitizer needs the memory layout that goes without address randomisation.
+    run=
+    [ "$form" != tsan ] || run="setarch --addr-no-randomize"
+    # One line that moves is enough for somebody who watches; a log gets a line a test.
+    progress=
+    [ ! -t 1 ] || progress=--progress
+    status=0
+    # shellcheck disable=SC2086 # the words of $run are a command, and $progress may be none
+    TSAN_OPTIONS="halt_on_error=1 second_deadlock_stack=1" $run ctest --test-dir "build-$form" \
+        --parallel "$jobs" --tests-regex "${pattern:-.}" $progress \
+        --output-on-failure --output-junit "$results" --no-tests=error || status=$?
+
+    total=$(count tests)
+    failed=$(count failures)
+    skipped=$(count skipped)
+    echo
+    echo "$form: $((total - failed - skipped)) passed, $failed failed, $skipped skipped"
+    [ "$skipped" = 0 ] || {
+        echo "Why they were skipped:"
+        sed -n 's/.*SKIPPED: //p; /: Skipped$/{n;p}' "$results" | sort | uniq -c
+    }
+    if [ "$total" = 0 ]; then
+        echo "No test matches: $pattern"
+    elif [ "$status" != 0 ]; then
+        echo "To run one again:  ./test.sh$([ "$form" = asan ] || echo " --$form") -k NAME"
+    fi
+    return "$status"
+}
+
+# count WHAT: a figure of the results' first element.
+count() { sed -n "s/.*<testsuite .*$1=\"\([0-9]*\)\".*/\1/p;/^\t$1=\"/s/.*\"\([0-9]*\)\".*/\1/p" "$results" | head -n 1; }
+
+# Branches are those that somebody wrote, without what the compiler adds for exceptions; of a log line they are
+# nothing else, for that its level can be off is tested once.
+report_coverage() {
+    gcovr --root . --filter src/ --exclude-throw-branches --exclude-unreachable-branches \
+        --exclude-branches-by-pattern ' *(SD_LOG\(|<<).*' -j "$jobs" \
+        --csv build-coverage/coverage.csv --html-details build-coverage/coverage.html build-coverage
+    echo
+    awk -f scripts/coverage-table.awk build-coverage/coverage.csv || {
+        echo "That is below the goal; build-coverage/coverage.html shows what is not run."
+        return 1
+    }
+}
+
+lint() {
+    cmake --preset debug -B build-lint >/dev/null
+    folders='src platform tools bench fuzz'
+    # shellcheck disable=SC2086 # folders and files are words of their own
+    {
+        code=$(find $folders tests -name '*.h' -o -name '*.cpp')
+        scripts=$(find . \( -path './build*' -o -path ./.git \) -prune -o \
+            \( -name '*.sh' -o -name '*.bats' -o -name '*.bash' -o -path ./.ci/run \) -print)
+        : >build-lint/all.txt
+        check clang-format --dry-run --Werror $code
+        check shellcheck --format=gcc $scripts
+        check cppcheck -j "$jobs" --quiet --template=gcc --error-exitcode=1 --std=c++17 \
+            --enable=warning,performance,portability --inline-suppr --suppressions-list=.cppcheck-suppressions \
+            --library=googletest,posix \
+            -I src -I platform/KELUtilLib/include -I platform/KELOEMInterfaceLib/include -I tests $folders tests
+        check run-clang-tidy -j "$jobs" -quiet -p build-lint \
+            "^$PWD/${pattern:-($(echo "$folders" | tr ' ' '|'))/}"
+    }
+    # What is wrong with a header is found in each file that includes it.
+    sed "s,^$PWD/,," build-lint/all.txt | sort -u >build-lint/findings.txt
+    cat build-lint/findings.txt
+    if [ -s build-lint/findings.txt ]; then
+        echo "lint: $(wc -l <build-lint/findings.txt) findings"
+        return 1
+    fi
+    echo "lint: $(echo "$code" "$scripts" | wc -w) files clean"
+}
+
+# check TOOL ARGUMENT...: notes what the tool finds; each of them ends such a line by the name of what it is about.
+check() {
+    echo "$1 ..."
+    "$@" >build-lint/output.txt 2>&1 || uncoloured build-lint/output.txt |
+        grep -E '^[^ ]+:[0-9]+:[0-9]+: .*\[[^]]+\]$' >>build-lint/all.txt || {
+        cat build-lint/output.txt
+        echo "test.sh: $1 failed" >&2
+        exit 1
+    }
+}
+
+uncoloured() { sed 's/\x1b\[[0-9;]*m//g' "$1"; }
+
+case "$form" in
+lint)
+    scripts/setup.sh build test lint
+    lint
+    ;;
+coverage)
+    scripts/setup.sh build test coverage
+    build
+    find build-coverage -name '*.gcda' -delete  # what earlier runs have counted
+    run_tests
+    report_coverage
+    ;;
+*)
+    scripts/setup.sh build test
+    build
+    run_tests
+    ;;
+esac

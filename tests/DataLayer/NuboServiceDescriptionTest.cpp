@@ -66,7 +66,7 @@ TEST(NuboServiceDescriptionTest, CopyAndAssignmentTakeEveryField)
     const NuboServiceDescription source = media();
     NuboServiceDescription assigned;
 
-    const NuboServiceDescription copy(source);
+    const NuboServiceDescription copy(source);  // NOLINT(performance-unnecessary-copy-initialization)
     assigned = source;
 
     expectMedia(copy);

@@ -137,7 +137,7 @@ void sendCorrupted(const Namespace& network, const std::string& interface, const
     ::setsockopt(socket, IPPROTO_IPV6, IPV6_MULTICAST_IF, &index, sizeof index);
     const SocketAddress from(source, 0);
     const SocketAddress to(discoveryGroup, 0);
-    ::bind(socket, from.addr(), from.length());
+    EXPECT_EQ(::bind(socket, from.addr(), from.length()), 0);
 
     udphdr header{};
     header.uh_sport = htons(9);

@@ -1,5 +1,6 @@
 #!/usr/bin/env bats
-# What holds for the project as a whole. $KEL_SD_LIBRARY is the shared library of the build under test.
+# What holds for the project as a whole. Of the build under test, $KEL_SD_LIBRARY is the shared library, $NUBO_SD
+# the tool, $KEL_SD_HARDENING is 1 if it is hardened, and $KEL_SD_FORTIFIED if it has the C library's checks, too.
 
 bats_require_minimum_version 1.5.0
 
@@ -51,13 +52,46 @@ includes_of() { grep -hoE '^#include "[^"]+"' -r "$1" | sed -E 's/.*"(.*)"/\1/' 
     readelf -d "$KEL_SD_LIBRARY" | grep -qE 'SONAME.*\[libKELServiceDiscoveryLib\.so\.[0-9]+\]'
 }
 
-@test "all code is formatted" {
-    unformatted=
-    for file in $(find src platform tools tests bench -name '*.h' -o -name '*.cpp'); do
-        clang-format "$file" | cmp -s - "$file" || unformatted+=" $file"
+# The files that make up the product, for a test of what protects them.
+hardened_files() {
+    [ "$KEL_SD_HARDENING" = 1 ] || skip "built without KEL_SD_HARDENING"
+    files=("$NUBO_SD" "$(dirname "$KEL_SD_LIBRARY")"/libKEL*.so)
+}
+
+@test "programs and libraries lie at addresses that nobody can foresee" {
+    hardened_files
+    for file in "${files[@]}"; do readelf -h "$file" | grep -q 'Type: *DYN '; done
+    readelf -d "$NUBO_SD" | grep -q 'FLAGS_1.* PIE'
+}
+
+@test "the tables that calls go through are read-only when a program starts" {
+    hardened_files
+    for file in "${files[@]}"; do
+        readelf -lW "$file" | grep -q ' GNU_RELRO '
+        readelf -dW "$file" | grep -q '(FLAGS).* BIND_NOW'
     done
-    [ -z "$unformatted" ] || {
-        echo "run: clang-format -i$unformatted"
+}
+
+@test "no stack can be executed" {
+    hardened_files
+    for file in "${files[@]}"; do readelf -lW "$file" | grep -q ' GNU_STACK .* RW  *0x'; done
+}
+
+@test "a stack buffer that was overrun ends the program" {
+    hardened_files
+    for file in "${files[@]}"; do readelf --dyn-syms -W "$file" | grep -q ' UND __stack_chk_fail'; done
+}
+
+@test "the C library checks the calls that could overrun a buffer" {
+    [ "$KEL_SD_FORTIFIED" = 1 ] || skip "only optimised builds without sanitizers have the checks"
+    # The libraries call no such function.
+    readelf --dyn-syms -W "$NUBO_SD" | grep -q ' UND __.*_chk@'
+}
+
+@test "all code is formatted" {
+    find src platform tools fuzz bench tests \( -name '*.h' -o -name '*.cpp' \) \
+        -exec clang-format --dry-run --Werror {} + || {
+        echo "run: clang-format -i FILE"
         return 1
     }
 }

@@ -1,9 +1,11 @@
 # What the tests of nubo-sd share. $NUBO_SD is the program; a test of what crosses a network runs through
-# support/in-namespace.sh, so that it may make units of its own.
+# support/in-namespace.sh, so that it may make units of its own. $out is the folder for what a test writes.
+
+# shellcheck disable=SC2154 # the tests' setup() says where it is
 
 # unit NAME INTERFACE[=ADDRESS]...: a network namespace with interfaces on the bridge "wire".
 unit() {
-    local unit=$1 spec interface address
+    local unit=$1 spec interface
     ip netns add "$unit"
     on "$unit" ip link set lo up
     on "$unit" sh -c 'echo 0 >/proc/sys/net/ipv6/conf/all/accept_dad; echo 0 >/proc/sys/net/ipv6/conf/default/accept_dad'

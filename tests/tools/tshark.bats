@@ -74,10 +74,10 @@ expected $2"
         someipsd.entry.serviceid someipsd.entry.instanceid someipsd.entry.majorver someipsd.entry.ttl \
         someipsd.entry.minorver)
     equals "$entry" "0xe0|16|0x01|0x00|0x01|0x01|0x01|0xfffe|0x0001|1|120|3"
-    options=$(fields 'someip.sessionid == 1' \
+    option=$(fields 'someip.sessionid == 1' \
         someipsd.option.type someipsd.option.length someipsd.option.ipv6address someipsd.option.proto \
         someipsd.option.port someipsd.option.config_string_element)
-    equals "$options" "6,1|21,85|fd00::1|6|8080|category=audio,l6proto=nubo,otherserv=Media,txtvers=1,version=1.2.0,version=~1.3.1"
+    equals "$option" "6,1|21,85|fd00::1|6|8080|category=audio,l6proto=nubo,otherserv=Media,txtvers=1,version=1.2.0,version=~1.3.1"
 }
 
 @test "offers come at 0, 100, 300 and 700 ms, then once a second, numbered from 1" {

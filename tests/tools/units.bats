@@ -355,7 +355,7 @@ EOF
     rm "$out/b.pid"
 
     [ "$(jq -c .event "$out/b.out")" = $'"discovered"\n"gone"' ]
-    ! grep -qvE '^[0-9]{2}:[0-9]{2}:[0-9]{2}\.[0-9]{3} (Error|Warning|Notice|Debug|Trace): ' "$out/b.err"
+    run ! grep -vE '^[0-9]{2}:[0-9]{2}:[0-9]{2}\.[0-9]{3} (Error|Warning|Notice|Debug|Trace): ' "$out/b.err"
     grep -q ' Trace: MulticastReceiver onSocketReadable$' "$out/b.err"
 }
 

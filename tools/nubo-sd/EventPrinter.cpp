@@ -27,8 +27,11 @@ const char* kindName(ServiceEvent::Kind kind)
 std::string joined(const std::vector<std::string>& texts)
 {
     std::string result;
-    for (const std::string& text : texts)
-        result += (result.empty() ? "" : ",") + printable(text);
+    for (const std::string& text : texts) {
+        if (!result.empty())
+            result += ',';
+        result += printable(text);
+    }
     return result;
 }
 

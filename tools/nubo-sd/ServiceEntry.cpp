@@ -8,11 +8,11 @@
 #include <Poco/UUIDGenerator.h>
 
 #include <cerrno>
-#include <cstring>
 #include <fstream>
 #include <functional>
 #include <map>
 #include <set>
+#include <system_error>
 
 #include <nlohmann/json.hpp>
 
@@ -100,7 +100,7 @@ std::vector<ServiceEntry> readServicesFile(const std::string& path)
 {
     std::ifstream file(path);
     if (!file)
-        throw UsageError(path + ": " + std::strerror(errno));
+        throw UsageError(path + ": " + std::generic_category().message(errno));
     json list;
     try {
         list = json::parse(file);

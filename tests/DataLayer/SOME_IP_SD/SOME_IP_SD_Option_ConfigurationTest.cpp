@@ -6,9 +6,27 @@
 #include <Poco/Exception.h>
 
 #include <algorithm>
+#include <new>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+
+namespace {
+
+bool isMemoryShort = false;  ///< no array is to be had from now on
+
+}  // namespace
+
+// In place of the standard library's, which a test cannot make fail.
+void* operator new[](std::size_t size, const std::nothrow_t&) noexcept
+{
+    return isMemoryShort ? nullptr : ::operator new[](size);
+}
+
+void operator delete[](void* array, const std::nothrow_t&) noexcept
+{
+    ::operator delete[](array);
+}
 
 namespace Nubo::ServiceDiscovery::Testing {
 
@@ -67,6 +85,12 @@ ConfigurationPairs pairsOfSize(std::size_t size)
     }
     return pairs;
 }
+
+struct ShortMemory
+{
+    ShortMemory() { isMemoryShort = true; }
+    ~ShortMemory() { isMemoryShort = false; }
+};
 
 struct SOME_IP_SD_Option_ConfigurationTest : ::testing::Test
 {
@@ -546,6 +570,19 @@ TEST_F(SOME_IP_SD_Option_ConfigurationTest, SecondStringIsRefusedWithAWarning)
     EXPECT_EQ(implementation.getLength(), 6);
 }
 
+TEST_F(SOME_IP_SD_Option_ConfigurationTest, StringWithoutMemoryIsRefused)
+{
+    Implementation implementation(1);
+    const ShortMemory memory;
+
+    EXPECT_FALSE(implementation.copyConfigurationString(bytesOf(configText("a=1")), 4));
+
+    EXPECT_THAT(log.lines(), ElementsAre("Error: copyConfigurationString: failed to set, allocation of "
+                                         "m_configurationString returned nullptr!"));
+    EXPECT_EQ(implementation.string(), nullptr);
+    EXPECT_EQ(implementation.getLength(), 6);
+}
+
 TEST_F(SOME_IP_SD_Option_ConfigurationTest, PairsFoundBeforeAFaultStay)
 {
     const std::string string = configText("a=1") + configText("=b");
@@ -714,6 +751,19 @@ TEST_F(SOME_IP_SD_Option_ConfigurationTest, MissingTerminatorIsAMismatch)
     EXPECT_FALSE(option.isValid());
     EXPECT_THAT(log.errors(),
                 ElementsAre("Error: SOME_IP_SD_Configuration_Option size=7, but 6 read by deserialisation!"));
+}
+
+TEST_F(SOME_IP_SD_Option_ConfigurationTest, ReceivedStringWithoutMemoryIsPassedOver)
+{
+    const ShortMemory memory;
+
+    const Option& option = read(6, "00 03 61 3d 31 00 ff");
+
+    EXPECT_FALSE(option.isValid());
+    EXPECT_EQ(option.getConfigurationString(), nullptr);
+    EXPECT_EQ(unread(stream), 1);
+    EXPECT_THAT(log.lines(), ElementsAre("Error: deserialise: failed, allocation of m_configurationString "
+                                         "returned nullptr!"));
 }
 
 TEST_F(SOME_IP_SD_Option_ConfigurationTest, EmptyStreamLacksTheReservedByteToo)
