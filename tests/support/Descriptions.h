@@ -61,6 +61,7 @@ inline std::string summary(const SDService::Ptr& record)
 inline std::vector<std::string> summaries(const std::vector<SDService::Ptr>& records)
 {
     std::vector<std::string> result;
+    result.reserve(records.size());
     for (const SDService::Ptr& record : records)
         result.push_back(summary(record));
     return result;

@@ -8,8 +8,11 @@
 #include "support/Waiting.h"
 
 #include <KELOEMInterfaceLib/LinuxDispatcher.h>
+#include <KELOEMInterfaceLib/NetlinkDispatcher.h>
+#include <KELUtilLib/ApplicationServices.h>
 
 #include <Poco/Delegate.h>
+#include <Poco/SharedPtr.h>
 
 #include <condition_variable>
 #include <cstddef>
@@ -129,29 +132,50 @@ struct HubUnit
     SDCommunicationHub hub{facade};
 };
 
-/// A unit on the network, one of several in this process: a namespace of its own with dispatcher, library
-/// and registry.
-class TestUnit
+/// Puts the dispatcher that follows the kernel's interfaces into the service locator while it exists.
+class NetlinkScope
 {
 public:
-    explicit TestUnit(const std::string& name) : m_network(name)
+    NetlinkScope()
+    {
+        ApplicationServices::getLocator().add(typeid(OEMInterface::OEMDispatcher),
+                                              Poco::SharedPtr<OEMInterface::OEMDispatcher>(m_dispatcher));
+    }
+    ~NetlinkScope() { PlatformScope::withdraw(); }
+
+    NetlinkScope(const NetlinkScope&) = delete;
+    NetlinkScope& operator=(const NetlinkScope&) = delete;
+
+    OEMInterface::NetlinkDispatcher& dispatcher() { return *m_dispatcher; }
+
+private:
+    Poco::SharedPtr<OEMInterface::NetlinkDispatcher> m_dispatcher{new OEMInterface::NetlinkDispatcher};
+};
+
+/// A unit on the network, one of several in this process: dispatcher, library and registry in a namespace.
+template <class Platform>
+class UnitIn
+{
+public:
+    explicit UnitIn(const Namespace& network) : m_network(network)
     {
         const InNamespace inside(m_network);
         m_parts = std::make_unique<Parts>();
     }
-    ~TestUnit()
+    ~UnitIn()
     {
         const InNamespace inside(m_network);
         m_parts.reset();
     }
 
-    TestUnit(const TestUnit&) = delete;
-    TestUnit& operator=(const TestUnit&) = delete;
+    UnitIn(const UnitIn&) = delete;
+    UnitIn& operator=(const UnitIn&) = delete;
 
     const Namespace& network() const { return m_network; }
     const Registry& registry() const { return m_parts->registry; }
     /// For its requests. What touches the network goes through the operations below.
     ServiceDiscovery& discovery() { return m_parts->discovery; }
+    auto& dispatcher() { return m_parts->platform.dispatcher(); }
 
     bool startup(const std::string& address)
     {
@@ -164,28 +188,43 @@ public:
         discovery().shutdown();
     }
 
-    /// The platform's reports.
-    void addInterface(const std::string& name, const std::string& ip)
-    {
-        const InNamespace inside(m_network);
-        m_parts->platform.dispatcher().addInterface(name, ip);
-    }
-    void removeInterface(const std::string& name, const std::string& ip)
-    {
-        const InNamespace inside(m_network);
-        m_parts->platform.dispatcher().removeInterface(name, ip);
-    }
-
 private:
     struct Parts
     {
-        PlatformScope platform;
+        Platform platform;
         ServiceDiscovery discovery;
         Registry registry{discovery};
     };
 
-    Namespace m_network;
+    const Namespace& m_network;
     std::unique_ptr<Parts> m_parts;
+};
+
+/// A unit that finds its interfaces itself.
+using NetlinkUnit = UnitIn<NetlinkScope>;
+
+struct OwnNamespace
+{
+    Namespace own;
+};
+
+/// A unit with a namespace of its own, whose interfaces the test reports.
+class TestUnit : private OwnNamespace, public UnitIn<PlatformScope>
+{
+public:
+    explicit TestUnit(const std::string& name) : OwnNamespace{Namespace(name)}, UnitIn(own) {}
+
+    /// The platform's reports.
+    void addInterface(const std::string& name, const std::string& ip)
+    {
+        const InNamespace inside(network());
+        dispatcher().addInterface(name, ip);
+    }
+    void removeInterface(const std::string& name, const std::string& ip)
+    {
+        const InNamespace inside(network());
+        dispatcher().removeInterface(name, ip);
+    }
 };
 
 }  // namespace Nubo::ServiceDiscovery::Testing

@@ -1,0 +1,126 @@
+#include "LogicLayer/SDCommunicationHub.h"
+#include "support/FloodScene.h"
+#include "support/Process.h"
+
+#include <chrono>
+#include <cstddef>
+#include <functional>
+#include <ostream>
+#include <string>
+
+#include <gtest/gtest.h>
+
+namespace Nubo::ServiceDiscovery::Testing {
+
+namespace {
+
+// An optimised build has to keep what the library promises. Others are slower, and run beside other tests.
+// The benchmark of floods has the same floods for longer.
+#if defined(NDEBUG)
+constexpr bool isFast = !isSanitized;
+#else
+constexpr bool isFast = false;
+#endif
+constexpr std::size_t perSecond = isFast ? 20000 : 4000;
+constexpr std::size_t services = isFast ? 10000 : 2000;
+constexpr Milliseconds lateness{isFast ? 250 : 3000};
+constexpr Milliseconds recovery{isFast ? 2000 : 15000};
+
+constexpr std::chrono::seconds length{3};
+constexpr Milliseconds cycle{1000};
+
+/// What the unit may need beyond what it had before.
+std::size_t mostMemory(std::size_t discovered)
+{
+    constexpr std::size_t waitingDatagram = 512;  // beyond what it holds
+    constexpr std::size_t discoveredService = 3000;
+    constexpr std::size_t ownServices = 1024 * 1024;
+    return SDCommunicationHub::largestQueue + SDCommunicationHub::longestQueue * waitingDatagram +
+           discovered * discoveredService + ownServices;
+}
+
+struct FloodCase
+{
+    std::string name;
+    std::function<FloodPlan(const FloodScene&)> plan;
+    std::size_t standing = 10;
+
+    friend void PrintTo(const FloodCase& flood, std::ostream* stream) { *stream << flood.name; }
+};
+
+class FloodTest : public ::testing::TestWithParam<FloodCase>
+{};
+
+}  // namespace
+
+TEST_P(FloodTest, UnitAnnouncesInTimeStaysSmallAndHearsAgain)
+{
+    FloodScene scene(GetParam().standing);
+    const FloodPlan plan = GetParam().plan(scene);
+
+    const FloodReport report = scene.endure(plan);
+
+    EXPECT_GE(report.sent, plan.perSecond) << "the flood itself";
+    EXPECT_LE(report.longestGap.count(), (cycle + lateness).count());
+    EXPECT_GT(report.added, 0u);
+    EXPECT_EQ(report.announced, report.added);
+    EXPECT_LE(report.latestFirstOffer.count(), lateness.count());
+    EXPECT_LE(report.recovery.count(), recovery.count());
+    EXPECT_LE(report.memoryAtMost, report.memoryBefore + mostMemory(report.discovered));
+    const double lastedSeconds = (report.length + report.recovery) / std::chrono::seconds(1);
+    EXPECT_LE(report.dropWarnings, static_cast<std::size_t>(lastedSeconds) + 1);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Floods, FloodTest,
+    ::testing::Values(
+        FloodCase{"Garbage",
+                  [](const FloodScene&) {
+                      return FloodPlan{garbage(700), perSecond, length};
+                  }},
+        FloodCase{"OffersOfServices",
+                  [](const FloodScene&) {
+                      return FloodPlan{offersOfServices(services), perSecond, length};
+                  }},
+        FloodCase{"OffersOfInstances",
+                  [](const FloodScene&) {
+                      return FloodPlan{offersOfInstances(services), perSecond, length};
+                  }},
+        FloodCase{"LargeDatagrams",
+                  [](const FloodScene&) {
+                      return FloodPlan{{largeDatagram()}, perSecond / 10, length};
+                  }},
+        FloodCase{"SearchesForOneService",
+                  [](const FloodScene& scene) {
+                      return FloodPlan{searchesFor({scene.standing().front()}), perSecond / 2, length};
+                  }},
+        FloodCase{"SearchesForHundredServices",
+                  [](const FloodScene& scene) {
+                      return FloodPlan{searchesFor(scene.standing()), perSecond / 2, length};
+                  },
+                  100}),
+    [](const auto& row) { return row.param.name; });
+
+TEST(FloodOfSearchesTest, IsAnsweredByAtMostSixteenOffersInFiftyMilliseconds)
+{
+    FloodScene scene(1);
+
+    const FloodReport report = scene.endure({searchesFor(scene.standing()), perSecond / 2, length});
+
+    const auto cyclic = static_cast<std::size_t>(report.length / cycle) + 2;
+    const auto windows = static_cast<std::size_t>(report.length / Milliseconds(50)) + 1;
+    EXPECT_LE(report.offers, cyclic + 16 * windows);
+    EXPECT_GT(report.offers, cyclic + 16) << "it is answered";
+}
+
+TEST(FloodOfLargeDatagramsTest, IsCountedWhereItExceedsTheQueue)
+{
+    FloodScene scene(1);
+
+    const FloodReport report = scene.endure({{largeDatagram()}, 2000, length});
+
+    EXPECT_GT(report.dropWarnings, 0u);
+    EXPECT_GE(report.droppedByUnit, report.dropWarnings);
+}
+
+}  // namespace Nubo::ServiceDiscovery::Testing

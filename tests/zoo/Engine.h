@@ -1,0 +1,52 @@
+#pragma once
+
+#include "LogicLayer/SDCommunicationHub.h"
+#include "LogicLayer/SDRequestHandler.h"
+#include "Multicast/MulticastReceiver.h"
+#include "ServiceDiscovery.h"
+#include "support/Platform.h"
+
+#include <Poco/NotificationQueue.h>
+
+#include <string>
+#include <vector>
+
+namespace Nubo::ServiceDiscovery::Testing {
+
+/// What lies between the receiver and the registry, without network, threads and timers: datagrams are
+/// handled on the calling thread.
+class Engine
+{
+public:
+    Engine();
+    ~Engine();
+
+    Engine(const Engine&) = delete;
+    Engine& operator=(const Engine&) = delete;
+
+    /// Announces the service "Local", anew if need be: then no answer to a search is waiting.
+    void announceLocal();
+
+    /// Hands in a datagram; returns what a specimen's "handled" has. What was discovered is forgotten.
+    std::vector<std::string> handle(const Multicast::MulticastDataPtr& datagram);
+
+private:
+    struct Event
+    {
+        ServiceDiscovery::EventType type;
+        NuboServiceDescription description;
+    };
+
+    void onServiceListChanged(ServiceDiscovery::ServiceListEventPayload& payload);
+    void forget(const NuboServiceDescription& discovered);
+
+    PlatformScope m_platformOfTheFacade;
+    ServiceDiscovery m_facade;
+    PlatformScope m_platform;
+    SDCommunicationHub m_hub{m_facade};
+    Poco::NotificationQueue m_queue;
+    SDRequestHandler m_handler{m_queue};
+    std::vector<Event> m_events;
+};
+
+}  // namespace Nubo::ServiceDiscovery::Testing

@@ -1,0 +1,56 @@
+#pragma once
+
+#include "support/Listener.h"
+#include "support/LogCatcher.h"
+#include "support/Namespace.h"
+#include "support/Packets.h"
+#include "support/TestUnit.h"
+#include "support/Waiting.h"
+
+#include <string>
+
+#include <gtest/gtest.h>
+
+namespace Nubo::ServiceDiscovery::Testing {
+
+/// A unit and a neighbour on one link, eth0 on either side.
+struct NeighbourTest : ::testing::Test
+{
+    NeighbourTest()
+    {
+        connect(unit.network(), "eth0", neighbour, "eth0");
+        unit.network().addAddress("eth0", "fd00::1/64");
+        neighbour.addAddress("eth0", "fd00::2/64");
+        unit.addInterface("eth0", "fd00::1");
+    }
+
+    LogCatcher log;
+    TestUnit unit{"unit"};
+    Namespace neighbour{"neighbour"};
+};
+
+/// The same with the unit started and the neighbour speaking.
+struct ListeningUnitTest : NeighbourTest
+{
+    ListeningUnitTest() { EXPECT_TRUE(unit.startup("fd00::1")); }
+
+    /// Offers a service that was not offered before; returns its name.
+    std::string sendProbe()
+    {
+        const std::string name = "Probe" + std::to_string(++m_probes);
+        speaker.send(Packets::offer(name));
+        return name;
+    }
+
+    bool isDiscovered(const std::string& name) const
+    {
+        return eventually([&] { return unit.registry().discovered(name) != 0; });
+    }
+
+    Speaker speaker{neighbour, "eth0", "fd00::2"};
+
+private:
+    int m_probes = 0;
+};
+
+}  // namespace Nubo::ServiceDiscovery::Testing

@@ -1,0 +1,122 @@
+#include "support/Packets.h"
+#include "zoo/Engine.h"
+#include "zoo/LogLimit.h"
+
+#include <algorithm>
+#include <chrono>
+#include <cstddef>
+#include <ostream>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+#include <time.h>
+
+namespace Nubo::ServiceDiscovery::Testing {
+
+namespace {
+
+using Milliseconds = std::chrono::duration<double, std::milli>;
+
+/// A kind of entry, and the options that all entries of the datagram refer to.
+struct EntryCase
+{
+    const char* name;
+    const char* type;
+    const char* runs;
+    std::string options;
+
+    friend void PrintTo(const EntryCase& row, std::ostream* stream) { *stream << row.name; }
+};
+
+Multicast::MulticastDataPtr datagramOf(std::size_t entries, const EntryCase& row)
+{
+    const Packets::Entry entry{row.type, row.runs};
+    std::string all;
+    for (std::size_t i = 0; i < entries; ++i)
+        all += entry.bytes();
+    return Packets::datagram(Packets::packet(all, row.options));
+}
+
+std::string thirtyOptions()
+{
+    std::string options = Packets::ipv6Option() + Packets::offerConfiguration("Media");
+    for (int i = 2; i < 30; ++i)
+        options += Packets::loadBalancingOption();
+    return options;
+}
+
+/// Processor time of the calling thread.
+Milliseconds threadTime()
+{
+    timespec time{};
+    ::clock_gettime(CLOCK_THREAD_CPUTIME_ID, &time);
+    return std::chrono::seconds(time.tv_sec) + std::chrono::nanoseconds(time.tv_nsec);
+}
+
+struct ManyEntriesTest : ::testing::TestWithParam<EntryCase>
+{
+    ManyEntriesTest() { engine.announceLocal(); }
+
+    /// The least of several times.
+    Milliseconds timeToHandle(std::size_t entries)
+    {
+        const Multicast::MulticastDataPtr datagram = datagramOf(entries, GetParam());
+        Milliseconds least = Milliseconds::max();
+        for (int i = 0; i < 7; ++i) {
+            const Milliseconds start = threadTime();
+            engine.handle(datagram);
+            least = std::min(least, threadTime() - start);
+        }
+        return least;
+    }
+
+    const LogLimit silence{LogLimit::none};
+    Engine engine;
+};
+
+/// What else a configuration has room for in the datagram: the same key again and again.
+std::string fullConfiguration(const std::string& name, const std::string& repeatedText)
+{
+    constexpr std::size_t room = 1200;
+    std::vector<std::string> texts{"l6proto=nubo", "otherserv=" + name, "txtvers=1", "version=1.0.0"};
+    texts.resize(texts.size() + room / (repeatedText.size() + 1), repeatedText);
+    return Packets::configurationOption(texts);
+}
+
+const std::string searchedLocal = Packets::configurationOption({"otherserv=Local"});
+const std::string searchedNobody = Packets::configurationOption({"otherserv=Nobody"});
+
+}  // namespace
+
+/// A datagram of 64 kB may cost the handler no more than as many small ones would.
+TEST_P(ManyEntriesTest, CostWhatEachOfThemCosts)
+{
+    const Milliseconds few = timeToHandle(400);
+    const Milliseconds many = timeToHandle(4000);
+
+    RecordProperty("milliseconds", std::to_string(many.count()));
+    EXPECT_LT(many / few, 15) << "4000 entries take " << many.count() << " ms, 400 take " << few.count();
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Kinds, ManyEntriesTest,
+    ::testing::Values(
+        EntryCase{"Offers", "01", "00 01 11", Packets::ipv6Option() + Packets::offerConfiguration("Media")},
+        EntryCase{"OffersWithAllOptionsTheyCanHave", "01", "00 0f ff", thirtyOptions()},
+        EntryCase{"OffersWithTheSameOptionThirtyTimes", "01", "00 00 ff", thirtyOptions()},
+        EntryCase{"OffersOfOptionsThatAreNotThere", "01", "ff ff ff", ""},
+        EntryCase{"OffersOfManyVersions", "01", "00 01 11",
+                  Packets::ipv6Option() + fullConfiguration("Media", "version")},
+        EntryCase{"OffersOfManyCategories", "01", "00 01 11",
+                  Packets::ipv6Option() + fullConfiguration("Media", "category")},
+        EntryCase{"OffersOfManyProtocols", "01", "00 01 11",
+                  Packets::ipv6Option() + fullConfiguration("Media", "l6proto")},
+        EntryCase{"SearchesForManyNames", "00", "00 00 01", fullConfiguration("Nobody", "otherserv=x")},
+        EntryCase{"SearchesForAServiceOfTheUnit", "00", "00 00 01", searchedLocal},
+        EntryCase{"SearchesForNobody", "00", "00 00 01", searchedNobody},
+        EntryCase{"SearchesWithAllOptionsTheyCanHave", "00", "00 0f ff", thirtyOptions()},
+        EntryCase{"SubscriptionsWithAllOptionsTheyCanHave", "06", "00 0f ff", thirtyOptions()}),
+    [](const auto& row) { return row.param.name; });
+
+}  // namespace Nubo::ServiceDiscovery::Testing
