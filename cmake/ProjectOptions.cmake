@@ -3,7 +3,9 @@
 option(KEL_SD_BUILD_TOOLS "Build the command-line tool nubo-sd" ON)
 option(KEL_SD_BUILD_TESTS "Build the tests" OFF)
 option(KEL_SD_BUILD_BENCHMARKS "Build the benchmarks" OFF)
+option(KEL_SD_BUILD_FUZZERS "Build the fuzz targets for libFuzzer; needs Clang" OFF)
 option(KEL_SD_WARNINGS_AS_ERRORS "Treat compiler warnings as errors" OFF)
+option(KEL_SD_HARDENING "Build with the compiler's and linker's protections against exploits" ON)
 set(KEL_SD_SANITIZE "" CACHE STRING "Sanitizers to build with: address,undefined or thread")
 option(KEL_SD_COVERAGE "Build for measuring test coverage" OFF)
 
@@ -15,6 +17,8 @@ set(CMAKE_RUNTIME_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/bin)
 set(CMAKE_LIBRARY_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/lib)
 set(CMAKE_ARCHIVE_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/lib)
 set(CMAKE_EXPORT_COMPILE_COMMANDS ON)
+# Also says the standard to each tool that reads the compile commands.
+set(CMAKE_CXX_EXTENSIONS OFF)
 
 # The requirements that every target of the project links.
 add_library(kel_sd_build INTERFACE)
@@ -31,9 +35,39 @@ if(KEL_SD_SANITIZE)
   target_link_options(kel_sd_build INTERFACE -fsanitize=${KEL_SD_SANITIZE})
 endif()
 
+if(KEL_SD_BUILD_FUZZERS)
+  target_compile_options(kel_sd_build INTERFACE -fsanitize=fuzzer-no-link)
+  # Clang puts the sanitizers' runtime into programs only: shared libraries find it there.
+  target_link_options(kel_sd_build INTERFACE $<$<STREQUAL:$<TARGET_PROPERTY:TYPE>,SHARED_LIBRARY>:-Wl,-z,undefs>)
+endif()
+
 if(KEL_SD_COVERAGE)
   target_compile_options(kel_sd_build INTERFACE --coverage -fprofile-update=atomic)
   target_link_options(kel_sd_build INTERFACE --coverage)
+endif()
+
+# The C library's checks need an optimised build, and would hide calls from the sanitizers.
+set(KEL_SD_FORTIFIED 0)
+if(KEL_SD_HARDENING AND NOT KEL_SD_SANITIZE)
+  set(KEL_SD_FORTIFIED $<CONFIG:Release,RelWithDebInfo,MinSizeRel>)
+endif()
+
+if(KEL_SD_HARDENING)
+  include(CheckPIESupported)
+  check_pie_supported()
+  set(CMAKE_POSITION_INDEPENDENT_CODE ON)
+  target_compile_definitions(kel_sd_build INTERFACE _GLIBCXX_ASSERTIONS)
+  target_compile_options(kel_sd_build INTERFACE
+    -fstack-protector-strong -fstack-clash-protection
+    $<${KEL_SD_FORTIFIED}:-U_FORTIFY_SOURCE;-D_FORTIFY_SOURCE=2>)
+  target_link_options(kel_sd_build INTERFACE -Wl,-z,relro,-z,now,-z,noexecstack)
+
+  # Jumps and returns go only to where the compiler meant them to go.
+  if(CMAKE_SYSTEM_PROCESSOR MATCHES "x86_64|AMD64")
+    target_compile_options(kel_sd_build INTERFACE -fcf-protection)
+  elseif(CMAKE_SYSTEM_PROCESSOR MATCHES "aarch64|arm64")
+    target_compile_options(kel_sd_build INTERFACE -mbranch-protection=standard)
+  endif()
 endif()
 
 # Gives a shared library its version and hides what it does not export.
