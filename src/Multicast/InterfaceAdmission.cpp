@@ -21,6 +21,11 @@ bool isIPv6Unicast(const IPAddress& address)
 
 }  // namespace
 
+std::string withoutScope(const std::string& ip)
+{
+    return ip.substr(0, ip.find('%'));
+}
+
 Admission admitInterface(const std::string& name, const std::string& ip, AdmittedInterface& admitted)
 {
     IPAddress address;

@@ -27,6 +27,9 @@ enum class Admission
     NoMulticast
 };
 
+/// The text without a "%scope": the report names the interface anyway, and the name may not exist any more.
+std::string withoutScope(const std::string& ip);
+
 /// Looks the reported interface up and checks it; on Admission::Good `admitted` is filled in.
 Admission admitInterface(const std::string& name, const std::string& ip, AdmittedInterface& admitted);
 

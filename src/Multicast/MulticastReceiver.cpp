@@ -2,6 +2,7 @@
 
 #include "DataLayer/Log.h"
 #include "LogicLayer/SDCommunicationHub.h"
+#include "Multicast/CloseOnExec.h"
 #include "Multicast/InterfaceAdmission.h"
 
 #include <KELUtilLib/DebugUtils.h>
@@ -66,6 +67,8 @@ Poco::Buffer<char> allocateFrame(DatagramSocket& socket, int size)
 /// run, a bound socket cannot be bound, a joined thread cannot be waited for with a limit.
 struct MulticastReceiver::Service
 {
+    Service() { closeOnExec(socket); }
+
     MulticastSocket socket{SocketAddress::IPv6};
     SocketReactor reactor{Poco::Timespan(0, pollTimeout)};
     Poco::Thread thread;
@@ -306,7 +309,7 @@ void MulticastReceiver::leaveGroupOnInterface_byIP(const std::string& name, cons
     Poco::FastMutex::ScopedLock lock(m_interfacesMutex);
     IPAddress address;
     try {
-        address = IPAddress(ip);
+        address = IPAddress(withoutScope(ip));
     }
     catch (const Poco::Exception& exception) {
         SD_LOG(Error) << "ServiceDiscovery failed to leave IPv6 Multicast Group on Interface " << quoted

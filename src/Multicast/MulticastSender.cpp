@@ -3,6 +3,7 @@
 #include "DataLayer/Log.h"
 #include "DataLayer/SDClock.h"
 #include "DataLayer/SOME_IP_SD/SOME_IP_SD_Option_IPv6.h"
+#include "Multicast/CloseOnExec.h"
 #include "Multicast/InterfaceAdmission.h"
 
 #include <Poco/Exception.h>
@@ -42,7 +43,8 @@ bool isNotUsableYet(const Poco::Exception& exception)
 auto isReported(const std::string& name, const std::string& ip)
 {
     return [&](const auto& interface) {
-        return interface.name == name && isSameAddress(IPAddress(interface.ip), IPAddress(ip));
+        return interface.name == name &&
+               isSameAddress(IPAddress(withoutScope(interface.ip)), IPAddress(withoutScope(ip)));
     };
 }
 
@@ -158,6 +160,7 @@ void MulticastSender::addInterface_byIP(const std::string& name, const std::stri
 void MulticastSender::unsafe_open(const AdmittedInterface& admitted)
 {
     SocketPtr socket = new MulticastSocket(SocketAddress(admitted.address, 0), false);
+    closeOnExec(*socket);
     socket->setInterface(admitted.interface);
     socket->setTimeToLive(hopLimit);
     socket->setLoopback(false);
@@ -223,7 +226,7 @@ void MulticastSender::removeInterface_byIP(const std::string& name, const std::s
     Poco::FastMutex::ScopedLock lock(m_interfacesMutex);
     IPAddress address;
     try {
-        address = IPAddress(ip);
+        address = IPAddress(withoutScope(ip));
     }
     catch (const Poco::Exception& exception) {
         SD_LOG(Error) << "ServiceDiscovery failed to remove Interface " << quoted

@@ -75,14 +75,17 @@ private:
     {
         Selection selection = selectInterfaces(wantedLinks(), m_reported);
         m_reported.swap(selection);
+        const auto gone = m_monitor.takeGoneAddresses();
+        const auto stays = [&](const Selection& others, int index, const ChosenInterface& one) {
+            const auto other = others.find(index);
+            return other != others.end() && other->second == one && gone.count({index, one.ip}) == 0;
+        };
         for (const auto& [index, before] : selection) {
-            const auto now = m_reported.find(index);
-            if (now == m_reported.end() || !(now->second == before))
+            if (!stays(m_reported, index, before))
                 m_dispatcher.reportRemoved(before.name, before.ip);
         }
         for (const auto& [index, now] : m_reported) {
-            const auto before = selection.find(index);
-            if (before == selection.end() || !(before->second == now))
+            if (!stays(selection, index, now))
                 m_dispatcher.reportAdded(now.name, now.ip);
         }
     }

@@ -25,10 +25,11 @@ void check(int result, const char* what)
         throw Poco::IOException(std::string("netlink: ") + what, nl_geterror(result));
 }
 
-nl_cache* addCache(nl_cache_mngr& manager, const char* name)
+nl_cache* addCache(nl_cache_mngr& manager, const char* name, change_func_t onChange = nullptr,
+                   void* data = nullptr)
 {
     nl_cache* cache = nullptr;
-    check(nl_cache_mngr_add(&manager, name, nullptr, nullptr, &cache), name);
+    check(nl_cache_mngr_add(&manager, name, onChange, data, &cache), name);
     return cache;
 }
 
@@ -47,24 +48,33 @@ void collectLink(nl_object* object, void* result)
     (*static_cast<Links*>(result))[rtnl_link_get_ifindex(link)].name = name ? name : "";
 }
 
+/// The bytes of an IPv6 address; null when it is none.
+const in6_addr* bytesOf(rtnl_addr* address)
+{
+    const nl_addr* local = rtnl_addr_get_local(address);
+    if (rtnl_addr_get_family(address) != AF_INET6 || !local || nl_addr_get_len(local) != sizeof(in6_addr))
+        return nullptr;
+    return static_cast<const in6_addr*>(nl_addr_get_binary_addr(local));
+}
+
+std::string textOf(const in6_addr& bytes)
+{
+    std::array<char, INET6_ADDRSTRLEN> text{};
+    return ::inet_ntop(AF_INET6, &bytes, text.data(), text.size());
+}
+
 void collectAddress(nl_object* object, void* result)
 {
     auto* address = reinterpret_cast<rtnl_addr*>(object);
     auto& links = *static_cast<Links*>(result);
     const auto link = links.find(rtnl_addr_get_ifindex(address));
-    if (rtnl_addr_get_family(address) != AF_INET6 || link == links.end())
-        return;
-    const nl_addr* local = rtnl_addr_get_local(address);
-    if (!local || nl_addr_get_len(local) != sizeof(in6_addr))
+    const in6_addr* bytes = bytesOf(address);
+    if (!bytes || link == links.end())
         return;
 
-    const auto* bytes = static_cast<const in6_addr*>(nl_addr_get_binary_addr(local));
     const unsigned flags = rtnl_addr_get_flags(address);
-    std::array<char, INET6_ADDRSTRLEN> text{};
-    ::inet_ntop(AF_INET6, bytes, text.data(), text.size());
-
     LinkAddress entry;
-    entry.text = text.data();
+    entry.text = textOf(*bytes);
     entry.isLinkLocal = IN6_IS_ADDR_LINKLOCAL(bytes);
     entry.isTentative = (flags & IFA_F_TENTATIVE) != 0;
     entry.isDuplicate = (flags & IFA_F_DADFAILED) != 0;
@@ -90,7 +100,7 @@ void NetlinkMonitor::open()
     check(nl_cache_mngr_alloc(nullptr, NETLINK_ROUTE, 0, &opened), "open");
     std::unique_ptr<nl_cache_mngr, Closer> manager(opened);
     nl_cache* links = addCache(*manager, "route/link");
-    nl_cache* addresses = addCache(*manager, "route/addr");
+    nl_cache* addresses = addCache(*manager, "route/addr", &NetlinkMonitor::onAddressChange, this);
     m_manager.swap(manager);
     m_links = links;
     m_addresses = addresses;
@@ -107,6 +117,20 @@ void NetlinkMonitor::update()
     if (m_isBehind)
         open();
     m_isBehind = false;
+}
+
+void NetlinkMonitor::onAddressChange(nl_cache* /*cache*/, nl_object* object, int action, void* monitor)
+{
+    auto* address = reinterpret_cast<rtnl_addr*>(object);
+    const in6_addr* bytes = bytesOf(address);
+    if (bytes && action == NL_ACT_DEL)
+        static_cast<NetlinkMonitor*>(monitor)->m_goneAddresses.emplace(rtnl_addr_get_ifindex(address),
+                                                                       textOf(*bytes));
+}
+
+NetlinkMonitor::Addresses NetlinkMonitor::takeGoneAddresses()
+{
+    return std::exchange(m_goneAddresses, {});
 }
 
 Links NetlinkMonitor::links() const

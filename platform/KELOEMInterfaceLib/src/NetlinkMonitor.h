@@ -3,9 +3,13 @@
 #include "InterfaceSelection.h"
 
 #include <memory>
+#include <set>
+#include <string>
+#include <utility>
 
 struct nl_cache;
 struct nl_cache_mngr;
+struct nl_object;
 
 namespace OEMInterface {
 
@@ -23,6 +27,13 @@ public:
     /// anew. Throws Poco::IOException when that fails.
     void update();
 
+    /// Addresses by interface index and text.
+    using Addresses = std::set<std::pair<int, std::string>>;
+
+    /// Addresses that have gone since the last call. They may be back: the kernel
+    /// tells both at once when it told faster than update() was called.
+    Addresses takeGoneAddresses();
+
     /// The links that may serve service discovery, with their IPv6 addresses.
     Links links() const;
 
@@ -33,7 +44,9 @@ private:
     };
 
     void open();
+    static void onAddressChange(nl_cache* cache, nl_object* object, int action, void* monitor);
 
+    Addresses m_goneAddresses;
     std::unique_ptr<nl_cache_mngr, Closer> m_manager;  // owns the caches
     bool m_isBehind = false;
     nl_cache* m_links = nullptr;
