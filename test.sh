@@ -150,10 +150,13 @@ lint)
     ;;
 coverage)
     scripts/setup.sh build test coverage
+    mkdir -p build-coverage
+    find build-coverage -name '*.gcda' -delete # what earlier runs have counted
     build
-    find build-coverage -name '*.gcda' -delete  # what earlier runs have counted
-    run_tests
+    outcome=0
+    run_tests || outcome=$?
     report_coverage
+    exit "$outcome"
     ;;
 *)
     scripts/setup.sh build test

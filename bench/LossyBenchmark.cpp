@@ -98,7 +98,6 @@ void print(int percent, const std::vector<double>& milliseconds)
         std::printf("  %5.1f /%5.1f", 100 * known / static_cast<double>(milliseconds.size()), 100 - unheard);
     }
     std::printf("  %6.0f  %6.0f\n", milliseconds.at(milliseconds.size() / 2), milliseconds.back());
-    std::fflush(stdout);
 }
 
 }  // namespace
@@ -107,6 +106,7 @@ int main(int argc, char** argv)
 {
     const int rounds = argc > 1 ? std::stoi(argv[1]) : 5;
     Logging::Log::Logger().setLevel(0);
+    ::setlinebuf(stdout);
     std::printf("Share of services known that long after they were added, in %%, measured / computed; ms\n");
     std::printf(" loss  services");
     for (const int due : dueTimes)

@@ -116,7 +116,7 @@ SoakUnit::SoakUnit(Model::Unit number, const Namespace& theSwitch, Model& model,
 {
     theSwitch.ip("link set port" + std::to_string(number + 1) + " master br0");
     m_network.addAddress(interfaceName, m_address + "/64");
-    for (unsigned generation : {0, 1}) {
+    for (const unsigned generation : {0u, 1u}) {
         for (std::size_t index = 0; index < services; ++index)
             m_model.introduce(m_number, service(index, generation));
     }

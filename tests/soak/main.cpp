@@ -15,6 +15,7 @@
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
+#include <exception>
 #include <fstream>
 #include <random>
 #include <string>
@@ -32,8 +33,8 @@ constexpr double mostDrift = 1;  // of the memory, in percent
 /// Chance alone makes shorter runs drift; sanitizers keep memory back.
 constexpr std::chrono::minutes shortestJudgedRun{5};
 
-/// Starts the program anew with an allocator that keeps nothing back for single threads: that would look like
-/// a leak for an hour, until every thread has its share.
+/// Starts the program anew with an allocator that sets no memory aside for single threads: until each has
+/// its share, that looks like a leak.
 void forgoCaches(char** arguments)
 {
     constexpr auto variable = "GLIBC_TUNABLES";
@@ -108,8 +109,9 @@ bool print(const SoakPlan& plan, const SoakReport& report)
 }  // namespace
 
 int main(int argc, char** argv)
-{
+try {
     forgoCaches(argv);
+    ::setlinebuf(stdout);
     double minutes = 0;
     std::uint32_t seed = std::random_device()();
     std::size_t units = 4;
@@ -129,10 +131,13 @@ int main(int argc, char** argv)
     Soak soak(plan, [&](const std::string& fault) {
         const std::chrono::duration<double> age = std::chrono::steady_clock::now() - begin;
         std::printf("%9.3f s  %s\n", age.count(), fault.c_str());
-        std::fflush(stdout);
     });
     const SoakReport report = soak.run();
     if (!samples.empty())
         writeSamples(samples, report);
     return print(plan, report) ? 0 : 1;
+}
+catch (const std::exception& exception) {
+    std::fprintf(stderr, "soak: %s\n", exception.what());
+    return 2;
 }

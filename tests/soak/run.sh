@@ -5,8 +5,8 @@
 set -eu
 cd "$(dirname "$0")/../.."
 
-build=build-soak
+folder=build-soak
 scripts/setup.sh build test
-cmake --preset release -B "$build" -DKEL_SD_BUILD_TESTS=ON >/dev/null
-cmake --build "$build" --target soak
-exec tests/support/in-namespace.sh "$build/bin/soak" "$@"
+cmake --preset release -B "$folder" -DKEL_SD_BUILD_TESTS=ON >/dev/null
+cmake --build "$folder" --target soak
+exec tests/support/in-namespace.sh "$folder/bin/soak" "$@"
