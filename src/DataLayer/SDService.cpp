@@ -58,6 +58,16 @@ std::string NuboServiceDescription::generateUri() const
     return generateUri(m_name, getIpAddressString(), m_ip6Port);
 }
 
+std::size_t NuboServiceDescription::getTextSize() const
+{
+    std::size_t size = m_name.size() + m_localUuid.size() + m_uri.size();
+    for (const auto* texts : {&m_versions, &m_categories}) {
+        for (const std::string& text : *texts)
+            size += sizeof(text) + text.size();
+    }
+    return size;
+}
+
 SDService::SDService(const NuboServiceDescription& description) : m_description(description)
 {
     setTTL(defaultTTL);
@@ -85,9 +95,9 @@ SDService::SDService(const std::string& name) : m_timeoutTimestamp(SDClock::now(
 }
 
 SDService::SDService(const SOME_IP_SD_Entry_Service& entry, const SOME_IP_SD_Option_IPv6& ipv6,
-                     const SOME_IP_SD_Option_Configuration& configuration)
+                     const SOME_IP_SD_Option_Configuration& configuration, Extent extent)
 {
-    fromSOMEIP(entry, ipv6, configuration);
+    fromSOMEIP(entry, ipv6, configuration, extent);
 }
 
 void SDService::setState(const State::State_t& state)
@@ -176,7 +186,7 @@ bool SDService::addPair(const std::string& key, const std::string& value)
 }
 
 void SDService::fromSOMEIP(const SOME_IP_SD_Entry_Service& entry, const SOME_IP_SD_Option_IPv6& ipv6,
-                           const SOME_IP_SD_Option_Configuration& configuration)
+                           const SOME_IP_SD_Option_Configuration& configuration, Extent extent)
 {
     if (!entry.isValid() || !ipv6.isValid() || !configuration.isValid()) {
         SD_LOG(Error) << "Failed to create service due to invalid "
@@ -207,6 +217,8 @@ void SDService::fromSOMEIP(const SOME_IP_SD_Entry_Service& entry, const SOME_IP_
         SD_LOG(Error) << "Failed to create service due to missing NuBo_Version!";
         refuse();
     }
+    if (extent == Extent::Instance)
+        return;
     for (auto version = versions.first; version != versions.second; ++version)
         m_description.addVersion(version->second);
 

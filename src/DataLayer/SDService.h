@@ -7,6 +7,7 @@
 #include <Poco/Net/IPAddress.h>
 #include <Poco/SharedPtr.h>
 
+#include <cstddef>
 #include <cstdint>
 #include <iosfwd>
 #include <string>
@@ -56,6 +57,9 @@ public:
 
     const std::string& getUri() const { return m_uri; }
     void setUri(const std::string& uri) { m_uri = uri; }
+
+    /// The memory that its texts take, in bytes.
+    std::size_t getTextSize() const;
 
     /// "http://[address]:port/name/", with the texts as given.
     static std::string generateUri(const std::string& name, const std::string& ipAddress,
@@ -123,11 +127,18 @@ public:
     /// A record that identifies a service by its name alone. Its deadline has passed from the start.
     explicit SDService(const std::string& name);
 
+    /// How much of a received offer a record takes in.
+    enum class Extent
+    {
+        Whole,
+        Instance  ///< without versions and categories, of which an offer may carry thousands
+    };
+
     /// A record of a received offer. Its instance ID is 0, whatever the entry carried: the state machine
     /// numbers what it discovers. Throws Poco::InvalidArgumentException, after an error line, when one of
-    /// the three is invalid or the configuration lacks a name or a version.
+    /// the three is invalid or the configuration lacks a name or a version, whatever the extent.
     SDService(const SOME_IP_SD_Entry_Service& entry, const SOME_IP_SD_Option_IPv6& ipv6,
-              const SOME_IP_SD_Option_Configuration& configuration);
+              const SOME_IP_SD_Option_Configuration& configuration, Extent extent = Extent::Whole);
 
     const NuboServiceDescription& getNuboDescription() const { return m_description; }
     void setNuboDescription(const NuboServiceDescription& description) { m_description = description; }
@@ -172,7 +183,7 @@ public:
 private:
     void fromNuboServiceDescription(const NuboServiceDescription& description);
     void fromSOMEIP(const SOME_IP_SD_Entry_Service& entry, const SOME_IP_SD_Option_IPv6& ipv6,
-                    const SOME_IP_SD_Option_Configuration& configuration);
+                    const SOME_IP_SD_Option_Configuration& configuration, Extent extent);
     void addVersion(const std::string& name, const std::string& version);
     void addFixedPairs(const std::string& name);
     bool addPair(const std::string& key, const std::string& value);

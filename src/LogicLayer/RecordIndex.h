@@ -17,8 +17,9 @@ namespace Nubo::ServiceDiscovery {
 /// Finds the records of a workload by name, or by name and endpoint, without a walk over all of them.
 ///
 /// It stands beside the workload, which is the truth: whoever puts a record into the one or takes it out
-/// does so with the other. Records are found in the workload's order: by the time at which they fall due,
-/// equal times in the order of insertion. A null record is not kept.
+/// does so with the other, and changes neither name, endpoint nor texts of a record between. Records are
+/// found in the workload's order: by the time at which they fall due, equal times in the order of insertion.
+/// A null record is not kept.
 class RecordIndex
 {
 public:
@@ -30,6 +31,7 @@ public:
         insert(m_byName[nameOf(record)], record, due);
         insert(m_byInstance[instanceOf(record)], record, due);
         ++m_size;
+        m_textSize += record->getNuboDescription().getTextSize();
     }
 
     void erase(const SDService::Ptr& record)
@@ -38,11 +40,15 @@ public:
             return;
         erase(m_byInstance, instanceOf(record), record);
         --m_size;
+        m_textSize -= record->getNuboDescription().getTextSize();
     }
 
     /// How many records it holds. When the workload holds another number, somebody has changed the workload
     /// alone, and the index is of no use.
     std::size_t size() const { return m_size; }
+
+    /// The memory that the texts of all its records take, in bytes.
+    std::size_t textSize() const { return m_textSize; }
 
     /// Whether records of that identity can be found here: those that have a name.
     static bool canFind(const ServiceIdentity& identity) { return !identity.name.isNull(); }
@@ -125,6 +131,7 @@ private:
     RecordsByKey m_byName;
     RecordsByKey m_byInstance;
     std::size_t m_size = 0;
+    std::size_t m_textSize = 0;
 };
 
 }  // namespace Nubo::ServiceDiscovery

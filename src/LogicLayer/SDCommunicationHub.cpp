@@ -91,6 +91,58 @@ SOME_IP_SD_Option::Ptr makeEndpoint(const NuboServiceDescription& description)
                                       description.getL4Proto());
 }
 
+/// The values that a configuration has for one key, where they lie: a neighbour may send thousands of them,
+/// and refer to them from thousands of entries.
+class ValuesOf
+{
+public:
+    ValuesOf(const SOME_IP_SD_Option_Configuration& configuration, const std::string& key)
+        : m_pairs(configuration.getConfigurationPairs())
+        , m_key(key)
+        , m_first(m_pairs.lower_bound(key))
+    {}
+
+    bool empty() const { return !isOfKey(m_first); }
+    bool isOne() const { return !empty() && !isOfKey(std::next(m_first)); }
+    const std::string& first() const { return m_first->second; }
+    std::size_t count() const { return m_pairs.count(m_key); }  ///< takes time for each
+
+private:
+    bool isOfKey(ConfigurationPairs::const_iterator pair) const
+    {
+        return pair != m_pairs.end() && pair->first == m_key;
+    }
+
+    const ConfigurationPairs& m_pairs;
+    const std::string& m_key;
+    const ConfigurationPairs::const_iterator m_first;
+};
+
+bool isOnly(const ValuesOf& values, const std::string& expected, const char* what)
+{
+    if (!values.isOne()) {
+        SD_LOG(Debug) << "Skip processing OFFER_SERVICE due to invalid number " << what
+                      << "s: " << values.count();
+        return false;
+    }
+    if (values.first() != expected) {
+        SD_LOG(Debug) << "Skip processing OFFER_SERVICE due to invalid " << what << ": \"" << values.first()
+                      << "\"!";
+        return false;
+    }
+    return true;
+}
+
+/// Also when it is one of IPv4 in the form of IPv6 (RFC 4291, 2.5.5.2), which leads to this unit as well.
+bool isLoopback(const Poco::Net::IPAddress& ip)
+{
+    if (!ip.isIPv4Mapped())
+        return ip.isLoopback();
+    constexpr std::size_t firstOfIPv4 = 12;
+    constexpr std::uint8_t loopbackNet = 127;
+    return static_cast<const std::uint8_t*>(ip.addr())[firstOfIPv4] == loopbackNet;
+}
+
 void require(bool added)
 {
     if (!added)
@@ -348,18 +400,17 @@ void SDCommunicationHub::onFindServiceReceived(SDRequestHandler::FindServicePayl
     if (!extractFindServiceOptions(payload.entryData.options, configuration, loadBalancing))
         return;
 
-    std::vector<std::string> names;
-    configuration->getAllValues(OptionKeywords::NuBo_Servicename, names);
+    const ValuesOf names(*configuration, OptionKeywords::NuBo_Servicename);
     if (names.empty()) {
         SD_LOG(Error) << "Failed to handle FIND_SERVICE due to missing name record in Configuration Option!";
         return;
     }
-    if (names.size() > 1)
+    if (!names.isOne())
         SD_LOG(Warning)
             << "Found multiple names while handling FIND_SERVICE Configuration Option, using first: \""
-            << names.front() << "\" !";
+            << names.first() << "\" !";
     try {
-        Event event(Event::SOMEIP_FIND, new SDService(names.front()));
+        Event event(Event::SOMEIP_FIND, new SDService(names.first()));
         m_statemachine.onExternalEvent(event);
         payload.result = true;
     }
@@ -385,41 +436,28 @@ void SDCommunicationHub::onOfferServiceReceived(SDRequestHandler::OfferServicePa
         return;
 
     // Offers of other protocols on the same group are normal traffic.
-    std::vector<std::string> values;
-    configuration->getAllValues(OptionKeywords::NuBo_ApplProtocolKey, values);
-    if (values.size() != 1) {
-        SD_LOG(Debug) << "Skip processing OFFER_SERVICE due to invalid number Applicationprotocols: "
-                      << values.size();
+    if (!isOnly(ValuesOf(*configuration, OptionKeywords::NuBo_ApplProtocolKey),
+                OptionKeywords::NuBo_ApplProtocolValue, "Applicationprotocol") ||
+        !isOnly(ValuesOf(*configuration, OptionKeywords::NuBo_RecordVersionKey),
+                OptionKeywords::NuBo_RecordVersionValue, "TXT-record version"))
         return;
-    }
-    if (values.front() != OptionKeywords::NuBo_ApplProtocolValue) {
-        SD_LOG(Debug) << "Skip processing OFFER_SERVICE due to invalid Applicationprotocol: \""
-                      << values.front() << "\"!";
-        return;
-    }
-    values.clear();
-    configuration->getAllValues(OptionKeywords::NuBo_RecordVersionKey, values);
-    if (values.size() != 1) {
-        SD_LOG(Debug) << "Skip processing OFFER_SERVICE due to invalid number TXT-record versions: "
-                      << values.size();
-        return;
-    }
-    if (values.front() != OptionKeywords::NuBo_RecordVersionValue) {
-        SD_LOG(Debug) << "Skip processing OFFER_SERVICE due to invalid TXT-record version: \""
-                      << values.front() << "\"!";
-        return;
-    }
 
     try {
-        SDService::Ptr service = new SDService(*entry, *ipv6, *configuration);
+        SDService::Ptr service = new SDService(*entry, *ipv6, *configuration, SDService::Extent::Instance);
         const Poco::Net::IPAddress& ip = service->getNuboDescription().getIpAddress();
-        if (ip.isWildcard() || ip.isLoopback()) {
+        if (ip.isWildcard() || isLoopback(ip)) {
             SD_LOG(Error) << "Failed to handle OFFER_SERVICE due to invalid IP address \"" << ip.toString()
                           << "\".";
             return;
         }
-        Event event(service->getTTL() == 0 ? Event::SOMEIP_STOPOFFER : Event::SOMEIP_OFFER, service);
-        m_statemachine.onExternalEvent(event);
+        if (service->getTTL() == 0) {
+            Event event(Event::SOMEIP_STOPOFFER, service);
+            m_statemachine.onExternalEvent(event);
+        }
+        else if (!m_statemachine.renew(*service)) {
+            Event event(Event::SOMEIP_OFFER, new SDService(*entry, *ipv6, *configuration));
+            m_statemachine.onExternalEvent(event);
+        }
         payload.result = true;
     }
     catch (const Poco::Exception& exception) {

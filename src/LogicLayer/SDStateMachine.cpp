@@ -447,8 +447,13 @@ bool SDStateMachine::handleOFFER(ExternalEvent& event)
     return true;
 }
 
-/// Lets the time of a known instance begin anew. That is what nearly every offer is about, and costs the same
-/// however many instances there are.
+bool SDStateMachine::renew(const SDService& offered)
+{
+    Poco::FastMutex::ScopedLock lock(m_workloadMutex);
+    return unsafe_renew(offered);
+}
+
+/// Costs the same however many instances there are.
 bool SDStateMachine::unsafe_renew(const SDService& offered)
 {
     ServicesContainer aperiodic;
@@ -745,12 +750,13 @@ bool SDStateMachine::unsafe_announce(SDService::Ptr& service, unsigned short ins
 /// Tells the registry of a discovered service and takes it in under the identifier that it gives back.
 bool SDStateMachine::unsafe_discover(SDService::Ptr& service, unsigned short instanceID)
 {
-    if (m_periodicWorkload.size() >= largestWorkload) {
+    const std::size_t text = m_periodicIndex.textSize() + service->getNuboDescription().getTextSize();
+    if (m_periodicWorkload.size() >= largestWorkload || text > mostText) {
         m_refusals.add();
         if (const std::uint64_t refused = m_refusals.takeReport())
             SD_LOG(Warning) << "SDStateMachine::handleOFFER: " << refused
-                            << " offer(s) of new Services refused, at most " << largestWorkload
-                            << " can be known!";
+                            << " offer(s) of new Services refused, at most " << largestWorkload << " with "
+                            << mostText << " Bytes of text can be known!";
         return false;
     }
     setTypeAndState(service, Type::DISCOVERED, State::MAIN_PHASE);

@@ -40,9 +40,10 @@ public:
     using AperiodicServicesContainer = Nubo::ServiceDiscovery::AperiodicServicesContainer;
     using ServicesContainer = Nubo::ServiceDiscovery::ServicesContainer;
 
-    /// While the periodic workload holds so many records, no further service is discovered: what the
-    /// neighbours offer must not fill the unit's memory.
+    /// While the periodic workload holds so many records, or so many bytes of texts in them, no further
+    /// service is discovered: what the neighbours offer must not fill the unit's memory.
     static constexpr std::size_t largestWorkload = 131072;
+    static constexpr std::size_t mostText = 64 * 1024 * 1024;
 
     struct ExternalEvent
     {
@@ -85,6 +86,10 @@ public:
     bool handleFIND(ExternalEvent& event);
     bool handleOFFER(ExternalEvent& event);
     bool handleSTOPOFFER(ExternalEvent& event);
+
+    /// Lets the time-to-live of the instance that is offered begin anew; false if it is not known. That is
+    /// what nearly every offer is about, and needs neither its versions nor its categories.
+    bool renew(const SDService& offered);
 
     /// Whether an offered service may be taken in. Everything may; a refusal would go into the unit's event
     /// memory.

@@ -33,12 +33,12 @@ struct SDServiceFromOfferTest : ::testing::Test
         fields.ttl = 3;
     }
 
-    SDService make() const
+    SDService make(SDService::Extent extent = SDService::Extent::Whole) const
     {
         return SDService(
             SOME_IP_SD_Entry_Service(fields, 2),
             SOME_IP_SD_Option_IPv6(OptionType::IP6_ENDPOINT, address, port, OptionL4Protocol::UDP),
-            SOME_IP_SD_Option_Configuration(pairs));
+            SOME_IP_SD_Option_Configuration(pairs), extent);
     }
 
     LogCatcher log;
@@ -271,5 +271,34 @@ INSTANTIATE_TEST_SUITE_P(
                      "Error: Failed to create service due to invalid Service Entry IPv6 Option "
                      "Configuration Option"}),
     [](const auto& row) { return row.param.name; });
+
+TEST_F(SDServiceFromOfferTest, InstanceIsWhatTheWholeOfferSaysWithoutItsLists)
+{
+    pairs = {{"otherserv", "Media"}, {"version", "1.0.0"}, {"category", "Audio"}};
+
+    const SDService instance = make(SDService::Extent::Instance);
+
+    const NuboServiceDescription& description = instance.getNuboDescription();
+    EXPECT_EQ(instance.getServiceId(), 0xFFFE);
+    EXPECT_EQ(instance.getTTL(), 3u);
+    EXPECT_EQ(description.getName(), "Media");
+    EXPECT_EQ(description.getIpAddressString(), "fd00::1");
+    EXPECT_EQ(description.getPort(), 8080);
+    EXPECT_EQ(description.getL4Proto(), OptionL4Protocol::UDP);
+    EXPECT_THAT(description.getVersions(), IsEmpty());
+    EXPECT_THAT(description.getCategories(), IsEmpty());
+}
+
+TEST_F(SDServiceFromOfferTest, InstanceIsRefusedForWhatTheWholeOfferIsRefused)
+{
+    pairs = {{"otherserv", "Media"}};
+    EXPECT_THROW(make(SDService::Extent::Instance), Poco::InvalidArgumentException);
+
+    pairs = {{"version", "1.0.0"}};
+    EXPECT_THROW(make(SDService::Extent::Instance), Poco::InvalidArgumentException);
+
+    EXPECT_THAT(log.lines(), ElementsAre("Error: Failed to create service due to missing NuBo_Version!",
+                                         "Error: Failed to create service due to missing NuBo_Servicename!"));
+}
 
 }  // namespace Nubo::ServiceDiscovery::Testing

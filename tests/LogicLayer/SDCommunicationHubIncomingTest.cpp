@@ -242,7 +242,10 @@ INSTANTIATE_TEST_SUITE_P(
                     "Error: Failed to handle OFFER_SERVICE due to invalid IP address \"::\"."},
         RefusalCase{"LoopbackAddress",
                     {ipv6Option("00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 01"), media},
-                    "Error: Failed to handle OFFER_SERVICE due to invalid IP address \"::1\"."}),
+                    "Error: Failed to handle OFFER_SERVICE due to invalid IP address \"::1\"."},
+        RefusalCase{"LoopbackAddressOfIPv4",
+                    {ipv6Option("00 00 00 00 00 00 00 00 00 00 ff ff 7f 01 02 03"), media},
+                    "Error: Failed to handle OFFER_SERVICE due to invalid IP address \"::ffff:127.1.2.3\"."}),
     rowName);
 
 TEST_F(SDCommunicationHubIncomingTest, OptionsThatWereFoundAreListedInAFixedOrder)

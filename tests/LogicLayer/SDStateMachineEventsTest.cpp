@@ -1091,12 +1091,30 @@ TEST_F(SDStateMachineEventsTest, OfferUnderAnotherServiceIDIsOfTheSameInstance)
     EXPECT_THAT(log.complaints(), IsEmpty());
 }
 
+namespace {
+
+std::string refusals(const std::string& count)
+{
+    return "Warning: SDStateMachine::handleOFFER: " + count +
+           " offer(s) of new Services refused, at most 131072 with 67108864 Bytes of text can be known!";
+}
+
+/// An offer that says much about its service.
+SDService::Ptr offeredWithCategories(const std::string& name, std::size_t count)
+{
+    NuboServiceDescription description = describe(name, "fd00::2");
+    const std::string category(std::size_t{1024} - sizeof(std::string), 'c');
+    for (std::size_t i = 0; i < count; ++i)
+        description.addCategory(category);
+    SDService::Ptr service = new SDService(describe(name, "fd00::2"));
+    service->setNuboDescription(description);
+    return service;
+}
+
+}  // namespace
+
 TEST_F(SDStateMachineEventsTest, WorkloadThatIsFullTakesInNoFurtherService)
 {
-    const auto refusals = [](const std::string& count) {
-        return "Warning: SDStateMachine::handleOFFER: " + count +
-               " offer(s) of new Services refused, at most 131072 can be known!";
-    };
     EXPECT_TRUE(offer(offered("Known")));
     const SDService::Ptr filler = makeRecord(Type::DISCOVERED, State::MAIN_PHASE, "Filler");
     while (machine.periodic().size() < 131072)
@@ -1114,6 +1132,34 @@ TEST_F(SDStateMachineEventsTest, WorkloadThatIsFullTakesInNoFurtherService)
 
     EXPECT_TRUE(stopOffer(offered("Known")));
     EXPECT_TRUE(offer(offered("New"))) << "there is room again";
+}
+
+TEST_F(SDStateMachineEventsTest, TextsOfKnownServicesAreBoundedTogether)
+{
+    constexpr std::size_t kilobytes = 16 * 1024;
+    for (const char* name : {"First", "Second", "Third"})
+        EXPECT_TRUE(offer(offeredWithCategories(name, kilobytes)));
+
+    EXPECT_FALSE(offer(offeredWithCategories("Fourth", kilobytes)));
+    EXPECT_THAT(log.complaints(), ElementsAre(refusals("1")));
+    EXPECT_TRUE(offer(offered("Fourth"))) << "there is room for a smaller one";
+
+    EXPECT_TRUE(stopOffer(offered("Second")));
+    EXPECT_TRUE(offer(offeredWithCategories("Fifth", kilobytes)));
+    EXPECT_FALSE(offer(offeredWithCategories("Sixth", kilobytes)));
+}
+
+TEST_F(SDStateMachineEventsTest, KnownInstanceIsRenewedWithoutAnEvent)
+{
+    EXPECT_TRUE(offer(offered("Media", "fd00::2", 8080, 300)));
+    log.clear();
+
+    EXPECT_TRUE(machine.renew(*offered("Media", "fd00::2", 8080, 400)));
+    EXPECT_FALSE(machine.renew(*offered("Media", "fd00::3", 8080, 400)));
+
+    EXPECT_EQ(machine.periodic().front()->getTTL(), 400u);
+    EXPECT_THAT(log.lines(), ElementsAre("Trace: SDStateMachine::handleOFFER: re-set TTL of Discovered "
+                                         "\"Media\" with instance #1"));
 }
 
 }  // namespace Nubo::ServiceDiscovery::Testing

@@ -25,13 +25,14 @@ struct EntryCase
     const char* type;
     const char* runs;
     std::string options;
+    const char* ttl = "00 00 78";
 
     friend void PrintTo(const EntryCase& row, std::ostream* stream) { *stream << row.name; }
 };
 
 Multicast::MulticastDataPtr datagramOf(std::size_t entries, const EntryCase& row)
 {
-    const Packets::Entry entry{row.type, row.runs};
+    const Packets::Entry entry{row.type, row.runs, "00 01", row.ttl};
     std::string all;
     for (std::size_t i = 0; i < entries; ++i)
         all += entry.bytes();
@@ -59,9 +60,9 @@ struct ManyEntriesTest : ::testing::TestWithParam<EntryCase>
     ManyEntriesTest() { engine.announceLocal(); }
 
     /// The least of several times.
-    Milliseconds timeToHandle(std::size_t entries)
+    Milliseconds timeToHandle(std::size_t entries, const EntryCase& row = GetParam())
     {
-        const Multicast::MulticastDataPtr datagram = datagramOf(entries, GetParam());
+        const Multicast::MulticastDataPtr datagram = datagramOf(entries, row);
         Milliseconds least = Milliseconds::max();
         for (int i = 0; i < 7; ++i) {
             const Milliseconds start = threadTime();
@@ -75,10 +76,10 @@ struct ManyEntriesTest : ::testing::TestWithParam<EntryCase>
     Engine engine;
 };
 
-/// What else a configuration has room for in the datagram: the same key again and again.
-std::string fullConfiguration(const std::string& name, const std::string& repeatedText)
+/// What else a configuration has room for: the same key again and again.
+std::string fullConfiguration(const std::string& name, const std::string& repeatedText,
+                              std::size_t room = 1200)
 {
-    constexpr std::size_t room = 1200;
     std::vector<std::string> texts{"l6proto=nubo", "otherserv=" + name, "txtvers=1", "version=1.0.0"};
     texts.resize(texts.size() + room / (repeatedText.size() + 1), repeatedText);
     return Packets::configurationOption(texts);
@@ -98,6 +99,38 @@ TEST_P(ManyEntriesTest, CostWhatEachOfThemCosts)
     RecordProperty("milliseconds", std::to_string(many.count()));
     EXPECT_LT(many / few, 15) << "4000 entries take " << many.count() << " ms, 400 take " << few.count();
 }
+
+using LargeConfigurationTest = ManyEntriesTest;
+
+/// Half of a datagram of 64 kB may be one configuration that each entry in the other half refers to.
+TEST_P(LargeConfigurationTest, IsNotReadForEachEntryThatRefersToIt)
+{
+    const EntryCase& row = GetParam();
+    const std::string repeatedText = row.options;
+    const auto withConfiguration = [&](std::size_t room) {
+        const bool isOffer = std::string(row.type) == "01";
+        const std::string name = isOffer ? "Media" : "Nobody";
+        return EntryCase{row.name, row.type, row.runs,
+                         Packets::ipv6Option() + fullConfiguration(name, repeatedText, room), row.ttl};
+    };
+    const Milliseconds parsing = timeToHandle(1, withConfiguration(30000));
+    const Milliseconds small = timeToHandle(2000, withConfiguration(100));
+    const Milliseconds large = timeToHandle(2000, withConfiguration(30000));
+
+    RecordProperty("milliseconds", std::to_string(large.count()));
+    EXPECT_LT(large / (parsing + small), 3)
+        << "2000 entries take " << large.count() << " ms, " << small.count()
+        << " with a small configuration, that takes " << parsing.count();
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Texts, LargeConfigurationTest,
+    ::testing::Values(EntryCase{"OffersOfManyVersions", "01", "00 01 11", "version=1"},
+                      EntryCase{"StopOffersOfManyVersions", "01", "00 01 11", "version", "00 00 00"},
+                      EntryCase{"OffersOfManyCategories", "01", "00 01 11", "category"},
+                      EntryCase{"OffersOfManyProtocols", "01", "00 01 11", "l6proto"},
+                      EntryCase{"SearchesForManyNames", "00", "00 01 01", "otherserv=x"}),
+    [](const auto& row) { return row.param.name; });
 
 INSTANTIATE_TEST_SUITE_P(
     Kinds, ManyEntriesTest,

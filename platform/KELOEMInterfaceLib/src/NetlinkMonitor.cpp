@@ -82,6 +82,14 @@ void collectAddress(nl_object* object, void* result)
     link->second.addresses.push_back(entry);
 }
 
+void collectGone(nl_object* object, void* result)
+{
+    auto* address = reinterpret_cast<rtnl_addr*>(object);
+    if (const in6_addr* bytes = bytesOf(address))
+        static_cast<NetlinkMonitor::Addresses*>(result)->emplace(rtnl_addr_get_ifindex(address),
+                                                                 textOf(*bytes));
+}
+
 }  // namespace
 
 void NetlinkMonitor::Closer::operator()(nl_cache_mngr* manager) const
@@ -114,18 +122,18 @@ int NetlinkMonitor::descriptor() const
 void NetlinkMonitor::update()
 {
     m_isBehind = m_isBehind || nl_cache_mngr_data_ready(m_manager.get()) < 0;
-    if (m_isBehind)
-        open();
+    if (!m_isBehind)
+        return;
+    // Any of them may have gone and come back in what the kernel could not tell.
+    nl_cache_foreach(m_addresses, collectGone, &m_goneAddresses);
+    open();
     m_isBehind = false;
 }
 
 void NetlinkMonitor::onAddressChange(nl_cache* /*cache*/, nl_object* object, int action, void* monitor)
 {
-    auto* address = reinterpret_cast<rtnl_addr*>(object);
-    const in6_addr* bytes = bytesOf(address);
-    if (bytes && action == NL_ACT_DEL)
-        static_cast<NetlinkMonitor*>(monitor)->m_goneAddresses.emplace(rtnl_addr_get_ifindex(address),
-                                                                       textOf(*bytes));
+    if (action == NL_ACT_DEL)
+        collectGone(object, &static_cast<NetlinkMonitor*>(monitor)->m_goneAddresses);
 }
 
 NetlinkMonitor::Addresses NetlinkMonitor::takeGoneAddresses()

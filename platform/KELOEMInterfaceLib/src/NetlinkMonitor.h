@@ -24,14 +24,15 @@ public:
     int descriptor() const;
 
     /// Takes in what the kernel has told. When it told more than the socket could hold, everything is read
-    /// anew. Throws Poco::IOException when that fails.
+    /// anew, and every address that was there before counts as gone meanwhile. Throws Poco::IOException when
+    /// that fails.
     void update();
 
     /// Addresses by interface index and text.
     using Addresses = std::set<std::pair<int, std::string>>;
 
-    /// Addresses that have gone since the last call. They may be back: the kernel
-    /// tells both at once when it told faster than update() was called.
+    /// Addresses that have gone since the last call. They may be back: the kernel tells both at once when it
+    /// told faster than update() was called.
     Addresses takeGoneAddresses();
 
     /// The links that may serve service discovery, with their IPv6 addresses.
