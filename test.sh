@@ -14,6 +14,8 @@ UndefinedBehaviorSanitizer, and runs all tests.
   --coverage   build and run without sanitizers, and tell how much of src/ the tests
                run; below the goal the exit code is 1. build-coverage/coverage.html
                shows each line
+  --fuzz       run no tests, but every fuzz target for some seconds; fuzz/run.sh does
+               more
   --lint       run no tests, but clang-format, shellcheck, cppcheck and clang-tidy.
                clang-tidy leaves tests/ out, which would take as long as all the rest:
                -k tests/ checks them
@@ -32,7 +34,7 @@ pattern=
 jobs=$(nproc)
 while [ $# -gt 0 ]; do
     case "$1" in
-    --tsan | --coverage | --lint) form=${1#--} ;;
+    --tsan | --coverage | --fuzz | --lint) form=${1#--} ;;
     -k | -j)
         [ $# -ge 2 ] || { echo "test.sh: $1 needs a value" >&2 && exit 2; }
         if [ "$1" = -k ]; then pattern=$2; else jobs=$2; fi
@@ -144,6 +146,9 @@ check() {
 uncoloured() { sed 's/\x1b\[[0-9;]*m//g' "$1"; }
 
 case "$form" in
+fuzz)
+    fuzz/run.sh --smoke -j "$jobs"
+    ;;
 lint)
     scripts/setup.sh build test lint
     lint
