@@ -63,7 +63,7 @@ std::size_t NuboServiceDescription::getTextSize() const
     std::size_t size = m_name.size() + m_localUuid.size() + m_uri.size();
     for (const auto* texts : {&m_versions, &m_categories}) {
         for (const std::string& text : *texts)
-            size += sizeof(text) + text.size();
+            size += sizeof(std::string) + text.size();
     }
     return size;
 }

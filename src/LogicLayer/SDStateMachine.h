@@ -43,7 +43,7 @@ public:
     /// While the periodic workload holds so many records, or so many bytes of texts in them, no further
     /// service is discovered: what the neighbours offer must not fill the unit's memory.
     static constexpr std::size_t largestWorkload = 131072;
-    static constexpr std::size_t mostText = 64 * 1024 * 1024;
+    static constexpr std::size_t mostText = std::size_t{64} * 1024 * 1024;
 
     struct ExternalEvent
     {
