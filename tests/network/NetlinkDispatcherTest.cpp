@@ -588,7 +588,7 @@ TEST_F(NetlinkDispatcherTest, WhatTheKernelCouldNotTellIsReadAnew)
     EXPECT_THAT(reported(), ElementsAre("+eth0 fd00::1", "-eth0 fd00::1", "+eth1 fd01::1"));
 }
 
-TEST_F(NetlinkDispatcherTest, AddressThatStandsIsReportedAnewBecauseItMayHaveBeenAway)
+TEST_F(NetlinkDispatcherTest, AddressThatWasMadeAnewInWhatTheKernelCouldNotTellIsReportedAnew)
 {
     follow();
     reports->onReport([&] { gate.pass(); });
@@ -596,10 +596,27 @@ TEST_F(NetlinkDispatcherTest, AddressThatStandsIsReportedAnewBecauseItMayHaveBee
     ASSERT_TRUE(eventually([&] { return gate.isReached(); }));
 
     tellTooMuch();
+    ip("address delete fd00::1/64 dev eth0");
+    network.here.addAddress("eth0", "fd00::1/64");
     gate.open();
 
     EXPECT_TRUE(reports->come(3));
     EXPECT_THAT(reported(), ElementsAre("+eth0 fd00::1", "-eth0 fd00::1", "+eth0 fd00::1"));
+}
+
+TEST_F(NetlinkDispatcherTest, AddressThatStandsIsNotReportedAnewWhenTheKernelCouldNotTellAll)
+{
+    follow();
+    reports->onReport([&] { gate.pass(); });
+    network.link("eth0", "fd00::1");
+    ASSERT_TRUE(eventually([&] { return gate.isReached(); }));
+
+    tellTooMuch();
+    network.link("eth1", "fd01::1");
+    gate.open();
+
+    EXPECT_TRUE(reports->come(2));
+    EXPECT_THAT(reported(), ElementsAre("+eth0 fd00::1", "+eth1 fd01::1"));
 }
 
 #ifndef __SANITIZE_ADDRESS__

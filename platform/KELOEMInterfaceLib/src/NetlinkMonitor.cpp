@@ -4,6 +4,8 @@
 
 #include <array>
 #include <cerrno>
+#include <cstdint>
+#include <map>
 
 #include <arpa/inet.h>
 #include <linux/if_addr.h>
@@ -82,12 +84,29 @@ void collectAddress(nl_object* object, void* result)
     link->second.addresses.push_back(entry);
 }
 
-void collectGone(nl_object* object, void* result)
+using AddressKey = std::pair<int, std::string>;
+
+/// When each address was made, by the kernel's clock.
+using CreationTimes = std::map<AddressKey, std::uint32_t>;
+
+AddressKey keyOf(rtnl_addr* address, const in6_addr& bytes)
+{
+    return {rtnl_addr_get_ifindex(address), textOf(bytes)};
+}
+
+void collectCreationTime(nl_object* object, void* result)
 {
     auto* address = reinterpret_cast<rtnl_addr*>(object);
     if (const in6_addr* bytes = bytesOf(address))
-        static_cast<NetlinkMonitor::Addresses*>(result)->emplace(rtnl_addr_get_ifindex(address),
-                                                                 textOf(*bytes));
+        static_cast<CreationTimes*>(result)->emplace(keyOf(address, *bytes),
+                                                     rtnl_addr_get_create_time(address));
+}
+
+CreationTimes creationTimes(nl_cache* addresses)
+{
+    CreationTimes times;
+    nl_cache_foreach(addresses, collectCreationTime, &times);
+    return times;
 }
 
 }  // namespace
@@ -124,16 +143,24 @@ void NetlinkMonitor::update()
     m_isBehind = m_isBehind || nl_cache_mngr_data_ready(m_manager.get()) < 0;
     if (!m_isBehind)
         return;
-    // Any of them may have gone and come back in what the kernel could not tell.
-    nl_cache_foreach(m_addresses, collectGone, &m_goneAddresses);
+    const CreationTimes before = creationTimes(m_addresses);
     open();
     m_isBehind = false;
+    // What the kernel could not tell shows in when an address was made: a new one may look like one before.
+    const CreationTimes now = creationTimes(m_addresses);
+    for (const auto& [address, time] : before) {
+        const auto standing = now.find(address);
+        if (standing == now.end() || standing->second != time)
+            m_goneAddresses.insert(address);
+    }
 }
 
 void NetlinkMonitor::onAddressChange(nl_cache* /*cache*/, nl_object* object, int action, void* monitor)
 {
-    if (action == NL_ACT_DEL)
-        collectGone(object, &static_cast<NetlinkMonitor*>(monitor)->m_goneAddresses);
+    auto* address = reinterpret_cast<rtnl_addr*>(object);
+    const in6_addr* bytes = bytesOf(address);
+    if (bytes && action == NL_ACT_DEL)
+        static_cast<NetlinkMonitor*>(monitor)->m_goneAddresses.insert(keyOf(address, *bytes));
 }
 
 NetlinkMonitor::Addresses NetlinkMonitor::takeGoneAddresses()

@@ -24,8 +24,7 @@ public:
     int descriptor() const;
 
     /// Takes in what the kernel has told. When it told more than the socket could hold, everything is read
-    /// anew, and every address that was there before counts as gone meanwhile. Throws Poco::IOException when
-    /// that fails.
+    /// anew. Throws Poco::IOException when that fails.
     void update();
 
     /// Addresses by interface index and text.
