@@ -1,5 +1,6 @@
 #include "Multicast/InterfaceAdmission.h"
 #include "support/Namespace.h"
+#include "support/UnsuitableAddress.h"
 
 #include <Poco/Net/IPAddress.h>
 
@@ -40,17 +41,6 @@ struct InterfaceAdmissionTest : ::testing::Test
 
     NetworkPair network;
     AdmittedInterface admitted;
-};
-
-struct UnsuitableAddress
-{
-    const char* name;
-    const char* ip;
-
-    friend std::ostream& operator<<(std::ostream& stream, const UnsuitableAddress& row)
-    {
-        return stream << '"' << row.ip << '"';
-    }
 };
 
 struct UnsuitableAddressTest : InterfaceAdmissionTest, ::testing::WithParamInterface<UnsuitableAddress>
@@ -159,16 +149,8 @@ TEST_P(UnsuitableAddressTest, IsNotAppropriate)
     EXPECT_EQ(admit("eth0", GetParam().ip), Admission::NotAppropriate);
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    Addresses, UnsuitableAddressTest,
-    ::testing::Values(UnsuitableAddress{"IPv4", "10.0.0.1"}, UnsuitableAddress{"IPv4Loopback", "127.0.0.1"},
-                      UnsuitableAddress{"Wildcard", "::"}, UnsuitableAddress{"Loopback", "::1"},
-                      UnsuitableAddress{"Multicast", "ff14::4:0"}, UnsuitableAddress{"Empty", ""},
-                      UnsuitableAddress{"Word", "localhost"}, UnsuitableAddress{"NoDigit", "fd00::g"},
-                      UnsuitableAddress{"WithPort", "[fd00::1]:80"},
-                      UnsuitableAddress{"WithPrefix", "fd00::1/64"},
-                      UnsuitableAddress{"UnknownScope", "fe80::1%eth7"}),
-    [](const auto& row) { return row.param.name; });
+INSTANTIATE_TEST_SUITE_P(Addresses, UnsuitableAddressTest, ::testing::ValuesIn(unsuitableAddresses),
+                         [](const auto& row) { return row.param.name; });
 
 TEST_F(InterfaceAdmissionTest, CurrentAddressesFollowTheInterface)
 {

@@ -3,7 +3,10 @@
 #include "support/Listener.h"
 #include "support/LogCatcher.h"
 #include "support/Namespace.h"
+#include "support/Process.h"
+#include "support/RawSpeaker.h"
 #include "support/TestUnit.h"
+#include "support/UnsuitableAddress.h"
 #include "support/Waiting.h"
 #include "support/Wire.h"
 
@@ -15,7 +18,6 @@
 #include <Poco/Net/SocketReactor.h>
 
 #include <atomic>
-#include <cerrno>
 #include <chrono>
 #include <cstdlib>
 #include <filesystem>
@@ -26,7 +28,6 @@
 #include <ostream>
 #include <stdexcept>
 #include <string>
-#include <system_error>
 #include <thread>
 #include <utility>
 #include <vector>
@@ -34,11 +35,8 @@
 #include <arpa/inet.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <net/if.h>
 #include <netinet/in.h>
-#include <netinet/udp.h>
 #include <sys/socket.h>
-#include <unistd.h>
 
 namespace Nubo::ServiceDiscovery::Testing {
 
@@ -126,31 +124,6 @@ private:
     std::vector<MulticastDataPtr> m_received;
     std::function<void()> m_call;
 };
-
-/// Sends a datagram to the group whose UDP checksum is wrong.
-void sendCorrupted(const Namespace& network, const std::string& interface, const std::string& source,
-                   const std::string& bytes)
-{
-    const InNamespace inside(network);
-    const int socket = ::socket(AF_INET6, SOCK_RAW | SOCK_CLOEXEC, IPPROTO_UDP);
-    const auto index = static_cast<int>(::if_nametoindex(interface.c_str()));
-    ::setsockopt(socket, IPPROTO_IPV6, IPV6_MULTICAST_IF, &index, sizeof index);
-    const SocketAddress from(source, 0);
-    const SocketAddress to(discoveryGroup, 0);
-    EXPECT_EQ(::bind(socket, from.addr(), from.length()), 0);
-
-    udphdr header{};
-    header.uh_sport = htons(9);
-    header.uh_dport = htons(discoveryPort);
-    header.uh_ulen = htons(static_cast<std::uint16_t>(sizeof header + bytes.size()));
-    header.uh_sum = htons(0xbad);
-    const std::string datagram = std::string(reinterpret_cast<const char*>(&header), sizeof header) + bytes;
-    const ssize_t sent = ::sendto(socket, datagram.data(), datagram.size(), 0, to.addr(), to.length());
-    const int error = errno;
-    ::close(socket);
-    if (sent < 0)
-        throw std::system_error(error, std::generic_category(), "send a corrupted datagram");
-}
 
 std::string nameOfAReceiversThread(const NetworkPair& network)
 {
@@ -266,18 +239,7 @@ struct HungSubscriberTest : RunningReceiverTest
     Gate gate;
 };
 
-struct RefusedAddress
-{
-    const char* name;
-    const char* ip;
-
-    friend std::ostream& operator<<(std::ostream& stream, const RefusedAddress& row)
-    {
-        return stream << '"' << row.ip << '"';
-    }
-};
-
-struct RefusedJoinTest : MulticastReceiverTest, ::testing::WithParamInterface<RefusedAddress>
+struct RefusedJoinTest : MulticastReceiverTest, ::testing::WithParamInterface<UnsuitableAddress>
 {};
 
 struct Thrown
@@ -374,11 +336,13 @@ TEST_F(RunningReceiverTest, EmptyDatagramIsDrainedAndRaisesNoEvent)
 
 TEST_F(RunningReceiverTest, DatagramWithABadChecksumIsPassedOver)
 {
-    sendCorrupted(network.there, "eth0", "fd00::2", "aa"_bytes);
+    RawSpeaker corrupting(network.there, "eth0", "fd00::2", IPPROTO_UDP);
+
+    corrupting.send(corrupted("aa"_bytes), discoveryGroup);
     speaker.send("01"_bytes);
     ASSERT_TRUE(subscriber->gets(1));
-    sendCorrupted(network.there, "eth0", "fd00::2", "bb"_bytes);
-    sendCorrupted(network.there, "eth0", "fd00::2", "cc"_bytes);
+    corrupting.send(corrupted("bb"_bytes), discoveryGroup);
+    corrupting.send(corrupted("cc"_bytes), discoveryGroup);
     speaker.send("02"_bytes);
 
     EXPECT_TRUE(subscriber->gets(2));
@@ -492,12 +456,8 @@ TEST_P(RefusedJoinTest, IsSkippedWithAWarning)
     EXPECT_THAT(joinedInterfaces(), IsEmpty());
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    Addresses, RefusedJoinTest,
-    ::testing::Values(RefusedAddress{"IPv4", "10.0.0.1"}, RefusedAddress{"Wildcard", "::"},
-                      RefusedAddress{"Loopback", "::1"}, RefusedAddress{"Multicast", "ff14::4:0"},
-                      RefusedAddress{"Unparsable", "no address"}, RefusedAddress{"Empty", ""}),
-    [](const auto& row) { return row.param.name; });
+INSTANTIATE_TEST_SUITE_P(Addresses, RefusedJoinTest, ::testing::ValuesIn(unsuitableAddresses),
+                         [](const auto& row) { return row.param.name; });
 
 TEST_F(MulticastReceiverTest, UnknownInterfaceOrAddressIsNotJoined)
 {

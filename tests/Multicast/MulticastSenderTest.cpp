@@ -3,7 +3,9 @@
 #include "support/Listener.h"
 #include "support/LogCatcher.h"
 #include "support/Namespace.h"
+#include "support/Process.h"
 #include "support/TestUnit.h"
+#include "support/UnsuitableAddress.h"
 #include "support/Waiting.h"
 #include "support/Wire.h"
 
@@ -108,6 +110,13 @@ struct MulticastSenderTest : ::testing::Test
         sender->addInterface_byIP(name, address);
     }
 
+    /// The same with somebody who listens behind it.
+    Listener addListenedInterface(const std::string& name, const std::string& address)
+    {
+        addInterface(name, address);
+        return Listener(network.there, name);
+    }
+
     bool send(Datagrams& forAll) { return sender->sendMulticast(forAll.list(), {}); }
     bool send(Datagrams&& forAll) { return send(forAll); }
 
@@ -130,12 +139,6 @@ struct MulticastSenderTest : ::testing::Test
 /// Two interfaces whose addresses are not the placeholder, and who listens behind them.
 struct TwoInterfacesSenderTest : MulticastSenderTest
 {
-    Listener addListenedInterface(const std::string& name, const std::string& address)
-    {
-        addInterface(name, address);
-        return Listener(network.there, name);
-    }
-
     Listener listener0 = addListenedInterface("eth0", "fd01::1");
     Listener listener1 = addListenedInterface("eth1", "fd02::1");
 };
@@ -194,18 +197,7 @@ private:
 
 constexpr Poco::Clock::ClockDiff second = 1000000;
 
-struct RefusedAddress
-{
-    const char* name;
-    const char* ip;
-
-    friend std::ostream& operator<<(std::ostream& stream, const RefusedAddress& row)
-    {
-        return stream << '"' << row.ip << '"';
-    }
-};
-
-struct RefusedAddressTest : MulticastSenderTest, ::testing::WithParamInterface<RefusedAddress>
+struct RefusedAddressTest : MulticastSenderTest, ::testing::WithParamInterface<UnsuitableAddress>
 {};
 
 }  // namespace
@@ -256,8 +248,7 @@ TEST_F(MulticastSenderTest, WithoutInterfacesNothingIsSent)
 
 TEST_F(MulticastSenderTest, DatagramGoesToTheGroupFromTheInterfacesAddressWithHopLimit255)
 {
-    addInterface("eth0", "fd00::1");
-    Listener listener(network.there, "eth0");
+    Listener listener = addListenedInterface("eth0", "fd00::1");
 
     EXPECT_TRUE(send({"01 02 ff"}));
 
@@ -291,8 +282,7 @@ TEST_F(MulticastSenderTest, UnitDoesNotHearItsOwnDatagramsOnTheInterfaceTheyLeav
 
 TEST_F(MulticastSenderTest, SocketDoesNotShareItsAddress)
 {
-    addInterface("eth0", "fd00::1");
-    Listener listener(network.there, "eth0");
+    Listener listener = addListenedInterface("eth0", "fd00::1");
 
     const SocketAddress taken = ownAddress(listener);
 
@@ -340,12 +330,8 @@ TEST_P(RefusedAddressTest, IsSkippedWithAWarning)
     EXPECT_FALSE(send({"01"}));
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    Addresses, RefusedAddressTest,
-    ::testing::Values(RefusedAddress{"IPv4", "10.0.0.1"}, RefusedAddress{"Wildcard", "::"},
-                      RefusedAddress{"Loopback", "::1"}, RefusedAddress{"Multicast", "ff14::4:0"},
-                      RefusedAddress{"Unparsable", "no address"}, RefusedAddress{"Empty", ""}),
-    [](const auto& row) { return row.param.name; });
+INSTANTIATE_TEST_SUITE_P(Addresses, RefusedAddressTest, ::testing::ValuesIn(unsuitableAddresses),
+                         [](const auto& row) { return row.param.name; });
 
 TEST_F(MulticastSenderTest, UnknownInterfaceIsNotAdded)
 {
@@ -466,8 +452,7 @@ TEST_F(TentativeSenderTest, RemovalOfEverythingEndsTheWaiting)
 
 TEST_F(TentativeSenderTest, OtherInterfacesAreUsedMeanwhile)
 {
-    addInterface("eth1", "fd01::1");
-    Listener other(network.there, "eth1");
+    Listener other = addListenedInterface("eth1", "fd01::1");
 
     EXPECT_TRUE(send({"01"}));
 
@@ -549,8 +534,7 @@ TEST_F(MulticastSenderTest, LinkLocalAddressIsTakenWithAndWithoutScope)
 
 TEST_F(MulticastSenderTest, OneInterfaceGetsTheDatagramsUnchangedWhateverItsAddress)
 {
-    addInterface("eth0", "fd01::1");
-    Listener listener(network.there, "eth0");
+    Listener listener = addListenedInterface("eth0", "fd01::1");
 
     EXPECT_TRUE(send({"aa " + fd00_1, "bb"}));
 
@@ -567,12 +551,9 @@ TEST_F(TwoInterfacesSenderTest, OfTwoInterfacesEachGetsItsOwnAddressAtTheSamePla
 
 TEST_F(MulticastSenderTest, OfThreeInterfacesEachGetsItsOwnAddress)
 {
-    addInterface("eth0", "fd01::1");
-    addInterface("eth1", "fe80::1");
-    addInterface("eth2", "fd02::1");
-    Listener listener0(network.there, "eth0");
-    Listener listener1(network.there, "eth1");
-    Listener listener2(network.there, "eth2");
+    Listener listener0 = addListenedInterface("eth0", "fd01::1");
+    Listener listener1 = addListenedInterface("eth1", "fe80::1");
+    Listener listener2 = addListenedInterface("eth2", "fd02::1");
 
     EXPECT_TRUE(send({fd00_1 + " cc"}));
 
@@ -583,12 +564,9 @@ TEST_F(MulticastSenderTest, OfThreeInterfacesEachGetsItsOwnAddress)
 
 TEST_F(MulticastSenderTest, InterfaceWhoseAddressIsThePlaceholderDoesNotEndTheAdjusting)
 {
-    addInterface("eth0", "fd00::1");
-    addInterface("eth1", "fd02::1");
-    addInterface("eth2", "fd01::1");
-    Listener listener0(network.there, "eth0");
-    Listener listener1(network.there, "eth1");
-    Listener listener2(network.there, "eth2");
+    Listener listener0 = addListenedInterface("eth0", "fd00::1");
+    Listener listener1 = addListenedInterface("eth1", "fd02::1");
+    Listener listener2 = addListenedInterface("eth2", "fd01::1");
 
     EXPECT_TRUE(send({"aa " + fd00_1}));
 
@@ -600,10 +578,8 @@ TEST_F(MulticastSenderTest, InterfaceWhoseAddressIsThePlaceholderDoesNotEndTheAd
 TEST_F(MulticastSenderTest, PlaceholderInterfaceInTheMiddleGetsThePlaceholderBack)
 {
     addInterface("eth0", "fd01::1");
-    addInterface("eth1", "fd00::1");
-    addInterface("eth2", "fd02::1");
-    Listener listener1(network.there, "eth1");
-    Listener listener2(network.there, "eth2");
+    Listener listener1 = addListenedInterface("eth1", "fd00::1");
+    Listener listener2 = addListenedInterface("eth2", "fd02::1");
 
     EXPECT_TRUE(send({"aa " + fd00_1}));
 
@@ -659,8 +635,7 @@ TEST_F(MulticastSenderTest, InterfacesAreServedByAscendingIndexAndTheLastAddress
 
 TEST_F(MulticastSenderTest, InternalDatagramsStayOffAGlobalInterface)
 {
-    addInterface("eth0", "fd00::1");
-    Listener listener(network.there, "eth0");
+    Listener listener = addListenedInterface("eth0", "fd00::1");
     Datagrams all{"a1", "a2"};
     Datagrams internal{"b1"};
 
@@ -671,8 +646,7 @@ TEST_F(MulticastSenderTest, InternalDatagramsStayOffAGlobalInterface)
 
 TEST_F(MulticastSenderTest, LinkLocalInterfaceGetsTheInternalDatagramsFirst)
 {
-    addInterface("eth0", "fe80::1");
-    Listener listener(network.there, "eth0");
+    Listener listener = addListenedInterface("eth0", "fe80::1");
     Datagrams all{"a1", "a2"};
     Datagrams internal{"b1", "b2"};
 
@@ -683,12 +657,9 @@ TEST_F(MulticastSenderTest, LinkLocalInterfaceGetsTheInternalDatagramsFirst)
 
 TEST_F(MulticastSenderTest, OfSeveralInterfacesOnlyLinkLocalOnesGetInternalDatagrams)
 {
-    addInterface("eth0", "fd01::1");
-    addInterface("eth1", "fe80::1");
-    addInterface("eth2", "fd02::1");
-    Listener listener0(network.there, "eth0");
-    Listener listener1(network.there, "eth1");
-    Listener listener2(network.there, "eth2");
+    Listener listener0 = addListenedInterface("eth0", "fd01::1");
+    Listener listener1 = addListenedInterface("eth1", "fe80::1");
+    Listener listener2 = addListenedInterface("eth2", "fd02::1");
     Datagrams all{"aa " + fd00_1};
     Datagrams internal{"bb " + fd00_1};
 
@@ -711,11 +682,9 @@ TEST_F(MulticastSenderTest, EmptyListsAreSentWithSuccess)
 
 TEST_F(MulticastSenderTest, InterfaceThatFailsDoesNotKeepTheOthersFromSending)
 {
-    addInterface("eth0", "fd01::1");
+    Listener listener0 = addListenedInterface("eth0", "fd01::1");
     addInterface("eth1", "fd02::1");
-    addInterface("eth2", "fe80::1");
-    Listener listener0(network.there, "eth0");
-    Listener listener2(network.there, "eth2");
+    Listener listener2 = addListenedInterface("eth2", "fe80::1");
     network.here.ip("link set eth1 down");
     log.clear();
 
@@ -749,9 +718,8 @@ TEST_F(MulticastSenderTest, InternalDatagramThatFailsGivesFalseThoughAllOthersGo
     addInterface("eth0", "fe80::1");
     EXPECT_FALSE(sender->sendMulticast(all.list(), internal));
 
-    addInterface("eth1", "fd01::1");
     Listener listener0(network.there, "eth0");
-    Listener listener1(network.there, "eth1");
+    Listener listener1 = addListenedInterface("eth1", "fd01::1");
     EXPECT_FALSE(sender->sendMulticast(all.list(), internal));
 
     EXPECT_THAT(listener0.bytes(), ElementsAre("01"));
@@ -760,8 +728,7 @@ TEST_F(MulticastSenderTest, InternalDatagramThatFailsGivesFalseThoughAllOthersGo
 
 TEST_F(MulticastSenderTest, DatagramTooLargeForTheNetworkIsReportedAndTheNextIsSent)
 {
-    addInterface("eth0", "fd00::1");
-    Listener listener(network.there, "eth0");
+    Listener listener = addListenedInterface("eth0", "fd00::1");
     std::string tooLarge(70000, 'x');
     std::string good = "01"_bytes;
     log.clear();
@@ -885,8 +852,7 @@ TEST_F(TwoInterfacesSenderTest, RemovedInterfaceIsNotedAndGetsNothingMore)
 
 TEST_F(MulticastSenderTest, RemovedInterfaceCanBeAddedAgain)
 {
-    addInterface("eth0", "fd01::1");
-    Listener listener(network.there, "eth0");
+    Listener listener = addListenedInterface("eth0", "fd01::1");
 
     sender->removeInterface_byIP("eth0", "fd01::1");
     sender->addInterface_byIP("eth0", "fd01::1");
@@ -1073,8 +1039,7 @@ TEST_F(TwoInterfacesSenderTest, AddressOfEachSocketIsAnOwnOne)
 
 TEST_F(MulticastSenderTest, AddressWithAnotherPortOrHostIsNotAnOwnOne)
 {
-    addInterface("eth0", "fd01::1");
-    Listener listener(network.there, "eth0");
+    Listener listener = addListenedInterface("eth0", "fd01::1");
     const SocketAddress own = ownAddress(listener);
     const auto otherPort = static_cast<std::uint16_t>(own.port() + 1);
 

@@ -4,21 +4,19 @@
 #include "support/Namespace.h"
 #include "support/Packets.h"
 #include "support/Process.h"
+#include "support/Repeating.h"
 #include "support/TestUnit.h"
 #include "support/Waiting.h"
 
 #include <Poco/Exception.h>
 
 #include <algorithm>
-#include <atomic>
 #include <chrono>
-#include <functional>
 #include <memory>
 #include <optional>
 #include <random>
 #include <string>
 #include <thread>
-#include <utility>
 #include <vector>
 
 #include <gmock/gmock.h>
@@ -72,30 +70,6 @@ struct CallersTest : LinkedTest
     std::optional<Registry> registry{std::in_place, *discovery};
     Speaker speaker{network.there, "eth0", "fd00::2"};
     Listener listener{network.there, "eth0"};
-};
-
-/// Does something over and over on a thread of its own while it exists.
-class Repeating
-{
-public:
-    explicit Repeating(std::function<void()> action)
-        : m_thread([this, action = std::move(action)] {
-            while (!m_isOver)
-                action();
-        })
-    {}
-    ~Repeating()
-    {
-        m_isOver = true;
-        m_thread.join();
-    }
-
-    Repeating(const Repeating&) = delete;
-    Repeating& operator=(const Repeating&) = delete;
-
-private:
-    std::atomic<bool> m_isOver{false};
-    std::thread m_thread;
 };
 
 /// The longest of many durations.

@@ -3,6 +3,7 @@
 #include "support/LogCatcher.h"
 #include "support/Namespace.h"
 #include "support/Packets.h"
+#include "support/Process.h"
 #include "support/TestUnit.h"
 #include "support/Waiting.h"
 
@@ -186,12 +187,12 @@ struct InterfacesTest : ::testing::Test
         ASSERT_TRUE(meet());
     }
 
-    void start()
+    void start(const std::string& addressOfOne = "fd00::1", const std::string& addressOfOther = "fd00::2")
     {
         one.emplace(network.here);
         other.emplace(network.there);
-        ASSERT_TRUE(one->startup("fd00::1"));
-        ASSERT_TRUE(other->startup("fd00::2"));
+        ASSERT_TRUE(one->startup(addressOfOne));
+        ASSERT_TRUE(other->startup(addressOfOther));
     }
 
     /// Whether both units still, or again, announce and hear.
@@ -200,6 +201,16 @@ struct InterfacesTest : ::testing::Test
     void offer(NetlinkUnit& unit, const std::string& name, const std::string& address)
     {
         ASSERT_TRUE(unit.discovery().addService(describe(name, address, 8080, name)));
+    }
+
+    /// The unit that eth0 there leads to, and that announces "Media", is heard soon and hears.
+    void expectAtWork(const Registry& registry) const
+    {
+        const Deadline deadline;
+        Listener listener(network.there, "eth0");
+        Speaker speaker(network.there, "eth0", "fd00::2");
+        EXPECT_TRUE(learns(registry, "Navi", speaker, deadline));
+        EXPECT_TRUE(deadline.meets([&] { return hearsOffer(listener, "Media"); }));
     }
 
     void ip(const std::string& arguments) const { network.here.ip(arguments); }
@@ -324,6 +335,27 @@ private:
     std::FILE* const m_process;
     std::atomic<bool> m_isOver{false};
     std::thread m_thread;
+};
+
+/// The unit here has two ports on a segment, the other unit one.
+struct SegmentTest : InterfacesTest
+{
+    SegmentTest()
+    {
+        segment.plug(network.here, "eth0");
+        segment.plug(network.here, "eth1");
+        segment.plug(network.there, "eth0");
+        descriptors = openDescriptors();
+    }
+
+    void addAddresses(const std::string& here0, const std::string& here1, const std::string& there0) const
+    {
+        network.here.addAddress("eth0", here0 + "/64");
+        network.here.addAddress("eth1", here1 + "/64");
+        network.there.addAddress("eth0", there0 + "/64");
+    }
+
+    Segment segment;
 };
 
 /// How an address is replaced by another.
@@ -611,10 +643,7 @@ TEST_P(RenumberingTest, WithTwoInterfacesOffersCarryTheNewAddress)
 {
     network.link("eth0", "fd00::1", "fd00::2");
     network.link("eth1", "fd01::1", "fd01::2");
-    one.emplace(network.here);
-    other.emplace(network.there);
-    ASSERT_TRUE(one->startup("fd01::1"));
-    ASSERT_TRUE(other->startup("fd01::2"));
+    start("fd01::1", "fd01::2");
     offer(*one, "Media", "fd01::1");
     ASSERT_TRUE(eventually([&] { return other->registry().discovered("Media") == 2; }));
     Listener listener(network.there, "eth0");
@@ -755,12 +784,8 @@ TEST_F(InterfacesTest, TentativeAddressIsWaitedForWithoutAnError)
     ip("address add fd00::1/64 dev eth0");
 
     ASSERT_TRUE(isTentative(network.here, "eth0"));
-    Listener listener(network.there, "eth0");
-    Speaker speaker(network.there, "eth0", "fd00::2");
     ASSERT_TRUE(eventually([&] { return !isTentative(network.here, "eth0"); }));
-    const Deadline deadline;
-    EXPECT_TRUE(learns(one->registry(), "Navi", speaker, deadline));
-    EXPECT_TRUE(deadline.meets([&] { return hearsOffer(listener, "Media"); }));
+    expectAtWork(one->registry());
     EXPECT_THAT(log.complaints(), IsEmpty());
 }
 
@@ -774,8 +799,6 @@ TEST_P(TentativeReportTest, IsNoErrorAndTheAddressIsUsedWhenItCanBe)
     connect(unit.network(), "eth1", network.there, "eth1");
     network.there.addAddress("eth0", "fd00::2/64");
     unit.network().addAddress("eth1", "fd01::1/64");
-    Listener listener(network.there, "eth0");
-    Speaker speaker(network.there, "eth0", "fd00::2");
     if (hasAnotherInterface)
         unit.addInterface("eth1", "fd01::1");
 
@@ -786,9 +809,7 @@ TEST_P(TentativeReportTest, IsNoErrorAndTheAddressIsUsedWhenItCanBe)
     EXPECT_TRUE(unit.discovery().addService(describe("Media")));
 
     ASSERT_TRUE(eventually([&] { return !isTentative(unit.network(), "eth0"); }));
-    const Deadline deadline;
-    EXPECT_TRUE(learns(unit.registry(), "Navi", speaker, deadline));
-    EXPECT_TRUE(deadline.meets([&] { return hearsOffer(listener, "Media"); }));
+    expectAtWork(unit.registry());
     EXPECT_THAT(log.complaints(), IsEmpty());
 }
 
@@ -937,15 +958,9 @@ INSTANTIATE_TEST_SUITE_P(Reports, LinkLocalTest,
                                 LinkLocalReport{"WithScopeOfMixedCase", "Lan0", "%Lan0"}),
                          rowName);
 
-TEST_F(InterfacesTest, UnitWithTwoPortsOnASegmentIsDiscoveredAtEachAddressOnceAndNeverByItself)
+TEST_F(SegmentTest, UnitWithTwoPortsIsDiscoveredAtEachAddressOnceAndNeverByItself)
 {
-    Segment segment;
-    segment.plug(network.here, "eth0");
-    segment.plug(network.here, "eth1");
-    segment.plug(network.there, "eth0");
-    network.here.addAddress("eth0", "fd00::1/64");
-    network.here.addAddress("eth1", "fd00::11/64");
-    network.there.addAddress("eth0", "fd00::2/64");
+    addAddresses("fd00::1", "fd00::11", "fd00::2");
     start();
     Listener listener(network.here, "eth0");
 
@@ -957,19 +972,10 @@ TEST_F(InterfacesTest, UnitWithTwoPortsOnASegmentIsDiscoveredAtEachAddressOnceAn
     EXPECT_THAT(one->registry().events(), IsEmpty());
 }
 
-TEST_F(InterfacesTest, UnitWithOneAddressOnTwoPortsOfASegmentIsDiscoveredOnceAndNeverByItself)
+TEST_F(SegmentTest, UnitWithOneAddressOnTwoPortsIsDiscoveredOnceAndNeverByItself)
 {
-    Segment segment;
-    segment.plug(network.here, "eth0");
-    segment.plug(network.here, "eth1");
-    segment.plug(network.there, "eth0");
-    network.here.addAddress("eth0", "fe80::1/64");
-    network.here.addAddress("eth1", "fe80::1/64");
-    network.there.addAddress("eth0", "fe80::2/64");
-    one.emplace(network.here);
-    other.emplace(network.there);
-    ASSERT_TRUE(one->startup("fe80::1"));
-    ASSERT_TRUE(other->startup("fe80::2"));
+    addAddresses("fe80::1", "fe80::1", "fe80::2");
+    start("fe80::1", "fe80::2");
     Listener listener(network.there, "eth0");
 
     offer(*one, "Media", "fe80::1");
@@ -981,16 +987,11 @@ TEST_F(InterfacesTest, UnitWithOneAddressOnTwoPortsOfASegmentIsDiscoveredOnceAnd
 }
 
 /// What it sent from one port may come back on the other one when the first is closed already.
-TEST_F(InterfacesTest, UnitNeverDiscoversItselfWhileAPortComesAndGoes)
+TEST_F(SegmentTest, UnitNeverDiscoversItselfWhileAPortComesAndGoes)
 {
-    Segment segment;
-    network.here.setIPv6("default/keep_addr_on_down", "1");
-    segment.plug(network.here, "eth0");
-    segment.plug(network.here, "eth1");
-    network.here.addAddress("eth0", "fd00::1/64");
-    network.here.addAddress("eth1", "fd00::11/64");
-    one.emplace(network.here);
-    ASSERT_TRUE(one->startup("fd00::1"));
+    network.here.setIPv6("eth1/keep_addr_on_down", "1");
+    addAddresses("fd00::1", "fd00::11", "fd00::2");
+    start();
     Listener listener(network.here, "eth0");
 
     for (int i = 0; i < 50; ++i) {
@@ -1045,11 +1046,7 @@ TEST_P(BusyDispatcherTest, UnitGoesOnAfterwards)
     GetParam().happen(network);
     gate.open();
 
-    const Deadline deadline;
-    Listener listener(network.there, "eth0");
-    Speaker speaker(network.there, "eth0", "fd00::2");
-    EXPECT_TRUE(learns(one->registry(), "Navi", speaker, deadline));
-    EXPECT_TRUE(deadline.meets([&] { return hearsOffer(listener, "Media"); }));
+    expectAtWork(one->registry());
     EXPECT_THAT(groupUsersIn(network.here), ElementsAre(Pair("eth0", 1), Pair("marker", 1)));
     reports.unbind();
 }
@@ -1086,11 +1083,7 @@ TEST_F(InterfacesTest, AddressThatWasAwayWhenItWasReportedIsUsedWhenItIsBack)
     network.here.addAddress("eth0", "fd00::1/64");
     gateAfter.open();
 
-    const Deadline deadline;
-    Listener listener(network.there, "eth0");
-    Speaker speaker(network.there, "eth0", "fd00::2");
-    EXPECT_TRUE(learns(registry, "Navi", speaker, deadline));
-    EXPECT_TRUE(deadline.meets([&] { return hearsOffer(listener, "Media"); }));
+    expectAtWork(registry);
     after.unbind();
     before.unbind();
 }

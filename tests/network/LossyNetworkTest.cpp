@@ -37,9 +37,9 @@ constexpr std::uint32_t usualSeed = 2;
 constexpr Poco::Clock::ClockDiff microsecondsPerSecond = 1000000;
 
 /// Two namespaces on a lossy link, "one" with fd00::1 and "other" with fd00::2.
-struct LossyLinkTest : ::testing::Test
+struct LossyPair
 {
-    LossyLinkTest()
+    explicit LossyPair(std::uint32_t seed = usualSeed) : link(one, "eth0", other, "eth0", seed)
     {
         one.addAddress("eth0", "fd00::1/64");
         other.addAddress("eth0", "fd00::2/64");
@@ -47,18 +47,36 @@ struct LossyLinkTest : ::testing::Test
 
     Namespace one{"one"};
     Namespace other{"other"};
-    LossyLink link{one, "eth0", other, "eth0"};
+    LossyLink link;
 };
+
+/// The same with somebody who speaks in one and somebody who listens in the other.
+struct SpokenPair : LossyPair
+{
+    using LossyPair::LossyPair;
+
+    /// Sends that many datagrams; returns whether each of them passed or was lost.
+    bool send(std::uint64_t count)
+    {
+        for (std::uint64_t i = 0; i < count; ++i)
+            speaker.send(std::to_string(i));
+        return eventually([&] { return link.count().passed + link.count().lost == count; });
+    }
+
+    Speaker speaker{one, "eth0", "fd00::1"};
+    Listener listener{other, "eth0"};
+};
+
+struct LossyLinkTest : ::testing::Test, SpokenPair
+{};
 
 /// Two units on a lossy link; the parameter is the percentage of datagrams lost each way.
 struct LossyNetworkTest : ::testing::TestWithParam<int>
 {
     LossyNetworkTest()
     {
-        one.network().addAddress("eth0", "fd00::1/64");
-        other.network().addAddress("eth0", "fd00::2/64");
-        one.addInterface("eth0", "fd00::1");
-        other.addInterface("eth0", "fd00::2");
+        one.useInterface("eth0", "fd00::1");
+        other.useInterface("eth0", "fd00::2");
         link.lose(loss);
     }
 
@@ -66,6 +84,14 @@ struct LossyNetworkTest : ::testing::TestWithParam<int>
     {
         ASSERT_TRUE(one.startup("fd00::1"));
         ASSERT_TRUE(other.startup("fd00::2"));
+    }
+
+    /// Starts both and announces the services; returns whether the other unit learns of all of them.
+    bool startAndMeet(const std::vector<std::string>& names)
+    {
+        startBoth();
+        announce(names);
+        return allAreDiscovered(names);
     }
 
     void announce(const std::vector<std::string>& names)
@@ -144,29 +170,18 @@ std::map<std::string, std::size_t> neededOffers(const std::vector<std::string>& 
 /// Which of a hundred datagrams pass over a link of that seed.
 std::vector<std::string> survivors(std::uint32_t seed)
 {
-    const Namespace one("one");
-    const Namespace other("other");
-    LossyLink link(one, "eth0", other, "eth0", seed);
-    one.addAddress("eth0", "fd00::1/64");
-    link.lose(0.5);
-    Listener listener(other, "eth0");
-    Speaker speaker(one, "eth0", "fd00::1");
-    for (int i = 0; i < 100; ++i)
-        speaker.send(std::to_string(i));
-    eventually([&] { return link.count().passed + link.count().lost == 100; });
-    listener.hears(link.count().passed);
-    return listener.bytes();
+    SpokenPair network(seed);
+    network.link.lose(0.5);
+    EXPECT_TRUE(network.send(100));
+    EXPECT_TRUE(network.listener.hears(network.link.count().passed));
+    return network.listener.bytes();
 }
 
 }  // namespace
 
 TEST_F(LossyLinkTest, EverythingPassesWhenNothingIsToBeLost)
 {
-    Listener listener(other, "eth0");
-    Speaker speaker(one, "eth0", "fd00::1");
-
-    for (int i = 0; i < 100; ++i)
-        speaker.send("Media");
+    ASSERT_TRUE(send(100));
 
     EXPECT_TRUE(listener.hears(100));
     EXPECT_EQ(link.count().passed, 100u);
@@ -175,14 +190,10 @@ TEST_F(LossyLinkTest, EverythingPassesWhenNothingIsToBeLost)
 
 TEST_F(LossyLinkTest, TheShareIsLost)
 {
-    Listener listener(other, "eth0");
-    Speaker speaker(one, "eth0", "fd00::1");
     link.lose(0.3);
 
-    for (int i = 0; i < 200; ++i)
-        speaker.send("Media");
+    ASSERT_TRUE(send(200));
 
-    ASSERT_TRUE(eventually([&] { return link.count().passed + link.count().lost == 200; }));
     EXPECT_NEAR(static_cast<double>(link.count().lost), 60, 33) << "five standard deviations";
     EXPECT_TRUE(listener.hears(link.count().passed));
     EXPECT_EQ(listener.datagrams().size(), link.count().passed);
@@ -229,9 +240,6 @@ TEST_F(LossyLinkTest, OtherDatagramsAndNeighbourDiscoveryPass)
 
 TEST_F(LossyLinkTest, NothingPassesWhileItIsCut)
 {
-    Listener listener(other, "eth0");
-    Speaker speaker(one, "eth0", "fd00::1");
-
     link.cut();
     speaker.send("before");
     ASSERT_TRUE(eventually([&] { return link.count().lost == 1; }));
@@ -251,11 +259,9 @@ TEST(LossyLinksTest, SameSeedLosesTheSameDatagrams)
 TEST_P(LossyNetworkTest, EveryServiceIsDiscoveredOnce)
 {
     const std::vector<std::string> names = serviceNames(50);
-    startBoth();
 
-    announce(names);
+    ASSERT_TRUE(startAndMeet(names));
 
-    ASSERT_TRUE(allAreDiscovered(names));
     EXPECT_THAT(counts(ServiceDiscovery::EventType::SERVICE_DISCOVERED, names), Each(1));
     EXPECT_THAT(counts(ServiceDiscovery::EventType::SERVICE_GONE, names), Each(0));
 }
@@ -264,9 +270,7 @@ TEST_P(LossyNetworkTest, EveryServiceIsDiscoveredOnce)
 TEST_P(LossyNetworkTest, NothingIsGoneWhileItsOffersComeThroughNowAndThen)
 {
     const std::vector<std::string> names = serviceNames(50);
-    startBoth();
-    announce(names);
-    ASSERT_TRUE(allAreDiscovered(names));
+    ASSERT_TRUE(startAndMeet(names));
     Listener listener(other.network(), "eth0");
 
     for (int round = 0; round < 2; ++round) {
@@ -283,9 +287,7 @@ TEST_P(LossyNetworkTest, NothingIsGoneWhileItsOffersComeThroughNowAndThen)
 TEST_P(LossyNetworkTest, RemovedServicesAreGoneOnceWhenTheTimeToLiveIsOverAtTheLatest)
 {
     const std::vector<std::string> names = serviceNames(50);
-    startBoth();
-    announce(names);
-    ASSERT_TRUE(allAreDiscovered(names));
+    ASSERT_TRUE(startAndMeet(names));
     const auto allAreGone = [&] { return other.registry().events().size() >= 2 * names.size(); };
 
     for (const std::string& name : names)

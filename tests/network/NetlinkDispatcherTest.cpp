@@ -1,5 +1,6 @@
 #include "support/LogCatcher.h"
 #include "support/Namespace.h"
+#include "support/Process.h"
 #include "support/TestUnit.h"
 #include "support/Waiting.h"
 

@@ -4,6 +4,8 @@
 #include "support/Listener.h"
 #include "support/LogCatcher.h"
 #include "support/Namespace.h"
+#include "support/Process.h"
+#include "support/Repeating.h"
 #include "support/TestUnit.h"
 #include "support/Waiting.h"
 #include "support/Wire.h"
@@ -14,8 +16,6 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
-#include <filesystem>
-#include <iterator>
 #include <memory>
 #include <optional>
 #include <string>
@@ -63,12 +63,6 @@ const std::string offerOfFar =
     "00";
 
 constexpr std::size_t atTTL = 16 + 8 + 9;  // in a datagram with one entry
-
-std::size_t runningThreads()
-{
-    using std::filesystem::directory_iterator;
-    return static_cast<std::size_t>(std::distance(directory_iterator("/proc/self/task"), {}));
-}
 
 Multicast::MulticastDataPtr datagram(const std::string& bytes)
 {
@@ -696,20 +690,16 @@ TEST_F(RunningHubTest, StartsAndStopsWhileInterfacesComeAndGo)
     network.link("eth1", "fd01::1");
     SDService::Ptr service = makeService("Media", "fd00::1", 8080, "media");
     hub().addService(service);
-    std::atomic<bool> isOver{false};
-
-    std::thread platform([&] {
-        while (!isOver) {
+    {
+        const Repeating platformReports([&] {
             dispatcher().addInterface("eth1", "fd01::1");
             dispatcher().removeInterface("eth1", "fd01::1");
+        });
+        for (int i = 0; i < 10; ++i) {
+            hub().stop();
+            EXPECT_TRUE(start());
         }
-    });
-    for (int i = 0; i < 10; ++i) {
-        hub().stop();
-        EXPECT_TRUE(start());
     }
-    isOver = true;
-    platform.join();
 
     EXPECT_THAT(joinedInterfaces(), ElementsAre("eth0"));
     speaker.send(fromHex(offerOfFar));

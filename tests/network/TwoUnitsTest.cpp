@@ -43,10 +43,8 @@ struct TwoUnitsTest : ::testing::Test
     TwoUnitsTest()
     {
         connect(one.network(), "eth0", other.network(), "eth0");
-        one.network().addAddress("eth0", "fd00::1/64");
-        other.network().addAddress("eth0", "fd00::2/64");
-        one.addInterface("eth0", "fd00::1");
-        other.addInterface("eth0", "fd00::2");
+        one.useInterface("eth0", "fd00::1");
+        other.useInterface("eth0", "fd00::2");
     }
 
     void startBoth()
@@ -332,12 +330,9 @@ TEST(UnitsTest, UnitWithTwoPortsOnOneSegmentNeverDiscoversItself)
     segment.plug(one.network(), "eth0");
     segment.plug(one.network(), "eth1");
     segment.plug(other.network(), "eth0");
-    one.network().addAddress("eth0", "fd00::1/64");
-    one.network().addAddress("eth1", "fe80::1/64");
-    other.network().addAddress("eth0", "fd00::2/64");
-    one.addInterface("eth0", "fd00::1");
-    one.addInterface("eth1", "fe80::1");
-    other.addInterface("eth0", "fd00::2");
+    one.useInterface("eth0", "fd00::1");
+    one.useInterface("eth1", "fe80::1");
+    other.useInterface("eth0", "fd00::2");
     ASSERT_TRUE(one.startup("fd00::1"));
     ASSERT_TRUE(other.startup("fd00::2"));
     Listener listener(one.network(), "eth0");
@@ -358,14 +353,10 @@ TEST(UnitsTest, EachNeighbourLearnsTheAddressOfItsOwnLink)
     TestUnit right("right");
     connect(middle.network(), "eth0", left.network(), "eth0");
     connect(middle.network(), "eth1", right.network(), "eth0");
-    middle.network().addAddress("eth0", "fd01::1/64");
-    middle.network().addAddress("eth1", "fd02::1/64");
-    left.network().addAddress("eth0", "fd01::2/64");
-    right.network().addAddress("eth0", "fd02::2/64");
-    middle.addInterface("eth0", "fd01::1");
-    middle.addInterface("eth1", "fd02::1");
-    left.addInterface("eth0", "fd01::2");
-    right.addInterface("eth0", "fd02::2");
+    middle.useInterface("eth0", "fd01::1");
+    middle.useInterface("eth1", "fd02::1");
+    left.useInterface("eth0", "fd01::2");
+    right.useInterface("eth0", "fd02::2");
     ASSERT_TRUE(middle.startup("fd01::1"));
     ASSERT_TRUE(left.startup("fd01::2"));
     ASSERT_TRUE(right.startup("fd02::2"));

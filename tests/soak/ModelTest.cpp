@@ -54,6 +54,13 @@ struct ModelTest : ::testing::Test
             model.judge(at(judged));
     }
 
+    /// The learner hears of the service and discovers it.
+    void learn()
+    {
+        offer(10);
+        discovered(10);
+    }
+
     static std::string fault(const std::string& what)
     {
         return "unit 2 " + what + ": \"Media\" at [fd00::1]:8080";
@@ -63,6 +70,17 @@ struct ModelTest : ::testing::Test
     std::vector<std::string> faults;
     Model model{2, [this](const std::string& text) { faults.push_back(text); }};
     int judged = 0;
+};
+
+/// The learner knows the service, of which nothing is heard after second 20.
+struct SilentServiceTest : ModelTest
+{
+    SilentServiceTest()
+    {
+        learn();
+        judgeUntil(20);
+        model.detach(owner, at(20));
+    }
 };
 
 }  // namespace
@@ -82,47 +100,32 @@ TEST_F(ModelTest, NormalLifeHasNoFault)
     EXPECT_EQ(model.counts().gone, 1u);
 }
 
-TEST_F(ModelTest, SilentServiceMayBeGoneAtTheEndOfItsTimeToLiveOnly)
+TEST_F(SilentServiceTest, MayBeGoneAtTheEndOfItsTimeToLive)
 {
-    offer(10);
-    discovered(10);
-    judgeUntil(20);
-    model.detach(owner, at(20));
     gone(131);
     judgeUntil(160);
 
     EXPECT_THAT(faults, IsEmpty());
 }
 
-TEST_F(ModelTest, ServiceGoneBeforeTheEndOfItsTimeToLiveIsAFault)
+TEST_F(SilentServiceTest, GoneBeforeTheEndOfItsTimeToLiveIsAFault)
 {
-    offer(10);
-    discovered(10);
-    model.detach(owner, at(20));
     gone(127);
     judgeUntil(160);
 
     EXPECT_THAT(faults, ElementsAre(fault("loses a service that is being offered to it")));
 }
 
-TEST_F(ModelTest, ServiceGoneAfterTheEndOfItsTimeToLiveIsAFault)
+TEST_F(SilentServiceTest, GoneAfterTheEndOfItsTimeToLiveIsAFault)
 {
-    offer(10);
-    discovered(10);
-    judgeUntil(20);
-    model.detach(owner, at(20));
     gone(133);
     judgeUntil(160);
 
     EXPECT_THAT(faults, ElementsAre(fault("loses a service too late")));
 }
 
-TEST_F(ModelTest, SilentServiceThatStaysKnownIsAFaultOnce)
+TEST_F(SilentServiceTest, StayingKnownIsAFaultOnce)
 {
-    offer(10);
-    discovered(10);
-    judgeUntil(20);
-    model.detach(owner, at(20));
     judgeUntil(160);
 
     EXPECT_THAT(faults, ElementsAre(fault("knows a service that was withdrawn or is silent")));
@@ -130,8 +133,7 @@ TEST_F(ModelTest, SilentServiceThatStaysKnownIsAFaultOnce)
 
 TEST_F(ModelTest, WithdrawnServiceThatStaysKnownIsAFault)
 {
-    offer(10);
-    discovered(10);
+    learn();
     judgeUntil(20);
     model.remove(media, at(20));
     stopOffer(20);
@@ -214,8 +216,7 @@ TEST_F(ModelTest, LossOfAnUnknownServiceIsAFault)
 
 TEST_F(ModelTest, LossByAWrongIdentifierIsAFault)
 {
-    offer(10);
-    discovered(10);
+    learn();
     model.remove(media, at(12));
     stopOffer(12);
     gone(12, "other");
@@ -262,8 +263,7 @@ TEST_F(ModelTest, OfferOfAServiceThatNobodyHasIsAFault)
 
 TEST_F(ModelTest, ReplacedUnitStartsFromNothing)
 {
-    offer(10);
-    discovered(10);
+    learn();
     judgeUntil(13);
     model.replace(learner, at(14));
     model.attach(learner, at(15));

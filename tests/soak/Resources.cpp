@@ -1,6 +1,5 @@
 #include "soak/Resources.h"
 
-#include "support/Namespace.h"
 #include "support/Process.h"
 
 #include <algorithm>

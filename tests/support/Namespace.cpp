@@ -3,7 +3,6 @@
 #include <array>
 #include <cerrno>
 #include <cstdio>
-#include <filesystem>
 #include <fstream>
 #include <memory>
 #include <sstream>
@@ -168,16 +167,6 @@ std::map<std::string, unsigned> groupUsers()
             result[interface] = users;
     }
     return result;
-}
-
-std::size_t openDescriptors()
-{
-    std::size_t count = 0;
-    for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
-        static_cast<void>(entry);
-        ++count;
-    }
-    return count - 1;  // the directory itself
 }
 
 }  // namespace Nubo::ServiceDiscovery::Testing

@@ -100,7 +100,4 @@ std::vector<std::string> joinedInterfaces();
 /// How many sockets have joined the discovery group in the calling thread's namespace, by interface.
 std::map<std::string, unsigned> groupUsers();
 
-/// How many descriptors the process has open.
-std::size_t openDescriptors();
-
 }  // namespace Nubo::ServiceDiscovery::Testing

@@ -6,7 +6,9 @@
 namespace Nubo::ServiceDiscovery::Testing {
 
 /// Sanitizers make the library several times slower.
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+#if defined(__clang__)
+constexpr bool isSanitized = __has_feature(address_sanitizer) || __has_feature(thread_sanitizer);
+#elif defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
 constexpr bool isSanitized = true;
 #else
 constexpr bool isSanitized = false;
@@ -14,6 +16,9 @@ constexpr bool isSanitized = false;
 
 /// How many threads run.
 std::size_t runningThreads();
+
+/// How many descriptors are open.
+std::size_t openDescriptors();
 
 /// Bytes of the heap that are allocated.
 std::size_t heapInUse();

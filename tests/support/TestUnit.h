@@ -225,6 +225,13 @@ public:
         const InNamespace inside(network());
         dispatcher().removeInterface(name, ip);
     }
+
+    /// Gives the interface the address and reports it.
+    void useInterface(const std::string& name, const std::string& ip)
+    {
+        network().addAddress(name, ip + "/64");
+        addInterface(name, ip);
+    }
 };
 
 }  // namespace Nubo::ServiceDiscovery::Testing

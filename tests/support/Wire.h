@@ -82,6 +82,19 @@ inline std::streamsize unread(std::istream& stream)
     return stream.rdbuf()->in_avail();
 }
 
+/// Shows what reading an entry or an option returns.
+template <class Part>
+struct Opened : Part
+{
+    using Part::Part;
+
+    std::streamsize readBytes(const std::string& hex)
+    {
+        std::istringstream stream = streamOf(hex);
+        return this->implementation()->deserialise(stream);
+    }
+};
+
 /// A configuration text as it travels: one length byte before the characters.
 inline std::string configText(const std::string& text)
 {

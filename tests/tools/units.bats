@@ -31,6 +31,18 @@ two_units() {
     unit b eth0=fd00::2
 }
 
+# a with a link to b and another one to c.
+two_links() {
+    two_units
+    ip netns add c
+    on c ip link set lo up
+    ip link add far netns a type veth peer name eth0 netns c
+    on a ip link set far up
+    on a ip address add fd01::1/64 dev far nodad
+    on c ip link set eth0 up
+    on c ip address add fd01::2/64 dev eth0 nodad
+}
+
 @test "two units find each other's services in both directions" {
     two_units
     start a a --json announce Media --port 8080 --version 1.2.0 --category audio
@@ -244,15 +256,7 @@ EOF
 }
 
 @test "only the named interfaces are used" {
-    unit a eth0=fd00::1
-    unit b eth0=fd00::2
-    ip netns add c
-    on c ip link set lo up
-    ip link add far netns a type veth peer name eth0 netns c
-    on a ip link set far up
-    on a ip address add fd01::1/64 dev far nodad
-    on c ip link set eth0 up
-    on c ip address add fd01::2/64 dev eth0 nodad
+    two_links
     start b b --json browse
     start c c --json browse
 
@@ -270,15 +274,7 @@ EOF
 }
 
 @test "every peer sees the address of its own side" {
-    unit a eth0=fd00::1
-    unit b eth0=fd00::2
-    ip netns add c
-    on c ip link set lo up
-    ip link add far netns a type veth peer name eth0 netns c
-    on a ip link set far up
-    on a ip address add fd01::1/64 dev far nodad
-    on c ip link set eth0 up
-    on c ip address add fd01::2/64 dev eth0 nodad
+    two_links
     start b b --json browse
     start c c --json browse
 

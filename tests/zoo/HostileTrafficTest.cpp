@@ -2,12 +2,12 @@
 #include "support/Listener.h"
 #include "support/LogCatcher.h"
 #include "support/Packets.h"
+#include "support/Process.h"
+#include "support/RawSpeaker.h"
 #include "support/Waiting.h"
 #include "support/Wire.h"
 #include "zoo/ListeningUnit.h"
 #include "zoo/LogLimit.h"
-#include "zoo/RawSpeaker.h"
-#include "zoo/Sanitizer.h"
 
 #include <chrono>
 #include <cstddef>
@@ -69,14 +69,6 @@ std::string icmpError(std::uint8_t type, std::uint8_t code, std::uint16_t source
            pointerOrSize + ip + udp;
 }
 
-/// An offer in a UDP datagram whose checksum is wrong.
-std::string corruptedOffer(const std::string& name)
-{
-    const std::string payload = Packets::offer(name);
-    return "00 09"_bytes + bigEndian16(discoveryPort) + bigEndian16(8 + payload.size()) + "0b ad"_bytes +
-           payload;
-}
-
 struct HostileTrafficTest : ListeningUnitTest
 {
     /// Whether the unit still hears. A flood may have left no room for one offer, so there are several.
@@ -135,10 +127,11 @@ TEST_F(FloodTest, EmptyDatagramsInMassesLeaveTheUnitListeningAndIdle)
 TEST_F(FloodTest, DatagramsWithABadChecksumLeaveTheUnitListeningAndIdle)
 {
     constexpr std::size_t count = 5000;
+    const std::string offer = corrupted(Packets::offer("Corrupted"));
     RawSpeaker corrupting(neighbour, "eth0", "fd00::2", IPPROTO_UDP);
 
     for (std::size_t i = 0; i < count; ++i) {
-        corrupting.send(corruptedOffer("Corrupted"), discoveryGroup);
+        corrupting.send(offer, discoveryGroup);
         if (i % 1000 == 0) {
             EXPECT_TRUE(isListening());
         }

@@ -19,9 +19,8 @@ struct NeighbourTest : ::testing::Test
     NeighbourTest()
     {
         connect(unit.network(), "eth0", neighbour, "eth0");
-        unit.network().addAddress("eth0", "fd00::1/64");
+        unit.useInterface("eth0", "fd00::1");
         neighbour.addAddress("eth0", "fd00::2/64");
-        unit.addInterface("eth0", "fd00::1");
     }
 
     LogCatcher log;

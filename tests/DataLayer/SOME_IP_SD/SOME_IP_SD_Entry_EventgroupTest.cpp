@@ -30,18 +30,6 @@ SOME_IP_SD_Entry::CommonFields subscribeFields()
     return fields;
 }
 
-/// Shows what reading returns.
-struct OpenEntry : SOME_IP_SD_Entry_Eventgroup
-{
-    using SOME_IP_SD_Entry_Eventgroup::SOME_IP_SD_Entry_Eventgroup;
-
-    std::streamsize readBytes(const std::string& hex)
-    {
-        std::istringstream stream = streamOf(hex);
-        return implementation()->deserialise(stream);
-    }
-};
-
 struct SOME_IP_SD_Entry_EventgroupTest : ::testing::Test
 {
     LogCatcher log;
@@ -103,8 +91,8 @@ TEST_F(SOME_IP_SD_Entry_EventgroupTest, EntryThatEndsTheStreamIsGood)
 
 TEST_F(SOME_IP_SD_Entry_EventgroupTest, ReadingReturnsTheBytesOfTheLastFourFields)
 {
-    OpenEntry whole(EntryType::SUBSCRIBE);
-    OpenEntry cut(EntryType::SUBSCRIBE);
+    Opened<SOME_IP_SD_Entry_Eventgroup> whole(EntryType::SUBSCRIBE);
+    Opened<SOME_IP_SD_Entry_Eventgroup> cut(EntryType::SUBSCRIBE);
 
     EXPECT_EQ(whole.readBytes("01 02 ab 03 04 05 06 07 00 08 0e 00 00 00 01 ff"), 4);
     EXPECT_EQ(cut.readBytes("01 02 ab 03 04 05 06 07 00 08 0e 00"), 1);

@@ -27,18 +27,6 @@ SOME_IP_SD_Entry::CommonFields offerFields()
     return fields;
 }
 
-/// Shows what reading returns.
-struct OpenEntry : SOME_IP_SD_Entry_Service
-{
-    using SOME_IP_SD_Entry_Service::SOME_IP_SD_Entry_Service;
-
-    std::streamsize readBytes(const std::string& hex)
-    {
-        std::istringstream stream = streamOf(hex);
-        return implementation()->deserialise(stream);
-    }
-};
-
 struct SOME_IP_SD_Entry_ServiceTest : ::testing::Test
 {
     /// Reads the bytes that follow the type byte.
@@ -111,8 +99,8 @@ TEST_F(SOME_IP_SD_Entry_ServiceTest, EntryThatEndsTheStreamIsGood)
 
 TEST_F(SOME_IP_SD_Entry_ServiceTest, ReadingReturnsTheBytesOfTheMinorVersion)
 {
-    OpenEntry whole(EntryType::OFFER_SERVICE);
-    OpenEntry cut(EntryType::OFFER_SERVICE);
+    Opened<SOME_IP_SD_Entry_Service> whole(EntryType::OFFER_SERVICE);
+    Opened<SOME_IP_SD_Entry_Service> cut(EntryType::OFFER_SERVICE);
 
     EXPECT_EQ(whole.readBytes("00 00 20 ff fe 00 01 01 00 00 03 00 00 00 00 ff"), 4);
     EXPECT_EQ(cut.readBytes("00 00 20 ff fe 00 01 01 00 00 03 00 00"), 2);

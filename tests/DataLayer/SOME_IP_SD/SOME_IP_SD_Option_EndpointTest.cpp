@@ -91,19 +91,6 @@ struct IPv6
         "Error: SOME_IP_SD_Option_IPv6 size=21, but 20 written by serialisation!";
 };
 
-/// Shows what reading returns.
-template <class Option>
-struct OpenOption : Option
-{
-    using Option::Option;
-
-    std::streamsize readBytes(const std::string& hex)
-    {
-        std::istringstream stream = streamOf(hex);
-        return this->implementation()->deserialise(stream);
-    }
-};
-
 struct FamilyNames
 {
     template <class Family>
@@ -216,8 +203,8 @@ TYPED_TEST(SOME_IP_SD_Option_EndpointTest, EveryFieldIsReadFromItsPlace)
 
 TYPED_TEST(SOME_IP_SD_Option_EndpointTest, ReadingReturnsTheBytesAfterTheReservedByte)
 {
-    OpenOption<typename TypeParam::Option> whole(TypeParam::types[0]);
-    OpenOption<typename TypeParam::Option> cut(TypeParam::types[0]);
+    Opened<typename TypeParam::Option> whole(TypeParam::types[0]);
+    Opened<typename TypeParam::Option> cut(TypeParam::types[0]);
 
     EXPECT_EQ(whole.readBytes("00 " + this->addressBytes + " 00 11 77 1a ff"), TypeParam::length - 1);
     EXPECT_EQ(cut.readBytes("00 " + this->addressBytes + " 00"), TypeParam::length - 4);

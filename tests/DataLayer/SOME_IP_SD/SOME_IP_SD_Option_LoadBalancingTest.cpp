@@ -13,16 +13,6 @@ using ::testing::IsEmpty;
 
 namespace {
 
-/// Shows what reading returns.
-struct OpenOption : SOME_IP_SD_Option_LoadBalancing
-{
-    std::streamsize readBytes(const std::string& hex)
-    {
-        std::istringstream stream = streamOf(hex);
-        return implementation()->deserialise(stream);
-    }
-};
-
 struct SOME_IP_SD_Option_LoadBalancingTest : ::testing::Test
 {
     /// Reads into an option of a received length what follows the type byte.
@@ -79,8 +69,8 @@ TEST_F(SOME_IP_SD_Option_LoadBalancingTest, PriorityAndWeightAreReadFromTheirPla
 
 TEST_F(SOME_IP_SD_Option_LoadBalancingTest, ReadingReturnsTheBytesAfterTheReservedByte)
 {
-    EXPECT_EQ(OpenOption().readBytes("00 01 02 03 04 ff"), 4);
-    EXPECT_EQ(OpenOption().readBytes("00 01 02 03"), 3);
+    EXPECT_EQ(Opened<SOME_IP_SD_Option_LoadBalancing>().readBytes("00 01 02 03 04 ff"), 4);
+    EXPECT_EQ(Opened<SOME_IP_SD_Option_LoadBalancing>().readBytes("00 01 02 03"), 3);
 }
 
 TEST_F(SOME_IP_SD_Option_LoadBalancingTest, LongerLengthIsAMismatch)

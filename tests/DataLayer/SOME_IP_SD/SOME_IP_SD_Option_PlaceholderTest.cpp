@@ -13,18 +13,6 @@ using ::testing::IsEmpty;
 
 namespace {
 
-/// Shows what reading returns.
-struct OpenOption : SOME_IP_SD_Option_Placeholder
-{
-    using SOME_IP_SD_Option_Placeholder::SOME_IP_SD_Option_Placeholder;
-
-    std::streamsize readBytes(const std::string& hex)
-    {
-        std::istringstream stream = streamOf(hex);
-        return implementation()->deserialise(stream);
-    }
-};
-
 struct SOME_IP_SD_Option_PlaceholderTest : ::testing::Test
 {
     LogCatcher log;
@@ -61,7 +49,7 @@ TEST_F(SOME_IP_SD_Option_PlaceholderTest, ReadsNothingAndWarns)
 
 TEST_F(SOME_IP_SD_Option_PlaceholderTest, ReadingReturnsZero)
 {
-    EXPECT_EQ(OpenOption(300).readBytes("01 02 03"), 0);
+    EXPECT_EQ(Opened<SOME_IP_SD_Option_Placeholder>(300).readBytes("01 02 03"), 0);
 }
 
 TEST_F(SOME_IP_SD_Option_PlaceholderTest, TextNamesTheKind)

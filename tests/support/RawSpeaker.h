@@ -1,6 +1,9 @@
 #pragma once
 
+#include "support/Listener.h"
 #include "support/Namespace.h"
+#include "support/Packets.h"
+#include "support/Wire.h"
 
 #include <Poco/Net/SocketAddress.h>
 
@@ -14,6 +17,13 @@
 #include <unistd.h>
 
 namespace Nubo::ServiceDiscovery::Testing {
+
+/// The payload in a UDP datagram to the discovery port whose checksum is wrong.
+inline std::string corrupted(const std::string& payload)
+{
+    return Packets::bigEndian16(9) + Packets::bigEndian16(discoveryPort) +
+           Packets::bigEndian16(8 + payload.size()) + "0b ad"_bytes + payload;
+}
 
 /// Sends what no ordinary socket lets out: the header of the transport protocol is the caller's.
 class RawSpeaker
