@@ -82,6 +82,16 @@ struct NetlinkDispatcherTest : ::testing::Test
     }
 
     /// More than fits into the socket on which the kernel tells.
+    /// Follows until "eth0" is reported, while the kernel tells more than can be told.
+    void fallBehind()
+    {
+        follow();
+        reports->onReport([&] { gate.pass(); });
+        network.link("eth0", "fd00::1");
+        ASSERT_TRUE(eventually([&] { return gate.isReached(); }));
+        tellTooMuch();
+    }
+
     static void tellTooMuch()
     {
         shell(
@@ -575,12 +585,7 @@ TEST_F(NetlinkDispatcherTest, EveryAdditionIsFollowedByItsRemovalBeforeTheNext)
 
 TEST_F(NetlinkDispatcherTest, WhatTheKernelCouldNotTellIsReadAnew)
 {
-    follow();
-    reports->onReport([&] { gate.pass(); });
-    network.link("eth0", "fd00::1");
-    ASSERT_TRUE(eventually([&] { return gate.isReached(); }));
-
-    tellTooMuch();
+    fallBehind();
     network.link("eth1", "fd01::1");
     ip("link delete eth0");
     gate.open();
@@ -591,12 +596,7 @@ TEST_F(NetlinkDispatcherTest, WhatTheKernelCouldNotTellIsReadAnew)
 
 TEST_F(NetlinkDispatcherTest, AddressThatWasMadeAnewInWhatTheKernelCouldNotTellIsReportedAnew)
 {
-    follow();
-    reports->onReport([&] { gate.pass(); });
-    network.link("eth0", "fd00::1");
-    ASSERT_TRUE(eventually([&] { return gate.isReached(); }));
-
-    tellTooMuch();
+    fallBehind();
     ip("address delete fd00::1/64 dev eth0");
     network.here.addAddress("eth0", "fd00::1/64");
     gate.open();
@@ -607,12 +607,7 @@ TEST_F(NetlinkDispatcherTest, AddressThatWasMadeAnewInWhatTheKernelCouldNotTellI
 
 TEST_F(NetlinkDispatcherTest, AddressThatStandsIsNotReportedAnewWhenTheKernelCouldNotTellAll)
 {
-    follow();
-    reports->onReport([&] { gate.pass(); });
-    network.link("eth0", "fd00::1");
-    ASSERT_TRUE(eventually([&] { return gate.isReached(); }));
-
-    tellTooMuch();
+    fallBehind();
     network.link("eth1", "fd01::1");
     gate.open();
 
@@ -625,11 +620,7 @@ TEST_F(NetlinkDispatcherTest, AddressThatStandsIsNotReportedAnewWhenTheKernelCou
 TEST_F(NetlinkDispatcherTest, WhatCouldNotBeReadAnewIsReadLater)
 {
     const LogCatcher log;
-    follow();
-    reports->onReport([&] { gate.pass(); });
-    network.link("eth0", "fd00::1");
-    ASSERT_TRUE(eventually([&] { return gate.isReached(); }));
-    tellTooMuch();
+    fallBehind();
     ip("link delete eth0");
 
     {
