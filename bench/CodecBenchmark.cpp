@@ -1,5 +1,6 @@
-// What it costs to encode and to decode one offer of a usual size.
+// What it costs to encode and to decode packets, beside the least that anybody could do with the same bytes.
 
+#include "Allocations.h"
 #include "DataLayer/SDService.h"
 #include "DataLayer/SOME_IP_SD/SOME_IP_SD_Entry_Service.h"
 #include "DataLayer/SOME_IP_SD/SOME_IP_SD_Header.h"
@@ -11,6 +12,8 @@
 #include <Poco/MemoryStream.h>
 
 #include <array>
+#include <cstring>
+#include <vector>
 
 #include <benchmark/benchmark.h>
 
@@ -18,9 +21,19 @@ namespace Nubo::ServiceDiscovery {
 
 namespace {
 
-/// A service with six configuration pairs: two versions, one category and the three of every service.
-NuboServiceDescription describe()
+using Datagram = std::array<char, 1212>;
+
+enum Kind
 {
+    Find,
+    Offer,       ///< with six configuration pairs: two versions, one category and the three of every service
+    SevenOffers  ///< in one datagram
+};
+
+SDService makeService(Kind kind)
+{
+    if (kind == Find)
+        return SDService("NavigationService");
     NuboServiceDescription description;
     description.setName("NavigationService");
     description.addVersion("1.2.0");
@@ -28,80 +41,175 @@ NuboServiceDescription describe()
     description.addCategory("navigation");
     description.setIpAddress(Poco::Net::IPAddress("fd00::1"));
     description.setPort(8080);
-    return description;
+    return SDService(description);
 }
 
-SOME_IP_SD_Header makeOffer(const SDService& service)
+SOME_IP_SD_Header makePacket(const SDService& service, Kind kind)
 {
     SOME_IP_SD_Entry::CommonFields fields;
-    fields.type = EntryType::OFFER_SERVICE;
+    fields.type = kind == Find ? EntryType::FIND_SERVICE : EntryType::OFFER_SERVICE;
     fields.serviceID = service.getServiceId();
     fields.instanceID = 1;
     fields.majorVersion = service.getMajorVersion();
     fields.ttl = service.getTTL();
     SOME_IP_SD_Entry_Service::Ptr entry = new SOME_IP_SD_Entry_Service(fields, service.getMinorVersion());
-    entry->setFstOptionRun({0, 1});
-    entry->setSndOptionRun({1, 1});
 
-    const NuboServiceDescription& description = service.getNuboDescription();
-    const auto* address = static_cast<const std::uint8_t*>(description.getIpAddress().addr());
     SOME_IP_SD_Header packet(0);
     packet.addEntry(entry, false);
-    packet.addOption(new SOME_IP_SD_Option_IPv6(OptionType::IP6_ENDPOINT, address, description.getPort(),
-                                                description.getL4Proto()),
-                     false);
+    std::uint8_t configurationIndex = 0;
+    if (kind != Find) {
+        const NuboServiceDescription& description = service.getNuboDescription();
+        const auto* address = static_cast<const std::uint8_t*>(description.getIpAddress().addr());
+        entry->setFstOptionRun({0, 1});
+        packet.addOption(new SOME_IP_SD_Option_IPv6(OptionType::IP6_ENDPOINT, address, description.getPort(),
+                                                    description.getL4Proto()),
+                         false);
+        configurationIndex = 1;
+    }
+    entry->setSndOptionRun({configurationIndex, 1});
     packet.addOption(new SOME_IP_SD_Option_Configuration(service.getConfiguration()), false);
     return packet;
 }
 
-using Datagram = std::array<char, 1212>;
-
-std::size_t encode(const SDService& service, Datagram& datagram)
+std::size_t encode(const SDService& service, Kind kind, Datagram& datagram)
 {
     Poco::MemoryOutputStream stream(datagram.data(), static_cast<std::streamsize>(datagram.size()));
-    stream << makeOffer(service);
+    const int packets = kind == SevenOffers ? 7 : 1;
+    for (int i = 0; i < packets; ++i)
+        stream << makePacket(service, kind);
     return static_cast<std::size_t>(stream.charsWritten());
 }
 
-void quietLog()
+/// From the bytes to the records that the state machine gets.
+unsigned decode(const Datagram& datagram, std::size_t size, Kind kind)
+{
+    Poco::MemoryInputStream stream(datagram.data(), static_cast<std::streamsize>(size));
+    unsigned result = 0;
+    for (std::size_t left = size; left > 0;) {
+        SOME_IP_SD_Header packet(left);
+        stream >> packet;
+        left -= packet.getSize();
+        const SOME_IP_SD_Header::EntryData data = packet.getEntryData(0);
+        const auto configuration = data.options.back().cast<SOME_IP_SD_Option_Configuration>();
+        if (kind == Find) {
+            const auto name = configuration->getConfigurationPairs().find("otherserv");
+            result += SDService(name->second).getTTL();
+        }
+        else {
+            result += SDService(*data.entry.cast<SOME_IP_SD_Entry_Service>(),
+                                *data.options.front().cast<SOME_IP_SD_Option_IPv6>(), *configuration)
+                          .getTTL();
+        }
+    }
+    return result;
+}
+
+void prepare(benchmark::State& state)
 {
     Logging::Log::Logger().setLevel(Poco::Message::PRIO_WARNING);
+    state.counters["packets"] = state.range(0) == SevenOffers ? 7 : 1;
 }
 
-void encodeOffer(benchmark::State& state)
+/// Reports what a run has taken for each packet.
+class PerPacket
 {
-    quietLog();
-    const SDService service(describe());
+public:
+    explicit PerPacket(benchmark::State& state) : m_state(state), m_before(allocations()) {}
+    ~PerPacket()
+    {
+        const double packets = static_cast<double>(m_state.iterations()) * m_state.counters["packets"];
+        m_state.counters["allocations"] = static_cast<double>(allocations() - m_before) / packets;
+        m_state.SetItemsProcessed(static_cast<std::int64_t>(packets));
+    }
+
+    PerPacket(const PerPacket&) = delete;
+    PerPacket& operator=(const PerPacket&) = delete;
+
+private:
+    benchmark::State& m_state;
+    const std::uint64_t m_before;
+};
+
+void encodePacket(benchmark::State& state)
+{
+    prepare(state);
+    const Kind kind = static_cast<Kind>(state.range(0));
+    const SDService service = makeService(kind);
     Datagram datagram;
-    std::size_t size = 0;
+    const PerPacket report(state);
     for (auto _ : state) {
-        size = encode(service, datagram);
+        encode(service, kind, datagram);
         benchmark::DoNotOptimize(datagram);
     }
-    state.SetBytesProcessed(static_cast<std::int64_t>(state.iterations() * size));
 }
 
-/// From the bytes to the record that the state machine gets.
-void decodeOffer(benchmark::State& state)
+void decodePacket(benchmark::State& state)
 {
-    quietLog();
+    prepare(state);
+    const Kind kind = static_cast<Kind>(state.range(0));
     Datagram datagram;
-    const std::size_t size = encode(SDService(describe()), datagram);
-    for (auto _ : state) {
-        Poco::MemoryInputStream stream(datagram.data(), static_cast<std::streamsize>(size));
-        SOME_IP_SD_Header packet(size);
-        stream >> packet;
-        const SOME_IP_SD_Header::EntryData data = packet.getEntryData(0);
-        const SDService service(*data.entry.cast<SOME_IP_SD_Entry_Service>(),
-                                *data.options.at(0).cast<SOME_IP_SD_Option_IPv6>(),
-                                *data.options.at(1).cast<SOME_IP_SD_Option_Configuration>());
-        benchmark::DoNotOptimize(service.getTTL());
-    }
-    state.SetBytesProcessed(static_cast<std::int64_t>(state.iterations() * size));
+    const std::size_t size = encode(makeService(kind), kind, datagram);
+    const PerPacket report(state);
+    for (auto _ : state)
+        benchmark::DoNotOptimize(decode(datagram, size, kind));
 }
 
-BENCHMARK(encodeOffer);
-BENCHMARK(decodeOffer);
+/// Floors: the bytes are stored, or loaded, one after the other, as a codec of plain C would.
+void storeBytes(benchmark::State& state)
+{
+    prepare(state);
+    const Kind kind = static_cast<Kind>(state.range(0));
+    Datagram source;
+    const std::size_t size = encode(makeService(kind), kind, source);
+    Datagram datagram;
+    const PerPacket report(state);
+    for (auto _ : state) {
+        for (std::size_t i = 0; i < size; ++i) {
+            datagram[i] = source[i];
+            benchmark::ClobberMemory();  // else the compiler makes it a memcpy
+        }
+    }
+}
+
+void loadBytes(benchmark::State& state)
+{
+    prepare(state);
+    const Kind kind = static_cast<Kind>(state.range(0));
+    Datagram datagram;
+    const std::size_t size = encode(makeService(kind), kind, datagram);
+    const PerPacket report(state);
+    for (auto _ : state) {
+        for (std::size_t i = 0; i < size; ++i)
+            benchmark::DoNotOptimize(datagram[i]);
+    }
+}
+
+void copyBytes(benchmark::State& state)
+{
+    prepare(state);
+    const Kind kind = static_cast<Kind>(state.range(0));
+    Datagram source;
+    std::size_t size = encode(makeService(kind), kind, source);
+    Datagram datagram;
+    const PerPacket report(state);
+    for (auto _ : state) {
+        benchmark::DoNotOptimize(size);
+        std::memcpy(datagram.data(), source.data(), size);
+        benchmark::DoNotOptimize(datagram);
+    }
+}
+
+void kinds(benchmark::internal::Benchmark* benchmark)
+{
+    for (const Kind kind : {Find, Offer, SevenOffers})
+        benchmark->Arg(kind);
+}
+
+BENCHMARK(encodePacket)->Apply(kinds);
+BENCHMARK(storeBytes)->Apply(kinds);
+BENCHMARK(decodePacket)->Apply(kinds);
+BENCHMARK(loadBytes)->Apply(kinds);
+BENCHMARK(copyBytes)->Apply(kinds);
 
 }  // namespace
 

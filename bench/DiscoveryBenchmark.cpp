@@ -1,20 +1,27 @@
-// How long it takes from addService() on one unit to ServiceListChanged on another, over a veth pair.
+// How long it takes until other units know what one of them adds or removes, on real networks of namespaces.
 //
 // usage: tests/support/in-namespace.sh build-bench/bin/discovery_benchmark [SERVICES]
+//
+// SERVICES is how many are added one after the other (default: 300).
 
 #include "ServiceDiscovery.h"
+#include "support/Descriptions.h"
 #include "support/Namespace.h"
 #include "support/Platform.h"
-#include "support/Registry.h"
 
 #include <KELUtilLib/Logging.h>
+
+#include <Poco/Delegate.h>
 
 #include <algorithm>
 #include <chrono>
 #include <condition_variable>
 #include <cstdio>
+#include <deque>
+#include <functional>
 #include <memory>
 #include <mutex>
+#include <stdexcept>
 #include <string>
 #include <thread>
 #include <vector>
@@ -25,91 +32,181 @@ using namespace Nubo::ServiceDiscovery::Testing;
 namespace {
 
 using Clock = std::chrono::steady_clock;
+using Milliseconds = std::chrono::duration<double, std::milli>;
 
-/// A unit in its namespace, with one interface.
+constexpr std::chrono::seconds patience{30};
+
+/// A unit on the interface "eth0" of its namespace, with a registry that counts.
 class Unit
 {
 public:
-    Unit(const Namespace& home, const std::string& interface, const std::string& address)
+    Unit(const Namespace& home, std::string address) : m_address(std::move(address))
     {
         const InNamespace inside(home);
-        m_platform.dispatcher().addInterface(interface, address);
-        discovery = std::make_unique<ServiceDiscovery>();
-        registry = std::make_unique<Registry>(*discovery);
-        discovery->startup(Poco::Net::IPAddress(address));
+        m_platform.dispatcher().addInterface("eth0", m_address);
+        m_discovery = std::make_unique<ServiceDiscovery>();
+        m_discovery->ServiceListChanged += Poco::delegate(this, &Unit::onServiceListChanged);
+        if (!m_discovery->startup(Poco::Net::IPAddress(m_address)))
+            throw std::runtime_error("a unit does not start");
+    }
+    ~Unit() { m_discovery->ServiceListChanged -= Poco::delegate(this, &Unit::onServiceListChanged); }
+
+    Unit(const Unit&) = delete;
+    Unit& operator=(const Unit&) = delete;
+
+    void add(int number)
+    {
+        const std::string text = std::to_string(number);
+        m_discovery->addService(describe("Service" + text, m_address, 8080, "own-" + text));
+    }
+    void add(int first, int count)
+    {
+        for (int i = 0; i < count; ++i)
+            add(first + i);
+    }
+    void remove(int number) { m_discovery->removeService("own-" + std::to_string(number)); }
+
+    /// Waits until it knows so many services; returns when it did.
+    Clock::time_point knows(int count)
+    {
+        std::unique_lock<std::mutex> lock(m_mutex);
+        if (!m_changed.wait_for(lock, patience, [&] { return m_known == count; }))
+            throw std::runtime_error("knows " + std::to_string(m_known) + " services, not " +
+                                     std::to_string(count));
+        return m_lastChange;
     }
 
 private:
-    PlatformScope m_platform;
+    void onServiceListChanged(ServiceDiscovery::ServiceListEventPayload& payload)
+    {
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        const bool isGone = payload.getEventType() == ServiceDiscovery::ServiceListEventPayload::SERVICE_GONE;
+        m_known += isGone ? -1 : 1;
+        if (!isGone)
+            payload.setLocalUuid("remote-" + std::to_string(++m_lastUuid));
+        m_lastChange = Clock::now();
+        m_changed.notify_all();
+    }
 
-public:
-    std::unique_ptr<ServiceDiscovery> discovery;
-    std::unique_ptr<Registry> registry;
+    const std::string m_address;
+    PlatformScope m_platform;
+    std::mutex m_mutex;
+    std::condition_variable m_changed;
+    Clock::time_point m_lastChange;
+    int m_known = 0;
+    int m_lastUuid = 0;
+    std::unique_ptr<ServiceDiscovery> m_discovery;
 };
 
-NuboServiceDescription describe(int number)
+/// Two namespaces that are joined.
+struct Pair
 {
-    NuboServiceDescription description;
-    description.setName("Service" + std::to_string(number));
-    description.addVersion("1.0.0");
-    description.setIpAddress(Poco::Net::IPAddress("fd00::1"));
-    description.setPort(8080);
-    description.setLocalUuid("uuid-" + std::to_string(number));
-    return description;
+    Pair()
+    {
+        connect(one, "eth0", two, "eth0");
+        one.addAddress("eth0", "fd00::1/64");
+        two.addAddress("eth0", "fd00::2/64");
+    }
+
+    Namespace one{"one"};
+    Namespace two{"two"};
+};
+
+void print(const std::string& what, Milliseconds time)
+{
+    std::printf("%-52s %9.1f ms\n", what.c_str(), time.count());
+}
+
+void oneAfterTheOther(int services)
+{
+    const Pair network;
+    Unit announcing(network.one, "fd00::1");
+    Unit learning(network.two, "fd00::2");
+    std::vector<double> times;
+    for (int number = 0; number < services; ++number) {
+        const Clock::time_point start = Clock::now();
+        announcing.add(number);
+        times.push_back(Milliseconds(learning.knows(number + 1) - start).count());
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));  // so that each finds an idle unit
+    }
+    std::sort(times.begin(), times.end());
+    const auto percentile = [&](double share) {
+        return times[static_cast<std::size_t>(share * static_cast<double>(times.size() - 1))];
+    };
+    std::printf("one after the other, %d: least %.3f  median %.3f  99th percentile %.3f  most %.3f ms\n",
+                services, percentile(0), percentile(0.5), percentile(0.99), percentile(1));
+}
+
+void atOnce(int services)
+{
+    const std::string count = std::to_string(services);
+    const Pair network;
+    Unit announcing(network.one, "fd00::1");
+    Unit learning(network.two, "fd00::2");
+
+    const Clock::time_point start = Clock::now();
+    announcing.add(0, services);
+    const Milliseconds adding = Clock::now() - start;
+    print(count + " at once, until the last call returns", adding);
+    print(count + " at once, until all are known", learning.knows(services) - start);
+}
+
+void lateJoiner(int services)
+{
+    const std::string count = std::to_string(services);
+    const Pair network;
+    Unit announcing(network.one, "fd00::1");
+    announcing.add(0, services);
+    std::this_thread::sleep_for(
+        std::chrono::milliseconds(1000 + 4 * services));  // all are in their main phase
+
+    const Clock::time_point start = Clock::now();
+    Unit late(network.two, "fd00::2");
+    print("a unit that joins late knows all " + count, late.knows(services) - start);
+
+    const Clock::time_point removal = Clock::now();
+    for (int number = 0; number < services; ++number)
+        announcing.remove(number);
+    print("all " + count + " are removed, and gone", late.knows(0) - removal);
+}
+
+void manyUnits(int units, int services)
+{
+    Segment segment;
+    std::deque<Namespace> homes;
+    std::deque<Unit> running;
+    for (int i = 1; i <= units; ++i) {
+        const std::string address = "fd00::" + std::to_string(i);
+        segment.plug(homes.emplace_back("unit" + std::to_string(i)), "eth0");
+        homes.back().addAddress("eth0", address + "/64");
+        running.emplace_back(homes.back(), address);
+    }
+    const Clock::time_point start = Clock::now();
+    for (int i = 0; i < units; ++i)
+        running[static_cast<std::size_t>(i)].add(i * services, services);
+    Clock::time_point last = start;
+    for (Unit& unit : running)
+        last = std::max(last, unit.knows((units - 1) * services));
+    print(std::to_string(units) + " units with " + std::to_string(services) + " each, until each knows all",
+          last - start);
 }
 
 }  // namespace
 
 int main(int argc, char** argv)
 {
-    const int services = argc > 1 ? std::stoi(argv[1]) : 500;
-    Logging::Log::Logger().setLevel(Poco::Message::PRIO_ERROR);
-    const Namespace one("one");
-    const Namespace two("two");
-    connect(one, "eth0", two, "eth0");
-    one.addAddress("eth0", "fd00::1/64");
-    two.addAddress("eth0", "fd00::2/64");
-    Unit announcing(one, "eth0", "fd00::1");
-    Unit learning(two, "eth0", "fd00::2");
-
-    std::mutex mutex;
-    std::condition_variable discovered;
-    Clock::time_point arrival;
-    bool arrived = false;
-    learning.registry->onEvent = [&](auto& payload) {
-        if (payload.getEventType() != ServiceDiscovery::EventType::SERVICE_DISCOVERED)
-            return;
-        const std::lock_guard<std::mutex> lock(mutex);
-        arrival = Clock::now();
-        arrived = true;
-        discovered.notify_one();
-    };
-
-    std::vector<double> milliseconds;
-    for (int number = 0; number < services; ++number) {
-        const NuboServiceDescription description = describe(number);
-        std::unique_lock<std::mutex> lock(mutex);
-        arrived = false;
-        lock.unlock();
-        const Clock::time_point start = Clock::now();
-        announcing.discovery->addService(description);
-        lock.lock();
-        if (!discovered.wait_for(lock, std::chrono::seconds(5), [&] { return arrived; })) {
-            std::printf("service %d was not discovered\n", number);
-            return 1;
-        }
-        milliseconds.push_back(std::chrono::duration<double, std::milli>(arrival - start).count());
-        lock.unlock();
-        announcing.discovery->removeService(description.getLocalUuid());
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));  // so that each finds an idle unit
+    Logging::Log::Logger().setLevel(Poco::Message::PRIO_FATAL);
+    try {
+        oneAfterTheOther(argc > 1 ? std::stoi(argv[1]) : 300);
+        for (const int services : {100, 1000})
+            atOnce(services);
+        for (const int services : {100, 1000})
+            lateJoiner(services);
+        manyUnits(8, 25);
     }
-
-    std::sort(milliseconds.begin(), milliseconds.end());
-    const auto percentile = [&](double share) {
-        return milliseconds[static_cast<std::size_t>(share * static_cast<double>(milliseconds.size() - 1))];
-    };
-    std::printf("addService to ServiceListChanged, %d services one after the other, in ms:\n", services);
-    std::printf("least %.3f  median %.3f  99th percentile %.3f  most %.3f\n", percentile(0), percentile(0.5),
-                percentile(0.99), percentile(1));
+    catch (const std::exception& exception) {
+        std::printf("%s\n", exception.what());
+        return 1;
+    }
     return 0;
 }

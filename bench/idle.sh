@@ -1,23 +1,30 @@
 #!/bin/sh
-# What a unit costs while nothing happens: processor time, wake-ups, memory. "alone" only listens on a network
-# of its own; "one" announces 10 services and knows the 10 of its neighbour.
+# What two units cost while nothing changes: one announces services, the other knows them. Processor time,
+# wake-ups, memory, and what is on the wire.
 #
-# usage: tests/support/in-namespace.sh bench/idle.sh NUBO-SD [SECONDS]
+# usage: tests/support/in-namespace.sh bench/idle.sh NUBO-SD [SECONDS [SERVICES]...]
 set -eu
 
 tool=$1
-seconds=${2:-30}
+seconds=${2:-20}
+if [ $# -gt 2 ]; then shift 2; else set -- 10 100 1000 10000; fi
 work=$(mktemp -d)
 started=
-trap 'kill $started 2>/dev/null || true; rm -rf "$work"' EXIT
-
-services() { # PREFIX
-    separator='['
-    for i in 0 1 2 3 4 5 6 7 8 9; do
-        printf '%s{"name":"%s%s","versions":["1.0.0"],"port":80%s0}' "$separator" "$1" "$i" "$i"
-        separator=,
+stop() {
+    for pid in $started; do
+        kill "$pid" 2>/dev/null || true
+        wait "$pid" || true
     done
-    echo ']'
+    started=
+}
+trap 'stop; rm -rf "$work"' EXIT
+
+services() { # NUMBER
+    awk -v n="$1" 'BEGIN {
+        for (i = 0; i < n; ++i)
+            printf "%s{\"name\":\"Service%d\",\"versions\":[\"1.0.0\"],\"port\":8080}\n", i ? "," : "[", i
+        print "]"
+    }'
 }
 
 start() { # UNIT ARGUMENT...
@@ -31,38 +38,43 @@ start() { # UNIT ARGUMENT...
 tasks() { cat /proc/"$(cat "$work/$1.pid")"/task/*/"$2"; }
 runtime() { tasks "$1" schedstat | awk '{ n += $1 } END { printf "%d", n }'; } # nanoseconds
 switches() { tasks "$1" status | awk '/^voluntary_ctxt/ { n += $2 } END { print n }'; }
-remember() { echo "$(runtime "$1") $(switches "$1")" >"$work/$1.before"; }
+sent() { # packets and bytes of the announcing unit
+    ip -n announces -json -stats link show eth0 | jq -r '.[0].stats64.tx | "\(.packets) \(.bytes)"'
+}
+remember() { echo "$(runtime "$1") $(switches "$1") $(sent)" >"$work/$1.before"; }
 
-row() { # UNIT
-    read -r runtime switches <"$work/$1.before"
-    awk -v unit="$1" -v runtime=$(($(runtime "$1") - runtime)) -v switches=$(($(switches "$1") - switches)) \
-        -v seconds="$seconds" -v rss="$(tasks "$1" status | awk '/^VmRSS/ { print $2; exit }')" \
-        -v threads="$(find /proc/"$(cat "$work/$1.pid")"/task -mindepth 1 -maxdepth 1 | wc -l)" 'BEGIN {
-            printf "%-8s %7.3f %% %10.1f /s %8.1f MiB %8d\n",
-                unit, runtime / 1e7 / seconds, switches / seconds, rss / 1024, threads
-        }'
+row() { # SERVICES UNIT
+    set -- "$@" "$(runtime "$2")" "$(switches "$2")" "$(sent)" \
+        "$(tasks "$2" status | awk '/^VmRSS/ { print $2; exit }')"
+    echo "$(cat "$work/$2.before") $3 $4 $5 $6" | awk -v services="$1" -v unit="$2" -v seconds="$seconds" '{
+        printf "%8d  %-10s %10.2f %12.1f %12.1f %12.1f %12.0f\n", services, unit, ($5 - $1) * 60 / seconds / 1e9,
+            ($6 - $2) / seconds, $9 / 1024, ($7 - $3) / seconds, ($8 - $4) / seconds
+    }'
 }
 
-for unit in alone one two; do
-    ip netns add $unit
-    services $unit >"$work/$unit.json"
+ip netns add announces
+ip netns add knows
+ip link add eth0 netns announces type veth peer name eth0 netns knows
+address=1
+for unit in announces knows; do
+    ip -n $unit link set eth0 up
+    ip -n $unit address add fd00::$address/64 dev eth0 nodad
+    address=2
 done
-ip link add eth0 netns one type veth peer name eth0 netns two
-ip link add eth0 netns alone type veth peer name eth1 netns alone
-for port in one:eth0:fd00::1 two:eth0:fd00::2 alone:eth1:fd00::2 alone:eth0:fd00::1; do
-    interface=${port#*:}
-    ip -n "${port%%:*}" link set "${interface%%:*}" up
-    ip -n "${port%%:*}" address add "${interface#*:}/64" dev "${interface%%:*}" nodad
-done
-start alone --interface eth0 browse
-start one announce --file "$work/one.json"
-start two announce --file "$work/two.json"
-sleep 4
-[ "$(grep -c '^discovered' "$work/one.out")" = 10 ] || { echo "not all were discovered" >&2 && exit 1; }
 
-remember alone
-remember one
-sleep "$seconds"
-echo "unit     processor     wake-ups     resident  threads"
-row alone
-row one
+echo "services  unit         s a minute   wake-ups/s          MiB  datagrams/s      bytes/s"
+for count in "$@"; do
+    services "$count" >"$work/services.json"
+    start knows browse
+    start announces announce --file "$work/services.json"
+    # A millisecond for each of a service's first four offers, until all are offered once a second.
+    sleep $((4 + count / 200))
+    known=$(grep -c '^discovered' "$work/knows.out" || true)
+    [ "$known" = "$count" ] || { echo "only $known of $count services were discovered" >&2 && exit 1; }
+    remember announces
+    remember knows
+    sleep "$seconds"
+    row "$count" announces
+    row "$count" knows
+    stop
+done

@@ -3,24 +3,17 @@
 #include "support/Process.h"
 
 #include <algorithm>
-#include <fstream>
 #include <iterator>
 
 #include <malloc.h>
-#include <unistd.h>
 
 namespace Nubo::ServiceDiscovery::Testing {
 
 Resources Resources::current()
 {
     ::malloc_trim(0);
-    std::ifstream file("/proc/self/statm");
-    std::size_t size = 0;
-    std::size_t resident = 0;
-    file >> size >> resident;
     constexpr double mebibyte = 1024 * 1024;
-    return {static_cast<double>(resident) * static_cast<double>(::sysconf(_SC_PAGESIZE)) / mebibyte,
-            static_cast<double>(heapInUse()) / mebibyte, openDescriptors(), runningThreads()};
+    return {static_cast<double>(residentMemory()) / mebibyte, static_cast<double>(heapInUse()) / mebibyte, openDescriptors(), runningThreads()};
 }
 
 double meanOf(const std::vector<Sample>& samples)

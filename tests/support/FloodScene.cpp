@@ -22,8 +22,6 @@
 #include <atomic>
 #include <cstdint>
 #include <cstring>
-#include <filesystem>
-#include <fstream>
 #include <mutex>
 #include <optional>
 #include <stdexcept>
@@ -56,39 +54,7 @@ constexpr milliseconds patience{30000};
 /// What the process has of the machine's memory; with sanitizers, whose own share is larger, its heap.
 std::size_t memoryInUse()
 {
-    if (isSanitized)
-        return heapInUse();
-    std::size_t size = 0;
-    std::size_t resident = 0;
-    std::ifstream("/proc/self/statm") >> size >> resident;
-    return resident * static_cast<std::size_t>(::sysconf(_SC_PAGESIZE));
-}
-
-/// Of each thread by its name.
-std::map<std::string, Milliseconds> processorTimes()
-{
-    std::map<std::string, Milliseconds> times;
-    for (const auto& task : std::filesystem::directory_iterator("/proc/self/task")) {
-        std::string name;
-        std::ifstream(task.path() / "comm") >> name;
-        std::uint64_t nanoseconds = 0;
-        std::ifstream(task.path() / "schedstat") >> nanoseconds;
-        times[name] += std::chrono::nanoseconds(nanoseconds);
-    }
-    return times;
-}
-
-/// Datagrams for which the namespace's sockets had no room.
-std::size_t lostDatagrams(const Namespace& network)
-{
-    const InNamespace inside(network);
-    std::ifstream counters("/proc/thread-self/net/snmp6");
-    std::string name;
-    for (std::size_t count = 0; counters >> name >> count;) {
-        if (name == "Udp6RcvbufErrors")
-            return count;
-    }
-    throw std::runtime_error("no count of lost datagrams");
+    return isSanitized ? heapInUse() : residentMemory();
 }
 
 Poco::Net::MulticastSocket openSocket(const Namespace& network, const std::string& interface)
@@ -329,7 +295,7 @@ FloodReport FloodScene::endure(const FloodPlan& plan)
 {
     FloodReport report;
     const std::size_t lostBefore = lostDatagrams(m_unitNetwork);
-    const std::map<std::string, Milliseconds> timesBefore = processorTimes();
+    const ProcessorTimes timesBefore = processorTimes();
     report.memoryBefore = memoryInUse();
 
     const FloodClock::time_point begin = FloodClock::now();

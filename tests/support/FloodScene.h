@@ -2,6 +2,7 @@
 
 #include "support/Flood.h"
 #include "support/Namespace.h"
+#include "support/Process.h"
 
 #include <chrono>
 #include <cstddef>
@@ -43,7 +44,7 @@ struct FloodReport
     std::size_t memoryBefore = 0;
     std::size_t memoryAtMost = 0;
     std::size_t memoryAfter = 0;
-    std::map<std::string, Milliseconds> processorTime;  ///< during the flood, by the thread's name
+    ProcessorTimes processorTime;  ///< during the flood, by the thread's name
 };
 
 class FloodScene

@@ -169,4 +169,16 @@ std::map<std::string, unsigned> groupUsers()
     return result;
 }
 
+std::size_t lostDatagrams(const Namespace& network)
+{
+    const InNamespace inside(network);
+    std::ifstream counters("/proc/thread-self/net/snmp6");
+    std::string name;
+    for (std::size_t count = 0; counters >> name >> count;) {
+        if (name == "Udp6RcvbufErrors")
+            return count;
+    }
+    throw std::runtime_error("no count of lost datagrams");
+}
+
 }  // namespace Nubo::ServiceDiscovery::Testing

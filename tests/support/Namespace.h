@@ -97,6 +97,9 @@ private:
 /// group, in alphabetical order.
 std::vector<std::string> joinedInterfaces();
 
+/// How many datagrams the namespace's sockets had no room for.
+std::size_t lostDatagrams(const Namespace& network);
+
 /// How many sockets have joined the discovery group in the calling thread's namespace, by interface.
 std::map<std::string, unsigned> groupUsers();
 

@@ -1,9 +1,12 @@
 #include "support/Process.h"
 
+#include <cstdint>
 #include <filesystem>
+#include <fstream>
 #include <iterator>
 
 #include <malloc.h>
+#include <unistd.h>
 
 extern "C" std::size_t __sanitizer_get_current_allocated_bytes();
 
@@ -35,6 +38,27 @@ std::size_t heapInUse()
         return __sanitizer_get_current_allocated_bytes();
     else
         return ::mallinfo2().uordblks;
+}
+
+std::size_t residentMemory()
+{
+    std::size_t size = 0;
+    std::size_t resident = 0;
+    std::ifstream("/proc/self/statm") >> size >> resident;
+    return resident * static_cast<std::size_t>(::sysconf(_SC_PAGESIZE));
+}
+
+ProcessorTimes processorTimes()
+{
+    ProcessorTimes times;
+    for (const auto& task : std::filesystem::directory_iterator("/proc/self/task")) {
+        std::string name;
+        std::ifstream(task.path() / "comm") >> name;
+        std::uint64_t nanoseconds = 0;
+        std::ifstream(task.path() / "schedstat") >> nanoseconds;
+        times[name] += std::chrono::nanoseconds(nanoseconds);
+    }
+    return times;
 }
 
 }  // namespace Nubo::ServiceDiscovery::Testing

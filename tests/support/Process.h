@@ -1,6 +1,9 @@
 #pragma once
 
+#include <chrono>
 #include <cstddef>
+#include <map>
+#include <string>
 
 /// What the test's own process has in use.
 namespace Nubo::ServiceDiscovery::Testing {
@@ -22,5 +25,12 @@ std::size_t openDescriptors();
 
 /// Bytes of the heap that are allocated.
 std::size_t heapInUse();
+
+/// Bytes of the machine's memory.
+std::size_t residentMemory();
+
+/// What each thread has had of a processor, by its name.
+using ProcessorTimes = std::map<std::string, std::chrono::duration<double, std::milli>>;
+ProcessorTimes processorTimes();
 
 }  // namespace Nubo::ServiceDiscovery::Testing

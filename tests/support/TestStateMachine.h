@@ -3,6 +3,8 @@
 #include "DataLayer/SDClock.h"
 #include "LogicLayer/SDStateMachine.h"
 
+#include <algorithm>
+#include <iterator>
 #include <string>
 #include <vector>
 
@@ -43,6 +45,26 @@ public:
 
     /// How many records the look-ups by name know of.
     std::size_t indexedRecords() const { return m_aperiodicIndex.size() + m_periodicIndex.size(); }
+
+    /// The records of both workloads with that identifier: by their indices, and by a walk.
+    ServicesContainer indexed(const std::string& uuid) const
+    {
+        ServicesContainer found;
+        for (const RecordIndex* index : {&m_aperiodicIndex, &m_periodicIndex})
+            index->visit(RecordIndex::keyOfUuid(uuid),
+                         [&](const SDService::Ptr& service) { found.push_back(service); });
+        return found;
+    }
+    ServicesContainer walked(const std::string& uuid) const
+    {
+        ServicesContainer found;
+        for (const ServicesContainer& services : {aperiodic(), periodic()})
+            std::copy_if(services.begin(), services.end(), std::back_inserter(found),
+                         [&](const SDService::Ptr& service) {
+                             return service->getNuboDescription().getLocalUuid() == uuid;
+                         });
+        return found;
+    }
 
     /// Put a record, or none, into a workload as it is.
     void putAperiodic(const SDService::Ptr& service, Poco::Clock::ClockDiff dueInMicroseconds = 0)

@@ -1,0 +1,265 @@
+// How many datagrams a unit takes in, from the socket to the state machine, beside how many a bare loop takes
+// off a socket. The services are known after the first few; what comes then are repeated offers.
+//
+// usage: tests/support/in-namespace.sh build-bench/bin/receive_benchmark [SECONDS]
+
+#include "ServiceDiscovery.h"
+#include "support/Flood.h"
+#include "support/Listener.h"
+#include "support/Namespace.h"
+#include "support/Packets.h"
+#include "support/Platform.h"
+#include "support/Process.h"
+
+#include <KELUtilLib/Logging.h>
+
+#include <Poco/Channel.h>
+#include <Poco/Delegate.h>
+#include <Poco/Message.h>
+#include <Poco/Net/MulticastSocket.h>
+#include <Poco/Net/NetworkInterface.h>
+
+#include <array>
+#include <atomic>
+#include <chrono>
+#include <cstdio>
+#include <exception>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <pthread.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+using namespace Nubo::ServiceDiscovery;
+using namespace Nubo::ServiceDiscovery::Testing;
+
+namespace {
+
+using std::chrono::milliseconds;
+using std::chrono::seconds;
+using Clock = std::chrono::steady_clock;
+
+constexpr std::size_t services = 10003;       // a multiple of seven
+constexpr std::size_t unlimited = 100000000;  // datagrams a second
+const std::vector<std::string> unitThreads{"SdSockReact", "SdReqHdlr"};
+const std::vector<std::string> loopThreads{"BareLoop"};
+
+struct Network
+{
+    Network()
+    {
+        connect(unit, "eth0", sender, "eth0");
+        unit.addAddress("eth0", "fd00::1/64");
+        sender.addAddress("eth0", "fd00::2/64");
+    }
+
+    Namespace unit{"unit"};
+    Namespace sender{"sender"};
+};
+
+/// Somebody who receives.
+class Receiver
+{
+public:
+    virtual ~Receiver() = default;
+    virtual const std::vector<std::string>& threads() const = 0;
+    virtual std::size_t dropped() const = 0;
+};
+
+class UnitReceiver : public Receiver
+{
+public:
+    explicit UnitReceiver(const Network& network)
+    {
+        Logging::Log::Logger().setChannel(m_drops);
+        Logging::Log::Logger().setLevel(Poco::Message::PRIO_WARNING);
+        const InNamespace inside(network.unit);
+        m_platform.dispatcher().addInterface("eth0", "fd00::1");
+        m_unit = std::make_unique<ServiceDiscovery>();
+        m_unit->ServiceListChanged += Poco::delegate(this, &UnitReceiver::onServiceListChanged);
+        m_unit->startup(Poco::Net::IPAddress("fd00::1"));
+    }
+
+    const std::vector<std::string>& threads() const override { return unitThreads; }
+    std::size_t dropped() const override { return m_drops->dropped; }
+
+private:
+    /// Adds up what the unit says to have dropped.
+    struct DropCount : Poco::Channel
+    {
+        void log(const Poco::Message& message) override
+        {
+            const std::string report = "Warning: SDCommunicationHub - dropped ";
+            if (message.getText().compare(0, report.size(), report) == 0)
+                dropped += std::stoul(message.getText().substr(report.size()));
+        }
+        std::atomic<std::size_t> dropped{0};
+    };
+
+    void onServiceListChanged(ServiceDiscovery::ServiceListEventPayload& payload)
+    {
+        payload.setLocalUuid(std::to_string(++m_discovered));
+    }
+
+    Poco::AutoPtr<DropCount> m_drops{new DropCount};
+    PlatformScope m_platform;
+    std::size_t m_discovered = 0;
+    std::unique_ptr<ServiceDiscovery> m_unit;
+};
+
+class BareLoop : public Receiver
+{
+public:
+    explicit BareLoop(const Network& network)
+    {
+        constexpr int receiveBuffer = 4 * 1024 * 1024;
+        const InNamespace inside(network.unit);
+        m_socket = Poco::Net::MulticastSocket(Poco::Net::SocketAddress::IPv6);
+        m_socket.bind(Poco::Net::SocketAddress("::", discoveryPort), false);
+        m_socket.joinGroup(Poco::Net::IPAddress(discoveryGroup),
+                           Poco::Net::NetworkInterface::forName("eth0", true));
+        m_socket.setReceiveBufferSize(receiveBuffer);
+        m_socket.setReceiveTimeout(Poco::Timespan(0, 10000));
+        m_thread = std::thread(&BareLoop::run, this);
+    }
+    ~BareLoop() override
+    {
+        m_stop = true;
+        m_thread.join();
+    }
+
+    const std::vector<std::string>& threads() const override { return loopThreads; }
+    std::size_t dropped() const override { return 0; }
+
+private:
+    void run()
+    {
+        ::pthread_setname_np(::pthread_self(), loopThreads.front().c_str());
+        std::array<char, 65536> datagram{};
+        while (!m_stop)
+            static_cast<void>(::recv(m_socket.impl()->sockfd(), datagram.data(), datagram.size(), 0));
+    }
+
+    Poco::Net::MulticastSocket m_socket;
+    std::atomic<bool> m_stop{false};
+    std::thread m_thread;
+};
+
+double processorTimeOf(const Receiver& receiver)
+{
+    ProcessorTimes times = processorTimes();
+    double sum = 0;
+    for (const std::string& name : receiver.threads())
+        sum += times[name].count();
+    return sum / 1000;
+}
+
+/// Waits until the receiver has nothing left to do: no more than idling takes.
+void waitForRest(const Receiver& receiver)
+{
+    constexpr double idling = 0.001;
+    for (double last = -1, now = processorTimeOf(receiver); now - last > idling;) {
+        std::this_thread::sleep_for(milliseconds(20));
+        last = now;
+        now = processorTimeOf(receiver);
+    }
+}
+
+std::vector<std::string> datagrams(std::size_t offersInEach)
+{
+    const std::vector<std::string> offers = offersOfServices(services);
+    std::vector<std::string> result;
+    for (std::size_t i = 0; i + offersInEach <= offers.size(); i += offersInEach) {
+        std::string datagram;
+        for (std::size_t k = 0; k < offersInEach; ++k)
+            datagram += offers[i + k];
+        result.push_back(datagram);
+    }
+    return result;
+}
+
+template <class Kind>
+void run(const char* who, std::size_t offersInEach, std::size_t perSecond, seconds length)
+{
+    const Network network;
+    const Kind receiver(network);
+    const std::vector<std::string> contents = datagrams(offersInEach);
+    {
+        // All become known, and what that takes is not counted.
+        const FloodPlan introduction{contents, 2000, milliseconds(contents.size() / 2 + 500)};
+        const Flood flood(network.sender, "eth0", "fd00::2", introduction);
+        while (!flood.isOver())
+            std::this_thread::sleep_for(milliseconds(1));
+    }
+    waitForRest(receiver);
+
+    const std::size_t lostBefore = lostDatagrams(network.unit);
+    const std::size_t droppedBefore = receiver.dropped();
+    const std::size_t memoryBefore = residentMemory();
+    const double processorBefore = processorTimeOf(receiver);
+    const FloodPlan plan{contents, perSecond, length};
+    const auto start = Clock::now();
+    std::optional<Flood> flood(std::in_place, network.sender, "eth0", "fd00::2", plan);
+    while (!flood->isOver() && Clock::now() - start < length)
+        std::this_thread::sleep_for(milliseconds(1));
+    const std::size_t sent = flood->sent();
+    flood.reset();
+    const std::chrono::duration<double> time = Clock::now() - start;
+    waitForRest(receiver);
+
+    const std::size_t lost = lostDatagrams(network.unit) - lostBefore;
+    const std::size_t dropped = receiver.dropped() - droppedBefore;
+    const auto read = static_cast<double>(sent - lost - dropped);
+    const double growth = static_cast<double>(residentMemory()) - static_cast<double>(memoryBefore);
+    std::printf("%-6s %7zu %10.0f %10.0f %10.0f %8.3f %% %8zu %10.2f %9.2f %8.1f\n", who, offersInEach,
+                static_cast<double>(sent) / time.count(), read / time.count(),
+                read / time.count() * static_cast<double>(offersInEach),
+                100 * static_cast<double>(lost + dropped) / static_cast<double>(sent), dropped,
+                processorTimeOf(receiver) - processorBefore,
+                1e6 * (processorTimeOf(receiver) - processorBefore) / read, growth / 1048576);
+}
+
+/// In a process of its own, so that memory and threads are those of one receiver.
+bool apart(const std::function<void()>& work)
+{
+    static_cast<void>(std::fflush(stdout));
+    const pid_t child = ::fork();
+    if (child == 0) {
+        try {
+            work();
+            static_cast<void>(std::fflush(stdout));
+            ::_exit(0);
+        }
+        catch (const std::exception& exception) {
+            std::printf("%s\n", exception.what());
+            static_cast<void>(std::fflush(stdout));
+            ::_exit(1);
+        }
+    }
+    int status = 1;
+    return ::waitpid(child, &status, 0) == child && status == 0;
+}
+
+}  // namespace
+
+int main(int argc, char** argv)
+{
+    const seconds length(argc > 1 ? std::stoi(argv[1]) : 5);
+    std::printf("%-6s %7s %10s %10s %10s %10s %8s %10s %9s %8s\n", "who", "offers", "sent/s", "read/s",
+                "offers/s", "lost", "dropped", "processor", "us each", "MiB");
+    bool isGood = true;
+    for (const std::size_t offersInEach : {1, 7}) {
+        isGood = apart([&] { run<BareLoop>("loop", offersInEach, unlimited, length); }) && isGood;
+        isGood = apart([&] { run<UnitReceiver>("unit", offersInEach, unlimited, length); }) && isGood;
+        for (const std::size_t offers : {20000, 30000, 75000, 150000}) {
+            const std::size_t perSecond = offers / offersInEach;
+            isGood = apart([&] { run<UnitReceiver>("unit", offersInEach, perSecond, length); }) && isGood;
+        }
+    }
+    return isGood ? 0 : 1;
+}
