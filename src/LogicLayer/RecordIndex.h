@@ -6,39 +6,65 @@
 #include <Poco/Clock.h>
 
 #include <algorithm>
+#include <array>
 #include <cstddef>
+#include <functional>
+#include <memory>
+#include <optional>
 #include <string>
-#include <unordered_map>
 #include <utility>
 #include <vector>
 
+#include <tsl/robin_map.h>
+
 namespace Nubo::ServiceDiscovery {
 
-/// Finds the records of a workload by name, or by name and endpoint, without a walk over all of them.
+/// Finds the records of a workload by name, by name and endpoint, or by the registry's identifier, without a
+/// walk over all of them.
 ///
 /// It stands beside the workload, which is the truth: whoever puts a record into the one or takes it out
-/// does so with the other, and changes neither name, endpoint nor texts of a record between. Records are
-/// found in the workload's order: by the time at which they fall due, equal times in the order of insertion.
-/// A null record is not kept.
+/// does so with the other, and changes none of these of a record between. Records are found in the workload's
+/// order: by the time at which they fall due, equal times in the order of insertion. A null record is not
+/// kept.
 class RecordIndex
 {
 public:
+    /// Under which a record is kept. Different things may have the same key: whoever visits compares.
+    using Key = std::size_t;
+
+    /// By name, and by endpoint if the identity has one; none for an identity without a name.
+    static std::optional<Key> keyOf(const ServiceIdentity& identity)
+    {
+        if (identity.name.isNull())
+            return std::nullopt;
+        const std::string& name = identity.name.value();
+        if (identity.ip.isNull() || identity.port.isNull() || identity.l4proto.isNull())
+            return keyOfName(name);
+        return keyOfInstance(name, identity.ip.value(), identity.port.value(), identity.l4proto.value());
+    }
+
+    static Key keyOfUuid(const std::string& localUuid) { return combine(byUuid, hash(localUuid)); }
+
     /// A workload in the order of insertion gives every record the same time.
     void insert(const SDService::Ptr& record, const Poco::Clock& due = noTime())
     {
         if (record.isNull())
             return;
-        insert(m_byName[nameOf(record)], record, due);
-        insert(m_byInstance[instanceOf(record)], record, due);
+        for (const Key key : keysOf(*record))
+            m_records[key].insert({due, record});
         ++m_size;
         m_textSize += record->getNuboDescription().getTextSize();
     }
 
     void erase(const SDService::Ptr& record)
     {
-        if (record.isNull() || !erase(m_byName, nameOf(record), record))
+        if (record.isNull())
             return;
-        erase(m_byInstance, instanceOf(record), record);
+        bool isKnown = false;
+        for (const Key key : keysOf(*record))
+            isKnown = erase(key, record) || isKnown;
+        if (!isKnown)
+            return;
         --m_size;
         m_textSize -= record->getNuboDescription().getTextSize();
     }
@@ -50,86 +76,108 @@ public:
     /// The memory that the texts of all its records take, in bytes.
     std::size_t textSize() const { return m_textSize; }
 
-    /// Whether records of that identity can be found here: those that have a name.
-    static bool canFind(const ServiceIdentity& identity) { return !identity.name.isNull(); }
-
-    /// Calls `visit` with each record that has the identity's name, and its endpoint if it has one, in the
-    /// workload's order. Whether the rest of the identity matches is for the caller to see.
+    /// Calls `visit` with each record under the key, in the workload's order.
     template <class Visit>
-    void visit(const ServiceIdentity& identity, Visit visit) const
+    void visit(Key key, Visit visit) const
     {
-        const bool hasEndpoint =
-            !identity.ip.isNull() && !identity.port.isNull() && !identity.l4proto.isNull();
-        const std::string& name = identity.name.value();
-        if (hasEndpoint)
-            visitAll(m_byInstance,
-                     instance(name, identity.ip.value(), identity.port.value(), identity.l4proto.value()),
-                     visit);
-        else
-            visitAll(m_byName, name, visit);
-    }
-
-private:
-    using Record = std::pair<Poco::Clock, SDService::Ptr>;
-    using Records = std::vector<Record>;
-    using RecordsByKey = std::unordered_map<std::string, Records>;
-
-    static Poco::Clock noTime() { return Poco::Clock(Poco::Clock::ClockVal{0}); }
-
-    static const std::string& nameOf(const SDService::Ptr& record)
-    {
-        return record->getNuboDescription().getName();
-    }
-
-    static std::string instanceOf(const SDService::Ptr& record)
-    {
-        const NuboServiceDescription& description = record->getNuboDescription();
-        return instance(description.getName(), description.getIpAddressString(), description.getPort(),
-                        description.getL4Proto());
-    }
-
-    static std::string instance(const std::string& name, const std::string& ip, unsigned port,
-                                unsigned protocol)
-    {
-        return ip + ' ' + std::to_string(port) + ' ' + std::to_string(protocol) + ' ' + name;
-    }
-
-    static void insert(Records& records, const SDService::Ptr& record, const Poco::Clock& due)
-    {
-        const auto behind = std::upper_bound(
-            records.begin(), records.end(), due,
-            [](const Poco::Clock& time, const Record& present) { return time < present.first; });
-        records.emplace(behind, due, record);
-    }
-
-    static bool erase(RecordsByKey& table, const std::string& key, const SDService::Ptr& record)
-    {
-        const auto group = table.find(key);
-        if (group == table.end())
-            return false;
-        Records& records = group->second;
-        const auto found = std::find_if(records.begin(), records.end(),
-                                        [&](const Record& present) { return present.second == record; });
-        if (found == records.end())
-            return false;
-        records.erase(found);
-        if (records.empty())
-            table.erase(group);
-        return true;
-    }
-
-    template <class Visit>
-    static void visitAll(const RecordsByKey& table, const std::string& key, Visit visit)
-    {
-        const auto group = table.find(key);
-        if (group == table.end())
+        const auto group = m_records.find(key);
+        if (group == m_records.end())
             return;
         for (const Record& record : group->second)
             visit(record.second);
     }
 
-    RecordsByKey m_byName;
-    RecordsByKey m_byInstance;
+private:
+    /// A record, and when it falls due.
+    using Record = std::pair<Poco::Clock, SDService::Ptr>;
+
+    /// The records under one key, by time. Nearly every key has one, which needs no memory of its own.
+    class Records
+    {
+    public:
+        const Record* begin() const { return m_several ? m_several->data() : &m_one; }
+        const Record* end() const { return begin() + size(); }
+        std::size_t size() const { return m_several ? m_several->size() : isSet(m_one); }
+
+        void insert(Record record)
+        {
+            if (size() == 0) {
+                m_one = std::move(record);
+                return;
+            }
+            if (!m_several)
+                m_several = std::make_unique<std::vector<Record>>(1, std::exchange(m_one, Record()));
+            const auto behind = std::upper_bound(
+                m_several->begin(), m_several->end(), record.first,
+                [](const Poco::Clock& time, const Record& present) { return time < present.first; });
+            m_several->insert(behind, std::move(record));
+        }
+
+        bool erase(const SDService::Ptr& record)
+        {
+            const Record* const found =
+                std::find_if(begin(), end(), [&](const Record& present) { return present.second == record; });
+            if (found == end())
+                return false;
+            if (size() == 1)
+                *this = Records();
+            else
+                m_several->erase(m_several->begin() + (found - begin()));
+            return true;
+        }
+
+    private:
+        static std::size_t isSet(const Record& record) { return record.second.isNull() ? 0 : 1; }
+
+        Record m_one;
+        std::unique_ptr<std::vector<Record>> m_several;  // all of them, if there is more than one
+    };
+
+    enum Kind : Key
+    {
+        byName,
+        byInstance,
+        byUuid
+    };
+
+    static Poco::Clock noTime() { return Poco::Clock(Poco::Clock::ClockVal{0}); }
+
+    static Key hash(const std::string& text) { return std::hash<std::string>()(text); }
+
+    static Key combine(Key one, Key other)
+    {
+        constexpr Key goldenRatio = 0x9e3779b97f4a7c15;  // spreads what differs in few bits
+        return (one + goldenRatio) * goldenRatio ^ other;
+    }
+
+    static Key keyOfName(const std::string& name) { return combine(byName, hash(name)); }
+
+    static Key keyOfInstance(const std::string& name, const std::string& ip, Key port, Key protocol)
+    {
+        return combine(combine(combine(byInstance, hash(name)), hash(ip)), port << 8 | protocol);
+    }
+
+    static std::array<Key, 3> keysOf(const SDService& record)
+    {
+        const NuboServiceDescription& description = record.getNuboDescription();
+        return {keyOfName(description.getName()),
+                keyOfInstance(description.getName(), description.getIpAddressString(), description.getPort(),
+                              description.getL4Proto()),
+                keyOfUuid(description.getLocalUuid())};
+    }
+
+    bool erase(Key key, const SDService::Ptr& record)
+    {
+        const auto group = m_records.find(key);
+        if (group == m_records.end() || !group.value().erase(record))
+            return false;
+        if (group->second.size() == 0)
+            m_records.erase(group);
+        return true;
+    }
+
+    // One table without nodes: with many records, each step to other memory is what a look-up takes.
+    tsl::robin_map<Key, Records> m_records;
     std::size_t m_size = 0;
     std::size_t m_textSize = 0;
 };

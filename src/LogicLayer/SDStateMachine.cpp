@@ -12,6 +12,7 @@
 #include <algorithm>
 #include <functional>
 #include <iterator>
+#include <optional>
 #include <ostream>
 
 namespace Nubo::ServiceDiscovery {
@@ -83,6 +84,55 @@ template <class Predicate>
 ServicesContainer rejected(const ServicesContainer& services, Predicate predicate)
 {
     return selected(services, [&](const SDService::Ptr& service) { return !predicate(service); });
+}
+
+const SDService::Ptr& recordOf(const SDService::Ptr& service)
+{
+    return service;
+}
+
+const SDService::Ptr& recordOf(const AperiodicServicesContainer::value_type& entry)
+{
+    return entry.second;
+}
+
+auto matcherOf(const ServiceIdentity& identity)
+{
+    return [&](const SDService::Ptr& service) { return SDStateMachine::doesServiceMatch(identity, service); };
+}
+
+/// Calls `visit` with each record for which the predicate holds, in the workload's order: after a walk over
+/// all, or with the workload's index where the records that are meant have a key.
+template <class Container, class Predicate, class Visit>
+void visitEach(const Container& workload, const RecordIndex& index, std::optional<RecordIndex::Key> key,
+               Predicate predicate, Visit visit)
+{
+    const auto visitMatch = [&](const SDService::Ptr& service) {
+        if (predicate(service))
+            visit(service);
+    };
+    if (key && index.size() == workload.size()) {
+        index.visit(*key, visitMatch);
+        return;
+    }
+    for (const auto& entry : workload)
+        visitMatch(recordOf(entry));
+}
+
+auto appendTo(ServicesContainer& found)
+{
+    return [&](const SDService::Ptr& service) { found.push_back(service); };
+}
+
+/// Appends the records that match.
+template <class Container>
+bool walk(const Container& services, const ServiceIdentity& identity, ServicesContainer& found)
+{
+    for (const auto& entry : services) {
+        if (SDStateMachine::doesServiceMatch(identity, recordOf(entry)))
+            found.push_back(recordOf(entry));
+    }
+    return !found.empty();
 }
 
 void setTypeAndState(SDService::Ptr& service, Type::Type_t type, State::State_t state)
@@ -256,16 +306,11 @@ bool SDStateMachine::handleDELETE(ExternalEvent& event)
     const auto carriesUuid = [&](const SDService::Ptr& service) {
         return service->getNuboDescription().getLocalUuid() == event.localUuid;
     };
+    const RecordIndex::Key key = RecordIndex::keyOfUuid(event.localUuid);
     ServicesContainer aperiodic;
-    for (const auto& [due, service] : m_aperiodicWorkload) {
-        if (carriesUuid(service))
-            aperiodic.push_back(service);
-    }
     ServicesContainer periodic;
-    ServicesContainer::iterator first;
-    if (unsafe_findByUuid(event.localUuid, m_periodicWorkload, first))
-        std::copy_if(first, m_periodicWorkload.end(), std::back_inserter(periodic), carriesUuid);
-
+    visitEach(m_aperiodicWorkload, m_aperiodicIndex, key, carriesUuid, appendTo(aperiodic));
+    visitEach(m_periodicWorkload, m_periodicIndex, key, carriesUuid, appendTo(periodic));
     if (aperiodic.empty() && periodic.empty()) {
         SD_LOG(Error) << "SD failed to delete Service with local UUID \"" << event.localUuid
                       << "\", none found!";
@@ -456,16 +501,25 @@ bool SDStateMachine::renew(const SDService& offered)
 /// Costs the same however many instances there are.
 bool SDStateMachine::unsafe_renew(const SDService& offered)
 {
-    ServicesContainer aperiodic;
-    ServicesContainer known;
-    unsafe_findServices(ServiceIdentity::ofInstance(offered, Type::DISCOVERED), aperiodic, known);
-    const bool isKnown =
-        aperiodic.empty() && known.size() == 1 && known.front()->getState() == State::MAIN_PHASE;
+    const auto identity = ServiceIdentity::ofInstance(offered, Type::DISCOVERED);
+    const auto matches = matcherOf(identity);
+    const std::optional<RecordIndex::Key> key = RecordIndex::keyOf(identity);
+    SDService::Ptr known;
+    int count = 0;
+    const auto note = [&](const SDService::Ptr& service) {
+        known = service;
+        ++count;
+    };
+    visitEach(m_periodicWorkload, m_periodicIndex, key, matches, note);
+    const bool isKnown = count == 1 && known->getState() == State::MAIN_PHASE;
     if (!isKnown)
         return false;
-    known.front()->setTTL(offered.getTTL());
-    SD_LOG(Trace) << "SDStateMachine::handleOFFER: re-set TTL of Discovered \"" << nameOf(known.front())
-                  << "\" with instance #" << known.front()->getInstanceId();
+    visitEach(m_aperiodicWorkload, m_aperiodicIndex, key, matches, note);
+    if (count != 1)
+        return false;  // one that has no business there
+    known->setTTL(offered.getTTL());
+    SD_LOG(Trace) << "SDStateMachine::handleOFFER: re-set TTL of Discovered \"" << nameOf(known)
+                  << "\" with instance #" << known->getInstanceId();
     return true;
 }
 
@@ -595,41 +649,23 @@ unsigned short SDStateMachine::findHighestInstanceID(const ServicesContainer& se
 bool SDStateMachine::unsafe_findServices(const AperiodicServicesContainer& services,
                                          const ServiceIdentity& identity, ServicesContainer& found) const
 {
-    for (const auto& [due, service] : services) {
-        if (doesServiceMatch(identity, service))
-            found.push_back(service);
-    }
-    return !found.empty();
+    return walk(services, identity, found);
 }
 
 bool SDStateMachine::unsafe_findServices(const ServicesContainer& services, const ServiceIdentity& identity,
                                          ServicesContainer& found) const
 {
-    std::copy_if(services.begin(), services.end(), std::back_inserter(found),
-                 [&](const SDService::Ptr& service) { return doesServiceMatch(identity, service); });
-    return !found.empty();
+    return walk(services, identity, found);
 }
 
 bool SDStateMachine::unsafe_findServices(const ServiceIdentity& identity, ServicesContainer& aperiodic,
                                          ServicesContainer& periodic) const
 {
-    const bool inAperiodic = unsafe_findIndexed(m_aperiodicWorkload, m_aperiodicIndex, identity, aperiodic);
-    const bool inPeriodic = unsafe_findIndexed(m_periodicWorkload, m_periodicIndex, identity, periodic);
-    return inAperiodic || inPeriodic;
-}
-
-/// The plain walk, cut short by the index where the identity has a name.
-template <class Container>
-bool SDStateMachine::unsafe_findIndexed(const Container& services, const RecordIndex& index,
-                                        const ServiceIdentity& identity, ServicesContainer& found) const
-{
-    if (!RecordIndex::canFind(identity) || index.size() != services.size())
-        return unsafe_findServices(services, identity, found);
-    index.visit(identity, [&](const SDService::Ptr& service) {
-        if (doesServiceMatch(identity, service))
-            found.push_back(service);
-    });
-    return !found.empty();
+    const auto matches = matcherOf(identity);
+    const std::optional<RecordIndex::Key> key = RecordIndex::keyOf(identity);
+    visitEach(m_aperiodicWorkload, m_aperiodicIndex, key, matches, appendTo(aperiodic));
+    visitEach(m_periodicWorkload, m_periodicIndex, key, matches, appendTo(periodic));
+    return !aperiodic.empty() || !periodic.empty();
 }
 
 bool SDStateMachine::unsafe_getDuplicates(const ServicesContainer& services, const ServiceIdentity& identity,
@@ -804,7 +840,6 @@ void SDStateMachine::unsafe_sendSafely(const SDService::Ptr& service)
 
 SDStateMachine::AperiodicWorker::AperiodicWorker(SDStateMachine& parent)
     : TimebasedWorker(parent, "AperiodicWorker", parent.m_aperiodicWorkload, parent.m_workloadMutex, parked)
-    , m_earliestNext(SDClock::now())
 {}
 
 void SDStateMachine::AperiodicWorker::update()
@@ -829,7 +864,7 @@ void SDStateMachine::AperiodicWorker::unsafe_update()
     const Poco::Clock now = SDClock::now();
     const Poco::Clock& due = m_workload.begin()->first;
     if (m_initialized)
-        m_timer.restart(timerInterval(std::max(due, m_earliestNext) - now));
+        m_timer.restart(timerInterval(std::max(due.raw(), m_notBefore.load()) - now.raw()));
     else
         start();
     SD_LOG(Debug) << "SDStateMachine - \"" << m_name << "\" event timer set to "
@@ -837,13 +872,12 @@ void SDStateMachine::AperiodicWorker::unsafe_update()
                   << " milliseconds";
 }
 
-/// The interval after which Poco::Timer fires no sooner than `wait` microseconds from now. The timer waits
-/// up to a millisecond less than its interval, so that an exact one would fire early, again and again.
+/// The interval for a wait of so many microseconds. Now and then Poco::Timer waits a millisecond less than its
+/// interval; nothing is due then, and the rest is waited for.
 long SDStateMachine::AperiodicWorker::timerInterval(Poco::Clock::ClockDiff wait)
 {
-    if (wait <= 0)
-        return shortestDelay;
-    return (wait + microsecondsPerMillisecond - 1) / microsecondsPerMillisecond + 1;
+    return std::max((wait + microsecondsPerMillisecond - 1) / microsecondsPerMillisecond,
+                    Poco::Clock::ClockDiff{shortestDelay});
 }
 
 void SDStateMachine::AperiodicWorker::onInterval(Poco::Timer& timer)
@@ -871,7 +905,7 @@ void SDStateMachine::AperiodicWorker::onInterval(Poco::Timer& timer)
         const long delay = handle(service);
         if (delay != isDone)
             m_parent.unsafe_schedule(service, now + delay * microsecondsPerMillisecond);
-        m_earliestNext = SDClock::now() + shortestDelay * microsecondsPerMillisecond;
+        m_notBefore = SDClock::now().raw() + shortestDelay * microsecondsPerMillisecond;
     }
     unsafe_update();
 }

@@ -145,7 +145,6 @@ protected:
         static long timerInterval(Poco::Clock::ClockDiff wait);
 
         static constexpr long isDone = -1;
-        Poco::Clock m_earliestNext;  ///< before this no further record is handled
     };
 
     /// Works over the long-lived records once a second.
@@ -180,9 +179,6 @@ private:
     struct Matches;
 
     Matches unsafe_findMatches(const SDService& service) const;
-    template <class Container>
-    bool unsafe_findIndexed(const Container& services, const RecordIndex& index,
-                            const ServiceIdentity& identity, ServicesContainer& found) const;
 
     bool unsafe_schedule(const SDService::Ptr& service, const Poco::Clock& due);
     SDService::Ptr unsafe_takeFirstAperiodic();

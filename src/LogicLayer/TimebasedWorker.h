@@ -1,14 +1,18 @@
 #pragma once
 
 #include "DataLayer/Log.h"
+#include "DataLayer/SDClock.h"
 
+#include <Poco/Clock.h>
 #include <Poco/Mutex.h>
 #include <Poco/ThreadPool.h>
 #include <Poco/Timer.h>
 
 #include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <string>
+#include <thread>
 #include <utility>
 
 namespace Nubo::ServiceDiscovery {
@@ -70,11 +74,17 @@ protected:
     Poco::Timer m_timer;
     const std::int64_t m_intervalMs;
     std::atomic<bool> m_initialized{false};  ///< the timer is running
+    /// Before this time of the engine's clock no interval ends, even if the timer is early.
+    std::atomic<Poco::Clock::ClockVal> m_notBefore{0};
 
 private:
     /// The outermost frame of the timer's thread: what is thrown ends here.
     void onTimer(Poco::Timer& timer)
     {
+        // Poco::Timer is, by up to a millisecond: it waits for whole ones.
+        const Poco::Clock::ClockDiff early = m_notBefore - SDClock::now().raw();
+        if (early > 0)
+            std::this_thread::sleep_for(std::chrono::microseconds(early));
         try {
             onInterval(timer);
         }

@@ -372,6 +372,8 @@ TEST_F(SDStateMachineLookupTest, LookUpOverBothWorkloadsGivesWhatAPlainWalkGives
             ASSERT_EQ(periodic, walkedPeriodic) << "event " << i;
             ASSERT_EQ(isFound, !aperiodic.empty() || !periodic.empty());
         }
+        const std::string uuid = "Service" + std::to_string(oneOf(5)) + std::to_string(oneOf(4));
+        ASSERT_EQ(machine.indexed(uuid), machine.walked(uuid)) << "event " << i;
     }
     EXPECT_EQ(machine.indexedRecords(), machine.aperiodic().size() + machine.periodic().size())
         << "or the look-ups were plain walks themselves";
