@@ -35,8 +35,9 @@ using Poco::Net::SocketReactor;
 
 namespace {
 
-constexpr long pollTimeout = 1000000;           // of the reactor, in microseconds
-constexpr long joinTime = 2000;                 // that stop() waits for the reactor's thread, in ms
+constexpr long pollTimeout = 1000000;  // of the reactor, in microseconds
+constexpr long joinTime = 2000;        // that stop() waits for the reactor's thread, in ms
+constexpr int mostAtOnce = 64;         // datagrams, before other sockets and the stop have their turn
 constexpr int receiveBuffer = 4 * 1024 * 1024;  // a tick of 1,000 services is 125 datagrams at once
 
 /// Takes an empty datagram off the socket; one with content that has come meanwhile stays.
@@ -217,16 +218,24 @@ void MulticastReceiver::onSocketReadable(const Poco::AutoPtr<ReadableNotificatio
     static_cast<void>(named);
 
     DatagramSocket socket(notification->socket());
-    const int available = socket.available();
+    int available = socket.available();
     if (available == 0) {
         SD_LOG(Debug) << "Multicast connection closed (available = 0).";
         discardEmptyDatagram(socket);
         return;
     }
+    // What has come meanwhile is taken along: the reactor's round would take longer than the datagram.
+    for (int taken = 0; available > 0 && taken < mostAtOnce && !m_service->isStopping; ++taken) {
+        receive(socket, available);
+        available = socket.available();
+    }
+}
 
-    Poco::Buffer<char> frame = allocateFrame(socket, available);
+void MulticastReceiver::receive(DatagramSocket& socket, int size)
+{
+    Poco::Buffer<char> frame = allocateFrame(socket, size);
     SocketAddress sender;
-    const int received = socket.receiveFrom(frame.begin(), available, sender, 0);
+    const int received = socket.receiveFrom(frame.begin(), size, sender, 0);
     if (received < 1 || m_parent.isOwnOutgoingAddress(sender))
         return;
     frame.resize(static_cast<std::size_t>(received));

@@ -19,6 +19,7 @@
 #include <string>
 
 namespace Poco::Net {
+class DatagramSocket;
 class ErrorNotification;
 class ReadableNotification;
 class ShutdownNotification;
@@ -96,6 +97,7 @@ private:
     template <class Notification, void (MulticastReceiver::*handler)(const Poco::AutoPtr<Notification>&)>
     void guarded(const Poco::AutoPtr<Notification>& notification);
 
+    void receive(Poco::Net::DatagramSocket& socket, int size);
     bool renewService();
     bool endThread(long milliseconds);
     void unsafe_leaveGroup(const Poco::Net::NetworkInterface& interface);

@@ -896,6 +896,24 @@ TEST_F(HungSubscriberTest, DatagramsThatWaitAreNotHandedOverAfterTheStop)
     EXPECT_THAT(subscriber->bytes(), ElementsAre("01", "03"));
 }
 
+TEST_F(HungSubscriberTest, DatagramsThatWaitAreTakenTogetherInTheirOrder)
+{
+    std::vector<std::string> sent{"01"};
+    for (int i = 2; i < 200; ++i) {
+        sent.push_back(toHex(std::string(1, static_cast<char>(i))));
+        speaker.send(fromHex(sent.back()));
+    }
+    ASSERT_TRUE(subscriber->gets(1));
+
+    log.clear();
+    gate.open();
+
+    ASSERT_TRUE(subscriber->gets(sent.size()));
+    EXPECT_EQ(subscriber->bytes(), sent);
+    EXPECT_THAT(log.traces(), ::testing::SizeIs(::testing::Le(5u)))
+        << "of the reactor, for 64 datagrams each";
+}
+
 TEST_F(HungSubscriberTest, DestructionWaitsForTheSubscriber)
 {
     std::atomic<bool> isDestroyed{false};
