@@ -11,6 +11,7 @@
 #include <Poco/StringTokenizer.h>
 
 #include <ostream>
+#include <utility>
 
 namespace Nubo::ServiceDiscovery {
 
@@ -45,12 +46,29 @@ struct SemanticVersion
 
 }  // namespace
 
-NuboServiceDescription::NuboServiceDescription() : m_ip6Address(Poco::Net::IPAddress::IPv6) {}
+NuboServiceDescription::NuboServiceDescription() = default;
+
+const Poco::Net::IPAddress& NuboServiceDescription::getIpAddress() const
+{
+    static const Poco::Net::IPAddress unspecified(Poco::Net::IPAddress::IPv6);
+    return m_ip6Address ? *m_ip6Address : unspecified;
+}
+
+void NuboServiceDescription::setIpAddress(const Poco::Net::IPAddress& address)
+{
+    m_ip6Address.emplace(address);
+    m_ip6AddressText = address.toString();
+}
 
 std::string NuboServiceDescription::generateUri(const std::string& name, const std::string& ipAddress,
                                                 unsigned short port)
 {
-    return "http://[" + ipAddress + "]:" + std::to_string(port) + "/" + name + "/";
+    const std::string portText = std::to_string(port);
+    std::string uri;
+    uri.reserve(sizeof("http://[]:///") + ipAddress.size() + portText.size() + name.size());
+    uri.append("http://[").append(ipAddress).append("]:").append(portText);
+    uri.append("/").append(name).append("/");
+    return uri;
 }
 
 std::string NuboServiceDescription::generateUri() const
@@ -112,6 +130,7 @@ void SDService::setTTL(unsigned int ttl)
 {
     constexpr Poco::Clock::ClockDiff microsecondsPerSecond = 1000000;
     m_TTL = ttl;
+    m_packet.clear();
     m_timeoutTimestamp = SDClock::now() + ttl * microsecondsPerSecond;
 }
 
@@ -212,19 +231,17 @@ void SDService::fromSOMEIP(const SOME_IP_SD_Entry_Service& entry, const SOME_IP_
     }
     m_description.setName(name->second);
 
-    const auto versions = pairs.equal_range(OptionKeywords::NuBo_Version);
-    if (versions.first == versions.second) {
+    if (pairs.find(OptionKeywords::NuBo_Version) == pairs.end()) {
         SD_LOG(Error) << "Failed to create service due to missing NuBo_Version!";
         refuse();
     }
     if (extent == Extent::Instance)
         return;
-    for (auto version = versions.first; version != versions.second; ++version)
-        m_description.addVersion(version->second);
-
-    const auto categories = pairs.equal_range(OptionKeywords::NuBo_Category);
-    for (auto category = categories.first; category != categories.second; ++category)
-        m_description.addCategory(category->second);
+    std::vector<std::string> values;
+    configuration.getAllValues(OptionKeywords::NuBo_Version, values);
+    m_description.setVersions(std::exchange(values, {}));
+    configuration.getAllValues(OptionKeywords::NuBo_Category, values);
+    m_description.setCategories(std::move(values));
 
     m_description.setUri(m_description.generateUri());
 }

@@ -10,7 +10,9 @@
 #include <cstddef>
 #include <cstdint>
 #include <iosfwd>
+#include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace Nubo::ServiceDiscovery {
@@ -34,15 +36,17 @@ public:
     /// Semantic versions "[~]major.minor.patch"; major 0 to 255.
     const std::vector<std::string>& getVersions() const { return m_versions; }
     void addVersion(const std::string& version) { m_versions.push_back(version); }
+    void setVersions(std::vector<std::string> versions) { m_versions = std::move(versions); }
 
     const std::vector<std::string>& getCategories() const { return m_categories; }
     void addCategory(const std::string& category) { m_categories.push_back(category); }
+    void setCategories(std::vector<std::string> categories) { m_categories = std::move(categories); }
 
     /// IPv6 address of the endpoint.
-    const Poco::Net::IPAddress& getIpAddress() const { return m_ip6Address; }
-    void setIpAddress(const Poco::Net::IPAddress& address) { m_ip6Address = address; }
+    const Poco::Net::IPAddress& getIpAddress() const;
+    void setIpAddress(const Poco::Net::IPAddress& address);
     /// The same as text, without brackets.
-    std::string getIpAddressString() const { return m_ip6Address.toString(); }
+    const std::string& getIpAddressString() const { return m_ip6AddressText; }
 
     /// Port of the endpoint. Services on ports 47000 to 49151 are seen on link-local interfaces only.
     unsigned short getPort() const { return m_ip6Port; }
@@ -56,7 +60,7 @@ public:
     void setLocalUuid(const std::string& localUuid) { m_localUuid = localUuid; }
 
     const std::string& getUri() const { return m_uri; }
-    void setUri(const std::string& uri) { m_uri = uri; }
+    void setUri(std::string uri) { m_uri = std::move(uri); }
 
     /// The memory that its texts take, in bytes.
     std::size_t getTextSize() const;
@@ -71,7 +75,8 @@ private:
     std::string m_name;
     std::vector<std::string> m_versions;
     std::vector<std::string> m_categories;
-    Poco::Net::IPAddress m_ip6Address;
+    std::optional<Poco::Net::IPAddress> m_ip6Address;  // none is "::", and takes no memory
+    std::string m_ip6AddressText = "::";               // made once: records are matched by it
     std::uint16_t m_ip6Port = 0;
     OptionL4Protocol::L4Protocol_t m_l4Proto = OptionL4Protocol::TCP;
     std::string m_localUuid;
@@ -141,11 +146,19 @@ public:
               const SOME_IP_SD_Option_Configuration& configuration, Extent extent = Extent::Whole);
 
     const NuboServiceDescription& getNuboDescription() const { return m_description; }
-    void setNuboDescription(const NuboServiceDescription& description) { m_description = description; }
+    void setNuboDescription(const NuboServiceDescription& description)
+    {
+        m_description = description;
+        m_packet.clear();
+    }
     void setLocalUuid(const std::string& localUuid) { m_description.setLocalUuid(localUuid); }
 
     Type::Type_t getType() const { return m_type; }
-    void setType(Type::Type_t type) { m_type = type; }
+    void setType(Type::Type_t type)
+    {
+        m_type = type;
+        m_packet.clear();
+    }
 
     State::State_t getState() const { return m_state; }
     /// A change of phase restarts the count of sends; setting the same phase again changes nothing.
@@ -164,21 +177,46 @@ public:
     bool isTTLElapsed() const;
 
     unsigned short getServiceId() const { return m_serviceID; }
-    void setServiceId(unsigned short serviceID) { m_serviceID = serviceID; }
+    void setServiceId(unsigned short serviceID)
+    {
+        m_serviceID = serviceID;
+        m_packet.clear();
+    }
 
     unsigned short getInstanceId() const { return m_instanceID; }
-    void setInstanceId(unsigned short instanceID) { m_instanceID = instanceID; }
+    void setInstanceId(unsigned short instanceID)
+    {
+        m_instanceID = instanceID;
+        m_packet.clear();
+    }
 
     std::uint8_t getMajorVersion() const { return m_majorVersion; }
     /// The same widened, so that it prints as a number.
     unsigned int getMajorVersion_AsUnsigned() const { return m_majorVersion; }
-    void setMajorVersion(unsigned char majorVersion) { m_majorVersion = majorVersion; }
+    void setMajorVersion(unsigned char majorVersion)
+    {
+        m_majorVersion = majorVersion;
+        m_packet.clear();
+    }
 
     unsigned int getMinorVersion() const { return m_minorVersion; }
-    void setMinorVersion(unsigned int minorVersion) { m_minorVersion = minorVersion; }
+    void setMinorVersion(unsigned int minorVersion)
+    {
+        m_minorVersion = minorVersion;
+        m_packet.clear();
+    }
 
     const ConfigurationPairs& getConfiguration() const { return m_configuration; }
-    void setConfiguration(const ConfigurationPairs& configuration) { m_configuration = configuration; }
+    void setConfiguration(const ConfigurationPairs& configuration)
+    {
+        m_configuration = configuration;
+        m_packet.clear();
+    }
+
+    /// The bytes of the packet that was last made of the record; empty when there was none, or when anything
+    /// that goes into it has been set since.
+    const std::string& getPacket() const { return m_packet; }
+    void setPacket(std::string packet) const { m_packet = std::move(packet); }
 
 private:
     void fromNuboServiceDescription(const NuboServiceDescription& description);
@@ -199,6 +237,7 @@ private:
     State::State_t m_state = State::INITIAL_WAIT_PHASE;
     std::uint8_t m_repetitionRun = 0;
     Poco::Clock m_timeoutTimestamp;
+    mutable std::string m_packet;  // follows from the rest
 };
 
 /// The name of the value; "UNKNOWN 0x" and the number in the stream's base for any other.

@@ -14,6 +14,7 @@
 #include <Poco/Any.h>
 #include <Poco/Delegate.h>
 #include <Poco/Exception.h>
+#include <Poco/MemoryStream.h>
 #include <Poco/String.h>
 
 #include <algorithm>
@@ -183,6 +184,20 @@ SOME_IP_SD_Header makePacket(const SDService& service, Type::Type_t type)
         SD_LOG(Error) << "Failed to create SD packet - " << exception.what();
         throw Poco::RuntimeException("Failed to create SD packet");
     }
+}
+
+/// The bytes of the record's packet, all but its session ID: made once, because what is offered every second
+/// is the same for years.
+const std::string& packetOf(const SDService& service)
+{
+    if (service.getPacket().empty()) {
+        const SOME_IP_SD_Header packet = makePacket(service, service.getType());
+        std::string bytes(packet.getSize(), '\0');
+        Poco::MemoryOutputStream stream(bytes.data(), static_cast<std::streamsize>(bytes.size()));
+        stream << packet;
+        service.setPacket(std::move(bytes));
+    }
+    return service.getPacket();
 }
 
 }  // namespace
@@ -556,35 +571,21 @@ std::uint16_t SDCommunicationHub::nextSessionID()
     return m_senderSessionID++;
 }
 
-SOME_IP_SD_Header SDCommunicationHub::createSDPacket(const SDService& service)
+/// Puts the record's packet behind those that are there already, or into a datagram of its own.
+void SDCommunicationHub::storeServiceInBuffer(const SDService& service, Datagrams& buffers)
 {
-    SOME_IP_SD_Header packet = makePacket(service, service.getType());
-    packet.setSessionID(nextSessionID());
-    return packet;
-}
-
-void SDCommunicationHub::storeServiceInBuffer(const SDService& service, DatagramStream& stream,
-                                              Datagrams& buffers)
-{
-    const SOME_IP_SD_Header packet = createSDPacket(service);
+    const std::string& packet = packetOf(service);
+    const std::uint16_t sessionID = nextSessionID();
     const std::size_t mtu = Multicast::MulticastSender::getMTU();
-    if (packet.getSize() > mtu)
+    if (packet.size() > mtu)
         throw Poco::DataFormatException("SD packet exceeds the MTU");
-    const bool fits = stream && static_cast<std::size_t>(stream->charsWritten()) + packet.getSize() <= mtu;
-    if (!fits) {
-        closeDatagram(stream, buffers);
-        auto* block = static_cast<char*>(m_bufferPool.get());
-        buffers.emplace_back(block, 0);
-        stream.emplace(block, static_cast<std::streamsize>(m_bufferPool.blockSize()));
-    }
-    *stream << packet;
-}
-
-void SDCommunicationHub::closeDatagram(DatagramStream& stream, Datagrams& buffers)
-{
-    if (stream)
-        buffers.back().second = static_cast<std::size_t>(stream->charsWritten());
-    stream.reset();
+    if (buffers.empty() || buffers.back().second + packet.size() > mtu)
+        buffers.emplace_back(static_cast<char*>(m_bufferPool.get()), 0);
+    auto& [block, size] = buffers.back();
+    char* const begin = block + size;
+    std::copy(packet.begin(), packet.end(), begin);
+    SOME_IP::overwriteSessionID(begin, sessionID);
+    size += packet.size();
 }
 
 void SDCommunicationHub::resetBuffers()
@@ -617,19 +618,12 @@ void SDCommunicationHub::announce(const std::vector<SDService::Ptr>& services)
     };
     const BufferReset reset{*this};
     try {
-        DatagramStream externals;
-        DatagramStream internals;
         for (const SDService::Ptr& service : services) {
             const std::uint32_t port = service->getNuboDescription().getPort();
             const bool isInternal =
                 port >= s_internalPortRange.lowerBoundary && port <= s_internalPortRange.upperBoundary;
-            if (isInternal)
-                storeServiceInBuffer(*service, internals, m_bufferInternals);
-            else
-                storeServiceInBuffer(*service, externals, m_bufferExternals);
+            storeServiceInBuffer(*service, isInternal ? m_bufferInternals : m_bufferExternals);
         }
-        closeDatagram(externals, m_bufferExternals);
-        closeDatagram(internals, m_bufferInternals);
         m_sender.sendMulticast(m_bufferExternals, m_bufferInternals);
     }
     catch (const Poco::Exception& exception) {

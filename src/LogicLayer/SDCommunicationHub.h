@@ -11,7 +11,6 @@
 #include <KELOEMInterfaceLib/OEMDispatcherCalls.h>
 
 #include <Poco/MemoryPool.h>
-#include <Poco/MemoryStream.h>
 #include <Poco/Mutex.h>
 #include <Poco/Net/NetworkInterface.h>
 #include <Poco/NotificationQueue.h>
@@ -21,7 +20,6 @@
 #include <cstddef>
 #include <cstdint>
 #include <memory>
-#include <optional>
 #include <string>
 #include <thread>
 #include <utility>
@@ -100,9 +98,8 @@ public:
                            const Poco::Net::IPAddress& ip, const std::string& interfaceName);
 
 private:
-    /// Datagrams in pool blocks. While the last one is being filled, the stream is open over its block.
+    /// Datagrams in pool blocks, with the bytes that each of them has by now.
     using Datagrams = Multicast::MulticastSender::MulticastData;
-    using DatagramStream = std::optional<Poco::MemoryOutputStream>;
 
     struct ReportedInterface
     {
@@ -127,9 +124,7 @@ private:
                                    Poco::SharedPtr<SOME_IP_SD_Option_LoadBalancing>& loadBalancing) const;
 
     bool isSendable(const SDService& service, SDService::Type::Type_t type) const;
-    SOME_IP_SD_Header createSDPacket(const SDService& service);
-    void storeServiceInBuffer(const SDService& service, DatagramStream& stream, Datagrams& buffers);
-    static void closeDatagram(DatagramStream& stream, Datagrams& buffers);
+    void storeServiceInBuffer(const SDService& service, Datagrams& buffers);
     void resetBuffers();
     std::uint16_t nextSessionID();
 

@@ -111,4 +111,32 @@ TEST(NuboServiceDescriptionTest, ChangingACopyLeavesTheSourceUnchanged)
     EXPECT_THAT(copy.getCategories(), ElementsAre("audio", "video", "maps"));
 }
 
+TEST(NuboServiceDescriptionTest, ListsCanBeSetAsAWhole)
+{
+    NuboServiceDescription description;
+    description.addVersion("1.0.0");
+    description.addCategory("audio");
+
+    description.setVersions({"2.0.0", "2.1.0"});
+    description.setCategories({});
+    description.addVersion("3.0.0");
+
+    EXPECT_THAT(description.getVersions(), ElementsAre("2.0.0", "2.1.0", "3.0.0"));
+    EXPECT_THAT(description.getCategories(), IsEmpty());
+}
+
+TEST(NuboServiceDescriptionTest, TextSizeCountsEveryText)
+{
+    NuboServiceDescription description;
+    EXPECT_EQ(description.getTextSize(), 0u);
+
+    description.setName("four");
+    description.setLocalUuid("six123");
+    description.setUri("one");
+    description.addVersion("1.0.0");
+    description.addCategory("audio!");
+
+    EXPECT_EQ(description.getTextSize(), 4u + 6u + 3u + 5u + 6u + 2 * sizeof(std::string));
+}
+
 }  // namespace Nubo::ServiceDiscovery::Testing

@@ -531,4 +531,59 @@ TEST(SDServiceTest, AnotherDescriptionChangesNothingElse)
     EXPECT_FALSE(service.isTTLElapsed());
 }
 
+namespace {
+
+/// What goes into the packet of a record.
+struct PacketCase
+{
+    const char* name;
+    void (*set)(SDService&);
+
+    friend void PrintTo(const PacketCase& row, std::ostream* stream) { *stream << row.name; }
+};
+
+struct SDServicePacketTest : ::testing::TestWithParam<PacketCase>
+{};
+
+}  // namespace
+
+TEST(SDServiceTest, PacketIsKeptAndCopiedWithTheRecord)
+{
+    SDService service(describe("Media"));
+    EXPECT_EQ(service.getPacket(), "");
+
+    service.setPacket("bytes");
+    service.setState(State::MAIN_PHASE);
+    service.setLocalUuid("other id");
+
+    EXPECT_EQ(service.getPacket(), "bytes");
+    EXPECT_EQ(SDService(service).getPacket(), "bytes");
+}
+
+TEST_P(SDServicePacketTest, IsForgottenWhenSomethingOfItIsSet)
+{
+    SDService service(describe("Media"));
+    service.setPacket("bytes");
+
+    GetParam().set(service);
+
+    EXPECT_EQ(service.getPacket(), "");
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Fields, SDServicePacketTest,
+    ::testing::Values(PacketCase{"Description",
+                                 [](SDService& service) { service.setNuboDescription(describe("Navi")); }},
+                      PacketCase{"Type", [](SDService& service) { service.setType(Type::WANTED); }},
+                      PacketCase{"TTL", [](SDService& service) { service.setTTL(0); }},
+                      PacketCase{"ServiceID", [](SDService& service) { service.setServiceId(1); }},
+                      PacketCase{"InstanceID", [](SDService& service) { service.setInstanceId(2); }},
+                      PacketCase{"MajorVersion", [](SDService& service) { service.setMajorVersion(3); }},
+                      PacketCase{"MinorVersion", [](SDService& service) { service.setMinorVersion(4); }},
+                      PacketCase{"Configuration",
+                                 [](SDService& service) {
+                                     service.setConfiguration({{"a", "b"}});
+                                 }}),
+    [](const auto& row) { return row.param.name; });
+
 }  // namespace Nubo::ServiceDiscovery::Testing

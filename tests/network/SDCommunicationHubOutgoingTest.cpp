@@ -185,6 +185,23 @@ TEST_F(AnnouncementTest, StopOfferIsAnOfferWithTTLZero)
     EXPECT_THAT(listener->bytes(), ElementsAre(offerOfMedia("00 01", "00 00 00")));
 }
 
+TEST_F(AnnouncementTest, ChangedRecordIsSentAsItIsNow)
+{
+    const SDService::Ptr service = media();
+    announce({service, service});
+    SDService::Ptr(service)->setTTL(0);
+    announce({service});
+    SDService::Ptr(service)->setInstanceId(7);
+    announce({service});
+
+    std::vector<std::string> entries;
+    for (const Listener::Datagram& datagram : listener->datagrams())
+        entries.push_back(toHex(datagram.bytes.substr(24, 16)));
+    EXPECT_THAT(entries, ElementsAre("01 00 01 11 ff fe 00 00 01 00 00 78 00 00 00 00",
+                                     "01 00 01 11 ff fe 00 00 01 00 00 00 00 00 00 00",
+                                     "01 00 01 11 ff fe 00 07 01 00 00 00 00 00 00 00"));
+}
+
 TEST_F(AnnouncementTest, EveryFieldOfTheRecordHasItsPlaceInTheOffer)
 {
     NuboServiceDescription description = describe("N", "fd00:1:2:3:4:5:6:7", 0x1234);

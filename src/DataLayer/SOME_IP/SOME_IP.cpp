@@ -15,6 +15,8 @@ namespace {
 /// The payload's own checks are exact.
 constexpr std::uint32_t shortestLength = 12;
 
+constexpr std::size_t sessionIDOffset = 10;
+
 }  // namespace
 
 SOME_IP::SOME_IP(SOME_IP_SD_Types::MetaData* metaData) : m_metaData(metaData), m_valid(metaData != nullptr)
@@ -38,6 +40,12 @@ bool SOME_IP::setRequestID(std::uint32_t requestID)
 bool SOME_IP::updateLength(std::size_t payloadSize)
 {
     return setLength(static_cast<std::uint32_t>(payloadSize + 8));
+}
+
+void SOME_IP::overwriteSessionID(char* header, std::uint16_t sessionID)
+{
+    header[sessionIDOffset] = static_cast<char>(sessionID >> 8);
+    header[sessionIDOffset + 1] = static_cast<char>(sessionID);
 }
 
 bool SOME_IP::isReservedServiceID(std::uint16_t serviceID)

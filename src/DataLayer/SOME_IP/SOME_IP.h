@@ -68,6 +68,9 @@ public:
     bool setMessageType(std::uint8_t type) { return set(m_headerFields.messageType, type); }
     bool setReturnCode(std::uint8_t code) { return set(m_headerFields.returnCode, code); }
 
+    /// Puts a session ID into the bytes of a header that was written already.
+    static void overwriteSessionID(char* header, std::uint16_t sessionID);
+
     /// The header as one line for the log, after `indent` tabs.
     std::string toString(unsigned int indent) const;
 

@@ -21,6 +21,7 @@ constexpr std::size_t fixedSize = 12;             // flags, reserved, the two ar
 constexpr std::streamsize upToEntries = 8;        // flags, reserved, length of the entries array
 constexpr std::streamsize optionsLengthSize = 4;  // length of the options array
 constexpr std::streamsize optionLengthAndTypeSize = 3;
+constexpr std::size_t usualOptions = 2;  // endpoint and configuration
 
 template <class Element>
 bool isSet(const Element& element)
@@ -289,6 +290,7 @@ std::streamsize deserialiseEntries(std::istream& stream, SOME_IP_SD& payload, bo
         return 0;
     }
 
+    payload.m_entries.reserve(static_cast<std::size_t>(length / entrySize));
     std::streamsize done = 0;
     while (done < length) {
         std::uint8_t type = 0;
@@ -330,6 +332,7 @@ std::streamsize deserialiseOptions(std::istream& stream, SOME_IP_SD& payload, bo
         return 0;
     }
 
+    payload.m_options.reserve(usualOptions);
     std::streamsize done = 0;
     while (length - done > optionLengthAndTypeSize) {
         std::uint16_t optionLength = 0;

@@ -103,6 +103,7 @@ SOME_IP_SD_Header::EntryData SOME_IP_SD_Header::getEntryData(std::uint16_t index
         return data;
     }
     data.entry = entry;
+    data.options.reserve(std::size_t{entry->getFstOptionRun().second} + entry->getSndOptionRun().second);
     extractOptionRun(data.entry->getFstOptionRun(), data.options);
     extractOptionRun(data.entry->getSndOptionRun(), data.options);
     return data;

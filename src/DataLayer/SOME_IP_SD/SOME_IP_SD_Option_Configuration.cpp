@@ -195,7 +195,7 @@ bool SOME_IP_SD_Option_Configuration_Pimpl::initFromString(const std::uint8_t* s
                 << "initFromString: input string substring lengths don't add up to given overall length!";
             return false;
         }
-        const std::string substring(asChars(characters), n);
+        const std::string_view substring(asChars(characters), n);
         std::uint8_t equals = 0;
         if (n == 0 || !isValidSubstring(characters, n, &equals)) {
             SD_LOG(Error) << "initFromString: found invalid substring: '" << substring << "'!";
@@ -208,7 +208,7 @@ bool SOME_IP_SD_Option_Configuration_Pimpl::initFromString(const std::uint8_t* s
     return s == string() || copyConfigurationString(s, length);
 }
 
-bool SOME_IP_SD_Option_Configuration_Pimpl::insertSubstring(const std::string& substring, std::uint8_t equals)
+bool SOME_IP_SD_Option_Configuration_Pimpl::insertSubstring(std::string_view substring, std::uint8_t equals)
 {
     if (equals == 0) {
         if (substring == OptionKeywords::NonSOME_IP_ServiceName) {
@@ -216,7 +216,7 @@ bool SOME_IP_SD_Option_Configuration_Pimpl::insertSubstring(const std::string& s
                           << "' is not allowed to be empty!";
             return false;
         }
-        m_configurationPairs.emplace(substring, std::string());
+        m_configurationPairs.emplace(substring, std::string_view());
         return true;
     }
     if (!isValidSplit(substring.size(), equals))
@@ -359,6 +359,7 @@ void SOME_IP_SD_Option_Configuration::extractAllValues(const ConfigurationPairs&
                                                        std::vector<std::string>& values)
 {
     const auto [first, last] = pairs.equal_range(key);
+    values.reserve(values.size() + static_cast<std::size_t>(std::distance(first, last)));
     std::transform(first, last, std::back_inserter(values), [](const auto& pair) { return pair.second; });
 }
 

@@ -3,6 +3,7 @@
 #include "DataLayer/SOME_IP_SD/SOME_IP_SD_Option_Pimpl.h"
 
 #include <memory>
+#include <string_view>
 
 namespace Nubo::ServiceDiscovery {
 
@@ -47,7 +48,7 @@ public:
     bool copyConfigurationString(const std::uint8_t* s, std::uint32_t length);
 
 private:
-    bool insertSubstring(const std::string& substring, std::uint8_t equals);
+    bool insertSubstring(std::string_view substring, std::uint8_t equals);
 
     ConfigurationPairs m_configurationPairs;
     std::unique_ptr<std::uint8_t[]> m_configurationString;

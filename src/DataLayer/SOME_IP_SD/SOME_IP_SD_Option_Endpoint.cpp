@@ -9,6 +9,7 @@
 
 #include <algorithm>
 #include <iomanip>
+#include <optional>
 #include <ostream>
 
 namespace Nubo::ServiceDiscovery {
@@ -72,6 +73,13 @@ struct TwoDigits
     }
 };
 
+template <class Family>
+const IPAddress& unspecified()
+{
+    static const IPAddress address(Words<Family>::family);
+    return address;
+}
+
 }  // namespace
 
 template <class Family>
@@ -83,7 +91,6 @@ public:
 
     explicit EndpointOptionPimpl(OptionType::Type_t type)
         : SOME_IP_SD_Option_Pimpl(type, Family::optionLength)
-        , m_address(W::family)
     {
         setValid(false);
     }
@@ -143,7 +150,7 @@ public:
         static constexpr const char* names[] = {"ENDPOINT", "MULTICAST", "SD_ENDPOINT"};
         const auto type = std::find(Family::types.begin(), Family::types.end(), getType());
         stream << "Type(" << (type == Family::types.end() ? "<UNKNOWN>" : names[type - Family::types.begin()])
-               << "), " << W::openAddress << m_address.toString() << W::closeAddress << ":" << m_portNumber
+               << "), " << W::openAddress << address().toString() << W::closeAddress << ":" << m_portNumber
                << "), ";
         if (m_l4Proto == OptionL4Protocol::TCP)
             stream << "L4(TCP)";
@@ -153,7 +160,7 @@ public:
             stream << "L4(0x" << std::hex << +m_l4Proto << "=UNKNOWN)";
     }
 
-    const IPAddress& address() const { return m_address; }
+    const IPAddress& address() const { return m_address ? *m_address : unspecified<Family>(); }
     const AddressBytes& addressBytes() const { return m_addressBytes; }
     std::uint16_t port() const { return m_portNumber; }
     OptionL4Protocol::L4Protocol_t protocol() const { return m_l4Proto; }
@@ -180,7 +187,7 @@ private:
     bool initAddress()
     {
         try {
-            m_address = IPAddress(m_addressBytes.data(), static_cast<poco_socklen_t>(m_addressBytes.size()));
+            m_address.emplace(m_addressBytes.data(), static_cast<poco_socklen_t>(m_addressBytes.size()));
             return true;
         }
         catch (const Poco::InvalidArgumentException&) {
@@ -195,7 +202,7 @@ private:
         try {
             const IPAddress parsed(text);
             if (parsed.family() == W::family) {
-                m_address = parsed;
+                m_address.emplace(parsed);
                 std::copy_n(static_cast<const std::uint8_t*>(parsed.addr()), m_addressBytes.size(),
                             m_addressBytes.begin());
                 return true;
@@ -208,7 +215,7 @@ private:
         return false;
     }
 
-    IPAddress m_address;
+    std::optional<IPAddress> m_address;  // none is the unspecified one
     AddressBytes m_addressBytes{};
     std::uint8_t m_reserved01 = 0;
     OptionL4Protocol::L4Protocol_t m_l4Proto = OptionL4Protocol::NONE;

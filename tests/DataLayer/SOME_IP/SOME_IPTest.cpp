@@ -258,4 +258,13 @@ TEST_F(SOME_IPTest, TextWithoutIndentBeginsWithItsName)
               "ProtocolVersion(0x1), InterfaceVersion(0x1), MessageType(0x2), ReturnCode(0x0)");
 }
 
+TEST(SOME_IPBytesTest, SessionIDIsPutIntoAHeaderThatWasWritten)
+{
+    std::string bytes = fromHex("ff ff 81 00 00 00 00 1c 00 00 00 01 01 01 02 00 aa");
+
+    SOME_IP::overwriteSessionID(bytes.data(), 0x9abc);
+
+    EXPECT_EQ(toHex(bytes), "ff ff 81 00 00 00 00 1c 00 00 9a bc 01 01 02 00 aa");
+}
+
 }  // namespace Nubo::ServiceDiscovery::Testing
