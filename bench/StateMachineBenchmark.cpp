@@ -9,7 +9,6 @@
 #include "ServiceDiscovery.h"
 #include "support/Descriptions.h"
 #include "support/Platform.h"
-#include "support/Process.h"
 
 #include <KELUtilLib/Logging.h>
 
@@ -269,14 +268,11 @@ void expiry(benchmark::State& state)
     }
 }
 
-/// A tick in which nothing happens, for each service; and the memory that each takes.
+/// A tick in which nothing happens, for each service.
 void quietTick(benchmark::State& state)
 {
     const auto known = static_cast<std::size_t>(state.range(0));
-    const std::size_t memoryBefore = Testing::residentMemory();
     Scene scene(known);
-    state.counters["bytes"] =
-        static_cast<double>(Testing::residentMemory() - memoryBefore) / static_cast<double>(known);
     for (auto _ : state) {
         const auto start = std::chrono::steady_clock::now();
         scene.machine.tick();

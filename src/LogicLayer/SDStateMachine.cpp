@@ -872,8 +872,8 @@ void SDStateMachine::AperiodicWorker::unsafe_update()
                   << " milliseconds";
 }
 
-/// The interval for a wait of so many microseconds. Now and then Poco::Timer waits a millisecond less than its
-/// interval; nothing is due then, and the rest is waited for.
+/// The interval for a wait of so many microseconds. Now and then Poco::Timer waits a millisecond less than
+/// its interval; nothing is due then, and the rest is waited for.
 long SDStateMachine::AperiodicWorker::timerInterval(Poco::Clock::ClockDiff wait)
 {
     return std::max((wait + microsecondsPerMillisecond - 1) / microsecondsPerMillisecond,

@@ -224,10 +224,13 @@ void MulticastReceiver::onSocketReadable(const Poco::AutoPtr<ReadableNotificatio
         discardEmptyDatagram(socket);
         return;
     }
-    // What has come meanwhile is taken along: the reactor's round would take longer than the datagram.
-    for (int taken = 0; available > 0 && taken < mostAtOnce && !m_service->isStopping; ++taken) {
+    // What has come meanwhile is taken along: a round of the reactor would take longer than the datagram.
+    for (int taken = 1; true; ++taken) {
         receive(socket, available);
         available = socket.available();
+        if (available == 0 || taken == mostAtOnce || m_service->isStopping)
+            return;
+        SD_LOG(Trace) << "MulticastReceiver onSocketReadable";
     }
 }
 

@@ -13,7 +13,8 @@ Resources Resources::current()
 {
     ::malloc_trim(0);
     constexpr double mebibyte = 1024 * 1024;
-    return {static_cast<double>(residentMemory()) / mebibyte, static_cast<double>(heapInUse()) / mebibyte, openDescriptors(), runningThreads()};
+    return {static_cast<double>(residentMemory()) / mebibyte, static_cast<double>(heapInUse()) / mebibyte,
+            openDescriptors(), runningThreads()};
 }
 
 double meanOf(const std::vector<Sample>& samples)
