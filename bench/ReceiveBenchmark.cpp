@@ -26,6 +26,7 @@
 #include <exception>
 #include <functional>
 #include <memory>
+#include <numeric>
 #include <optional>
 #include <string>
 #include <thread>
@@ -150,13 +151,20 @@ private:
     std::thread m_thread;
 };
 
-double processorTimeOf(const Receiver& receiver)
+/// In seconds, of each of the receiver's threads.
+std::vector<double> processorTimesOf(const Receiver& receiver)
 {
     ProcessorTimes times = processorTimes();
-    double sum = 0;
+    std::vector<double> result;
     for (const std::string& name : receiver.threads())
-        sum += times[name].count();
-    return sum / 1000;
+        result.push_back(times[name].count() / 1000);
+    return result;
+}
+
+double processorTimeOf(const Receiver& receiver)
+{
+    const std::vector<double> times = processorTimesOf(receiver);
+    return std::accumulate(times.begin(), times.end(), 0.0);
 }
 
 /// Waits until the receiver has nothing left to do: no more than idling takes.
@@ -201,7 +209,7 @@ void run(const char* who, std::size_t offersInEach, std::size_t perSecond, secon
     const std::size_t lostBefore = lostDatagrams(network.unit);
     const std::size_t droppedBefore = receiver.dropped();
     const std::size_t memoryBefore = residentMemory();
-    const double processorBefore = processorTimeOf(receiver);
+    const std::vector<double> processorBefore = processorTimesOf(receiver);
     const FloodPlan plan{contents, perSecond, length};
     const auto start = Clock::now();
     std::optional<Flood> flood(std::in_place, network.sender, "eth0", "fd00::2", plan);
@@ -216,12 +224,17 @@ void run(const char* who, std::size_t offersInEach, std::size_t perSecond, secon
     const std::size_t dropped = receiver.dropped() - droppedBefore;
     const auto read = static_cast<double>(sent - lost - dropped);
     const double growth = static_cast<double>(residentMemory()) - static_cast<double>(memoryBefore);
-    std::printf("%-6s %7zu %10.0f %10.0f %10.0f %8.3f %% %8zu %10.2f %9.2f %8.1f\n", who, offersInEach,
+    std::printf("%-6s %7zu %10.0f %10.0f %10.0f %8.3f %% %8zu %8.1f", who, offersInEach,
                 static_cast<double>(sent) / time.count(), read / time.count(),
                 read / time.count() * static_cast<double>(offersInEach),
                 100 * static_cast<double>(lost + dropped) / static_cast<double>(sent), dropped,
-                processorTimeOf(receiver) - processorBefore,
-                1e6 * (processorTimeOf(receiver) - processorBefore) / read, growth / 1048576);
+                growth / 1048576);
+    const std::vector<double> processor = processorTimesOf(receiver);
+    for (std::size_t i = 0; i < processor.size(); ++i) {
+        const double used = processor[i] - processorBefore[i];
+        std::printf("   %s %.2f s, %.2f us", receiver.threads()[i].c_str(), used, 1e6 * used / read);
+    }
+    std::printf("\n");
 }
 
 /// In a process of its own, so that memory and threads are those of one receiver.
@@ -250,8 +263,9 @@ bool apart(const std::function<void()>& work)
 int main(int argc, char** argv)
 {
     const seconds length(argc > 1 ? std::stoi(argv[1]) : 5);
-    std::printf("%-6s %7s %10s %10s %10s %10s %8s %10s %9s %8s\n", "who", "offers", "sent/s", "read/s",
-                "offers/s", "lost", "dropped", "processor", "us each", "MiB");
+    std::printf("%-6s %7s %10s %10s %10s %10s %8s %8s   %s\n", "who", "offers", "sent/s", "read/s",
+                "offers/s", "lost", "dropped", "MiB",
+                "processor time by thread, and of it for each datagram");
     bool isGood = true;
     for (const std::size_t offersInEach : {1, 7}) {
         isGood = apart([&] { run<BareLoop>("loop", offersInEach, unlimited, length); }) && isGood;

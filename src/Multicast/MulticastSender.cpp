@@ -30,6 +30,9 @@ constexpr Poco::Clock::ClockDiff retirement = 5'000'000;  // microseconds
 /// How long a datagram may wait for room in an interface's queue, in microseconds.
 constexpr long sendTimeout = 20000;
 
+/// In a full datagram.
+constexpr std::size_t usualPackets = 10;
+
 /// Between two attempts to open what is awaited, in microseconds.
 constexpr Poco::Clock::ClockDiff attemptInterval = 100000;
 
@@ -349,6 +352,7 @@ bool MulticastSender::adjustIPs(MulticastPackage& package, const std::string& ol
     char* const begin = package.first;
     char* const end = begin + package.second;
     if (offsets.empty()) {
+        offsets.reserve(usualPackets);
         for (char* at = begin; (at = std::search(at, end, oldIP.begin(), oldIP.end())) != end;) {
             offsets.push_back(static_cast<std::uint64_t>(at - begin));
             at = std::copy(newIP.begin(), newIP.end(), at);
