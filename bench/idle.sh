@@ -36,7 +36,7 @@ start() { # UNIT ARGUMENT...
 }
 
 tasks() { cat /proc/"$(cat "$work/$1.pid")"/task/*/"$2"; }
-runtime() { tasks "$1" schedstat | awk '{ n += $1 } END { printf "%d", n }'; } # nanoseconds
+runtime() { tasks "$1" schedstat | awk '{ n += $1 } END { printf "%.0f", n }'; } # nanoseconds
 switches() { tasks "$1" status | awk '/^voluntary_ctxt/ { n += $2 } END { print n }'; }
 sent() { # packets and bytes of the announcing unit
     ip -n announces -json -stats link show eth0 | jq -r '.[0].stats64.tx | "\(.packets) \(.bytes)"'
