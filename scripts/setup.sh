@@ -2,17 +2,18 @@
 # Installs the Debian packages that a task needs and that are missing. Asks for nothing; uses sudo when it is
 # not run by root.
 #
-# usage: scripts/setup.sh TASK...    with TASK one of: build demo test coverage lint bench fuzz
+# usage: scripts/setup.sh TASK...    with TASK one of: build demo test coverage lint bench fuzz package
 set -eu
 
 packages_for() {
     case "$1" in
-    build) echo g++ cmake ninja-build pkg-config libpoco-dev libcli11-dev nlohmann-json3-dev libnl-route-3-dev robin-map-dev ;;
+    build) echo g++ cmake ninja-build pkg-config libpoco-dev libcli11-dev nlohmann-json3-dev libnl-route-3-dev robin-map-dev libpcap-dev ;;
     demo) echo iproute2 ;;
     test) echo libgtest-dev libgmock-dev libbenchmark-dev clang-format bats jq tshark iproute2 ;;
     coverage) echo gcovr ;;
     lint) echo clang-tidy clang-format cppcheck shellcheck ;;
     bench) echo libbenchmark-dev iproute2 jq ;;
+    package) echo dpkg-dev file binutils lintian ;;
     fuzz) echo clang libclang-rt-dev llvm ;;
     *)
         echo "setup.sh: unknown task: $1" >&2

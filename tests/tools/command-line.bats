@@ -29,8 +29,8 @@ refuses_file() {
 }
 
 @test "a subcommand is needed, and no other word is taken for one" {
-    refuses "a subcommand is missing: announce, browse or find"
-    refuses "a subcommand is missing: announce, browse or find" --json
+    refuses "a subcommand is missing: announce, browse, find or monitor"
+    refuses "a subcommand is missing: announce, browse, find or monitor" --json
     refuses "The following argument was not expected: listen" listen
     refuses "The following argument was not expected: --loud" --loud browse
 }

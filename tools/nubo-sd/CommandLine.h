@@ -37,6 +37,7 @@ struct Subcommand
 Subcommand::Run setUpAnnounce(CLI::App& commandLine, const CommonOptions& common);
 Subcommand::Run setUpBrowse(CLI::App& commandLine, const CommonOptions& common);
 Subcommand::Run setUpFind(CLI::App& commandLine, const CommonOptions& common);
+Subcommand::Run setUpMonitor(CLI::App& commandLine, const CommonOptions& common);
 
 /// What is wrong with a time in seconds, which must be above 0; empty if nothing is.
 std::string faultOfSeconds(const std::string& text);

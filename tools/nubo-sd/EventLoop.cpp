@@ -58,10 +58,11 @@ void EventLoop::wake()
     ::eventfd_write(m_wakeUps, 1);
 }
 
-EventLoop::Reason EventLoop::wait(const Deadline& deadline)
+EventLoop::Reason EventLoop::wait(const Deadline& deadline, int descriptor)
 {
     for (;;) {
-        std::array<pollfd, 2> descriptors{{{m_signals, POLLIN, 0}, {m_wakeUps, POLLIN, 0}}};
+        std::array<pollfd, 3> descriptors{
+            {{m_signals, POLLIN, 0}, {m_wakeUps, POLLIN, 0}, {descriptor, POLLIN, 0}}};
         if (::poll(descriptors.data(), descriptors.size(), timeout(deadline)) < 0 && errno != EINTR)
             throw std::system_error(errno, std::generic_category());
         if (descriptors[0].revents != 0)
@@ -71,6 +72,8 @@ EventLoop::Reason EventLoop::wait(const Deadline& deadline)
             ::eventfd_read(m_wakeUps, &count);
             return Reason::Woken;
         }
+        if (descriptors[2].revents != 0)
+            return Reason::Readable;
         if (deadline && Clock::now() >= *deadline)
             return Reason::DeadlineReached;
     }

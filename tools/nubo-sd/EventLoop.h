@@ -16,6 +16,7 @@ public:
     enum class Reason
     {
         Woken,
+        Readable,
         Signal,
         DeadlineReached
     };
@@ -30,7 +31,8 @@ public:
     /// Lets wait() return, now or when it is called next. From any thread.
     void wake();
 
-    Reason wait(const Deadline& deadline);
+    /// Also returns when `descriptor`, if there is one, is readable.
+    Reason wait(const Deadline& deadline, int descriptor = -1);
 
     /// The instant that many seconds from now.
     static Deadline after(double seconds);

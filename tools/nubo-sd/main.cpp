@@ -4,6 +4,8 @@
 #include "LogOutput.h"
 
 #include <iostream>
+#include <iterator>
+#include <string>
 
 #include <CLI/CLI.hpp>
 
@@ -15,7 +17,21 @@ constexpr Subcommand subcommands[] = {
     {"announce", "Announce services of this unit, and report those of other units", setUpAnnounce},
     {"browse", "Report the services of other units as they come and go", setUpBrowse},
     {"find", "Search for a service and print each instance found", setUpFind},
+    {"monitor", "Print every service-discovery packet on the interfaces, decoded", setUpMonitor},
 };
+
+/// "announce, browse or find"
+std::string names()
+{
+    std::string text;
+    std::size_t left = std::size(subcommands);
+    for (const Subcommand& subcommand : subcommands) {
+        --left;
+        text += subcommand.name;
+        text += left == 0 ? "" : left == 1 ? " or " : ", ";
+    }
+    return text;
+}
 
 int fail(const std::string& reason, ExitCode code)
 {
@@ -53,7 +69,7 @@ int run(int argc, char** argv)
         return fail(printable(error.what()), WrongUsage);
     }
     if (!chosen)
-        return fail("a subcommand is missing: announce, browse or find", WrongUsage);
+        return fail("a subcommand is missing: " + names(), WrongUsage);
     openLog(logPriority(common.logLevel));
     return chosen();
 }
