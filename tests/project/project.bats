@@ -90,7 +90,7 @@ hardened_files() {
 }
 
 @test "all code is formatted" {
-    find src platform tools fuzz bench tests \( -name '*.h' -o -name '*.cpp' \) \
+    find src platform tools fuzz bench examples tests \( -name '*.h' -o -name '*.cpp' \) \
         -exec clang-format --dry-run --Werror {} + || {
         echo "run: clang-format -i FILE"
         return 1

@@ -18,19 +18,15 @@ refuses() {
     [ "$stderr" = "nubo-sd: $1" ] || fail "standard error: $stderr"
 }
 
-# refuses_file MESSAGE JSON: the same for a services file with that content.
+# refuses_file PLACE:MESSAGE JSON: the same for a services file with that content.
 refuses_file() {
     printf '%s' "$2" >"$out/services.json"
-    run --separate-stderr "$NUBO_SD" announce --file "$out/services.json"
-    [ "$status" -eq 2 ] || fail "exit code $status for $2"
-    [ -z "$output" ] || fail "standard output: $output"
-    # shellcheck disable=SC2154
-    [ "$stderr" = "nubo-sd: $out/services.json: $1" ] || fail "standard error: $stderr"
+    refuses "$out/services.json:$1" announce --file "$out/services.json"
 }
 
 @test "a subcommand is needed, and no other word is taken for one" {
-    refuses "a subcommand is missing: announce, browse, find or monitor"
-    refuses "a subcommand is missing: announce, browse, find or monitor" --json
+    refuses "a subcommand is missing: announce, browse, check, doctor, find or monitor"
+    refuses "a subcommand is missing: announce, browse, check, doctor, find or monitor" --json
     refuses "The following argument was not expected: listen" listen
     refuses "The following argument was not expected: --loud" --loud browse
 }
@@ -38,7 +34,7 @@ refuses_file() {
 @test "help tells every option, for the tool and for every subcommand" {
     run "$NUBO_SD" --help
     [ "$status" -eq 0 ]
-    for word in -i,--interface -a,--address --json --log-level --duration announce browse find "Exit codes"; do
+    for word in -i,--interface -a,--address --json --log-level --duration announce browse check doctor find "Exit codes"; do
         [[ $output == *"$word"* ]] || fail "missing: $word"
     done
 
@@ -132,29 +128,16 @@ refuses_file() {
 
 @test "a services file must be there and hold a list of services" {
     refuses "$out/none.json: No such file or directory" announce --file "$out/none.json"
-    refuses_file "a list of at least one service is expected" '[]'
-    refuses_file "a list of at least one service is expected" '{}'
-    refuses_file "service 1: is not an object" '["Media"]'
-    refuses_file "parse error at line 2, column 3: syntax error while parsing value - invalid literal; last read: '[<U+000A>  x'" \
-        $'[\n  x]'
+    refuses "$out: Is a directory" announce --file "$out"
+    refuses_file "1:1: a list of at least one service is expected" '[]'
+    refuses_file "2:1: a list of at least one service is expected" $'\n{"name": "Media"}'
 }
 
-@test "a mistake in a services file is told with the service and the key" {
+@test "the first mistake in a services file is told with its place" {
     media='{"name":"Media","versions":["1.0.0"],"port":8080}'
-    refuses_file 'service 2: unknown key "prot"' "[$media,{\"name\":\"Navi\",\"prot\":\"udp\"}]"
-    refuses_file 'service 2: "versions" has a value of the wrong kind' "[$media,{\"versions\":\"1.0.0\"}]"
-    refuses_file 'service 1: "port" is not a whole number' '[{"name":"Media","port":"8080"}]'
-    refuses_file 'service 1: the port is missing or not within 1 to 65535' '[{"name":"Media","versions":["1.0.0"]}]'
-    refuses_file 'service 1: the port is missing or not within 1 to 65535' '[{"name":"Media","port":70000}]'
-    refuses_file 'service 1: the name is missing' '[{"port":8080}]'
-    refuses_file 'service 1: the protocol "sctp" is neither tcp nor udp' \
-        '[{"name":"Media","port":8080,"protocol":"sctp"}]'
-    refuses_file 'service 2: the uuid "1" is used twice' \
-        '[{"name":"Media","uuid":"1"},{"name":"Navi","uuid":"1"}]'
-    refuses_file 'service 1: "Media" cannot be announced: ServiceDiscovery failed to create SD Service "Media" due to invalid Version(s)' \
-        '[{"name":"Media","port":8080}]'
-    refuses_file 'service 2: "Media" cannot be announced: SDStateMachine::handlePUT found 1 duplicate Service(s)!' \
+    refuses_file '2:3: syntax error while parsing value - invalid literal; last read: '"'[<U+000A>  x'" $'[\n  x]'
+    refuses_file '1:52: service 2: the port is missing or not within 1 to 65535' \
+        "[$media,{\"name\":\"Navi\",\"versions\":[\"1\"]}]"
+    refuses_file '1:52: service 2: "Media" cannot be announced: SDStateMachine::handlePUT found 1 duplicate Service(s)!' \
         "[$media,$media]"
-    refuses_file 'service 1: the address "::1" cannot be reached from another unit' \
-        '[{"name":"Media","versions":["1.0.0"],"port":8080,"address":"::1"}]'
 }

@@ -1,21 +1,19 @@
 #include "CommandLine.h"
 #include "Errors.h"
 #include "EventPrinter.h"
-#include "LogOutput.h"
-#include "ServiceEntry.h"
+#include "ServiceCheck.h"
+#include "ServicesFile.h"
 #include "Unit.h"
-
-#include <KELUtilLib/ApplicationServices.h>
 
 #include <iostream>
 #include <memory>
+#include <utility>
 
 #include <CLI/CLI.hpp>
 
 namespace NuboSd {
 
 using Nubo::ServiceDiscovery::NuboServiceDescription;
-using Nubo::ServiceDiscovery::ServiceDiscovery;
 
 namespace {
 
@@ -25,37 +23,25 @@ struct AnnounceOptions
     std::string file;
 };
 
-/// Adds the service; throws UsageError with the library's reason when it is refused.
-void add(ServiceDiscovery& discovery, const NuboServiceDescription& description, const std::string& where,
-         ErrorCatcher::Others others = ErrorCatcher::Others::Written)
+/// The services to be announced. Throws UsageError with the first thing that is wrong with one of them, so
+/// that none is sent if one is invalid.
+std::vector<ServiceEntry> servicesOf(const AnnounceOptions& options)
 {
-    const ErrorCatcher errors(others);
-    if (!discovery.addService(description))
-        throw UsageError(where + "\"" + printable(description.getName()) +
-                         "\" cannot be announced: " + printable(errors.firstError()));
-}
-
-/// Tries all services with the library, which has no interfaces and is never started for it, so that none
-/// is sent if one is invalid.
-void checkServices(const std::vector<ServiceEntry>& services)
-{
-    const Poco::Net::IPAddress anyAddress("2001:db8::1");
-    const Poco::SharedPtr<OEMInterface::OEMDispatcher> noInterfaces = new OEMInterface::ManualDispatcher;
-    ApplicationServices::getLocator().add(typeid(OEMInterface::OEMDispatcher), noInterfaces);
-    ServiceDiscovery trial;
-    for (const ServiceEntry& service : services)
-        add(trial, service.describe(anyAddress), service.where, ErrorCatcher::Others::Dropped);
+    if (options.file.empty()) {
+        const std::vector<Fault> faults = ServiceCheck().check(options.service);
+        if (!faults.empty())
+            throw UsageError(faults.front().text);
+        return {options.service};
+    }
+    ServicesFile file = readServicesFile(options.file);
+    if (!file.mistakes.empty())
+        throw UsageError(file.mistakes.front());
+    return std::move(file.services);
 }
 
 int run(const AnnounceOptions& options, const CommonOptions& common)
 {
-    std::vector<ServiceEntry> services;
-    if (options.file.empty())
-        services.push_back(options.service);
-    else
-        services = readServicesFile(options.file);
-
-    checkServices(services);
+    const std::vector<ServiceEntry> services = servicesOf(options);
 
     Unit unit(common);
     if (!unit.start())
@@ -65,7 +51,9 @@ int run(const AnnounceOptions& options, const CommonOptions& common)
     std::vector<std::string> announced;
     for (const ServiceEntry& service : services) {
         const NuboServiceDescription description = service.describe(unit.address());
-        add(unit.discovery(), description, service.where);
+        const std::string reason = announce(unit.discovery(), description);
+        if (!reason.empty())
+            throw UsageError(service.where + reason);
         announced.push_back(description.getLocalUuid());
         printer.print({ServiceEvent::Kind::Announced, description});
     }

@@ -36,6 +36,8 @@ struct Subcommand
 // One file each.
 Subcommand::Run setUpAnnounce(CLI::App& commandLine, const CommonOptions& common);
 Subcommand::Run setUpBrowse(CLI::App& commandLine, const CommonOptions& common);
+Subcommand::Run setUpCheck(CLI::App& commandLine, const CommonOptions& common);
+Subcommand::Run setUpDoctor(CLI::App& commandLine, const CommonOptions& common);
 Subcommand::Run setUpFind(CLI::App& commandLine, const CommonOptions& common);
 Subcommand::Run setUpMonitor(CLI::App& commandLine, const CommonOptions& common);
 

@@ -9,6 +9,7 @@ enum ExitCode : int
 {
     Done = 0,
     NothingFound = 1,
+    SomethingBad = 1,
     WrongUsage = 2,
     NetworkUnusable = 3
 };

@@ -7,10 +7,12 @@
 
 namespace NuboSd {
 
+constexpr int highestPort = 65535;
+
 /// A service to be announced, as the user gives it.
 struct ServiceEntry
 {
-    std::string where;  ///< opens an error about it: "services.json: service 2: "
+    std::string where;  ///< opens an error about it: "services.json:3:5: service 2: "
     std::string name;
     std::vector<std::string> versions;
     std::vector<std::string> categories;
@@ -20,12 +22,9 @@ struct ServiceEntry
     std::string uuid;  ///< empty: one is made up
     std::string uri;   ///< empty: made from name, address and port
 
-    /// The description to be announced. Throws UsageError for what no other unit could use.
+    /// The description to be announced, of a service that was checked. Throws UsageError for an address
+    /// that is none.
     Nubo::ServiceDiscovery::NuboServiceDescription describe(const Poco::Net::IPAddress& unitAddress) const;
 };
-
-/// Reads a list of services: a JSON array of objects with the keys of a "discovered" event. Throws
-/// UsageError.
-std::vector<ServiceEntry> readServicesFile(const std::string& path);
 
 }  // namespace NuboSd

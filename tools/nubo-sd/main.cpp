@@ -16,6 +16,8 @@ namespace {
 constexpr Subcommand subcommands[] = {
     {"announce", "Announce services of this unit, and report those of other units", setUpAnnounce},
     {"browse", "Report the services of other units as they come and go", setUpBrowse},
+    {"check", "Look for mistakes in a list of services", setUpCheck},
+    {"doctor", "Look for what hinders service discovery on this unit", setUpDoctor},
     {"find", "Search for a service and print each instance found", setUpFind},
     {"monitor", "Print every service-discovery packet on the interfaces, decoded", setUpMonitor},
 };
@@ -47,8 +49,8 @@ int run(int argc, char** argv)
     app.fallthrough();
     app.footer(
         "The options of nubo-sd --help may stand before or after a subcommand's own.\n\n"
-        "Exit codes: 0 done; 1 nothing found (find); 2 wrong arguments or an invalid service;\n"
-        "3 the network cannot be used.");
+        "Exit codes: 0 done; 1 nothing found (find), or something bad (doctor); 2 wrong arguments or an\n"
+        "invalid service; 3 the network cannot be used.");
 
     CommonOptions common;
     addCommonOptions(app, common);
