@@ -1,0 +1,9 @@
+#!/bin/sh
+# Makes the site of the public headers and the guide in build-docs/html. A warning is an error.
+set -eu
+cd "$(dirname "$0")/.."
+scripts/setup.sh docs
+rm -rf build-docs
+mkdir build-docs
+doxygen docs/Doxyfile
+echo "build-docs/html/index.html"
