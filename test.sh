@@ -106,7 +106,7 @@ report_coverage() {
 
 lint() {
     cmake --preset debug -B build-lint >/dev/null
-    folders='src platform tools bench fuzz'
+    folders='src platform tools examples bench fuzz'
     # shellcheck disable=SC2086 # folders and files are words of their own
     {
         code=$(find $folders tests -name '*.h' -o -name '*.cpp')

@@ -2,7 +2,7 @@
 # Installs the Debian packages that a task needs and that are missing. Asks for nothing; uses sudo when it is
 # not run by root.
 #
-# usage: scripts/setup.sh TASK...    with TASK one of: build demo test coverage lint bench fuzz package
+# usage: scripts/setup.sh TASK...    with TASK one of: build demo test coverage lint bench fuzz package docs
 set -eu
 
 packages_for() {
@@ -14,6 +14,7 @@ packages_for() {
     lint) echo clang-tidy clang-format cppcheck shellcheck ;;
     bench) echo libbenchmark-dev iproute2 jq ;;
     package) echo dpkg-dev file binutils lintian ;;
+    docs) echo doxygen ;;
     fuzz) echo clang libclang-rt-dev llvm ;;
     *)
         echo "setup.sh: unknown task: $1" >&2

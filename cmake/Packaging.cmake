@@ -1,0 +1,106 @@
+# Debian packages, which scripts/package.sh makes: one a component, and one for all that is needed to build with
+# the libraries.
+
+set(packaging ${PROJECT_SOURCE_DIR}/packaging)
+set(KEL_SD_MAINTAINER "KELServiceDiscoveryLib maintainers <maintainers@kel.example>" CACHE STRING
+  "Who answers for the Debian packages: NAME <ADDRESS>")
+
+set(CPACK_GENERATOR DEB)
+set(CPACK_PACKAGE_NAME kelservicediscovery)
+set(CPACK_PACKAGE_VENDOR "")
+# Each package has a summary of its own, in the first line of its description.
+set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "")
+set(CPACK_PACKAGE_CONTACT "${KEL_SD_MAINTAINER}")
+set(CPACK_INSTALL_PREFIX /usr)
+# Paths in the packages are those of the system, also where a rule of installation looks at them.
+set(CPACK_SET_DESTDIR ON)
+set(CPACK_STRIP_FILES ON)
+set(CPACK_PRE_BUILD_SCRIPTS ${PROJECT_SOURCE_DIR}/cmake/DebianFiles.cmake)
+set(CPACK_POST_BUILD_SCRIPTS ${PROJECT_SOURCE_DIR}/cmake/DebianControl.cmake)
+set(CPACK_KEL_SD_PACKAGING ${packaging})
+
+set(CPACK_COMPONENTS_ALL Runtime Util OEMInterface Tools Dev UtilDev OEMInterfaceDev)
+set(CPACK_COMPONENT_DEV_GROUP Development)
+set(CPACK_COMPONENT_UTILDEV_GROUP Development)
+set(CPACK_COMPONENT_OEMINTERFACEDEV_GROUP Development)
+
+# The packages have the version of their change log, which may not fall behind.
+file(STRINGS ${packaging}/debian/changelog newest LIMIT_COUNT 1)
+if(NOT newest MATCHES "^kelservicediscovery \\(([^)]+)\\)" OR NOT CMAKE_MATCH_1 STREQUAL PROJECT_VERSION)
+  message(SEND_ERROR "packaging/debian/changelog has no entry for version ${PROJECT_VERSION}")
+endif()
+set(CPACK_DEB_COMPONENT_INSTALL ON)
+set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
+set(CPACK_DEBIAN_PACKAGE_SOURCE kelservicediscovery)
+set(CPACK_DEBIAN_PACKAGE_VERSION ${PROJECT_VERSION})
+set(CPACK_DEBIAN_PACKAGE_PRIORITY optional)
+set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
+set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
+set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS ${CMAKE_LIBRARY_OUTPUT_DIRECTORY})
+set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS ON)
+set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS_POLICY >=)
+
+# A package of this project needs another one of exactly its version, but takes any edition of the platform's two
+# libraries that is new enough: a vehicle's own package provides them.
+set(same "(= ${PROJECT_VERSION})")
+set(platform "libkelutil0 (>= ${PROJECT_VERSION}), libkeloeminterface0 (>= ${PROJECT_VERSION})")
+string(CONCAT platform_text
+  "This is the edition for plain Linux. A vehicle platform has its own, in a\n"
+  "package that provides this one with its version, conflicts with it and\n"
+  "replaces it.")
+
+set(CPACK_DEBIAN_RUNTIME_PACKAGE_NAME libkelservicediscovery0)
+set(CPACK_DEBIAN_RUNTIME_PACKAGE_SECTION libs)
+set(CPACK_DEBIAN_RUNTIME_PACKAGE_DEPENDS "${platform}")
+set(CPACK_DEBIAN_RUNTIME_DESCRIPTION
+"SOME/IP service discovery between control units
+Lets the service registries of a vehicle's control units find each other's
+services with no server and no configuration, by SOME/IP Service Discovery
+messages over IPv6 multicast.")
+
+set(CPACK_DEBIAN_UTIL_PACKAGE_NAME libkelutil0)
+set(CPACK_DEBIAN_UTIL_PACKAGE_SECTION libs)
+set(CPACK_DEBIAN_UTIL_DESCRIPTION
+"log and service locator of a vehicle platform
+What processes of a control unit share: the log, and the place where parts of a
+process find what others provide.
+
+${platform_text}")
+
+set(CPACK_DEBIAN_OEMINTERFACE_PACKAGE_NAME libkeloeminterface0)
+set(CPACK_DEBIAN_OEMINTERFACE_PACKAGE_SECTION libs)
+set(CPACK_DEBIAN_OEMINTERFACE_PACKAGE_DEPENDS "libkelutil0 (>= ${PROJECT_VERSION})")
+set(CPACK_DEBIAN_OEMINTERFACE_DESCRIPTION
+"dispatcher of a vehicle platform
+Tells the processes of a control unit which network interfaces to use, and
+keeps its event memory.
+
+${platform_text}")
+
+set(CPACK_DEBIAN_TOOLS_PACKAGE_NAME nubo-sd)
+set(CPACK_DEBIAN_TOOLS_PACKAGE_SECTION net)
+set(CPACK_DEBIAN_TOOLS_PACKAGE_DEPENDS "libkelservicediscovery0 ${same}, ${platform}")
+set(CPACK_DEBIAN_TOOLS_DESCRIPTION
+"announce, find and watch services of control units
+Announces services of this unit, reports those of other units, searches for
+one, and shows the packets of SOME/IP Service Discovery on the network.
+
+A service of the system announces what /etc/nubo-sd/services.json lists, once
+that file is there and the service is enabled.")
+
+set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_NAME libkelservicediscovery-dev)
+set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_SECTION libdevel)
+set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_DEPENDS "libkelservicediscovery0 ${same}, ${platform}, libpoco-dev")
+set(CPACK_DEBIAN_DEVELOPMENT_DESCRIPTION
+"SOME/IP service discovery between control units - development files
+Headers, CMake package and pkg-config files for building with
+libKELServiceDiscoveryLib and with the platform's libKELUtilLib and
+libKELOEMInterfaceLib.")
+
+foreach(library RUNTIME UTIL OEMINTERFACE)
+  set(CPACK_DEBIAN_${library}_PACKAGE_CONTROL_EXTRA ${packaging}/debian/triggers)
+endforeach()
+set(CPACK_DEBIAN_TOOLS_PACKAGE_CONTROL_EXTRA
+  ${packaging}/debian/postinst ${packaging}/debian/prerm ${packaging}/debian/postrm)
+
+include(CPack)
