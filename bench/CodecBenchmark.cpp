@@ -80,8 +80,9 @@ std::size_t encode(const SDService& service, Kind kind, Datagram& datagram)
     return static_cast<std::size_t>(stream.charsWritten());
 }
 
-/// From the bytes to the records that the state machine gets.
-unsigned decode(const Datagram& datagram, std::size_t size, Kind kind)
+/// From the bytes to the records that the state machine gets: of an offer, what tells whether its service is
+/// known, or all.
+unsigned decode(const Datagram& datagram, std::size_t size, Kind kind, SDService::Extent extent)
 {
     Poco::MemoryInputStream stream(datagram.data(), static_cast<std::streamsize>(size));
     unsigned result = 0;
@@ -97,7 +98,7 @@ unsigned decode(const Datagram& datagram, std::size_t size, Kind kind)
         }
         else {
             result += SDService(*data.entry.cast<SOME_IP_SD_Entry_Service>(),
-                                *data.options.front().cast<SOME_IP_SD_Option_IPv6>(), *configuration)
+                                *data.options.front().cast<SOME_IP_SD_Option_IPv6>(), *configuration, extent)
                           .getTTL();
         }
     }
@@ -143,6 +144,7 @@ void encodePacket(benchmark::State& state)
     }
 }
 
+template <SDService::Extent extent>
 void decodePacket(benchmark::State& state)
 {
     prepare(state);
@@ -151,7 +153,17 @@ void decodePacket(benchmark::State& state)
     const std::size_t size = encode(makeService(kind), kind, datagram);
     const PerPacket report(state);
     for (auto _ : state)
-        benchmark::DoNotOptimize(decode(datagram, size, kind));
+        benchmark::DoNotOptimize(decode(datagram, size, kind, extent));
+}
+
+void decodeKnown(benchmark::State& state)
+{
+    decodePacket<SDService::Extent::Instance>(state);
+}
+
+void decodeNew(benchmark::State& state)
+{
+    decodePacket<SDService::Extent::Whole>(state);
 }
 
 /// Floors: the bytes are stored, or loaded, one after the other, as a codec of plain C would.
@@ -207,7 +219,8 @@ void kinds(benchmark::internal::Benchmark* benchmark)
 
 BENCHMARK(encodePacket)->Apply(kinds);
 BENCHMARK(storeBytes)->Apply(kinds);
-BENCHMARK(decodePacket)->Apply(kinds);
+BENCHMARK(decodeKnown)->Apply(kinds);
+BENCHMARK(decodeNew)->Apply(kinds);
 BENCHMARK(loadBytes)->Apply(kinds);
 BENCHMARK(copyBytes)->Apply(kinds);
 

@@ -12,14 +12,16 @@ def codec:
   | .key as $kind
   | $all["encodePacket/\($kind)"] as $encode
   | $all["storeBytes/\($kind)"] as $store
-  | $all["decodePacket/\($kind)"] as $decode
+  | $all["decodeKnown/\($kind)"] as $known
+  | $all["decodeNew/\($kind)"] as $new
   | $all["loadBytes/\($kind)"] as $load
   | $all["copyBytes/\($kind)"] as $copy
   | [.value,
      ($encode | per_packet | round), (($encode | per_packet) / ($store | per_packet) | round),
      ($encode.allocations | round),
-     ($decode | per_packet | round), (($decode | per_packet) / ($load | per_packet) | round),
-     ($decode.allocations | round),
+     ($known | per_packet | round), (($known | per_packet) / ($load | per_packet) | round),
+     ($known.allocations | round),
+     ($new | per_packet | round), ($new.allocations | round),
      ($copy | per_packet | tenth)]
   | row;
 
