@@ -105,11 +105,21 @@ unsigned decode(const Datagram& datagram, std::size_t size, Kind kind, SDService
     return result;
 }
 
-void prepare(benchmark::State& state)
+/// What a run is about: the packets of its kind, in a datagram.
+struct Sample
 {
-    Logging::Log::Logger().setLevel(Poco::Message::PRIO_WARNING);
-    state.counters["packets"] = state.range(0) == SevenOffers ? 7 : 1;
-}
+    explicit Sample(benchmark::State& state) : kind(static_cast<Kind>(state.range(0)))
+    {
+        Logging::Log::Logger().setLevel(Poco::Message::PRIO_WARNING);
+        state.counters["packets"] = kind == SevenOffers ? 7 : 1;
+        size = encode(service, kind, datagram);
+    }
+
+    const Kind kind;
+    const SDService service = makeService(kind);
+    Datagram datagram;
+    std::size_t size;
+};
 
 /// Reports what a run has taken for each packet.
 class PerPacket
@@ -133,27 +143,21 @@ private:
 
 void encodePacket(benchmark::State& state)
 {
-    prepare(state);
-    const Kind kind = static_cast<Kind>(state.range(0));
-    const SDService service = makeService(kind);
-    Datagram datagram;
+    Sample sample(state);
     const PerPacket report(state);
     for (auto _ : state) {
-        encode(service, kind, datagram);
-        benchmark::DoNotOptimize(datagram);
+        encode(sample.service, sample.kind, sample.datagram);
+        benchmark::DoNotOptimize(sample.datagram);
     }
 }
 
 template <SDService::Extent extent>
 void decodePacket(benchmark::State& state)
 {
-    prepare(state);
-    const Kind kind = static_cast<Kind>(state.range(0));
-    Datagram datagram;
-    const std::size_t size = encode(makeService(kind), kind, datagram);
+    Sample sample(state);
     const PerPacket report(state);
     for (auto _ : state)
-        benchmark::DoNotOptimize(decode(datagram, size, kind, extent));
+        benchmark::DoNotOptimize(decode(sample.datagram, sample.size, sample.kind, extent));
 }
 
 void decodeKnown(benchmark::State& state)
@@ -169,15 +173,12 @@ void decodeNew(benchmark::State& state)
 /// Floors: the bytes are stored, or loaded, one after the other, as a codec of plain C would.
 void storeBytes(benchmark::State& state)
 {
-    prepare(state);
-    const Kind kind = static_cast<Kind>(state.range(0));
-    Datagram source;
-    const std::size_t size = encode(makeService(kind), kind, source);
+    Sample sample(state);
     Datagram datagram;
     const PerPacket report(state);
     for (auto _ : state) {
-        for (std::size_t i = 0; i < size; ++i) {
-            datagram[i] = source[i];
+        for (std::size_t i = 0; i < sample.size; ++i) {
+            datagram[i] = sample.datagram[i];
             benchmark::ClobberMemory();  // else the compiler makes it a memcpy
         }
     }
@@ -185,28 +186,22 @@ void storeBytes(benchmark::State& state)
 
 void loadBytes(benchmark::State& state)
 {
-    prepare(state);
-    const Kind kind = static_cast<Kind>(state.range(0));
-    Datagram datagram;
-    const std::size_t size = encode(makeService(kind), kind, datagram);
+    Sample sample(state);
     const PerPacket report(state);
     for (auto _ : state) {
-        for (std::size_t i = 0; i < size; ++i)
-            benchmark::DoNotOptimize(datagram[i]);
+        for (std::size_t i = 0; i < sample.size; ++i)
+            benchmark::DoNotOptimize(sample.datagram[i]);
     }
 }
 
 void copyBytes(benchmark::State& state)
 {
-    prepare(state);
-    const Kind kind = static_cast<Kind>(state.range(0));
-    Datagram source;
-    std::size_t size = encode(makeService(kind), kind, source);
+    Sample sample(state);
     Datagram datagram;
     const PerPacket report(state);
     for (auto _ : state) {
-        benchmark::DoNotOptimize(size);
-        std::memcpy(datagram.data(), source.data(), size);
+        benchmark::DoNotOptimize(sample.size);
+        std::memcpy(datagram.data(), sample.datagram.data(), sample.size);
         benchmark::DoNotOptimize(datagram);
     }
 }

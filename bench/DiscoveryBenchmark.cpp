@@ -98,18 +98,10 @@ private:
     std::unique_ptr<ServiceDiscovery> m_discovery;
 };
 
-/// Two namespaces that are joined.
-struct Pair
+/// Two namespaces that are joined, with an address each.
+struct Pair : NetworkPair
 {
-    Pair()
-    {
-        connect(one, "eth0", two, "eth0");
-        one.addAddress("eth0", "fd00::1/64");
-        two.addAddress("eth0", "fd00::2/64");
-    }
-
-    Namespace one{"one"};
-    Namespace two{"two"};
+    Pair() { link("eth0", "fd00::1", "fd00::2"); }
 };
 
 void print(const std::string& what, Milliseconds time)
@@ -120,8 +112,8 @@ void print(const std::string& what, Milliseconds time)
 void oneAfterTheOther(int services)
 {
     const Pair network;
-    Unit announcing(network.one, "fd00::1");
-    Unit learning(network.two, "fd00::2");
+    Unit announcing(network.here, "fd00::1");
+    Unit learning(network.there, "fd00::2");
     std::vector<double> times;
     for (int number = 0; number < services; ++number) {
         const Clock::time_point start = Clock::now();
@@ -141,8 +133,8 @@ void atOnce(int services)
 {
     const std::string count = std::to_string(services);
     const Pair network;
-    Unit announcing(network.one, "fd00::1");
-    Unit learning(network.two, "fd00::2");
+    Unit announcing(network.here, "fd00::1");
+    Unit learning(network.there, "fd00::2");
 
     const Clock::time_point start = Clock::now();
     announcing.add(0, services);
@@ -155,13 +147,13 @@ void lateJoiner(int services)
 {
     const std::string count = std::to_string(services);
     const Pair network;
-    Unit announcing(network.one, "fd00::1");
+    Unit announcing(network.here, "fd00::1");
     announcing.add(0, services);
     std::this_thread::sleep_for(
         std::chrono::milliseconds(1000 + 4 * services));  // all are in their main phase
 
     const Clock::time_point start = Clock::now();
-    Unit late(network.two, "fd00::2");
+    Unit late(network.there, "fd00::2");
     print("a unit that joins late knows all " + count, late.knows(services) - start);
 
     const Clock::time_point removal = Clock::now();
