@@ -2,9 +2,6 @@
 
 #include "DataLayer/Log.h"
 
-#include <algorithm>
-#include <array>
-
 namespace Nubo::ServiceDiscovery {
 
 WireReader& WireReader::skip(std::streamsize size)
@@ -28,12 +25,6 @@ WireReader& WireReader::readFormatted24(std::uint32_t& value)
         ++m_count;
     }
     return *this;
-}
-
-WireWriter& WireWriter::write24(std::uint32_t value)
-{
-    return *this << static_cast<std::uint8_t>(value >> 16) << static_cast<std::uint8_t>(value >> 8)
-                 << static_cast<std::uint8_t>(value);
 }
 
 void WireWriter::checkWritten(const char* what, std::streamoff expected) const

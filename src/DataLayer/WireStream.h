@@ -3,12 +3,29 @@
 #include <Poco/BinaryReader.h>
 #include <Poco/BinaryWriter.h>
 
+#include <algorithm>
+#include <array>
+#include <cstddef>
 #include <cstdint>
 #include <istream>
 #include <ostream>
 
-/// The two types through which every field of the wire format passes. All integers are big-endian.
+/// The two types through which every field of the wire format passes. All integers are big-endian. Fields
+/// that follow each other are named in one call, in wire order, and go to the stream, or come from it, as one
+/// block: each step to a stream costs more than all that is done with its bytes.
 namespace Nubo::ServiceDiscovery {
+
+/// A 24-bit integer to be written: the low bits of a value.
+struct Low24
+{
+    std::uint32_t value;
+};
+
+/// Number of bytes that a field has on the wire: an unsigned integer, an array of bytes, or a 24-bit integer.
+template <class Field>
+constexpr std::size_t wireSize = sizeof(Field);
+template <>
+constexpr std::size_t wireSize<Low24> = 3;
 
 /// Reads fields and counts the bytes that the stream really delivered for them. After the stream has
 /// failed, every further field is 0 and counts nothing.
@@ -20,12 +37,14 @@ public:
         , m_reader(stream, Poco::BinaryReader::BIG_ENDIAN_BYTE_ORDER)
     {}
 
-    template <class Integer>
-    WireReader& operator>>(Integer& value)
+    /// Of a field that the stream delivers in part, the missing bytes are 0.
+    template <class... Fields>
+    WireReader& read(Fields&... fields)
     {
-        value = 0;
-        m_reader >> value;
-        m_count += m_stream.gcount();
+        std::array<std::uint8_t, (wireSize<Fields> + ...)> block{};
+        readBytes(block.data(), block.size());
+        const std::uint8_t* next = block.data();
+        (take(next, fields), ...);
         return *this;
     }
 
@@ -50,6 +69,21 @@ public:
     std::streamsize count() const { return m_count; }
 
 private:
+    template <class Integer>
+    static void take(const std::uint8_t*& next, Integer& value)
+    {
+        value = 0;
+        for (const std::uint8_t* const end = next + sizeof value; next != end; ++next)
+            value = static_cast<Integer>(value << 8 | *next);
+    }
+
+    template <std::size_t size>
+    static void take(const std::uint8_t*& next, std::array<std::uint8_t, size>& bytes)
+    {
+        std::copy_n(next, size, bytes.begin());
+        next += size;
+    }
+
     std::istream& m_stream;
     Poco::BinaryReader m_reader;
     std::streamsize m_count = 0;
@@ -62,18 +96,17 @@ public:
     explicit WireWriter(std::ostream& stream)
         : m_stream(stream)
         , m_writer(stream, Poco::BinaryWriter::BIG_ENDIAN_BYTE_ORDER)
-        , m_start(stream.tellp())
+        , m_start(position())
     {}
 
-    template <class Integer>
-    WireWriter& operator<<(Integer value)
+    template <class... Fields>
+    WireWriter& write(const Fields&... fields)
     {
-        m_writer << value;
-        return *this;
+        std::array<std::uint8_t, (wireSize<Fields> + ...)> block;
+        std::uint8_t* next = block.data();
+        (put(next, fields), ...);
+        return writeBytes(block.data(), block.size());
     }
-
-    /// Writes the low 24 bits.
-    WireWriter& write24(std::uint32_t value);
 
     WireWriter& writeBytes(const void* bytes, std::size_t size)
     {
@@ -81,12 +114,40 @@ public:
         return *this;
     }
 
-    std::streamoff written() const { return m_stream.tellp() - m_start; }
+    std::streamoff written() const { return position() - m_start; }
 
     /// Logs an error when another number of bytes was written than `what` has on the wire.
     void checkWritten(const char* what, std::streamoff expected) const;
 
 private:
+    static void put(std::uint8_t*& next, std::uint32_t value, std::size_t size)
+    {
+        while (size > 0)
+            *next++ = static_cast<std::uint8_t>(value >> 8 * --size);
+    }
+
+    template <class Integer>
+    static void put(std::uint8_t*& next, const Integer& value)
+    {
+        put(next, value, sizeof value);
+    }
+
+    static void put(std::uint8_t*& next, const Low24& field) { put(next, field.value, wireSize<Low24>); }
+
+    template <std::size_t size>
+    static void put(std::uint8_t*& next, const std::array<std::uint8_t, size>& bytes)
+    {
+        next = std::copy(bytes.begin(), bytes.end(), next);
+    }
+
+    /// As the stream's own tellp(), which also readies the stream for output, at the cost of a write.
+    std::streamoff position() const
+    {
+        return m_stream.fail()
+                   ? std::streamoff{-1}
+                   : std::streamoff{m_stream.rdbuf()->pubseekoff(0, std::ios::cur, std::ios::out)};
+    }
+
     std::ostream& m_stream;
     Poco::BinaryWriter m_writer;
     const std::streamoff m_start;

@@ -2,6 +2,10 @@
 #include "support/LogCatcher.h"
 #include "support/Wire.h"
 
+#include <Poco/MemoryStream.h>
+
+#include <array>
+
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -18,7 +22,7 @@ TEST(WireReaderTest, IntegersAreBigEndianAndCounted)
     std::uint16_t two = 0;
     std::uint32_t four = 0;
 
-    reader >> one >> two >> four;
+    reader.read(one, two, four);
 
     EXPECT_EQ(one, 0x01);
     EXPECT_EQ(two, 0x0203);
@@ -33,10 +37,27 @@ TEST(WireReaderTest, FieldThatIsCutShortCountsWhatWasDelivered)
     WireReader reader(stream);
     std::uint32_t four = 0;
 
-    reader >> four;
+    reader.read(four);
 
     EXPECT_EQ(reader.count(), 3);
     EXPECT_FALSE(stream.good());
+}
+
+TEST(WireReaderTest, BytesThatAFieldLacksAreZero)
+{
+    std::istringstream stream = streamOf("01 02 03 04 05");
+    WireReader reader(stream);
+    std::array<std::uint8_t, 4> bytes{0xff, 0xff, 0xff, 0xff};
+    std::uint16_t cutShort = 0xffff;
+    std::uint32_t missing = 0xffffffff;
+
+    reader.read(bytes, cutShort, missing);
+
+    EXPECT_THAT(bytes, ElementsAre(1, 2, 3, 4));
+    EXPECT_EQ(cutShort, 0x0500);
+    EXPECT_EQ(missing, 0u);
+    EXPECT_EQ(reader.count(), 5);
+    EXPECT_TRUE(stream.eof());
 }
 
 TEST(WireReaderTest, FieldsAfterAFailureAreZeroAndCountNothing)
@@ -48,7 +69,7 @@ TEST(WireReaderTest, FieldsAfterAFailureAreZeroAndCountNothing)
     std::uint32_t four = 0xffffffff;
     std::string bytes(2, 'x');
 
-    reader >> missing >> one >> four;
+    reader.read(missing).read(one, four);
     reader.readBytes(bytes.data(), bytes.size());
 
     EXPECT_EQ(one, 0);
@@ -65,7 +86,7 @@ TEST(WireReaderTest, WhiteSpaceIsAByteLikeAnyOtherInIntegersAndRawBytes)
     std::uint16_t two = 0;
     std::string bytes(3, 'x');
 
-    reader >> one >> two;
+    reader.read(one, two);
     reader.readBytes(bytes.data(), bytes.size());
 
     EXPECT_EQ(one, 0x20);
@@ -194,11 +215,26 @@ TEST(WireWriterTest, IntegersAreBigEndianAndCountedFromWhereTheWriterBegan)
     stream << "xyz";
     WireWriter writer(stream);
 
-    writer << std::uint8_t{0x01} << std::uint16_t{0x0203} << std::uint32_t{0x04050607};
+    writer.write(std::uint8_t{0x01}, std::uint16_t{0x0203}, std::uint32_t{0x04050607});
     writer.writeBytes("\x08\x00\x20", 3);
+    writer.write(std::array<std::uint8_t, 2>{0x0d, 0x0a}, Low24{0x80}, std::uint8_t{0xff});
 
-    EXPECT_EQ(toHex(stream.str()), "78 79 7a 01 02 03 04 05 06 07 08 00 20");
-    EXPECT_EQ(writer.written(), 10);
+    EXPECT_EQ(toHex(stream.str()), "78 79 7a 01 02 03 04 05 06 07 08 00 20 0d 0a 00 00 80 ff");
+    EXPECT_EQ(writer.written(), 16);
+}
+
+TEST(WireWriterTest, StreamThatIsFullKeepsWhatFittedAndCountsAsFailed)
+{
+    const LogCatcher log;
+    std::array<char, 3> memory{};
+    Poco::MemoryOutputStream stream(memory.data(), memory.size());
+    WireWriter writer(stream);
+
+    writer.write(std::uint16_t{0x0102}, std::uint16_t{0x0304});
+    writer.checkWritten("Something", 4);
+
+    EXPECT_THAT(memory, ElementsAre(1, 2, 3));
+    EXPECT_THAT(log.errors(), ElementsAre("Error: Something size=4, but -1 written by serialisation!"));
 }
 
 TEST(WireWriterTest, TwentyFourBitsAreTheLowOnesOfTheValue)
@@ -206,7 +242,7 @@ TEST(WireWriterTest, TwentyFourBitsAreTheLowOnesOfTheValue)
     std::ostringstream stream;
     WireWriter writer(stream);
 
-    writer.write24(0xab010203);
+    writer.write(Low24{0xab010203});
 
     EXPECT_EQ(toHex(stream.str()), "01 02 03");
     EXPECT_EQ(writer.written(), 3);
@@ -217,7 +253,7 @@ TEST(WireWriterTest, RightNumberOfBytesIsNotWorthALine)
     const LogCatcher log;
     std::ostringstream stream;
     WireWriter writer(stream);
-    writer << std::uint32_t{0};
+    writer.write(std::uint32_t{0});
 
     writer.checkWritten("Something", 4);
 
@@ -229,7 +265,7 @@ TEST(WireWriterTest, AnyOtherNumberOfBytesIsAnError)
     const LogCatcher log;
     std::ostringstream stream;
     WireWriter writer(stream);
-    writer << std::uint16_t{0};
+    writer.write(std::uint16_t{0});
 
     writer.checkWritten("Something", 4);
     writer.checkWritten("Other", 1);

@@ -76,9 +76,9 @@ std::string SOME_IP::toString(unsigned int indent) const
 std::ostream& operator<<(std::ostream& stream, const SOME_IP& header)
 {
     WireWriter writer(stream);
-    writer << header.getServiceID() << header.getMethodID() << header.getLength() << header.getClientID()
-           << header.getSessionID() << header.getProtocolVersion() << header.getInterfaceVersion()
-           << header.getMessageType() << header.getReturnCode();
+    writer.write(header.getServiceID(), header.getMethodID(), header.getLength(), header.getClientID(),
+                 header.getSessionID(), header.getProtocolVersion(), header.getInterfaceVersion(),
+                 header.getMessageType(), header.getReturnCode());
     if (writer.written() != static_cast<std::streamoff>(SOME_IP::headerSize))
         SD_LOG(Error) << "SOME_IP header size=" << header.getSize() << ", but " << writer.written()
                       << " written by serialisation!";
@@ -90,7 +90,7 @@ std::istream& operator>>(std::istream& stream, SOME_IP& header)
     SOME_IP::HeaderFields& fields = header.m_headerFields;
     WireReader reader(stream);
 
-    reader >> fields.messageID.serviceID >> fields.messageID.methodID >> fields.length;
+    reader.read(fields.messageID.serviceID, fields.messageID.methodID, fields.length);
     if (fields.length < shortestLength) {
         SD_LOG(Error) << "SOME_IP-SD message too short, length=" << fields.length << ", which is <"
                       << shortestLength << "!";
@@ -106,8 +106,8 @@ std::istream& operator>>(std::istream& stream, SOME_IP& header)
         return stream;
     }
 
-    reader >> fields.requestID.clientID >> fields.requestID.sessionID >> fields.protocolVersion >>
-        fields.interfaceVersion >> fields.messageType >> fields.returnCode;
+    reader.read(fields.requestID.clientID, fields.requestID.sessionID, fields.protocolVersion,
+                fields.interfaceVersion, fields.messageType, fields.returnCode);
     if (reader.count() != static_cast<std::streamsize>(SOME_IP::headerSize)) {
         SD_LOG(Error) << "SOME_IP header size=" << header.getSize() << ", but " << reader.count()
                       << " read by deserialisation and length field contains '" << fields.length << "'!";

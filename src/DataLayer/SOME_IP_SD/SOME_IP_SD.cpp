@@ -220,11 +220,9 @@ std::string SOME_IP_SD::toString(unsigned int indent) const
 std::ostream& operator<<(std::ostream& stream, const SOME_IP_SD& payload)
 {
     WireWriter writer(stream);
-    writer << payload.m_flags;
-    writer.write24(payload.m_reserved00);
-    writer << payload.m_lengthEntries;
+    writer.write(payload.m_flags, Low24{payload.m_reserved00}, payload.m_lengthEntries);
     serialiseEntries(stream, payload);
-    writer << payload.m_lengthOptions;
+    writer.write(payload.m_lengthOptions);
     serialiseOptions(stream, payload);
     writer.checkWritten("SOME_IP_SD payload", static_cast<std::streamoff>(payload.getSize()));
     return stream;
@@ -248,15 +246,13 @@ std::istream& operator>>(std::istream& stream, SOME_IP_SD& payload)
 
     bool error = payload.m_metaData == nullptr;
     WireReader reader(stream);
-    reader >> payload.m_flags;
-    reader.readFormatted24(payload.m_reserved00);
-    reader >> payload.m_lengthEntries;
+    reader.read(payload.m_flags).readFormatted24(payload.m_reserved00).read(payload.m_lengthEntries);
     if (payload.m_metaData)
         payload.m_metaData->remainingPacketLength -= upToEntries;
 
     std::streamsize elements = deserialiseEntries(stream, payload, error);
     if (!error) {
-        reader >> payload.m_lengthOptions;
+        reader.read(payload.m_lengthOptions);
         payload.m_metaData->remainingPacketLength -= optionsLengthSize;
         elements += deserialiseOptions(stream, payload, error);
     }
@@ -295,7 +291,7 @@ std::streamsize deserialiseEntries(std::istream& stream, SOME_IP_SD& payload, bo
     while (done < length) {
         std::uint8_t type = 0;
         WireReader reader(stream);
-        reader >> type;
+        reader.read(type);
         SOME_IP_SD_Entry::Ptr entry = makeReceivedEntry(static_cast<EntryType::Type_t>(type));
         if (isSet(entry)) {
             stream >> *entry;
@@ -338,7 +334,7 @@ std::streamsize deserialiseOptions(std::istream& stream, SOME_IP_SD& payload, bo
         std::uint16_t optionLength = 0;
         std::uint8_t typeByte = 0;
         WireReader reader(stream);
-        reader >> optionLength >> typeByte;
+        reader.read(optionLength, typeByte);
         if (!isReadable(stream, optionWords, done)) {
             error = true;
             break;

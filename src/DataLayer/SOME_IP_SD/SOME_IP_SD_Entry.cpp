@@ -65,10 +65,9 @@ std::ostream& SOME_IP_SD_Entry_Pimpl::serialise(std::ostream& stream) const
     const CommonFields& fields = m_commonFields;
     const int numbers = fields.fstOptionRunNum << 4 | (fields.sndOptionRunNum & 0x0F);
     WireWriter writer(stream);
-    writer << static_cast<std::uint8_t>(fields.type) << fields.fstOptionRunIndex << fields.sndOptionRunIndex
-           << static_cast<std::uint8_t>(numbers) << fields.serviceID << fields.instanceID
-           << fields.majorVersion;
-    writer.write24(fields.ttl);
+    writer.write(static_cast<std::uint8_t>(fields.type), fields.fstOptionRunIndex, fields.sndOptionRunIndex,
+                 static_cast<std::uint8_t>(numbers), fields.serviceID, fields.instanceID, fields.majorVersion,
+                 Low24{fields.ttl});
     writer.checkWritten("SOME_IP_SD_Entry", commonSize);
     return stream;
 }
@@ -78,8 +77,8 @@ std::streamsize SOME_IP_SD_Entry_Pimpl::deserialise(std::istream& stream)
     CommonFields& fields = m_commonFields;
     std::uint8_t numbers = 0;
     WireReader reader(stream);
-    reader >> fields.fstOptionRunIndex >> fields.sndOptionRunIndex >> numbers >> fields.serviceID >>
-        fields.instanceID >> fields.majorVersion;
+    reader.read(fields.fstOptionRunIndex, fields.sndOptionRunIndex, numbers, fields.serviceID,
+                fields.instanceID, fields.majorVersion);
     reader.readFormatted24(fields.ttl);
     fields.fstOptionRunNum = numbers >> 4;
     fields.sndOptionRunNum = numbers & 0x0F;

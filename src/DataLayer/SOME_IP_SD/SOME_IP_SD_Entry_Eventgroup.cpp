@@ -40,7 +40,7 @@ public:
         SOME_IP_SD_Entry_Pimpl::serialise(stream);
         const int flagAndCounter = (m_initialDataRequest ? requestFlag : 0) | (m_counter & largestCounter);
         WireWriter writer(stream);
-        writer << m_reserved00 << static_cast<std::uint8_t>(flagAndCounter) << m_eventgroupID;
+        writer.write(m_reserved00, static_cast<std::uint8_t>(flagAndCounter), m_eventgroupID);
         writer.checkWritten("SOME_IP_SD_Entry", specificSize);
         return stream;
     }
@@ -50,7 +50,7 @@ public:
         SOME_IP_SD_Entry_Pimpl::deserialise(stream);
         std::uint8_t flagAndCounter = 0;
         WireReader reader(stream);
-        reader >> m_reserved00 >> flagAndCounter >> m_eventgroupID;
+        reader.read(m_reserved00, flagAndCounter, m_eventgroupID);
         m_initialDataRequest = (flagAndCounter & requestFlag) != 0;
         m_counter = flagAndCounter & largestCounter;
         if (reader.count() == specificSize) {

@@ -25,7 +25,7 @@ public:
     {
         SOME_IP_SD_Entry_Pimpl::serialise(stream);
         WireWriter writer(stream);
-        writer << m_minorVersion;
+        writer.write(m_minorVersion);
         writer.checkWritten("SOME_IP_SD_Entry_Service", specificSize);
         return stream;
     }
@@ -34,7 +34,7 @@ public:
     {
         SOME_IP_SD_Entry_Pimpl::deserialise(stream);
         WireReader reader(stream);
-        reader >> m_minorVersion;
+        reader.read(m_minorVersion);
         if (reader.count() == specificSize) {
             const CommonFields& fields = commonFields();
             noteUnusedIndex("1st", fields.fstOptionRunIndex, fields.fstOptionRunNum);

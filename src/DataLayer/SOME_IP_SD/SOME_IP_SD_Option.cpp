@@ -53,7 +53,7 @@ SOME_IP_SD_Option_Pimpl::~SOME_IP_SD_Option_Pimpl() = default;
 std::ostream& SOME_IP_SD_Option_Pimpl::serialise(std::ostream& stream) const
 {
     WireWriter writer(stream);
-    writer << m_length << static_cast<std::uint8_t>(m_type) << m_reserved00;
+    writer.write(m_length, static_cast<std::uint8_t>(m_type), m_reserved00);
     writer.checkWritten("SOME_IP_SD_Option", commonSize);
     return stream;
 }
@@ -62,7 +62,7 @@ std::streamsize SOME_IP_SD_Option_Pimpl::deserialise(std::istream& stream)
 {
     constexpr std::streamsize reservedSize = 1;
     WireReader reader(stream);
-    reader >> m_reserved00;
+    reader.read(m_reserved00);
     if (reader.count() != reservedSize) {
         SD_LOG(Error) << "SOME_IP_SD_Option size=" << reservedSize << ", but " << reader.count()
                       << " read by deserialisation";

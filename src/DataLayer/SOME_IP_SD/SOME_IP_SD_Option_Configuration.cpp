@@ -9,6 +9,7 @@
 #include <algorithm>
 #include <cstring>
 #include <new>
+#include <numeric>
 #include <ostream>
 
 namespace Nubo::ServiceDiscovery {
@@ -44,6 +45,15 @@ struct QuotedCharacter
                       << +character.value;
     }
 };
+
+/// What the pairs take as substrings, if each has a value.
+std::size_t sizeOnWire(const ConfigurationPairs& pairs)
+{
+    return std::accumulate(
+        pairs.begin(), pairs.end(), std::size_t{0}, [](std::size_t size, const auto& pair) {
+            return size + sizeof(std::uint8_t) + pair.first.size() + sizeof('=') + pair.second.size();
+        });
+}
 
 /// Whether a text can stand as the key or the value of a pair.
 bool isPartOfPair(const std::string& text)
@@ -83,7 +93,7 @@ std::ostream& SOME_IP_SD_Option_Configuration_Pimpl::serialise(std::ostream& str
     WireWriter writer(stream);
     if (m_configurationString)
         writer.writeBytes(string(), std::strlen(asChars(string())));
-    writer << std::uint8_t{0};
+    writer.write(std::uint8_t{0});
     writer.checkWritten("SOME_IP_SD_Option_Configuration", std::streamsize{stringLength()} + 1);
     return stream;
 }
@@ -250,6 +260,7 @@ bool SOME_IP_SD_Option_Configuration_Pimpl::initFromPairs(const ConfigurationPai
     }
 
     std::string built;
+    built.reserve(sizeOnWire(pairs));
     for (const auto& [key, value] : pairs) {
         if (key.empty() || !isPartOfPair(key)) {
             SD_LOG(Error) << "initFromPairs: invalid Configuration-key detected: '" << key << "'!";

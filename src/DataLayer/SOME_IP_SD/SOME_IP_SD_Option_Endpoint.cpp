@@ -118,8 +118,7 @@ public:
     {
         SOME_IP_SD_Option_Pimpl::serialise(stream);
         WireWriter writer(stream);
-        writer.writeBytes(m_addressBytes.data(), m_addressBytes.size());
-        writer << m_reserved01 << static_cast<std::uint8_t>(m_l4Proto) << m_portNumber;
+        writer.write(m_addressBytes, m_reserved01, static_cast<std::uint8_t>(m_l4Proto), m_portNumber);
         writer.checkWritten(W::className, specificSize());
         return stream;
     }
@@ -130,8 +129,7 @@ public:
         std::uint8_t protocol = 0;
         std::uint16_t port = 0;
         WireReader reader(stream);
-        reader.readBytes(m_addressBytes.data(), m_addressBytes.size());
-        reader >> m_reserved01 >> protocol >> port;
+        reader.read(m_addressBytes, m_reserved01, protocol, port);
         if (reader.count() == specificSize()) {
             const bool good = initCommon(port, static_cast<OptionL4Protocol::L4Protocol_t>(protocol));
             setValid(initAddress() && good);

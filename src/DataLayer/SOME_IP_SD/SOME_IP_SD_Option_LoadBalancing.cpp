@@ -21,7 +21,7 @@ public:
     {
         SOME_IP_SD_Option_Pimpl::serialise(stream);
         WireWriter writer(stream);
-        writer << m_priority << m_weight;
+        writer.write(m_priority, m_weight);
         writer.checkWritten("SOME_IP_SD_Option_LoadBalancing", specificSize());
         return stream;
     }
@@ -30,7 +30,7 @@ public:
     {
         SOME_IP_SD_Option_Pimpl::deserialise(stream);
         WireReader reader(stream);
-        reader >> m_priority >> m_weight;
+        reader.read(m_priority, m_weight);
         if (reader.count() == specificSize()) {
             setValid(true);
         }
