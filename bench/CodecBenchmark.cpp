@@ -33,12 +33,12 @@ enum Kind
 SDService makeService(Kind kind)
 {
     if (kind == Find)
-        return SDService("NavigationService");
+        return SDService("Media");
     NuboServiceDescription description;
-    description.setName("NavigationService");
+    description.setName("Media");
     description.addVersion("1.2.0");
     description.addVersion("~1.3.1");
-    description.addCategory("navigation");
+    description.addCategory("audio");
     description.setIpAddress(Poco::Net::IPAddress("fd00::1"));
     description.setPort(8080);
     return SDService(description);
@@ -73,18 +73,20 @@ SOME_IP_SD_Header makePacket(const SDService& service, Kind kind)
 
 std::size_t encode(const SDService& service, Kind kind, Datagram& datagram)
 {
-    Poco::MemoryOutputStream stream(datagram.data(), static_cast<std::streamsize>(datagram.size()));
+    Poco::MemoryStreamBuf buffer(datagram.data(), static_cast<std::streamsize>(datagram.size()));
+    std::ostream stream(&buffer);
     const int packets = kind == SevenOffers ? 7 : 1;
     for (int i = 0; i < packets; ++i)
         stream << makePacket(service, kind);
-    return static_cast<std::size_t>(stream.charsWritten());
+    return static_cast<std::size_t>(buffer.charsWritten());
 }
 
 /// From the bytes to the records that the state machine gets: of an offer, what tells whether its service is
 /// known, or all.
-unsigned decode(const Datagram& datagram, std::size_t size, Kind kind, SDService::Extent extent)
+unsigned decode(Datagram& datagram, std::size_t size, Kind kind, SDService::Extent extent)
 {
-    Poco::MemoryInputStream stream(datagram.data(), static_cast<std::streamsize>(size));
+    Poco::MemoryStreamBuf buffer(datagram.data(), static_cast<std::streamsize>(size));
+    std::istream stream(&buffer);
     unsigned result = 0;
     for (std::size_t left = size; left > 0;) {
         SOME_IP_SD_Header packet(left);

@@ -103,12 +103,15 @@ struct Scene
     /// What the hub does with an offer.
     void receive(const Offer& offer)
     {
-        const SDService::Ptr instance =
+        SDService::Ptr service =
             new SDService(offer.entry, offer.ipv6, offer.configuration, SDService::Extent::Instance);
-        if (instance->getTTL() == 0)
-            handle(Event::SOMEIP_STOPOFFER, instance);
-        else if (!machine.renew(*instance))
-            handle(Event::SOMEIP_OFFER, new SDService(offer.entry, offer.ipv6, offer.configuration));
+        if (service->getTTL() == 0) {
+            handle(Event::SOMEIP_STOPOFFER, service);
+        }
+        else if (!machine.renew(*service)) {
+            service->complete(offer.configuration);
+            handle(Event::SOMEIP_OFFER, service);
+        }
     }
 
     void onServiceListChanged(ServiceDiscovery::ServiceListEventPayload& payload)

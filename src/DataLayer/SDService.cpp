@@ -57,7 +57,8 @@ const Poco::Net::IPAddress& NuboServiceDescription::getIpAddress() const
 void NuboServiceDescription::setIpAddress(const Poco::Net::IPAddress& address)
 {
     m_ip6Address.emplace(address);
-    m_ip6AddressText = address.toString();
+    const std::string text = address.toString();
+    m_ip6AddressText = text;  // copied: the text comes with room for more, in memory of its own
 }
 
 std::string NuboServiceDescription::generateUri(const std::string& name, const std::string& ipAddress,
@@ -115,7 +116,9 @@ SDService::SDService(const std::string& name) : m_timeoutTimestamp(SDClock::now(
 SDService::SDService(const SOME_IP_SD_Entry_Service& entry, const SOME_IP_SD_Option_IPv6& ipv6,
                      const SOME_IP_SD_Option_Configuration& configuration, Extent extent)
 {
-    fromSOMEIP(entry, ipv6, configuration, extent);
+    fromSOMEIP(entry, ipv6, configuration);
+    if (extent == Extent::Whole)
+        complete(configuration);
 }
 
 void SDService::setState(const State::State_t& state)
@@ -205,7 +208,7 @@ bool SDService::addPair(const std::string& key, const std::string& value)
 }
 
 void SDService::fromSOMEIP(const SOME_IP_SD_Entry_Service& entry, const SOME_IP_SD_Option_IPv6& ipv6,
-                           const SOME_IP_SD_Option_Configuration& configuration, Extent extent)
+                           const SOME_IP_SD_Option_Configuration& configuration)
 {
     if (!entry.isValid() || !ipv6.isValid() || !configuration.isValid()) {
         SD_LOG(Error) << "Failed to create service due to invalid "
@@ -235,8 +238,10 @@ void SDService::fromSOMEIP(const SOME_IP_SD_Entry_Service& entry, const SOME_IP_
         SD_LOG(Error) << "Failed to create service due to missing NuBo_Version!";
         refuse();
     }
-    if (extent == Extent::Instance)
-        return;
+}
+
+void SDService::complete(const SOME_IP_SD_Option_Configuration& configuration)
+{
     std::vector<std::string> values;
     configuration.getAllValues(OptionKeywords::NuBo_Version, values);
     m_description.setVersions(std::exchange(values, {}));

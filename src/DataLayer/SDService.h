@@ -145,6 +145,9 @@ public:
     SDService(const SOME_IP_SD_Entry_Service& entry, const SOME_IP_SD_Option_IPv6& ipv6,
               const SOME_IP_SD_Option_Configuration& configuration, Extent extent = Extent::Whole);
 
+    /// Takes in what a record of the extent `Instance` of the same offer went without.
+    void complete(const SOME_IP_SD_Option_Configuration& configuration);
+
     const NuboServiceDescription& getNuboDescription() const { return m_description; }
     void setNuboDescription(const NuboServiceDescription& description)
     {
@@ -221,7 +224,7 @@ public:
 private:
     void fromNuboServiceDescription(const NuboServiceDescription& description);
     void fromSOMEIP(const SOME_IP_SD_Entry_Service& entry, const SOME_IP_SD_Option_IPv6& ipv6,
-                    const SOME_IP_SD_Option_Configuration& configuration, Extent extent);
+                    const SOME_IP_SD_Option_Configuration& configuration);
     void addVersion(const std::string& name, const std::string& version);
     void addFixedPairs(const std::string& name);
     bool addPair(const std::string& key, const std::string& value);

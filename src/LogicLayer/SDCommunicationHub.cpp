@@ -56,10 +56,10 @@ std::string toText(const SOME_IP_SD_Header::EntryData& data)
 template <class Option>
 bool take(const SOME_IP_SD_Option::Ptr& option, Poco::SharedPtr<Option>& slot)
 {
-    const Poco::SharedPtr<Option> candidate = option.cast<Option>();
+    Poco::SharedPtr<Option> candidate = option.cast<Option>();
     if (candidate.isNull())
         return false;
-    slot = candidate;
+    slot.swap(candidate);
     return true;
 }
 
@@ -186,17 +186,21 @@ SOME_IP_SD_Header makePacket(const SDService& service, Type::Type_t type)
     }
 }
 
+std::string bytesOf(const SOME_IP_SD_Header& packet)
+{
+    std::string bytes(packet.getSize(), '\0');
+    Poco::MemoryStreamBuf buffer(bytes.data(), static_cast<std::streamsize>(bytes.size()));
+    std::ostream stream(&buffer);  // Poco::MemoryOutputStream would be set up twice
+    stream << packet;
+    return bytes;
+}
+
 /// The bytes of the record's packet, all but its session ID: made once, because what is offered every second
 /// is the same for years.
 const std::string& packetOf(const SDService& service)
 {
-    if (service.getPacket().empty()) {
-        const SOME_IP_SD_Header packet = makePacket(service, service.getType());
-        std::string bytes(packet.getSize(), '\0');
-        Poco::MemoryOutputStream stream(bytes.data(), static_cast<std::streamsize>(bytes.size()));
-        stream << packet;
-        service.setPacket(std::move(bytes));
-    }
+    if (service.getPacket().empty())
+        service.setPacket(bytesOf(makePacket(service, service.getType())));
     return service.getPacket();
 }
 
@@ -470,7 +474,8 @@ void SDCommunicationHub::onOfferServiceReceived(SDRequestHandler::OfferServicePa
             m_statemachine.onExternalEvent(event);
         }
         else if (!m_statemachine.renew(*service)) {
-            Event event(Event::SOMEIP_OFFER, new SDService(*entry, *ipv6, *configuration));
+            service->complete(*configuration);
+            Event event(Event::SOMEIP_OFFER, service);
             m_statemachine.onExternalEvent(event);
         }
         payload.result = true;

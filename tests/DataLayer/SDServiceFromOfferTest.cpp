@@ -289,6 +289,19 @@ TEST_F(SDServiceFromOfferTest, InstanceIsWhatTheWholeOfferSaysWithoutItsLists)
     EXPECT_THAT(description.getCategories(), IsEmpty());
 }
 
+TEST_F(SDServiceFromOfferTest, InstanceThatIsCompletedIsWhatTheWholeOfferSays)
+{
+    pairs = {{"otherserv", "Media"}, {"version", "1.0.0"}, {"version", "~2.0.0"}, {"category", "Audio"}};
+    SDService service = make(SDService::Extent::Instance);
+
+    service.complete(SOME_IP_SD_Option_Configuration(pairs));
+
+    const NuboServiceDescription& description = service.getNuboDescription();
+    EXPECT_THAT(description.getVersions(), ElementsAre("1.0.0", "~2.0.0"));
+    EXPECT_THAT(description.getCategories(), ElementsAre("Audio"));
+    EXPECT_EQ(description.getUri(), "http://[fd00::1]:8080/Media/");
+}
+
 TEST_F(SDServiceFromOfferTest, InstanceIsRefusedForWhatTheWholeOfferIsRefused)
 {
     pairs = {{"otherserv", "Media"}};
