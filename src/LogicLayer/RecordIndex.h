@@ -29,8 +29,19 @@ namespace Nubo::ServiceDiscovery {
 class RecordIndex
 {
 public:
+    enum Kind : std::size_t
+    {
+        ByName,
+        ByInstance,
+        ByUuid
+    };
+
     /// Under which a record is kept. Different things may have the same key: whoever visits compares.
-    using Key = std::size_t;
+    struct Key
+    {
+        Kind kind;
+        std::size_t hash;
+    };
 
     /// By name, and by endpoint if the identity has one; none for an identity without a name.
     static std::optional<Key> keyOf(const ServiceIdentity& identity)
@@ -43,7 +54,7 @@ public:
         return keyOfInstance(name, identity.ip.value(), identity.port.value(), identity.l4proto.value());
     }
 
-    static Key keyOfUuid(const std::string& localUuid) { return combine(byUuid, hash(localUuid)); }
+    static Key keyOfUuid(const std::string& localUuid) { return {ByUuid, hash(localUuid)}; }
 
     /// A workload in the order of insertion gives every record the same time.
     void insert(const SDService::Ptr& record, const Poco::Clock& due = noTime())
@@ -51,7 +62,7 @@ public:
         if (record.isNull())
             return;
         for (const Key key : keysOf(*record))
-            m_records[key].insert({due, record});
+            m_records[key.kind][key.hash].insert({due, record});
         ++m_size;
         m_textSize += record->getNuboDescription().getTextSize();
     }
@@ -80,8 +91,9 @@ public:
     template <class Visit>
     void visit(Key key, Visit visit) const
     {
-        const auto group = m_records.find(key);
-        if (group == m_records.end())
+        const Table& table = m_records[key.kind];
+        const auto group = table.find(key.hash);
+        if (group == table.end())
             return;
         for (const Record& record : group->second)
             visit(record.second);
@@ -133,28 +145,25 @@ private:
         std::unique_ptr<std::vector<Record>> m_several;  // all of them, if there is more than one
     };
 
-    enum Kind : Key
-    {
-        byName,
-        byInstance,
-        byUuid
-    };
+    // A table without nodes: with many records, each step to other memory is what a look-up takes.
+    using Table = tsl::robin_map<std::size_t, Records>;
 
     static Poco::Clock noTime() { return Poco::Clock(Poco::Clock::ClockVal{0}); }
 
-    static Key hash(const std::string& text) { return std::hash<std::string>()(text); }
+    static std::size_t hash(const std::string& text) { return std::hash<std::string>()(text); }
 
-    static Key combine(Key one, Key other)
+    static std::size_t combine(std::size_t one, std::size_t other)
     {
-        constexpr Key goldenRatio = 0x9e3779b97f4a7c15;  // spreads what differs in few bits
+        constexpr std::size_t goldenRatio = 0x9e3779b97f4a7c15;  // spreads what differs in few bits
         return (one + goldenRatio) * goldenRatio ^ other;
     }
 
-    static Key keyOfName(const std::string& name) { return combine(byName, hash(name)); }
+    static Key keyOfName(const std::string& name) { return {ByName, hash(name)}; }
 
-    static Key keyOfInstance(const std::string& name, const std::string& ip, Key port, Key protocol)
+    static Key keyOfInstance(const std::string& name, const std::string& ip, std::size_t port,
+                             std::size_t protocol)
     {
-        return combine(combine(combine(byInstance, hash(name)), hash(ip)), port << 8 | protocol);
+        return {ByInstance, combine(combine(hash(name), hash(ip)), port << 8 | protocol)};
     }
 
     static std::array<Key, 3> keysOf(const SDService& record)
@@ -168,16 +177,16 @@ private:
 
     bool erase(Key key, const SDService::Ptr& record)
     {
-        const auto group = m_records.find(key);
-        if (group == m_records.end() || !group.value().erase(record))
+        Table& table = m_records[key.kind];
+        const auto group = table.find(key.hash);
+        if (group == table.end() || !group.value().erase(record))
             return false;
         if (group->second.size() == 0)
-            m_records.erase(group);
+            table.erase(group);
         return true;
     }
 
-    // One table without nodes: with many records, each step to other memory is what a look-up takes.
-    tsl::robin_map<Key, Records> m_records;
+    std::array<Table, 3> m_records;  // by kind
     std::size_t m_size = 0;
     std::size_t m_textSize = 0;
 };
