@@ -19,7 +19,7 @@ teardown() {
     unit b eth0=fd00::2
     start b b announce Media --port 8080 --version 1.0.0
     run -0 on a "$EXAMPLES/example-registry" fd00::1 2
-    [[ $output == *"service-1 is there: http://[fd00::2]:8080/Media/"*"services known: 1"* ]]
+    [[ $output == *"services known:"$'\n'"  service-1  http://[fd00::2]:8080/Media/"* ]]
     stop b
 }
 

@@ -1,8 +1,8 @@
 // A registry: keeps the services of the other units, and answers ServiceListChanged promptly. The library
-// waits while the event is delivered, so the subscriber only stores what it is told and returns; what takes
-// time, here the printing, is done by a thread of the registry's own.
+// waits while the event is delivered, so the subscriber only notes what it is told; what takes time is done
+// by a thread of the registry's own.
 //
-//     bin/example-registry ADDRESS SECONDS     (this unit's IPv6 address; how long to run)
+//     bin/example-registry ADDRESS SECONDS     (this unit's IPv6 address; it ends after so long without news)
 //
 // and on another unit: nubo-sd announce Media --port 8080 --version 1.2.0
 
@@ -11,10 +11,8 @@
 
 #include <Poco/Any.h>
 #include <Poco/Delegate.h>
+#include <Poco/Event.h>
 
-#include <chrono>
-#include <condition_variable>
-#include <deque>
 #include <iostream>
 #include <map>
 #include <mutex>
@@ -26,46 +24,31 @@ using namespace Nubo::ServiceDiscovery;
 class Registry
 {
 public:
-    using Payload = ServiceDiscovery::ServiceListEventPayload;
-
     /// Runs on a thread of the library.
-    void onServiceListChanged(Payload& payload)
+    void onServiceListChanged(ServiceDiscovery::ServiceListEventPayload& payload)
     {
         const std::lock_guard<std::mutex> lock(m_mutex);
-        if (payload.getEventType() == Payload::SERVICE_DISCOVERED) {
+        if (payload.getEventType() == ServiceDiscovery::EventType::SERVICE_DISCOVERED) {
             payload.setLocalUuid("service-" + std::to_string(++m_lastNumber));
             m_services[payload.getLocalUuid()] = *payload.getServiceDescription();
-            m_news.push_back(payload.getLocalUuid() +
-                             " is there: " + payload.getServiceDescription()->getUri());
         }
         else {
             m_services.erase(payload.getLocalUuid());
-            m_news.push_back(payload.getLocalUuid() + " is gone");
         }
-        m_changed.notify_one();
+        changed.set();
     }
 
-    /// Works off the news as they come.
-    void workUntil(std::chrono::steady_clock::time_point end)
+    std::map<std::string, NuboServiceDescription> services() const
     {
-        std::unique_lock<std::mutex> lock(m_mutex);
-        while (m_changed.wait_until(lock, end, [this] { return !m_news.empty(); })) {
-            std::deque<std::string> news;
-            news.swap(m_news);
-            const std::size_t count = m_services.size();
-            lock.unlock();  // from here on the library need not wait
-            for (const std::string& text : news)
-                std::cout << text << '\n';
-            std::cout << "services known: " << count << std::endl;
-            lock.lock();
-        }
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        return m_services;
     }
+
+    Poco::Event changed;
 
 private:
-    std::mutex m_mutex;
-    std::condition_variable m_changed;
-    std::map<std::string, NuboServiceDescription> m_services;
-    std::deque<std::string> m_news;
+    mutable std::mutex m_mutex;
+    std::map<std::string, NuboServiceDescription> m_services;  // by the registry's own identifier
     unsigned m_lastNumber = 0;
 };
 
@@ -83,7 +66,11 @@ int main(int argc, char** argv)
     discovery.ServiceListChanged += Poco::delegate(&registry, &Registry::onServiceListChanged);
     if (!discovery.startup(Poco::Net::IPAddress(argv[1])))
         return 1;
-    registry.workUntil(std::chrono::steady_clock::now() + std::chrono::seconds(std::stoi(argv[2])));
+    while (registry.changed.tryWait(std::stol(argv[2]) * 1000)) {
+        std::cout << "services known:" << std::endl;
+        for (const auto& [uuid, service] : registry.services())
+            std::cout << "  " << uuid << "  " << service.getUri() << std::endl;
+    }
     discovery.shutdown();
     discovery.ServiceListChanged -= Poco::delegate(&registry, &Registry::onServiceListChanged);
     return 0;
