@@ -43,6 +43,13 @@ public:
         std::size_t hash;
     };
 
+    RecordIndex()
+    {
+        constexpr float fullest = 0.8f;  // what is half empty fills the caches with nothing
+        for (Table& table : m_records)
+            table.max_load_factor(fullest);
+    }
+
     /// By name, and by endpoint if the identity has one; none for an identity without a name.
     static std::optional<Key> keyOf(const ServiceIdentity& identity)
     {
