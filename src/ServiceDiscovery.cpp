@@ -94,6 +94,13 @@ bool ServiceDiscovery::removeService(const std::string& localUuid)
     return answered("remove", [&] { return m_sdHub->removeService(localUuid); });
 }
 
+std::vector<ServiceStatus> ServiceDiscovery::getServices() const
+{
+    if (isCalledFromSubscriber())
+        return {};
+    return m_sdHub->getServices();
+}
+
 bool ServiceDiscovery::isCalledFromSubscriber() const
 {
     if (!m_sdHub->isNotifyingOnThisThread())

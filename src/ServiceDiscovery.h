@@ -9,11 +9,31 @@
 #include <Poco/SharedPtr.h>
 
 #include <cstdint>
+#include <optional>
 #include <string>
+#include <vector>
 
 namespace Nubo::ServiceDiscovery {
 
 class SDCommunicationHub;
+
+/// A service that is announced or known at the moment.
+struct ServiceStatus
+{
+    enum class Role
+    {
+        ANNOUNCED,  ///< a service of this unit
+        DISCOVERED  ///< one of another unit
+    };
+
+    NuboServiceDescription description;  ///< with the registry's own identifier
+    Role role = Role::DISCOVERED;
+    unsigned short instanceId = 0;  ///< this unit's number of it, among those of its name
+
+    /// The seconds until a discovered service is gone, unless it is offered again before. None for an
+    /// announced one, which stays.
+    std::optional<unsigned int> secondsLeft;
+};
 
 /// Announces the services of this unit on the vehicle network and learns of those of the other units.
 ///
@@ -100,6 +120,11 @@ public:
 
     /// Withdraws the service that was added with this identifier. False when there is none.
     bool removeService(const std::string& localUuid);
+
+    /// The services that are announced, and those of other units that are known, in no particular order. A
+    /// registry that has lost track compares its list with this one. Everything else waits while it is
+    /// copied: not to be asked in place of ServiceListChanged.
+    std::vector<ServiceStatus> getServices() const;
 
 private:
     bool isCalledFromSubscriber() const;

@@ -85,6 +85,12 @@ bool SDCommunicationHub::removeService(const std::string& localUuid)
     return script->take("remove " + localUuid);
 }
 
+std::vector<ServiceStatus> SDCommunicationHub::getServices() const
+{
+    script->take("services");
+    return std::vector<ServiceStatus>(1);
+}
+
 bool SDCommunicationHub::isNotifyingOnThisThread() const
 {
     return false;
@@ -192,6 +198,13 @@ TEST_F(ScriptedHubTest, HubGoesWithTheFacade)
     EXPECT_THAT(script->calls, ElementsAre("destroyed"));
 }
 
+TEST_F(ScriptedHubTest, ServicesAreThoseOfTheHub)
+{
+    EXPECT_EQ(discovery->getServices().size(), 1u);
+
+    EXPECT_THAT(script->calls, ElementsAre("services"));
+}
+
 TEST_F(ScriptedHubTest, MissingHubRaisesANullPointerException)
 {
     hubOf(*discovery).reset();
@@ -202,6 +215,7 @@ TEST_F(ScriptedHubTest, MissingHubRaisesANullPointerException)
     EXPECT_THROW(discovery->addService(describe("Media")), Poco::NullPointerException);
     EXPECT_THROW(discovery->findService(describe("Media")), Poco::NullPointerException);
     EXPECT_THROW(discovery->removeService("id"), Poco::NullPointerException);
+    EXPECT_THROW(discovery->getServices(), Poco::NullPointerException);
 }
 
 TEST_P(ScriptedRequestTest, ReachesTheHubWhoseAnswerComesBack)

@@ -249,6 +249,7 @@ TEST_F(ServiceDiscoveryTest, OtherExceptionsPassToTheCaller)
     EXPECT_THROW(discovery.addService(describe("Media")), Poco::NullPointerException);
     EXPECT_THROW(discovery.findService(describe("Media")), Poco::NullPointerException);
     EXPECT_THROW(discovery.removeService("id"), Poco::NullPointerException);
+    EXPECT_THROW(discovery.getServices(), Poco::NullPointerException);
 }
 
 TEST_F(ServiceDiscoveryTest, DescriptionThatNoPacketCanHoldIsRefused)
@@ -330,6 +331,22 @@ TEST_F(ServiceDiscoveryTest, ReceivedOfferIsToldAndTheRegistrysIdentifierComesBa
     EXPECT_EQ(events[1].uuid, events[0].uuid);
 }
 
+TEST_F(ServiceDiscoveryTest, ServicesAreToldWithTheRegistrysIdentifiers)
+{
+    discovery.addService(describe("Navi", "fd00::1", 8080, "navi"));
+    receiveOffer("Media");
+
+    const ServiceDiscovery& constant = discovery;
+    const std::vector<ServiceStatus> services = constant.getServices();
+
+    ASSERT_THAT(services, SizeIs(2));
+    EXPECT_EQ(services[0].description.getLocalUuid(), "navi");
+    EXPECT_EQ(services[0].role, ServiceStatus::Role::ANNOUNCED);
+    EXPECT_EQ(services[1].description.getLocalUuid(), registry.events().front().uuid);
+    EXPECT_EQ(services[1].role, ServiceStatus::Role::DISCOVERED);
+    EXPECT_THAT(log.complaints(), IsEmpty());
+}
+
 TEST_P(ServiceDiscoveryReentryTest, CallFromWithinTheEventIsRefused)
 {
     discovery.addService(describe("Navi", "fd00::1", 8080, "navi"));
@@ -353,6 +370,7 @@ INSTANTIATE_TEST_SUITE_P(
                                [](ServiceDiscovery& d) { return d.addService(NuboServiceDescription()); }},
                       CallCase{"Find", [](ServiceDiscovery& d) { return d.findService(describe("Radio")); }},
                       CallCase{"Remove", [](ServiceDiscovery& d) { return d.removeService("navi"); }},
+                      CallCase{"GetServices", [](ServiceDiscovery& d) { return !d.getServices().empty(); }},
                       CallCase{"Startup", [](ServiceDiscovery& d) { return d.startup(address); }},
                       CallCase{"Shutdown", [](ServiceDiscovery& d) { return d.shutdown(); }}),
     [](const auto& row) { return row.param.name; });
@@ -423,8 +441,9 @@ TEST_F(ServiceDiscoveryTest, RequestsMayComeFromSeveralThreadsAtOnceWhileItRuns)
                 const std::string name = "Service" + std::to_string(thread) + "." + std::to_string(i);
                 const bool added = discovery.addService(describe(name, "fd00::1", 8080, name));
                 const bool searched = discovery.findService(describe("Wanted" + name));
+                const bool listed = !discovery.getServices().empty();
                 const bool removed = discovery.removeService(name);
-                failures += added && searched && removed ? 0 : 1;
+                failures += added && searched && listed && removed ? 0 : 1;
             }
         });
     for (std::thread& thread : threads)

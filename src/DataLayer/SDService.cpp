@@ -19,6 +19,8 @@ using SOME_IP_SD_Types::OptionKeywords;
 
 namespace {
 
+constexpr Poco::Clock::ClockDiff microsecondsPerSecond = 1000000;
+
 /// A refused version: the reason is in the log already.
 [[noreturn]] void refuse()
 {
@@ -131,7 +133,6 @@ void SDService::setState(const State::State_t& state)
 
 void SDService::setTTL(unsigned int ttl)
 {
-    constexpr Poco::Clock::ClockDiff microsecondsPerSecond = 1000000;
     m_TTL = ttl;
     m_packet.clear();
     m_timeoutTimestamp = SDClock::now() + ttl * microsecondsPerSecond;
@@ -140,6 +141,13 @@ void SDService::setTTL(unsigned int ttl)
 bool SDService::isTTLElapsed() const
 {
     return SDClock::now() >= m_timeoutTimestamp;
+}
+
+unsigned int SDService::getSecondsLeft() const
+{
+    const Poco::Clock::ClockDiff left = m_timeoutTimestamp - SDClock::now();
+    return left <= 0 ? 0
+                     : static_cast<unsigned int>((left + microsecondsPerSecond - 1) / microsecondsPerSecond);
 }
 
 void SDService::fromNuboServiceDescription(const NuboServiceDescription& description)

@@ -178,6 +178,8 @@ public:
     void setTTL(unsigned int ttl);
     /// Whether the deadline has come.
     bool isTTLElapsed() const;
+    /// Seconds until then, rounded up.
+    unsigned int getSecondsLeft() const;
 
     unsigned short getServiceId() const { return m_serviceID; }
     void setServiceId(unsigned short serviceID)

@@ -318,6 +318,11 @@ bool SDCommunicationHub::removeService(const std::string& localUuid)
     return m_statemachine.onExternalEvent(event);
 }
 
+std::vector<ServiceStatus> SDCommunicationHub::getServices() const
+{
+    return m_statemachine.getServices();
+}
+
 /// Builds the record's packet on trial, so that a record that cannot be sent never joins those that are
 /// sent together.
 bool SDCommunicationHub::isSendable(const SDService& service, Type::Type_t type) const

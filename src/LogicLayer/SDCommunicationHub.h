@@ -77,6 +77,7 @@ public:
     bool addService(SDService::Ptr& service);
     bool findService(SDService::Ptr& service);
     bool removeService(const std::string& localUuid);
+    std::vector<ServiceStatus> getServices() const;
 
     /// A datagram was received: queues it. Runs on the receiver's thread.
     void onMessageReceived(MulticastDataPtr& msg);

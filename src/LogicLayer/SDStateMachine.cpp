@@ -573,6 +573,29 @@ void SDStateMachine::writeEventLog(const std::string& name, const std::string& i
     dispatcher->callLogEvent(name.c_str(), "http", ip.c_str(), port);
 }
 
+std::vector<ServiceStatus> SDStateMachine::getServices() const
+{
+    std::vector<ServiceStatus> result;
+    const auto append = [&](const SDService::Ptr& service) {
+        if (isWanted(service) || isOnce(service) || isShuttingDown(service))
+            return;
+        ServiceStatus& status = result.emplace_back();
+        status.description = service->getNuboDescription();
+        status.instanceId = service->getInstanceId();
+        if (service->getType() == Type::DISCOVERED)
+            status.secondsLeft = service->getSecondsLeft();
+        else
+            status.role = ServiceStatus::Role::ANNOUNCED;
+    };
+    Poco::FastMutex::ScopedLock lock(m_workloadMutex);
+    result.reserve(m_aperiodicWorkload.size() + m_periodicWorkload.size());
+    for (const auto& entry : m_aperiodicWorkload)
+        append(entry.second);
+    for (const SDService::Ptr& service : m_periodicWorkload)
+        append(service);
+    return result;
+}
+
 bool SDStateMachine::removeAllAnnouncedServices()
 {
     Poco::FastMutex::ScopedLock lock(m_workloadMutex);

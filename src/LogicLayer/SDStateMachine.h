@@ -21,6 +21,7 @@
 namespace Nubo::ServiceDiscovery {
 
 class SDCommunicationHub;
+struct ServiceStatus;
 
 /// Records by the time at which they fall due; equal times in the order of insertion.
 using AperiodicServicesContainer = std::multimap<Poco::Clock, SDService::Ptr>;
@@ -96,6 +97,9 @@ public:
     virtual bool checkCapabilities(const NuboServiceDescription& description);
     void writeEventLog(const std::string& name, const std::string& ip, unsigned short port);
 
+    /// The announced services that are not being withdrawn, and the discovered ones.
+    std::vector<ServiceStatus> getServices() const;
+
     /// Sends one stop-offer for every announced service in the periodic workload and forgets it.
     bool removeAllAnnouncedServices();
 
@@ -167,7 +171,7 @@ protected:
     SDCommunicationHub& m_hub;
     Poco::Random m_rnd;
     std::atomic<bool> m_running{false};
-    Poco::FastMutex m_workloadMutex;
+    mutable Poco::FastMutex m_workloadMutex;
     AperiodicServicesContainer m_aperiodicWorkload;
     ServicesContainer m_periodicWorkload;
     RecordIndex m_aperiodicIndex;

@@ -387,6 +387,22 @@ TEST(SDServiceTest, DeadlineOfARecordOfGivenFieldsIsItsTTLAway)
     EXPECT_TRUE(service.isTTLElapsed());
 }
 
+TEST(SDServiceTest, SecondsLeftAreRoundedUpAndNeverBelowZero)
+{
+    SDService service("Media");
+    EXPECT_EQ(service.getSecondsLeft(), 0u);
+
+    service.setTTL(120);
+    EXPECT_EQ(service.getSecondsLeft(), 120u);
+    SDClock::turn(100 * second);
+    EXPECT_EQ(service.getSecondsLeft(), 20u);
+    SDClock::turn(30 * second);
+    EXPECT_EQ(service.getSecondsLeft(), 0u);
+
+    service.setTTL(0xffffff);
+    EXPECT_EQ(service.getSecondsLeft(), 0xffffffu);
+}
+
 TEST(SDServiceTest, SetTTLMovesTheDeadline)
 {
     SDService service("Media");

@@ -1162,4 +1162,45 @@ TEST_F(SDStateMachineEventsTest, KnownInstanceIsRenewedWithoutAnEvent)
                                          "\"Media\" with instance #1"));
 }
 
+TEST_F(SDStateMachineEventsTest, ServicesAreThoseAnnouncedAndThoseDiscovered)
+{
+    put(makeService("Media", "fd00::1", 8080, "own"));
+    offer(offered("Media", "fd00::2", 8080, 300));
+
+    const std::vector<ServiceStatus> services = machine.getServices();
+
+    ASSERT_THAT(services, SizeIs(2));
+    EXPECT_EQ(services[0].role, ServiceStatus::Role::ANNOUNCED);
+    EXPECT_EQ(services[0].description.getLocalUuid(), "own");
+    EXPECT_EQ(services[0].instanceId, 1);
+    EXPECT_EQ(services[0].secondsLeft, std::nullopt);
+    EXPECT_EQ(services[1].role, ServiceStatus::Role::DISCOVERED);
+    EXPECT_EQ(services[1].description.getLocalUuid(), engine.registry.events().front().uuid);
+    EXPECT_EQ(services[1].description.getIpAddressString(), "fd00::2");
+    EXPECT_EQ(services[1].instanceId, 2);
+    EXPECT_EQ(services[1].secondsLeft, 300u);
+}
+
+TEST_F(SDStateMachineEventsTest, ServiceThatIsRenewedHasAllItsSecondsAgain)
+{
+    offer(offered("Media", "fd00::2", 8080, 300));
+    SDClock::turn(200 * second);
+    EXPECT_EQ(machine.getServices().front().secondsLeft, 100u);
+
+    offer(offered("Media", "fd00::2", 8080, 300));
+
+    EXPECT_EQ(machine.getServices().front().secondsLeft, 300u);
+}
+
+TEST_F(SDStateMachineEventsTest, SearchesAnswersAndWhatIsWithdrawnAreNoServices)
+{
+    get(searched("Navi"));
+    machine.putPeriodic(announced(State::MAIN_PHASE));
+    find("Media");
+    machine.putPeriodic(announced(State::SHUTDOWN_PHASE, "fd00::1", 8081, 2));
+    ASSERT_THAT(aperiodic(), SizeIs(2));
+
+    EXPECT_THAT(machine.getServices(), SizeIs(1));
+}
+
 }  // namespace Nubo::ServiceDiscovery::Testing

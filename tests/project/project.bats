@@ -43,7 +43,7 @@ includes_of() { grep -hoE '^#include "[^"]+"' -r "$1" | sed -E 's/.*"(.*)"/\1/' 
         cut -d' ' -f3- | grep -vE '^(__|mangle_path$)')
     [ -n "$exported" ]
     run ! grep -vE '^Nubo::ServiceDiscovery::(ServiceDiscovery|NuboServiceDescription)::' <<<"$exported"
-    for operation in startup shutdown running addService findService removeService; do
+    for operation in startup shutdown running addService findService removeService getServices; do
         grep -q "^Nubo::ServiceDiscovery::ServiceDiscovery::$operation(" <<<"$exported"
     done
 }
