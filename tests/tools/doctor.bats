@@ -3,15 +3,8 @@
 
 bats_require_minimum_version 1.5.0
 
-setup() {
-    load helpers
-    out=$BATS_TEST_TMPDIR
-}
-
-teardown() {
-    kill_the_rest
-    remove_units
-}
+setup() { load helpers && out=$BATS_TEST_TMPDIR; }
+teardown() { remove_units; }
 
 # doctor UNIT EXIT_CODE [OPTION...]
 doctor() {
@@ -32,8 +25,6 @@ tells_nothing_like() { ! grep -E -- "$1" <<<"$output" || fail "not expected"; }
 setting() { on "$1" sh -c "echo $3 >/proc/sys/net/ipv6/conf/$2"; }
 
 is_duplicate() { on "$1" ip -o address show dev eth0 | grep -q "$2.*dadfailed"; }
-
-has_membership() { on "$1" grep -q ff140000000000000000000000040000 /proc/net/igmp6; }
 
 @test "nothing is bad on a good network" {
     unit a eth0=fd00::1

@@ -23,9 +23,13 @@ unit() {
     done
 }
 
-# The kernel takes a namespace down in its own time, but a link at once.
+# remove_units: with what start has left running. The kernel takes a namespace down in its own time, but a link at
+# once.
 remove_units() {
-    local interface unit
+    local file interface unit
+    for file in "$out"/*.pid; do
+        [ ! -e "$file" ] || kill -KILL "$(cat "$file")" 2>/dev/null || true
+    done
     ip -o link show | sed -nE 's/^[0-9]+: ([^:@]+)@?.* master wire .*/\1/p' | while read -r interface; do
         ip link delete "$interface"
     done
@@ -45,14 +49,18 @@ start() {
     echo $! >"$out/$1.pid"
 }
 
-# stop NAME [SIGNAL]: ends it and checks that it ends in order, with nothing on standard error.
-stop() {
+# end NAME [SIGNAL]: ends it and checks that it ends in order. stop NAME [SIGNAL]: and that there is nothing on
+# standard error.
+end() {
     local pid status=0
     pid=$(cat "$out/$1.pid")
     rm "$out/$1.pid"
     kill "-${2:-TERM}" "$pid"
     wait "$pid" || status=$?
     [ "$status" = 0 ] || fail "$1 ended with exit code $status: $(cat "$out/$1.err")"
+}
+stop() {
+    end "$@"
     [ ! -s "$out/$1.err" ] || fail "$1 wrote to standard error: $(cat "$out/$1.err")"
 }
 
@@ -60,7 +68,7 @@ stop() {
 await() {
     local end=$((SECONDS + $1))
     until "${@:2}"; do
-        [ "$SECONDS" -le "$end" ] || fail "not within $1 s: ${*:2}"
+        [ "$SECONDS" -le "$end" ] || fail "not within $1 s: ${*:2}" || return
         sleep 0.02
     done
 }
@@ -70,16 +78,12 @@ has() { [ "$(count "$1" "$2" "$3")" -ge "${4:-1}" ]; }
 
 count() { jq -rc "select(.event == \"$2\" and .name == \"$3\") | 1" "$out/$1.out" | wc -l; }
 
+# has_membership UNIT: whether it has joined the discovery group.
+has_membership() { on "$1" grep -q ff140000000000000000000000040000 /proc/net/igmp6; }
+
 has_line() { grep -q -- "$2" "$out/$1"; }
 
 fail() {
     echo "$*" >&2
     return 1
-}
-
-kill_the_rest() {
-    local file
-    for file in "$out"/*.pid; do
-        [ ! -e "$file" ] || kill -KILL "$(cat "$file")" 2>/dev/null || true
-    done
 }

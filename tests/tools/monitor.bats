@@ -13,15 +13,8 @@ configuration='00460100 0e63617465676f72793d617564696f 0c6c3670726f746f3d6e75626
     0f6f74686572736572763d4d65646961 09747874766572733d31 0d76657273696f6e3d312e322e30 00'
 offer="$header $sd_flags 00000010 $entry 00000061 $endpoint $configuration"
 
-setup() {
-    load helpers
-    out=$BATS_TEST_TMPDIR
-}
-
-teardown() {
-    kill_the_rest
-    remove_units
-}
+setup() { load helpers && out=$BATS_TEST_TMPDIR; }
+teardown() { remove_units; }
 
 # capture HEX...: makes $out/seen.pcap of datagrams from [fd00::2]:40000 to the discovery group.
 capture() {
@@ -136,7 +129,7 @@ LINES
     unit b eth0=fd00::2
     start monitor b monitor --pcap "$out/wire.pcap"
     start registry b --json browse
-    await 5 grep -q ff14 "/proc/$(cat "$out/monitor.pid")/net/igmp6"
+    await 5 has_membership b
     start announcer a announce Media --port 8080 --version 1.2.0 --category audio
     await 5 has registry discovered Media
     await 5 has_line monitor.out 'offer       Media  tcp \[fd00::1\]:8080  1.2.0  (audio)  ttl 120  session'
