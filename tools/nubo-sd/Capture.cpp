@@ -1,5 +1,6 @@
 #include "Capture.h"
 
+#include "DiscoveryGroup.h"
 #include "Errors.h"
 
 #include <array>
@@ -21,7 +22,6 @@ namespace {
 
 constexpr int wholeFrame = 65535 + 128;  // the largest datagram with all headers
 constexpr int bufferSize = 8 * 1024 * 1024;
-constexpr auto ofDiscovery = "ip6 and udp port 30491";
 constexpr std::uint16_t etherTypeIPv6 = 0x86dd;
 constexpr std::uint16_t etherTypeVlan = 0x8100;
 constexpr std::uint16_t etherTypeServiceVlan = 0x88a8;
@@ -210,8 +210,9 @@ Capture Capture::ofFile(const std::string& path)
 
 void Capture::filter()
 {
+    const std::string ofDiscovery = "ip6 and udp port " + std::to_string(discoveryPort);
     bpf_program program{};
-    if (::pcap_compile(m_handle.get(), &program, ofDiscovery, 1, PCAP_NETMASK_UNKNOWN) != 0)
+    if (::pcap_compile(m_handle.get(), &program, ofDiscovery.c_str(), 1, PCAP_NETMASK_UNKNOWN) != 0)
         throw NetworkError(std::string("cannot filter: ") + ::pcap_geterr(m_handle.get()));
     const int result = ::pcap_setfilter(m_handle.get(), &program);
     ::pcap_freecode(&program);

@@ -1,7 +1,7 @@
 #include "CommandLine.h"
 #include "Errors.h"
-#include "EventPrinter.h"
 #include "ServicesFile.h"
+#include "Text.h"
 
 #include <iostream>
 #include <memory>

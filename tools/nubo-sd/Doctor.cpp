@@ -1,8 +1,9 @@
 #include "CommandLine.h"
+#include "DiscoveryGroup.h"
 #include "Errors.h"
-#include "EventPrinter.h"
 #include "GroupEcho.h"
 #include "NetworkState.h"
+#include "Text.h"
 
 #include <KELOEMInterfaceLib/OEMDispatcher.h>
 
@@ -21,9 +22,6 @@ namespace NuboSd {
 
 namespace {
 
-constexpr auto discoveryGroup = "ff14::4:0";
-constexpr std::uint16_t discoveryPort = 30491;
-
 /// Writes the findings, one a line.
 class Findings
 {
@@ -41,16 +39,16 @@ public:
     bool isAnyBad() const { return m_isAnyBad; }
 
 private:
-    void print(std::string kind, const std::string& what, const std::string& cure) const
+    void print(const std::string& kind, const std::string& what, const std::string& cure) const
     {
         if (m_json) {
             const nlohmann::ordered_json json{{"finding", kind}, {"what", what}, {"cure", cure}};
-            std::cout << json.dump(-1, ' ', true, nlohmann::ordered_json::error_handler_t::replace) << '\n';
+            std::cout << jsonLine(json) << '\n';
             return;
         }
         constexpr std::size_t kindWidth = 6;
-        kind.resize(kindWidth, ' ');
-        std::cout << kind << printable(what) << (cure.empty() ? "" : " - ") << printable(cure) << '\n';
+        std::cout << padded(kind, kindWidth) << printable(what) << (cure.empty() ? "" : " - ")
+                  << printable(cure) << '\n';
     }
 
     const bool m_json;

@@ -35,10 +35,4 @@ private:
     const bool m_json;
 };
 
-/// "tcp" or "udp".
-const char* protocolName(Nubo::ServiceDiscovery::OptionL4Protocol::L4Protocol_t protocol);
-
-/// The text with everything but printable ASCII replaced by "\xNN".
-std::string printable(const std::string& text);
-
 }  // namespace NuboSd

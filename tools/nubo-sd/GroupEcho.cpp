@@ -1,6 +1,7 @@
 #include "GroupEcho.h"
 
-#include "EventPrinter.h"
+#include "DiscoveryGroup.h"
+#include "Text.h"
 
 #include <Poco/Clock.h>
 #include <Poco/Exception.h>
@@ -29,7 +30,7 @@ struct Trial
 
 void send(Trial& trial, const std::string& interfaceName)
 {
-    const IPAddress group("ff14::4:0");
+    const IPAddress group(discoveryGroup);
     const auto interface = Poco::Net::NetworkInterface::forName(interfaceName);
     trial.receiver.bind(SocketAddress(IPAddress(IPAddress::IPv6), 0), false);
     trial.receiver.joinGroup(group, interface);

@@ -1,12 +1,10 @@
 #include "LogOutput.h"
 
-#include "EventPrinter.h"
+#include "Text.h"
 
 #include <KELUtilLib/Logging.h>
 
 #include <Poco/Channel.h>
-#include <Poco/DateTimeFormatter.h>
-#include <Poco/LocalDateTime.h>
 #include <Poco/Mutex.h>
 
 #include <iostream>
@@ -24,9 +22,8 @@ public:
     {
         if (catcher && catcher->takes(message))
             return;
-        const Poco::LocalDateTime time{Poco::DateTime(message.getTime())};
         const std::string line =
-            Poco::DateTimeFormatter::format(time, "%H:%M:%S.%i ") + printable(message.getText()) + '\n';
+            localTime(message.getTime(), "%H:%M:%S.%i ") + printable(message.getText()) + '\n';
         const Poco::FastMutex::ScopedLock lock(m_mutex);
         std::cerr << line << std::flush;
     }

@@ -1,5 +1,7 @@
 #include "Memberships.h"
 
+#include "DiscoveryGroup.h"
+
 #include <Poco/Exception.h>
 #include <Poco/Net/NetworkInterface.h>
 
@@ -9,7 +11,7 @@ namespace NuboSd {
 
 Memberships::Memberships(const std::vector<std::string>& interfaces)
 {
-    const Poco::Net::IPAddress group("ff14::4:0");
+    const Poco::Net::IPAddress group(discoveryGroup);
     for (const auto& [index, interface] : Poco::Net::NetworkInterface::map(false, true)) {
         const bool isWanted = interfaces.empty()
                                   ? !interface.isLoopback()

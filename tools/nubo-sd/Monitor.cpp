@@ -2,13 +2,10 @@
 #include "CommandLine.h"
 #include "Errors.h"
 #include "EventLoop.h"
-#include "EventPrinter.h"
 #include "Memberships.h"
 #include "PacketDecoder.h"
+#include "Text.h"
 
-#include <Poco/DateTime.h>
-#include <Poco/DateTimeFormatter.h>
-#include <Poco/LocalDateTime.h>
 #include <Poco/NumberFormatter.h>
 #include <Poco/Timestamp.h>
 
@@ -43,25 +40,15 @@ Poco::Timestamp timestampOf(const SeenDatagram& datagram)
         std::chrono::duration_cast<std::chrono::microseconds>(datagram.time.time_since_epoch()).count());
 }
 
-std::string joined(const std::vector<std::string>& texts)
-{
-    std::string result;
-    for (const std::string& text : texts)
-        result += (result.empty() ? "" : ",") + printable(text);
-    return result;
-}
-
 /// "eth0  fd00::1  offer  …": what every line has, in columns that fit as a rule.
 std::string column(std::string text, std::size_t width)
 {
-    text.resize(std::max(width, text.size()), ' ');
-    return text + "  ";
+    return padded(std::move(text), width) + "  ";
 }
 
 std::string toText(const SeenDatagram& datagram, const SeenEntry& entry)
 {
-    const Poco::LocalDateTime time{Poco::DateTime(timestampOf(datagram))};
-    std::string text = Poco::DateTimeFormatter::format(time, "%H:%M:%S.%F  ");
+    std::string text = localTime(timestampOf(datagram), "%H:%M:%S.%F  ");
     text += column(datagram.interface, 6) + column(datagram.sender.host().toString(), 12) +
             column(entry.kind, 10);
     if (entry.kind == SeenEntry::malformed)
@@ -69,7 +56,7 @@ std::string toText(const SeenDatagram& datagram, const SeenEntry& entry)
     text += entry.name.empty() ? "service " + Poco::NumberFormatter::formatHex(entry.serviceID, 4, true)
                                : printable(entry.name);
     if (!entry.address.empty())
-        text += "  " + entry.protocol + " [" + entry.address + "]:" + std::to_string(entry.port);
+        text += "  " + endpointText(entry.protocol, entry.address, entry.port);
     if (!entry.versions.empty())
         text += "  " + joined(entry.versions);
     if (!entry.categories.empty())
@@ -79,12 +66,11 @@ std::string toText(const SeenDatagram& datagram, const SeenEntry& entry)
 
 std::string toJson(const SeenDatagram& datagram, const SeenEntry& entry)
 {
-    nlohmann::ordered_json json{
-        {"time", Poco::DateTimeFormatter::format(timestampOf(datagram), "%Y-%m-%dT%H:%M:%S.%FZ")},
-        {"interface", datagram.interface},
-        {"sender", datagram.sender.host().toString()},
-        {"sender_port", datagram.sender.port()},
-        {"kind", entry.kind}};
+    nlohmann::ordered_json json{{"time", jsonTime(timestampOf(datagram))},
+                                {"interface", datagram.interface},
+                                {"sender", datagram.sender.host().toString()},
+                                {"sender_port", datagram.sender.port()},
+                                {"kind", entry.kind}};
     if (entry.kind == SeenEntry::malformed) {
         json["reason"] = entry.reason;
     }
@@ -102,7 +88,7 @@ std::string toJson(const SeenDatagram& datagram, const SeenEntry& entry)
         json["ttl"] = entry.ttl;
     }
     json["session"] = entry.session;
-    return json.dump(-1, ' ', true, nlohmann::ordered_json::error_handler_t::replace);
+    return jsonLine(json);
 }
 
 /// Prints what passes the filters.

@@ -1,7 +1,7 @@
 #include "NetworkState.h"
 
 #include "Errors.h"
-#include "EventPrinter.h"
+#include "Text.h"
 
 #include <algorithm>
 #include <array>

@@ -1,7 +1,7 @@
 #include "PacketDecoder.h"
 
-#include "EventPrinter.h"
 #include "LogOutput.h"
+#include "Text.h"
 
 #include <Poco/MemoryStream.h>
 

@@ -2,7 +2,7 @@
 
 #include "CommandLine.h"
 #include "Errors.h"
-#include "EventPrinter.h"
+#include "Text.h"
 
 #include <KELUtilLib/ApplicationServices.h>
 

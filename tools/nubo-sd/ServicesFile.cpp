@@ -1,8 +1,8 @@
 #include "ServicesFile.h"
 
 #include "Errors.h"
-#include "EventPrinter.h"
 #include "ServiceCheck.h"
+#include "Text.h"
 
 #include <algorithm>
 #include <cerrno>

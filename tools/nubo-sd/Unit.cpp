@@ -1,7 +1,9 @@
 #include "Unit.h"
 
+#include "DiscoveryGroup.h"
 #include "Errors.h"
 #include "LogOutput.h"
+#include "Text.h"
 
 #include <KELUtilLib/ApplicationServices.h>
 
@@ -24,9 +26,6 @@ using Nubo::ServiceDiscovery::ServiceDiscovery;
 using Payload = ServiceDiscovery::ServiceListEventPayload;
 
 namespace {
-
-constexpr auto discoveryGroup = "ff14::4:0";
-constexpr int discoveryPort = 30491;
 
 /// Throws NetworkError with the reason when the discovery port cannot be had.
 void checkPort()

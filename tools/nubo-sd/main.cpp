@@ -1,7 +1,7 @@
 #include "CommandLine.h"
 #include "Errors.h"
-#include "EventPrinter.h"
 #include "LogOutput.h"
+#include "Text.h"
 
 #include <iostream>
 #include <iterator>
