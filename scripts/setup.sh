@@ -7,9 +7,9 @@ set -eu
 
 packages_for() {
     case "$1" in
-    build) echo g++ cmake ninja-build pkg-config libpoco-dev libcli11-dev nlohmann-json3-dev libnl-route-3-dev robin-map-dev libpcap-dev ;;
+    build) echo g++ cmake ninja-build pkg-config libpoco-dev libcli11-dev nlohmann-json3-dev libnl-route-3-dev robin-map-dev libpcap-dev libncurses-dev ;;
     demo) echo iproute2 ;;
-    test) echo libgtest-dev libgmock-dev libbenchmark-dev clang-format bats jq tshark iproute2 zsh ;;
+    test) echo libgtest-dev libgmock-dev libbenchmark-dev clang-format bats jq tshark iproute2 zsh tmux ;;
     coverage) echo gcovr ;;
     lint) echo clang-tidy clang-format cppcheck shellcheck ;;
     bench) echo libbenchmark-dev iproute2 jq ;;

@@ -40,17 +40,19 @@ refuses_file() {
 
     run "$NUBO_SD" announce --help
     [ "$status" -eq 0 ]
-    for word in NAME --port --version --category --protocol --endpoint --uuid --file; do
+    for word in NAME --port --version --category --protocol --endpoint --uuid --file --time --no-live; do
         [[ $output == *"$word"* ]] || fail "missing: $word"
     done
 
     run "$NUBO_SD" browse --help
     [ "$status" -eq 0 ]
-    [[ $output == *--find* ]]
+    for word in --find --time --no-live; do
+        [[ $output == *"$word"* ]] || fail "missing: $word"
+    done
 
     run "$NUBO_SD" find --help
     [ "$status" -eq 0 ]
-    [[ $output == *--timeout* ]]
+    [[ $output == *--timeout* && $output == *--time\ * ]]
 }
 
 @test "the version is told" {

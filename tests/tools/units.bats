@@ -86,6 +86,23 @@ two_links() {
     [ "$(wc -l <"$out/b.out")" = 2 ]
 }
 
+@test "each event has its time where that is asked for" {
+    two_units
+    start a a --json announce Media --time --port 8080 --version 1.2.0
+    TZ=UTC-01:30 run_on b find Media --time
+    stop a
+
+    # On this unit's clock in text, in UTC in JSON.
+    local of_text of_json
+    [[ $output =~ ^(.{23}\+01:30)\ \ discovered\ \ Media ]]
+    of_text=$(date -d "${BASH_REMATCH[1]}" +%s)
+    [ "$(jq -r 'keys_unsorted[:2] | join(" ")' "$out/a.out")" = "time event" ]
+    [[ $(jq -r .time "$out/a.out") =~ ^.{26}Z$ ]]
+    of_json=$(date -d "$(jq -r .time "$out/a.out")" +%s)
+    [ $((of_text - of_json)) -ge 0 ]
+    [ $((of_text - of_json)) -le 30 ]
+}
+
 @test "a service withdrawn the moment it was announced is gone at once all the same" {
     two_units
     start b b --json browse

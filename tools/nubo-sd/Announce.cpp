@@ -1,11 +1,10 @@
 #include "CommandLine.h"
 #include "Errors.h"
-#include "EventPrinter.h"
 #include "ServiceCheck.h"
+#include "ServiceReport.h"
 #include "ServicesFile.h"
 #include "Unit.h"
 
-#include <iostream>
 #include <memory>
 #include <utility>
 
@@ -21,6 +20,7 @@ struct AnnounceOptions
 {
     ServiceEntry service;
     std::string file;
+    ReportOptions report;
 };
 
 /// The services to be announced. Throws UsageError with the first thing that is wrong with one of them, so
@@ -43,11 +43,11 @@ int run(const AnnounceOptions& options, const CommonOptions& common)
 {
     const std::vector<ServiceEntry> services = servicesOf(options);
 
+    ServiceReport report(options.report, common);
     Unit unit(common);
     if (!unit.start())
         return Done;
 
-    EventPrinter printer(std::cout, common.json);
     std::vector<std::string> announced;
     for (const ServiceEntry& service : services) {
         const NuboServiceDescription description = service.describe(unit.address());
@@ -55,9 +55,9 @@ int run(const AnnounceOptions& options, const CommonOptions& common)
         if (!reason.empty())
             throw UsageError(service.where + reason);
         announced.push_back(description.getLocalUuid());
-        printer.print({ServiceEvent::Kind::Announced, description});
+        report.print({ServiceEvent::Kind::Announced, description});
     }
-    unit.run(std::nullopt, [&](const ServiceEvent& event) { return printer.print(event); });
+    report.run(unit);
     // A service that was added just now would not be withdrawn by the shutdown alone.
     for (const std::string& uuid : announced)
         unit.discovery().removeService(uuid);
@@ -104,6 +104,7 @@ Subcommand::Run setUpAnnounce(CLI::App& commandLine, const CommonOptions& common
             ->type_name("SERVICES.json");
     for (CLI::Option* option : others)
         file->excludes(option);
+    addReportOptions(commandLine, options->report);
 
     commandLine.parse_complete_callback([name, port, version, file] {
         if (!file->empty())

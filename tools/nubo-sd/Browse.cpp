@@ -1,9 +1,8 @@
 #include "CommandLine.h"
 #include "Errors.h"
-#include "EventPrinter.h"
+#include "ServiceReport.h"
 #include "Unit.h"
 
-#include <iostream>
 #include <memory>
 
 #include <CLI/CLI.hpp>
@@ -12,15 +11,21 @@ namespace NuboSd {
 
 namespace {
 
-int run(const std::vector<std::string>& names, const CommonOptions& common)
+struct BrowseOptions
 {
+    std::vector<std::string> names;
+    ReportOptions report;
+};
+
+int run(const BrowseOptions& options, const CommonOptions& common)
+{
+    ServiceReport report(options.report, common);
     Unit unit(common);
     if (!unit.start())
         return Done;
-    for (const std::string& name : names)
+    for (const std::string& name : options.names)
         unit.search(name);
-    EventPrinter printer(std::cout, common.json);
-    unit.run(std::nullopt, [&](const ServiceEvent& event) { return printer.print(event); });
+    report.run(unit);
     return Done;
 }
 
@@ -28,11 +33,13 @@ int run(const std::vector<std::string>& names, const CommonOptions& common)
 
 Subcommand::Run setUpBrowse(CLI::App& commandLine, const CommonOptions& common)
 {
-    const auto names = std::make_shared<std::vector<std::string>>();
-    commandLine.add_option("--find", *names, "Also send out a search for services of this name; repeatable")
+    const auto options = std::make_shared<BrowseOptions>();
+    commandLine
+        .add_option("--find", options->names, "Also send out a search for services of this name; repeatable")
         ->type_name("NAME")
         ->allow_extra_args(false);
-    return [names, &common] { return NuboSd::run(*names, common); };
+    addReportOptions(commandLine, options->report);
+    return [options, &common] { return NuboSd::run(*options, common); };
 }
 
 }  // namespace NuboSd

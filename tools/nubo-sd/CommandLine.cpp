@@ -44,6 +44,12 @@ void addCommonOptions(CLI::App& commandLine, CommonOptions& common)
                "End by itself after this long; without it until SIGINT or SIGTERM");
 }
 
+void addTimeOption(CLI::App& commandLine, bool& withTime)
+{
+    commandLine.add_flag("--time", withTime,
+                         "Print the time of each event: local in front of text, in UTC as \"time\" in JSON");
+}
+
 std::string faultOfSeconds(const std::string& text)
 {
     double seconds = 0;

@@ -54,6 +54,9 @@ CLI::Option* addSeconds(CLI::App& commandLine, const std::string& name, Target& 
 
 void addCommonOptions(CLI::App& commandLine, CommonOptions& common);
 
+/// Adds the option of those who print events.
+void addTimeOption(CLI::App& commandLine, bool& withTime);
+
 /// The priority that stands behind a name of --log-level.
 Poco::Message::Priority logPriority(const std::string& level);
 

@@ -1,36 +1,16 @@
 #include "EventLoop.h"
 
 #include <algorithm>
-#include <array>
 #include <cerrno>
 #include <system_error>
 
 #include <poll.h>
-#include <signal.h>
 #include <sys/eventfd.h>
-#include <sys/signalfd.h>
 #include <unistd.h>
 
 namespace NuboSd {
 
 namespace {
-
-int checked(int descriptor)
-{
-    if (descriptor < 0)
-        throw std::system_error(errno, std::generic_category());
-    return descriptor;
-}
-
-int openSignals()
-{
-    sigset_t signals;
-    ::sigemptyset(&signals);
-    ::sigaddset(&signals, SIGINT);
-    ::sigaddset(&signals, SIGTERM);
-    ::pthread_sigmask(SIG_BLOCK, &signals, nullptr);
-    return checked(::signalfd(-1, &signals, SFD_CLOEXEC));
-}
 
 /// The time left in milliseconds, rounded up; -1 without deadline.
 int timeout(const EventLoop::Deadline& deadline)
@@ -45,11 +25,14 @@ int timeout(const EventLoop::Deadline& deadline)
 
 }  // namespace
 
-EventLoop::EventLoop() : m_signals(openSignals()), m_wakeUps(checked(::eventfd(0, EFD_CLOEXEC))) {}
+EventLoop::EventLoop() : m_wakeUps(::eventfd(0, EFD_CLOEXEC))
+{
+    if (m_wakeUps < 0)
+        throw std::system_error(errno, std::generic_category());
+}
 
 EventLoop::~EventLoop()
 {
-    ::close(m_signals);
     ::close(m_wakeUps);
 }
 
@@ -58,21 +41,22 @@ void EventLoop::wake()
     ::eventfd_write(m_wakeUps, 1);
 }
 
-EventLoop::Reason EventLoop::wait(const Deadline& deadline, int descriptor)
+EventLoop::Reason EventLoop::wait(const Deadline& deadline, const std::vector<int>& descriptors)
 {
+    std::vector<pollfd> polled{{m_signals.descriptor(), POLLIN, 0}, {m_wakeUps, POLLIN, 0}};
+    for (const int descriptor : descriptors)
+        polled.push_back({descriptor, POLLIN, 0});
     for (;;) {
-        std::array<pollfd, 3> descriptors{
-            {{m_signals, POLLIN, 0}, {m_wakeUps, POLLIN, 0}, {descriptor, POLLIN, 0}}};
-        if (::poll(descriptors.data(), descriptors.size(), timeout(deadline)) < 0 && errno != EINTR)
+        if (::poll(polled.data(), polled.size(), timeout(deadline)) < 0 && errno != EINTR)
             throw std::system_error(errno, std::generic_category());
-        if (descriptors[0].revents != 0)
+        if (polled[0].revents != 0)
             return Reason::Signal;
-        if (descriptors[1].revents != 0) {
+        if (polled[1].revents != 0) {
             eventfd_t count = 0;
             ::eventfd_read(m_wakeUps, &count);
             return Reason::Woken;
         }
-        if (descriptors[2].revents != 0)
+        if (std::any_of(polled.begin(), polled.end(), [](const pollfd& one) { return one.revents != 0; }))
             return Reason::Readable;
         if (deadline && Clock::now() >= *deadline)
             return Reason::DeadlineReached;

@@ -1,7 +1,11 @@
 #pragma once
 
+#include "Signals.h"
+
 #include <chrono>
+#include <csignal>
 #include <optional>
+#include <vector>
 
 namespace NuboSd {
 
@@ -31,14 +35,14 @@ public:
     /// Lets wait() return, now or when it is called next. From any thread.
     void wake();
 
-    /// Also returns when `descriptor`, if there is one, is readable.
-    Reason wait(const Deadline& deadline, int descriptor = -1);
+    /// Also returns when one of the descriptors is readable.
+    Reason wait(const Deadline& deadline, const std::vector<int>& descriptors = {});
 
     /// The instant that many seconds from now.
     static Deadline after(double seconds);
 
 private:
-    const int m_signals;
+    const Signals m_signals{SIGINT, SIGTERM};
     const int m_wakeUps;
 };
 

@@ -25,26 +25,30 @@ const char* kindName(ServiceEvent::Kind kind)
     return "";
 }
 
-std::string toJson(const ServiceEvent& event)
+std::string toJson(const ServiceEvent& event, bool withTime)
 {
     const NuboServiceDescription& service = event.service;
-    const nlohmann::ordered_json json{{"event", kindName(event.kind)},
-                                      {"uuid", service.getLocalUuid()},
-                                      {"name", service.getName()},
-                                      {"versions", service.getVersions()},
-                                      {"categories", service.getCategories()},
-                                      {"address", service.getIpAddressString()},
-                                      {"port", service.getPort()},
-                                      {"protocol", protocolName(service.getL4Proto())},
-                                      {"uri", service.getUri()}};
+    nlohmann::ordered_json json;
+    if (withTime)
+        json["time"] = jsonTime(event.time);
+    json.update({{"event", kindName(event.kind)},
+                 {"uuid", service.getLocalUuid()},
+                 {"name", service.getName()},
+                 {"versions", service.getVersions()},
+                 {"categories", service.getCategories()},
+                 {"address", service.getIpAddressString()},
+                 {"port", service.getPort()},
+                 {"protocol", protocolName(service.getL4Proto())},
+                 {"uri", service.getUri()}});
     return jsonLine(json);
 }
 
-std::string toText(const ServiceEvent& event)
+std::string toText(const ServiceEvent& event, bool withTime)
 {
     constexpr std::size_t kindWidth = 12;
     const NuboServiceDescription& service = event.service;
-    std::string text = padded(kindName(event.kind), kindWidth);
+    std::string text = withTime ? localTime(event.time, "%Y-%m-%dT%H:%M:%S.%i%z  ") : std::string();
+    text += padded(kindName(event.kind), kindWidth);
     text += printable(service.getName()) + "  " + joined(service.getVersions());
     if (!service.getCategories().empty())
         text += "  (" + joined(service.getCategories()) + ")";
@@ -57,11 +61,15 @@ std::string toText(const ServiceEvent& event)
 
 }  // namespace
 
-EventPrinter::EventPrinter(std::ostream& stream, bool json) : m_stream(stream), m_json(json) {}
+EventPrinter::EventPrinter(std::ostream& stream, bool json, bool withTime)
+    : m_stream(stream)
+    , m_json(json)
+    , m_withTime(withTime)
+{}
 
 bool EventPrinter::print(const ServiceEvent& event)
 {
-    m_stream << (m_json ? toJson(event) : toText(event)) << std::endl;
+    m_stream << (m_json ? toJson(event, m_withTime) : toText(event, m_withTime)) << std::endl;
     return m_stream.good();
 }
 

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <Poco/Timestamp.h>
+
 #include <iosfwd>
 #include <string>
 
@@ -19,13 +21,14 @@ struct ServiceEvent
 
     Kind kind;
     Nubo::ServiceDiscovery::NuboServiceDescription service;  ///< with the identifier this unit knows it by
+    Poco::Timestamp time{};
 };
 
 /// Writes events, one a line, as text or as JSON.
 class EventPrinter
 {
 public:
-    EventPrinter(std::ostream& stream, bool json);
+    EventPrinter(std::ostream& stream, bool json, bool withTime);
 
     /// False when the line could not be written: nobody reads any more.
     bool print(const ServiceEvent& event);
@@ -33,6 +36,7 @@ public:
 private:
     std::ostream& m_stream;
     const bool m_json;
+    const bool m_withTime;
 };
 
 }  // namespace NuboSd

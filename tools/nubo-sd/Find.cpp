@@ -20,6 +20,7 @@ struct FindOptions
 {
     std::string name;
     double timeout = 3.0;
+    bool withTime = false;
 };
 
 int run(const FindOptions& options, const CommonOptions& common)
@@ -30,7 +31,7 @@ int run(const FindOptions& options, const CommonOptions& common)
         return Done;
     unit.search(options.name);
 
-    EventPrinter printer(std::cout, common.json);
+    EventPrinter printer(std::cout, common.json, options.withTime);
     bool found = false;
     const auto printMatch = [&](const ServiceEvent& event) {
         const bool isMatch =
@@ -57,6 +58,7 @@ Subcommand::Run setUpFind(CLI::App& commandLine, const CommonOptions& common)
                "Give up after this long. What answers within the first second is printed whole; after that "
                "the first answer ends the search")
         ->capture_default_str();
+    addTimeOption(commandLine, options->withTime);
     return [options, &common] { return NuboSd::run(*options, common); };
 }
 

@@ -5,15 +5,20 @@
 #include <KELUtilLib/Logging.h>
 
 #include <Poco/Channel.h>
-#include <Poco/Mutex.h>
 
 #include <iostream>
+#include <mutex>
+
+#include <unistd.h>
 
 namespace NuboSd {
 
 namespace {
 
 thread_local ErrorCatcher* catcher = nullptr;
+
+std::mutex outputMutex;  // for the following, for what it keeps, and for standard error
+LogKeeper* keeper = nullptr;
 
 class StandardErrorChannel : public Poco::Channel
 {
@@ -22,14 +27,13 @@ public:
     {
         if (catcher && catcher->takes(message))
             return;
-        const std::string line =
-            localTime(message.getTime(), "%H:%M:%S.%i ") + printable(message.getText()) + '\n';
-        const Poco::FastMutex::ScopedLock lock(m_mutex);
-        std::cerr << line << std::flush;
+        const std::string line = localTime(message.getTime(), "%H:%M:%S.%i ") + printable(message.getText());
+        const std::lock_guard<std::mutex> lock(outputMutex);
+        if (keeper)
+            keeper->keep(line);
+        else
+            std::cerr << line << std::endl;
     }
-
-private:
-    Poco::FastMutex m_mutex;
 };
 
 }  // namespace
@@ -61,6 +65,40 @@ bool ErrorCatcher::takes(const Poco::Message& message)
         m_firstError = text.compare(0, level.size(), level) == 0 ? text.substr(level.size()) : text;
     }
     return true;
+}
+
+LogKeeper::LogKeeper()
+{
+    const std::lock_guard<std::mutex> lock(outputMutex);
+    if (::isatty(STDERR_FILENO) != 0)
+        keeper = this;
+}
+
+LogKeeper::~LogKeeper()
+{
+    const std::lock_guard<std::mutex> lock(outputMutex);
+    keeper = nullptr;
+    if (m_dropped != 0)
+        std::cerr << "nubo-sd: " << m_dropped << " older lines of the log were not kept\n";
+    for (const std::string& line : m_lines)
+        std::cerr << line << '\n';
+    std::cerr << std::flush;
+}
+
+std::string LogKeeper::newest() const
+{
+    const std::lock_guard<std::mutex> lock(outputMutex);
+    return m_lines.empty() ? std::string() : m_lines.back();
+}
+
+void LogKeeper::keep(const std::string& line)
+{
+    constexpr std::size_t most = 1000;
+    m_lines.push_back(line);
+    if (m_lines.size() > most) {
+        m_lines.pop_front();
+        ++m_dropped;
+    }
 }
 
 }  // namespace NuboSd

@@ -2,6 +2,8 @@
 
 #include <Poco/Message.h>
 
+#include <cstddef>
+#include <deque>
 #include <string>
 
 namespace NuboSd {
@@ -36,6 +38,28 @@ public:
 private:
     const Others m_others;
     std::string m_firstError;
+};
+
+/// While it exists and standard error is a terminal, the log is kept instead of written: it would tear what
+/// is shown there. Then it is written. One at a time.
+class LogKeeper
+{
+public:
+    LogKeeper();
+    ~LogKeeper();
+
+    LogKeeper(const LogKeeper&) = delete;
+    LogKeeper& operator=(const LogKeeper&) = delete;
+
+    /// The newest line kept; empty if there is none.
+    std::string newest() const;
+
+    /// Keeps a line; of too many, the oldest go.
+    void keep(const std::string& line);
+
+private:
+    std::deque<std::string> m_lines;
+    std::size_t m_dropped = 0;
 };
 
 }  // namespace NuboSd

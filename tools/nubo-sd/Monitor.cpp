@@ -139,7 +139,7 @@ int listen(const Options& options, const CommonOptions& common)
 
     Printer printer(options, common);
     while (printer.isRead()) {
-        if (loop.wait(end, capture.descriptor()) != EventLoop::Reason::Readable)
+        if (loop.wait(end, {capture.descriptor()}) != EventLoop::Reason::Readable)
             break;
         capture.read([&](const SeenDatagram& datagram) { printer.print(datagram); });
     }

@@ -17,6 +17,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <iostream>
+#include <utility>
 
 #include <net/if.h>
 
@@ -117,24 +118,32 @@ void Unit::search(const std::string& name)
                          "\" cannot be searched for: " + printable(errors.firstError()));
 }
 
+std::deque<ServiceEvent> Unit::takeEvents()
+{
+    const std::lock_guard<std::mutex> lock(m_eventsMutex);
+    return std::exchange(m_events, {});
+}
+
+bool Unit::wait(const EventLoop::Deadline& deadline, const std::vector<int>& descriptors)
+{
+    const bool isDeadlineFirst = deadline && (!m_end || *deadline < *m_end);
+    const EventLoop::Reason reason = m_loop.wait(isDeadlineFirst ? deadline : m_end, descriptors);
+    if (reason == EventLoop::Reason::DeadlineReached)
+        return isDeadlineFirst;
+    return reason != EventLoop::Reason::Signal;
+}
+
 bool Unit::run(const EventLoop::Deadline& deadline, const std::function<bool(const ServiceEvent&)>& handle)
 {
-    const bool isOwnDeadline = deadline && (!m_end || *deadline < *m_end);
     for (;;) {
-        std::deque<ServiceEvent> events;
-        {
-            const std::lock_guard<std::mutex> lock(m_eventsMutex);
-            events.swap(m_events);
-        }
-        for (const ServiceEvent& event : events) {
+        for (const ServiceEvent& event : takeEvents()) {
             if (!handle(event))
                 return true;
         }
-        const EventLoop::Reason reason = m_loop.wait(isOwnDeadline ? deadline : m_end);
-        if (reason == EventLoop::Reason::Signal)
+        if (deadline && EventLoop::Clock::now() >= *deadline)
+            return true;
+        if (!wait(deadline))
             return false;
-        if (reason == EventLoop::Reason::DeadlineReached)
-            return isOwnDeadline;
     }
 }
 

@@ -40,8 +40,15 @@ public:
     /// Sends out a search. Throws UsageError when the name cannot be searched for.
     void search(const std::string& name);
 
+    /// The events since the last call.
+    std::deque<ServiceEvent> takeEvents();
+
+    /// Waits for an event, for the deadline, or until one of the descriptors is readable. False when the run
+    /// is ended, by a signal or the common option.
+    bool wait(const EventLoop::Deadline& deadline, const std::vector<int>& descriptors = {});
+
     /// Hands every event to `handle` on this thread, until `handle` returns false, the deadline comes, or
-    /// the run is ended by a signal or the common option. True when it was `handle` or `deadline`.
+    /// the run is ended. True when it was `handle` or `deadline`.
     bool run(const EventLoop::Deadline& deadline, const std::function<bool(const ServiceEvent&)>& handle);
 
 private:
