@@ -210,7 +210,8 @@ TEST_F(LiveTableTest, LowScreenStillHasTheNote)
     update(many(50));
 
     EXPECT_THAT(page(80, 1), ElementsAre("note"));
-    EXPECT_THAT(page(80, 3), ElementsAre(StartsWith("unit"), StartsWith("NAME"), "note"));
+    EXPECT_THAT(page(80, 3),
+                ElementsAre("unit fd00::2: 50 discovered, 0 announced", StartsWith("NAME"), "note"));
 }
 
 TEST_F(LiveTableTest, KeysMoveThePageWithinTheServices)

@@ -136,7 +136,7 @@ std::vector<Line> LiveTable::lines(std::size_t first, std::size_t most, std::siz
     const std::size_t count = std::min(most, m_rows.size() - first);
     std::string summary = m_unit + ": " + std::to_string(m_discovered) + " discovered, " +
                           std::to_string(m_announced) + " announced";
-    if (count < m_rows.size())
+    if (count > 0 && count < m_rows.size())
         summary += ", rows " + std::to_string(first + 1) + " to " + std::to_string(first + count) + " of " +
                    std::to_string(m_rows.size());
     std::vector<Line> result{
@@ -152,16 +152,14 @@ std::vector<Line> LiveTable::lines(std::size_t first, std::size_t most, std::siz
 Line LiveTable::lineOf(const Rows::value_type& entry, std::size_t width) const
 {
     const auto& [order, row] = entry;
-    const auto secondsOf = [](Clock::duration duration) {
-        return std::chrono::duration_cast<std::chrono::seconds>(duration);
-    };
+    const auto age = std::chrono::floor<std::chrono::seconds>(row.lastSeen - row.since);
     const bool isGone = row.lastSeen != m_now;
     std::string ttl = "own";
     if (isGone)
         ttl = "gone";
     else if (row.secondsLeft)
         ttl = durationText(std::chrono::seconds(*row.secondsLeft));
-    return {columns({row.name, row.endpoint, ttl, durationText(secondsOf(row.lastSeen - row.since)),
+    return {columns({row.name, row.endpoint, ttl, durationText(age),
                      std::to_string(std::get<std::uint16_t>(order)), row.versions},
                     width),
             isGone ? Line::Style::Faint : Line::Style::Normal};
