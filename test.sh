@@ -14,6 +14,9 @@ UndefinedBehaviorSanitizer, and runs all tests.
   --coverage   build and run without sanitizers, and tell how much of src/ the tests
                run; below the goal the exit code is 1. build-coverage/coverage.html
                shows each line
+  --aarch64    build for aarch64 instead, without sanitizers, and run under emulation
+               what can be: the tests of codec, records and decisions, a test program
+               at a time. Nothing of that architecture is installed
   --fuzz       run no tests, but every fuzz target for some seconds; fuzz/run.sh does
                more
   --lint       run no tests, but clang-format, shellcheck, cppcheck and clang-tidy.
@@ -34,7 +37,7 @@ pattern=
 jobs=$(nproc)
 while [ $# -gt 0 ]; do
     case "$1" in
-    --tsan | --coverage | --fuzz | --lint) form=${1#--} ;;
+    --tsan | --coverage | --aarch64 | --fuzz | --lint) form=${1#--} ;;
     -k | -j)
         [ $# -ge 2 ] || { echo "test.sh: $1 needs a value" >&2 && exit 2; }
         if [ "$1" = -k ]; then pattern=$2; else jobs=$2; fi
@@ -152,6 +155,12 @@ fuzz)
 lint)
     scripts/setup.sh build test lint
     lint
+    ;;
+aarch64)
+    scripts/setup.sh build aarch64
+    scripts/sysroot.sh arm64 build-aarch64/sysroot
+    build
+    run_tests
     ;;
 coverage)
     scripts/setup.sh build test coverage

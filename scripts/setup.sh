@@ -2,7 +2,10 @@
 # Installs the Debian packages that a task needs and that are missing. Asks for nothing; uses sudo when it is
 # not run by root.
 #
-# usage: scripts/setup.sh TASK...    with TASK one of: build demo test coverage lint bench fuzz package docs
+# usage: scripts/setup.sh [--list] TASK...
+#
+# TASK is one of: build demo test aarch64 coverage lint bench fuzz package docs. With --list it names the packages
+# and installs none.
 set -eu
 
 packages_for() {
@@ -10,6 +13,7 @@ packages_for() {
     build) echo g++ cmake ninja-build pkg-config libpoco-dev libcli11-dev nlohmann-json3-dev libnl-route-3-dev robin-map-dev libpcap-dev libncurses-dev ;;
     demo) echo iproute2 ;;
     test) echo libgtest-dev libgmock-dev libbenchmark-dev clang-format bats jq tshark iproute2 zsh tmux ;;
+    aarch64) echo g++-aarch64-linux-gnu qemu-user mmdebstrap iproute2 ;;
     coverage) echo gcovr ;;
     lint) echo clang-tidy clang-format cppcheck shellcheck ;;
     bench) echo libbenchmark-dev iproute2 jq ;;
@@ -27,9 +31,16 @@ is_installed() {
     [ "$(dpkg-query -W -f '${db:Status-Status}' "$1" 2>/dev/null)" = installed ]
 }
 
+if [ "${1-}" = --list ]; then
+    shift
+    for task in "$@"; do packages_for "$task"; done
+    exit 0
+fi
+
 missing=
 for task in "$@"; do
-    for package in $(packages_for "$task"); do
+    packages=$(packages_for "$task")
+    for package in $packages; do
         is_installed "$package" || missing="$missing $package"
     done
 done

@@ -1,0 +1,18 @@
+#!/bin/sh
+# Runs mmdebstrap on this machine's release of Debian, with the mirrors and the proxy of its apt.
+#
+# usage: scripts/debian.sh FOLDER OPTION...
+set -eu
+folder=$1
+shift
+
+# shellcheck disable=SC2016 # the names are those that apt fills in
+sources=$(apt-get indextargets --format 'deb $(REPO_URI) $(RELEASE) $(COMPONENT)' \
+    'Created-By: Packages' 'Origin: Debian' | sort -u)
+[ -n "$sources" ] || {
+    echo "debian.sh: apt knows no mirror of Debian; does apt-get update help?" >&2
+    exit 1
+}
+release=$(sed -n 's/^VERSION_CODENAME=//p' /etc/os-release)
+settings=$(apt-config -o Acquire::Languages=none dump --format '%f "%v";%n' Acquire::Languages Acquire::http)
+echo "$sources" | mmdebstrap --quiet --aptopt="$settings" "$@" "$release" "$folder" -
