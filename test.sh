@@ -19,6 +19,8 @@ UndefinedBehaviorSanitizer, and runs all tests.
                at a time. Nothing of that architecture is installed
   --fuzz       run no tests, but every fuzz target for some seconds; fuzz/run.sh does
                more
+  --packages   run no tests, but make the Debian packages, and install, use and purge
+               them in a bare Debian, which lies in memory
   --lint       run no tests, but clang-format, shellcheck, cppcheck and clang-tidy.
                clang-tidy leaves tests/ out, which would take as long as all the rest:
                -k tests/ checks them
@@ -37,7 +39,7 @@ pattern=
 jobs=$(nproc)
 while [ $# -gt 0 ]; do
     case "$1" in
-    --tsan | --coverage | --aarch64 | --fuzz | --lint) form=${1#--} ;;
+    --tsan | --coverage | --aarch64 | --fuzz | --packages | --lint) form=${1#--} ;;
     -k | -j)
         [ $# -ge 2 ] || { echo "test.sh: $1 needs a value" >&2 && exit 2; }
         if [ "$1" = -k ]; then pattern=$2; else jobs=$2; fi
@@ -151,6 +153,10 @@ uncoloured() { sed 's/\x1b\[[0-9;]*m//g' "$1"; }
 case "$form" in
 fuzz)
     fuzz/run.sh --smoke -j "$jobs"
+    ;;
+packages)
+    scripts/package.sh -j "$jobs"
+    tests/install/packages.sh
     ;;
 lint)
     scripts/setup.sh build test lint

@@ -4,8 +4,8 @@
 #
 # usage: scripts/setup.sh [--list] TASK...
 #
-# TASK is one of: build demo test aarch64 coverage lint bench fuzz package docs. With --list it names the packages
-# and installs none.
+# TASK is one of: build demo test aarch64 coverage lint bench fuzz package install docs. With --list it names the
+# packages and installs none.
 set -eu
 
 packages_for() {
@@ -18,6 +18,7 @@ packages_for() {
     lint) echo clang-tidy clang-format cppcheck shellcheck ;;
     bench) echo libbenchmark-dev iproute2 jq ;;
     package) echo dpkg-dev file binutils lintian ;;
+    install) echo mmdebstrap uidmap ;;
     docs) echo doxygen ;;
     fuzz) echo clang libclang-rt-dev llvm ;;
     *)
