@@ -97,7 +97,8 @@ TEST_P(ManyEntriesTest, CostWhatEachOfThemCosts)
     const Milliseconds many = timeToHandle(4000);
 
     RecordProperty("milliseconds", std::to_string(many.count()));
-    EXPECT_LT(many / few, 15) << "4000 entries take " << many.count() << " ms, 400 take " << few.count();
+    constexpr int limit = 30;  // ten times as many; a hundred if each cost as much as all of them
+    EXPECT_LT(many / few, limit) << "4000 entries take " << many.count() << " ms, 400 take " << few.count();
 }
 
 using LargeConfigurationTest = ManyEntriesTest;
