@@ -74,3 +74,10 @@ zsh_names() { sed -E "s/\\[.*//; s/^'?\(- \*\)//; s/\(- \*\)//" | grep -oE -e '-
     command -v zsh >/dev/null || skip "zsh is not installed"
     zsh -n completions/_nubo-sd
 }
+
+@test "the site of public headers and guide is made without a warning" {
+    ../scripts/docs.sh
+    for page in getting-started operating troubleshooting conformance classNubo_1_1ServiceDiscovery_1_1ServiceDiscovery; do
+        [ -n "$(find ../build-docs/html -iname "*$page*.html" -size +2k)" ] || fail "no page: $page"
+    done
+}
