@@ -105,7 +105,6 @@ public:
     BareLoop()
     {
         constexpr int receiveBuffer = 4 * 1024 * 1024;
-        m_socket = Poco::Net::MulticastSocket(Poco::Net::SocketAddress::IPv6);
         m_socket.bind(Poco::Net::SocketAddress("::", discoveryPort), false);
         m_socket.joinGroup(Poco::Net::IPAddress(discoveryGroup),
                            Poco::Net::NetworkInterface::forName("eth0", true));
@@ -131,7 +130,7 @@ private:
             static_cast<void>(::recv(m_socket.impl()->sockfd(), datagram.data(), datagram.size(), 0));
     }
 
-    Poco::Net::MulticastSocket m_socket;
+    Poco::Net::MulticastSocket m_socket{Poco::Net::SocketAddress::IPv6};
     std::atomic<bool> m_stop{false};
     std::thread m_thread;
 };
