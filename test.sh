@@ -26,7 +26,8 @@ UndefinedBehaviorSanitizer, and runs all tests.
                -k tests/ checks them
   -k PATTERN   run only the tests whose name matches the regular expression; with
                --lint: give only the files to clang-tidy whose path matches it
-  -j N         build and test with N jobs (default: one a processor)
+  -j N         build with N jobs, and run twice as many tests at a time, which mostly
+               wait (default: one a processor)
   --help       print this
 
 Tests of what crosses a network make network namespaces of their own; where the
@@ -73,7 +74,7 @@ run_tests() {
     status=0
     # shellcheck disable=SC2086 # the words of $run are a command, and $progress may be none
     TSAN_OPTIONS="halt_on_error=1 second_deadlock_stack=1" $run ctest --test-dir "build-$form" \
-        --parallel "$jobs" --tests-regex "${pattern:-.}" $progress \
+        --parallel $((2 * jobs)) --tests-regex "${pattern:-.}" $progress \
         --output-on-failure --output-junit "$results" --no-tests=error || status=$?
 
     total=$(count tests)
