@@ -23,9 +23,9 @@ struct Low24
 
 /// Number of bytes that a field has on the wire: an unsigned integer, an array of bytes, or a 24-bit integer.
 template <class Field>
-constexpr std::size_t wireSize = sizeof(Field);
+inline constexpr std::size_t wireSize = sizeof(Field);
 template <>
-constexpr std::size_t wireSize<Low24> = 3;
+inline constexpr std::size_t wireSize<Low24> = 3;
 
 /// Reads fields and counts the bytes that the stream really delivered for them. After the stream has
 /// failed, every further field is 0 and counts nothing.
