@@ -6,6 +6,8 @@
 
 #include <map>
 
+#include <CLI/CLI.hpp>
+
 namespace NuboSd {
 
 namespace {
@@ -15,6 +17,19 @@ const std::map<std::string, Poco::Message::Priority> logLevels{{"error", Poco::M
                                                                {"notice", Poco::Message::PRIO_NOTICE},
                                                                {"debug", Poco::Message::PRIO_DEBUG},
                                                                {"trace", Poco::Message::PRIO_TRACE}};
+
+/// What is wrong with a time in seconds; empty if nothing is.
+std::string faultOfSeconds(const std::string& text)
+{
+    double seconds = 0;
+    const bool isGood = Poco::NumberParser::tryParseFloat(text, seconds) && seconds > 0;
+    return isGood ? std::string() : "\"" + text + "\" is not a number of seconds above 0";
+}
+
+CLI::Option* asSeconds(CLI::Option* option)
+{
+    return option->type_name("SECONDS")->check(faultOfSeconds);
+}
 
 }  // namespace
 
@@ -50,11 +65,16 @@ void addTimeOption(CLI::App& commandLine, bool& withTime)
                          "Print the time of each event: local in front of text, in UTC as \"time\" in JSON");
 }
 
-std::string faultOfSeconds(const std::string& text)
+CLI::Option* addSeconds(CLI::App& commandLine, const std::string& name, double& target,
+                        const std::string& description)
 {
-    double seconds = 0;
-    const bool isGood = Poco::NumberParser::tryParseFloat(text, seconds) && seconds > 0;
-    return isGood ? std::string() : "\"" + text + "\" is not a number of seconds above 0";
+    return asSeconds(commandLine.add_option(name, target, description));
+}
+
+CLI::Option* addSeconds(CLI::App& commandLine, const std::string& name, std::optional<double>& target,
+                        const std::string& description)
+{
+    return asSeconds(commandLine.add_option(name, target, description));
 }
 
 Poco::Message::Priority logPriority(const std::string& level)

@@ -8,7 +8,10 @@
 #include <string>
 #include <vector>
 
-#include <CLI/CLI.hpp>
+namespace CLI {
+class App;
+class Option;
+}  // namespace CLI
 
 namespace NuboSd {
 
@@ -41,16 +44,11 @@ Subcommand::Run setUpDoctor(CLI::App& commandLine, const CommonOptions& common);
 Subcommand::Run setUpFind(CLI::App& commandLine, const CommonOptions& common);
 Subcommand::Run setUpMonitor(CLI::App& commandLine, const CommonOptions& common);
 
-/// What is wrong with a time in seconds, which must be above 0; empty if nothing is.
-std::string faultOfSeconds(const std::string& text);
-
-/// Adds an option that takes such a time.
-template <class Target>
-CLI::Option* addSeconds(CLI::App& commandLine, const std::string& name, Target& target,
-                        const std::string& description)
-{
-    return commandLine.add_option(name, target, description)->type_name("SECONDS")->check(faultOfSeconds);
-}
+/// Adds an option that takes a time in seconds, which must be above 0.
+CLI::Option* addSeconds(CLI::App& commandLine, const std::string& name, double& target,
+                        const std::string& description);
+CLI::Option* addSeconds(CLI::App& commandLine, const std::string& name, std::optional<double>& target,
+                        const std::string& description);
 
 void addCommonOptions(CLI::App& commandLine, CommonOptions& common);
 
