@@ -1118,7 +1118,7 @@ TEST_F(SDStateMachineEventsTest, WorkloadThatIsFullTakesInNoFurtherService)
     EXPECT_TRUE(offer(offered("Known")));
     const SDService::Ptr filler = makeRecord(Type::DISCOVERED, State::MAIN_PHASE, "Filler");
     while (machine.periodic().size() < 131072)
-        machine.putPeriodic(filler);
+        machine.unsafe_addPeriodicService(filler);
 
     EXPECT_FALSE(offer(offered("New")));
     EXPECT_FALSE(offer(offered("New")));
