@@ -94,11 +94,12 @@ const std::string searchedNobody = Packets::configurationOption({"otherserv=Nobo
 TEST_P(ManyEntriesTest, CostWhatEachOfThemCosts)
 {
     const Milliseconds few = timeToHandle(400);
-    const Milliseconds many = timeToHandle(4000);
+    Milliseconds many = timeToHandle(4000);
+    for (int i = 0; i < 3 && many / few >= 15; ++i)  // other work on the machine takes its caches
+        many = std::min(many, timeToHandle(4000));
 
     RecordProperty("milliseconds", std::to_string(many.count()));
-    constexpr int limit = 30;  // ten times as many; a hundred if each cost as much as all of them
-    EXPECT_LT(many / few, limit) << "4000 entries take " << many.count() << " ms, 400 take " << few.count();
+    EXPECT_LT(many / few, 15) << "4000 entries take " << many.count() << " ms, 400 take " << few.count();
 }
 
 using LargeConfigurationTest = ManyEntriesTest;
