@@ -17,12 +17,6 @@ namespace Nubo::ServiceDiscovery::Testing {
 
 namespace {
 
-#ifdef __SANITIZE_THREAD__
-constexpr int valueStep = 5;  // there is no other thread: a sample will do
-#else
-constexpr int valueStep = 1;
-#endif
-
 /// A field of a datagram that holds a length.
 struct LengthField
 {
@@ -91,12 +85,12 @@ struct GoldenPacketMutationTest : ::testing::TestWithParam<Specimen>
         }
     }
 
-    void handleOtherValuesOfEveryByte()
+    void handleEveryValueOfEveryByte()
     {
         Multicast::MulticastDataPtr mutated = Packets::datagram(golden);
         for (char& byte : mutated->buffer) {
             const char good = byte;
-            for (int value = 0; value < 256; value += valueStep) {
+            for (int value = 0; value < 256; ++value) {
                 byte = static_cast<char>(value);
                 engine.handle(mutated);
             }
@@ -119,7 +113,7 @@ TEST_P(GoldenPacketMutationTest, NoMutationHarmsTheEngine)
         const LogLimit silence(LogLimit::none);
         handleTruncations();
         handleWrongLengths();
-        handleOtherValuesOfEveryByte();
+        handleEveryValueOfEveryByte();
     }
 
     expectHandledAsItShouldBe();
