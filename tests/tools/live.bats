@@ -24,8 +24,12 @@ open_terminal() {
     await 10 sees '^\$'
 }
 
-# enter LINE: typed at the terminal, with the key that ends it. press KEY...
+# enter LINE: typed at the terminal, with the key that ends it. enter_anew LINE: on an empty screen. press KEY...
 enter() { on_terminal send-keys "$1" Enter; }
+enter_anew() {
+    on_terminal send-keys -R
+    enter "$1"
+}
 press() { on_terminal send-keys "$@"; }
 
 # sees PATTERN: whether a line that the terminal shows matches; not_sees PATTERN: whether none does.
@@ -35,6 +39,9 @@ screen() { on_terminal capture-pane -p; }
 
 await_sight() { await 10 sees "$1" || fail "$(screen)"; }
 await_no_sight() { await 10 not_sees "$1" || fail "$(screen)"; }
+
+# run_seen LINE: a command that writes the number of its process to the file "pid", and at its end its exit code.
+run_seen() { enter_anew "bash -c 'echo \$\$ >pid; exec $1'; echo \"ended \$?\""; }
 
 # services COUNT: a file with that many.
 services() {
@@ -68,8 +75,8 @@ services() {
     not_sees 'said before'
     press q
     await_sight '^said before$'
-    sees '^unit fd00::1, port 30491: 0 discovered, 3 announced$'
-    sees '^Service1002  tcp \[fd00::1\]:1002  own  '
+    await_sight '^unit fd00::1, port 30491: 0 discovered, 3 announced$'
+    await_sight '^Service1002  tcp \[fd00::1\]:1002  own  '
     enter 'stty -g >after; echo said after'
     await_sight '^said after$'
     cmp "$out/before" "$out/after"
@@ -80,7 +87,7 @@ services() {
     open_terminal a
     enter 'nubo-sd announce --file services.json'
     await_sight 'rows 1 to 21 of 50$'
-    sees '^Service1020 '
+    await_sight '^Service1020 '
     press Down
     await_sight 'rows 2 to 22 of 50$'
     press PageDown
@@ -93,9 +100,9 @@ services() {
     await_sight '^Service1000 '
 
     on_terminal resize-window -x 40 -y 10
+    await_sight '^NAME .* TTL +>$'
     await_sight '^Service1006 '
-    not_sees '^Service1007 '
-    sees '^NAME .* TTL +>$'
+    await_no_sight '^Service1007 '
     on_terminal resize-window -x 200 -y 60
     await_sight '^Service1049 .* 1\.0\.0$'
     press C-c
@@ -118,21 +125,26 @@ services() {
 
 @test "signals and the duration end it in order" {
     open_terminal b
-    for way in 'timeout --foreground -s INT 1 nubo-sd browse' 'timeout --foreground 1 nubo-sd browse' 'nubo-sd --duration 1 browse'; do
-        enter "clear; $way; echo \"ended \$?\""
+    for signal in INT TERM; do
+        run_seen 'nubo-sd browse'
         await_sight '^q quits'
-        await_sight '^ended (0|124)$'
+        kill "-$signal" "$(cat "$out/pid")"
+        await_sight '^ended 0$'
         sees '^NAME '
     done
+    run_seen 'nubo-sd --duration 3 browse'
+    await_sight '^q quits'
+    await_sight '^ended 0$'
+    sees '^NAME '
 }
 
 @test "the log stands in the last line, and is written when the screen is left" {
     open_terminal b 120 24
     start a a announce Media --port 8080 --version 1.2.0
     enter 'nubo-sd --log-level trace browse'
-    await_sight '^Media '
-    await_sight '^[0-9:.]{12} Trace: '
-    [ "$(screen | grep -c ' Trace: ')" = 1 ]
+    await_sight '^[0-9:.]{12} (Trace|Debug): '
+    await_sight '^Media .* 1(20|19) s    [2-9] s ' # so its offer was received again
+    [ "$(screen | grep -cE '^[0-9:.]{12} (Trace|Debug): ')" = 1 ]
     press q
     await_sight '^[0-9:.]{12} Debug: SDCommunicationHub::stop'
     on_terminal capture-pane -p -S - | grep -q 'Trace: .* re-set TTL of Discovered "Media"'
@@ -151,13 +163,13 @@ services() {
     open_terminal b 160 24
     for way in 'nubo-sd browse --no-live' 'nubo-sd browse | cat' 'TERM=dumb nubo-sd browse' 'TERM= nubo-sd browse' \
         'TERM=nonsense nubo-sd browse'; do
-        enter "clear; $way"
+        enter_anew "$way"
         await_sight '^discovered  Media  1\.2\.0  tcp \[fd00::1\]:8080  http://\[fd00::1\]:8080/Media/  uuid '
         not_sees '^NAME'
         press C-c
-        await_sight '^(\^C)?\$'
+        await_sight '^(\^C)?\$$'
     done
-    enter 'clear; nubo-sd browse --json'
+    enter_anew 'nubo-sd browse --json'
     await_sight '^\{"event":"discovered"'
     press C-c
     stop a
