@@ -27,6 +27,9 @@ end_capture() {
     rm "$out/capture.pid"
 }
 
+# captured_batch: whether several packets were seen in one datagram, as the offers that have settled go out.
+captured_batch() { decode -T fields -e someip.sessionid | awk -F, 'NF >= 7 { found = 1 } END { exit !found }'; }
+
 captured() { [ "$(decode 2>/dev/null | wc -l)" -ge "$1" ]; }
 
 decode() { tshark -r "$out/capture.pcapng" -d udp.port==30491,someip "$@" 2>/dev/null; }
@@ -46,7 +49,8 @@ expected $2"
 @test "an analyser finds no fault in offers, stop-offers and finds" {
     start_capture
     start a a announce Media --port 8080 --version 1.2.0 --version '~1.3.1' --category audio
-    run_on b find Navi --timeout 1.2
+    run_on b find Navi --timeout 2
+    await 20 captured 9
     stop a
     end_capture 10
 
@@ -97,7 +101,7 @@ expected $2"
 @test "a stop-offer is the offer with TTL 0" {
     start_capture
     start a a announce Media --port 8080 --version 1.0.0
-    sleep 1.2 # the announcement has settled
+    await 20 captured 5 # the announcement has settled
     stop a
     end_capture 6
 
@@ -108,7 +112,7 @@ expected $2"
 
 @test "a find names the service and leaves everything else open" {
     start_capture
-    run_on b find Navi --timeout 1
+    run_on b find Navi --timeout 3
     end_capture 4
 
     equals "$(fields someipsd someip.sessionid | tr '\n' ' ')" "0x0001 0x0002 0x0003 0x0004 "
@@ -124,12 +128,10 @@ expected $2"
     jq -nc '[range(30) | {name: "Service\(.)", versions: ["1.0.0"], port: (8000 + .)}]' >"$out/services.json"
     start_capture
     start a a announce --file "$out/services.json"
-    sleep 2.5 # all have settled: one batch a second
+    await 30 captured_batch
     stop a
     end_capture 120
 
     equals "$(decode -Y '_ws.malformed || _ws.expert' | head -n 3)" ""
     equals "$(decode -Y 'udp.length > 1220' | head -n 3)" ""
-    # A batch: several packets in one datagram.
-    decode -Y 'frame.number > 1' -T fields -e someip.sessionid | awk -F, 'NF >= 7 { found = 1 } END { exit !found }'
 }

@@ -89,6 +89,7 @@ two_links() {
 @test "each event has its time where that is asked for" {
     two_units
     start a a --json announce Media --time --port 8080 --version 1.2.0
+    await 10 has a announced Media
     TZ=UTC-01:30 run_on b find Media --time
     stop a
 
@@ -129,6 +130,7 @@ two_links() {
 @test "the duration ends a run in order" {
     two_units
     start b b --json browse
+    await 10 has_membership b
 
     run_on a --json --duration 0.5 announce Media --port 8080 --version 1.0.0
 
@@ -156,6 +158,8 @@ two_links() {
     unit c eth0=fd00::3
     start a a announce Media --port 8080 --version 1.0.0
     start b b announce Media --port 8081 --version 2.0.0
+    await 10 has_line a.out announced
+    await 10 has_line b.out announced
 
     run_on c --json find Media
 
@@ -179,7 +183,6 @@ two_links() {
 @test "find is answered out of turn" {
     two_units
     start a a --log-level trace announce Media --port 8080 --version 1.0.0
-    sleep 1 # the announcement has settled: from now on there is one offer a second
     await_offer a
 
     run_on b find Media
@@ -191,7 +194,6 @@ two_links() {
 @test "browse sends out the searches that it is asked for" {
     two_units
     start a a --log-level trace announce Media --port 8080 --version 1.0.0
-    sleep 1
     await_offer a
 
     start b b browse --find Media --find Navi
