@@ -1128,7 +1128,7 @@ TEST_F(SDStateMachineEventsTest, WorkloadThatIsFullTakesInNoFurtherService)
     SDClock::turn(second);
     EXPECT_FALSE(offer(offered("New")));
     EXPECT_THAT(log.complaints(), ElementsAre(refusals("1"), refusals("3")));
-    EXPECT_EQ(engine.registry.events().size(), 1u);
+    EXPECT_EQ(engine.registry.eventCount(), 1u);
 
     EXPECT_TRUE(stopOffer(offered("Known")));
     EXPECT_TRUE(offer(offered("New"))) << "there is room again";

@@ -119,8 +119,8 @@ TEST_F(TwoUnitsTest, BothDirectionsWorkAtOnce)
     ASSERT_TRUE(discovery(other, "Media"));
     ASSERT_TRUE(discovery(one, "Navi"));
     EXPECT_EQ(discovery(one, "Navi")->description.getUri(), "http://[fd00::2]:9090/Navi/");
-    EXPECT_EQ(one.registry().events().size(), 1u) << "nothing of its own";
-    EXPECT_EQ(other.registry().events().size(), 1u);
+    EXPECT_EQ(one.registry().eventCount(), 1u) << "nothing of its own";
+    EXPECT_EQ(other.registry().eventCount(), 1u);
 }
 
 TEST_F(TwoUnitsTest, RepeatedOffersAreReportedOnce)
@@ -131,7 +131,7 @@ TEST_F(TwoUnitsTest, RepeatedOffersAreReportedOnce)
     one.discovery().addService(describe("Media", "fd00::1", 8080, "media"));
 
     EXPECT_TRUE(listener.hears(6));
-    EXPECT_EQ(other.registry().events().size(), 1u);
+    EXPECT_EQ(other.registry().eventCount(), 1u);
 }
 
 TEST_F(TwoUnitsTest, RemovedServiceIsGoneOnceWithTheRegistrysIdentifier)
@@ -146,7 +146,7 @@ TEST_F(TwoUnitsTest, RemovedServiceIsGoneOnceWithTheRegistrysIdentifier)
     ASSERT_TRUE(isGone(other, "Media"));
     EXPECT_EQ(other.registry().events().back().uuid, "uuid-1");
     EXPECT_TRUE(eventually([&] { return listener.datagrams().size() >= 3; })) << "stop-offers";
-    EXPECT_TRUE(keeps([&] { return other.registry().events().size() == 2; }, std::chrono::seconds(2)));
+    EXPECT_TRUE(keeps([&] { return other.registry().eventCount() == 2; }, std::chrono::seconds(2)));
 }
 
 TEST_F(TwoUnitsTest, SameServiceAddedAgainIsDiscoveredAgain)
@@ -224,7 +224,7 @@ TEST_F(TwoUnitsTest, UnitThatFallsSilentIsGoneWhenTheTimeToLiveIsOver)
     SDClock::turn(121 * 1000000);
 
     EXPECT_TRUE(isGone(other, "Media"));
-    EXPECT_EQ(other.registry().events().size(), 2u);
+    EXPECT_EQ(other.registry().eventCount(), 2u);
 }
 
 TEST_F(TwoUnitsTest, SearchIsSentFourTimesAndFindsTheService)
@@ -255,7 +255,7 @@ TEST_F(TwoUnitsTest, SearchedServiceIsDiscovered)
     other.discovery().addService(describe("Media", "fd00::2", 8080, "media"));
 
     EXPECT_TRUE(discovery(one, "Media"));
-    EXPECT_EQ(one.registry().events().size(), 1u);
+    EXPECT_EQ(one.registry().eventCount(), 1u);
 }
 
 /// The cyclic offers of two services share a datagram; an answer stands alone.
@@ -297,13 +297,13 @@ TEST_F(TwoUnitsTest, FiftyServicesAtOnceAreAllDiscoveredAndAllGone)
             describe(name, "fd00::1", static_cast<unsigned short>(8000 + i), name)));
     }
 
-    EXPECT_TRUE(eventually([&] { return other.registry().events().size() == number; }));
+    EXPECT_TRUE(eventually([&] { return other.registry().eventCount() == number; }));
     for (std::size_t i = 0; i < number; ++i)
         EXPECT_EQ(other.registry().discovered("Service" + std::to_string(i)), 1u) << i;
 
     for (std::size_t i = 0; i < number; ++i)
         EXPECT_TRUE(one.discovery().removeService("Service" + std::to_string(i)));
-    EXPECT_TRUE(eventually([&] { return other.registry().events().size() == 2 * number; }));
+    EXPECT_TRUE(eventually([&] { return other.registry().eventCount() == 2 * number; }));
     for (std::size_t i = 0; i < number; ++i)
         EXPECT_EQ(other.registry().gone("Service" + std::to_string(i)), 1u) << i;
 }
@@ -343,7 +343,7 @@ TEST(UnitsTest, UnitWithTwoPortsOnOneSegmentNeverDiscoversItself)
     other.discovery().addService(describe("Navi", "fd00::2", 9090, "navi"));
     EXPECT_TRUE(eventually([&] { return one.registry().discovered("Navi") == 1; }));
 
-    EXPECT_EQ(one.registry().events().size(), 1u);
+    EXPECT_EQ(one.registry().eventCount(), 1u);
 }
 
 TEST(UnitsTest, EachNeighbourLearnsTheAddressOfItsOwnLink)

@@ -4,7 +4,6 @@
 
 #include <Poco/Channel.h>
 
-#include <algorithm>
 #include <map>
 #include <mutex>
 #include <utility>
@@ -56,6 +55,19 @@ public:
     {
         const std::lock_guard<std::mutex> lock(m_mutex);
         return m_messages;
+    }
+
+    /// The lines of the messages for which that holds.
+    template <class Condition>
+    std::vector<std::string> linesWhere(Condition condition) const
+    {
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        std::vector<std::string> result;
+        for (const Poco::Message& message : m_messages) {
+            if (condition(message))
+                result.push_back(message.getText());
+        }
+        return result;
     }
 
 private:
@@ -110,30 +122,19 @@ std::vector<Poco::Message> LogCatcher::messages() const
 
 std::vector<std::string> LogCatcher::lines() const
 {
-    std::vector<std::string> result;
-    for (const Poco::Message& message : messages())
-        result.push_back(message.getText());
-    return result;
+    return catching().linesWhere([](const Poco::Message&) { return true; });
 }
 
 std::vector<std::string> LogCatcher::lines(Poco::Message::Priority level) const
 {
-    std::vector<std::string> result;
-    for (const Poco::Message& message : messages()) {
-        if (message.getPriority() == level)
-            result.push_back(message.getText());
-    }
-    return result;
+    return catching().linesWhere(
+        [=](const Poco::Message& message) { return message.getPriority() == level; });
 }
 
 std::vector<std::string> LogCatcher::complaints() const
 {
-    std::vector<std::string> result;
-    for (const Poco::Message& message : messages()) {
-        if (message.getPriority() <= Poco::Message::PRIO_WARNING)
-            result.push_back(message.getText());
-    }
-    return result;
+    return catching().linesWhere(
+        [](const Poco::Message& message) { return message.getPriority() <= Poco::Message::PRIO_WARNING; });
 }
 
 bool LogCatcher::has(const std::string& line) const
@@ -143,8 +144,9 @@ bool LogCatcher::has(const std::string& line) const
 
 std::size_t LogCatcher::count(const std::string& line) const
 {
-    const std::vector<std::string> all = lines();
-    return static_cast<std::size_t>(std::count(all.begin(), all.end(), line));
+    return catching()
+        .linesWhere([&](const Poco::Message& message) { return message.getText() == line; })
+        .size();
 }
 
 void LogCatcher::clear()

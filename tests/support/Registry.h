@@ -4,6 +4,8 @@
 
 #include <Poco/Delegate.h>
 
+#include <algorithm>
+#include <cstddef>
 #include <functional>
 #include <mutex>
 #include <string>
@@ -34,19 +36,27 @@ public:
     Registry(const Registry&) = delete;
     Registry& operator=(const Registry&) = delete;
 
-    std::vector<Event> events() const
+    /// What it was told, but for the first so many.
+    std::vector<Event> events(std::size_t first = 0) const
     {
         const std::lock_guard<std::mutex> lock(m_mutex);
-        return m_events;
+        return {m_events.begin() + static_cast<std::ptrdiff_t>(first), m_events.end()};
+    }
+
+    std::size_t eventCount() const
+    {
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        return m_events.size();
     }
 
     /// How many events of that type there were about services of that name.
     std::size_t count(ServiceDiscovery::EventType type, const std::string& name) const
     {
-        std::size_t result = 0;
-        for (const Event& event : events())
-            result += (event.type == type && event.name == name) ? 1 : 0;
-        return result;
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        const auto found = std::count_if(m_events.begin(), m_events.end(), [&](const Event& event) {
+            return event.type == type && event.name == name;
+        });
+        return static_cast<std::size_t>(found);
     }
     std::size_t discovered(const std::string& name) const
     {

@@ -19,7 +19,7 @@ await_offer() {
     await 5 has_more_offers "$1" "$before"
 }
 
-offers() { grep -c 'Trace: SDCommunicationHub::announce$' "$out/$1.err" || true; }
+offers() { grep -s 'Trace: SDCommunicationHub::announce$' "$out/$1.err" | wc -l; }
 
 has_more_offers() { [ "$(offers "$1")" -gt "$2" ]; }
 

@@ -14,28 +14,30 @@ namespace {
 
 using Json = nlohmann::json;
 
-/// The texts of a list, its repetitions written out.
-std::vector<std::string> texts(const Json& list)
+/// What `read` makes of the texts of a list, one behind the other, repetitions written out.
+template <class Result, class Read>
+Result writtenOut(const Json& list, Read read)
 {
-    std::vector<std::string> result;
+    Result result;
     for (const Json& element : list) {
-        if (element.is_string()) {
-            result.push_back(element);
-            continue;
-        }
-        const std::vector<std::string> repeated = texts(element.at("of"));
-        for (std::size_t times = element.at("times"); times > 0; --times)
-            result.insert(result.end(), repeated.begin(), repeated.end());
+        const bool isText = element.is_string();
+        const Result part =
+            isText ? read(element.get<std::string>()) : writtenOut<Result>(element.at("of"), read);
+        for (std::size_t times = isText ? 1 : element.at("times").get<std::size_t>(); times > 0; --times)
+            result.insert(result.end(), part.begin(), part.end());
     }
     return result;
 }
 
+std::vector<std::string> texts(const Json& list)
+{
+    using Texts = std::vector<std::string>;
+    return writtenOut<Texts>(list, [](const std::string& text) { return Texts{text}; });
+}
+
 std::string bytes(const Json& hex)
 {
-    std::string result;
-    for (const std::string& text : texts(hex))
-        result += fromHex(text);
-    return result;
+    return writtenOut<std::string>(hex, fromHex);
 }
 
 /// A line may hold bytes from the network as they came, and JSON none but those of UTF-8.
