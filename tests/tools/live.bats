@@ -138,6 +138,20 @@ services() {
     sees '^NAME '
 }
 
+@test "services are withdrawn when the terminal is closed" {
+    local way service
+    start b b --json browse
+    for way in 'announce Media' 'announce Navi --no-live'; do
+        open_terminal a
+        enter "nubo-sd $way --port 8080 --version 1.2.0"
+        service=$(cut -d ' ' -f 2 <<<"$way")
+        await 10 has b discovered "$service"
+        on_terminal kill-server
+        await 10 has b gone "$service" # not when its offer has expired, which takes two minutes
+    done
+    stop b
+}
+
 @test "the log stands in the last line, and is written when the screen is left" {
     open_terminal b 120 24
     start a a announce Media --port 8080 --version 1.2.0

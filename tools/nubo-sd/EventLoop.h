@@ -10,7 +10,7 @@
 namespace NuboSd {
 
 /// Where the main thread waits: for a signal that ends the run, for another thread that has something for
-/// it, for a deadline. To be made before any thread is started: it blocks SIGINT and SIGTERM for all.
+/// it, for a deadline. To be made before any thread is started: it blocks SIGINT, SIGTERM and SIGHUP for all.
 class EventLoop
 {
 public:
@@ -42,7 +42,7 @@ public:
     static Deadline after(double seconds);
 
 private:
-    const Signals m_signals{SIGINT, SIGTERM};
+    const Signals m_signals{SIGINT, SIGTERM, SIGHUP};
     const int m_wakeUps;
 };
 

@@ -11,12 +11,20 @@ namespace NuboSd {
 
 namespace {
 
+bool isIgnored(int number)
+{
+    struct sigaction action = {};
+    return ::sigaction(number, nullptr, &action) == 0 && action.sa_handler == SIG_IGN;
+}
+
 int openSignals(std::initializer_list<int> numbers)
 {
     sigset_t signals;
     ::sigemptyset(&signals);
-    for (const int number : numbers)
-        ::sigaddset(&signals, number);
+    for (const int number : numbers) {
+        if (number != SIGHUP || !isIgnored(SIGHUP))
+            ::sigaddset(&signals, number);
+    }
     ::pthread_sigmask(SIG_BLOCK, &signals, nullptr);
     const int descriptor = ::signalfd(-1, &signals, SFD_CLOEXEC | SFD_NONBLOCK);
     if (descriptor < 0)

@@ -6,7 +6,7 @@
 namespace NuboSd {
 
 /// Signals that come through a descriptor instead of interrupting. To be made before any thread is started:
-/// it blocks them for all.
+/// it blocks them for all. A hang-up that is ignored, as nohup has it, stays so.
 class Signals
 {
 public:
