@@ -89,9 +89,24 @@ run_tests() {
     if [ "$total" = 0 ]; then
         echo "No test matches: $pattern"
     elif [ "$status" != 0 ]; then
+        repeat_failures
         echo "To run one again:  ./test.sh$([ "$form" = asan ] || echo " --$form") -k NAME"
     fi
     return "$status"
+}
+
+# Once more where one looks first: the last that the failed tests printed.
+repeat_failures() {
+    awk '
+        sub(/^[0-9]+\/[0-9]+ Testing: /, "") { name = $0 }
+        $0 == "Output:" { count = -1; next } # a line of dashes comes before what it printed
+        $0 == "<end of output>" { end = count }
+        $0 == "Test Failed." {
+            print "\n--- " name
+            for (i = end > 50 ? end - 50 : 0; i < end; ++i) print line[i]
+        }
+        { line[count++] = $0 }
+        END { print "" }' "build-$form/Testing/Temporary/LastTest.log"
 }
 
 # count WHAT: a figure of the results' first element.
