@@ -150,8 +150,8 @@ LINES
     unit a eth0=fd00::1 eth1=fd01::1
     start other a monitor --interface eth1 --duration 4
     start announcer a announce Media --port 8080 --version 1.2.0 --address fd00::1
-    await 10 has_line other.out 'eth1    fd01::1       offer       Media  tcp \[fd01::1\]:8080'
-    await 10 not_running other
+    await 5 has_line other.out 'eth1    fd01::1       offer       Media  tcp \[fd01::1\]:8080'
+    await 5 not_running other
     run ! grep -v ' eth1 ' "$out/other.out"
     rm "$out/other.pid"
     stop announcer
