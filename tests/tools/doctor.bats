@@ -132,6 +132,18 @@ is_duplicate() { on "$1" ip -o address show dev eth0 | grep -q "$2.*dadfailed"; 
     tells "bad   IPv6 is disabled on all interfaces - sysctl -w net.ipv6.conf.all.disable_ipv6=0"
 }
 
+@test "the cure for an interface of a VLAN names it as the command needs it" {
+    unit a eth0.10=fd00::1
+    setting a eth0.10/disable_ipv6 1
+    doctor a 1
+    tells "note  eth0.10 is not used: IPv6 is disabled on it - sysctl -w net.ipv6.conf.eth0/10.disable_ipv6=0"
+
+    on a sysctl -w net.ipv6.conf.eth0/10.disable_ipv6=0
+    on a ip address add fd00::1/64 dev eth0.10 nodad
+    doctor a 0
+    tells "note  addresses of eth0.10 are not checked for duplicates - sysctl -w net.ipv6.conf.eth0/10.accept_dad=1"
+}
+
 @test "a group that cannot be reached is bad" {
     unit a eth0=fd00::1
     on a ip -6 route delete table local multicast ff00::/8 dev eth0

@@ -55,6 +55,13 @@ private:
     bool m_isAnyBad = false;
 };
 
+/// What sets a kernel's setting of an interface, in which the dot of a VLAN's name, eth0.10, is a slash.
+std::string commandToSet(std::string interface, const std::string& setting)
+{
+    std::replace(interface.begin(), interface.end(), '.', '/');
+    return "sysctl -w net.ipv6.conf." + interface + '.' + setting;
+}
+
 class Doctor
 {
 public:
@@ -109,11 +116,10 @@ private:
     void lookAtSettings()
     {
         if (ipv6Setting("all", "disable_ipv6") == 1)
-            m_findings.bad("IPv6 is disabled on all interfaces",
-                           "sysctl -w net.ipv6.conf.all.disable_ipv6=0");
+            m_findings.bad("IPv6 is disabled on all interfaces", commandToSet("all", "disable_ipv6=0"));
         else if (ipv6Setting("default", "disable_ipv6") == 1)
             m_findings.note("IPv6 is disabled on interfaces that are yet to come",
-                            "sysctl -w net.ipv6.conf.default.disable_ipv6=0");
+                            commandToSet("default", "disable_ipv6=0"));
     }
 
     void lookAtInterface(const InterfaceState& interface)
@@ -145,7 +151,7 @@ private:
             std::max(ipv6Setting("all", "accept_dad"), ipv6Setting(interface.name, "accept_dad")) > 0;
         if (isUsed(interface) && !isChecked)
             m_findings.note("addresses of " + interface.name + " are not checked for duplicates",
-                            "sysctl -w net.ipv6.conf." + interface.name + ".accept_dad=1");
+                            commandToSet(interface.name, "accept_dad=1"));
     }
 
     void tellWhyUnused(const InterfaceState& interface)
@@ -170,7 +176,7 @@ private:
             tell("it cannot multicast", "ip link set " + interface.name + " multicast on");
         else if (ipv6Setting(interface.name, "disable_ipv6") == 1)
             tell("IPv6 is disabled on it",
-                 "sysctl -w net.ipv6.conf." + interface.name + ".disable_ipv6=0" +
+                 commandToSet(interface.name, "disable_ipv6=0") +
                      (ipv6Setting(interface.name, "accept_dad") > 1
                           ? "; the kernel does so when another unit has the link-local address"
                           : ""));
