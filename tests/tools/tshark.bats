@@ -28,7 +28,9 @@ end_capture() {
 }
 
 # captured_batch: whether several packets were seen in one datagram, as the offers that have settled go out.
-captured_batch() { decode -T fields -e someip.sessionid | awk -F, 'NF >= 7 { found = 1 } END { exit !found }'; }
+captured_batch() {
+    decode -Y 'frame.number > 1' -T fields -e someip.sessionid | awk -F, 'NF >= 7 { found = 1 } END { exit !found }'
+}
 
 captured() { [ "$(decode 2>/dev/null | wc -l)" -ge "$1" ]; }
 
