@@ -5,13 +5,18 @@
 #include <KELOEMInterfaceLib/ManualDispatcher.h>
 
 #include <Poco/Delegate.h>
+#include <Poco/Exception.h>
 
 #include <atomic>
 #include <chrono>
 #include <cstdlib>
+#include <functional>
 #include <memory>
+#include <ostream>
+#include <stdexcept>
 #include <string>
 #include <thread>
+#include <type_traits>
 #include <utility>
 #include <vector>
 
@@ -41,6 +46,18 @@ struct LinuxDispatcherTest : ::testing::Test
 
     ManualDispatcher dispatcher;
 };
+
+struct Thrown
+{
+    const char* name;
+    std::function<void()> raise;
+    std::string text;  ///< in the log
+
+    friend std::ostream& operator<<(std::ostream& stream, const Thrown& row) { return stream << row.text; }
+};
+
+struct ThrowingDelegateTest : LinuxDispatcherTest, ::testing::WithParamInterface<Thrown>
+{};
 
 }  // namespace
 
@@ -246,6 +263,77 @@ TEST_F(LinuxDispatcherTest, DelegateMayEndItsOwnBinding)
     EXPECT_THAT(reports.lines(), ElementsAre("+eth0 fd00::1"));
 }
 
+TEST_P(ThrowingDelegateTest, CostsNobodyAReportAndIsLogged)
+{
+    const LogCatcher log;
+    Reports throwing(dispatcher);
+    const Reports other(dispatcher);
+    throwing.onReport(GetParam().raise);
+
+    dispatcher.addInterface("eth0", "fd00::1");
+    dispatcher.removeInterface("eth0", "fd00::1");
+
+    EXPECT_THAT(throwing.lines(), ElementsAre("+eth0 fd00::1", "-eth0 fd00::1"));
+    EXPECT_EQ(other.lines(), throwing.lines());
+    EXPECT_THAT(log.lines(), ElementsAre("Error: LinuxDispatcher - a delegate failed to add the interface "
+                                         "\"eth0\" @ [fd00::1]: " +
+                                             GetParam().text,
+                                         "Error: LinuxDispatcher - a delegate failed to remove the interface "
+                                         "\"eth0\" @ [fd00::1]: " +
+                                             GetParam().text));
+    EXPECT_THAT(log.errors(), SizeIs(2));
+}
+
+INSTANTIATE_TEST_SUITE_P(Exceptions, ThrowingDelegateTest,
+                         ::testing::Values(Thrown{"OfPoco", [] { throw Poco::IOException("disk full"); },
+                                                  "I/O error: disk full"},
+                                           Thrown{"OfTheStandardLibrary",
+                                                  [] { throw std::runtime_error("too much"); }, "too much"},
+                                           Thrown{"OfAnyOtherType", [] { throw 42; }, "unknown exception"}),
+                         [](const auto& row) { return row.param.name; });
+
+TEST_F(LinuxDispatcherTest, DelegateThatThrowsOnAStandingInterfaceIsBoundAndGetsTheOthers)
+{
+    const LogCatcher log;
+    dispatcher.addInterface("eth0", "fd00::1");
+    dispatcher.addInterface("eth1", "fd01::1");
+    struct
+    {
+        void onAdded(AddServiceDiscoveryInterfacePayload& payload)
+        {
+            names.emplace_back(payload.eventData.pInterfaceName);
+            throw std::runtime_error("too much");
+        }
+        std::vector<std::string> names;
+    } throwing;
+
+    const auto binding = dispatcher.bindResponse(
+        Poco::delegate(&throwing, &std::remove_reference_t<decltype(throwing)>::onAdded));
+    dispatcher.addInterface("eth2", "fd02::1");
+
+    EXPECT_THAT(throwing.names, ElementsAre("eth0", "eth1", "eth2"));
+    EXPECT_THAT(log.errors(),
+                ElementsAre("Error: LinuxDispatcher - a delegate failed to add the interface \"eth0\" @ "
+                            "[fd00::1]: too much",
+                            "Error: LinuxDispatcher - a delegate failed to add the interface \"eth1\" @ "
+                            "[fd01::1]: too much",
+                            "Error: LinuxDispatcher - a delegate failed to add the interface \"eth2\" @ "
+                            "[fd02::1]: too much"));
+}
+
+TEST_F(LinuxDispatcherTest, DelegateThatThrowsCostsNobodyAReportWhenTheLogThrowsToo)
+{
+    LogCatcher log;
+    log.onLine([](const std::string&) { throw std::runtime_error("no disk"); });
+    Reports throwing(dispatcher);
+    const Reports other(dispatcher);
+    throwing.onReport([] { throw std::runtime_error("too much"); });
+
+    dispatcher.addInterface("eth0", "fd00::1");
+
+    EXPECT_THAT(other.lines(), ElementsAre("+eth0 fd00::1"));
+}
+
 TEST_F(LinuxDispatcherTest, NobodyWhoBindsMeanwhileMissesAReportOrGetsItTwice)
 {
     constexpr int number = 200;
@@ -315,6 +403,31 @@ TEST_F(LinuxDispatcherTest, EventMemoryKeepsTheNewestThousandEntries)
     EXPECT_EQ(entries.size(), 1000u);
     EXPECT_EQ(entries.front().port, 2);
     EXPECT_EQ(entries.back().port, 1001);
+}
+
+TEST_F(LinuxDispatcherTest, EventMemoryKeepsWhatTheLogFailsToWrite)
+{
+    LogCatcher log;
+    log.onLine([](const std::string&) { throw std::runtime_error("no disk"); });
+
+    EXPECT_NO_THROW(dispatcher.callLogEvent("Media", "http", "fd00::9", 8080));
+
+    EXPECT_THAT(dispatcher.logEntries(), SizeIs(1));
+}
+
+TEST_F(LinuxDispatcherTest, MissingTextOfTheEventMemoryIsEmpty)
+{
+    const LogCatcher log;
+
+    dispatcher.callLogEvent(nullptr, nullptr, nullptr, 8080);
+
+    ASSERT_THAT(dispatcher.logEntries(), SizeIs(1));
+    const LinuxDispatcher::LogEntry entry = dispatcher.logEntries().front();
+    EXPECT_EQ(entry.name, "");
+    EXPECT_EQ(entry.protocol, "");
+    EXPECT_EQ(entry.ip, "");
+    EXPECT_EQ(entry.port, 8080);
+    EXPECT_THAT(log.lines(), ElementsAre("Notice: Event memory:  service \"\" @ []:8080"));
 }
 
 }  // namespace Nubo::ServiceDiscovery::Testing

@@ -14,6 +14,38 @@ OEMDispatcherSyncCallDefinitions::~OEMDispatcherSyncCallDefinitions() = default;
 
 namespace {
 
+void logFailure(const char* what, const std::string& name, const std::string& ip)
+{
+    Logging::LogStream log(Logging::Log::Logger(), Poco::Message::PRIO_ERROR);
+    log.addDefaultOutput(__FILE__, __LINE__);
+    log << "Error: LinuxDispatcher - a delegate failed to " << what << " the interface \"" << name << "\" @ ["
+        << ip << "]: " << Logging::currentException << '\n';
+}
+
+const char* verbOf(const AddServiceDiscoveryInterfacePayload&)
+{
+    return "add";
+}
+
+const char* verbOf(const RemoveServiceDiscoveryInterfacePayload&)
+{
+    return "remove";
+}
+
+/// Delivers one report to one delegate. An exception ends here: it must not cost others their report.
+template <class Payload>
+void deliver(Poco::AbstractDelegate<Payload>& delegate, const void* sender, const std::string& name,
+             const std::string& ip)
+{
+    Payload payload{{name.c_str(), ip.c_str()}};
+    try {
+        delegate.notify(sender, payload);
+    }
+    catch (...) {
+        logFailure(verbOf(payload), name, ip);
+    }
+}
+
 /// The delegates bound to one kind of report. Guarded by the dispatcher's delivery mutex.
 ///
 /// Not a Poco event: that locks each delegate while it runs, so that a delegate which calls the dispatcher
@@ -23,13 +55,13 @@ struct Delegates
 {
     using Ptr = std::shared_ptr<Poco::AbstractDelegate<Payload>>;
 
-    void notify(const void* sender, Payload& payload)
+    void notify(const void* sender, const std::string& name, const std::string& ip)
     {
         // A delegate may bind further ones, and end bindings.
         const std::vector<Ptr> snapshot = bound;
         for (const Ptr& one : snapshot) {
             if (std::find(bound.begin(), bound.end(), one) != bound.end())
-                one->notify(sender, payload);
+                deliver(*one, sender, name, ip);
         }
     }
 
@@ -53,10 +85,9 @@ struct LinuxDispatcher::State
 
 namespace {
 
-template <class Payload>
-Payload makePayload(const std::string& name, const std::string& ip)
+const char* orEmpty(const char* text)
 {
-    return Payload{{name.c_str(), ip.c_str()}};
+    return text ? text : "";
 }
 
 /// Holds one delegate. Taking it off waits for a delivery to end.
@@ -101,10 +132,8 @@ ResponseBindingPtr LinuxDispatcher::bindResponse(
         new DelegateBinding<State, AddServiceDiscoveryInterfacePayload>(m_state, m_state->added, delegate);
 
     const std::unique_ptr<Poco::AbstractDelegate<AddServiceDiscoveryInterfacePayload>> copy(delegate.clone());
-    for (const Interface& standing : interfaces()) {
-        auto payload = makePayload<AddServiceDiscoveryInterfacePayload>(standing.name, standing.ip);
-        copy->notify(this, payload);
-    }
+    for (const Interface& standing : interfaces())
+        deliver(*copy, this, standing.name, standing.ip);
     return binding;
 }
 
@@ -118,14 +147,15 @@ ResponseBindingPtr LinuxDispatcher::bindResponse(
 void LinuxDispatcher::callLogEvent(char const* name, char const* protocol, char const* ip,
                                    unsigned short port)
 {
+    const LogEntry entry{orEmpty(name), orEmpty(protocol), orEmpty(ip), port};
     {
         Logging::LogStream log(Logging::Log::Logger(), Poco::Message::PRIO_NOTICE);
         log.addDefaultOutput(__FILE__, __LINE__);
-        log << "Notice: Event memory: " << protocol << " service \"" << name << "\" @ [" << ip << "]:" << port
-            << '\n';
+        log << "Notice: Event memory: " << entry.protocol << " service \"" << entry.name << "\" @ ["
+            << entry.ip << "]:" << port << '\n';
     }
     const std::lock_guard<std::mutex> lock(m_state->eventMemoryMutex);
-    m_state->eventMemory.push_back({name, protocol, ip, port});
+    m_state->eventMemory.push_back(entry);
     if (m_state->eventMemory.size() > maxLogEntries)
         m_state->eventMemory.pop_front();
 }
@@ -146,8 +176,7 @@ void LinuxDispatcher::reportAdded(const std::string& name, const std::string& ip
 {
     const std::lock_guard<std::recursive_mutex> lock(m_state->delivery);
     m_state->interfaces.push_back({name, ip});
-    auto payload = makePayload<AddServiceDiscoveryInterfacePayload>(name, ip);
-    m_state->added.notify(this, payload);
+    m_state->added.notify(this, name, ip);
 }
 
 void LinuxDispatcher::reportRemoved(const std::string& name, const std::string& ip)
@@ -160,8 +189,7 @@ void LinuxDispatcher::reportRemoved(const std::string& name, const std::string& 
                                       return all || (interface.name == name && interface.ip == ip);
                                   }),
                    standing.end());
-    auto payload = makePayload<RemoveServiceDiscoveryInterfacePayload>(name, ip);
-    m_state->removed.notify(this, payload);
+    m_state->removed.notify(this, name, ip);
 }
 
 }  // namespace OEMInterface

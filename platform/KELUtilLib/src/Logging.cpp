@@ -1,5 +1,7 @@
 #include <KELUtilLib/Logging.h>
 
+#include <Poco/Exception.h>
+
 namespace Logging {
 
 Poco::Logger& Log::Logger()
@@ -40,6 +42,37 @@ void LogStream::addDefaultOutput(char const* file, int line)
 {
     m_file = file;
     m_line = line;
+}
+
+namespace {
+
+void streamText(std::ostream& stream, const Poco::Exception& exception)
+{
+    try {
+        stream << exception.displayText();
+    }
+    catch (const std::exception&) {
+        stream << exception.what();  // the kind alone takes no memory
+    }
+}
+
+}  // namespace
+
+std::ostream& currentException(std::ostream& stream)
+{
+    try {
+        throw;
+    }
+    catch (const Poco::Exception& exception) {
+        streamText(stream, exception);
+    }
+    catch (const std::exception& exception) {
+        stream << exception.what();
+    }
+    catch (...) {
+        stream << "unknown exception";
+    }
+    return stream;
 }
 
 }  // namespace Logging

@@ -8,9 +8,13 @@
 
 namespace OEMInterface {
 
-/// What the dispatchers of the Linux edition share: who is bound, which interfaces stand reported, and the
-/// event memory, which is kept here and written to the log. All operations are thread-safe. Reports are
-/// delivered one after the other; a delegate may call the dispatcher.
+/// The common part of the Linux edition's dispatchers: the bound delegates, the interfaces that are reported
+/// as present, and the event memory, which is kept here and written to the log. All operations are
+/// thread-safe.
+///
+/// Reports are delivered one after the other; a delegate may call the dispatcher. An exception from a
+/// delegate, of any type, is logged as an error: the other delegates still get the report, and that delegate
+/// gets all further ones.
 class KEL_OEM_EXPORT LinuxDispatcher : public OEMDispatcher
 {
 public:
@@ -34,6 +38,7 @@ public:
         const Poco::AbstractDelegate<AddServiceDiscoveryInterfacePayload>& delegate) override;
     ResponseBindingPtr bindResponse(
         const Poco::AbstractDelegate<RemoveServiceDiscoveryInterfacePayload>& delegate) override;
+    /// Null counts as an empty text. Throws std::bad_alloc when memory is short, and nothing else.
     void callLogEvent(char const* name, char const* protocol, char const* ip, unsigned short port) override;
 
     /// The interfaces that stand reported, in the order in which they were reported.
