@@ -2,9 +2,14 @@
 #include <KELUtilLib/Logging.h>
 
 #include <algorithm>
+#include <array>
 #include <deque>
 #include <mutex>
+#include <optional>
 #include <vector>
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
 
 namespace OEMInterface {
 
@@ -84,6 +89,41 @@ struct LinuxDispatcher::State
 };
 
 namespace {
+
+/// The address that the text stands for, whatever its spelling and its scope ("fe80::1%eth0"); nothing if the
+/// text is no IPv6 address.
+std::optional<in6_addr> addressOf(const std::string& text)
+{
+    const std::size_t size = std::min(text.find('%'), text.size());
+    std::array<char, INET6_ADDRSTRLEN> withoutScope{};
+    in6_addr address{};
+    if (size >= withoutScope.size())
+        return std::nullopt;
+    std::copy_n(text.begin(), size, withoutScope.begin());
+    if (::inet_pton(AF_INET6, withoutScope.data(), &address) != 1)
+        return std::nullopt;
+    return address;
+}
+
+bool isWildcard(const std::string& ip)
+{
+    const std::optional<in6_addr> address = addressOf(ip);
+    return address && IN6_IS_ADDR_UNSPECIFIED(&*address);
+}
+
+bool isSameAddress(const std::string& one, const std::string& other)
+{
+    const std::optional<in6_addr> addressOfOne = addressOf(one);
+    const std::optional<in6_addr> addressOfOther = addressOf(other);
+    if (!addressOfOne || !addressOfOther)
+        return one == other;
+    return IN6_ARE_ADDR_EQUAL(&*addressOfOne, &*addressOfOther);
+}
+
+bool isSame(const LinuxDispatcher::Interface& interface, const std::string& name, const std::string& ip)
+{
+    return interface.name == name && isSameAddress(interface.ip, ip);
+}
 
 const char* orEmpty(const char* text)
 {
@@ -175,7 +215,10 @@ std::vector<LinuxDispatcher::LogEntry> LinuxDispatcher::logEntries() const
 void LinuxDispatcher::reportAdded(const std::string& name, const std::string& ip)
 {
     const std::lock_guard<std::recursive_mutex> lock(m_state->delivery);
-    m_state->interfaces.push_back({name, ip});
+    auto& standing = m_state->interfaces;
+    if (std::none_of(standing.begin(), standing.end(),
+                     [&](const auto& one) { return isSame(one, name, ip); }))
+        standing.push_back({name, ip});
     m_state->added.notify(this, name, ip);
 }
 
@@ -183,11 +226,9 @@ void LinuxDispatcher::reportRemoved(const std::string& name, const std::string& 
 {
     const std::lock_guard<std::recursive_mutex> lock(m_state->delivery);
     auto& standing = m_state->interfaces;
-    const bool all = ip == "::";
+    const bool all = isWildcard(ip);
     standing.erase(std::remove_if(standing.begin(), standing.end(),
-                                  [&](const Interface& interface) {
-                                      return all || (interface.name == name && interface.ip == ip);
-                                  }),
+                                  [&](const auto& one) { return all || isSame(one, name, ip); }),
                    standing.end());
     m_state->removed.notify(this, name, ip);
 }

@@ -41,7 +41,9 @@ public:
     /// Null counts as an empty text. Throws std::bad_alloc when memory is short, and nothing else.
     void callLogEvent(char const* name, char const* protocol, char const* ip, unsigned short port) override;
 
-    /// The interfaces that stand reported, in the order in which they were reported.
+    /// The interfaces that are reported as present, each once, in the order and with the texts of their first
+    /// reports. Reports with the same name and the same address are about one interface, however the address
+    /// is spelled and with or without its scope; texts that are no IPv6 address are compared as they are.
     std::vector<Interface> interfaces() const;
 
     /// The newest entries of the event memory, oldest first, at most `maxLogEntries` of them.
@@ -51,7 +53,9 @@ public:
 protected:
     LinuxDispatcher();
 
+    /// Delivers the report to all delegates, also when the interface was reported before.
     void reportAdded(const std::string& name, const std::string& ip);
+    /// The same for an interface that is gone; all are if the address is "::", in any spelling.
     void reportRemoved(const std::string& name, const std::string& ip);
 
 private:

@@ -22,7 +22,8 @@ struct AddServiceDiscoveryInterfacePayload
     NuBo_Ifc_ServiceDiscoveryInterface_t eventData;
 };
 
-/// Report: this interface is not to be used any more. The address "::" stands for all interfaces.
+/// Report: this interface is not to be used any more. The address "::", in any spelling, stands for all
+/// interfaces.
 struct RemoveServiceDiscoveryInterfacePayload
 {
     NuBo_Ifc_ServiceDiscoveryInterface_t eventData;
