@@ -343,6 +343,43 @@ TEST_F(LinuxDispatcherTest, DelegateMayCallTheDispatcher)
     EXPECT_THAT(dispatcher.logEntries(), SizeIs(1));
 }
 
+TEST_F(LinuxDispatcherTest, DelegateWhoseBindingAnotherEndsGetsNothingOfThatRound)
+{
+    Reports first(dispatcher);
+    Reports second(dispatcher);
+    Reports third(dispatcher);
+    first.onReport([&] { second.unbind(); });
+    third.onReport([&] { first.unbind(); });
+
+    dispatcher.addInterface("eth0", "fd00::1");
+    dispatcher.addInterface("eth1", "fd01::1");
+
+    EXPECT_THAT(first.lines(), ElementsAre("+eth0 fd00::1"));
+    EXPECT_THAT(second.lines(), IsEmpty());
+    EXPECT_THAT(third.lines(), ElementsAre("+eth0 fd00::1", "+eth1 fd01::1"));
+}
+
+TEST_F(LinuxDispatcherTest, StandingInterfaceThatADelegateRemovesIsNotReportedToItAfterwards)
+{
+    struct Remover
+    {
+        void onAdded(AddServiceDiscoveryInterfacePayload& payload)
+        {
+            names.emplace_back(payload.eventData.pInterfaceName);
+            owner.removeInterface("eth1", "fd01::1");
+        }
+        ManualDispatcher& owner;
+        std::vector<std::string> names;
+    } remover{dispatcher, {}};
+    dispatcher.addInterface("eth0", "fd00::1");
+    dispatcher.addInterface("eth1", "fd01::1");
+    dispatcher.addInterface("eth2", "fd02::1");
+
+    const auto binding = dispatcher.bindResponse(Poco::delegate(&remover, &Remover::onAdded));
+
+    EXPECT_THAT(remover.names, ElementsAre("eth0", "eth2"));
+}
+
 TEST_F(LinuxDispatcherTest, DelegateMayCallTheDispatcherWhileItsBindingEnds)
 {
     Reports reports(dispatcher);

@@ -5,6 +5,7 @@
 #include <array>
 #include <deque>
 #include <mutex>
+#include <new>
 #include <optional>
 #include <vector>
 
@@ -21,10 +22,15 @@ namespace {
 
 void logFailure(const char* what, const std::string& name, const std::string& ip)
 {
-    Logging::LogStream log(Logging::Log::Logger(), Poco::Message::PRIO_ERROR);
-    log.addDefaultOutput(__FILE__, __LINE__);
-    log << "Error: LinuxDispatcher - a delegate failed to " << what << " the interface \"" << name << "\" @ ["
-        << ip << "]: " << Logging::currentException << '\n';
+    try {
+        Logging::LogStream log(Logging::Log::Logger(), Poco::Message::PRIO_ERROR);
+        log.addDefaultOutput(__FILE__, __LINE__);
+        log << "Error: LinuxDispatcher - a delegate failed to " << what << " the interface \"" << name
+            << "\" @ [" << ip << "]: " << Logging::currentException << '\n';
+    }
+    catch (const std::bad_alloc&) {
+        // The first use of the logger takes memory.
+    }
 }
 
 const char* verbOf(const AddServiceDiscoveryInterfacePayload&)
@@ -56,39 +62,41 @@ void deliver(Poco::AbstractDelegate<Payload>& delegate, const void* sender, cons
 /// Not a Poco event: that locks each delegate while it runs, so that a delegate which calls the dispatcher
 /// and a thread which ends the delegate's binding could wait for each other.
 template <class Payload>
-struct Delegates
+class Delegates
 {
+public:
     using Ptr = std::shared_ptr<Poco::AbstractDelegate<Payload>>;
 
-    void notify(const void* sender, const std::string& name, const std::string& ip)
+    void bind(const Ptr& delegate) { m_bound.push_back(delegate); }
+
+    /// Needs no memory: a binding that ends cannot report a failure.
+    void unbind(const Ptr& delegate)
     {
-        // A delegate may bind further ones, and end bindings.
-        const std::vector<Ptr> snapshot = bound;
-        for (const Ptr& one : snapshot) {
-            if (std::find(bound.begin(), bound.end(), one) != bound.end())
-                deliver(*one, sender, name, ip);
-        }
+        const auto found = std::find(m_bound.begin(), m_bound.end(), delegate);
+        if (m_deliveries == 0)
+            m_bound.erase(found);
+        else
+            found->reset();  // a delivery counts on the places of the others
     }
 
-    std::vector<Ptr> bound;
+    /// Delivers to the delegates that are bound now. Needs no memory: no delegate is left out for want of it.
+    void notify(const void* sender, const std::string& name, const std::string& ip)
+    {
+        // A delegate may bind further ones, end bindings, and have another report delivered.
+        ++m_deliveries;
+        const std::size_t count = m_bound.size();
+        for (std::size_t i = 0; i < count; ++i) {
+            if (const Ptr one = m_bound[i])
+                deliver(*one, sender, name, ip);
+        }
+        if (--m_deliveries == 0)
+            m_bound.erase(std::remove(m_bound.begin(), m_bound.end(), nullptr), m_bound.end());
+    }
+
+private:
+    std::vector<Ptr> m_bound;  // null where a binding has ended during a delivery
+    unsigned m_deliveries = 0;
 };
-
-}  // namespace
-
-struct LinuxDispatcher::State
-{
-    // Held while a report is delivered, so that reports keep their order, a new binding misses none and an
-    // ended one gets none.
-    std::recursive_mutex delivery;
-    Delegates<AddServiceDiscoveryInterfacePayload> added;
-    Delegates<RemoveServiceDiscoveryInterfacePayload> removed;
-    std::vector<Interface> interfaces;
-
-    mutable std::mutex eventMemoryMutex;
-    std::deque<LogEntry> eventMemory;
-};
-
-namespace {
 
 /// The address that the text stands for, whatever its spelling and its scope ("fe80::1%eth0"); nothing if the
 /// text is no IPv6 address.
@@ -125,6 +133,29 @@ bool isSame(const LinuxDispatcher::Interface& interface, const std::string& name
     return interface.name == name && isSameAddress(interface.ip, ip);
 }
 
+}  // namespace
+
+struct LinuxDispatcher::State
+{
+    // Held while a report is delivered, so that reports keep their order, a new binding misses none and an
+    // ended one gets none.
+    std::recursive_mutex delivery;
+    Delegates<AddServiceDiscoveryInterfacePayload> added;
+    Delegates<RemoveServiceDiscoveryInterfacePayload> removed;
+    std::vector<Interface> interfaces;
+
+    bool isReported(const std::string& name, const std::string& ip) const
+    {
+        return std::any_of(interfaces.begin(), interfaces.end(),
+                           [&](const Interface& one) { return isSame(one, name, ip); });
+    }
+
+    mutable std::mutex eventMemoryMutex;
+    std::deque<LogEntry> eventMemory;
+};
+
+namespace {
+
 const char* orEmpty(const char* text)
 {
     return text ? text : "";
@@ -135,27 +166,27 @@ template <class State, class Payload>
 class DelegateBinding : public ResponseBinding
 {
 public:
-    DelegateBinding(std::shared_ptr<State> state, Delegates<Payload>& delegates,
-                    const Poco::AbstractDelegate<Payload>& delegate)
+    using DelegatePtr = typename Delegates<Payload>::Ptr;
+
+    DelegateBinding(std::shared_ptr<State> state, Delegates<Payload>& delegates, DelegatePtr delegate)
         : m_state(std::move(state))
         , m_delegates(delegates)
-        , m_delegate(delegate.clone())
+        , m_delegate(std::move(delegate))
     {
         const std::lock_guard<std::recursive_mutex> lock(m_state->delivery);
-        m_delegates.bound.push_back(m_delegate);
+        m_delegates.bind(m_delegate);
     }
 
     ~DelegateBinding() override
     {
         const std::lock_guard<std::recursive_mutex> lock(m_state->delivery);
-        auto& bound = m_delegates.bound;
-        bound.erase(std::find(bound.begin(), bound.end(), m_delegate));
+        m_delegates.unbind(m_delegate);
     }
 
 private:
     const std::shared_ptr<State> m_state;
     Delegates<Payload>& m_delegates;
-    const typename Delegates<Payload>::Ptr m_delegate;
+    const DelegatePtr m_delegate;
 };
 
 }  // namespace
@@ -168,36 +199,40 @@ ResponseBindingPtr LinuxDispatcher::bindResponse(
     const Poco::AbstractDelegate<AddServiceDiscoveryInterfacePayload>& delegate)
 {
     const std::lock_guard<std::recursive_mutex> lock(m_state->delivery);
+    const auto standing = interfaces();
+    const Delegates<AddServiceDiscoveryInterfacePayload>::Ptr copy(delegate.clone());
     ResponseBindingPtr binding =
-        new DelegateBinding<State, AddServiceDiscoveryInterfacePayload>(m_state, m_state->added, delegate);
-
-    const std::unique_ptr<Poco::AbstractDelegate<AddServiceDiscoveryInterfacePayload>> copy(delegate.clone());
-    for (const Interface& standing : interfaces())
-        deliver(*copy, this, standing.name, standing.ip);
+        new DelegateBinding<State, AddServiceDiscoveryInterfacePayload>(m_state, m_state->added, copy);
+    for (const Interface& one : standing) {
+        // The delegate may have removed it meanwhile.
+        if (m_state->isReported(one.name, one.ip))
+            deliver(*copy, this, one.name, one.ip);
+    }
     return binding;
 }
 
 ResponseBindingPtr LinuxDispatcher::bindResponse(
     const Poco::AbstractDelegate<RemoveServiceDiscoveryInterfacePayload>& delegate)
 {
+    const Delegates<RemoveServiceDiscoveryInterfacePayload>::Ptr copy(delegate.clone());
     return new DelegateBinding<State, RemoveServiceDiscoveryInterfacePayload>(m_state, m_state->removed,
-                                                                              delegate);
+                                                                              copy);
 }
 
 void LinuxDispatcher::callLogEvent(char const* name, char const* protocol, char const* ip,
                                    unsigned short port)
 {
-    const LogEntry entry{orEmpty(name), orEmpty(protocol), orEmpty(ip), port};
+    Poco::Logger& logger = Logging::Log::Logger();  // its first use takes memory
     {
-        Logging::LogStream log(Logging::Log::Logger(), Poco::Message::PRIO_NOTICE);
-        log.addDefaultOutput(__FILE__, __LINE__);
-        log << "Notice: Event memory: " << entry.protocol << " service \"" << entry.name << "\" @ ["
-            << entry.ip << "]:" << port << '\n';
+        const std::lock_guard<std::mutex> lock(m_state->eventMemoryMutex);
+        m_state->eventMemory.push_back({orEmpty(name), orEmpty(protocol), orEmpty(ip), port});
+        if (m_state->eventMemory.size() > maxLogEntries)
+            m_state->eventMemory.pop_front();
     }
-    const std::lock_guard<std::mutex> lock(m_state->eventMemoryMutex);
-    m_state->eventMemory.push_back(entry);
-    if (m_state->eventMemory.size() > maxLogEntries)
-        m_state->eventMemory.pop_front();
+    Logging::LogStream log(logger, Poco::Message::PRIO_NOTICE);
+    log.addDefaultOutput(__FILE__, __LINE__);
+    log << "Notice: Event memory: " << orEmpty(protocol) << " service \"" << orEmpty(name) << "\" @ ["
+        << orEmpty(ip) << "]:" << port << '\n';
 }
 
 std::vector<LinuxDispatcher::Interface> LinuxDispatcher::interfaces() const

@@ -15,6 +15,10 @@ namespace OEMInterface {
 /// Reports are delivered one after the other; a delegate may call the dispatcher. An exception from a
 /// delegate, of any type, is logged as an error: the other delegates still get the report, and that delegate
 /// gets all further ones.
+///
+/// When memory is short, binding a delegate and adding an interface throw std::bad_alloc and leave everything
+/// as it was: nothing was delivered, and the call can be repeated. Removing an interface and ending a binding
+/// need no memory.
 class KEL_OEM_EXPORT LinuxDispatcher : public OEMDispatcher
 {
 public:
@@ -38,7 +42,7 @@ public:
         const Poco::AbstractDelegate<AddServiceDiscoveryInterfacePayload>& delegate) override;
     ResponseBindingPtr bindResponse(
         const Poco::AbstractDelegate<RemoveServiceDiscoveryInterfacePayload>& delegate) override;
-    /// Null counts as an empty text. Throws std::bad_alloc when memory is short, and nothing else.
+    /// Null counts as an empty text. Throws std::bad_alloc when memory is short, with nothing written.
     void callLogEvent(char const* name, char const* protocol, char const* ip, unsigned short port) override;
 
     /// The interfaces that are reported as present, each once, in the order and with the texts of their first
