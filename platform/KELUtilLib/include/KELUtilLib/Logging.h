@@ -24,8 +24,8 @@ public:
 /// One message: what is streamed into the object goes to the logger when the object ends.
 ///
 /// A line end that closes the text is the end of the message and not part of it. An object belongs to one
-/// thread; the logger behind it may be shared. Nothing is thrown on the way to the log: a message that the
-/// channel fails to write is lost.
+/// thread; the logger behind it may be shared. Making, filling and ending it throws nothing: a message that
+/// the channel fails to write is lost, and when memory is short, a message is cut or lost.
 class KEL_UTIL_EXPORT LogStream : public std::ostringstream
 {
 public:
