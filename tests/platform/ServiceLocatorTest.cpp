@@ -99,6 +99,22 @@ TEST(ServiceLocatorTest, RemovedServiceIsNotFound)
     EXPECT_TRUE(locator.find(&typeid(OtherService), found));
 }
 
+TEST(ServiceLocatorTest, NoServiceIsFoundAfterAllAreTakenBack)
+{
+    ServiceLocator locator;
+    locator.add(typeid(Service), 1);
+    locator.add(typeid(OtherService), 2);
+    Poco::Any found;
+
+    locator.clear();
+    EXPECT_FALSE(locator.find(&typeid(Service), found));
+    EXPECT_FALSE(locator.find(&typeid(OtherService), found));
+
+    locator.add(typeid(Service), 3);
+    EXPECT_TRUE(locator.find(&typeid(Service), found));
+    EXPECT_EQ(Poco::AnyCast<int>(found), 3);
+}
+
 TEST(ServiceLocatorTest, FoundServiceOutlivesItsRemoval)
 {
     ServiceLocator locator;
@@ -126,6 +142,10 @@ TEST(ServiceLocatorTest, ServiceMayUseTheLocatorWhileItEnds)
 
     add();
     locator.add(typeid(Service), 1);
+    EXPECT_FALSE(locator.find(&typeid(OtherService), found));
+
+    add();
+    locator.clear();
     EXPECT_FALSE(locator.find(&typeid(OtherService), found));
 }
 

@@ -1,5 +1,9 @@
 #include <KELUtilLib/ApplicationServices.h>
 
+#include <array>
+#include <cstddef>
+#include <new>
+
 void ServiceLocator::add(std::type_info const& type, Poco::Any const& service)
 {
     Poco::Any replaced(service);  // ends after the lock is given back: what it holds may take time to end
@@ -18,6 +22,13 @@ void ServiceLocator::remove(std::type_info const& type)
     m_services.erase(found);
 }
 
+void ServiceLocator::clear()
+{
+    std::map<std::type_index, Poco::Any> removed;  // as above
+    Poco::FastMutex::ScopedLock lock(m_mutex);
+    m_services.swap(removed);
+}
+
 bool ServiceLocator::find(std::type_info const* type, Poco::Any& service) const
 {
     Poco::FastMutex::ScopedLock lock(m_mutex);
@@ -30,6 +41,13 @@ bool ServiceLocator::find(std::type_info const* type, Poco::Any& service) const
 
 ServiceLocator& ApplicationServices::getLocator()
 {
-    static ServiceLocator locator;
+    // Threads may use the locator while the process ends, so nothing destroys it. What it holds ends with the
+    // static objects all the same: a dispatcher has a thread, whose code must not be unloaded under it.
+    alignas(ServiceLocator) static std::array<std::byte, sizeof(ServiceLocator)> place;
+    static ServiceLocator& locator = *new (place.data()) ServiceLocator;
+    static const struct Clearing
+    {
+        ~Clearing() { locator.clear(); }
+    } atTheEnd;
     return locator;
 }

@@ -6,7 +6,13 @@ namespace Logging {
 
 Poco::Logger& Log::Logger()
 {
-    static Poco::Logger& logger = Poco::Logger::get("Nubo");
+    // Poco destroys its loggers when the process ends, while threads may still log. This reference is never
+    // given back, so that the logger, and the channel that it holds, are there to the last.
+    static Poco::Logger& logger = []() -> Poco::Logger& {
+        Poco::Logger& found = Poco::Logger::get("Nubo");
+        found.duplicate();
+        return found;
+    }();
     return logger;
 }
 

@@ -21,6 +21,9 @@ public:
     /// Takes back what stands under `type`, if anything.
     void remove(std::type_info const& type);
 
+    /// Takes back everything.
+    void clear();
+
     /// Puts what stands under `*type` into `service` and returns true; false, and `service` as it was, when
     /// there is nothing or `type` is null.
     bool find(std::type_info const* type, Poco::Any& service) const;
@@ -34,6 +37,11 @@ private:
 class KEL_UTIL_EXPORT ApplicationServices
 {
 public:
-    /// The process's one service locator.
+    /// The process's one service locator. Threads may use it to the last, also while the process ends.
+    ///
+    /// It gives its services up when the process destroys its static objects, or unloads the library: one
+    /// that nobody else holds ends there, on the thread that ends the process, and from then on none is
+    /// found. A NetlinkDispatcher in the locator so ends its thread before the code of any library goes away.
+    /// To end a service earlier, remove() it before main() returns.
     static ServiceLocator& getLocator();
 };

@@ -14,10 +14,12 @@ class KEL_UTIL_EXPORT Log
 {
 public:
     /// The logger of the platform, named "Nubo". Where its messages go is decided by the channel that the
-    /// process sets on it (Poco::Logger::setChannel). Safe to call from any thread.
+    /// process sets on it (Poco::Logger::setChannel). Safe to call from any thread, to the last: neither the
+    /// logger nor its channel is destroyed when the process ends. The first call in a process throws
+    /// std::bad_alloc when memory is short; no later one throws.
     static Poco::Logger& Logger();
 
-    /// Whether a message of that priority would be written. Safe to call from any thread.
+    /// Whether a message of that priority would be written. The same holds.
     static bool IsLogLevelActive(Poco::Message::Priority priority);
 };
 
