@@ -1,7 +1,9 @@
 #pragma once
 
 #include <map>
+#include <set>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace OEMInterface {
@@ -25,6 +27,10 @@ struct Link
 
 /// The links by interface index.
 using Links = std::map<int, Link>;
+
+/// An address of a link: the link's index, and the address as text.
+using AddressKey = std::pair<int, std::string>;
+using AddressKeys = std::set<AddressKey>;
 
 /// What is reported of one interface.
 struct ChosenInterface

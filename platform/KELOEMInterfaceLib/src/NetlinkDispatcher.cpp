@@ -1,14 +1,20 @@
 #include "NetlinkMonitor.h"
+#include "ReportedInterfaces.h"
 
 #include <KELOEMInterfaceLib/NetlinkDispatcher.h>
 #include <KELUtilLib/DebugUtils.h>
+#include <KELUtilLib/Descriptors.h>
 #include <KELUtilLib/Logging.h>
 
 #include <Poco/Exception.h>
 
 #include <algorithm>
 #include <array>
+#include <atomic>
 #include <cerrno>
+#include <chrono>
+#include <new>
+#include <system_error>
 #include <thread>
 
 #include <poll.h>
@@ -17,6 +23,41 @@
 
 namespace OEMInterface {
 
+namespace {
+
+/// Wakes a thread that waits for descriptors.
+class EventDescriptor
+{
+public:
+    EventDescriptor() : m_descriptor(open()) {}
+    ~EventDescriptor() { ::close(m_descriptor); }
+
+    EventDescriptor(const EventDescriptor&) = delete;
+    EventDescriptor& operator=(const EventDescriptor&) = delete;
+
+    int get() const { return m_descriptor; }
+    void raise() const { ::eventfd_write(m_descriptor, 1); }
+    void lower() const
+    {
+        eventfd_t count = 0;
+        ::eventfd_read(m_descriptor, &count);
+    }
+
+private:
+    static int open()
+    {
+        const Descriptors::StandardStreamGuard guard;
+        const int descriptor = ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+        if (descriptor < 0)
+            throw Poco::IOException("cannot create an event descriptor", errno);
+        return descriptor;
+    }
+
+    const int m_descriptor;
+};
+
+}  // namespace
+
 /// Follows the kernel on a thread of its own and reports each change of the selection.
 class NetlinkDispatcher::Follower
 {
@@ -24,19 +65,24 @@ public:
     Follower(NetlinkDispatcher& dispatcher, std::vector<std::string> interfaceNames)
         : m_dispatcher(dispatcher)
         , m_interfaceNames(std::move(interfaceNames))
-        , m_stop(::eventfd(0, EFD_CLOEXEC))
     {
-        if (m_stop < 0)
-            throw Poco::IOException("cannot create an event descriptor", errno);
         report();
         m_thread = std::thread(&Follower::run, this);
     }
 
     ~Follower()
     {
-        ::eventfd_write(m_stop, 1);
-        m_thread.join();
-        ::close(m_stop);
+        // A forked child has no such thread, and shares the descriptor with its parent.
+        if (m_process != ::getpid()) {
+            m_thread.detach();
+            return;
+        }
+        m_isToEnd = true;
+        m_wake.raise();
+        if (m_thread.get_id() == std::this_thread::get_id())
+            m_thread.detach();  // a delegate ends the process: nothing runs after it on this thread
+        else
+            m_thread.join();
     }
 
     Follower(const Follower&) = delete;
@@ -46,48 +92,36 @@ private:
     void run()
     {
         DebugUtils::setThreadName("OEMNetlink", "NetlinkDispatcher::run");
-        bool goesOn = waitForNews();
-        while (goesOn) {
+        while (!m_isToEnd) {
             try {
                 m_monitor.update();
                 report();
-                goesOn = waitForNews();
+                waitForNews();
             }
-            catch (const Poco::Exception& exception) {
-                goesOn = pauseAfterFailure(exception.displayText());
-            }
-            catch (const std::exception& exception) {
-                goesOn = pauseAfterFailure(exception.what());
+            catch (...) {
+                logFailure();
+                pause();
             }
         }
     }
 
-    /// Blocks until the kernel has something to tell (true) or the follower is to end (false).
-    bool waitForNews() const
+    /// Blocks until the kernel has sent notices or the follower is woken.
+    void waitForNews() const
     {
-        std::array<pollfd, 2> descriptors{{{m_monitor.descriptor(), POLLIN, 0}, {m_stop, POLLIN, 0}}};
-        while (::poll(descriptors.data(), descriptors.size(), -1) < 0 && errno == EINTR) {
-        }
-        return (descriptors[1].revents & POLLIN) == 0;
+        std::array<pollfd, 2> descriptors{{{m_monitor.descriptor(), POLLIN, 0}, {m_wake.get(), POLLIN, 0}}};
+        if (::poll(descriptors.data(), descriptors.size(), -1) < 0 && errno != EINTR)
+            throw Poco::IOException("cannot wait for netlink", std::generic_category().message(errno), errno);
+        // Whoever has written on the descriptor: only m_isToEnd ends the follower.
+        if ((descriptors[1].revents & POLLIN) != 0)
+            m_wake.lower();
     }
 
     void report()
     {
-        Selection selection = selectInterfaces(wantedLinks(), m_reported);
-        m_reported.swap(selection);
-        const auto gone = m_monitor.takeGoneAddresses();
-        const auto stays = [&](const Selection& others, int index, const ChosenInterface& one) {
-            const auto other = others.find(index);
-            return other != others.end() && other->second == one && gone.count({index, one.ip}) == 0;
-        };
-        for (const auto& [index, before] : selection) {
-            if (!stays(m_reported, index, before))
-                m_dispatcher.reportRemoved(before.name, before.ip);
-        }
-        for (const auto& [index, now] : m_reported) {
-            if (!stays(selection, index, now))
-                m_dispatcher.reportAdded(now.name, now.ip);
-        }
+        m_reported.follow(
+            selectInterfaces(wantedLinks(), m_reported.present()), m_monitor.goneAddresses(),
+            [this](const ChosenInterface& one) { m_dispatcher.reportRemoved(one.name, one.ip); },
+            [this](const ChosenInterface& one) { m_dispatcher.reportAdded(one.name, one.ip); });
     }
 
     Links wantedLinks() const
@@ -105,24 +139,33 @@ private:
         return std::find(m_interfaceNames.begin(), m_interfaceNames.end(), name) != m_interfaceNames.end();
     }
 
-    /// Tells of the failure and waits a second, so that a lasting one costs no more than a line a second.
-    bool pauseAfterFailure(const std::string& text) const
+    static void logFailure()
     {
-        {
+        try {
             Logging::LogStream log(Logging::Log::Logger(), Poco::Message::PRIO_ERROR);
             log.addDefaultOutput(__FILE__, __LINE__);
-            log << "Error: NetlinkDispatcher - " << text << '\n';
+            log << "Error: NetlinkDispatcher - " << Logging::currentException << '\n';
         }
-        constexpr int pauseMs = 1000;
-        pollfd stop{m_stop, POLLIN, 0};
-        return ::poll(&stop, 1, pauseMs) <= 0;
+        catch (const std::bad_alloc&) {
+            // The first use of the logger takes memory.
+        }
+    }
+
+    /// A second, so that a lasting failure costs no more than a line per second. Waits on no descriptor:
+    /// these may be what has failed.
+    void pause() const
+    {
+        for (int i = 0; i < 10 && !m_isToEnd; ++i)
+            std::this_thread::sleep_for(std::chrono::milliseconds(100));
     }
 
     NetlinkDispatcher& m_dispatcher;
     const std::vector<std::string> m_interfaceNames;
+    const pid_t m_process = ::getpid();
     NetlinkMonitor m_monitor;
-    Selection m_reported;
-    const int m_stop;
+    ReportedInterfaces m_reported;
+    const EventDescriptor m_wake;
+    std::atomic<bool> m_isToEnd{false};
     std::thread m_thread;
 };
 

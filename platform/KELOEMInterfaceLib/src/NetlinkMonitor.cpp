@@ -1,21 +1,31 @@
 #include "NetlinkMonitor.h"
 
+#include <KELUtilLib/Descriptors.h>
+
 #include <Poco/Exception.h>
 
 #include <array>
 #include <cerrno>
 #include <cstdint>
 #include <map>
+#include <string>
+#include <string_view>
+#include <utility>
 
 #include <arpa/inet.h>
 #include <linux/if_addr.h>
+#include <linux/rtnetlink.h>
 #include <net/if.h>
 #include <netinet/in.h>
 #include <netlink/addr.h>
 #include <netlink/cache.h>
 #include <netlink/errno.h>
+#include <netlink/msg.h>
+#include <netlink/object.h>
 #include <netlink/route/addr.h>
 #include <netlink/route/link.h>
+#include <netlink/socket.h>
+#include <sys/socket.h>
 
 namespace OEMInterface {
 
@@ -27,15 +37,15 @@ void check(int result, const char* what)
         throw Poco::IOException(std::string("netlink: ") + what, nl_geterror(result));
 }
 
-nl_cache* addCache(nl_cache_mngr& manager, const char* name, change_func_t onChange = nullptr,
-                   void* data = nullptr)
+/// Calls `visit` with every object. libnl's own loop would have exceptions pass through C.
+template <class Visit>
+void forEach(nl_cache* cache, Visit visit)
 {
-    nl_cache* cache = nullptr;
-    check(nl_cache_mngr_add(&manager, name, onChange, data, &cache), name);
-    return cache;
+    for (nl_object* object = nl_cache_get_first(cache); object; object = nl_cache_get_next(object))
+        visit(object);
 }
 
-void collectLink(nl_object* object, void* result)
+void collectLink(nl_object* object, Links& links)
 {
     auto* link = reinterpret_cast<rtnl_link*>(object);
     constexpr unsigned needed = IFF_UP | IFF_MULTICAST;
@@ -47,7 +57,7 @@ void collectLink(nl_object* object, void* result)
     if (!isTheLink || (flags & needed) != needed || (flags & IFF_LOOPBACK))
         return;
     const char* name = rtnl_link_get_name(link);
-    (*static_cast<Links*>(result))[rtnl_link_get_ifindex(link)].name = name ? name : "";
+    links[rtnl_link_get_ifindex(link)].name = name ? name : "";
 }
 
 /// The bytes of an IPv6 address; null when it is none.
@@ -65,10 +75,9 @@ std::string textOf(const in6_addr& bytes)
     return ::inet_ntop(AF_INET6, &bytes, text.data(), text.size());
 }
 
-void collectAddress(nl_object* object, void* result)
+void collectAddress(nl_object* object, Links& links)
 {
     auto* address = reinterpret_cast<rtnl_addr*>(object);
-    auto& links = *static_cast<Links*>(result);
     const auto link = links.find(rtnl_addr_get_ifindex(address));
     const in6_addr* bytes = bytesOf(address);
     if (!bytes || link == links.end())
@@ -84,95 +93,184 @@ void collectAddress(nl_object* object, void* result)
     link->second.addresses.push_back(entry);
 }
 
-using AddressKey = std::pair<int, std::string>;
-
-/// When each address was made, by the kernel's clock.
-using CreationTimes = std::map<AddressKey, std::uint32_t>;
-
 AddressKey keyOf(rtnl_addr* address, const in6_addr& bytes)
 {
     return {rtnl_addr_get_ifindex(address), textOf(bytes)};
 }
 
-void collectCreationTime(nl_object* object, void* result)
-{
-    auto* address = reinterpret_cast<rtnl_addr*>(object);
-    if (const in6_addr* bytes = bytesOf(address))
-        static_cast<CreationTimes*>(result)->emplace(keyOf(address, *bytes),
-                                                     rtnl_addr_get_create_time(address));
-}
+/// When each address was made, by the kernel's clock.
+using CreationTimes = std::map<AddressKey, std::uint32_t>;
 
 CreationTimes creationTimes(nl_cache* addresses)
 {
     CreationTimes times;
-    nl_cache_foreach(addresses, collectCreationTime, &times);
+    forEach(addresses, [&](nl_object* object) {
+        auto* address = reinterpret_cast<rtnl_addr*>(object);
+        if (const in6_addr* bytes = bytesOf(address))
+            times.emplace(keyOf(address, *bytes), rtnl_addr_get_create_time(address));
+    });
     return times;
+}
+
+/// The addresses of `before` that are gone, or have been made anew and may look as they did.
+AddressKeys goneBetween(const CreationTimes& before, const CreationTimes& now)
+{
+    AddressKeys gone;
+    for (const auto& [address, time] : before) {
+        const auto present = now.find(address);
+        if (present == now.end() || present->second != time)
+            gone.insert(address);
+    }
+    return gone;
 }
 
 }  // namespace
 
-void NetlinkMonitor::Closer::operator()(nl_cache_mngr* manager) const
+void NetlinkMonitor::SocketCloser::operator()(nl_sock* socket) const
 {
-    nl_cache_mngr_free(manager);
+    nl_socket_free(socket);
+}
+
+void NetlinkMonitor::CacheFreer::operator()(nl_cache* cache) const
+{
+    nl_cache_free(cache);
 }
 
 NetlinkMonitor::NetlinkMonitor()
 {
-    open();
+    openSockets();
+    m_known = readAll();
 }
 
-void NetlinkMonitor::open()
+NetlinkMonitor::~NetlinkMonitor() = default;
+
+NetlinkMonitor::Socket NetlinkMonitor::openSocket()
 {
-    nl_cache_mngr* opened = nullptr;
-    check(nl_cache_mngr_alloc(nullptr, NETLINK_ROUTE, 0, &opened), "open");
-    std::unique_ptr<nl_cache_mngr, Closer> manager(opened);
-    nl_cache* links = addCache(*manager, "route/link");
-    nl_cache* addresses = addCache(*manager, "route/addr", &NetlinkMonitor::onAddressChange, this);
-    m_manager.swap(manager);
-    m_links = links;
-    m_addresses = addresses;
+    const Descriptors::StandardStreamGuard guard;
+    Socket socket(nl_socket_alloc());
+    check(socket ? 0 : -NLE_NOMEM, "open");
+    check(nl_connect(socket.get(), NETLINK_ROUTE), "open");
+    return socket;
+}
+
+void NetlinkMonitor::openSockets()
+{
+    Socket notices = openSocket();
+    nl_socket_disable_seq_check(notices.get());
+    check(nl_socket_modify_cb(notices.get(), NL_CB_VALID, NL_CB_CUSTOM, &NetlinkMonitor::onNotice, this),
+          "open");
+    check(nl_socket_set_nonblocking(notices.get()), "open");
+    check(nl_socket_add_memberships(notices.get(), RTNLGRP_LINK, RTNLGRP_IPV6_IFADDR, RTNLGRP_NONE), "open");
+    Socket requests = openSocket();
+    m_notices.swap(notices);
+    m_requests.swap(requests);
 }
 
 int NetlinkMonitor::descriptor() const
 {
-    return nl_cache_mngr_get_fd(m_manager.get());
+    return nl_socket_get_fd(m_notices.get());
 }
 
 void NetlinkMonitor::update()
 {
-    m_isBehind = m_isBehind || nl_cache_mngr_data_ready(m_manager.get()) < 0;
+    m_isBehind = m_isBehind || !takeNotices();
     if (!m_isBehind)
         return;
-    const CreationTimes before = creationTimes(m_addresses);
-    open();
+    readAnew();
     m_isBehind = false;
-    // What the kernel could not tell shows in when an address was made: a new one may look like one before.
-    const CreationTimes now = creationTimes(m_addresses);
-    for (const auto& [address, time] : before) {
-        const auto standing = now.find(address);
-        if (standing == now.end() || standing->second != time)
-            m_goneAddresses.insert(address);
+}
+
+/// Returns false when a notice is missing.
+bool NetlinkMonitor::takeNotices()
+{
+    int result = 0;
+    while (result >= 0 && !m_isBehind)
+        result = nl_recvmsgs_default(m_notices.get());
+    return result == -NLE_AGAIN && !m_isBehind;
+}
+
+/// Called by libnl, so nothing may be thrown.
+int NetlinkMonitor::onNotice(nl_msg* message, void* monitor)
+{
+    const int result = nl_msg_parse(message, &NetlinkMonitor::onObject, monitor);
+    if (result < 0 && result != -NLE_MSGTYPE_NOSUPPORT)
+        static_cast<NetlinkMonitor*>(monitor)->m_isBehind = true;
+    return NL_OK;
+}
+
+void NetlinkMonitor::onObject(nl_object* object, void* monitor)
+{
+    try {
+        static_cast<NetlinkMonitor*>(monitor)->take(object);
+    }
+    catch (const std::exception&) {
+        static_cast<NetlinkMonitor*>(monitor)->m_isBehind = true;
     }
 }
 
-void NetlinkMonitor::onAddressChange(nl_cache* /*cache*/, nl_object* object, int action, void* monitor)
+void NetlinkMonitor::take(nl_object* object)
 {
-    auto* address = reinterpret_cast<rtnl_addr*>(object);
-    const in6_addr* bytes = bytesOf(address);
-    if (bytes && action == NL_ACT_DEL)
-        static_cast<NetlinkMonitor*>(monitor)->m_goneAddresses.insert(keyOf(address, *bytes));
+    const bool isAddress = nl_object_get_type(object) == std::string_view("route/addr");
+    if (isAddress && nl_object_get_msgtype(object) == RTM_DELADDR) {
+        // Before it leaves the cache: should this fail, reading anew still finds out that it has gone.
+        auto* address = reinterpret_cast<rtnl_addr*>(object);
+        if (const in6_addr* bytes = bytesOf(address))
+            m_goneAddresses.insert(keyOf(address, *bytes));
+    }
+    nl_cache* cache = (isAddress ? m_known.addresses : m_known.links).get();
+    check(nl_cache_include(cache, object, nullptr, nullptr), "notice");
 }
 
-NetlinkMonitor::Addresses NetlinkMonitor::takeGoneAddresses()
+/// Notices that are older than what is about to be read would bring back what has passed.
+void NetlinkMonitor::dropNotices() const
 {
-    return std::exchange(m_goneAddresses, {});
+    const int socket = nl_socket_get_fd(m_notices.get());
+    ssize_t size = 0;
+    do {
+        size = ::recv(socket, nullptr, 0, MSG_DONTWAIT | MSG_TRUNC);
+    } while (size >= 0 || errno == EINTR || errno == ENOBUFS);
+    check(errno == EAGAIN ? 0 : -nl_syserr2nlerr(errno), "notices");
+}
+
+NetlinkMonitor::Caches NetlinkMonitor::readAll() const
+{
+    nl_cache* read = nullptr;
+    check(rtnl_link_alloc_cache(m_requests.get(), AF_UNSPEC, &read), "route/link");
+    Cache links(read);
+    check(rtnl_addr_alloc_cache(m_requests.get(), &read), "route/addr");
+    return {std::move(links), Cache(read)};
+}
+
+NetlinkMonitor::Caches NetlinkMonitor::readOnSoundSockets()
+{
+    try {
+        if (!m_notices)
+            openSockets();
+        dropNotices();
+        return readAll();
+    }
+    catch (...) {
+        // The rest of an answer would be taken for the answer to the next request.
+        m_notices.reset();
+        m_requests.reset();
+        throw;
+    }
+}
+
+void NetlinkMonitor::readAnew()
+{
+    const CreationTimes before = creationTimes(m_known.addresses.get());
+    Caches now = readOnSoundSockets();
+    AddressKeys gone = goneBetween(before, creationTimes(now.addresses.get()));
+    m_goneAddresses.merge(gone);
+    std::swap(m_known, now);
 }
 
 Links NetlinkMonitor::links() const
 {
     Links result;
-    nl_cache_foreach(m_links, collectLink, &result);
-    nl_cache_foreach(m_addresses, collectAddress, &result);
+    forEach(m_known.links.get(), [&](nl_object* object) { collectLink(object, result); });
+    forEach(m_known.addresses.get(), [&](nl_object* object) { collectAddress(object, result); });
     return result;
 }
 

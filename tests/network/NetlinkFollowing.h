@@ -1,0 +1,91 @@
+#pragma once
+
+#include "support/Namespace.h"
+#include "support/TestUnit.h"
+#include "support/Waiting.h"
+
+#include <KELOEMInterfaceLib/NetlinkDispatcher.h>
+
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+namespace Nubo::ServiceDiscovery::Testing {
+
+/// A dispatcher that follows the interfaces "here"; their other ends are "there".
+struct NetlinkFollowing : ::testing::Test
+{
+    /// Takes stock of what there is, and follows.
+    void follow(std::vector<std::string> names = {})
+    {
+        dispatcher.emplace(std::move(names));
+        reports.emplace(*dispatcher);
+    }
+
+    void ip(const std::string& arguments) const { network.here.ip(arguments); }
+
+    /// Makes one more interface; when it is reported, so is everything that happened before.
+    void markEnd()
+    {
+        network.link("marker", "fd99::1");
+        EXPECT_TRUE(eventually([&] {
+            const std::vector<std::string> lines = reports->lines();
+            return !lines.empty() && lines.back() == "+marker fd99::1";
+        }));
+    }
+
+    /// What was reported until now, and nothing else is on its way.
+    std::vector<std::string> reported()
+    {
+        markEnd();
+        std::vector<std::string> lines = reports->lines();
+        lines.pop_back();
+        return lines;
+    }
+
+    /// Duplicate address detection takes a second or two on interfaces that are made from now on.
+    void detectDuplicates() const
+    {
+        network.here.setIPv6("default/accept_dad", "1");
+        network.here.setIPv6("default/dad_transmits", "1");
+    }
+
+    /// Follows until "eth0" is reported; from then on, the kernel's notices wait until the gate is opened.
+    void holdUp()
+    {
+        follow();
+        reports->onReport([&] { gate.pass(); });
+        network.link("eth0", "fd00::1");
+        ASSERT_TRUE(eventually([&] { return gate.isReached(); }));
+    }
+
+    /// The same, and the kernel has more notices than it can keep.
+    void fallBehind()
+    {
+        holdUp();
+        sendTooMuch();
+    }
+
+    /// Causes more notices than fit into the socket for them.
+    static void sendTooMuch()
+    {
+        shell(
+            "for i in $(seq 2000); do echo address add fd00::2/64 dev eth0 nodad; "
+            "echo address delete fd00::2/64 dev eth0; done | ip -n here -batch -");
+    }
+
+    bool isTentative(const std::string& interface) const
+    {
+        return !shellOutput("ip -n here -6 address show dev " + interface + " tentative").empty();
+    }
+
+    NetworkPair network;
+    Gate gate;
+    std::optional<OEMInterface::NetlinkDispatcher> dispatcher;
+    std::optional<Reports> reports;
+};
+
+}  // namespace Nubo::ServiceDiscovery::Testing
