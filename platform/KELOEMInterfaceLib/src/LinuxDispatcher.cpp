@@ -11,6 +11,7 @@
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
+#include <unistd.h>
 
 namespace OEMInterface {
 
@@ -150,6 +151,8 @@ struct LinuxDispatcher::State
                            [&](const Interface& one) { return isSame(one, name, ip); });
     }
 
+    const pid_t process = ::getpid();
+
     mutable std::mutex eventMemoryMutex;
     std::deque<LogEntry> eventMemory;
 };
@@ -179,7 +182,11 @@ public:
 
     ~DelegateBinding() override
     {
-        const std::lock_guard<std::recursive_mutex> lock(m_state->delivery);
+        std::unique_lock<std::recursive_mutex> lock(m_state->delivery, std::defer_lock);
+        if (m_state->process == ::getpid())
+            lock.lock();
+        else if (!lock.try_lock())
+            return;  // a forked child: the delivering thread exists in the parent only
         m_delegates.unbind(m_delegate);
     }
 

@@ -12,13 +12,14 @@ namespace OEMInterface {
 /// as present, and the event memory, which is kept here and written to the log. All operations are
 /// thread-safe.
 ///
-/// Reports are delivered one after the other; a delegate may call the dispatcher. An exception from a
+/// Reports are delivered one after the other; a delegate may call the dispatcher. A report that a delegate
+/// makes is delivered at once, to delegates bound later before the one that is under way. An exception from a
 /// delegate, of any type, is logged as an error: the other delegates still get the report, and that delegate
 /// gets all further ones.
 ///
 /// When memory is short, binding a delegate and adding an interface throw std::bad_alloc and leave everything
 /// as it was: nothing was delivered, and the call can be repeated. Removing an interface and ending a binding
-/// need no memory.
+/// need no memory. A binding can also be ended in a forked child.
 class KEL_OEM_EXPORT LinuxDispatcher : public OEMDispatcher
 {
 public:

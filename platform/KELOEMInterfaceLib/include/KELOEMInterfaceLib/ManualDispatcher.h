@@ -4,8 +4,8 @@
 
 namespace OEMInterface {
 
-/// A dispatcher for tests and fixed set-ups: it reports what it is told to, on the calling thread, as often
-/// as it is told.
+/// A dispatcher for tests and fixed set-ups: each call is one report, delivered on the calling thread before
+/// the call returns. The texts need not name anything that exists.
 class KEL_OEM_EXPORT ManualDispatcher : public LinuxDispatcher
 {
 public:

@@ -29,8 +29,8 @@ struct RemoveServiceDiscoveryInterfacePayload
     NuBo_Ifc_ServiceDiscoveryInterface_t eventData;
 };
 
-/// Keeps a delegate bound to the dispatcher's reports. When the last reference goes, the delegate gets no
-/// further report, and none is being delivered to it any more.
+/// Keeps a delegate bound to the dispatcher's reports. Releasing the last reference waits until no report is
+/// being delivered, unless a delegate does it from within a report; the delegate gets no further one.
 class KEL_OEM_EXPORT ResponseBinding
 {
 public:
@@ -38,14 +38,15 @@ public:
 };
 using ResponseBindingPtr = Poco::SharedPtr<ResponseBinding>;
 
-/// Reports that the dispatcher delivers on its own thread.
+/// Reports, delivered on a thread that the dispatcher chooses.
 class KEL_OEM_EXPORT OEMDispatcherAsyncCallDefinitions
 {
 public:
     virtual ~OEMDispatcherAsyncCallDefinitions();
 
     /// Binds a copy of `delegate` (Poco::delegate(object, &Class::method)) until the returned binding ends.
-    /// Interfaces that stand reported are reported to the new delegate at once, on the caller's thread.
+    /// The interfaces that are reported as present are reported to the new delegate before the call returns,
+    /// on the caller's thread.
     virtual ResponseBindingPtr bindResponse(
         const Poco::AbstractDelegate<AddServiceDiscoveryInterfacePayload>& delegate) = 0;
     virtual ResponseBindingPtr bindResponse(
