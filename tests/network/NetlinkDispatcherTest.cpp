@@ -517,6 +517,17 @@ TEST_F(NetlinkDispatcherTest, AddressThatStandsIsNotReportedAnewWhenTheKernelCou
     EXPECT_THAT(reported(), ElementsAre("+eth0 fd00::1", "+eth1 fd01::1"));
 }
 
+TEST_F(NetlinkDispatcherTest, AddressThatWasMadeAnewMeanwhileIsReportedAnew)
+{
+    holdUp();
+    ip("address delete fd00::1/64 dev eth0");
+    network.here.addAddress("eth0", "fd00::1/64");
+    gate.open();
+
+    EXPECT_TRUE(reports->come(3));
+    EXPECT_THAT(reported(), ElementsAre("+eth0 fd00::1", "-eth0 fd00::1", "+eth0 fd00::1"));
+}
+
 TEST_F(NetlinkDispatcherTest, NoticesFromBeforeTheLossOfOthersBringNothingBack)
 {
     holdUp();
