@@ -50,6 +50,32 @@ struct SemanticVersion
 
 NuboServiceDescription::NuboServiceDescription() = default;
 
+NuboServiceDescription::NuboServiceDescription(NuboServiceDescription&& other)  // NOLINT(*-noexcept-move*)
+    : NuboServiceDescription()
+{
+    *this = std::move(other);
+}
+
+NuboServiceDescription& NuboServiceDescription::operator=(const NuboServiceDescription& other)
+{
+    return *this = NuboServiceDescription(other);
+}
+
+// NOLINTNEXTLINE(*-noexcept-move*)
+NuboServiceDescription& NuboServiceDescription::operator=(NuboServiceDescription&& other)
+{
+    m_ip6Address = other.m_ip6Address;  // before all that cannot fail
+    m_name = std::move(other.m_name);
+    m_versions = std::move(other.m_versions);
+    m_categories = std::move(other.m_categories);
+    m_ip6AddressText = std::move(other.m_ip6AddressText);
+    m_ip6Port = other.m_ip6Port;
+    m_l4Proto = other.m_l4Proto;
+    m_localUuid = std::move(other.m_localUuid);
+    m_uri = std::move(other.m_uri);
+    return *this;
+}
+
 const Poco::Net::IPAddress& NuboServiceDescription::getIpAddress() const
 {
     static const Poco::Net::IPAddress unspecified(Poco::Net::IPAddress::IPv6);
@@ -58,9 +84,10 @@ const Poco::Net::IPAddress& NuboServiceDescription::getIpAddress() const
 
 void NuboServiceDescription::setIpAddress(const Poco::Net::IPAddress& address)
 {
-    m_ip6Address.emplace(address);
     const std::string text = address.toString();
-    m_ip6AddressText = text;  // copied: the text comes with room for more, in memory of its own
+    std::string shrunkText(text);  // the original has room for more
+    m_ip6Address = address;
+    m_ip6AddressText = std::move(shrunkText);
 }
 
 std::string NuboServiceDescription::generateUri(const std::string& name, const std::string& ipAddress,
@@ -250,13 +277,16 @@ void SDService::fromSOMEIP(const SOME_IP_SD_Entry_Service& entry, const SOME_IP_
 
 void SDService::complete(const SOME_IP_SD_Option_Configuration& configuration)
 {
-    std::vector<std::string> values;
-    configuration.getAllValues(OptionKeywords::NuBo_Version, values);
-    m_description.setVersions(std::exchange(values, {}));
-    configuration.getAllValues(OptionKeywords::NuBo_Category, values);
-    m_description.setCategories(std::move(values));
+    std::vector<std::string> versions;
+    std::vector<std::string> categories;
+    configuration.getAllValues(OptionKeywords::NuBo_Version, versions);
+    configuration.getAllValues(OptionKeywords::NuBo_Category, categories);
+    std::string uri = m_description.generateUri();
 
-    m_description.setUri(m_description.generateUri());
+    // Only now, when nothing can fail any more.
+    m_description.setVersions(std::move(versions));
+    m_description.setCategories(std::move(categories));
+    m_description.setUri(std::move(uri));
 }
 
 std::ostream& operator<<(std::ostream& stream, SDService::Type::Type_t type)

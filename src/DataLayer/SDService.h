@@ -23,12 +23,18 @@ class SOME_IP_SD_Option_IPv6;
 
 /// The web-interface view of a service: what a registry hands in, and what it gets in every event. A plain
 /// value; a copy shares nothing with its source. Nothing is checked here: a service is checked when it is
-/// added.
+/// added. When memory runs short, std::bad_alloc is thrown and the description stays as it was.
 class KEL_SD_EXPORT NuboServiceDescription
 {
 public:
     /// Empty texts and lists, address "::", port 0, protocol TCP.
     NuboServiceDescription();
+
+    NuboServiceDescription(const NuboServiceDescription& other) = default;
+    NuboServiceDescription& operator=(const NuboServiceDescription& other);
+    // Poco's addresses can only be copied, so moving may throw; nothing has moved then.
+    NuboServiceDescription(NuboServiceDescription&& other);             // NOLINT(*-noexcept-move*)
+    NuboServiceDescription& operator=(NuboServiceDescription&& other);  // NOLINT(*-noexcept-move*)
 
     const std::string& getName() const { return m_name; }
     void setName(const std::string& name) { m_name = name; }
@@ -214,7 +220,7 @@ public:
     const ConfigurationPairs& getConfiguration() const { return m_configuration; }
     void setConfiguration(const ConfigurationPairs& configuration)
     {
-        m_configuration = configuration;
+        m_configuration = ConfigurationPairs(configuration);  // copied first: that may throw
         m_packet.clear();
     }
 

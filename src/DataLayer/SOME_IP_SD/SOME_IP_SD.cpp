@@ -12,6 +12,7 @@
 #include <algorithm>
 #include <limits>
 #include <sstream>
+#include <utility>
 
 namespace Nubo::ServiceDiscovery {
 
@@ -243,6 +244,7 @@ std::istream& operator>>(std::istream& stream, SOME_IP_SD& payload)
     payload.m_entries.clear();
     payload.m_options.clear();
     payload.m_lengthOptions = 0;
+    const bool wasValid = std::exchange(payload.m_valid, false);  // until all is read: memory may run short
 
     bool error = payload.m_metaData == nullptr;
     WireReader reader(stream);
@@ -264,8 +266,7 @@ std::istream& operator>>(std::istream& stream, SOME_IP_SD& payload)
                       << " read by deserialisation and length fields contain '" << payload.m_lengthEntries
                       << "|" << payload.m_lengthOptions << "' (Entries|Options)!";
     }
-    if (error)
-        payload.makeInvalid();
+    payload.m_valid = wasValid && !error;
     return stream;
 }
 

@@ -1,32 +1,15 @@
 #include "DataLayer/SOME_IP_SD/SOME_IP_SD_Option_Configuration.h"
 #include "DataLayer/SOME_IP_SD/SOME_IP_SD_Option_Configuration_Pimpl.h"
+#include "support/FailingAllocations.h"
 #include "support/LogCatcher.h"
 #include "support/Wire.h"
 
 #include <Poco/Exception.h>
 
 #include <algorithm>
-#include <new>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-
-namespace {
-
-bool isMemoryShort = false;  ///< no array is to be had from now on
-
-}  // namespace
-
-// In place of the standard library's, which a test cannot make fail.
-void* operator new[](std::size_t size, const std::nothrow_t&) noexcept
-{
-    return isMemoryShort ? nullptr : ::operator new[](size);
-}
-
-void operator delete[](void* array, const std::nothrow_t&) noexcept
-{
-    ::operator delete[](array);
-}
 
 namespace Nubo::ServiceDiscovery::Testing {
 
@@ -85,12 +68,6 @@ ConfigurationPairs pairsOfSize(std::size_t size)
     }
     return pairs;
 }
-
-struct ShortMemory
-{
-    ShortMemory() { isMemoryShort = true; }
-    ~ShortMemory() { isMemoryShort = false; }
-};
 
 struct SOME_IP_SD_Option_ConfigurationTest : ::testing::Test
 {
@@ -573,7 +550,7 @@ TEST_F(SOME_IP_SD_Option_ConfigurationTest, SecondStringIsRefusedWithAWarning)
 TEST_F(SOME_IP_SD_Option_ConfigurationTest, StringWithoutMemoryIsRefused)
 {
     Implementation implementation(1);
-    const ShortMemory memory;
+    const FailingAllocation memory(1);
 
     EXPECT_FALSE(implementation.copyConfigurationString(bytesOf(configText("a=1")), 4));
 
@@ -755,13 +732,15 @@ TEST_F(SOME_IP_SD_Option_ConfigurationTest, MissingTerminatorIsAMismatch)
 
 TEST_F(SOME_IP_SD_Option_ConfigurationTest, ReceivedStringWithoutMemoryIsPassedOver)
 {
-    const ShortMemory memory;
+    Option option(6);
+    std::istringstream bytes = streamOf("00 03 61 3d 31 00 ff");
+    const FailingAllocation memory(1);
 
-    const Option& option = read(6, "00 03 61 3d 31 00 ff");
+    bytes >> option;
 
     EXPECT_FALSE(option.isValid());
     EXPECT_EQ(option.getConfigurationString(), nullptr);
-    EXPECT_EQ(unread(stream), 1);
+    EXPECT_EQ(unread(bytes), 1);
     EXPECT_THAT(log.lines(), ElementsAre("Error: deserialise: failed, allocation of m_configurationString "
                                          "returned nullptr!"));
 }
