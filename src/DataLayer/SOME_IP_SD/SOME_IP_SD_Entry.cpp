@@ -74,7 +74,7 @@ std::ostream& SOME_IP_SD_Entry_Pimpl::serialise(std::ostream& stream) const
 
 std::streamsize SOME_IP_SD_Entry_Pimpl::deserialise(std::istream& stream)
 {
-    CommonFields& fields = m_commonFields;
+    CommonFields fields = m_commonFields;
     std::uint8_t numbers = 0;
     WireReader reader(stream);
     reader.read(fields.fstOptionRunIndex, fields.sndOptionRunIndex, numbers, fields.serviceID,
@@ -88,7 +88,9 @@ std::streamsize SOME_IP_SD_Entry_Pimpl::deserialise(std::istream& stream)
         SD_LOG(Error) << "SOME_IP_SD_Entry size=" << commonSize << ", but " << reader.count()
                       << " read by deserialisation";
         setValid(false);
+        return reader.count();
     }
+    m_commonFields = fields;
     return reader.count();
 }
 

@@ -93,7 +93,7 @@ private:
 /// Writes the entry's 16 bytes.
 std::ostream& operator<<(std::ostream& stream, const SOME_IP_SD_Entry& entry);
 
-/// Reads the 15 bytes that follow the type byte. Afterwards the entry is valid or not.
+/// Reads the 15 bytes that follow the type byte. Of a part that is cut short nothing is taken over.
 std::istream& operator>>(std::istream& stream, SOME_IP_SD_Entry& entry);
 
 }  // namespace Nubo::ServiceDiscovery

@@ -48,12 +48,16 @@ public:
     std::streamsize deserialise(std::istream& stream) override
     {
         SOME_IP_SD_Entry_Pimpl::deserialise(stream);
+        std::uint8_t reserved = 0;
         std::uint8_t flagAndCounter = 0;
+        std::uint16_t eventgroupID = 0;
         WireReader reader(stream);
-        reader.read(m_reserved00, flagAndCounter, m_eventgroupID);
-        m_initialDataRequest = (flagAndCounter & requestFlag) != 0;
-        m_counter = flagAndCounter & largestCounter;
+        reader.read(reserved, flagAndCounter, eventgroupID);
         if (reader.count() == specificSize) {
+            m_reserved00 = reserved;
+            m_initialDataRequest = (flagAndCounter & requestFlag) != 0;
+            m_counter = flagAndCounter & largestCounter;
+            m_eventgroupID = eventgroupID;
             setValid(true);
         }
         else {

@@ -33,9 +33,11 @@ public:
     std::streamsize deserialise(std::istream& stream) override
     {
         SOME_IP_SD_Entry_Pimpl::deserialise(stream);
+        std::uint32_t minorVersion = 0;
         WireReader reader(stream);
-        reader.read(m_minorVersion);
+        reader.read(minorVersion);
         if (reader.count() == specificSize) {
+            m_minorVersion = minorVersion;
             const CommonFields& fields = commonFields();
             noteUnusedIndex("1st", fields.fstOptionRunIndex, fields.fstOptionRunNum);
             noteUnusedIndex("2nd", fields.sndOptionRunIndex, fields.sndOptionRunNum);

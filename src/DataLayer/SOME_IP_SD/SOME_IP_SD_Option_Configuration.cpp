@@ -101,6 +101,7 @@ std::ostream& SOME_IP_SD_Option_Configuration_Pimpl::serialise(std::ostream& str
 std::streamsize SOME_IP_SD_Option_Configuration_Pimpl::deserialise(std::istream& stream)
 {
     SOME_IP_SD_Option_Pimpl::deserialise(stream);
+    setValid(false);  // until the string is found good
     const std::uint16_t n = stringLength();
     if (getLength() < OptionLength::MIN + 1) {
         SD_LOG(Error) << "SOME_IP_SD_Configuration_Option string length '" << n
@@ -120,8 +121,9 @@ std::streamsize SOME_IP_SD_Option_Configuration_Pimpl::deserialise(std::istream&
     WireReader reader(stream);
     reader.readBytes(m_configurationString.get(), withTerminator);
     m_configurationString[n] = 0;  // kept for compatibility: the terminator's value is not looked at
-    const auto upToZero = static_cast<std::streamsize>(std::strlen(asChars(string()))) + 1;
-    const std::streamsize consumed = std::min(upToZero, reader.count());
+    const std::size_t upToZero = std::strlen(asChars(string()));
+    std::fill_n(m_configurationString.get() + upToZero, withTerminator - upToZero, std::uint8_t{0});
+    const std::streamsize consumed = std::min(static_cast<std::streamsize>(upToZero) + 1, reader.count());
     if (consumed != specificSize()) {
         SD_LOG(Error) << "SOME_IP_SD_Configuration_Option size=" << specificSize() << ", but " << consumed
                       << " read by deserialisation!";

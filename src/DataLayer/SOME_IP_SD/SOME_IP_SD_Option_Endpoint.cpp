@@ -126,11 +126,14 @@ public:
     std::streamsize deserialise(std::istream& stream) override
     {
         SOME_IP_SD_Option_Pimpl::deserialise(stream);
+        AddressBytes address{};
+        std::uint8_t reserved = 0;
         std::uint8_t protocol = 0;
         std::uint16_t port = 0;
         WireReader reader(stream);
-        reader.read(m_addressBytes, m_reserved01, protocol, port);
+        reader.read(address, reserved, protocol, port);
         if (reader.count() == specificSize()) {
+            m_addressBytes = address;
             const bool good = initCommon(port, static_cast<OptionL4Protocol::L4Protocol_t>(protocol));
             setValid(initAddress() && good);
         }
@@ -164,12 +167,10 @@ public:
     OptionL4Protocol::L4Protocol_t protocol() const { return m_l4Proto; }
 
 private:
-    /// Takes port and protocol over; false, after an error line, when type or protocol do not fit.
+    /// Takes port and protocol over; false, after an error line, when type or protocol do not fit: then
+    /// neither is kept.
     bool initCommon(std::uint16_t port, OptionL4Protocol::L4Protocol_t protocol)
     {
-        m_reserved01 = 0;
-        m_l4Proto = protocol;
-        m_portNumber = port;
         if (std::find(Family::types.begin(), Family::types.end(), getType()) == Family::types.end()) {
             SD_LOG(Error) << W::wrongType << "but 0x" << TwoDigits{getType()} << " given!";
             return false;
@@ -178,6 +179,9 @@ private:
             SD_LOG(Error) << W::wrongProtocol << "but 0x" << TwoDigits{protocol} << " given!";
             return false;
         }
+        m_reserved01 = 0;
+        m_l4Proto = protocol;
+        m_portNumber = port;
         return true;
     }
 

@@ -29,9 +29,13 @@ public:
     std::streamsize deserialise(std::istream& stream) override
     {
         SOME_IP_SD_Option_Pimpl::deserialise(stream);
+        std::uint16_t priority = 0;
+        std::uint16_t weight = 0;
         WireReader reader(stream);
-        reader.read(m_priority, m_weight);
+        reader.read(priority, weight);
         if (reader.count() == specificSize()) {
+            m_priority = priority;
+            m_weight = weight;
             setValid(true);
         }
         else {

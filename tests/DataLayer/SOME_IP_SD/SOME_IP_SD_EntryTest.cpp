@@ -115,6 +115,15 @@ TEST_F(SOME_IP_SD_EntryTest, CommonPartCutShortMakesTheEntryInvalid)
         << "the three bytes of the TTL count whatever became of them";
 }
 
+TEST_F(SOME_IP_SD_EntryTest, CommonPartCutShortTakesNothingOver)
+{
+    const std::string before = written(entry);
+
+    streamOf("12 13 ef 16 17 18 19") >> entry;
+
+    EXPECT_EQ(written(entry), before);
+}
+
 TEST_F(SOME_IP_SD_EntryTest, WhiteSpaceInTheTTLIsPassedOver)
 {
     std::istringstream stream = streamOf("12 13 ef 16 17 18 19 1a 00 20 0d 03 04 ff");

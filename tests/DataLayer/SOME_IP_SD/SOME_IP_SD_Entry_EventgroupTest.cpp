@@ -107,6 +107,18 @@ TEST_F(SOME_IP_SD_Entry_EventgroupTest, ReadingMakesARefusedEntryValid)
     EXPECT_TRUE(refused.isValid());
 }
 
+TEST_F(SOME_IP_SD_Entry_EventgroupTest, LastFieldsCutShortAreNotTakenOverAndLeaveTheEntryValid)
+{
+    SOME_IP_SD_Entry_Eventgroup subscription(subscribeFields(), true, 0x0c, 0x0d0e);
+
+    streamOf("01 02 ab 03 04 05 06 07 08 0e 0f 55 05 ff") >> subscription;
+
+    EXPECT_TRUE(subscription.isValid());
+    EXPECT_EQ(written(subscription), "06 01 02 ab 03 04 05 06 07 08 0e 0f 00 8c 0d 0e");
+    EXPECT_THAT(log.errors(),
+                ElementsAre("Error: SOME_IP_SD_Entry_Eventgroup size=4, but 3 read by deserialisation!"));
+}
+
 TEST_F(SOME_IP_SD_Entry_EventgroupTest, ReservedByteIsKeptAndUnnamedBitsAreDropped)
 {
     std::istringstream stream = streamOf("01 02 ab 03 04 05 06 07 00 08 0e 55 75 10 11");

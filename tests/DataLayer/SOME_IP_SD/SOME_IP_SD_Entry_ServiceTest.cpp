@@ -115,6 +115,18 @@ TEST_F(SOME_IP_SD_Entry_ServiceTest, ReadingMakesARefusedEntryValid)
     EXPECT_TRUE(refused.isValid());
 }
 
+TEST_F(SOME_IP_SD_Entry_ServiceTest, MinorVersionCutShortIsNotTakenOverAndLeavesTheEntryValid)
+{
+    SOME_IP_SD_Entry_Service offer(offerFields(), 0x01020304);
+
+    streamOf("00 00 10 ff fd 00 02 07 00 00 08 ff ff ff") >> offer;
+
+    EXPECT_TRUE(offer.isValid());
+    EXPECT_EQ(written(offer), "01 00 00 10 ff fd 00 02 07 00 00 08 01 02 03 04");
+    EXPECT_THAT(log.errors(),
+                ElementsAre("Error: SOME_IP_SD_Entry_Service size=4, but 3 read by deserialisation!"));
+}
+
 TEST_F(SOME_IP_SD_Entry_ServiceTest, EntryIsInvalidUntilRead)
 {
     EXPECT_FALSE(entry.isValid());

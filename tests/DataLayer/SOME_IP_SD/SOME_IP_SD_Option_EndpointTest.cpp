@@ -48,6 +48,8 @@ struct IPv4
     static constexpr auto tooShortLine =
         "Error: SOME_IP_SD_IPv4_Option size=7, but 8 read by deserialisation!";
     static constexpr auto cutLine = "Error: SOME_IP_SD_IPv4_Option size=8, but 6 read by deserialisation!";
+    static constexpr auto cutByOneLine =
+        "Error: SOME_IP_SD_IPv4_Option size=8, but 7 read by deserialisation!";
     static constexpr auto emptyLine = "Error: SOME_IP_SD_IPv4_Option size=8, but 0 read by deserialisation!";
     static constexpr auto writtenLine =
         "Error: SOME_IP_SD_Option_IPv4 size=9, but 8 written by serialisation!";
@@ -86,6 +88,8 @@ struct IPv6
     static constexpr auto tooShortLine =
         "Error: SOME_IP_SD_IPv6_Option size=19, but 20 read by deserialisation!";
     static constexpr auto cutLine = "Error: SOME_IP_SD_IPv6_Option size=20, but 18 read by deserialisation!";
+    static constexpr auto cutByOneLine =
+        "Error: SOME_IP_SD_IPv6_Option size=20, but 19 read by deserialisation!";
     static constexpr auto emptyLine = "Error: SOME_IP_SD_IPv6_Option size=20, but 0 read by deserialisation!";
     static constexpr auto writtenLine =
         "Error: SOME_IP_SD_Option_IPv6 size=21, but 20 written by serialisation!";
@@ -292,6 +296,37 @@ TYPED_TEST(SOME_IP_SD_Option_EndpointTest, TypeIsAskedForBeforeTheProtocol)
     EXPECT_THAT(this->log.errors(), ElementsAre(TypeParam::wrongTypeLine, TypeParam::invalidStringLine));
 }
 
+TYPED_TEST(SOME_IP_SD_Option_EndpointTest, RefusedOptionKeepsNeitherPortNorProtocol)
+{
+    using Endpoint = typename TypeParam::Option;
+    const auto otherProtocol = static_cast<OptionL4Protocol::L4Protocol_t>(0x0a);
+
+    const Endpoint protocolOfText(TypeParam::types[0], TypeParam::address, 80, otherProtocol);
+    const Endpoint protocolOfBytes(TypeParam::types[0], this->rawPointer, 80, otherProtocol);
+    const Endpoint typeOfText(TypeParam::wrongType, TypeParam::address, 80, OptionL4Protocol::UDP);
+    const Endpoint typeOfBytes(TypeParam::wrongType, this->rawPointer, 80, OptionL4Protocol::UDP);
+    const Endpoint& read = this->read("00 " + this->addressBytes + " 66 0a 00 50");
+
+    for (const Endpoint* option : {&protocolOfText, &protocolOfBytes, &typeOfText, &typeOfBytes, &read}) {
+        EXPECT_FALSE(option->isValid());
+        EXPECT_EQ(option->getPort(), 0);
+        EXPECT_EQ(option->getL4Protocol(), OptionL4Protocol::NONE);
+    }
+    EXPECT_EQ(written(read), std::string(TypeParam::lengthBytes) + TypeParam::typeBytes[0] + " 00 " +
+                                 TypeParam::addressBytes + " 00 00 00 00");
+}
+
+TYPED_TEST(SOME_IP_SD_Option_EndpointTest, RefusedReadLeavesPortAndProtocolAsTheyWere)
+{
+    typename TypeParam::Option option(TypeParam::types[0], TypeParam::address, 30490, OptionL4Protocol::TCP);
+
+    streamOf("00 " + this->addressBytes + " 00 0a 00 50") >> option;
+
+    EXPECT_FALSE(option.isValid());
+    EXPECT_EQ(option.getPort(), 30490);
+    EXPECT_EQ(option.getL4Protocol(), OptionL4Protocol::TCP);
+}
+
 TYPED_TEST(SOME_IP_SD_Option_EndpointTest, AddressTextOfTheOtherFamilyIsRefused)
 {
     const typename TypeParam::Option option(TypeParam::types[0], TypeParam::addressOfTheOther, 1,
@@ -344,6 +379,41 @@ TYPED_TEST(SOME_IP_SD_Option_EndpointTest, OptionCutShortIsInvalid)
     EXPECT_THAT(this->log.errors(), ElementsAre(TypeParam::cutLine));
 }
 
+TYPED_TEST(SOME_IP_SD_Option_EndpointTest, OptionCutShortTakesNothingOver)
+{
+    const auto& option = this->read("00 " + this->addressBytes + " 66 11 77");
+
+    EXPECT_EQ(option.getIP().toString(), TypeParam::wildcard);
+    EXPECT_EQ(option.getPort(), 0);
+    EXPECT_EQ(option.getL4Protocol(), OptionL4Protocol::NONE);
+    EXPECT_EQ(toHex(option.getIP_asBytes(), this->rawAddress.size()),
+              toHex(std::string(this->rawAddress.size(), '\0')));
+}
+
+TYPED_TEST(SOME_IP_SD_Option_EndpointTest, OptionOfAnotherLengthTakesNothingOver)
+{
+    const auto& option = this->read("00 " + this->addressBytes + " 66 11 77 1a ee", TypeParam::length + 1);
+
+    EXPECT_EQ(option.getIP().toString(), TypeParam::wildcard);
+    EXPECT_EQ(option.getPort(), 0);
+    EXPECT_EQ(option.getL4Protocol(), OptionL4Protocol::NONE);
+    EXPECT_EQ(toHex(option.getIP_asBytes(), this->rawAddress.size()),
+              toHex(std::string(this->rawAddress.size(), '\0')));
+}
+
+TYPED_TEST(SOME_IP_SD_Option_EndpointTest, ReadThatIsCutShortLeavesAValidOptionAsItWas)
+{
+    typename TypeParam::Option option(TypeParam::types[0], TypeParam::address, 30490, OptionL4Protocol::TCP);
+    const std::string before = written(option);
+
+    streamOf("00 " + toHex(std::string(this->rawAddress.size(), '\x77')) + " 66 11 00") >> option;
+
+    EXPECT_TRUE(option.isValid());
+    EXPECT_EQ(written(option), before);
+    EXPECT_EQ(option.getIP().toString(), TypeParam::address);
+    EXPECT_THAT(this->log.errors(), ElementsAre(TypeParam::cutByOneLine));
+}
+
 TYPED_TEST(SOME_IP_SD_Option_EndpointTest, EmptyStreamLacksTheReservedByteToo)
 {
     const auto& option = this->read("");
@@ -384,11 +454,12 @@ TYPED_TEST(SOME_IP_SD_Option_EndpointTest, TextNamesUDP)
     EXPECT_THAT(option.toString(0), ::testing::EndsWith(", L4(UDP)"));
 }
 
-TYPED_TEST(SOME_IP_SD_Option_EndpointTest, TextOfAnotherProtocolHoldsItsNumber)
+TYPED_TEST(SOME_IP_SD_Option_EndpointTest, TextOfARefusedOptionHasNoProtocol)
 {
     const auto& option = this->read("00 " + this->addressBytes + " 00 1a 77 1a");
 
-    EXPECT_THAT(option.toString(0), ::testing::EndsWith(", L4(0x1a=UNKNOWN)"));
+    EXPECT_EQ(option.toString(0), std::string(TypeParam::name) + " Option: Type(ENDPOINT), " +
+                                      TypeParam::shownAddress + ":0), L4(0x0=UNKNOWN)");
 }
 
 TYPED_TEST(SOME_IP_SD_Option_EndpointTest, TextOfATypeOfAnotherKindSaysSo)

@@ -101,6 +101,31 @@ TEST_F(SOME_IP_SD_Option_LoadBalancingTest, OptionCutShortIsInvalid)
                 ElementsAre("Error: SOME_IP_SD_Option_LoadBalancing size=4, but 3 read by deserialisation!"));
 }
 
+TEST_F(SOME_IP_SD_Option_LoadBalancingTest, MismatchTakesNothingOver)
+{
+    const SOME_IP_SD_Option::Ptr cut = read(5, "00 01 02 03");
+    const SOME_IP_SD_Option::Ptr tooLong = read(6, "00 01 02 03 04 05");
+
+    for (const SOME_IP_SD_Option::Ptr& option : {cut, tooLong}) {
+        const auto& loadBalancing = dynamic_cast<const SOME_IP_SD_Option_LoadBalancing&>(*option);
+        EXPECT_EQ(loadBalancing.getPriority(), 0);
+        EXPECT_EQ(loadBalancing.getWeight(), 0);
+    }
+}
+
+TEST_F(SOME_IP_SD_Option_LoadBalancingTest, ReadThatIsCutShortLeavesAValidOptionAsItWas)
+{
+    SOME_IP_SD_Option_LoadBalancing option(7, 8);
+
+    streamOf("00 01 02 03") >> option;
+
+    EXPECT_TRUE(option.isValid());
+    EXPECT_EQ(option.getPriority(), 7);
+    EXPECT_EQ(option.getWeight(), 8);
+    EXPECT_THAT(log.errors(),
+                ElementsAre("Error: SOME_IP_SD_Option_LoadBalancing size=4, but 3 read by deserialisation!"));
+}
+
 TEST_F(SOME_IP_SD_Option_LoadBalancingTest, EmptyStreamLacksTheReservedByteToo)
 {
     const SOME_IP_SD_Option::Ptr option = read(5, "");
@@ -116,7 +141,7 @@ TEST_F(SOME_IP_SD_Option_LoadBalancingTest, LengthThatDoesNotFitIsReportedWhenWr
     const SOME_IP_SD_Option::Ptr option = read(6, "00 01 02 03 04 05");
     log.clear();
 
-    EXPECT_EQ(written(*option), "00 06 02 00 01 02 03 04");
+    EXPECT_EQ(written(*option), "00 06 02 00 00 00 00 00");
 
     EXPECT_THAT(
         log.errors(),
