@@ -31,6 +31,7 @@ struct Script
     std::function<bool()> answer = [] { return true; };
     bool isRunningAfterStart = true;
     std::vector<std::string> calls;
+    SDService::Ptr searched;  ///< the record of the last search
 
     bool take(const std::string& call)
     {
@@ -77,6 +78,7 @@ bool SDCommunicationHub::addService(SDService::Ptr& service)
 
 bool SDCommunicationHub::findService(SDService::Ptr& service)
 {
+    script->searched = service;
     return script->take("find " + Testing::summary(service));
 }
 
@@ -196,6 +198,19 @@ TEST_F(ScriptedHubTest, HubGoesWithTheFacade)
     discovery.reset();
 
     EXPECT_THAT(script->calls, ElementsAre("destroyed"));
+}
+
+TEST_F(ScriptedHubTest, SearchLeavesEverythingButTheNameOpen)
+{
+    discovery->findService(describe("Media"));
+
+    ASSERT_FALSE(script->searched.isNull());
+    EXPECT_EQ(script->searched->getNuboDescription().getName(), "Media");
+    EXPECT_THAT(script->searched->getNuboDescription().getVersions(), IsEmpty());
+    EXPECT_EQ(script->searched->getServiceId(), 0xfffe);
+    EXPECT_EQ(script->searched->getInstanceId(), 0xffff);
+    EXPECT_EQ(script->searched->getMajorVersion(), 0xff);
+    EXPECT_EQ(script->searched->getTTL(), 120u);
 }
 
 TEST_F(ScriptedHubTest, ServicesAreThoseOfTheHub)

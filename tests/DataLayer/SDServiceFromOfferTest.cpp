@@ -36,13 +36,14 @@ struct SDServiceFromOfferTest : ::testing::Test
     SDService make(SDService::Extent extent = SDService::Extent::Whole) const
     {
         return SDService(
-            SOME_IP_SD_Entry_Service(fields, 2),
+            SOME_IP_SD_Entry_Service(fields, minorVersion),
             SOME_IP_SD_Option_IPv6(OptionType::IP6_ENDPOINT, address, port, OptionL4Protocol::UDP),
             SOME_IP_SD_Option_Configuration(pairs), extent);
     }
 
     LogCatcher log;
     SOME_IP_SD_Entry::CommonFields fields;
+    std::uint32_t minorVersion = 2;
     std::string address = "fd00::1";
     std::uint16_t port = 8080;
     ConfigurationPairs pairs{{"otherserv", "Media"}, {"version", "1.2.0"}};
@@ -61,6 +62,25 @@ TEST_F(SDServiceFromOfferTest, IdentityComesFromTheEntry)
     EXPECT_EQ(service.getMajorVersion(), 1);
     EXPECT_EQ(service.getMinorVersion(), 2u);
     EXPECT_THAT(log.lines(), IsEmpty());
+}
+
+TEST_F(SDServiceFromOfferTest, LargestValuesOfTheEntryAreTakenWhole)
+{
+    fields.serviceID = 0xffff;
+    fields.ttl = 0xfffffe;
+    fields.majorVersion = 0xff;
+    minorVersion = 0xfffefdfc;
+    port = 0xffff;
+
+    const SDService service = make();
+
+    EXPECT_EQ(service.getServiceId(), 0xffff);
+    EXPECT_EQ(service.getTTL(), 0xfffffeu);
+    EXPECT_EQ(service.getSecondsLeft(), 0xfffffeu);
+    EXPECT_EQ(service.getMajorVersion(), 0xff);
+    EXPECT_EQ(service.getMinorVersion(), 0xfffefdfcu);
+    EXPECT_EQ(service.getNuboDescription().getPort(), 0xffff);
+    EXPECT_EQ(service.getNuboDescription().getUri(), "http://[fd00::1]:65535/Media/");
 }
 
 TEST_F(SDServiceFromOfferTest, InstanceIDIsZeroWhateverTheEntryCarried)
@@ -116,6 +136,17 @@ TEST_F(SDServiceFromOfferTest, NameIsTheFirstOfSeveral)
     pairs = {{"otherserv", "Media"}, {"otherserv", "Audio"}, {"version", "1.0.0"}};
 
     EXPECT_EQ(make().getNuboDescription().getName(), "Media");
+}
+
+TEST_F(SDServiceFromOfferTest, NameMayBeEmpty)
+{
+    pairs = {{"otherserv", ""}, {"otherserv", "Audio"}, {"version", "1.0.0"}};
+
+    const SDService service = make();
+
+    EXPECT_EQ(service.getNuboDescription().getName(), "");
+    EXPECT_EQ(service.getNuboDescription().getUri(), "http://[fd00::1]:8080//");
+    EXPECT_THAT(log.lines(), IsEmpty());
 }
 
 TEST_F(SDServiceFromOfferTest, NameIsNotLookedUpUnderServicename)

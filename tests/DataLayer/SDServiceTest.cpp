@@ -86,6 +86,14 @@ TEST(SDServiceTest, UnknownTypesAndStatesPrintTheirNumberInTheStreamsBase)
     EXPECT_EQ(hexadecimal.str(), "UNKNOWN 0x11 UNKNOWN 0x11");
 }
 
+TEST(SDServiceTest, NumberOfAnUnknownTypeOrStateIsPrintedWhole)
+{
+    EXPECT_EQ(printed(static_cast<Type::Type_t>(5)), "UNKNOWN 0x5");
+    EXPECT_EQ(printed(static_cast<State::State_t>(6)), "UNKNOWN 0x6");
+    EXPECT_EQ(printed(static_cast<Type::Type_t>(0xfffffffe)), "UNKNOWN 0x4294967294");
+    EXPECT_EQ(printed(static_cast<State::State_t>(0xfffffffe)), "UNKNOWN 0x4294967294");
+}
+
 TEST(SDServiceTest, RecordOfADescriptionStartsWithTheDefaults)
 {
     const SDService service(describe("Media", "fd00::12", 8080, "an id", "0.0.7"));
@@ -155,162 +163,6 @@ TEST(SDServiceTest, CategoriesMayBeMissing)
     const SDService service(media({"1.0.0"}));
 
     EXPECT_EQ(service.getConfiguration().count("category"), 0u);
-}
-
-namespace {
-
-struct AcceptedVersions
-{
-    const char* name;
-    std::vector<std::string> versions;
-    unsigned int major;
-    unsigned int minor;
-};
-
-struct AcceptedVersionsTest : ::testing::TestWithParam<AcceptedVersions>
-{};
-
-}  // namespace
-
-TEST_P(AcceptedVersionsTest, GiveTheHighestMajorAndMinor)
-{
-    const LogCatcher log;
-
-    const SDService service(media(GetParam().versions));
-
-    EXPECT_EQ(service.getMajorVersion_AsUnsigned(), GetParam().major);
-    EXPECT_EQ(service.getMinorVersion(), GetParam().minor);
-    EXPECT_THAT(log.lines(), IsEmpty());
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    SDService, AcceptedVersionsTest,
-    ::testing::Values(
-        AcceptedVersions{"HigherMinorLater", {"1.2.3", "1.10.0"}, 1, 10},
-        AcceptedVersions{"LowerMinorLater", {"1.10.0", "1.2.3"}, 1, 10},
-        AcceptedVersions{"LowerMajorLater", {"2.0.0", "1.9.9"}, 2, 0},
-        AcceptedVersions{"HigherMajorWithLowerMinorLater", {"1.9.9", "2.0.0"}, 2, 0},
-        AcceptedVersions{"Tilde", {"~1.2.3"}, 1, 2}, AcceptedVersions{"TwoTokens", {"2.1"}, 2, 1},
-        AcceptedVersions{"PatchIsNeverLookedAt", {"1.2.x"}, 1, 2},
-        AcceptedVersions{"PatchMayBeEmpty", {"1.2."}, 1, 2}, AcceptedVersions{"ZeroOnly", {"0.0.1"}, 0, 0},
-        AcceptedVersions{"MinorOnly", {"0.3.1"}, 0, 3}, AcceptedVersions{"LargestMajor", {"255.0.0"}, 255, 0},
-        AcceptedVersions{"LargestMinor", {"1.4294967295.0"}, 1, 4294967295u},
-        AcceptedVersions{"ThousandsSeparators", {"1,0.1,000.0"}, 10, 1000}),
-    [](const auto& row) { return row.param.name; });
-
-namespace {
-
-struct RefusedVersions
-{
-    const char* name;
-    std::vector<std::string> versions;
-    const char* line;
-};
-
-struct RefusedVersionsTest : ::testing::TestWithParam<RefusedVersions>
-{};
-
-}  // namespace
-
-TEST_P(RefusedVersionsTest, AreLoggedInOneLineAndThrowWithoutAText)
-{
-    const LogCatcher log;
-
-    try {
-        const SDService service(media(GetParam().versions));
-        FAIL() << "nothing was thrown";
-    }
-    catch (const Poco::InvalidArgumentException& exception) {
-        EXPECT_EQ(exception.message(), "");
-    }
-    EXPECT_THAT(log.lines(), ElementsAre(GetParam().line));
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    SDService, RefusedVersionsTest,
-    ::testing::Values(
-        RefusedVersions{
-            "None",
-            {},
-            "Error: ServiceDiscovery failed to create SD Service \"Media\" due to invalid Version(s)"},
-        RefusedVersions{"MajorOver255",
-                        {"256.0.0"},
-                        "Error: ServiceDiscovery failed to create SD Service \"Media\" with given "
-                        "Version(s), not in semVer - format([~]major.minor.patch) (256.0.0)"},
-        RefusedVersions{"MajorNotANumber",
-                        {"x.1.0"},
-                        "Error: ServiceDiscovery failed to create SD Service \"Media\" with given "
-                        "Version(s), not in semVer - format([~]major.minor.patch) (x.1.0)"},
-        RefusedVersions{"MajorEmpty",
-                        {".1.0"},
-                        "Error: ServiceDiscovery failed to create SD Service \"Media\" with given "
-                        "Version(s), not in semVer - format([~]major.minor.patch) (.1.0)"},
-        RefusedVersions{"MajorNegative",
-                        {"-1.1.0"},
-                        "Error: ServiceDiscovery failed to create SD Service \"Media\" with given "
-                        "Version(s), not in semVer - format([~]major.minor.patch) (-1.1.0)"},
-        RefusedVersions{"MinorNotANumber",
-                        {"1.x.0"},
-                        "Error: ServiceDiscovery failed to create SD Service \"Media\" with given "
-                        "Version(s), not in semVer - format([~]major.minor.patch) (1.x.0)"},
-        RefusedVersions{"MinorEmpty",
-                        {"1."},
-                        "Error: ServiceDiscovery failed to create SD Service \"Media\" with given "
-                        "Version(s), not in semVer - format([~]major.minor.patch) (1.)"},
-        RefusedVersions{"MinorOver32Bits",
-                        {"1.4294967296.0"},
-                        "Error: ServiceDiscovery failed to create SD Service \"Media\" with given "
-                        "Version(s), not in semVer - format([~]major.minor.patch) (1.4294967296.0)"},
-        RefusedVersions{"FourTokens",
-                        {"1.2.3.4"},
-                        "Error: ServiceDiscovery failed to create SD Service \"Media\" with given "
-                        "Version(s), not in semVer - format([~]major.minor.patch) (1.2.3.4)"},
-        RefusedVersions{"TwoTildes",
-                        {"~~1.2.3"},
-                        "Error: ServiceDiscovery failed to create SD Service \"Media\" with given "
-                        "Version(s), not in semVer - format([~]major.minor.patch) (~~1.2.3)"},
-        RefusedVersions{"OneToken",
-                        {"1"},
-                        "Error: ServiceDiscovery failed to create SD Service \"Media\" with given "
-                        "Version(s): (1) Out of range"},
-        RefusedVersions{"OneTokenThatIsNoNumber",
-                        {"x"},
-                        "Error: ServiceDiscovery failed to create SD Service \"Media\" with given "
-                        "Version(s), not in semVer - format([~]major.minor.patch) (x)"},
-        RefusedVersions{"OneTokenOver255",
-                        {"256"},
-                        "Error: ServiceDiscovery failed to create SD Service \"Media\" with given "
-                        "Version(s), not in semVer - format([~]major.minor.patch) (256)"},
-        RefusedVersions{"TildeAlone",
-                        {"~"},
-                        "Error: ServiceDiscovery failed to create SD Service \"Media\" with given "
-                        "Version(s), not in semVer - format([~]major.minor.patch) (~)"},
-        RefusedVersions{"SeveralBadOnesStopAtTheFirst",
-                        {"1.0.0", "1.x.0", "y.0.0"},
-                        "Error: ServiceDiscovery failed to create SD Service \"Media\" with given "
-                        "Version(s), not in semVer - format([~]major.minor.patch) (1.x.0)"},
-        RefusedVersions{"Empty",
-                        {""},
-                        "Error: ServiceDiscovery failed to create SD Service \"Media\" with given "
-                        "Version(s): () Out of range"},
-        RefusedVersions{"GoodOnesBefore",
-                        {"1.0.0", "2"},
-                        "Error: ServiceDiscovery failed to create SD Service \"Media\" with given "
-                        "Version(s): (2) Out of range"}),
-    [](const auto& row) { return row.param.name; });
-
-TEST(SDServiceTest, MissingVersionsAreRefusedHoweverGoodTheRestIs)
-{
-    const LogCatcher log;
-    NuboServiceDescription description = media({});
-    description.addCategory("audio");
-    description.setIpAddress(Poco::Net::IPAddress("fd00::1"));
-    description.setPort(8080);
-
-    EXPECT_THROW(SDService{description}, Poco::InvalidArgumentException);
-
-    EXPECT_THAT(log.lines(), ElementsAre("Error: ServiceDiscovery failed to create SD Service \"Media\" due "
-                                         "to invalid Version(s)"));
 }
 
 TEST(SDServiceTest, RecordOfGivenFieldsTakesThemUnchecked)
@@ -444,6 +296,20 @@ TEST(SDServiceTest, LargestTTLOnTheWireIs194Days)
     service.setTTL(0xFFFFFF);
 
     SDClock::turn(194 * day);
+    EXPECT_FALSE(service.isTTLElapsed());
+    SDClock::turn(day);
+    EXPECT_TRUE(service.isTTLElapsed());
+}
+
+TEST(SDServiceTest, DeadlineIsComputedFromAllBitsOfTheTTL)
+{
+    SDService service("Media");
+
+    service.setTTL(0xffffffff);
+
+    EXPECT_EQ(service.getTTL(), 0xffffffffu);
+    EXPECT_EQ(service.getSecondsLeft(), 0xffffffffu);
+    SDClock::turn(49710 * day);
     EXPECT_FALSE(service.isTTLElapsed());
     SDClock::turn(day);
     EXPECT_TRUE(service.isTTLElapsed());
