@@ -10,7 +10,7 @@ set -eu
 
 packages_for() {
     case "$1" in
-    build) echo g++ cmake ninja-build pkg-config libpoco-dev libcli11-dev nlohmann-json3-dev libnl-route-3-dev robin-map-dev libpcap-dev libncurses-dev ;;
+    build) echo g++ cmake ninja-build pkg-config libpoco-dev libcli11-dev nlohmann-json3-dev libnl-route-3-dev libsodium-dev libpcap-dev libncurses-dev ;;
     demo) echo iproute2 ;;
     test) echo libgtest-dev libgmock-dev libbenchmark-dev clang-format bats jq tshark iproute2 procps nftables zsh tmux doxygen ;;
     aarch64) echo g++-aarch64-linux-gnu qemu-user mmdebstrap iproute2 ;;

@@ -117,19 +117,19 @@ private:
 /// The records of a state machine.
 struct Workloads
 {
-    const AperiodicServicesContainer& aperiodic;
-    const ServicesContainer& periodic;
+    const AperiodicWorkload& aperiodic;
+    const PeriodicWorkload& periodic;
 
     ServicesContainer all() const
     {
-        ServicesContainer records = periodic;
+        ServicesContainer records(periodic.begin(), periodic.end());
         for (const auto& [due, record] : aperiodic)
             records.push_back(record);
         return records;
     }
 };
 
-inline void checkAperiodic(const AperiodicServicesContainer& workload)
+inline void checkAperiodic(const AperiodicWorkload& workload)
 {
     using State = SDService::State;
     using Type = SDService::Type;
@@ -152,7 +152,7 @@ inline void checkAperiodic(const AperiodicServicesContainer& workload)
 }
 
 /// The records of other units are those that the registry knows.
-inline void checkPeriodic(const ServicesContainer& workload, const Registry& registry)
+inline void checkPeriodic(const PeriodicWorkload& workload, const Registry& registry)
 {
     using State = SDService::State;
     using Type = SDService::Type;

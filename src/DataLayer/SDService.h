@@ -7,6 +7,7 @@
 #include <Poco/Net/IPAddress.h>
 #include <Poco/SharedPtr.h>
 
+#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <iosfwd>
@@ -63,7 +64,7 @@ public:
 
     /// The registry's own identifier of the service.
     const std::string& getLocalUuid() const { return m_localUuid; }
-    void setLocalUuid(const std::string& localUuid) { m_localUuid = localUuid; }
+    void setLocalUuid(std::string localUuid) { m_localUuid = std::move(localUuid); }
 
     const std::string& getUri() const { return m_uri; }
     void setUri(std::string uri) { m_uri = std::move(uri); }
@@ -160,7 +161,13 @@ public:
         m_description = description;
         m_packet.clear();
     }
-    void setLocalUuid(const std::string& localUuid) { m_description.setLocalUuid(localUuid); }
+    void setLocalUuid(std::string localUuid) { m_description.setLocalUuid(std::move(localUuid)); }
+
+    /// The address of the unit that sent the offer, 16 bytes in network order, without port and scope; zeros
+    /// when it is not known.
+    using SenderAddress = std::array<std::uint8_t, 16>;
+    const SenderAddress& getSender() const { return m_sender; }
+    void setSender(const SenderAddress& sender) { m_sender = sender; }
 
     Type::Type_t getType() const { return m_type; }
     void setType(Type::Type_t type)
@@ -248,6 +255,7 @@ private:
     State::State_t m_state = State::INITIAL_WAIT_PHASE;
     std::uint8_t m_repetitionRun = 0;
     Poco::Clock m_timeoutTimestamp;
+    SenderAddress m_sender{};
     mutable std::string m_packet;  // follows from the rest
 };
 

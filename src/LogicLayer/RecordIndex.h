@@ -1,201 +1,235 @@
 #pragma once
 
 #include "DataLayer/SDService.h"
+#include "LogicLayer/HashTable.h"
+#include "LogicLayer/InstanceNumbers.h"
+#include "LogicLayer/IntrusiveList.h"
+#include "LogicLayer/KeyedHash.h"
 #include "LogicLayer/ServiceIdentity.h"
 
 #include <Poco/Clock.h>
 
-#include <algorithm>
-#include <array>
 #include <cstddef>
-#include <functional>
+#include <cstdint>
+#include <map>
 #include <memory>
-#include <optional>
 #include <string>
-#include <utility>
 #include <vector>
-
-#include <tsl/robin_map.h>
 
 namespace Nubo::ServiceDiscovery {
 
-/// Finds the records of a workload by name, by name and endpoint, or by the registry's identifier, without a
-/// walk over all of them.
+struct NameEntries;
+struct Sender;
+
+/// A record in a workload, and its places in the index. The workload owns it; only workload and index change
+/// it.
+struct WorkloadEntry : SDService::Ptr
+{
+    enum class Workload : std::uint8_t
+    {
+        Aperiodic,
+        Periodic
+    };
+
+    /// Why the record is in the workload.
+    enum class Role : std::uint8_t
+    {
+        Search,      ///< a WANTED record in the aperiodic workload
+        Answer,      ///< waits to answer a FIND
+        Own,         ///< a service of this unit, in any other phase
+        Discovered,  ///< a service of another unit, in the periodic workload
+        Other        ///< none of these: it has no business there
+    };
+
+    WorkloadEntry(const SDService::Ptr& record, Workload workload, const Poco::Clock& due);
+
+    /// A null record is in a workload, but cannot be looked up.
+    bool isIndexed() const { return !isNull(); }
+
+    /// The order of a workload.
+    static bool isBefore(const WorkloadEntry* one, const WorkloadEntry* other)
+    {
+        return one->due == other->due ? one->order < other->order : one->due < other->due;
+    }
+
+    WorkloadEntry(const WorkloadEntry&) = delete;
+    WorkloadEntry& operator=(const WorkloadEntry&) = delete;
+
+    Poco::Clock due;          ///< in the aperiodic workload
+    Poco::Clock renewed;      ///< of a discovered service: when it was last offered
+    std::uint64_t order = 0;  ///< of insertion, over both workloads
+    const Workload workload;
+    const Role role;
+    const bool isUnexpected;  ///< by its type and state when it was inserted
+    // What the index counts it by. It stays as it was at the insertion.
+    const std::uint16_t instanceID;
+    const std::uint16_t serviceID;
+    std::size_t textSize;  ///< bytes
+
+    NameEntries* name = nullptr;
+    Sender* sender = nullptr;  ///< of a discovered service; null when it is not known
+    HashLink<WorkloadEntry> byInstance;
+    HashLink<WorkloadEntry> byUuid;
+    ListLink<WorkloadEntry> inName;
+    ListLink<WorkloadEntry> inRole;
+    ListLink<WorkloadEntry> inWorkload;
+};
+
+/// Discovered services in the order of their last offers, the one that has gone longest without first.
+using RenewalList = IntrusiveList<WorkloadEntry, &WorkloadEntry::inRole>;
+
+/// The unit that sent offers, by its address without port and scope.
+struct Sender
+{
+    explicit Sender(const SDService::SenderAddress& unit) : address(unit) {}
+
+    const SDService::SenderAddress address;
+    std::size_t records = 0;  ///< discovered services that it has offered first
+    std::size_t text = 0;     ///< bytes of their texts
+    HashLink<Sender> byAddress;
+};
+
+/// The records of one name in both workloads.
+struct NameEntries
+{
+    using List = IntrusiveList<WorkloadEntry, &WorkloadEntry::inName>;
+
+    /// What only several records need: nearly every name has one.
+    struct Several
+    {
+        explicit Several(const NameEntries& name);
+
+        /// There has to be room for the entry.
+        void add(const WorkloadEntry& entry) noexcept;
+        void remove(const WorkloadEntry& entry) noexcept;
+        void releaseUnused(std::uint16_t serviceID, const Sender* sender) noexcept;
+
+        InstanceNumbers numbers;  ///< of all records but searches
+        /// The same by service ID, without those that are matched by name alone.
+        std::map<std::uint16_t, InstanceNumbers> byServiceID;
+        std::map<const Sender*, std::size_t> discoveredBySender;
+    };
+
+    const std::string& text() const;
+
+    /// Records that match a service ID (0xFFFE and 0xFFFF: all of the name), and the highest instance number
+    /// among them; searches are left out, as they have none. Cost the same however many there are.
+    std::size_t count(std::uint16_t serviceID) const;
+    std::uint16_t highestInstance(std::uint16_t serviceID) const;
+
+    /// Discovered services of the name that this unit offered first.
+    std::size_t discoveredOf(const Sender* sender) const;
+
+    /// The numbers of this unit's own services.
+    InstanceNumbers ownNumbers() const;
+
+    bool empty() const { return entries == 0 && searches.empty(); }
+
+    HashLink<NameEntries> byName;
+    List searches;
+    List aperiodic;   ///< this unit's services and answers, and what has no business there
+    List periodic;    ///< this unit's services, and what has no business there
+    List discovered;  ///< in the order of their last offers, the one that has gone longest without first
+    std::uint32_t entries = 0;  ///< but searches
+    std::uint32_t discoveredCount = 0;
+    std::uint32_t unexpected = 0;
+    std::unique_ptr<Several> several;  ///< from two entries on
+};
+
+/// Finds the records of both workloads by name, by name and endpoint, and by the registry's identifier, and
+/// counts what is bounded, each at a cost that does not depend on how many records there are.
 ///
-/// It stands beside the workload, which is the truth: whoever puts a record into the one or takes it out
-/// does so with the other, and changes none of these of a record between. Records are found in the workload's
-/// order: by the time at which they fall due, equal times in the order of insertion. A null record is not
-/// kept.
+/// The workloads keep it: every insertion into and removal from them passes here. What a record is found by
+/// must not change meanwhile, except through identify(). As a walk over the workloads would, look-ups throw
+/// Poco::NullPointerException while a workload holds a null record.
 class RecordIndex
 {
 public:
-    enum Kind : std::size_t
-    {
-        ByName,
-        ByInstance,
-        ByUuid
-    };
+    using Entry = WorkloadEntry;
 
-    /// Under which a record is kept. Different things may have the same key: whoever visits compares.
-    struct Key
-    {
-        Kind kind;
-        std::size_t hash;
-    };
+    RecordIndex() = default;
+    RecordIndex(const RecordIndex&) = delete;
+    RecordIndex& operator=(const RecordIndex&) = delete;
 
-    RecordIndex()
-    {
-        constexpr float fullest = 0.8f;  // what is half empty fills the caches with nothing
-        for (Table& table : m_records)
-            table.max_load_factor(fullest);
-    }
+    /// Takes the entry in wholly, or throws std::bad_alloc and leaves everything as it was.
+    void insert(Entry& entry);
+    void erase(Entry& entry) noexcept;
 
-    /// By name, and by endpoint if the identity has one; none for an identity without a name.
-    static std::optional<Key> keyOf(const ServiceIdentity& identity)
-    {
-        if (identity.name.isNull())
-            return std::nullopt;
-        const std::string& name = identity.name.value();
-        if (identity.ip.isNull() || identity.port.isNull() || identity.l4proto.isNull())
-            return keyOfName(name);
-        return keyOfInstance(name, identity.ip.value(), identity.port.value(), identity.l4proto.value());
-    }
+    /// Moves an entry of the aperiodic workload to the end of those that are due at the same time.
+    void reorder(Entry& entry) { entry.order = ++m_lastOrder; }
 
-    static Key keyOfUuid(const std::string& localUuid) { return {ByUuid, hash(localUuid)}; }
+    /// Gives a discovered service the registry's identifier.
+    void identify(Entry& entry, std::string&& localUuid) noexcept;
 
-    /// A workload in the order of insertion gives every record the same time.
-    void insert(const SDService::Ptr& record, const Poco::Clock& due = noTime())
-    {
-        if (record.isNull())
-            return;
-        for (const Key key : keysOf(*record))
-            m_records[key.kind][key.hash].insert({due, record});
-        ++m_size;
-        m_textSize += record->getNuboDescription().getTextSize();
-    }
+    /// The service has been offered again.
+    void renew(Entry& entry) noexcept;
 
-    void erase(const SDService::Ptr& record)
-    {
-        if (record.isNull())
-            return;
-        bool isKnown = false;
-        for (const Key key : keysOf(*record))
-            isKnown = erase(key, record) || isKnown;
-        if (!isKnown)
-            return;
-        --m_size;
-        m_textSize -= record->getNuboDescription().getTextSize();
-    }
+    /// Null when there is none.
+    const NameEntries* find(const std::string& name) const;
 
-    /// How many records it holds. When the workload holds another number, somebody has changed the workload
-    /// alone, and the index is of no use.
-    std::size_t size() const { return m_size; }
+    /// The records that match, in the workload's order; the identity must have a name. Takes time for each
+    /// record of the name.
+    std::vector<Entry*> findAll(const ServiceIdentity& identity, Entry::Workload workload) const;
 
-    /// The memory that the texts of all its records take, in bytes.
-    std::size_t textSize() const { return m_textSize; }
+    /// The records that match, in the workload's order; the identity must have a name and an endpoint.
+    std::vector<Entry*> findInstance(const ServiceIdentity& identity, Entry::Workload workload) const;
 
-    /// Calls `visit` with each record under the key, in the workload's order.
-    template <class Visit>
-    void visit(Key key, Visit visit) const
-    {
-        const Table& table = m_records[key.kind];
-        const auto group = table.find(key.hash);
-        if (group == table.end())
-            return;
-        for (const Record& record : group->second)
-            visit(record.second);
-    }
+    /// The one such record in both workloads; null when there is none, or when there are several.
+    Entry* findOnlyInstance(const ServiceIdentity& identity) const;
+
+    /// How many such records have that role.
+    std::size_t countInstance(const ServiceIdentity& identity, Entry::Role role) const;
+
+    /// The records with that identifier, in the workload's order.
+    std::vector<Entry*> findUuid(const std::string& localUuid, Entry::Workload workload) const;
+
+    /// Where a record is in a workload; null when it is not there.
+    Entry* find(const SDService::Ptr& record, Entry::Workload workload) const noexcept;
+
+    /// Null when no discovered service was offered by that unit.
+    const Sender* find(const SDService::SenderAddress& address) const { return lookUp(address); }
+
+    std::size_t size() const { return m_instances.size(); }
+    std::size_t answers() const { return m_answers; }
+    std::size_t discovered() const { return m_discovered; }
+    std::size_t discoveredText() const { return m_discoveredText; }  ///< bytes
+
+    /// The discovered service that has gone longest without an offer; null when there is none.
+    Entry* stalest() const { return m_renewals.front(); }
 
 private:
-    /// A record, and when it falls due.
-    using Record = std::pair<Poco::Clock, SDService::Ptr>;
+    using Instances = HashTable<Entry, &Entry::byInstance>;
+    using Uuids = HashTable<Entry, &Entry::byUuid>;
+    using Names = HashTable<NameEntries, &NameEntries::byName>;
+    using Senders = HashTable<Sender, &Sender::byAddress>;
 
-    /// The records under one key, by time. Nearly every key has one, which needs no memory of its own.
-    class Records
-    {
-    public:
-        const Record* begin() const { return m_several ? m_several->data() : &m_one; }
-        const Record* end() const { return begin() + size(); }
-        std::size_t size() const { return m_several ? m_several->size() : isSet(m_one); }
+    std::uint64_t hashOfInstance(const std::string& name, const std::string& ip, std::uint16_t port,
+                                 std::uint8_t protocol) const;
+    std::uint64_t hashOfInstance(const ServiceIdentity& identity) const;
+    std::uint64_t hashOfInstance(const SDService& record) const;
+    NameEntries* lookUp(const std::string& name, std::uint64_t hash) const;
+    Sender* lookUp(const SDService::SenderAddress& address) const;
+    NameEntries& obtainName(const std::string& name);
+    Sender* obtainSender(const Entry& entry);
+    static void makeRoom(NameEntries& name, const Entry& entry, const Sender* sender);
+    void link(Entry& entry, NameEntries& name, Sender* sender) noexcept;
+    void refuseNulls() const;
+    void linkDiscovered(Entry& entry) noexcept;
+    void unlinkDiscovered(Entry& entry) noexcept;
+    void releaseUnused(NameEntries& name, const Entry& entry, Sender* sender) noexcept;
+    static NameEntries::List& listFor(const Entry& entry, NameEntries& name);
 
-        void insert(Record record)
-        {
-            if (size() == 0) {
-                m_one = std::move(record);
-                return;
-            }
-            if (!m_several)
-                m_several = std::make_unique<std::vector<Record>>(1, std::exchange(m_one, Record()));
-            const auto behind = std::upper_bound(
-                m_several->begin(), m_several->end(), record.first,
-                [](const Poco::Clock& time, const Record& present) { return time < present.first; });
-            m_several->insert(behind, std::move(record));
-        }
-
-        bool erase(const SDService::Ptr& record)
-        {
-            const Record* const found =
-                std::find_if(begin(), end(), [&](const Record& present) { return present.second == record; });
-            if (found == end())
-                return false;
-            if (size() == 1)
-                *this = Records();
-            else
-                m_several->erase(m_several->begin() + (found - begin()));
-            return true;
-        }
-
-    private:
-        static std::size_t isSet(const Record& record) { return record.second.isNull() ? 0 : 1; }
-
-        Record m_one;
-        std::unique_ptr<std::vector<Record>> m_several;  // all of them, if there is more than one
-    };
-
-    // A table without nodes: with many records, each step to other memory is what a look-up takes.
-    using Table = tsl::robin_map<std::size_t, Records>;
-
-    static Poco::Clock noTime() { return Poco::Clock(Poco::Clock::ClockVal{0}); }
-
-    static std::size_t hash(const std::string& text) { return std::hash<std::string>()(text); }
-
-    static std::size_t combine(std::size_t one, std::size_t other)
-    {
-        constexpr std::size_t goldenRatio = 0x9e3779b97f4a7c15;  // spreads what differs in few bits
-        return (one + goldenRatio) * goldenRatio ^ other;
-    }
-
-    static Key keyOfName(const std::string& name) { return {ByName, hash(name)}; }
-
-    static Key keyOfInstance(const std::string& name, const std::string& ip, std::size_t port,
-                             std::size_t protocol)
-    {
-        return {ByInstance, combine(combine(hash(name), hash(ip)), port << 8 | protocol)};
-    }
-
-    static std::array<Key, 3> keysOf(const SDService& record)
-    {
-        const NuboServiceDescription& description = record.getNuboDescription();
-        return {keyOfName(description.getName()),
-                keyOfInstance(description.getName(), description.getIpAddressString(), description.getPort(),
-                              description.getL4Proto()),
-                keyOfUuid(description.getLocalUuid())};
-    }
-
-    bool erase(Key key, const SDService::Ptr& record)
-    {
-        Table& table = m_records[key.kind];
-        const auto group = table.find(key.hash);
-        if (group == table.end() || !group.value().erase(record))
-            return false;
-        if (group->second.size() == 0)
-            table.erase(group);
-        return true;
-    }
-
-    std::array<Table, 3> m_records;  // by kind
-    std::size_t m_size = 0;
-    std::size_t m_textSize = 0;
+    KeyedHash m_hash;
+    Names m_names;
+    Senders m_senders;
+    Instances m_instances;
+    Uuids m_uuids;
+    RenewalList m_renewals;
+    std::uint64_t m_lastOrder = 0;
+    std::size_t m_nulls = 0;
+    std::size_t m_answers = 0;
+    std::size_t m_discovered = 0;
+    std::size_t m_discoveredText = 0;
 };
 
 }  // namespace Nubo::ServiceDiscovery

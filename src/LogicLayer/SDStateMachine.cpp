@@ -7,36 +7,34 @@
 
 #include <KELOEMInterfaceLib/OEMDispatcher.h>
 #include <KELUtilLib/ApplicationServices.h>
-#include <KELUtilLib/DebugUtils.h>
 
 #include <algorithm>
 #include <functional>
 #include <iterator>
 #include <optional>
 #include <ostream>
+#include <utility>
 
 namespace Nubo::ServiceDiscovery {
 
 using SOME_IP_SD_Types::EntryValues;
 using State = SDService::State;
 using Type = SDService::Type;
+using Entry = WorkloadEntry;
 
 namespace {
 
-// Times of the announcement cycle, in milliseconds.
-constexpr double initialWaitRange = 0.0;  // where a random initial wait would be set
-constexpr long oneTimeAnswer = 50;        // after the FIND that it answers
-constexpr long firstRepetition = 100;     // after the first send; each further one takes twice as long
-constexpr long cycle = 1000;              // of the main phase
-constexpr long parked = 2147483647;       // a timer with nothing to do
-constexpr long shortestDelay = 1;         // between two records of the aperiodic workload
-
-constexpr std::uint8_t repetitions = 3;         // sends in the repetition phase
-constexpr std::uint8_t shutdownSends = 3;       // stop-offers of a removed service
-constexpr std::size_t mostAnswersWaiting = 16;  // one-time answers of one announced service
-constexpr std::size_t mostRecordsBefore = 64;   // in the aperiodic workload, for an answer to join them
-constexpr unsigned short firstInstance = 1;
+constexpr double initialWaitRange = 0.0;  // milliseconds; where a random initial wait would be set
+constexpr long oneTimeAnswer = 50;        // milliseconds after the FIND that it answers
 constexpr Poco::Clock::ClockDiff microsecondsPerMillisecond = 1000;
+constexpr Poco::Clock::ClockDiff microsecondsPerSecond = 1000000;
+
+constexpr std::size_t mostAnswersOfOne = 16;    // one-time answers of one announced service
+constexpr std::size_t mostAnswersWaiting = 64;  // of all services
+constexpr unsigned short firstInstance = 1;
+constexpr unsigned short lastInstance = 0xFFFE;          // 0 is reserved, 0xFFFF stands for any
+constexpr std::size_t mostForeignInstances = 1000;       // from which own services are numbered by themselves
+constexpr Poco::Clock::ClockDiff longestSlice = 10'000;  // of work under the mutex, in microseconds
 
 /// "<uri> (<name> v<major>.<minor>.X)"
 struct ServiceLabel
@@ -72,18 +70,23 @@ bool isShuttingDown(const SDService::Ptr& service)
     return service->getState() == State::SHUTDOWN_PHASE;
 }
 
-template <class Predicate>
-ServicesContainer selected(const ServicesContainer& services, Predicate predicate)
+bool isExpectedAperiodic(const SDService::Ptr& service)
 {
-    ServicesContainer result;
-    std::copy_if(services.begin(), services.end(), std::back_inserter(result), predicate);
-    return result;
+    return isWanted(service) || service->getType() == Type::ANNOUNCED;
+}
+
+bool isExpectedPeriodic(const SDService::Ptr& service)
+{
+    return service->getType() == Type::ANNOUNCED ||
+           (service->getType() == Type::DISCOVERED && service->getState() == State::MAIN_PHASE);
 }
 
 template <class Predicate>
 ServicesContainer rejected(const ServicesContainer& services, Predicate predicate)
 {
-    return selected(services, [&](const SDService::Ptr& service) { return !predicate(service); });
+    ServicesContainer result;
+    std::copy_if(services.begin(), services.end(), std::back_inserter(result), std::not_fn(predicate));
+    return result;
 }
 
 const SDService::Ptr& recordOf(const SDService::Ptr& service)
@@ -91,37 +94,10 @@ const SDService::Ptr& recordOf(const SDService::Ptr& service)
     return service;
 }
 
-const SDService::Ptr& recordOf(const AperiodicServicesContainer::value_type& entry)
+template <class Value>
+const SDService::Ptr& recordOf(const std::pair<const Poco::Clock, Value>& entry)
 {
     return entry.second;
-}
-
-auto matcherOf(const ServiceIdentity& identity)
-{
-    return [&](const SDService::Ptr& service) { return SDStateMachine::doesServiceMatch(identity, service); };
-}
-
-/// Calls `visit` with each record for which the predicate holds, in the workload's order: after a walk over
-/// all, or with the workload's index where the records that are meant have a key.
-template <class Container, class Predicate, class Visit>
-void visitEach(const Container& workload, const RecordIndex& index, std::optional<RecordIndex::Key> key,
-               Predicate predicate, Visit visit)
-{
-    const auto visitMatch = [&](const SDService::Ptr& service) {
-        if (predicate(service))
-            visit(service);
-    };
-    if (key && index.size() == workload.size()) {
-        index.visit(*key, visitMatch);
-        return;
-    }
-    for (const auto& entry : workload)
-        visitMatch(recordOf(entry));
-}
-
-auto appendTo(ServicesContainer& found)
-{
-    return [&](const SDService::Ptr& service) { found.push_back(service); };
 }
 
 /// Appends the records that match.
@@ -133,6 +109,12 @@ bool walk(const Container& services, const ServiceIdentity& identity, ServicesCo
             found.push_back(recordOf(entry));
     }
     return !found.empty();
+}
+
+void append(const std::vector<Entry*>& entries, ServicesContainer& services)
+{
+    for (const Entry* entry : entries)
+        services.push_back(*entry);
 }
 
 void setTypeAndState(SDService::Ptr& service, Type::Type_t type, State::State_t state)
@@ -152,20 +134,13 @@ bool reportUnexpected(const char* handler, const char* workload, const ServicesC
     return true;
 }
 
-/// The same for one record that a worker came upon. Kept for compatibility: the lines of both workers name
-/// the aperiodic one.
-void reportUnexpectedRecord(const char* workload, const SDService& service)
-{
-    SD_LOG(Error) << "AperiodicWorker::onInterval found " << workload << " Service \""
-                  << service.getNuboDescription().getName() << "\" in unexpected State x Type!";
-    SD_LOG(Trace) << "AperiodicWorker::onInterval " << service.getState() << " x " << service.getType();
-}
-
-bool reportDuplicates(const char* handler, const ServicesContainer& duplicates)
+bool reportDuplicates(const char* handler, const std::vector<Entry*>& duplicates)
 {
     SD_LOG(Error) << "SDStateMachine::" << handler << " found " << duplicates.size()
                   << " duplicate Service(s)!";
-    SD_LOG(Trace) << "SDStateMachine::" << handler << ServicesContainer_TypeAndStatePrinter{duplicates};
+    ServicesContainer services;
+    append(duplicates, services);
+    SD_LOG(Trace) << "SDStateMachine::" << handler << ServicesContainer_TypeAndStatePrinter{services};
     return false;
 }
 
@@ -174,23 +149,70 @@ bool reportDuplicates(const char* handler, const ServicesContainer& duplicates)
 /// The records of one service in both workloads.
 struct SDStateMachine::Matches
 {
-    ServicesContainer aperiodic;
-    ServicesContainer periodic;
+    Matches(const RecordIndex& index, const SDService& service)
+        : identity(service)
+        , name(index.find(service.getNuboDescription().getName()))
+    {}
 
-    bool empty() const { return aperiodic.empty() && periodic.empty(); }
+    bool empty() const { return !name || name->count(identity.serviceID) == 0; }
 
-    bool isOneWanted() const
+    /// The search, if there is nothing but one.
+    Entry* onlySearch() const
     {
-        return aperiodic.size() == 1 && periodic.empty() && isWanted(aperiodic.front());
+        if (empty() || name->count(identity.serviceID) != 1)
+            return nullptr;
+        return firstSearch();
     }
 
-    /// The number for a further instance. A wanted record has none: it looks for any.
+    /// The search that falls due first, if there is any.
+    Entry* firstSearch() const
+    {
+        Entry* first = nullptr;
+        if (!name)
+            return first;
+        for (Entry& search : name->searches) {
+            if (identity.matches(*search) && (!first || search.due < first->due))
+                first = &search;
+        }
+        return first;
+    }
+
+    /// Calls `visit` with each service of this unit until it returns false: those of the aperiodic workload
+    /// by their due times, then those of the periodic one.
+    template <class Visit>
+    void visitOwn(Visit visit) const
+    {
+        if (!name)
+            return;
+        std::vector<const Entry*> due;
+        for (const Entry& entry : name->aperiodic) {
+            if (isOwn(entry))
+                due.push_back(&entry);
+        }
+        std::sort(due.begin(), due.end(), WorkloadEntry::isBefore);
+        for (const Entry* entry : due) {
+            if (!visit(*entry))
+                return;
+        }
+        for (const Entry& entry : name->periodic) {
+            if (isOwn(entry) && !visit(entry))
+                return;
+        }
+    }
+
+    bool isOwn(const Entry& entry) const
+    {
+        return entry.role == Entry::Role::Own && identity.matches(*entry);
+    }
+
+    /// The number of a further instance.
     unsigned short nextInstanceID() const
     {
-        const unsigned short highest =
-            findHighestInstanceID(periodic, findHighestInstanceID(rejected(aperiodic, isWanted), 0));
-        return static_cast<unsigned short>(highest + 1);
+        return static_cast<unsigned short>(name->highestInstance(identity.serviceID) + 1);
     }
+
+    const ServiceIdentity identity;
+    const NameEntries* const name;
 };
 
 SDStateMachine::ExternalEvent::ExternalEvent(WorkloadEvent_t eventType, SDService::Ptr record,
@@ -199,6 +221,19 @@ SDStateMachine::ExternalEvent::ExternalEvent(WorkloadEvent_t eventType, SDServic
     , service(std::move(record))
     , localUuid(uuid)
 {}
+
+void SDStateMachine::WorkloadLock::lock()
+{
+    const Poco::FastMutex::ScopedLock turn(m_machine.m_turnMutex);
+    m_machine.m_workloadMutex.lock();
+    m_machine.m_lockedBy = std::this_thread::get_id();
+}
+
+void SDStateMachine::WorkloadLock::unlock()
+{
+    m_machine.m_lockedBy = std::thread::id();
+    m_machine.m_workloadMutex.unlock();
+}
 
 SDStateMachine::SDStateMachine(SDCommunicationHub& hub)
     : m_hub(hub)
@@ -213,7 +248,7 @@ SDStateMachine::~SDStateMachine()
 {
     {
         // An interval that has begun must not set the timer again once it is being stopped.
-        Poco::FastMutex::ScopedLock lock(m_workloadMutex);
+        const WorkloadLock lock(*this);
         m_running = false;
     }
     m_aperiodicWorker.stop();
@@ -223,16 +258,38 @@ SDStateMachine::~SDStateMachine()
 void SDStateMachine::start()
 {
     SD_LOG(Debug) << "SDStateMachine::start";
+    setClosed(false);
     m_running = true;
-    m_periodicWorker.start();
-    m_aperiodicWorker.update();
+    try {
+        m_periodicWorker.start();
+        m_aperiodicWorker.update();
+    }
+    catch (...) {
+        m_running = false;
+        setClosed(true);
+        m_aperiodicWorker.stop();
+        m_periodicWorker.stop();
+        throw;
+    }
+}
+
+void SDStateMachine::setClosed(bool isClosed)
+{
+    const WorkloadLock lock(*this);
+    m_isClosed = isClosed;
 }
 
 void SDStateMachine::stop()
 {
     SD_LOG(Debug) << "SDStateMachine::stop";
     m_running = false;
-    removeAllAnnouncedServices();
+    setClosed(true);
+    try {
+        removeAllAnnouncedServices();
+    }
+    catch (...) {
+        SD_LOG(Error) << "SDStateMachine - failed to withdraw: " << currentExceptionText();
+    }
     m_aperiodicWorker.stop();
     m_periodicWorker.stop();
 }
@@ -265,119 +322,140 @@ bool SDStateMachine::onExternalEvent(ExternalEvent& event)
 
 bool SDStateMachine::handlePUT(ExternalEvent& event)
 {
-    Poco::FastMutex::ScopedLock lock(m_workloadMutex);
+    const WorkloadLock lock(*this);
     SDService::Ptr& service = event.service;
     const std::string& name = nameOf(service);
-    const Matches matches = unsafe_findMatches(*service);
+    const Matches matches(m_index, *service);
 
     if (matches.empty()) {
         SD_LOG(Trace) << "SDStateMachine::handlePUT: add \"" << name << "\" as new Service.";
         return unsafe_announce(service, firstInstance);
     }
-    if (matches.isOneWanted()) {
-        unsafe_removeAperiodicService(matches.aperiodic.front());
+    if (Entry* const search = matches.onlySearch()) {
         SD_LOG(Trace) << "SDStateMachine::handlePUT: replace Wanted \"" << name << "\" with new Service.";
-        return unsafe_announce(service, firstInstance);
+        return unsafe_announce(service, firstInstance, search);
     }
 
-    const auto announced = ServiceIdentity::ofInstance(*service, Type::ANNOUNCED);
-    ServicesContainer duplicates;
-    unsafe_getDuplicates(rejected(matches.aperiodic, isOnce), announced, duplicates);
-    unsafe_getDuplicates(matches.periodic, announced, duplicates);
+    const std::vector<Entry*> duplicates = unsafe_announcedDuplicates(*service, matches);
     if (duplicates.empty()) {
-        const unsigned short instanceID = matches.nextInstanceID();
+        const unsigned short instanceID = unsafe_nextOwnInstance(matches);
+        if (instanceID == 0) {
+            SD_LOG(Error) << "SDStateMachine::handlePUT: no instance number is free for \"" << name << "\".";
+            return false;
+        }
         SD_LOG(Trace) << "SDStateMachine::handlePUT: add Announced \"" << name
                       << "\" as new Service instance #" << instanceID;
         return unsafe_announce(service, instanceID);
     }
-    if (duplicates.size() == 1 && isShuttingDown(duplicates.front())) {
-        const unsigned short instanceID = duplicates.front()->getInstanceId();
-        unsafe_removePeriodicService(duplicates.front());
+    if (duplicates.size() == 1 && isShuttingDown(*duplicates.front())) {
+        const unsigned short instanceID = (*duplicates.front())->getInstanceId();
         SD_LOG(Trace) << "SDStateMachine::handlePUT: replace Announced \"" << name
                       << "\" shutting down with new Service but same instance #" << instanceID;
-        return unsafe_announce(service, instanceID);
+        return unsafe_announce(service, instanceID, duplicates.front());
     }
     return reportDuplicates("handlePUT", duplicates);
 }
 
+/// The very service in both workloads, without the answers that wait for it.
+std::vector<Entry*> SDStateMachine::unsafe_announcedDuplicates(const SDService& service,
+                                                               const Matches& matches) const
+{
+    const auto announced = ServiceIdentity::ofInstance(service, Type::ANNOUNCED);
+    std::vector<Entry*> duplicates = m_index.findInstance(announced, Entry::Workload::Aperiodic);
+    const std::vector<Entry*> periodic = m_index.findInstance(announced, Entry::Workload::Periodic);
+    duplicates.insert(duplicates.end(), periodic.begin(), periodic.end());
+    duplicates.erase(std::remove_if(duplicates.begin(), duplicates.end(),
+                                    [&](const Entry* entry) { return !matches.isOwn(*entry); }),
+                     duplicates.end());
+    return duplicates;
+}
+
+/// 0 when every number is in use.
+unsigned short SDStateMachine::unsafe_nextOwnInstance(const Matches& matches) const
+{
+    const unsigned short next = matches.nextInstanceID();
+    const bool isUsable = next >= firstInstance && next <= lastInstance;
+    if (isUsable && matches.name->discoveredCount <= mostForeignInstances)
+        return next;
+    // What neighbours offer must not use up this unit's numbers.
+    return matches.name->ownNumbers().lowestFree(lastInstance);
+}
+
 bool SDStateMachine::handleDELETE(ExternalEvent& event)
 {
-    Poco::FastMutex::ScopedLock lock(m_workloadMutex);
-    const auto carriesUuid = [&](const SDService::Ptr& service) {
-        return service->getNuboDescription().getLocalUuid() == event.localUuid;
-    };
-    const RecordIndex::Key key = RecordIndex::keyOfUuid(event.localUuid);
-    ServicesContainer aperiodic;
-    ServicesContainer periodic;
-    visitEach(m_aperiodicWorkload, m_aperiodicIndex, key, carriesUuid, appendTo(aperiodic));
-    visitEach(m_periodicWorkload, m_periodicIndex, key, carriesUuid, appendTo(periodic));
+    const WorkloadLock lock(*this);
+    const std::vector<Entry*> periodic = m_index.findUuid(event.localUuid, Entry::Workload::Periodic);
+    const std::vector<Entry*> aperiodic = m_index.findUuid(event.localUuid, Entry::Workload::Aperiodic);
     if (aperiodic.empty() && periodic.empty()) {
         SD_LOG(Error) << "SD failed to delete Service with local UUID \"" << event.localUuid
                       << "\", none found!";
         return false;
     }
 
-    std::size_t done = 0;
     ServicesContainer unexpectedPeriodic;
-    for (SDService::Ptr& service : periodic) {
-        if (service->getType() != Type::ANNOUNCED || service->getState() != State::MAIN_PHASE) {
-            unexpectedPeriodic.push_back(service);
-            continue;
-        }
-        SD_LOG(Notice) << "SD Announcement of Service " << ServiceLabel{*service}
-                       << " stopped, due to removal by ServiceRegistry.";
-        service->setState(State::SHUTDOWN_PHASE);
-        service->setTTL(0);
-        SD_LOG(Trace) << "SDStateMachine::handleDELETE: set Announced \"" << nameOf(service)
-                      << "\" to shutdown.";
-        ++done;
-    }
-
     ServicesContainer unexpectedAperiodic;
-    for (SDService::Ptr& service : aperiodic) {
-        const State::State_t state = service->getState();
-        if (service->getType() != Type::ANNOUNCED) {
-            unexpectedAperiodic.push_back(service);
-            continue;
-        }
-        if (state == State::ONCE) {
-            unsafe_removeAperiodicService(service);
-            SD_LOG(Trace) << "SDStateMachine::handleDELETE: remove Announced|once \"" << nameOf(service)
-                          << "\" with instance #" << service->getInstanceId();
-        }
-        else if (state == State::INITIAL_WAIT_PHASE || state == State::REPETITION_PHASE) {
-            service->setState(State::SHUTDOWN_PHASE);
-            service->setTTL(0);
-            unsafe_addPeriodicService(service);
-            unsafe_removeAperiodicService(service);
-            SD_LOG(Trace) << "SDStateMachine::handleDELETE: move Announced \"" << nameOf(service)
-                          << "\" from initial|repetition to shutdown.";
-        }
-        else {
-            unexpectedAperiodic.push_back(service);
-            continue;
-        }
-        ++done;
+    std::size_t done = 0;
+    for (Entry* entry : periodic) {
+        if (unsafe_removePeriodic(*entry))
+            ++done;
+        else
+            unexpectedPeriodic.push_back(*entry);
     }
-
+    for (Entry* entry : aperiodic) {
+        if (unsafe_removeAperiodic(*entry))
+            ++done;
+        else
+            unexpectedAperiodic.push_back(*entry);
+    }
     reportUnexpected("handleDELETE", "periodic", unexpectedPeriodic);
     reportUnexpected("handleDELETE", "aperiodic", unexpectedAperiodic);
     return done != 0;
 }
 
+/// Shuts the service down; false if it is not one that can be.
+bool SDStateMachine::unsafe_removePeriodic(Entry& entry)
+{
+    if (entry->getType() != Type::ANNOUNCED || entry->getState() != State::MAIN_PHASE)
+        return false;
+    SD_LOG(Notice) << "SD Announcement of Service " << ServiceLabel{*entry}
+                   << " stopped, due to removal by ServiceRegistry.";
+    entry->setState(State::SHUTDOWN_PHASE);
+    entry->setTTL(0);
+    SD_LOG(Trace) << "SDStateMachine::handleDELETE: set Announced \"" << nameOf(entry) << "\" to shutdown.";
+    return true;
+}
+
+bool SDStateMachine::unsafe_removeAperiodic(Entry& entry)
+{
+    const SDService::Ptr service = entry;
+    const State::State_t state = entry->getState();
+    if (entry->getType() != Type::ANNOUNCED)
+        return false;
+    if (state == State::ONCE) {
+        m_aperiodicWorkload.erase(entry);
+        SD_LOG(Trace) << "SDStateMachine::handleDELETE: remove Announced|once \"" << nameOf(service)
+                      << "\" with instance #" << service->getInstanceId();
+        return true;
+    }
+    if (state != State::INITIAL_WAIT_PHASE && state != State::REPETITION_PHASE)
+        return false;
+    unsafe_addPeriodicService(service);  // first of all: there may be no memory for it
+    entry->setState(State::SHUTDOWN_PHASE);
+    entry->setTTL(0);
+    m_aperiodicWorkload.erase(entry);
+    SD_LOG(Trace) << "SDStateMachine::handleDELETE: move Announced \"" << nameOf(service)
+                  << "\" from initial|repetition to shutdown.";
+    return true;
+}
+
 bool SDStateMachine::handleGET(ExternalEvent& event)
 {
-    Poco::FastMutex::ScopedLock lock(m_workloadMutex);
+    const WorkloadLock lock(*this);
     SDService::Ptr& service = event.service;
-    const Matches matches = unsafe_findMatches(*service);
-    ServicesContainer wanted = selected(matches.aperiodic, isWanted);
-
-    if (!wanted.empty()) {
-        SDService::Ptr& search = wanted.front();
-        search->setState(State::INITIAL_WAIT_PHASE);
-        unsafe_removeAperiodicService(search);
-        SD_LOG(Trace) << "SDStateMachine::handleGET: reset Wanted \"" << nameOf(search) << "\" to initial.";
-        return unsafe_addAperiodicService(search);
+    if (Entry* const search = Matches(m_index, *service).firstSearch()) {
+        (*search)->setState(State::INITIAL_WAIT_PHASE);
+        SD_LOG(Trace) << "SDStateMachine::handleGET: reset Wanted \"" << nameOf(*search) << "\" to initial.";
+        return unsafe_schedule(*search, search);
     }
     setTypeAndState(service, Type::WANTED, State::INITIAL_WAIT_PHASE);
     service->setMinorVersion(EntryValues::MinorVersion_Any);
@@ -387,43 +465,38 @@ bool SDStateMachine::handleGET(ExternalEvent& event)
 
 bool SDStateMachine::handleFIND(ExternalEvent& event)
 {
-    Poco::FastMutex::ScopedLock lock(m_workloadMutex);
+    const WorkloadLock lock(*this);
+    if (m_isClosed)
+        return true;
     const std::string& name = nameOf(event.service);
-    const Matches matches = unsafe_findMatches(*event.service);
+    const Matches matches(m_index, *event.service);
 
-    const auto isAnnounced = [](const SDService::Ptr& service) {
-        return service->getType() == Type::ANNOUNCED && !isOnce(service);
-    };
-    ServicesContainer announced = selected(matches.aperiodic, isAnnounced);
-    const ServicesContainer periodic = selected(matches.periodic, isAnnounced);
-    announced.insert(announced.end(), periodic.begin(), periodic.end());
-    if (announced.empty()) {
+    bool isKnown = false;
+    bool isActive = false;
+    bool result = true;
+    matches.visitOwn([&](const SDService::Ptr& service) {
+        isKnown = true;
+        if (isShuttingDown(service))
+            return true;
+        isActive = true;
+        // One record is sent per millisecond: a new service must not wait behind answers for long. The
+        // requester will pick this service up from its next cyclic offer.
+        if (m_index.answers() >= mostAnswersWaiting) {
+            SD_LOG(Trace) << "SDStateMachine::handleFIND: SD received FIND_SERVICE for \"" << name
+                          << "\", while " << m_index.answers() << " Services wait.";
+            return false;
+        }
+        const auto announced = ServiceIdentity::ofInstance(*service, Type::ANNOUNCED);
+        if (m_index.countInstance(announced, Entry::Role::Answer) < mostAnswersOfOne)
+            result = unsafe_answerOnce(service) && result;
+        return true;
+    });
+    if (!isKnown)
         SD_LOG(Trace) << "SDStateMachine::handleFIND: SD received FIND_SERVICE for \"" << name
                       << "\", which is unknown.";
-        return true;
-    }
-    const ServicesContainer active = rejected(announced, isShuttingDown);
-    if (active.empty()) {
+    else if (!isActive)
         SD_LOG(Trace) << "SDStateMachine::handleFIND: SD received FIND_SERVICE for \"" << name
                       << "\", which is in shutdown.";
-        return true;
-    }
-
-    const ServicesContainer answers = selected(matches.aperiodic, isOnce);
-    bool result = true;
-    for (const SDService::Ptr& service : active) {
-        // One record is sent every one to three milliseconds: a new service must not stand behind answers for
-        // long. Who asked hears the cyclic offer.
-        if (m_aperiodicWorkload.size() >= mostRecordsBefore) {
-            SD_LOG(Trace) << "SDStateMachine::handleFIND: SD received FIND_SERVICE for \"" << name
-                          << "\", while " << m_aperiodicWorkload.size() << " Services wait.";
-            break;
-        }
-        ServicesContainer waiting;
-        unsafe_getDuplicates(answers, ServiceIdentity::ofInstance(*service, Type::ANNOUNCED), waiting);
-        if (waiting.size() < mostAnswersWaiting)
-            result = unsafe_answerOnce(service) && result;
-    }
     return result;
 }
 
@@ -438,17 +511,18 @@ bool SDStateMachine::unsafe_answerOnce(const SDService::Ptr& announced)
 
 bool SDStateMachine::handleOFFER(ExternalEvent& event)
 {
-    Poco::FastMutex::ScopedLock lock(m_workloadMutex);
+    const WorkloadLock lock(*this);
     SDService::Ptr& service = event.service;
     const NuboServiceDescription& description = service->getNuboDescription();
     const std::string& name = description.getName();
-    if (unsafe_renew(*service))
+    if (m_isClosed || unsafe_renew(*service))
         return true;
-    const Matches matches = unsafe_findMatches(*service);
+    const Matches matches(m_index, *service);
+    if (unsafe_isReflected(*service, matches))
+        return true;
 
-    if (matches.isOneWanted()) {
-        unsafe_removeAperiodicService(matches.aperiodic.front());
-        if (!unsafe_discover(service, firstInstance))
+    if (Entry* const search = matches.onlySearch()) {
+        if (!unsafe_discover(service, firstInstance, search))
             return false;
         SD_LOG(Trace) << "SDStateMachine::handleOFFER: replace Wanted \"" << name << "\" with new Service.";
         return true;
@@ -464,24 +538,11 @@ bool SDStateMachine::handleOFFER(ExternalEvent& event)
         SD_LOG(Trace) << "SDStateMachine::handleOFFER: add \"" << name << "\" as new Service.";
         return true;
     }
-
-    const auto isExpectedAperiodic = [](const SDService::Ptr& match) {
-        return isWanted(match) || match->getType() == Type::ANNOUNCED;
-    };
-    const auto isExpectedPeriodic = [](const SDService::Ptr& match) {
-        return match->getType() == Type::ANNOUNCED ||
-               (match->getType() == Type::DISCOVERED && match->getState() == State::MAIN_PHASE);
-    };
-    const bool fault1 =
-        reportUnexpected("handleOFFER", "aperiodic", rejected(matches.aperiodic, isExpectedAperiodic));
-    const bool fault2 =
-        reportUnexpected("handleOFFER", "periodic", rejected(matches.periodic, isExpectedPeriodic));
-    if (fault1 || fault2)
+    if (matches.name->unexpected != 0 && unsafe_reportUnexpected(matches.identity))
         return false;
 
-    ServicesContainer duplicates;
-    unsafe_getDuplicates(matches.periodic, ServiceIdentity::ofInstance(*service, Type::DISCOVERED),
-                         duplicates);
+    const std::vector<Entry*> duplicates = m_index.findInstance(
+        ServiceIdentity::ofInstance(*service, Type::DISCOVERED), Entry::Workload::Periodic);
     if (!duplicates.empty())
         return reportDuplicates("handleOFFER", duplicates);
     const unsigned short instanceID = matches.nextInstanceID();
@@ -492,45 +553,70 @@ bool SDStateMachine::handleOFFER(ExternalEvent& event)
     return true;
 }
 
-bool SDStateMachine::renew(const SDService& offered)
+/// Whether there are records of the service that have no business where they are.
+bool SDStateMachine::unsafe_reportUnexpected(const ServiceIdentity& identity) const
 {
-    Poco::FastMutex::ScopedLock lock(m_workloadMutex);
-    return unsafe_renew(offered);
+    ServicesContainer aperiodic;
+    ServicesContainer periodic;
+    unsafe_findServices(identity, aperiodic, periodic);
+    const bool inAperiodic =
+        reportUnexpected("handleOFFER", "aperiodic", rejected(aperiodic, isExpectedAperiodic));
+    const bool inPeriodic =
+        reportUnexpected("handleOFFER", "periodic", rejected(periodic, isExpectedPeriodic));
+    return inAperiodic || inPeriodic;
 }
 
-/// Costs the same however many instances there are.
+bool SDStateMachine::renew(const SDService& offered)
+{
+    const WorkloadLock lock(*this);
+    return m_isClosed || unsafe_renew(offered);
+}
+
 bool SDStateMachine::unsafe_renew(const SDService& offered)
 {
-    const auto identity = ServiceIdentity::ofInstance(offered, Type::DISCOVERED);
-    const auto matches = matcherOf(identity);
-    const std::optional<RecordIndex::Key> key = RecordIndex::keyOf(identity);
-    SDService::Ptr known;
-    int count = 0;
-    const auto note = [&](const SDService::Ptr& service) {
-        known = service;
-        ++count;
-    };
-    visitEach(m_periodicWorkload, m_periodicIndex, key, matches, note);
-    const bool isKnown = count == 1 && known->getState() == State::MAIN_PHASE;
-    if (!isKnown)
+    Entry* const known = m_index.findOnlyInstance(ServiceIdentity::ofInstance(offered, Type::DISCOVERED));
+    if (!known || known->role != Entry::Role::Discovered || (*known)->getState() != State::MAIN_PHASE)
         return false;
-    visitEach(m_aperiodicWorkload, m_aperiodicIndex, key, matches, note);
-    if (count != 1)
-        return false;  // one that has no business there
-    known->setTTL(offered.getTTL());
-    SD_LOG(Trace) << "SDStateMachine::handleOFFER: re-set TTL of Discovered \"" << nameOf(known)
-                  << "\" with instance #" << known->getInstanceId();
+    (*known)->setTTL(offered.getTTL());
+    m_index.renew(*known);
+    SD_LOG(Trace) << "SDStateMachine::handleOFFER: re-set TTL of Discovered \"" << nameOf(*known)
+                  << "\" with instance #" << (*known)->getInstanceId();
+    return true;
+}
+
+/// Whether somebody has sent an offer of this unit back to it.
+bool SDStateMachine::unsafe_isReflected(const SDService& offered, const Matches& matches)
+{
+    if (!matches.name)
+        return false;
+    const NuboServiceDescription& description = offered.getNuboDescription();
+    bool isAnnounced = false;
+    for (const NameEntries::List* list : {&matches.name->periodic, &matches.name->aperiodic}) {
+        isAnnounced = isAnnounced || std::any_of(list->begin(), list->end(), [&](const Entry& entry) {
+                          return entry.role == Entry::Role::Own &&
+                                 entry->getNuboDescription().getPort() == description.getPort();
+                      });
+    }
+    if (!isAnnounced || !m_hub.isOwnAddress(description.getIpAddress()))
+        return false;
+    if (m_reflectedOffers++ == 0)
+        SD_LOG(Warning)
+            << "SDStateMachine::handleOFFER: \"" << description.getName() << "\" @ ["
+            << description.getIpAddressString() << "]:" << description.getPort()
+            << " is a Service of this unit, sent back to it. Such offers are not discovered; this "
+               "is not logged again.";
     return true;
 }
 
 bool SDStateMachine::handleSTOPOFFER(ExternalEvent& event)
 {
-    Poco::FastMutex::ScopedLock lock(m_workloadMutex);
+    const WorkloadLock lock(*this);
+    if (m_isClosed)
+        return true;
     const std::string& name = nameOf(event.service);
     const auto stopped = ServiceIdentity::ofInstance(*event.service, Type::DISCOVERED);
-    ServicesContainer aperiodic;
-    ServicesContainer periodic;
-    unsafe_findServices(stopped, aperiodic, periodic);
+    const std::vector<Entry*> aperiodic = m_index.findInstance(stopped, Entry::Workload::Aperiodic);
+    const std::vector<Entry*> periodic = m_index.findInstance(stopped, Entry::Workload::Periodic);
 
     if (!aperiodic.empty()) {
         SD_LOG(Error) << "SDStateMachine::handleSTOPOFFER found " << aperiodic.size()
@@ -542,16 +628,16 @@ bool SDStateMachine::handleSTOPOFFER(ExternalEvent& event)
     if (periodic.size() > 1)
         return reportDuplicates("handleSTOPOFFER", periodic);
 
-    const SDService::Ptr service = periodic.front();
-    if (service->getState() != State::MAIN_PHASE) {
+    Entry& entry = *periodic.front();
+    if (entry->getState() != State::MAIN_PHASE) {
         SD_LOG(Error) << "SDStateMachine::handleSTOPOFFER found periodic Service \"" << name
                       << "\" in unexpected State x Type!";
         return false;
     }
-    unsafe_removePeriodicService(service);  // whatever the subscriber does with the news
-    unsafe_notifyGone(*service);
+    const unsigned short instanceID = entry->getInstanceId();
+    unsafe_tellGone(entry);
     SD_LOG(Trace) << "SDStateMachine::handleSTOPOFFER: remove Discovered|main \"" << name
-                  << "\" with instance #" << service->getInstanceId();
+                  << "\" with instance #" << instanceID;
     return true;
 }
 
@@ -575,90 +661,91 @@ void SDStateMachine::writeEventLog(const std::string& name, const std::string& i
 
 std::vector<ServiceStatus> SDStateMachine::getServices() const
 {
-    std::vector<ServiceStatus> result;
-    const auto append = [&](const SDService::Ptr& service) {
+    struct Known
+    {
+        SDService::Ptr service;
+        ServiceStatus::Role role;
+        unsigned short instanceId;
+        std::optional<unsigned int> secondsLeft;
+    };
+    std::vector<Known> known;
+    const auto note = [&](const SDService::Ptr& service) {
         if (isWanted(service) || isOnce(service) || isShuttingDown(service))
             return;
-        ServiceStatus& status = result.emplace_back();
-        status.description = service->getNuboDescription();
-        status.instanceId = service->getInstanceId();
         if (service->getType() == Type::DISCOVERED)
-            status.secondsLeft = service->getSecondsLeft();
+            known.push_back({service, ServiceStatus::Role::DISCOVERED, service->getInstanceId(),
+                             service->getSecondsLeft()});
         else
-            status.role = ServiceStatus::Role::ANNOUNCED;
+            known.push_back(
+                {service, ServiceStatus::Role::ANNOUNCED, service->getInstanceId(), std::nullopt});
     };
-    Poco::FastMutex::ScopedLock lock(m_workloadMutex);
-    result.reserve(m_aperiodicWorkload.size() + m_periodicWorkload.size());
-    for (const auto& entry : m_aperiodicWorkload)
-        append(entry.second);
-    for (const SDService::Ptr& service : m_periodicWorkload)
-        append(service);
+    {
+        const WorkloadLock lock(*this);
+        known.reserve(m_aperiodicWorkload.size() + m_periodicWorkload.size());
+        for (const auto& entry : m_aperiodicWorkload)
+            note(entry.second);
+        for (const Entry& entry : m_periodicWorkload)
+            note(entry);
+    }
+
+    // Copying the texts takes longest, and a record in a workload keeps its description.
+    std::vector<ServiceStatus> result;
+    result.reserve(known.size());
+    for (const Known& one : known)
+        result.push_back({one.service->getNuboDescription(), one.role, one.instanceId, one.secondsLeft});
     return result;
 }
 
 bool SDStateMachine::removeAllAnnouncedServices()
 {
-    Poco::FastMutex::ScopedLock lock(m_workloadMutex);
-    const auto announced = [](const SDService::Ptr& service) {
-        return service->getType() == Type::ANNOUNCED;
-    };
-    for (SDService::Ptr& service : m_periodicWorkload) {
-        if (!announced(service))
-            continue;
-        SD_LOG(Notice) << "SD Announcement of Service " << ServiceLabel{*service}
-                       << " stopped, due to shutdown of ServiceRegistry.";
-        service->setTTL(0);
-        service->setState(State::REMOVED);
-        unsafe_sendSafely(service);
-    }
-    const auto rest =
-        std::stable_partition(m_periodicWorkload.begin(), m_periodicWorkload.end(), std::not_fn(announced));
-    std::for_each(rest, m_periodicWorkload.end(),
-                  [this](const SDService::Ptr& service) { m_periodicIndex.erase(service); });
-    m_periodicWorkload.erase(rest, m_periodicWorkload.end());
-
-    // Sent after a restart, the answers that wait would offer what has been withdrawn.
-    ServicesContainer answers;
-    for (const auto& [due, service] : m_aperiodicWorkload) {
-        if (!service.isNull() && isOnce(service))
-            answers.push_back(service);
-    }
-    for (const SDService::Ptr& answer : answers)
-        unsafe_removeAperiodicService(answer);
+    WorkloadLock lock(*this);
+    unsafe_withdraw(&lock);
+    unsafe_dropAnswers();
     return true;
+}
+
+/// Gives the mutex back now and then, if there is a lock: each of the services takes a call of the sender.
+void SDStateMachine::unsafe_withdraw(WorkloadLock* lock)
+{
+    Poco::Clock begin = SDClock::now();
+    m_periodicWorkload.startLocalWalk();
+    while (Entry* const entry = m_periodicWorkload.walkLocals()) {
+        if ((*entry)->getType() != Type::ANNOUNCED)
+            continue;
+        SD_LOG(Notice) << "SD Announcement of Service " << ServiceLabel{**entry}
+                       << " stopped, due to shutdown of ServiceRegistry.";
+        (*entry)->setTTL(0);
+        (*entry)->setState(State::REMOVED);
+        unsafe_sendSafely(*entry);
+        m_periodicWorkload.erase(*entry);
+        if (lock && SDClock::now() - begin >= longestSlice) {
+            lock->giveWay();
+            begin = SDClock::now();
+        }
+    }
+}
+
+/// Sent after a restart, the answers that wait would offer what has been withdrawn.
+void SDStateMachine::unsafe_dropAnswers()
+{
+    for (auto entry = m_aperiodicWorkload.begin(); entry != m_aperiodicWorkload.end();) {
+        if (entry->second.role == Entry::Role::Answer)
+            entry = m_aperiodicWorkload.erase(entry);
+        else
+            ++entry;
+    }
+}
+
+void SDStateMachine::unsafe_stop()
+{
+    m_running = false;
+    m_isClosed = true;
+    unsafe_withdraw(nullptr);
 }
 
 bool SDStateMachine::doesServiceMatch(const ServiceIdentity& identity, const SDService::Ptr& service)
 {
-    const SDService& record = *service;
-    const NuboServiceDescription& description = record.getNuboDescription();
-
-    if (identity.type != Type::ANY && identity.type != record.getType())
-        return false;
-    if (identity.serviceID == EntryValues::ServiceID_Non_SOMEIP_SD) {
-        if (identity.name.isNull() || identity.name.value() != description.getName())
-            return false;
-    }
-    else if (identity.serviceID != EntryValues::ServiceID_Any && identity.serviceID != record.getServiceId())
-    {
-        return false;
-    }
-    if (identity.instanceID != EntryValues::InstanceID_Any && identity.instanceID != record.getInstanceId())
-        return false;
-    if (identity.majorVersion != EntryValues::MajorVersion_Any &&
-        identity.majorVersion != record.getMajorVersion())
-        return false;
-    if (identity.minorVersion != EntryValues::MinorVersion_Any &&
-        identity.minorVersion != record.getMinorVersion())
-        return false;
-    if (!identity.name.isNull() && identity.name.value() != description.getName())
-        return false;
-    if (!identity.port.isNull() && identity.port.value() != description.getPort())
-        return false;
-    if (!identity.l4proto.isNull() && identity.l4proto.value() != description.getL4Proto())
-        return false;
-    // Last of all: the text of the address has to be made.
-    return identity.ip.isNull() || identity.ip.value() == description.getIpAddressString();
+    return identity.matches(*service);
 }
 
 unsigned short SDStateMachine::findHighestInstanceID(const ServicesContainer& services, unsigned short start)
@@ -681,13 +768,29 @@ bool SDStateMachine::unsafe_findServices(const ServicesContainer& services, cons
     return walk(services, identity, found);
 }
 
+bool SDStateMachine::unsafe_findServices(const AperiodicWorkload& services, const ServiceIdentity& identity,
+                                         ServicesContainer& found) const
+{
+    return walk(services, identity, found);
+}
+
+bool SDStateMachine::unsafe_findServices(const PeriodicWorkload& services, const ServiceIdentity& identity,
+                                         ServicesContainer& found) const
+{
+    return walk(services, identity, found);
+}
+
 bool SDStateMachine::unsafe_findServices(const ServiceIdentity& identity, ServicesContainer& aperiodic,
                                          ServicesContainer& periodic) const
 {
-    const auto matches = matcherOf(identity);
-    const std::optional<RecordIndex::Key> key = RecordIndex::keyOf(identity);
-    visitEach(m_aperiodicWorkload, m_aperiodicIndex, key, matches, appendTo(aperiodic));
-    visitEach(m_periodicWorkload, m_periodicIndex, key, matches, appendTo(periodic));
+    if (identity.name.isNull()) {
+        walk(m_aperiodicWorkload, identity, aperiodic);
+        walk(m_periodicWorkload, identity, periodic);
+    }
+    else {
+        append(m_index.findAll(identity, Entry::Workload::Aperiodic), aperiodic);
+        append(m_index.findAll(identity, Entry::Workload::Periodic), periodic);
+    }
     return !aperiodic.empty() || !periodic.empty();
 }
 
@@ -708,136 +811,201 @@ bool SDStateMachine::unsafe_findByUuid(const std::string& localUuid, ServicesCon
     return position != services.end();
 }
 
-SDStateMachine::Matches SDStateMachine::unsafe_findMatches(const SDService& service) const
-{
-    Matches matches;
-    unsafe_findServices(ServiceIdentity(service), matches.aperiodic, matches.periodic);
-    return matches;
-}
-
 bool SDStateMachine::unsafe_addPeriodicService(const SDService::Ptr& service)
 {
     m_periodicWorkload.push_back(service);
-    m_periodicIndex.insert(service);
     return true;
 }
 
 bool SDStateMachine::unsafe_removePeriodicService(const SDService::Ptr& service)
 {
-    const auto found = std::find(m_periodicWorkload.begin(), m_periodicWorkload.end(), service);
-    if (found == m_periodicWorkload.end())
-        return false;
-    m_periodicIndex.erase(service);
-    m_periodicWorkload.erase(found);
-    return true;
+    return m_periodicWorkload.erase(service);
 }
 
 bool SDStateMachine::unsafe_removeAperiodicService(const SDService::Ptr& service)
 {
-    const auto found = std::find_if(m_aperiodicWorkload.begin(), m_aperiodicWorkload.end(),
-                                    [&](const auto& entry) { return entry.second == service; });
-    if (found == m_aperiodicWorkload.end())
-        return false;
-    m_aperiodicIndex.erase(service);
-    m_aperiodicWorkload.erase(found);
-    return true;
-}
-
-bool SDStateMachine::unsafe_schedule(const SDService::Ptr& service, const Poco::Clock& due)
-{
-    if (m_aperiodicWorkload.emplace(due, service) == m_aperiodicWorkload.end()) {
-        SD_LOG(Error) << "SD failed to insert Service into m_aperiodicWorkload!";
-        return false;
-    }
-    m_aperiodicIndex.insert(service, due);
-    return true;
-}
-
-SDService::Ptr SDStateMachine::unsafe_takeFirstAperiodic()
-{
-    SDService::Ptr service = m_aperiodicWorkload.begin()->second;
-    m_aperiodicWorkload.erase(m_aperiodicWorkload.begin());
-    m_aperiodicIndex.erase(service);
-    return service;
+    return m_aperiodicWorkload.erase(service);
 }
 
 bool SDStateMachine::unsafe_addAperiodicService(const SDService::Ptr& service)
+{
+    return unsafe_schedule(service, nullptr);
+}
+
+/// `present` is where the record is in the aperiodic workload, if it is there already.
+bool SDStateMachine::unsafe_schedule(const SDService::Ptr& service, Entry* present)
 {
     SD_LOG(Trace) << "AperiodicWorker::unsafe_addAperiodicService";
     if (service.isNull()) {
         SD_LOG(Error) << "SD failed to add Service to m_aperiodicWorkload, service was nullptr!";
         return false;
     }
+    const std::optional<long> delay = firstDelay(*service);
+    if (!delay)
+        return false;
 
-    const Type::Type_t type = service->getType();
-    const State::State_t state = service->getState();
-    long delay = 0;
-    if (state == State::INITIAL_WAIT_PHASE && (type == Type::ANNOUNCED || type == Type::WANTED)) {
-        constexpr double randomScale = 1.0 / 2147483648.0;
-        delay = static_cast<long>(m_rnd.next() * randomScale * initialWaitRange);
-        if (type == Type::ANNOUNCED)
-            SD_LOG(Notice) << "SD Announcement of Service " << ServiceLabel{*service}
-                           << " startet, due to addition by ServiceRegistry.";
-        else
-            SD_LOG(Notice) << "SD Finding of Service " << nameOf(service)
-                           << " startet, due to GET request to ServiceRegistry.";
+    const Poco::Clock due = SDClock::now() + *delay * microsecondsPerMillisecond;
+    if (present) {
+        m_aperiodicWorkload.reschedule(*present, due);
+        m_aperiodicWorker.unsafe_update();
+        return true;
     }
-    else if (state == State::ONCE && (type == Type::ANNOUNCED || type == Type::DISCOVERED)) {
-        delay = oneTimeAnswer;
-        SD_LOG(Notice) << "SD One-Time Announcement of Service " << ServiceLabel{*service}
-                       << " startet, due to reception of FIND_SERVICE.";
-    }
-    else {
-        SD_LOG(Error) << "SD failed to add Service to m_aperiodicWorkload, unexpected State x Type: " << type
-                      << " x " << state << "!";
+    const auto added = m_aperiodicWorkload.emplace(due, service);
+    if (added == m_aperiodicWorkload.end()) {
+        SD_LOG(Error) << "SD failed to insert Service into m_aperiodicWorkload!";
         return false;
     }
-
-    if (!unsafe_schedule(service, SDClock::now() + delay * microsecondsPerMillisecond))
-        return false;
-    m_aperiodicWorker.unsafe_update();
+    try {
+        m_aperiodicWorker.unsafe_update();
+    }
+    catch (...) {
+        m_aperiodicWorkload.erase(added);
+        throw;
+    }
     return true;
 }
 
-bool SDStateMachine::unsafe_announce(SDService::Ptr& service, unsigned short instanceID)
+std::optional<long> SDStateMachine::firstDelay(const SDService& service)
+{
+    const Type::Type_t type = service.getType();
+    const State::State_t state = service.getState();
+    if (state == State::INITIAL_WAIT_PHASE && (type == Type::ANNOUNCED || type == Type::WANTED)) {
+        if (type == Type::ANNOUNCED)
+            SD_LOG(Notice) << "SD Announcement of Service " << ServiceLabel{service}
+                           << " startet, due to addition by ServiceRegistry.";
+        else
+            SD_LOG(Notice) << "SD Finding of Service " << service.getNuboDescription().getName()
+                           << " startet, due to GET request to ServiceRegistry.";
+        constexpr double randomScale = 1.0 / 2147483648.0;
+        return static_cast<long>(m_rnd.next() * randomScale * initialWaitRange);
+    }
+    if (state == State::ONCE && (type == Type::ANNOUNCED || type == Type::DISCOVERED)) {
+        SD_LOG(Notice) << "SD One-Time Announcement of Service " << ServiceLabel{service}
+                       << " startet, due to reception of FIND_SERVICE.";
+        return oneTimeAnswer;
+    }
+    SD_LOG(Error) << "SD failed to add Service to m_aperiodicWorkload, unexpected State x Type: " << type
+                  << " x " << state << "!";
+    return std::nullopt;
+}
+
+/// Announces the service in place of an entry, if there is one, which stays when that fails.
+bool SDStateMachine::unsafe_announce(SDService::Ptr& service, unsigned short instanceID, Entry* replaced)
 {
     setTypeAndState(service, Type::ANNOUNCED, State::INITIAL_WAIT_PHASE);
     service->setInstanceId(instanceID);
-    return unsafe_addAperiodicService(service);
+    if (!unsafe_addAperiodicService(service))
+        return false;
+    if (replaced)
+        unsafe_erase(*replaced);
+    return true;
 }
 
-/// Tells the registry of a discovered service and takes it in under the identifier that it gives back.
-bool SDStateMachine::unsafe_discover(SDService::Ptr& service, unsigned short instanceID)
+void SDStateMachine::unsafe_erase(Entry& entry)
 {
-    const std::size_t text = m_periodicIndex.textSize() + service->getNuboDescription().getTextSize();
-    if (m_periodicWorkload.size() >= largestWorkload || text > mostText) {
+    if (entry.workload == Entry::Workload::Aperiodic)
+        m_aperiodicWorkload.erase(entry);
+    else
+        m_periodicWorkload.erase(entry);
+}
+
+/// Tells the registry of a discovered service and takes it in under the identifier that it gives back. A
+/// search for the service ends when it was taken in.
+bool SDStateMachine::unsafe_discover(SDService::Ptr& service, unsigned short instanceID, Entry* search)
+{
+    const DiscoveryBounds::Verdict verdict = DiscoveryBounds::judge(m_index, *service, search != nullptr);
+    if (verdict.outcome != DiscoveryBounds::Outcome::Taken) {
+        m_lastRefusal = verdict.outcome;
         m_refusals.add();
-        if (const std::uint64_t refused = m_refusals.takeReport())
-            SD_LOG(Warning) << "SDStateMachine::handleOFFER: " << refused
-                            << " offer(s) of new Services refused, at most " << largestWorkload << " with "
-                            << mostText << " Bytes of text can be known!";
+        reportRefusals();
         return false;
     }
     setTypeAndState(service, Type::DISCOVERED, State::MAIN_PHASE);
     service->setInstanceId(instanceID);
+    // There has to be room for it before the registry is told.
+    Entry& entry = m_periodicWorkload.push_back(service);
     ServiceDiscovery::ServiceListEventPayload payload(
         ServiceDiscovery::ServiceListEventPayload::SERVICE_DISCOVERED, &service->getNuboDescription());
-    m_hub.notifyServiceRegistry(payload);
+    try {
+        m_hub.notifyServiceRegistry(payload);
+    }
+    catch (...) {
+        m_periodicWorkload.erase(entry);
+        throw;
+    }
     if (payload.getLocalUuid().empty()) {
+        m_periodicWorkload.erase(entry);
         SD_LOG(Error)
             << "Failed to handle OFFER_SERVICE due Service Registry Notification not returning a UUID!";
         return false;
     }
-    service->setLocalUuid(payload.getLocalUuid());
-    return unsafe_addPeriodicService(service);
+    m_index.identify(entry, std::move(payload).getLocalUuid());
+    if (search)
+        m_aperiodicWorkload.erase(*search);
+    for (Entry* displaced : verdict.displaced)
+        unsafe_displace(*displaced);
+    return true;
 }
 
-void SDStateMachine::unsafe_notifyGone(const SDService& service)
+void SDStateMachine::reportRefusals()
 {
-    const NuboServiceDescription& description = service.getNuboDescription();
-    ServiceDiscovery::ServiceListEventPayload payload(ServiceDiscovery::ServiceListEventPayload::SERVICE_GONE,
-                                                      &description, description.getLocalUuid());
-    m_hub.notifyServiceRegistry(payload);
+    using Outcome = DiscoveryBounds::Outcome;
+    if (const std::uint64_t refused = m_refusals.takeReport()) {
+        const Outcome last = m_lastRefusal;
+        if (last == Outcome::RefusedOfSender)
+            SD_LOG(Warning) << "SDStateMachine::handleOFFER: " << refused
+                            << " offer(s) of new Services refused, their unit has its share of what can be "
+                               "known!";
+        else if (last == Outcome::RefusedOfName)
+            SD_LOG(Warning) << "SDStateMachine::handleOFFER: " << refused
+                            << " offer(s) of new Services refused, at most " << mostInstances
+                            << " of one name can be known!";
+        else
+            SD_LOG(Warning) << "SDStateMachine::handleOFFER: " << refused
+                            << " offer(s) of new Services refused, at most " << largestWorkload << " with "
+                            << mostText << " Bytes of text can be known!";
+    }
+    if (const std::uint64_t displaced = m_displacements.takeReport())
+        SD_LOG(Warning) << "SDStateMachine::handleOFFER: " << displaced
+                        << " Service(s) that had not been offered for "
+                        << DiscoveryBounds::staleAfter / microsecondsPerSecond
+                        << " s displaced by offers of new ones!";
+}
+
+/// What the subscriber throws is logged: the new service has been taken in.
+void SDStateMachine::unsafe_displace(Entry& entry)
+{
+    m_displacements.add();
+    reportRefusals();
+    try {
+        unsafe_tellGone(entry);
+    }
+    catch (...) {
+        SD_LOG(Error) << "SDStateMachine - caught exception: " << currentExceptionText();
+    }
+}
+
+/// Tells the registry that a service is gone, and forgets it, even if the subscriber throws; that passes to
+/// the caller. When the registry could not be told for want of memory, the service stays until the next
+/// interval, which tries again.
+void SDStateMachine::unsafe_tellGone(Entry& entry)
+{
+    SDService::Ptr service = entry;
+    const NuboServiceDescription& description = service->getNuboDescription();
+    std::optional<ServiceDiscovery::ServiceListEventPayload> payload;
+    try {
+        payload.emplace(ServiceDiscovery::ServiceListEventPayload::SERVICE_GONE, &description,
+                        description.getLocalUuid());
+        m_hub.notifyServiceRegistry(*payload);
+    }
+    catch (...) {
+        if (payload && payload->isDelivered())
+            m_periodicWorkload.erase(entry);
+        else
+            service->setTTL(0);
+        throw;
+    }
+    m_periodicWorkload.erase(entry);
 }
 
 /// Nothing that goes wrong with one announcement may keep the others from being made.
@@ -859,208 +1027,6 @@ void SDStateMachine::unsafe_sendSafely(const SDService::Ptr& service)
     catch (...) {
         SD_LOG(Error) << "SDStateMachine - failed to announce: " << currentExceptionText();
     }
-}
-
-SDStateMachine::AperiodicWorker::AperiodicWorker(SDStateMachine& parent)
-    : TimebasedWorker(parent, "AperiodicWorker", parent.m_aperiodicWorkload, parent.m_workloadMutex, parked)
-{}
-
-void SDStateMachine::AperiodicWorker::update()
-{
-    Poco::FastMutex::ScopedLock lock(m_workloadMutex);
-    unsafe_update();
-}
-
-void SDStateMachine::AperiodicWorker::unsafe_update()
-{
-    SD_LOG(Trace) << "AperiodicWorker::unsafe_update";
-    if (!m_parent.isRunning())
-        return;
-    if (m_workload.empty()) {
-        if (m_initialized) {
-            m_timer.restart(parked);
-            SD_LOG(Debug) << "SDStateMachine - \"" << m_name << "\" event timer stopped ";
-        }
-        return;
-    }
-
-    const Poco::Clock now = SDClock::now();
-    const Poco::Clock& due = m_workload.begin()->first;
-    if (m_initialized)
-        m_timer.restart(timerInterval(std::max(due.raw(), m_notBefore.load()) - now.raw()));
-    else
-        start();
-    SD_LOG(Debug) << "SDStateMachine - \"" << m_name << "\" event timer set to "
-                  << std::max((due - now) / microsecondsPerMillisecond, Poco::Clock::ClockDiff{shortestDelay})
-                  << " milliseconds";
-}
-
-/// The interval for a wait of so many microseconds. Now and then Poco::Timer waits a millisecond less than
-/// its interval; nothing is due then, and the rest is waited for.
-long SDStateMachine::AperiodicWorker::timerInterval(Poco::Clock::ClockDiff wait)
-{
-    return std::max((wait + microsecondsPerMillisecond - 1) / microsecondsPerMillisecond,
-                    Poco::Clock::ClockDiff{shortestDelay});
-}
-
-void SDStateMachine::AperiodicWorker::onInterval(Poco::Timer& timer)
-{
-    // Once per process, whatever number of engines it has.
-    static const bool named = (DebugUtils::setThreadName("SdAperWork", "AperiodicWorker::onInterval"), true);
-    static_cast<void>(named);
-
-    Poco::FastMutex::ScopedLock lock(m_workloadMutex);
-    SD_LOG(Trace) << "AperiodicWorker::onInterval - " << m_workload.size() << " services in list";
-    if (timer.skipped() > 0)
-        SD_LOG(Warning) << "SDStateMachine - \"AperiodicWorker\" skipped " << timer.skipped()
-                        << " timer events.";
-    if (!m_parent.isRunning())
-        return;
-
-    const Poco::Clock now = SDClock::now();
-    while (!m_workload.empty() && m_workload.begin()->second.isNull()) {
-        SD_LOG(Error) << "AperiodicWorker::onInterval found aperiodic Service nullptr!";
-        m_parent.unsafe_takeFirstAperiodic();
-    }
-    // One record an interval: further ones that are due wait for the next, a millisecond later.
-    if (!m_workload.empty() && m_workload.begin()->first <= now) {
-        SDService::Ptr service = m_parent.unsafe_takeFirstAperiodic();
-        const long delay = handle(service);
-        if (delay != isDone)
-            m_parent.unsafe_schedule(service, now + delay * microsecondsPerMillisecond);
-        m_notBefore = SDClock::now().raw() + shortestDelay * microsecondsPerMillisecond;
-    }
-    unsafe_update();
-}
-
-long SDStateMachine::AperiodicWorker::handle(SDService::Ptr& service)
-{
-    const Type::Type_t type = service->getType();
-    const State::State_t state = service->getState();
-    if (type == Type::WANTED || type == Type::ANNOUNCED) {
-        if (state == State::ONCE) {
-            m_parent.unsafe_sendSafely(service);
-            return isDone;
-        }
-        if (state == State::INITIAL_WAIT_PHASE) {
-            service->setState(State::REPETITION_PHASE);
-            m_parent.unsafe_sendSafely(service);
-            return firstRepetition;
-        }
-        if (state == State::REPETITION_PHASE)
-            return handleRepetition(service);
-    }
-    reportUnexpectedRecord("aperiodic", *service);
-    return isDone;
-}
-
-long SDStateMachine::AperiodicWorker::handleRepetition(SDService::Ptr& service)
-{
-    m_parent.unsafe_sendSafely(service);
-    service->incrementRepetitionRun();
-    const int run = service->getRepetitionRun();
-    if (run < repetitions)
-        return (2L << (run - 1)) * firstRepetition;
-    if (service->getType() == Type::ANNOUNCED) {
-        service->setState(State::MAIN_PHASE);
-        m_parent.unsafe_addPeriodicService(service);
-    }
-    return isDone;  // of a wanted record: the search is over
-}
-
-SDStateMachine::PeriodicWorker::PeriodicWorker(SDStateMachine& parent)
-    : TimebasedWorker(parent, "PeriodicWorker", parent.m_periodicWorkload, parent.m_workloadMutex, cycle)
-{}
-
-// Kept for compatibility: this worker's lines name the other worker.
-
-void SDStateMachine::PeriodicWorker::update()
-{
-    SD_LOG(Warning) << "AperiodicWorker::update: not needed, should not be called!";
-}
-
-void SDStateMachine::PeriodicWorker::unsafe_update()
-{
-    SD_LOG(Warning) << "AperiodicWorker::unsafe_update: not needed, should not be called!";
-}
-
-void SDStateMachine::PeriodicWorker::onInterval(Poco::Timer& timer)
-{
-    static const bool named = (DebugUtils::setThreadName("SdPerWork", "PeriodicWorker::onInterval"), true);
-    static_cast<void>(named);
-
-    Poco::FastMutex::ScopedLock lock(m_workloadMutex);
-    SD_LOG(Trace) << "AperiodicWorker::onInterval - " << m_workload.size() << " services in list";
-    if (timer.skipped() > 0)
-        SD_LOG(Warning) << "SDStateMachine - " << timer.skipped() << " skipped announcement timer events";
-
-    ServicesContainer batch;
-    auto kept = m_workload.begin();
-    for (SDService::Ptr& service : m_workload) {
-        if (handle(service, batch))
-            std::swap(*kept++, service);
-        else
-            m_parent.m_periodicIndex.erase(service);
-    }
-    m_workload.erase(kept, m_workload.end());
-    if (!batch.empty())
-        m_parent.unsafe_sendSafely(batch);
-}
-
-bool SDStateMachine::PeriodicWorker::handle(SDService::Ptr& service, ServicesContainer& batch)
-{
-    if (service.isNull()) {
-        SD_LOG(Error) << "AperiodicWorker::onInterval found periodic Service nullptr!";
-        return false;
-    }
-    switch (service->getType()) {
-        case Type::ANNOUNCED:
-            return handleAnnounced(service, batch);
-        case Type::DISCOVERED:
-            return handleDiscovered(service);
-        case Type::NONE:
-        case Type::WANTED:
-        case Type::ANY:
-            break;
-    }
-    reportUnexpectedRecord("periodic", *service);
-    return true;
-}
-
-bool SDStateMachine::PeriodicWorker::handleAnnounced(SDService::Ptr& service, ServicesContainer& batch)
-{
-    const State::State_t state = service->getState();
-    if (state == State::MAIN_PHASE) {
-        batch.push_back(service);
-    }
-    else if (state == State::SHUTDOWN_PHASE) {
-        if (service->getRepetitionRun() >= shutdownSends) {
-            service->setState(State::REMOVED);
-        }
-        else {
-            batch.push_back(service);
-            service->incrementRepetitionRun();
-        }
-    }
-    else {
-        reportUnexpectedRecord("periodic", *service);
-    }
-    return service->getState() != State::REMOVED;
-}
-
-bool SDStateMachine::PeriodicWorker::handleDiscovered(const SDService::Ptr& service)
-{
-    if (!service->isTTLElapsed())
-        return true;
-    SD_LOG(Notice) << "SDStateMachine - TTL of service timed out: " << nameOf(service);
-    try {
-        m_parent.unsafe_notifyGone(*service);
-    }
-    catch (...) {
-        // The other records must have their turn, and this one must not come up every second.
-        SD_LOG(Error) << "SDStateMachine - \"" << m_name << "\" caught exception: " << currentExceptionText();
-    }
-    return false;
 }
 
 std::ostream& operator<<(std::ostream& stream, const ServicesContainer_Printer& printer)

@@ -1,10 +1,13 @@
 #pragma once
 
 #include "DataLayer/SDService.h"
+#include "LogicLayer/DiscoveryBounds.h"
 #include "LogicLayer/DropCounter.h"
+#include "LogicLayer/InsideEngine.h"
 #include "LogicLayer/RecordIndex.h"
 #include "LogicLayer/ServiceIdentity.h"
 #include "LogicLayer/TimebasedWorker.h"
+#include "LogicLayer/Workload.h"
 
 #include <Poco/Clock.h>
 #include <Poco/Mutex.h>
@@ -15,7 +18,9 @@
 #include <cstdint>
 #include <iosfwd>
 #include <map>
+#include <optional>
 #include <string>
+#include <thread>
 #include <vector>
 
 namespace Nubo::ServiceDiscovery {
@@ -35,16 +40,19 @@ using ServicesContainer = std::vector<SDService::Ptr>;
 /// falls due. One mutex serialises every event and every timer interval; operations named unsafe_... need
 /// it to be held by the caller. The hub's announce() and notifyServiceRegistry() are called with it held,
 /// so neither may call back into the state machine.
+///
+/// What an event costs does not depend on the number of services, nor on the number of instances of a name.
 class SDStateMachine
 {
 public:
     using AperiodicServicesContainer = Nubo::ServiceDiscovery::AperiodicServicesContainer;
     using ServicesContainer = Nubo::ServiceDiscovery::ServicesContainer;
 
-    /// While the periodic workload holds so many records, or so many bytes of texts in them, no further
-    /// service is discovered: what the neighbours offer must not fill the unit's memory.
-    static constexpr std::size_t largestWorkload = 131072;
-    static constexpr std::size_t mostText = std::size_t{64} * 1024 * 1024;
+    /// At most so many services of other units are known, with so many bytes of texts, and so many of one
+    /// name; see DiscoveryBounds. This unit's services are not bounded.
+    static constexpr std::size_t largestWorkload = DiscoveryBounds::mostRecords;
+    static constexpr std::size_t mostText = DiscoveryBounds::mostText;
+    static constexpr std::size_t mostInstances = DiscoveryBounds::mostInstances;
 
     struct ExternalEvent
     {
@@ -71,14 +79,23 @@ public:
     SDStateMachine(const SDStateMachine&) = delete;
     SDStateMachine& operator=(const SDStateMachine&) = delete;
 
-    /// Starts the timers. Records that were added before begin their phases now.
+    /// Starts the timers. Records that were added before begin their phases now. When it throws, nothing
+    /// runs.
     void start();
-    /// Sends one stop-offer for every announced service in the periodic workload and stops the timers.
+    /// Sends one stop-offer for every announced service in the periodic workload and stops the timers. Once
+    /// it has returned, nothing more is taken from the network and no event is raised, until start(). Never
+    /// throws.
     void stop();
+    /// The same for a thread that delivers an event and must not wait for itself. The timers run on, and find
+    /// nothing to do.
+    void unsafe_stop();
     bool isRunning() const { return m_running; }
 
-    /// The one door for everything that happens outside. False when the event could not be handled; the
-    /// reason is in the log. What the registry's subscriber throws passes to the caller.
+    /// Whether the calling thread is in an event or an interval.
+    bool isLockedByThisThread() const { return m_lockedBy.load() == std::this_thread::get_id(); }
+
+    /// Single entry point for external events. False when the event could not be handled; the reason is in
+    /// the log. What the registry's subscriber throws passes to the caller.
     bool onExternalEvent(ExternalEvent& event);
 
     bool handlePUT(ExternalEvent& event);
@@ -88,9 +105,15 @@ public:
     bool handleOFFER(ExternalEvent& event);
     bool handleSTOPOFFER(ExternalEvent& event);
 
-    /// Lets the time-to-live of the instance that is offered begin anew; false if it is not known. That is
-    /// what nearly every offer is about, and needs neither its versions nor its categories.
+    /// Restarts the time-to-live of the instance that is offered; false if it is not known. Nearly every
+    /// offer is a renewal, which needs neither versions nor categories.
     bool renew(const SDService& offered);
+
+    /// How many offers of this unit's services were sent back to it.
+    std::uint64_t reflectedOffers() const { return m_reflectedOffers; }
+
+    /// Writes the counted warnings that are due. What a flood has left over is reported within a second.
+    void reportRefusals();
 
     /// Whether an offered service may be taken in. Everything may; a refusal would go into the unit's event
     /// memory.
@@ -112,6 +135,10 @@ public:
                              ServicesContainer& found) const;
     bool unsafe_findServices(const ServicesContainer& services, const ServiceIdentity& identity,
                              ServicesContainer& found) const;
+    bool unsafe_findServices(const AperiodicWorkload& services, const ServiceIdentity& identity,
+                             ServicesContainer& found) const;
+    bool unsafe_findServices(const PeriodicWorkload& services, const ServiceIdentity& identity,
+                             ServicesContainer& found) const;
     /// The same over both workloads, with a list for each.
     bool unsafe_findServices(const ServiceIdentity& identity, ServicesContainer& aperiodic,
                              ServicesContainer& periodic) const;
@@ -131,8 +158,34 @@ public:
     bool unsafe_removeAperiodicService(const SDService::Ptr& service);
 
 protected:
-    /// Sends what falls due at a certain time, one record an interval.
-    class AperiodicWorker : public TimebasedWorker<SDStateMachine, AperiodicServicesContainer>
+    /// Holds the workload mutex. Threads that wait for it get it one after the other: a thread that gives it
+    /// back and takes it again at once comes after those that wait.
+    class WorkloadLock
+    {
+    public:
+        explicit WorkloadLock(const SDStateMachine& machine) : m_machine(machine) { lock(); }
+        ~WorkloadLock() { unlock(); }
+
+        WorkloadLock(const WorkloadLock&) = delete;
+        WorkloadLock& operator=(const WorkloadLock&) = delete;
+
+        /// Lets those have the mutex that wait for it.
+        void giveWay()
+        {
+            unlock();
+            lock();
+        }
+
+    private:
+        void lock();
+        void unlock();
+
+        const InsideEngine m_inside;  // a log channel must not call into the engine under its lock
+        const SDStateMachine& m_machine;
+    };
+
+    /// Sends what falls due at a certain time, one record per interval.
+    class AperiodicWorker : public TimebasedWorker<SDStateMachine, AperiodicWorkload>
     {
     public:
         explicit AperiodicWorker(SDStateMachine& parent);
@@ -142,9 +195,9 @@ protected:
         void onInterval(Poco::Timer& timer) override;
 
     private:
-        /// Does the record's next step; returns the milliseconds after which it is due again, or
-        /// `isDone`.
-        long handle(SDService::Ptr& service);
+        void handleFirst(const Poco::Clock& now);
+        /// Takes the record's next step; returns the milliseconds after which it is due again, or `isDone`.
+        long handle(const SDService::Ptr& entry);
         long handleRepetition(SDService::Ptr& service);
         static long timerInterval(Poco::Clock::ClockDiff wait);
 
@@ -152,50 +205,75 @@ protected:
     };
 
     /// Works over the long-lived records once a second.
-    class PeriodicWorker : public TimebasedWorker<SDStateMachine, ServicesContainer>
+    class PeriodicWorker : public TimebasedWorker<SDStateMachine, PeriodicWorkload>
     {
     public:
         explicit PeriodicWorker(SDStateMachine& parent);
 
+        void start() override;
         void update() override;
         void unsafe_update() override;
         void onInterval(Poco::Timer& timer) override;
 
     private:
+        bool beginInterval();
+        void offerOwn();
         /// Whether the record stays in the workload; what is to be sent of it goes into the batch.
-        bool handle(SDService::Ptr& service, ServicesContainer& batch);
-        bool handleAnnounced(SDService::Ptr& service, ServicesContainer& batch);
-        bool handleDiscovered(const SDService::Ptr& service);
+        static bool handleLocal(const SDService::Ptr& entry, ServicesContainer& batch);
+        static bool handleAnnounced(SDService::Ptr service, ServicesContainer& batch);
+        void waitForWhatHasArrived();
+        void expire(WorkloadLock& lock);
+        /// Whether the record has run out.
+        bool expire(WorkloadEntry& entry);
+
+        Poco::Clock m_begin{Poco::Clock::ClockVal{0}};  // of the last interval
     };
 
     SDCommunicationHub& m_hub;
     Poco::Random m_rnd;
     std::atomic<bool> m_running{false};
     mutable Poco::FastMutex m_workloadMutex;
-    AperiodicServicesContainer m_aperiodicWorkload;
-    ServicesContainer m_periodicWorkload;
-    RecordIndex m_aperiodicIndex;
-    RecordIndex m_periodicIndex;
+    RecordIndex m_index;
+    AperiodicWorkload m_aperiodicWorkload{m_index};
+    PeriodicWorkload m_periodicWorkload{m_index};
     AperiodicWorker m_aperiodicWorker;
     PeriodicWorker m_periodicWorker;
 
 private:
     struct Matches;
+    using Entry = WorkloadEntry;
 
-    Matches unsafe_findMatches(const SDService& service) const;
+    bool unsafe_schedule(const SDService::Ptr& service, Entry* present);
+    std::optional<long> firstDelay(const SDService& service);
 
-    bool unsafe_schedule(const SDService::Ptr& service, const Poco::Clock& due);
-    SDService::Ptr unsafe_takeFirstAperiodic();
-
-    bool unsafe_announce(SDService::Ptr& service, unsigned short instanceID);
-    bool unsafe_renew(const SDService& offered);
-    bool unsafe_discover(SDService::Ptr& service, unsigned short instanceID);
-    void unsafe_notifyGone(const SDService& service);
+    bool unsafe_announce(SDService::Ptr& service, unsigned short instanceID, Entry* replaced = nullptr);
+    std::vector<Entry*> unsafe_announcedDuplicates(const SDService& service, const Matches& matches) const;
+    unsigned short unsafe_nextOwnInstance(const Matches& matches) const;
+    bool unsafe_removePeriodic(Entry& entry);
+    bool unsafe_removeAperiodic(Entry& entry);
     bool unsafe_answerOnce(const SDService::Ptr& announced);
+    void unsafe_erase(Entry& entry);
+
+    bool unsafe_renew(const SDService& offered);
+    bool unsafe_discover(SDService::Ptr& service, unsigned short instanceID, Entry* search = nullptr);
+    bool unsafe_isReflected(const SDService& offered, const Matches& matches);
+    bool unsafe_reportUnexpected(const ServiceIdentity& identity) const;
+    void unsafe_displace(Entry& entry);
+    void unsafe_tellGone(Entry& entry);
+
     void unsafe_sendSafely(const SDService::Ptr& service);
     void unsafe_sendSafely(const ServicesContainer& services);
+    void setClosed(bool isClosed);
+    void unsafe_withdraw(WorkloadLock* lock);
+    void unsafe_dropAnswers();
 
+    mutable Poco::FastMutex m_turnMutex;  // held by the thread that gets the workload mutex next
+    mutable std::atomic<std::thread::id> m_lockedBy{};
+    bool m_isClosed = false;  // nothing is taken from the network
+    std::atomic<std::uint64_t> m_reflectedOffers{0};
     DropCounter m_refusals;
+    std::atomic<DiscoveryBounds::Outcome> m_lastRefusal{DiscoveryBounds::Outcome::Refused};
+    DropCounter m_displacements;
 };
 
 /// List a container's records for the log: their names, or their names with type and state.

@@ -22,6 +22,15 @@ struct ServiceIdentity
     /// (address text, port, protocol), whatever its service ID, versions and instance ID.
     static ServiceIdentity ofInstance(const SDService& service, SDService::Type::Type_t type);
 
+    /// Whether every field that is set agrees with the record.
+    bool matches(const SDService& service) const;
+
+    /// Whether it names one instance: a name and an endpoint.
+    bool isOfInstance() const
+    {
+        return !name.isNull() && !ip.isNull() && !port.isNull() && !l4proto.isNull();
+    }
+
     SDService::Type::Type_t type = SDService::Type::ANY;
     /// `ServiceID_Non_SOMEIP_SD` means: match by name. Without a name nothing matches then.
     std::uint16_t serviceID = SOME_IP_SD_Types::EntryValues::ServiceID_Any;

@@ -39,14 +39,21 @@ public:
     TimebasedWorker(const TimebasedWorker&) = delete;
     TimebasedWorker& operator=(const TimebasedWorker&) = delete;
 
-    /// Starts the timer unless it runs already: the first interval is over at once.
+    /// Starts the timer unless it runs already: the first interval is over at once. Throws when the system
+    /// gives no thread; the timer does not run then.
     virtual void start()
     {
         SD_LOG(Trace) << "TimebasedWorker::start";
         if (m_initialized.exchange(true))
             return;
-        m_timer.setPeriodicInterval(m_intervalMs);
-        m_timer.start(Poco::TimerCallback<TimebasedWorker>(*this, &TimebasedWorker::onTimer), m_threads);
+        try {
+            m_timer.setPeriodicInterval(m_intervalMs);
+            m_timer.start(Poco::TimerCallback<TimebasedWorker>(*this, &TimebasedWorker::onTimer), m_threads);
+        }
+        catch (...) {
+            m_initialized = false;
+            throw;
+        }
     }
 
     /// Stops the timer and waits for a running interval to end. Not to be called with the workload mutex

@@ -422,19 +422,19 @@ TEST_F(SDCommunicationHubTest, HubKnowsTheThreadThatIsInTheEvent)
     bool isOnThisThread = false;
     bool isOnAnotherThread = true;
     unit.registry.onEvent = [&](auto&) {
-        isOnThisThread = unit.hub.isNotifyingOnThisThread();
-        std::thread([&] { isOnAnotherThread = unit.hub.isNotifyingOnThisThread(); }).join();
+        isOnThisThread = InsideEngine::isThisThread();
+        std::thread([&] { isOnAnotherThread = InsideEngine::isThisThread(); }).join();
     };
     const NuboServiceDescription description = describe("Media");
     ServiceDiscovery::ServiceListEventPayload payload(ServiceDiscovery::EventType::SERVICE_GONE,
                                                       &description);
 
-    EXPECT_FALSE(unit.hub.isNotifyingOnThisThread());
+    EXPECT_FALSE(InsideEngine::isThisThread());
     unit.hub.notifyServiceRegistry(payload);
 
     EXPECT_TRUE(isOnThisThread);
     EXPECT_FALSE(isOnAnotherThread);
-    EXPECT_FALSE(unit.hub.isNotifyingOnThisThread());
+    EXPECT_FALSE(InsideEngine::isThisThread());
 }
 
 TEST_F(SDCommunicationHubTest, SubscriberThatThrowsIsOutOfTheEvent)
@@ -446,7 +446,7 @@ TEST_F(SDCommunicationHubTest, SubscriberThatThrowsIsOutOfTheEvent)
 
     EXPECT_THROW(unit.hub.notifyServiceRegistry(payload), std::runtime_error);
 
-    EXPECT_FALSE(unit.hub.isNotifyingOnThisThread());
+    EXPECT_FALSE(InsideEngine::isThisThread());
 }
 
 TEST_F(SDCommunicationHubTest, WithoutInterfacesNoAddressIsAnOwnOne)

@@ -210,12 +210,14 @@ TEST_F(SDStateMachineEventsTest, HighestNumberOfAPutMayStandInTheAperiodicWorklo
     EXPECT_EQ(service->getInstanceId(), 8);
 }
 
-TEST_F(SDStateMachineEventsTest, NumberAfterTheHighestIsCutToSixteenBits)
+TEST_F(SDStateMachineEventsTest, NumberOfADiscoveredInstanceIsCutToSixteenBits)
 {
-    machine.putPeriodic(announced(State::MAIN_PHASE, "fd00::1", 1, 0xffff));
-    SDService::Ptr service = makeService("Media");
+    SDService::Ptr known = discovered();
+    known->setInstanceId(0xffff);
+    machine.putPeriodic(known);
+    SDService::Ptr service = offered("Media", "fd00::3");
 
-    EXPECT_TRUE(put(service));
+    EXPECT_TRUE(offer(service));
 
     EXPECT_EQ(service->getInstanceId(), 0);
 }
@@ -1059,11 +1061,13 @@ TEST_F(SDStateMachineEventsTest, EventTypesHaveTheirNumbers)
     EXPECT_EQ(Event::SOMEIP_STOPOFFER, 5u);
 }
 
-TEST_F(SDStateMachineEventsTest, FindIsLeftToTheCyclicOffersWhileManyRecordsWait)
+TEST_F(SDStateMachineEventsTest, FindIsLeftToTheCyclicOffersWhileManyAnswersWait)
 {
     machine.putPeriodic(announced(State::MAIN_PHASE));
-    for (int i = 0; i < 63; ++i)
-        put(makeService("Service" + std::to_string(i)));
+    for (unsigned short port = 1; port <= 63; ++port) {
+        machine.putPeriodic(makeRecord(Type::ANNOUNCED, State::MAIN_PHASE, "Navi", "fd00::1", port));
+    }
+    EXPECT_TRUE(find("Navi"));
 
     EXPECT_TRUE(find("Media"));
     ASSERT_THAT(aperiodic(), SizeIs(64)) << "the last to join";
@@ -1074,6 +1078,17 @@ TEST_F(SDStateMachineEventsTest, FindIsLeftToTheCyclicOffersWhileManyRecordsWait
     EXPECT_THAT(log.traces(), ElementsAre("Trace: SDStateMachine::handleFIND: SD received FIND_SERVICE for "
                                           "\"Media\", while 64 Services wait."));
     EXPECT_THAT(log.complaints(), IsEmpty());
+}
+
+TEST_F(SDStateMachineEventsTest, FindIsAnsweredWhileManyServicesAreBeingAdded)
+{
+    machine.putPeriodic(announced(State::MAIN_PHASE));
+    for (int i = 0; i < 100; ++i)
+        put(makeService("Service" + std::to_string(i)));
+
+    EXPECT_TRUE(find("Media"));
+
+    EXPECT_THAT(aperiodic(), Contains("Media ANNOUNCED ONCE #1"));
 }
 
 TEST_F(SDStateMachineEventsTest, OfferUnderAnotherServiceIDIsOfTheSameInstance)
@@ -1117,7 +1132,7 @@ TEST_F(SDStateMachineEventsTest, WorkloadThatIsFullTakesInNoFurtherService)
 {
     EXPECT_TRUE(offer(offered("Known")));
     const SDService::Ptr filler = makeRecord(Type::DISCOVERED, State::MAIN_PHASE, "Filler");
-    while (machine.periodic().size() < 131072)
+    while (machine.m_periodicWorkload.size() < 131072)
         machine.unsafe_addPeriodicService(filler);
 
     EXPECT_FALSE(offer(offered("New")));

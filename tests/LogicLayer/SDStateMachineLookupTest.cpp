@@ -375,7 +375,7 @@ TEST_F(SDStateMachineLookupTest, LookUpOverBothWorkloadsGivesWhatAPlainWalkGives
         const std::string uuid = "Service" + std::to_string(oneOf(5)) + std::to_string(oneOf(4));
         ASSERT_EQ(machine.indexed(uuid), machine.walked(uuid)) << "event " << i;
     }
-    EXPECT_EQ(machine.indexedRecords(), machine.aperiodic().size() + machine.periodic().size())
+    EXPECT_EQ(machine.m_index.size(), machine.aperiodic().size() + machine.periodic().size())
         << "or the look-ups were plain walks themselves";
 }
 

@@ -25,6 +25,7 @@ public:
     using Event = SDStateMachine::ExternalEvent;
     using SDStateMachine::m_aperiodicWorker;
     using SDStateMachine::m_aperiodicWorkload;
+    using SDStateMachine::m_index;
     using SDStateMachine::m_periodicWorker;
     using SDStateMachine::m_periodicWorkload;
     using SDStateMachine::m_running;
@@ -43,16 +44,14 @@ public:
     void periodicTick() { periodicTick(m_timer); }
     void periodicTick(Poco::Timer& timer) { m_periodicWorker.onInterval(timer); }
 
-    /// How many records the look-ups by name know of.
-    std::size_t indexedRecords() const { return m_aperiodicIndex.size() + m_periodicIndex.size(); }
-
-    /// The records of both workloads with that identifier: by their indices, and by a walk.
+    /// The records of both workloads with that identifier: by the index, and by a walk.
     ServicesContainer indexed(const std::string& uuid) const
     {
         ServicesContainer found;
-        for (const RecordIndex* index : {&m_aperiodicIndex, &m_periodicIndex})
-            index->visit(RecordIndex::keyOfUuid(uuid),
-                         [&](const SDService::Ptr& service) { found.push_back(service); });
+        for (const auto workload : {WorkloadEntry::Workload::Aperiodic, WorkloadEntry::Workload::Periodic}) {
+            for (const WorkloadEntry* entry : m_index.findUuid(uuid, workload))
+                found.push_back(*entry);
+        }
         return found;
     }
     ServicesContainer walked(const std::string& uuid) const
@@ -66,7 +65,7 @@ public:
         return found;
     }
 
-    /// Put a record, or none, into a workload as it is.
+    /// Put a record, or null, into a workload as it is.
     void putAperiodic(const SDService::Ptr& service, Poco::Clock::ClockDiff dueInMicroseconds = 0)
     {
         m_aperiodicWorkload.emplace(SDClock::now() + dueInMicroseconds, service);
@@ -87,7 +86,7 @@ public:
             services.push_back(entry.second);
         return services;
     }
-    const ServicesContainer& periodic() const { return m_periodicWorkload; }
+    ServicesContainer periodic() const { return {m_periodicWorkload.begin(), m_periodicWorkload.end()}; }
 
 private:
     Poco::Timer m_timer;

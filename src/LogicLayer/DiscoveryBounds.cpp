@@ -1,0 +1,129 @@
+#include "LogicLayer/DiscoveryBounds.h"
+
+#include "DataLayer/SDClock.h"
+
+#include <algorithm>
+
+namespace Nubo::ServiceDiscovery {
+
+namespace {
+
+using Entry = WorkloadEntry;
+using Outcome = DiscoveryBounds::Outcome;
+
+/// Places, or bytes: how many are taken in all, and by one sender.
+struct Tally
+{
+    const std::size_t limit;
+    std::size_t taken;
+    std::size_t takenBySender;
+
+    std::size_t free() const { return limit - std::min(limit, taken); }
+    bool isFullFor(std::size_t amount) const { return free() < amount; }
+    bool isWithinShare(std::size_t amount) const { return takenBySender + amount <= free(); }
+
+    void giveBack(std::size_t amount, bool isOfSender)
+    {
+        taken -= amount;
+        if (isOfSender)
+            takenBySender -= amount;
+    }
+};
+
+/// Works out what has to go so that one more service fits.
+class Trial
+{
+public:
+    Trial(const RecordIndex& index, const SDService& offered, bool isSearchedFor)
+        : m_index(index)
+        , m_name(index.find(offered.getNuboDescription().getName()))
+        , m_sender(index.find(offered.getSender()))
+        , m_keepsToShare(!isSearchedFor && offered.getSender() != SDService::SenderAddress{})
+        , m_textSize(offered.getNuboDescription().getTextSize())
+        , m_instances{DiscoveryBounds::mostInstances, m_name ? m_name->discoveredCount : 0, inName(m_sender)}
+        , m_records{DiscoveryBounds::mostRecords, index.discovered(), m_sender ? m_sender->records : 0}
+        , m_text{DiscoveryBounds::mostText, index.discoveredText(), m_sender ? m_sender->text : 0}
+    {}
+
+    DiscoveryBounds::Verdict judge()
+    {
+        if (!hasRoom(m_instances, 1)) {
+            Entry& stalest = *m_name->discovered.front();
+            if (!isDisplaceable(stalest, m_instances, inName(stalest.sender)))
+                return refused();
+            displace(stalest);
+        }
+        Entry* stalest = m_index.stalest();
+        for (; !hasRoom(m_records, 1) || !hasRoom(m_text, m_textSize); stalest = RenewalList::next(*stalest))
+        {
+            if (!stalest || m_displaced.size() == DiscoveryBounds::mostDisplaced)
+                return refused();
+            if (!m_displaced.empty() && stalest == m_displaced.front())
+                continue;  // as an instance of the name
+            if (!isDisplaceable(*stalest, m_records, stalest->sender ? stalest->sender->records : 0))
+                return refused();
+            displace(*stalest);
+        }
+        return hasRoom(m_instances, 1) ? DiscoveryBounds::Verdict{Outcome::Taken, m_displaced} : refused();
+    }
+
+private:
+    std::size_t inName(const Sender* sender) const
+    {
+        return m_name && sender ? m_name->discoveredOf(sender) : 0;
+    }
+
+    bool hasRoom(const Tally& tally, std::size_t amount) const
+    {
+        return !tally.isFullFor(amount) && (!m_keepsToShare || tally.isWithinShare(amount));
+    }
+
+    bool isFull() const
+    {
+        return m_instances.isFullFor(1) || m_records.isFullFor(1) || m_text.isFullFor(m_textSize);
+    }
+
+    bool isDisplaceable(const Entry& entry, const Tally& tally, std::size_t takenByItsSender) const
+    {
+        const bool isStale = SDClock::now() - entry.renewed >= DiscoveryBounds::staleAfter;
+        const bool isOwn = m_sender && entry.sender == m_sender;
+        return isStale && (isFull() || isOwn || takenByItsSender > tally.takenBySender);
+    }
+
+    void displace(Entry& entry)
+    {
+        const bool isOfSender = m_sender && entry.sender == m_sender;
+        if (entry.name == m_name)
+            m_instances.giveBack(1, isOfSender);
+        m_records.giveBack(1, isOfSender);
+        m_text.giveBack(entry.textSize, isOfSender);
+        m_displaced.push_back(&entry);
+    }
+
+    DiscoveryBounds::Verdict refused() const
+    {
+        if (m_instances.isFullFor(1))
+            return {Outcome::RefusedOfName, {}};
+        return {isFull() ? Outcome::Refused : Outcome::RefusedOfSender, {}};
+    }
+
+    const RecordIndex& m_index;
+    const NameEntries* const m_name;
+    const Sender* const m_sender;
+    const bool m_keepsToShare;
+    const std::size_t m_textSize;
+    Tally m_instances;
+    Tally m_records;
+    Tally m_text;
+    std::vector<Entry*> m_displaced;
+};
+
+}  // namespace
+
+DiscoveryBounds::Verdict DiscoveryBounds::judge(const RecordIndex& index, const SDService& offered,
+                                                bool isSearchedFor)
+{
+    return Trial(index, offered, isSearchedFor).judge();
+}
+
+}  // namespace Nubo::ServiceDiscovery

@@ -1,0 +1,50 @@
+#pragma once
+
+#include <algorithm>
+#include <cstddef>
+#include <cstdint>
+#include <vector>
+
+namespace Nubo::ServiceDiscovery {
+
+/// The instance numbers in use among the records of one service, with those that are used twice.
+class InstanceNumbers
+{
+public:
+    std::size_t size() const { return m_numbers.size(); }
+
+    /// The next insert() will not throw.
+    void reserveOne()
+    {
+        if (m_numbers.size() == m_numbers.capacity())
+            m_numbers.reserve(m_numbers.size() * 2 + 2);
+    }
+
+    void insert(std::uint16_t number)
+    {
+        m_numbers.insert(std::upper_bound(m_numbers.begin(), m_numbers.end(), number), number);
+    }
+
+    void erase(std::uint16_t number)
+    {
+        m_numbers.erase(std::lower_bound(m_numbers.begin(), m_numbers.end(), number));
+    }
+
+    /// 0 when there are none.
+    std::uint16_t highest() const { return m_numbers.empty() ? std::uint16_t{0} : m_numbers.back(); }
+
+    /// The lowest number from 1 on that is not in use; 0 when every one up to `last` is.
+    std::uint16_t lowestFree(std::uint16_t last) const
+    {
+        std::uint32_t free = 1;
+        for (auto number = std::lower_bound(m_numbers.begin(), m_numbers.end(), free);
+             number != m_numbers.end() && *number <= free; ++number)
+            free = *number + 1u;
+        return static_cast<std::uint16_t>(free <= last ? free : 0);
+    }
+
+private:
+    std::vector<std::uint16_t> m_numbers;  // in ascending order
+};
+
+}  // namespace Nubo::ServiceDiscovery

@@ -1,0 +1,476 @@
+#include "LogicLayer/RecordIndex.h"
+
+#include "DataLayer/SDClock.h"
+
+#include <Poco/Exception.h>
+
+#include <algorithm>
+#include <array>
+#include <utility>
+
+namespace Nubo::ServiceDiscovery {
+
+using SOME_IP_SD_Types::EntryValues;
+using State = SDService::State;
+using Type = SDService::Type;
+using Entry = WorkloadEntry;
+
+namespace {
+
+Entry::Role roleOf(const SDService::Ptr& record, Entry::Workload workload)
+{
+    if (record.isNull())
+        return Entry::Role::Other;
+    const bool isAperiodic = workload == Entry::Workload::Aperiodic;
+    switch (record->getType()) {
+        case Type::WANTED:
+            return isAperiodic ? Entry::Role::Search : Entry::Role::Other;
+        case Type::ANNOUNCED:
+            return isAperiodic && record->getState() == State::ONCE ? Entry::Role::Answer : Entry::Role::Own;
+        case Type::DISCOVERED:
+            return isAperiodic ? Entry::Role::Other : Entry::Role::Discovered;
+        case Type::NONE:
+        case Type::ANY:
+            break;
+    }
+    return Entry::Role::Other;
+}
+
+bool isMisplaced(const SDService::Ptr& record, Entry::Role role)
+{
+    return role == Entry::Role::Other ||
+           (role == Entry::Role::Discovered && record->getState() != State::MAIN_PHASE);
+}
+
+/// Services that are no SOME/IP services have this ID; their name alone tells them apart.
+bool isMatchedByName(std::uint16_t serviceID)
+{
+    return serviceID == EntryValues::ServiceID_Non_SOMEIP_SD || serviceID == EntryValues::ServiceID_Any;
+}
+
+const std::string& nameOf(const Entry& entry)
+{
+    return entry->getNuboDescription().getName();
+}
+
+}  // namespace
+
+WorkloadEntry::WorkloadEntry(const SDService::Ptr& record, Workload owner, const Poco::Clock& time)
+    : SDService::Ptr(record)
+    , due(time)
+    , renewed(SDClock::now())
+    , workload(owner)
+    , role(roleOf(record, owner))
+    , isUnexpected(isMisplaced(record, role))
+    , instanceID(record.isNull() ? std::uint16_t{0} : record->getInstanceId())
+    , serviceID(record.isNull() ? std::uint16_t{0} : record->getServiceId())
+    , textSize(record.isNull() ? 0 : record->getNuboDescription().getTextSize())
+{}
+
+NameEntries::Several::Several(const NameEntries& name)
+{
+    for (const List* list : {&name.discovered, &name.periodic, &name.aperiodic}) {
+        for (const Entry& entry : *list) {
+            numbers.reserveOne();
+            if (!isMatchedByName(entry.serviceID))
+                byServiceID[entry.serviceID].reserveOne();
+            if (entry.role == Entry::Role::Discovered)
+                discoveredBySender.try_emplace(entry.sender, 0);
+            add(entry);
+        }
+    }
+}
+
+void NameEntries::Several::add(const Entry& entry) noexcept
+{
+    numbers.insert(entry.instanceID);
+    if (!isMatchedByName(entry.serviceID))
+        byServiceID.find(entry.serviceID)->second.insert(entry.instanceID);
+    if (entry.role == Entry::Role::Discovered)
+        ++discoveredBySender.find(entry.sender)->second;
+}
+
+void NameEntries::Several::remove(const Entry& entry) noexcept
+{
+    numbers.erase(entry.instanceID);
+    if (!isMatchedByName(entry.serviceID))
+        byServiceID.find(entry.serviceID)->second.erase(entry.instanceID);
+    if (entry.role == Entry::Role::Discovered)
+        --discoveredBySender.find(entry.sender)->second;
+}
+
+void NameEntries::Several::releaseUnused(std::uint16_t serviceID, const Sender* sender) noexcept
+{
+    const auto sameID = byServiceID.find(serviceID);
+    if (sameID != byServiceID.end() && sameID->second.size() == 0)
+        byServiceID.erase(sameID);
+    const auto ofSender = discoveredBySender.find(sender);
+    if (ofSender != discoveredBySender.end() && ofSender->second == 0)
+        discoveredBySender.erase(ofSender);
+}
+
+const std::string& NameEntries::text() const
+{
+    for (const List* list : {&discovered, &periodic, &aperiodic}) {
+        if (!list->empty())
+            return nameOf(*list->front());
+    }
+    return nameOf(*searches.front());
+}
+
+std::size_t NameEntries::count(std::uint16_t serviceID) const
+{
+    std::size_t matches = 0;
+    for (const Entry& search : searches)
+        matches += isMatchedByName(serviceID) || search.serviceID == serviceID ? 1 : 0;
+    if (isMatchedByName(serviceID))
+        return matches + entries;
+    if (several) {
+        const auto found = several->byServiceID.find(serviceID);
+        return matches + (found == several->byServiceID.end() ? 0 : found->second.size());
+    }
+    for (const List* list : {&discovered, &periodic, &aperiodic}) {
+        if (!list->empty() && list->front()->serviceID == serviceID)
+            ++matches;
+    }
+    return matches;
+}
+
+std::uint16_t NameEntries::highestInstance(std::uint16_t serviceID) const
+{
+    if (several) {
+        if (isMatchedByName(serviceID))
+            return several->numbers.highest();
+        const auto found = several->byServiceID.find(serviceID);
+        return found == several->byServiceID.end() ? std::uint16_t{0} : found->second.highest();
+    }
+    for (const List* list : {&discovered, &periodic, &aperiodic}) {
+        if (!list->empty() && (isMatchedByName(serviceID) || list->front()->serviceID == serviceID))
+            return list->front()->instanceID;
+    }
+    return 0;
+}
+
+std::size_t NameEntries::discoveredOf(const Sender* sender) const
+{
+    if (!several)
+        return !discovered.empty() && discovered.front()->sender == sender ? 1 : 0;
+    const auto found = several->discoveredBySender.find(sender);
+    return found == several->discoveredBySender.end() ? 0 : found->second;
+}
+
+InstanceNumbers NameEntries::ownNumbers() const
+{
+    InstanceNumbers numbers;
+    for (const List* list : {&periodic, &aperiodic}) {
+        for (const Entry& entry : *list) {
+            if (entry.role == Entry::Role::Own)
+                numbers.insert(entry.instanceID);
+        }
+    }
+    return numbers;
+}
+
+void RecordIndex::insert(Entry& entry)
+{
+    if (!entry.isIndexed()) {
+        ++m_nulls;
+        return;
+    }
+    NameEntries& name = obtainName(nameOf(entry));
+    Sender* sender = nullptr;
+    try {
+        sender = obtainSender(entry);
+        makeRoom(name, entry, sender);
+    }
+    catch (...) {
+        releaseUnused(name, entry, sender);
+        throw;
+    }
+    link(entry, name, sender);
+}
+
+/// The records of that name; new ones are not in the table before they hold an entry.
+NameEntries& RecordIndex::obtainName(const std::string& name)
+{
+    const std::uint64_t hash = m_hash(name);
+    if (NameEntries* const known = lookUp(name, hash))
+        return *known;
+    auto* const added = new NameEntries;
+    added->byName.hash = hash;
+    return *added;
+}
+
+Sender* RecordIndex::obtainSender(const Entry& entry)
+{
+    const SDService::SenderAddress& address = entry->getSender();
+    if (entry.role != Entry::Role::Discovered || address == SDService::SenderAddress{})
+        return nullptr;
+    if (Sender* const known = lookUp(address))
+        return known;
+    auto* const added = new Sender(address);
+    m_senders.insert(*added, m_hash(address.data(), address.size()));
+    return added;
+}
+
+/// Obtains everything that needs memory, so that link() needs none.
+void RecordIndex::makeRoom(NameEntries& name, const Entry& entry, const Sender* sender)
+{
+    if (entry.role == Entry::Role::Search || name.entries == 0)
+        return;
+    if (!name.several)
+        name.several = std::make_unique<NameEntries::Several>(name);
+    name.several->numbers.reserveOne();
+    if (!isMatchedByName(entry.serviceID))
+        name.several->byServiceID[entry.serviceID].reserveOne();
+    if (entry.role == Entry::Role::Discovered)
+        name.several->discoveredBySender.try_emplace(sender, 0);
+}
+
+void RecordIndex::link(Entry& entry, NameEntries& name, Sender* sender) noexcept
+{
+    if (name.empty())
+        m_names.insert(name, name.byName.hash);
+    m_instances.insert(entry, hashOfInstance(*entry));
+    m_uuids.insert(entry, m_hash(entry->getNuboDescription().getLocalUuid()));
+    entry.name = &name;
+    entry.sender = sender;
+    entry.order = ++m_lastOrder;
+    listFor(entry, name).pushBack(entry);
+    if (entry.role == Entry::Role::Search)
+        return;
+
+    ++name.entries;
+    if (entry.isUnexpected)
+        ++name.unexpected;
+    if (entry.role == Entry::Role::Answer)
+        ++m_answers;
+    if (name.several)
+        name.several->add(entry);
+    if (entry.role == Entry::Role::Discovered)
+        linkDiscovered(entry);
+}
+
+void RecordIndex::linkDiscovered(Entry& entry) noexcept
+{
+    ++entry.name->discoveredCount;
+    ++m_discovered;
+    m_discoveredText += entry.textSize;
+    m_renewals.pushBack(entry);
+    if (entry.sender) {
+        ++entry.sender->records;
+        entry.sender->text += entry.textSize;
+    }
+}
+
+void RecordIndex::erase(Entry& entry) noexcept
+{
+    if (!entry.isIndexed()) {
+        --m_nulls;
+        return;
+    }
+    NameEntries& name = *entry.name;
+    m_instances.erase(entry);
+    m_uuids.erase(entry);
+    listFor(entry, name).erase(entry);
+    if (entry.role != Entry::Role::Search) {
+        --name.entries;
+        if (entry.isUnexpected)
+            --name.unexpected;
+        if (entry.role == Entry::Role::Answer)
+            --m_answers;
+        if (name.several)
+            name.several->remove(entry);
+        if (entry.role == Entry::Role::Discovered)
+            unlinkDiscovered(entry);
+    }
+    if (name.empty())
+        m_names.erase(name);
+    releaseUnused(name, entry, entry.sender);
+}
+
+void RecordIndex::unlinkDiscovered(Entry& entry) noexcept
+{
+    --entry.name->discoveredCount;
+    --m_discovered;
+    m_discoveredText -= entry.textSize;
+    m_renewals.erase(entry);
+    if (entry.sender) {
+        --entry.sender->records;
+        entry.sender->text -= entry.textSize;
+    }
+}
+
+/// Ends what the entry was the last to use, or the first that could not.
+void RecordIndex::releaseUnused(NameEntries& name, const Entry& entry, Sender* sender) noexcept
+{
+    if (name.several && name.entries < 2)
+        name.several.reset();
+    if (name.several)
+        name.several->releaseUnused(entry.serviceID, sender);
+    if (name.empty())
+        delete &name;
+    if (sender && sender->records == 0) {
+        m_senders.erase(*sender);
+        delete sender;
+    }
+}
+
+NameEntries::List& RecordIndex::listFor(const Entry& entry, NameEntries& name)
+{
+    switch (entry.role) {
+        case Entry::Role::Search:
+            return name.searches;
+        case Entry::Role::Discovered:
+            return name.discovered;
+        case Entry::Role::Answer:
+        case Entry::Role::Own:
+        case Entry::Role::Other:
+            break;
+    }
+    return entry.workload == Entry::Workload::Aperiodic ? name.aperiodic : name.periodic;
+}
+
+void RecordIndex::identify(Entry& entry, std::string&& localUuid) noexcept
+{
+    const std::size_t before = entry.textSize;
+    m_uuids.erase(entry);
+    entry->setLocalUuid(std::move(localUuid));
+    m_uuids.insert(entry, m_hash(entry->getNuboDescription().getLocalUuid()));
+    entry.textSize = entry->getNuboDescription().getTextSize();
+    m_discoveredText += entry.textSize - before;
+    if (entry.sender)
+        entry.sender->text += entry.textSize - before;
+}
+
+void RecordIndex::renew(Entry& entry) noexcept
+{
+    entry.renewed = SDClock::now();
+    m_renewals.moveToBack(entry);
+    entry.name->discovered.moveToBack(entry);
+}
+
+NameEntries* RecordIndex::lookUp(const std::string& name, std::uint64_t hash) const
+{
+    return m_names.find(hash, [&](const NameEntries& entries) { return entries.text() == name; });
+}
+
+Sender* RecordIndex::lookUp(const SDService::SenderAddress& address) const
+{
+    return m_senders.find(m_hash(address.data(), address.size()),
+                          [&](const Sender& sender) { return sender.address == address; });
+}
+
+void RecordIndex::refuseNulls() const
+{
+    if (m_nulls != 0)
+        throw Poco::NullPointerException();
+}
+
+const NameEntries* RecordIndex::find(const std::string& name) const
+{
+    refuseNulls();
+    return lookUp(name, m_hash(name));
+}
+
+std::vector<Entry*> RecordIndex::findAll(const ServiceIdentity& identity, Entry::Workload workload) const
+{
+    std::vector<Entry*> found;
+    const NameEntries* const name = find(identity.name.value());
+    if (!name)
+        return found;
+    for (const NameEntries::List* list :
+         {&name->searches, &name->aperiodic, &name->periodic, &name->discovered}) {
+        for (Entry& entry : *list) {
+            if (entry.workload == workload && identity.matches(*entry))
+                found.push_back(&entry);
+        }
+    }
+    std::sort(found.begin(), found.end(), Entry::isBefore);
+    return found;
+}
+
+Entry* RecordIndex::findOnlyInstance(const ServiceIdentity& identity) const
+{
+    refuseNulls();
+    Entry* only = nullptr;
+    std::size_t count = 0;
+    m_instances.visit(hashOfInstance(identity), [&](Entry& entry) {
+        if (identity.matches(*entry)) {
+            only = &entry;
+            ++count;
+        }
+    });
+    return count == 1 ? only : nullptr;
+}
+
+std::size_t RecordIndex::countInstance(const ServiceIdentity& identity, Entry::Role role) const
+{
+    refuseNulls();
+    std::size_t count = 0;
+    m_instances.visit(hashOfInstance(identity), [&](const Entry& entry) {
+        if (entry.role == role && identity.matches(*entry))
+            ++count;
+    });
+    return count;
+}
+
+std::vector<Entry*> RecordIndex::findInstance(const ServiceIdentity& identity, Entry::Workload workload) const
+{
+    refuseNulls();
+    std::vector<Entry*> found;
+    m_instances.visit(hashOfInstance(identity), [&](Entry& entry) {
+        if (entry.workload == workload && identity.matches(*entry))
+            found.push_back(&entry);
+    });
+    std::sort(found.begin(), found.end(), Entry::isBefore);
+    return found;
+}
+
+std::vector<Entry*> RecordIndex::findUuid(const std::string& localUuid, Entry::Workload workload) const
+{
+    refuseNulls();
+    std::vector<Entry*> found;
+    m_uuids.visit(m_hash(localUuid), [&](Entry& entry) {
+        if (entry.workload == workload && entry->getNuboDescription().getLocalUuid() == localUuid)
+            found.push_back(&entry);
+    });
+    std::sort(found.begin(), found.end(), Entry::isBefore);
+    return found;
+}
+
+Entry* RecordIndex::find(const SDService::Ptr& record, Entry::Workload workload) const noexcept
+{
+    if (record.isNull())
+        return nullptr;
+    Entry* found = nullptr;
+    m_instances.visit(hashOfInstance(*record), [&](Entry& entry) {
+        const bool isTheOne = entry.workload == workload && entry == record;
+        if (isTheOne && (!found || Entry::isBefore(&entry, found)))
+            found = &entry;
+    });
+    return found;
+}
+
+/// The texts are hashed one by one, so that nothing can be moved from the end of one into the other.
+std::uint64_t RecordIndex::hashOfInstance(const std::string& name, const std::string& ip, std::uint16_t port,
+                                          std::uint8_t protocol) const
+{
+    const std::array<std::uint64_t, 3> parts{m_hash(name), m_hash(ip), std::uint64_t{port} << 8 | protocol};
+    return m_hash(parts.data(), sizeof parts);
+}
+
+std::uint64_t RecordIndex::hashOfInstance(const ServiceIdentity& identity) const
+{
+    return hashOfInstance(identity.name.value(), identity.ip.value(), identity.port.value(),
+                          identity.l4proto.value());
+}
+
+std::uint64_t RecordIndex::hashOfInstance(const SDService& record) const
+{
+    const NuboServiceDescription& description = record.getNuboDescription();
+    return hashOfInstance(description.getName(), description.getIpAddressString(), description.getPort(),
+                          description.getL4Proto());
+}
+
+}  // namespace Nubo::ServiceDiscovery

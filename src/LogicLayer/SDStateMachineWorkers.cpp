@@ -1,0 +1,320 @@
+// The two workers of the state machine that timers drive.
+
+#include "DataLayer/Log.h"
+#include "DataLayer/SDClock.h"
+#include "LogicLayer/SDCommunicationHub.h"
+#include "LogicLayer/SDStateMachine.h"
+
+#include <KELUtilLib/DebugUtils.h>
+
+#include <Poco/Thread.h>
+
+#include <algorithm>
+
+namespace Nubo::ServiceDiscovery {
+
+using State = SDService::State;
+using Type = SDService::Type;
+
+namespace {
+
+// In milliseconds.
+constexpr long firstRepetition = 100;  // after the first send; each further one takes twice as long
+constexpr long cycle = 1000;           // of the main phase
+constexpr long parked = 2147483647;    // a timer with nothing to do
+constexpr long shortestDelay = 1;      // between two records of the aperiodic workload
+constexpr long late = 1000;            // an interval that begins so much after its time is a late one
+constexpr long catchUp = 1000;         // at most, before a late interval looks for what has run out
+constexpr long catchUpStep = 5;
+
+constexpr std::uint8_t repetitions = 3;    // sends in the repetition phase
+constexpr std::uint8_t shutdownSends = 3;  // stop-offers of a removed service
+constexpr Poco::Clock::ClockDiff microsecondsPerMillisecond = 1000;
+
+// Looking for what has run out gives the mutex back every `longestSlice`, and leaves the rest to the next
+// interval after `longestExpiry`, so that cyclic offers go out in time. In microseconds.
+constexpr Poco::Clock::ClockDiff longestSlice = 10'000;
+constexpr Poco::Clock::ClockDiff longestExpiry = 900'000;
+constexpr unsigned recordsPerLook = 256;  // at the clock
+
+/// Logs a record that has no business where a worker came upon it. Kept for compatibility: the lines of both
+/// workers name the aperiodic one.
+void reportUnexpectedRecord(const char* workload, const SDService& service)
+{
+    SD_LOG(Error) << "AperiodicWorker::onInterval found " << workload << " Service \""
+                  << service.getNuboDescription().getName() << "\" in unexpected State x Type!";
+    SD_LOG(Trace) << "AperiodicWorker::onInterval " << service.getState() << " x " << service.getType();
+}
+
+}  // namespace
+
+SDStateMachine::AperiodicWorker::AperiodicWorker(SDStateMachine& parent)
+    : TimebasedWorker(parent, "AperiodicWorker", parent.m_aperiodicWorkload, parent.m_workloadMutex, parked)
+{}
+
+void SDStateMachine::AperiodicWorker::update()
+{
+    const WorkloadLock lock(m_parent);
+    unsafe_update();
+}
+
+void SDStateMachine::AperiodicWorker::unsafe_update()
+{
+    SD_LOG(Trace) << "AperiodicWorker::unsafe_update";
+    if (!m_parent.isRunning())
+        return;
+    if (m_workload.empty()) {
+        if (m_initialized) {
+            m_timer.restart(parked);
+            SD_LOG(Debug) << "SDStateMachine - \"" << m_name << "\" event timer stopped ";
+        }
+        return;
+    }
+
+    const Poco::Clock now = SDClock::now();
+    const Poco::Clock& due = m_workload.begin()->first;
+    if (m_initialized)
+        m_timer.restart(timerInterval(std::max(due.raw(), m_notBefore.load()) - now.raw()));
+    else
+        start();
+    SD_LOG(Debug) << "SDStateMachine - \"" << m_name << "\" event timer set to "
+                  << std::max((due - now) / microsecondsPerMillisecond, Poco::Clock::ClockDiff{shortestDelay})
+                  << " milliseconds";
+}
+
+/// The interval for a wait of so many microseconds. Now and then Poco::Timer waits a millisecond less than
+/// its interval; nothing is due then, and the rest is waited for.
+long SDStateMachine::AperiodicWorker::timerInterval(Poco::Clock::ClockDiff wait)
+{
+    return std::max((wait + microsecondsPerMillisecond - 1) / microsecondsPerMillisecond,
+                    Poco::Clock::ClockDiff{shortestDelay});
+}
+
+void SDStateMachine::AperiodicWorker::onInterval(Poco::Timer& timer)
+{
+    // Once per process, whatever number of engines it has.
+    static const bool named = (DebugUtils::setThreadName("SdAperWork", "AperiodicWorker::onInterval"), true);
+    static_cast<void>(named);
+
+    const WorkloadLock lock(m_parent);
+    SD_LOG(Trace) << "AperiodicWorker::onInterval - " << m_workload.size() << " services in list";
+    if (timer.skipped() > 0)
+        SD_LOG(Warning) << "SDStateMachine - \"AperiodicWorker\" skipped " << timer.skipped()
+                        << " timer events.";
+    if (!m_parent.isRunning())
+        return;
+
+    const Poco::Clock now = SDClock::now();
+    while (!m_workload.empty() && m_workload.begin()->second.isNull()) {
+        SD_LOG(Error) << "AperiodicWorker::onInterval found aperiodic Service nullptr!";
+        m_workload.erase(m_workload.begin());
+    }
+    // One record per interval: further ones that are due wait for the next, a millisecond later.
+    if (!m_workload.empty() && m_workload.begin()->first <= now) {
+        handleFirst(now);
+        m_notBefore = SDClock::now().raw() + shortestDelay * microsecondsPerMillisecond;
+    }
+    unsafe_update();
+}
+
+void SDStateMachine::AperiodicWorker::handleFirst(const Poco::Clock& now)
+{
+    WorkloadEntry& entry = m_workload.begin()->second;
+    long delay = firstRepetition;
+    try {
+        delay = handle(entry);
+    }
+    catch (...) {
+        // The record stays, to be tried again.
+        SD_LOG(Error) << "SDStateMachine - \"" << m_name << "\" caught exception: " << currentExceptionText();
+    }
+    if (delay == isDone)
+        m_workload.erase(entry);
+    else
+        m_workload.reschedule(entry, now + delay * microsecondsPerMillisecond);
+}
+
+long SDStateMachine::AperiodicWorker::handle(const SDService::Ptr& entry)
+{
+    SDService::Ptr service = entry;
+    const Type::Type_t type = service->getType();
+    const State::State_t state = service->getState();
+    if (type == Type::WANTED || type == Type::ANNOUNCED) {
+        if (state == State::ONCE) {
+            m_parent.unsafe_sendSafely(service);
+            return isDone;
+        }
+        if (state == State::INITIAL_WAIT_PHASE) {
+            service->setState(State::REPETITION_PHASE);
+            m_parent.unsafe_sendSafely(service);
+            return firstRepetition;
+        }
+        if (state == State::REPETITION_PHASE)
+            return handleRepetition(service);
+    }
+    reportUnexpectedRecord("aperiodic", *service);
+    return isDone;
+}
+
+long SDStateMachine::AperiodicWorker::handleRepetition(SDService::Ptr& service)
+{
+    m_parent.unsafe_sendSafely(service);
+    service->incrementRepetitionRun();
+    const int run = service->getRepetitionRun();
+    if (run < repetitions)
+        return (2L << (run - 1)) * firstRepetition;
+    if (service->getType() == Type::ANNOUNCED) {
+        m_parent.unsafe_addPeriodicService(service);  // first: there may be no memory for it
+        service->setState(State::MAIN_PHASE);
+    }
+    return isDone;  // of a wanted record: the search is over
+}
+
+SDStateMachine::PeriodicWorker::PeriodicWorker(SDStateMachine& parent)
+    : TimebasedWorker(parent, "PeriodicWorker", parent.m_periodicWorkload, parent.m_workloadMutex, cycle)
+{}
+
+void SDStateMachine::PeriodicWorker::start()
+{
+    m_begin = Poco::Clock(Poco::Clock::ClockVal{0});
+    TimebasedWorker::start();
+}
+
+// Kept for compatibility: this worker's lines name the other worker.
+
+void SDStateMachine::PeriodicWorker::update()
+{
+    SD_LOG(Warning) << "AperiodicWorker::update: not needed, should not be called!";
+}
+
+void SDStateMachine::PeriodicWorker::unsafe_update()
+{
+    SD_LOG(Warning) << "AperiodicWorker::unsafe_update: not needed, should not be called!";
+}
+
+void SDStateMachine::PeriodicWorker::onInterval(Poco::Timer& timer)
+{
+    static const bool named = (DebugUtils::setThreadName("SdPerWork", "PeriodicWorker::onInterval"), true);
+    static_cast<void>(named);
+
+    m_parent.m_hub.reportDrops();
+    m_parent.reportRefusals();
+    const bool isLate = beginInterval();
+    {
+        const WorkloadLock lock(m_parent);
+        SD_LOG(Trace) << "AperiodicWorker::onInterval - " << m_workload.size() << " services in list";
+        if (timer.skipped() > 0)
+            SD_LOG(Warning) << "SDStateMachine - " << timer.skipped() << " skipped announcement timer events";
+        if (m_parent.m_isClosed)
+            return;
+        offerOwn();
+    }
+    if (isLate)
+        waitForWhatHasArrived();
+    WorkloadLock lock(m_parent);
+    expire(lock);
+}
+
+/// Whether the interval begins long after its time: the process stood still.
+bool SDStateMachine::PeriodicWorker::beginInterval()
+{
+    const Poco::Clock before = std::exchange(m_begin, SDClock::now());
+    const bool isFirst = before.raw() == 0;
+    return !isFirst && m_begin - before > (cycle + late) * microsecondsPerMillisecond;
+}
+
+void SDStateMachine::PeriodicWorker::offerOwn()
+{
+    ServicesContainer batch;
+    batch.reserve(m_workload.localCount());
+    m_workload.startLocalWalk();
+    while (WorkloadEntry* const entry = m_workload.walkLocals()) {
+        if (!handleLocal(*entry, batch))
+            m_workload.erase(*entry);
+    }
+    if (!batch.empty())
+        m_parent.unsafe_sendSafely(batch);
+}
+
+bool SDStateMachine::PeriodicWorker::handleLocal(const SDService::Ptr& entry, ServicesContainer& batch)
+{
+    if (entry.isNull()) {
+        SD_LOG(Error) << "AperiodicWorker::onInterval found periodic Service nullptr!";
+        return false;
+    }
+    if (entry->getType() == Type::ANNOUNCED)
+        return handleAnnounced(entry, batch);
+    reportUnexpectedRecord("periodic", *entry);
+    return true;
+}
+
+bool SDStateMachine::PeriodicWorker::handleAnnounced(SDService::Ptr service, ServicesContainer& batch)
+{
+    const State::State_t state = service->getState();
+    if (state == State::MAIN_PHASE) {
+        batch.push_back(service);
+    }
+    else if (state == State::SHUTDOWN_PHASE) {
+        if (service->getRepetitionRun() >= shutdownSends) {
+            service->setState(State::REMOVED);
+        }
+        else {
+            batch.push_back(service);
+            service->incrementRepetitionRun();
+        }
+    }
+    else {
+        reportUnexpectedRecord("periodic", *service);
+    }
+    return service->getState() != State::REMOVED;
+}
+
+/// While the process stood still, the others went on offering: what they sent is received first, before their
+/// services are taken for gone.
+void SDStateMachine::PeriodicWorker::waitForWhatHasArrived()
+{
+    for (long waited = 0; waited < catchUp && m_parent.isRunning() && !m_parent.m_hub.isCaughtUp();
+         waited += catchUpStep)
+        Poco::Thread::sleep(catchUpStep);
+}
+
+void SDStateMachine::PeriodicWorker::expire(WorkloadLock& lock)
+{
+    if (m_parent.m_isClosed)
+        return;
+    if (!m_workload.isWalking())
+        m_workload.startWalk();
+    Poco::Clock begin = SDClock::now();
+    unsigned visited = 0;
+    while (WorkloadEntry* const entry = m_workload.walk()) {
+        const bool isGone = entry->role == WorkloadEntry::Role::Discovered && expire(*entry);
+        if (!isGone && ++visited % recordsPerLook != 0)
+            continue;
+        const Poco::Clock now = SDClock::now();
+        if (now - begin < longestSlice)
+            continue;
+        if (now - m_begin >= longestExpiry)
+            return;
+        lock.giveWay();
+        if (m_parent.m_isClosed)
+            return;
+        begin = SDClock::now();
+    }
+}
+
+bool SDStateMachine::PeriodicWorker::expire(WorkloadEntry& entry)
+{
+    if (!entry->isTTLElapsed())
+        return false;
+    SD_LOG(Notice) << "SDStateMachine - TTL of service timed out: " << entry->getNuboDescription().getName();
+    try {
+        m_parent.unsafe_tellGone(entry);
+    }
+    catch (...) {
+        // The other records must still be processed.
+        SD_LOG(Error) << "SDStateMachine - \"" << m_name << "\" caught exception: " << currentExceptionText();
+    }
+    return true;
+}
+
+}  // namespace Nubo::ServiceDiscovery
