@@ -1,9 +1,13 @@
 #include "ServiceDiscovery.h"
 
 #include "DataLayer/Log.h"
+#include "LogicLayer/InsideEngine.h"
 #include "LogicLayer/SDCommunicationHub.h"
 
 #include <Poco/Exception.h>
+
+#include <mutex>
+#include <vector>
 
 namespace Nubo::ServiceDiscovery {
 
@@ -25,6 +29,15 @@ bool answered(const char* request, Request run)
     }
 }
 
+/// Keeps the engine for ever: its threads still use it, or it shares its sockets with another process.
+void abandon(const Poco::SharedPtr<SDCommunicationHub>& hub)
+{
+    static auto& abandoned = *new std::vector<Poco::SharedPtr<SDCommunicationHub>>;
+    static std::mutex mutex;
+    const std::lock_guard<std::mutex> lock(mutex);
+    abandoned.push_back(hub);
+}
+
 }  // namespace
 
 ServiceDiscovery::ServiceListEventPayload::ServiceListEventPayload(EventType eventType,
@@ -37,13 +50,20 @@ ServiceDiscovery::ServiceListEventPayload::ServiceListEventPayload(EventType eve
 
 ServiceDiscovery::ServiceDiscovery() : m_sdHub(new SDCommunicationHub(*this)) {}
 
-ServiceDiscovery::~ServiceDiscovery() = default;
+ServiceDiscovery::~ServiceDiscovery()
+{
+    if (m_sdHub.isNull() || (m_sdHub->isOfThisProcess() && !m_sdHub->isOnThisThread()))
+        return;
+    if (m_sdHub->isOfThisProcess())
+        m_sdHub->stopFromWithin();  // exit() was called on this thread, which must not wait for itself
+    abandon(m_sdHub);
+}
 
 bool ServiceDiscovery::startup(const Poco::Net::IPAddress& address)
 {
-    if (isCalledFromSubscriber())
+    if (isRefused())
         return false;
-    if (m_sdHub->isRunning()) {
+    if (m_sdHub->isRunning() && !m_sdHub->isStopping()) {
         SD_LOG(Warning) << "ServiceDiscovery is already running.";
         return true;
     }
@@ -52,7 +72,7 @@ bool ServiceDiscovery::startup(const Poco::Net::IPAddress& address)
 
 bool ServiceDiscovery::shutdown()
 {
-    if (isCalledFromSubscriber())
+    if (isRefused())
         return false;
     if (m_sdHub->isRunning())
         m_sdHub->stop();
@@ -61,12 +81,12 @@ bool ServiceDiscovery::shutdown()
 
 bool ServiceDiscovery::running() const
 {
-    return m_sdHub->isRunning();
+    return m_sdHub->isRunning() && m_sdHub->isOfThisProcess();
 }
 
 bool ServiceDiscovery::addService(const NuboServiceDescription& description)
 {
-    if (isCalledFromSubscriber())
+    if (isRefused())
         return false;
     return answered("add", [&] {
         SDService::Ptr service = new SDService(description);
@@ -76,7 +96,7 @@ bool ServiceDiscovery::addService(const NuboServiceDescription& description)
 
 bool ServiceDiscovery::findService(const NuboServiceDescription& description)
 {
-    if (isCalledFromSubscriber())
+    if (isRefused())
         return false;
     return answered("find", [&] {
         // Any instance, any version: receivers pass over an entry with the reserved instance ID 0.
@@ -89,23 +109,32 @@ bool ServiceDiscovery::findService(const NuboServiceDescription& description)
 
 bool ServiceDiscovery::removeService(const std::string& localUuid)
 {
-    if (isCalledFromSubscriber())
+    if (isRefused())
         return false;
     return answered("remove", [&] { return m_sdHub->removeService(localUuid); });
 }
 
 std::vector<ServiceStatus> ServiceDiscovery::getServices() const
 {
-    if (isCalledFromSubscriber())
+    if (isRefused())
         return {};
     return m_sdHub->getServices();
 }
 
-bool ServiceDiscovery::isCalledFromSubscriber() const
+/// Whether the call has to be refused: the calling thread is in an event of an engine, or writes a line of
+/// the log for one, and could only wait for itself; or the process is not the one that made the engine.
+bool ServiceDiscovery::isRefused() const
 {
-    if (!m_sdHub->isNotifyingOnThisThread())
+    if (!m_sdHub->isOfThisProcess())
+        return true;  // without a line in the log: its locks may be held by threads that were not forked
+    if (!InsideEngine::isThisThread())
         return false;
-    SD_LOG(Error) << "ServiceDiscovery - call from within ServiceListChanged is not possible.";
+    thread_local bool isRefusing = false;
+    if (!isRefusing) {  // a log channel that calls for each line is not called for this one again
+        isRefusing = true;
+        SD_LOG(Error) << "ServiceDiscovery - call from within ServiceListChanged is not possible.";
+        isRefusing = false;
+    }
     return true;
 }
 

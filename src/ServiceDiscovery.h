@@ -3,6 +3,7 @@
 #include "DataLayer/SDService.h"
 #include "Export.h"
 
+#include <Poco/AbstractDelegate.h>
 #include <Poco/BasicEvent.h>
 #include <Poco/Mutex.h>
 #include <Poco/Net/IPAddress.h>
@@ -11,6 +12,7 @@
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace Nubo::ServiceDiscovery {
@@ -49,7 +51,9 @@ struct ServiceStatus
 class KEL_SD_EXPORT ServiceDiscovery
 {
 public:
-    /// What ServiceListChanged tells.
+    class ServiceListEvent;
+
+    /// What ServiceListChanged reports.
     class KEL_SD_EXPORT ServiceListEventPayload
     {
     public:
@@ -70,22 +74,46 @@ public:
         /// The registry's own identifier of the service. For a discovered service the subscriber sets it;
         /// a service without one is not taken in, and its next offer raises the event anew. It comes back
         /// when the service is gone.
-        const std::string& getLocalUuid() const { return m_localUuid; }
-        void setLocalUuid(const std::string& localUuid) { m_localUuid = localUuid; }
+        const std::string& getLocalUuid() const& { return m_localUuid; }
+        std::string getLocalUuid() && { return std::move(m_localUuid); }
+        void setLocalUuid(std::string localUuid) { m_localUuid = std::move(localUuid); }
+
+        /// Whether subscribers have been called with it.
+        bool isDelivered() const { return m_isDelivered; }
 
     private:
+        friend class ServiceListEvent;
+
         EventType m_eventType;
         const NuboServiceDescription* m_service;
         std::string m_localUuid;
+        bool m_isDelivered = false;
     };
     using EventType = ServiceListEventPayload::EventType;
 
-    /// Raised for every service of another unit that is discovered or gone.
+    /// An event to which any number of delegates can be added (`+=`) and from which they can be removed
+    /// (`-=`), from any thread, also from within the event.
+    ///
+    /// Removing never waits for the event: one that is being delivered at that moment may still call the
+    /// delegate, or be inside it; none that begins afterwards does. Before a subscriber is destroyed, make
+    /// sure that no event is in it: shutdown() has returned, or the subscriber's own lock says so.
+    class KEL_SD_EXPORT ServiceListEvent : public Poco::BasicEvent<ServiceListEventPayload, Poco::FastMutex>
+    {
+    public:
+        void operator+=(const Poco::AbstractDelegate<ServiceListEventPayload>& delegate);
+
+        /// Calls the delegates one after the other. What one of them throws passes to the caller, and those
+        /// after it are not called.
+        void notify(const void* sender, ServiceListEventPayload& payload);
+    };
+
+    /// Raised for every service of another unit that is discovered or gone; never after shutdown() has
+    /// returned.
     ///
     /// The subscriber runs on a thread of the library, which waits for it: it has to return promptly. It
-    /// must not call this object (a call is refused with an error in the log) nor wait for a thread that
-    /// does. What it throws is logged; the library goes on.
-    Poco::BasicEvent<ServiceListEventPayload, Poco::FastMutex> ServiceListChanged;
+    /// must not call this object or another of its class (a call is refused with an error in the log), nor
+    /// wait for a thread that does. What it throws is logged; the library goes on.
+    ServiceListEvent ServiceListChanged;
 
     /// Throws Poco::Exception when the service locator has no platform dispatcher.
     ServiceDiscovery();
@@ -127,7 +155,7 @@ public:
     std::vector<ServiceStatus> getServices() const;
 
 private:
-    bool isCalledFromSubscriber() const;
+    bool isRefused() const;
 
     Poco::SharedPtr<SDCommunicationHub> m_sdHub;
 };

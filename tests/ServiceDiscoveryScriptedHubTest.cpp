@@ -93,15 +93,30 @@ std::vector<ServiceStatus> SDCommunicationHub::getServices() const
     return std::vector<ServiceStatus>(1);
 }
 
-bool SDCommunicationHub::isNotifyingOnThisThread() const
+bool SDCommunicationHub::isOnThisThread() const
 {
     return false;
+}
+
+bool SDCommunicationHub::isOfThisProcess() const
+{
+    return true;
 }
 
 // The engine's other parts refer to these; here nobody calls them.
 void SDCommunicationHub::announce(const SDService::Ptr&) {}
 void SDCommunicationHub::announce(const std::vector<SDService::Ptr>&) {}
 void SDCommunicationHub::notifyServiceRegistry(ServiceDiscovery::ServiceListEventPayload&) const {}
+void SDCommunicationHub::stopFromWithin() noexcept {}
+void SDCommunicationHub::reportDrops() {}
+bool SDCommunicationHub::isCaughtUp() const
+{
+    return true;
+}
+bool SDCommunicationHub::isOwnAddress(const Poco::Net::IPAddress&) const
+{
+    return false;
+}
 bool SDCommunicationHub::isOwnOutgoingAddress(const Poco::Net::SocketAddress&) const
 {
     return false;

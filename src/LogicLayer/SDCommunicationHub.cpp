@@ -18,6 +18,9 @@
 #include <Poco/String.h>
 
 #include <algorithm>
+#include <array>
+#include <chrono>
+#include <cstring>
 
 namespace Nubo::ServiceDiscovery {
 
@@ -35,6 +38,8 @@ constexpr int unlimitedBlocks = 0;
 // How long stop() waits for the request handler, and how often it wakes it meanwhile, in milliseconds.
 constexpr long handlerJoinTime = 1000;
 constexpr long handlerWakeInterval = 20;
+/// After which start() takes a stop() that another thread is in for one that is held up.
+constexpr long longestStop = 3000;
 
 Poco::SharedPtr<OEMInterface::OEMDispatcher> findDispatcher()
 {
@@ -144,6 +149,14 @@ bool isLoopback(const Poco::Net::IPAddress& ip)
     return static_cast<const std::uint8_t*>(ip.addr())[firstOfIPv4] == loopbackNet;
 }
 
+SDService::SenderAddress senderOf(const Poco::Net::SocketAddress& origin)
+{
+    SDService::SenderAddress sender{};
+    if (origin.family() == Poco::Net::SocketAddress::IPv6)
+        std::memcpy(sender.data(), origin.host().addr(), sender.size());
+    return sender;
+}
+
 void require(bool added)
 {
     if (!added)
@@ -183,6 +196,18 @@ SOME_IP_SD_Header makePacket(const SDService& service, Type::Type_t type)
     catch (const Poco::Exception& exception) {
         SD_LOG(Error) << "Failed to create SD packet - " << exception.what();
         throw Poco::RuntimeException("Failed to create SD packet");
+    }
+}
+
+/// Takes a step of stopping: the others follow, whatever becomes of it.
+template <class Step>
+void guarded(Step step) noexcept
+{
+    try {
+        step();
+    }
+    catch (...) {
+        SD_LOG(Error) << "SDCommunicationHub - failed to stop a part: " << currentExceptionText();
     }
 }
 
@@ -241,35 +266,109 @@ SDCommunicationHub::~SDCommunicationHub()
     m_requestHandler.FindService -= Poco::delegate(this, &SDCommunicationHub::onFindServiceReceived);
 }
 
+/// Holds the lifecycle mutex, and says so to the thread that does.
+class SDCommunicationHub::LifecycleLock
+{
+public:
+    /// Waits for as long as it takes.
+    explicit LifecycleLock(SDCommunicationHub& hub) : m_hub(hub), m_lock(hub.m_lifecycleMutex) { note(); }
+    /// Waits for so long at most.
+    LifecycleLock(SDCommunicationHub& hub, std::chrono::milliseconds atMost)
+        : m_hub(hub)
+        , m_lock(hub.m_lifecycleMutex, atMost)
+    {
+        if (isHeld())
+            note();
+    }
+    ~LifecycleLock()
+    {
+        if (isHeld())
+            m_hub.m_lifecycleThread = std::thread::id();
+    }
+
+    LifecycleLock(const LifecycleLock&) = delete;
+    LifecycleLock& operator=(const LifecycleLock&) = delete;
+
+    bool isHeld() const { return m_lock.owns_lock(); }
+
+private:
+    void note() { m_hub.m_lifecycleThread = std::this_thread::get_id(); }
+
+    const InsideEngine m_inside;  // a log channel must not call into the engine under its lock
+    SDCommunicationHub& m_hub;
+    std::unique_lock<std::timed_mutex> m_lock;
+};
+
 bool SDCommunicationHub::start(const Poco::Net::IPAddress& localAddress)
 {
-    Poco::FastMutex::ScopedLock lock(m_lifecycleMutex);
+    const LifecycleLock lock(*this, std::chrono::milliseconds(longestStop));
+    if (!lock.isHeld()) {
+        SD_LOG(Error)
+            << "SDCommunicationHub - a subscriber still holds up the engine, which is being stopped.";
+        return false;
+    }
     SD_LOG(Debug) << "SDCommunicationHub::start";
     if (m_running)
         return true;
-    m_sender.init(localAddress);
-    if (!m_receiver.start())
-        return false;
-    if (!startRequestHandler()) {
-        m_receiver.stop();
-        return false;
+    try {
+        m_sender.init(localAddress);
+        if (!m_receiver.start())
+            return false;
+        m_running = true;
+        if (startRequestHandler()) {
+            m_reportedInterfaces.start();
+            m_statemachine.start();
+            return true;
+        }
     }
-    m_running = true;
-    joinReportedInterfaces();
-    m_statemachine.start();
-    return true;
+    catch (...) {
+        SD_LOG(Error) << "SDCommunicationHub - failed to start: " << currentExceptionText();
+    }
+    stopReceiving();
+    m_running = false;
+    return false;
 }
 
 void SDCommunicationHub::stop()
 {
-    Poco::FastMutex::ScopedLock lock(m_lifecycleMutex);
+    const LifecycleLock lock(*this);
     SD_LOG(Debug) << "SDCommunicationHub::stop";
     if (!m_running)
         return;
-    stopRequestHandler();
-    m_receiver.stop();
-    m_statemachine.stop();
+    m_isStopping = true;
+    stopReceiving();
+    guarded([this] { m_statemachine.stop(); });
+    m_isStopping = false;
     m_running = false;
+}
+
+void SDCommunicationHub::stopReceiving() noexcept
+{
+    guarded([this] { stopRequestHandler(); });
+    m_reportedInterfaces.stop();
+    m_receiver.stop();
+    m_requestHandlerQueue.clear();  // what was received before must not be handled after a restart
+}
+
+void SDCommunicationHub::stopFromWithin() noexcept
+{
+    guarded([this] {
+        if (m_statemachine.isLockedByThisThread())
+            m_statemachine.unsafe_stop();
+        else
+            m_statemachine.removeAllAnnouncedServices();
+    });
+    m_running = false;
+}
+
+bool SDCommunicationHub::isOnThisThread() const
+{
+    return m_statemachine.isLockedByThisThread() || m_lifecycleThread.load() == std::this_thread::get_id();
+}
+
+bool SDCommunicationHub::isOfThisProcess() const
+{
+    return ::getpid() == m_process;
 }
 
 bool SDCommunicationHub::startRequestHandler()
@@ -362,53 +461,29 @@ void SDCommunicationHub::onMessageReceived(MulticastDataPtr& msg)
     else
         m_drops.add();
 
+    reportDrops();
+}
+
+void SDCommunicationHub::reportDrops()
+{
     if (const std::uint64_t dropped = m_drops.takeReport())
         SD_LOG(Warning) << "SDCommunicationHub - dropped " << dropped << " received Message(s), at most "
                         << longestQueue << " with " << largestQueue << " Bytes can wait!";
 }
 
+bool SDCommunicationHub::isCaughtUp() const
+{
+    return !m_receiver.isReceiving() && m_waitingBytes == 0;
+}
+
 void SDCommunicationHub::onInterfaceAdded(OEMInterface::AddServiceDiscoveryInterfacePayload& payload)
 {
-    const ReportedInterface interface {
-        payload.eventData.pInterfaceName, payload.eventData.pInterfaceIP
-    };
-    Poco::FastMutex::ScopedLock lock(m_reportedInterfacesMutex);
-    unsafe_forgetReports(interface);  // a platform that says it twice must not fill the memory
-    m_reportedInterfaces.push_back(interface);
-    m_receiver.onInterfaceAdded(payload);
-    m_sender.onInterfaceAdded(payload);
+    m_reportedInterfaces.add(payload.eventData.pInterfaceName, payload.eventData.pInterfaceIP);
 }
 
 void SDCommunicationHub::onInterfaceRemoved(OEMInterface::RemoveServiceDiscoveryInterfacePayload& payload)
 {
-    Poco::FastMutex::ScopedLock lock(m_reportedInterfacesMutex);
-    unsafe_forgetReports({payload.eventData.pInterfaceName, payload.eventData.pInterfaceIP});
-    m_receiver.onInterfaceRemoved(payload);
-    m_sender.onInterfaceRemoved(payload);
-}
-
-/// The wildcard address stands for every interface.
-void SDCommunicationHub::unsafe_forgetReports(const ReportedInterface& interface)
-{
-    const auto isMeant = [&](const ReportedInterface& reported) {
-        return interface.ip == "::" || (reported.name == interface.name && reported.ip == interface.ip);
-    };
-    m_reportedInterfaces.erase(
-        std::remove_if(m_reportedInterfaces.begin(), m_reportedInterfaces.end(), isMeant),
-        m_reportedInterfaces.end());
-}
-
-/// After a stop the receiver has left the group everywhere; the platform does not report again.
-void SDCommunicationHub::joinReportedInterfaces()
-{
-    Poco::FastMutex::ScopedLock lock(m_reportedInterfacesMutex);
-    for (const ReportedInterface& reported : m_reportedInterfaces) {
-        if (m_receiver.isJoinedOn(reported.name))
-            continue;
-        OEMInterface::AddServiceDiscoveryInterfacePayload payload{
-            {reported.name.c_str(), reported.ip.c_str()}};
-        m_receiver.onInterfaceAdded(payload);
-    }
+    m_reportedInterfaces.remove(payload.eventData.pInterfaceName, payload.eventData.pInterfaceIP);
 }
 
 void SDCommunicationHub::onFindServiceReceived(SDRequestHandler::FindServicePayload& payload)
@@ -474,6 +549,7 @@ void SDCommunicationHub::onOfferServiceReceived(SDRequestHandler::OfferServicePa
                           << "\".";
             return;
         }
+        service->setSender(senderOf(payload.origin));
         if (service->getTTL() == 0) {
             Event event(Event::SOMEIP_STOPOFFER, service);
             m_statemachine.onExternalEvent(event);
@@ -537,23 +613,13 @@ bool SDCommunicationHub::extractFindServiceOptions(
 
 void SDCommunicationHub::notifyServiceRegistry(ServiceDiscovery::ServiceListEventPayload& payload) const
 {
-    struct Notifying
-    {
-        explicit Notifying(std::atomic<std::thread::id>& thread) : m_thread(thread)
-        {
-            m_thread = std::this_thread::get_id();
-        }
-        ~Notifying() { m_thread = std::thread::id(); }
-
-        std::atomic<std::thread::id>& m_thread;
-    };
-    const Notifying notifying(m_notifyingThread);
+    const InsideEngine inside;
     m_serviceDiscovery.ServiceListChanged.notify(&m_serviceDiscovery, payload);
 }
 
-bool SDCommunicationHub::isNotifyingOnThisThread() const
+bool SDCommunicationHub::isOwnAddress(const Poco::Net::IPAddress& address) const
 {
-    return m_notifyingThread.load() == std::this_thread::get_id();
+    return m_sender.isOwnAddress(address);
 }
 
 bool SDCommunicationHub::isOwnOutgoingAddress(const Poco::Net::SocketAddress& address) const

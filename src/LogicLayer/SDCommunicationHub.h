@@ -1,6 +1,7 @@
 #pragma once
 
 #include "LogicLayer/DropCounter.h"
+#include "LogicLayer/ReportedInterfaces.h"
 #include "LogicLayer/SDMessageNotification.h"
 #include "LogicLayer/SDRequestHandler.h"
 #include "LogicLayer/SDStateMachine.h"
@@ -20,10 +21,13 @@
 #include <cstddef>
 #include <cstdint>
 #include <memory>
+#include <mutex>
 #include <string>
 #include <thread>
 #include <utility>
 #include <vector>
+
+#include <unistd.h>
 
 namespace Nubo::ServiceDiscovery {
 
@@ -67,11 +71,22 @@ public:
     virtual void announce(const SDService::Ptr& service);
     virtual void announce(const std::vector<SDService::Ptr>& services);
 
-    /// True when the engine runs on the unit's address, now or already; false when the receiver cannot be
-    /// bound.
+    /// True when the engine runs on the unit's address, now or already. False, with the reason in the log,
+    /// when the receiver cannot be bound, when a subscriber still holds up what runs or ran, or when memory
+    /// or threads are short; then nothing runs. Never throws.
     bool start(const Poco::Net::IPAddress& localAddress);
+    /// Whatever fails on the way, the engine has stopped when it returns. Never throws.
     void stop();
+    /// The same for a thread that delivers an event, or writes a line of the log, and must not wait for
+    /// itself: withdraws the services. The threads stay.
+    void stopFromWithin() noexcept;
     bool isRunning() const { return m_running; }
+    bool isStopping() const { return m_isStopping; }
+
+    /// Whether the calling thread holds a lock of this engine.
+    bool isOnThisThread() const;
+    /// Whether the engine was made by this process, not by one that was forked from.
+    bool isOfThisProcess() const;
 
     /// Requests of the registry. False, after an error line, for a record that cannot be put on the wire.
     bool addService(SDService::Ptr& service);
@@ -88,9 +103,14 @@ public:
 
     /// Raises the facade's event. Called by the state machine with its mutex held.
     void notifyServiceRegistry(ServiceDiscovery::ServiceListEventPayload& payload) const;
-    /// Whether the calling thread is in the facade's event.
-    bool isNotifyingOnThisThread() const;
 
+    /// Whether all that has been received by now has been handled.
+    bool isCaughtUp() const;
+    /// Writes the counted warnings that are due.
+    void reportDrops();
+
+    /// Whether it is one of the addresses at which this unit offers services.
+    bool isOwnAddress(const Poco::Net::IPAddress& address) const;
     /// Whether the address is that of one of this unit's sending sockets.
     bool isOwnOutgoingAddress(const Poco::Net::SocketAddress& address) const;
 
@@ -102,16 +122,11 @@ private:
     /// Datagrams in pool blocks, with the bytes that each of them has by now.
     using Datagrams = Multicast::MulticastSender::MulticastData;
 
-    struct ReportedInterface
-    {
-        std::string name;
-        std::string ip;
-    };
-
     void onInterfaceAdded(OEMInterface::AddServiceDiscoveryInterfacePayload& payload);
     void onInterfaceRemoved(OEMInterface::RemoveServiceDiscoveryInterfacePayload& payload);
-    void unsafe_forgetReports(const ReportedInterface& interface);
-    void joinReportedInterfaces();
+    class LifecycleLock;
+
+    void stopReceiving() noexcept;
     bool startRequestHandler();
     void stopRequestHandler();
 
@@ -145,11 +160,12 @@ private:
     std::atomic<bool> m_running{false};
     std::uint16_t m_senderSessionID = 1;
 
-    Poco::FastMutex m_lifecycleMutex;  // serialises start and stop
-    Poco::FastMutex m_reportedInterfacesMutex;
-    std::vector<ReportedInterface> m_reportedInterfaces;  // the platform reports each only once
-    mutable std::atomic<std::thread::id> m_notifyingThread{};
-    DropCounter m_drops;  // of the receiver's thread
+    ReportedInterfaces m_reportedInterfaces{m_receiver, m_sender};
+    std::timed_mutex m_lifecycleMutex;                 // serialises start and stop
+    std::atomic<std::thread::id> m_lifecycleThread{};  // that holds it
+    std::atomic<bool> m_isStopping{false};
+    const pid_t m_process = ::getpid();  // that the engine belongs to
+    DropCounter m_drops;
 };
 
 }  // namespace Nubo::ServiceDiscovery

@@ -42,6 +42,7 @@ SDRequestHandler::~SDRequestHandler() = default;
 
 void SDRequestHandler::run()
 {
+    m_isShutDown = false;
     m_running = true;
     // Once per process: a handler that is run again leaves its new thread unnamed.
     static const bool nameSet = (DebugUtils::setThreadName("SdReqHdlr", "SDRequestHandler::run"), true);
@@ -60,6 +61,7 @@ void SDRequestHandler::run()
 
 void SDRequestHandler::shutdown()
 {
+    m_isShutDown = true;
     m_running = false;
     m_queue.wakeUpAll();
 }
@@ -100,6 +102,8 @@ void SDRequestHandler::handleDatagram(MulticastDataPtr& msg)
 
     SD_LOG(Debug) << "run: processing " << packets.size() << " Message(s)...";
     for (const SOME_IP_SD_Header::Ptr& packet : packets) {
+        if (m_isShutDown)
+            return;
         if (packet.isNull()) {
             SD_LOG(Error) << "SDRequestHandler - found nullptr SOME/IP Header.";
             continue;
@@ -122,7 +126,7 @@ void SDRequestHandler::handlePacket(const SOME_IP_SD_Header& packet, const Poco:
         return;
     }
     SD_LOG(Debug) << "run: processing " << packet.getNumOfEntries() << " Entrie(s)...";
-    for (std::size_t i = 0; i < packet.getNumOfEntries(); ++i)
+    for (std::size_t i = 0; i < packet.getNumOfEntries() && !m_isShutDown; ++i)
         handleEntry(packet, static_cast<std::uint16_t>(i), origin);
 }
 
@@ -146,7 +150,7 @@ void SDRequestHandler::handleEntry(const SOME_IP_SD_Header& packet, std::uint16_
         handled = internal_handleEntry(entryData, origin);
     }
     catch (...) {
-        // The datagram's other entries must have their turn.
+        // The datagram's other entries must still be processed.
         SD_LOG(Error) << "SDRequestHandler - caught exception: " << currentExceptionText();
     }
     if (!handled)

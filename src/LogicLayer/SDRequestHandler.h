@@ -69,8 +69,8 @@ public:
     /// The thread's work; returns after shutdown().
     void run() override;
 
-    /// Lets run() return. A thread that is just about to wait for work may miss the call; the caller
-    /// repeats it until the thread has ended.
+    /// Lets run() return after the entry that is being handled. A thread that is just about to wait for work
+    /// may miss the call; the caller repeats it until the thread has ended.
     void shutdown();
 
 private:
@@ -87,6 +87,7 @@ private:
                      const Poco::Net::SocketAddress& origin);
 
     std::atomic<bool> m_running{false};
+    std::atomic<bool> m_isShutDown{false};  // and not run since
     Poco::NotificationQueue& m_queue;
 };
 

@@ -4,7 +4,9 @@
 
 #include <Poco/Exception.h>
 
+#include <cstdint>
 #include <cstring>
+#include <memory>
 
 namespace Nubo::ServiceDiscovery::Multicast {
 
@@ -19,6 +21,8 @@ bool isIPv6Unicast(const IPAddress& address)
            !address.isMulticast();
 }
 
+const InterfaceListing::Ptr emptyListing = std::make_shared<InterfaceListing>();
+
 }  // namespace
 
 std::string withoutScope(const std::string& ip)
@@ -26,35 +30,55 @@ std::string withoutScope(const std::string& ip)
     return ip.substr(0, ip.find('%'));
 }
 
-Admission admitInterface(const std::string& name, const std::string& ip, AdmittedInterface& admitted)
+std::optional<IPAddress> parseAddress(const std::string& ip)
 {
-    IPAddress address;
-    if (!IPAddress::tryParse(ip, address) || !isIPv6Unicast(address))
-        return Admission::NotAppropriate;
     try {
-        admitted.interface = NetworkInterface::forName(name, true);
+        return IPAddress(withoutScope(ip));  // IPAddress::tryParse() does not take "::"
     }
     catch (const Poco::Exception&) {
-        return Admission::NotPresent;
+        return std::nullopt;
     }
-    const NetworkInterface& interface = admitted.interface;
-    if (!SDCommunicationHub::containsIP(interface.addressList(), address, name))
+}
+
+bool isLinkLocal(const IPAddress& address)
+{
+    const auto* const bytes = static_cast<const std::uint8_t*>(address.addr());
+    return address.family() == IPAddress::IPv6 && bytes[0] == 0xfe && (bytes[1] & 0xc0) == 0x80;
+}
+
+Admission admitInterface(const std::string& name, const std::string& ip, const InterfaceListing& listing,
+                         AdmittedInterface& admitted)
+{
+    // The interface as the scope says nothing more, and cannot be parsed before the interface exists.
+    const bool isOwnScope = ip.size() > name.size() && ip.find('%') == ip.size() - name.size() - 1 &&
+                            ip.compare(ip.size() - name.size(), name.size(), name) == 0;
+    IPAddress address;
+    if (!IPAddress::tryParse(isOwnScope ? withoutScope(ip) : ip, address) || !isIPv6Unicast(address))
+        return Admission::NotAppropriate;
+    const NetworkInterface* const interface = listing.find(name);
+    if (!interface || !SDCommunicationHub::containsIP(interface->addressList(), address, name))
         return Admission::NotPresent;
-    if (!interface.supportsMulticast())
+    if (!interface->supportsMulticast())
         return Admission::NoMulticast;
 
-    const Poco::UInt32 scope = address.isLinkLocal() ? interface.index() : 0;
+    admitted.interface = *interface;
+    const Poco::UInt32 scope = isLinkLocal(address) ? interface->index() : 0;
     admitted.address = IPAddress(address.addr(), address.length(), scope);
     return Admission::Good;
 }
 
-NetworkInterface::AddressList currentAddresses(const NetworkInterface& interface)
+Admission admitInterface(const std::string& name, const std::string& ip, AdmittedInterface& admitted)
+{
+    return admitInterface(name, ip, *InterfaceListing::take(), admitted);
+}
+
+InterfaceListing::Ptr listingIfAny() noexcept
 {
     try {
-        return NetworkInterface::forIndex(interface.index()).addressList();
+        return InterfaceListing::take();
     }
-    catch (const Poco::Exception&) {
-        return {};
+    catch (...) {
+        return emptyListing;
     }
 }
 

@@ -1,10 +1,13 @@
 #pragma once
 
+#include "Multicast/InterfaceListing.h"
+
 #include <Poco/Net/IPAddress.h>
 #include <Poco/Net/NetworkInterface.h>
 
 #include <array>
 #include <cstdint>
+#include <optional>
 #include <ostream>
 #include <string>
 
@@ -27,14 +30,38 @@ enum class Admission
     NoMulticast
 };
 
+/// What has become of a report.
+enum class Outcome
+{
+    InUse,    ///< the interface is used, by this report or by an earlier one
+    Refused,  ///< it never will be
+    Pending   ///< it cannot be used yet: to be tried again
+};
+
+/// On what occasion an interface is taken in. Only the first time do all lines go into the log.
+enum class Attempt
+{
+    Report,  ///< the platform has reported it just now
+    Again    ///< at a start, or after a failure that may pass
+};
+
 /// The text without a "%scope": the report names the interface anyway, and the name may not exist any more.
 std::string withoutScope(const std::string& ip);
 
-/// Looks the reported interface up and checks it; on Admission::Good `admitted` is filled in.
+/// The address without its scope; none when the text is no address.
+std::optional<Poco::Net::IPAddress> parseAddress(const std::string& ip);
+
+/// Whether the address is valid on its link only: fe80::/10 (RFC 4291 section 2.4).
+bool isLinkLocal(const Poco::Net::IPAddress& address);
+
+/// Looks the reported interface up and checks it; on Admission::Good `admitted` is filled in. Without a
+/// listing it takes one; throws what that throws.
+Admission admitInterface(const std::string& name, const std::string& ip, const InterfaceListing& listing,
+                         AdmittedInterface& admitted);
 Admission admitInterface(const std::string& name, const std::string& ip, AdmittedInterface& admitted);
 
-/// The addresses that the interface with that index has now; none when it is gone.
-Poco::Net::NetworkInterface::AddressList currentAddresses(const Poco::Net::NetworkInterface& interface);
+/// A listing as it is now; an empty one when the system gives none.
+InterfaceListing::Ptr listingIfAny() noexcept;
 
 /// Whether `address` is the address that the text names, whatever their scopes.
 bool isSameAddress(const Poco::Net::IPAddress& address, const Poco::Net::IPAddress& other);
@@ -54,8 +81,9 @@ template <class Table, class AddressOf, class NoAddresses>
 auto findForRemoval(Table& table, const std::string& name, const Poco::Net::IPAddress& ip,
                     AddressOf addressOf, NoAddresses noAddresses)
 {
+    const InterfaceListing::Ptr listing = listingIfAny();
     for (auto entry = table.begin(); entry != table.end(); ++entry) {
-        const auto addresses = currentAddresses(entry->first);
+        const auto addresses = listing->addressesOf(entry->first);
         if (addresses.empty())
             noAddresses(entry->first);
         else if (isReportedInterface(entry->first, addresses, name, ip))

@@ -6,6 +6,7 @@
 #include "Multicast/InterfaceAdmission.h"
 
 #include <KELUtilLib/DebugUtils.h>
+#include <KELUtilLib/Descriptors.h>
 
 #include <Poco/Exception.h>
 #include <Poco/NObserver.h>
@@ -18,6 +19,7 @@
 
 #include <algorithm>
 #include <new>
+#include <optional>
 
 #include <sys/socket.h>
 
@@ -64,18 +66,25 @@ Poco::Buffer<char> allocateFrame(DatagramSocket& socket, int size)
 
 }  // namespace
 
-/// What serves one run of the receiver. Nothing of it can be used a second time: a stopped reactor does not
-/// run, a bound socket cannot be bound, a joined thread cannot be waited for with a limit.
+/// Per-run state. None of it is reusable: a stopped reactor does not run, a bound socket cannot be bound, a
+/// joined thread cannot be waited for with a limit.
 struct MulticastReceiver::Service
 {
-    Service() { closeOnExec(socket); }
+    Service()
+    {
+        closeOnExec(socket);
+        guard.reset();
+    }
 
+    /// While the members below are made, none of their descriptors becomes a standard stream.
+    std::optional<Descriptors::StandardStreamGuard> guard{std::in_place};
     MulticastSocket socket{SocketAddress::IPv6};
     SocketReactor reactor{Poco::Timespan(0, pollTimeout)};
     Poco::Thread thread;
     bool isStarted = false;  ///< the thread may be running
     bool isSpent = false;    ///< a new one is needed for the next run
     std::atomic<bool> isStopping{false};
+    std::atomic<bool> isHandling{false};  ///< datagrams are being taken off the socket
 };
 
 struct MulticastReceiver::Observers
@@ -141,46 +150,74 @@ bool MulticastReceiver::start()
         SD_LOG(Error) << "MulticastReceiver - a subscriber still holds up the thread.";
         return false;
     }
-    if (m_service->isSpent && !renewService())
-        return false;
-
     try {
-        MulticastSocket& socket = m_service->socket;
-        socket.bind(m_discoveryAddress, false);
-        m_service->isSpent = true;
-        socket.setLoopback(false);
-        socket.setBlocking(false);  // a datagram with a bad checksum is announced, but not there to be read
-        socket.setReceiveBufferSize(receiveBuffer);
-        SD_LOG(Debug) << "MulticastReceiver receive buffer: " << receiveBuffer << " Bytes asked for, "
-                      << socket.getReceiveBufferSize() << " got.";
-
-        const Observers observers(*this);
-        SocketReactor& reactor = m_service->reactor;
-        reactor.addEventHandler(socket, observers.readable);
-        reactor.addEventHandler(socket, observers.error);
-        reactor.addEventHandler(socket, observers.shutdown);
-        m_service->thread.start(reactor);
+        if (m_service->isSpent)
+            renewService();
+        bind();
+        m_service->thread.start(m_service->reactor);
         m_service->isStarted = true;
         return true;
     }
     catch (const Poco::Exception& exception) {
         SD_LOG(Error) << "MultiCast binding failed: " << exception.displayText();
-        return false;
     }
+    catch (...) {
+        SD_LOG(Error) << "MultiCast binding failed: " << currentExceptionText();
+    }
+    release();
+    return false;
+}
+
+void MulticastReceiver::bind()
+{
+    MulticastSocket& socket = m_service->socket;
+    socket.bind(m_discoveryAddress, false);
+    m_service->isSpent = true;
+    socket.setLoopback(false);
+    socket.setBlocking(false);  // a datagram with a bad checksum is announced, but not there to be read
+    socket.setReceiveBufferSize(receiveBuffer);
+    SD_LOG(Debug) << "MulticastReceiver receive buffer: " << receiveBuffer << " Bytes asked for, "
+                  << socket.getReceiveBufferSize() << " got.";
+
+    const Observers observers(*this);
+    SocketReactor& reactor = m_service->reactor;
+    reactor.addEventHandler(socket, observers.readable);
+    reactor.addEventHandler(socket, observers.error);
+    reactor.addEventHandler(socket, observers.shutdown);
+    closeWatchersOnExec(socket);
 }
 
 void MulticastReceiver::stop()
 {
-    if (m_service->isStarted) {
-        m_service->isStopping = true;  // from here on the handlers do nothing; they go with the service
-        m_service->reactor.stop();
-        // Ends the poll, which would last up to a second. That the socket has no peer does not matter.
-        ::shutdown(m_service->socket.impl()->sockfd(), SHUT_RDWR);
-        endThread(joinTime);
+    try {
+        if (m_service->isStarted) {
+            m_service->isStopping = true;  // from here on the handlers do nothing; they go with the service
+            m_service->reactor.stop();
+            // Ends the poll, which would last up to a second. That the socket has no peer does not matter.
+            ::shutdown(m_service->socket.impl()->sockfd(), SHUT_RDWR);
+            endThread(joinTime);
+        }
+        leaveGroupOnInterface_byIP("", "::");
     }
-    leaveGroupOnInterface_byIP("", "::");
-    if (m_service->isSpent && !m_service->isStarted)
+    catch (...) {
+        SD_LOG(Error) << "MulticastReceiver - caught exception: " << currentExceptionText();
+    }
+    release();
+}
+
+/// Gives the port back, unless the thread still runs. Without memory for a new socket, the start makes one.
+void MulticastReceiver::release()
+{
+    if (!m_service->isSpent || m_service->isStarted)
+        return;
+    try {
         renewService();
+    }
+    catch (...) {
+        Poco::FastMutex::ScopedLock lock(m_interfacesMutex);
+        m_service->socket.close();
+        m_joinedInterfaces.clear();
+    }
 }
 
 /// Waits for the thread to end, if there is one; false when it has not.
@@ -195,18 +232,12 @@ bool MulticastReceiver::endThread(long milliseconds)
 }
 
 /// Gives back socket and port and gets a new socket, which has joined nothing.
-bool MulticastReceiver::renewService()
+void MulticastReceiver::renewService()
 {
+    auto service = std::make_unique<Service>();
     Poco::FastMutex::ScopedLock lock(m_interfacesMutex);
-    try {
-        m_service = std::make_unique<Service>();
-        m_joinedInterfaces.clear();
-        return true;
-    }
-    catch (const Poco::Exception& exception) {
-        SD_LOG(Error) << "MultiCast binding failed: " << exception.displayText();
-        return false;
-    }
+    m_service.swap(service);
+    m_joinedInterfaces.clear();
 }
 
 void MulticastReceiver::onSocketReadable(const Poco::AutoPtr<ReadableNotification>& notification)
@@ -217,6 +248,13 @@ void MulticastReceiver::onSocketReadable(const Poco::AutoPtr<ReadableNotificatio
         (DebugUtils::setThreadName("SdSockReact", "MulticastReceiver::onSocketReadable"), true);
     static_cast<void>(named);
 
+    struct Handling
+    {
+        explicit Handling(std::atomic<bool>& flag) : isHandling(flag) { isHandling = true; }
+        ~Handling() { isHandling = false; }
+        std::atomic<bool>& isHandling;
+    };
+    const Handling handling(m_service->isHandling);
     DatagramSocket socket(notification->socket());
     int available = socket.available();
     if (available == 0) {
@@ -243,7 +281,8 @@ void MulticastReceiver::receive(DatagramSocket& socket, int size)
         return;
     frame.resize(static_cast<std::size_t>(received));
     MulticastDataPtr data = new MulticastData(std::move(frame), sender);
-    MulticastMessageReceived.notify(this, data);
+    if (!m_service->isStopping)
+        MulticastMessageReceived.notify(this, data);
 }
 
 void MulticastReceiver::onSocketError(const Poco::AutoPtr<ErrorNotification>& notification)
@@ -259,6 +298,12 @@ void MulticastReceiver::onReactorShutdown(const Poco::AutoPtr<ShutdownNotificati
                   << "\" from \"" << notification->socket().address().toString() << "\"";
 }
 
+bool MulticastReceiver::isReceiving() const
+{
+    Poco::FastMutex::ScopedLock lock(m_interfacesMutex);
+    return m_service->socket.available() > 0 || m_service->isHandling;
+}
+
 bool MulticastReceiver::isJoinedOn(const std::string& name) const
 {
     Poco::FastMutex::ScopedLock lock(m_interfacesMutex);
@@ -266,9 +311,9 @@ bool MulticastReceiver::isJoinedOn(const std::string& name) const
                        [&](const auto& joined) { return joined.first.name() == name; });
 }
 
-void MulticastReceiver::onInterfaceAdded(OEMInterface::AddServiceDiscoveryInterfacePayload& payload)
+Outcome MulticastReceiver::onInterfaceAdded(OEMInterface::AddServiceDiscoveryInterfacePayload& payload)
 {
-    joinGroupOnInterface_byIP(payload.eventData.pInterfaceName, payload.eventData.pInterfaceIP);
+    return joinGroupOnInterface_byIP(payload.eventData.pInterfaceName, payload.eventData.pInterfaceIP);
 }
 
 void MulticastReceiver::onInterfaceRemoved(OEMInterface::RemoveServiceDiscoveryInterfacePayload& payload)
@@ -276,43 +321,58 @@ void MulticastReceiver::onInterfaceRemoved(OEMInterface::RemoveServiceDiscoveryI
     leaveGroupOnInterface_byIP(payload.eventData.pInterfaceName, payload.eventData.pInterfaceIP);
 }
 
-void MulticastReceiver::joinGroupOnInterface_byIP(const std::string& name, const std::string& ip)
+Outcome MulticastReceiver::joinGroupOnInterface_byIP(const std::string& name, const std::string& ip)
+{
+    return add(name, ip, *listingIfAny(), Attempt::Report);
+}
+
+Outcome MulticastReceiver::add(const std::string& name, const std::string& ip,
+                               const InterfaceListing& listing, Attempt attempt)
 {
     const QuotedInterface quoted{name, ip};
     Poco::FastMutex::ScopedLock lock(m_interfacesMutex);
     AdmittedInterface admitted;
-    switch (admitInterface(name, ip, admitted)) {
+    switch (admitInterface(name, ip, listing, admitted)) {
         case Admission::NotAppropriate:
             SD_LOG(Warning) << "ServiceDiscovery skipped joining Multicast Group on Interface " << quoted
                             << ": not an appropriate IP.";
-            return;
+            return Outcome::Refused;
         case Admission::NotPresent:
-            SD_LOG(Debug) << "ServiceDiscovery did not join IPv6 Multicast Group on Interface " << quoted
-                          << ": not present.";
-            return;
+            if (attempt == Attempt::Report)
+                SD_LOG(Debug) << "ServiceDiscovery did not join IPv6 Multicast Group on Interface " << quoted
+                              << ": not present.";
+            return Outcome::Pending;
         case Admission::NoMulticast:
             SD_LOG(Warning) << "ServiceDiscovery failed to join IPv6 Multicast Group on Interface " << quoted
                             << ": does not support Multicast.";
-            return;
+            return Outcome::Refused;
         case Admission::Good:
             break;
     }
     const auto present = m_joinedInterfaces.find(admitted.interface);
     if (present != m_joinedInterfaces.end()) {
-        SD_LOG(Warning) << "ServiceDiscovery failed to join IPv6 Multicast Group on Interface " << quoted
-                        << ", already joined on \"" << present->first.name() << "\"";
-        return;
+        if (attempt == Attempt::Report)
+            SD_LOG(Warning) << "ServiceDiscovery failed to join IPv6 Multicast Group on Interface " << quoted
+                            << ", already joined on \"" << present->first.name() << "\"";
+        return Outcome::InUse;
     }
 
-    SD_LOG(Notice) << "ServiceDiscovery joining IPv6 Multicast Group for Interface \"" << name << "\".";
+    if (attempt == Attempt::Report)
+        SD_LOG(Notice) << "ServiceDiscovery joining IPv6 Multicast Group for Interface \"" << name << "\".";
+    const auto joined = m_joinedInterfaces.emplace(admitted.interface, admitted.address).first;
     try {
         m_service->socket.joinGroup(m_discoveryAddress.host(), admitted.interface);
-        m_joinedInterfaces.emplace(admitted.interface, admitted.address);
     }
     catch (const Poco::Exception& exception) {
-        SD_LOG(Error) << "ServiceDiscovery failed to join IPv6 Multicast Group on Interface " << quoted
-                      << ": " << exception.displayText();
+        m_joinedInterfaces.erase(joined);
+        if (attempt == Attempt::Report)
+            SD_LOG(Error) << "ServiceDiscovery failed to join IPv6 Multicast Group on Interface " << quoted
+                          << ": " << exception.displayText();
+        return Outcome::Pending;
     }
+    if (attempt == Attempt::Again)
+        SD_LOG(Notice) << "ServiceDiscovery joining IPv6 Multicast Group for Interface \"" << name << "\".";
+    return Outcome::InUse;
 }
 
 void MulticastReceiver::leaveGroupOnInterface_byIP(const std::string& name, const std::string& ip)
@@ -330,16 +390,7 @@ void MulticastReceiver::leaveGroupOnInterface_byIP(const std::string& name, cons
     }
 
     if (address.isWildcard()) {
-        SD_LOG(Notice) << "ServiceDiscovery leaving IPv6 Multicast Group for all joined Interfaces.";
-        for (const auto& [interface, joinedWith] : m_joinedInterfaces) {
-            if (currentAddresses(interface).empty())
-                SD_LOG(Notice) << "ServiceDiscovery (was) part of IPv6 Multicast Group for Interface \""
-                               << interface.name() << "\" with currently no IPs.";
-            SD_LOG(Notice) << "ServiceDiscovery leaving IPv6 Multicast Group for Interface \""
-                           << interface.displayName() << "\" \"" << interface.adapterName() << "\".";
-            unsafe_leaveGroup(interface);
-        }
-        m_joinedInterfaces.clear();
+        unsafe_leaveAll();
         return;
     }
 
@@ -361,15 +412,31 @@ void MulticastReceiver::leaveGroupOnInterface_byIP(const std::string& name, cons
     m_joinedInterfaces.erase(found);
 }
 
+void MulticastReceiver::unsafe_leaveAll()
+{
+    SD_LOG(Notice) << "ServiceDiscovery leaving IPv6 Multicast Group for all joined Interfaces.";
+    const InterfaceListing::Ptr listing = listingIfAny();
+    while (!m_joinedInterfaces.empty()) {
+        const NetworkInterface& interface = m_joinedInterfaces.begin()->first;
+        if (listing->addressesOf(interface).empty())
+            SD_LOG(Notice) << "ServiceDiscovery (was) part of IPv6 Multicast Group for Interface \""
+                           << interface.name() << "\" with currently no IPs.";
+        SD_LOG(Notice) << "ServiceDiscovery leaving IPv6 Multicast Group for Interface \""
+                       << interface.displayName() << "\" \"" << interface.adapterName() << "\".";
+        unsafe_leaveGroup(interface);
+        m_joinedInterfaces.erase(m_joinedInterfaces.begin());
+    }
+}
+
 void MulticastReceiver::unsafe_leaveGroup(const NetworkInterface& interface)
 {
     try {
         m_service->socket.leaveGroup(m_discoveryAddress.host(), interface);
     }
-    catch (const Poco::Exception& exception) {
+    catch (...) {
         // The interface may be gone, and the membership with it.
         SD_LOG(Debug) << "MulticastReceiver - leaving the group on \"" << interface.name()
-                      << "\": " << exception.displayText();
+                      << "\": " << currentExceptionText();
     }
 }
 

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "Multicast/InterfaceAdmission.h"
+
 #include <KELOEMInterfaceLib/OEMDispatcherCalls.h>
 
 #include <Poco/AutoPtr.h>
@@ -68,22 +70,31 @@ public:
     /// an error line, when it cannot be bound, or when a subscriber still holds up the thread of an earlier
     /// start. After a stop() no interface is joined.
     bool start();
-    /// Ends the thread and leaves the group on all interfaces. Waits for a subscriber for at most 2 s.
+    /// Ends the thread and leaves the group on all interfaces. Waits for a subscriber for at most 2 s. Once
+    /// it has returned, no event is raised until start(). Never throws.
     void stop();
+
+    /// Whether datagrams wait in the socket, or are being taken off it.
+    bool isReceiving() const;
 
     /// Whether the group is joined on the interface of that name.
     bool isJoinedOn(const std::string& name) const;
 
-    /// The platform's reports. Join and leave the group on the interface.
-    void onInterfaceAdded(OEMInterface::AddServiceDiscoveryInterfacePayload& payload);
+    /// The platform's reports. Join and leave the group on the interface. One that cannot be joined yet is to
+    /// be added again later.
+    Outcome onInterfaceAdded(OEMInterface::AddServiceDiscoveryInterfacePayload& payload);
     void onInterfaceRemoved(OEMInterface::RemoveServiceDiscoveryInterfacePayload& payload);
+
+    /// Joins the group on the interface unless that has been done. Throws nothing but std::bad_alloc.
+    Outcome add(const std::string& name, const std::string& ip, const InterfaceListing& listing,
+                Attempt attempt);
 
 protected:
     void onSocketReadable(const Poco::AutoPtr<Poco::Net::ReadableNotification>& notification);
     void onSocketError(const Poco::AutoPtr<Poco::Net::ErrorNotification>& notification);
     void onReactorShutdown(const Poco::AutoPtr<Poco::Net::ShutdownNotification>& notification);
 
-    void joinGroupOnInterface_byIP(const std::string& name, const std::string& ip);
+    Outcome joinGroupOnInterface_byIP(const std::string& name, const std::string& ip);
     void leaveGroupOnInterface_byIP(const std::string& name, const std::string& ip);
 
 private:
@@ -98,8 +109,11 @@ private:
     void guarded(const Poco::AutoPtr<Notification>& notification);
 
     void receive(Poco::Net::DatagramSocket& socket, int size);
-    bool renewService();
+    void bind();
+    void release();
+    void renewService();
     bool endThread(long milliseconds);
+    void unsafe_leaveAll();
     void unsafe_leaveGroup(const Poco::Net::NetworkInterface& interface);
 
     SDCommunicationHub& m_parent;

@@ -6,12 +6,14 @@
 #include "Multicast/CloseOnExec.h"
 #include "Multicast/InterfaceAdmission.h"
 
+#include <KELUtilLib/Descriptors.h>
+
 #include <Poco/Exception.h>
 #include <Poco/Net/NetException.h>
 
 #include <algorithm>
 #include <cerrno>
-#include <mutex>
+#include <new>
 
 namespace Nubo::ServiceDiscovery::Multicast {
 
@@ -33,22 +35,10 @@ constexpr long sendTimeout = 20000;
 /// In a full datagram.
 constexpr std::size_t usualPackets = 10;
 
-/// Between two attempts to open what is awaited, in microseconds.
-constexpr Poco::Clock::ClockDiff attemptInterval = 100000;
-
 /// The system knows the address, as its admission has shown, but does not let a socket have it.
 bool isNotUsableYet(const Poco::Exception& exception)
 {
     return exception.code() == EADDRNOTAVAIL;
-}
-
-/// Tells whether an interface was reported by that name and address.
-auto isReported(const std::string& name, const std::string& ip)
-{
-    return [&](const auto& interface) {
-        return interface.name == name &&
-               isSameAddress(IPAddress(withoutScope(interface.ip)), IPAddress(withoutScope(ip)));
-    };
 }
 
 bool isSameEndpoint(const SocketAddress& one, const SocketAddress& other)
@@ -100,12 +90,17 @@ void MulticastSender::unsafe_retire(const InterfaceData_t& interface)
         std::remove_if(m_retiredAddresses.begin(), m_retiredAddresses.end(),
                        [&](const RetiredAddress& retired) { return retired.until < now; }),
         m_retiredAddresses.end());
-    m_retiredAddresses.push_back({interface.localAddress, now + retirement});
+    try {
+        m_retiredAddresses.push_back({interface.localAddress, now + retirement});
+    }
+    catch (const std::bad_alloc&) {
+        // Then a datagram of its own that comes back is taken for one of another unit.
+    }
 }
 
-void MulticastSender::onInterfaceAdded(OEMInterface::AddServiceDiscoveryInterfacePayload& payload)
+Outcome MulticastSender::onInterfaceAdded(OEMInterface::AddServiceDiscoveryInterfacePayload& payload)
 {
-    addInterface_byIP(payload.eventData.pInterfaceName, payload.eventData.pInterfaceIP);
+    return addInterface_byIP(payload.eventData.pInterfaceName, payload.eventData.pInterfaceIP);
 }
 
 void MulticastSender::onInterfaceRemoved(OEMInterface::RemoveServiceDiscoveryInterfacePayload& payload)
@@ -113,55 +108,77 @@ void MulticastSender::onInterfaceRemoved(OEMInterface::RemoveServiceDiscoveryInt
     removeInterface_byIP(payload.eventData.pInterfaceName, payload.eventData.pInterfaceIP);
 }
 
-void MulticastSender::addInterface_byIP(const std::string& name, const std::string& ip)
+Outcome MulticastSender::addInterface_byIP(const std::string& name, const std::string& ip)
+{
+    return add(name, ip, *listingIfAny(), Attempt::Report);
+}
+
+Outcome MulticastSender::add(const std::string& name, const std::string& ip, const InterfaceListing& listing,
+                             Attempt attempt)
 {
     const QuotedInterface quoted{name, ip};
     Poco::FastMutex::ScopedLock lock(m_interfacesMutex);
     AdmittedInterface admitted;
-    switch (admitInterface(name, ip, admitted)) {
+    switch (admitInterface(name, ip, listing, admitted)) {
         case Admission::NotAppropriate:
             SD_LOG(Warning) << "ServiceDiscovery skipped adding Interface " << quoted
                             << " for sending: not an appropriate IP.";
-            return;
+            return Outcome::Refused;
         case Admission::NotPresent:
-            SD_LOG(Debug) << "ServiceDiscovery did not add Interface " << quoted
-                          << " for sending: not present.";
-            return;
+            if (attempt == Attempt::Report)
+                SD_LOG(Debug) << "ServiceDiscovery did not add Interface " << quoted
+                              << " for sending: not present.";
+            unsafe_stopAwaiting(name, IPAddress(withoutScope(ip)));
+            return Outcome::Pending;
         case Admission::NoMulticast:
             SD_LOG(Warning) << "ServiceDiscovery failed to add Interface " << quoted
                             << " for sending: does not support Multicast.";
-            return;
+            return Outcome::Refused;
         case Admission::Good:
             break;
     }
+    return unsafe_add(admitted, ip, attempt);
+}
+
+Outcome MulticastSender::unsafe_add(const AdmittedInterface& admitted, const std::string& ip, Attempt attempt)
+{
+    const std::string& name = admitted.interface.name();
+    const QuotedInterface quoted{name, ip};
     const std::shared_ptr<const InterfaceContainer> present = interfaces();
     const auto found = present->find(admitted.interface);
     if (found != present->end()) {
-        SD_LOG(Warning) << "ServiceDiscovery failed to add Interface " << quoted
-                        << " for sending: already added \"" << found->first.name();
-        return;
+        if (attempt == Attempt::Report)
+            SD_LOG(Warning) << "ServiceDiscovery failed to add Interface " << quoted
+                            << " for sending: already added \"" << found->first.name();
+        return Outcome::InUse;
     }
 
-    SD_LOG(Notice) << "ServiceDiscovery adding Interface " << quoted << " for sending.";
+    if (attempt == Attempt::Report)
+        SD_LOG(Notice) << "ServiceDiscovery adding Interface " << quoted << " for sending.";
     try {
         unsafe_open(admitted);
     }
     catch (const Poco::Exception& exception) {
-        if (isNotUsableYet(exception)) {
+        const bool isAwaited = isNotUsableYet(exception);
+        if (isAwaited)
+            unsafe_await(name, admitted.address);
+        if (attempt == Attempt::Report && isAwaited)
             SD_LOG(Debug) << "ServiceDiscovery waits until Interface " << quoted
                           << " can be used for sending.";
-            unsafe_stopAwaiting(isReported(name, ip));
-            m_awaited.push_back({name, ip});
-            m_isAwaiting = true;
-            return;
-        }
-        SD_LOG(Error) << "ServiceDiscovery failed to add Interface " << quoted
-                      << " for sending: " << exception.displayText();
+        else if (attempt == Attempt::Report)
+            SD_LOG(Error) << "ServiceDiscovery failed to add Interface " << quoted
+                          << " for sending: " << exception.displayText();
+        return Outcome::Pending;
     }
+    unsafe_stopAwaiting(name, admitted.address);
+    if (attempt == Attempt::Again)
+        SD_LOG(Notice) << "ServiceDiscovery can use Interface " << quoted << " for sending.";
+    return Outcome::InUse;
 }
 
 void MulticastSender::unsafe_open(const AdmittedInterface& admitted)
 {
+    const Descriptors::StandardStreamGuard guard;
     SocketPtr socket = new MulticastSocket(SocketAddress(admitted.address, 0), false);
     closeOnExec(*socket);
     socket->setInterface(admitted.interface);
@@ -173,50 +190,24 @@ void MulticastSender::unsafe_open(const AdmittedInterface& admitted)
     InterfaceContainer changed = *interfaces();
     changed.emplace(admitted.interface,
                     InterfaceData_t{socket, SOME_IP_SD_Option_IPv6::toByteStream(admitted.address),
-                                    admitted.address.isLinkLocal(), admitted.address, localAddress});
+                                    isLinkLocal(admitted.address), admitted.address, localAddress});
     unsafe_replaceInterfaces(std::move(changed));
 }
 
-/// Never waits for a report that is being handled: the next call comes soon.
-void MulticastSender::openAwaitedInterfaces()
+void MulticastSender::unsafe_await(const std::string& name, const IPAddress& address)
 {
-    if (!m_isAwaiting || !m_interfacesMutex.tryLock())
-        return;
-    const std::lock_guard<Poco::FastMutex> lock(m_interfacesMutex, std::adopt_lock);
-    if (SDClock::now() < m_nextAttempt)
-        return;
-    m_nextAttempt = SDClock::now() + attemptInterval;
-    unsafe_stopAwaiting([this](const AwaitedInterface& awaited) { return unsafe_openAwaited(awaited); });
+    unsafe_stopAwaiting(name, address);
+    m_awaited.push_back({name, address});
+    m_isAwaiting = true;
 }
 
-/// Whether the waiting is over: the interface is open, or will never be.
-bool MulticastSender::unsafe_openAwaited(const AwaitedInterface& awaited)
+/// Whether the interface was awaited.
+bool MulticastSender::unsafe_stopAwaiting(const std::string& name, const IPAddress& address)
 {
-    AdmittedInterface admitted;
-    const bool isWanted = admitInterface(awaited.name, awaited.ip, admitted) == Admission::Good &&
-                          interfaces()->count(admitted.interface) == 0;
-    if (!isWanted)
-        return true;
-    const QuotedInterface quoted{awaited.name, awaited.ip};
-    try {
-        unsafe_open(admitted);
-        SD_LOG(Notice) << "ServiceDiscovery can use Interface " << quoted << " for sending.";
-        return true;
-    }
-    catch (const Poco::Exception& exception) {
-        if (isNotUsableYet(exception))
-            return false;
-        SD_LOG(Error) << "ServiceDiscovery failed to add Interface " << quoted
-                      << " for sending: " << exception.displayText();
-        return true;
-    }
-}
-
-/// Forgets the awaited interfaces for which the predicate holds; true if there were any.
-template <class Predicate>
-bool MulticastSender::unsafe_stopAwaiting(Predicate predicate)
-{
-    const auto kept = std::remove_if(m_awaited.begin(), m_awaited.end(), predicate);
+    const auto kept =
+        std::remove_if(m_awaited.begin(), m_awaited.end(), [&](const AwaitedInterface& awaited) {
+            return awaited.name == name && isSameAddress(awaited.address, address);
+        });
     const bool result = kept != m_awaited.end();
     m_awaited.erase(kept, m_awaited.end());
     m_isAwaiting = !m_awaited.empty();
@@ -237,23 +228,13 @@ void MulticastSender::removeInterface_byIP(const std::string& name, const std::s
         return;
     }
 
-    InterfaceContainer changed = *interfaces();
     if (address.isWildcard()) {
-        SD_LOG(Notice) << "ServiceDiscovery all Interfaces for sending.";
-        for (const auto& [interface, data] : changed) {
-            if (currentAddresses(interface).empty())
-                SD_LOG(Notice) << "ServiceDiscovery (was) part of Interface \"" << interface.name()
-                               << "\" for sending with currently no IPs.";
-            SD_LOG(Notice) << "ServiceDiscovery removing Interface \"" << interface.name()
-                           << "\" for sending.";
-            unsafe_retire(data);
-        }
-        unsafe_replaceInterfaces({});
-        unsafe_stopAwaiting([](const AwaitedInterface&) { return true; });
+        unsafe_removeAll();
         return;
     }
 
-    const bool wasAwaited = unsafe_stopAwaiting(isReported(name, ip));
+    InterfaceContainer changed = *interfaces();
+    const bool wasAwaited = unsafe_stopAwaiting(name, address);
     const auto found = findForRemoval(
         changed, name, address, [](const InterfaceData_t& data) { return data.address; },
         [](const NetworkInterface& interface) {
@@ -273,6 +254,23 @@ void MulticastSender::removeInterface_byIP(const std::string& name, const std::s
     unsafe_replaceInterfaces(std::move(changed));
 }
 
+void MulticastSender::unsafe_removeAll()
+{
+    SD_LOG(Notice) << "ServiceDiscovery all Interfaces for sending.";
+    const std::shared_ptr<const InterfaceContainer> present = interfaces();
+    const InterfaceListing::Ptr listing = listingIfAny();
+    for (const auto& [interface, data] : *present) {
+        if (listing->addressesOf(interface).empty())
+            SD_LOG(Notice) << "ServiceDiscovery (was) part of Interface \"" << interface.name()
+                           << "\" for sending with currently no IPs.";
+        SD_LOG(Notice) << "ServiceDiscovery removing Interface \"" << interface.name() << "\" for sending.";
+        unsafe_retire(data);
+    }
+    unsafe_replaceInterfaces({});
+    m_awaited.clear();
+    m_isAwaiting = false;
+}
+
 bool MulticastSender::sendMulticast(const MulticastData& packagesForAll,
                                     const MulticastData& packagesForInternal)
 {
@@ -280,7 +278,6 @@ bool MulticastSender::sendMulticast(const MulticastData& packagesForAll,
         SD_LOG(Error) << "MulticastSender failed to send package, external IP address was not initialised!";
         return false;
     }
-    openAwaitedInterfaces();
     const std::shared_ptr<const InterfaceContainer> snapshot = interfaces();
     if (snapshot->empty() && m_isAwaiting) {
         SD_LOG(Debug) << "MulticastSender sends nothing until an interface can be used.";
@@ -408,6 +405,15 @@ bool MulticastSender::isOwnOutgoingAddress(const SocketAddress& origin) const
                        [&](const RetiredAddress& retired) {
                            return now < retired.until && isSameEndpoint(retired.address, origin);
                        });
+}
+
+bool MulticastSender::isOwnAddress(const IPAddress& address) const
+{
+    const std::string bytes = SOME_IP_SD_Option_IPv6::toByteStream(address);
+    const std::shared_ptr<const InterfaceContainer> snapshot = interfaces();
+    return bytes == m_ipToReplace || std::any_of(snapshot->begin(), snapshot->end(), [&](const auto& entry) {
+               return entry.second.ipAsByteStream == bytes;
+           });
 }
 
 }  // namespace Nubo::ServiceDiscovery::Multicast

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "DataLayer/ServiceDiscovery_Types.h"
+#include "Multicast/InterfaceAdmission.h"
 
 #include <KELOEMInterfaceLib/OEMDispatcherCalls.h>
 
@@ -26,8 +27,6 @@ namespace Nubo::ServiceDiscovery {
 class SDCommunicationHub;
 
 namespace Multicast {
-
-struct AdmittedInterface;
 
 /// Sends datagrams to the discovery group on every interface that the platform reports, from one socket an
 /// interface. The datagrams carry a placeholder, the unit's address given to init(); with several
@@ -68,11 +67,20 @@ public:
     /// segment a datagram comes back with another scope than it left with.
     bool isOwnOutgoingAddress(const Poco::Net::SocketAddress& origin) const;
 
-    /// The platform's reports. Open and close the interface's socket. An address that the system does not
-    /// let be used yet (duplicate address detection, RFC 4862, takes a second or two) is tried again when
-    /// there is something to send.
-    void onInterfaceAdded(OEMInterface::AddServiceDiscoveryInterfacePayload& payload);
+    /// Whether it is the placeholder, or the address of an interface that is in use; the scope is left out.
+    bool isOwnAddress(const Poco::Net::IPAddress& address) const;
+
+    /// The platform's reports. Open and close the interface's socket.
+    ///
+    /// An interface may not be usable yet: its address is not there, or is still being checked for duplicates
+    /// (RFC 4862 section 5.4, takes a second or two), or the system has no descriptor left. Then the caller
+    /// adds it again later.
+    Outcome onInterfaceAdded(OEMInterface::AddServiceDiscoveryInterfacePayload& payload);
     void onInterfaceRemoved(OEMInterface::RemoveServiceDiscoveryInterfacePayload& payload);
+
+    /// Opens the interface's socket unless that has been done. Throws nothing but std::bad_alloc.
+    Outcome add(const std::string& name, const std::string& ip, const InterfaceListing& listing,
+                Attempt attempt);
 
 protected:
     using SocketPtr = Poco::SharedPtr<Poco::Net::MulticastSocket>;
@@ -99,11 +107,11 @@ protected:
         AdjustmentData offsets;  ///< of each package; empty until its first adjustment
     };
 
-    /// An interface whose address cannot be used yet.
+    /// An interface that cannot be used yet.
     struct AwaitedInterface
     {
         std::string name;
-        std::string ip;
+        Poco::Net::IPAddress address;
     };
 
     /// The local address of a closed socket, kept while datagrams from it may still come in.
@@ -113,7 +121,7 @@ protected:
         Poco::Clock until;
     };
 
-    void addInterface_byIP(const std::string& name, const std::string& ip);
+    Outcome addInterface_byIP(const std::string& name, const std::string& ip);
     void removeInterface_byIP(const std::string& name, const std::string& ip);
 
     bool sendServices(const InterfaceData_t& interface, const MulticastData& packages) const;
@@ -128,20 +136,19 @@ private:
     bool sendAdjusted(const InterfaceData_t& interface, SendData& data) const;
     std::shared_ptr<const InterfaceContainer> interfaces() const;
     void unsafe_replaceInterfaces(InterfaceContainer interfaces);
+    Outcome unsafe_add(const AdmittedInterface& admitted, const std::string& ip, Attempt attempt);
     void unsafe_open(const AdmittedInterface& admitted);
     void unsafe_retire(const InterfaceData_t& interface);
-    void openAwaitedInterfaces();
-    bool unsafe_openAwaited(const AwaitedInterface& awaited);
-    template <class Predicate>
-    bool unsafe_stopAwaiting(Predicate predicate);
+    void unsafe_await(const std::string& name, const Poco::Net::IPAddress& address);
+    bool unsafe_stopAwaiting(const std::string& name, const Poco::Net::IPAddress& address);
+    void unsafe_removeAll();
 
     const Poco::Net::SocketAddress m_group;
     std::shared_ptr<const InterfaceContainer> m_interfaces;  // replaced as a whole, read with atomic_load
     mutable Poco::FastMutex m_interfacesMutex;
     std::vector<RetiredAddress> m_retiredAddresses;
     std::vector<AwaitedInterface> m_awaited;
-    Poco::Clock m_nextAttempt;              // to open what is awaited
-    std::atomic<bool> m_isAwaiting{false};  // tells without the mutex whether there is any
+    std::atomic<bool> m_isAwaiting{false};  // whether there is any, without the mutex
     bool m_initialised = false;
     std::string m_ipToReplace;
 };

@@ -152,19 +152,48 @@ TEST_P(UnsuitableAddressTest, IsNotAppropriate)
 INSTANTIATE_TEST_SUITE_P(Addresses, UnsuitableAddressTest, ::testing::ValuesIn(unsuitableAddresses),
                          [](const auto& row) { return row.param.name; });
 
-TEST_F(InterfaceAdmissionTest, CurrentAddressesFollowTheInterface)
+TEST_F(InterfaceAdmissionTest, ListingHasTheAddressesOfItsMoment)
 {
     ASSERT_EQ(admit("eth1", "fe80::2"), Admission::Good);
-    EXPECT_EQ(Multicast::currentAddresses(admitted.interface).size(), 1u);
+    const auto before = Multicast::InterfaceListing::take();
 
     network.here.addAddress("eth1", "fd00::2/64");
-    EXPECT_EQ(Multicast::currentAddresses(admitted.interface).size(), 2u);
 
+    EXPECT_EQ(before->addressesOf(admitted.interface).size(), 1u);
+    EXPECT_EQ(Multicast::listingIfAny()->addressesOf(admitted.interface).size(), 2u);
     network.here.ip("address flush dev eth1");
-    EXPECT_THAT(Multicast::currentAddresses(admitted.interface), IsEmpty());
-
+    EXPECT_THAT(Multicast::listingIfAny()->addressesOf(admitted.interface), IsEmpty());
     network.here.ip("link delete eth1");
-    EXPECT_THAT(Multicast::currentAddresses(admitted.interface), IsEmpty());
+    EXPECT_THAT(Multicast::listingIfAny()->addressesOf(admitted.interface), IsEmpty());
+}
+
+TEST_F(InterfaceAdmissionTest, InterfaceIsAdmittedByTheListing)
+{
+    const auto before = Multicast::InterfaceListing::take();
+    network.here.addAddress("eth1", "fd00::2/64");
+
+    EXPECT_EQ(Multicast::admitInterface("eth1", "fd00::2", *before, admitted), Admission::NotPresent);
+    EXPECT_EQ(Multicast::admitInterface("eth1", "fd00::2", *Multicast::InterfaceListing::take(), admitted),
+              Admission::Good);
+}
+
+TEST_F(InterfaceAdmissionTest, ScopeOfTheInterfaceItselfNeedsNoInterface)
+{
+    EXPECT_EQ(admit("eth7", "fe80::1%eth7"), Admission::NotPresent);
+}
+
+TEST_F(InterfaceAdmissionTest, TenBitsMakeAnAddressLinkLocal)
+{
+    network.here.addAddress("eth1", "febf::3/64");
+
+    EXPECT_TRUE(Multicast::isLinkLocal(IPAddress("fe80::1")));
+    EXPECT_TRUE(Multicast::isLinkLocal(IPAddress("fea0::1")));
+    EXPECT_TRUE(Multicast::isLinkLocal(IPAddress("febf:ffff::1")));
+    EXPECT_FALSE(Multicast::isLinkLocal(IPAddress("fec0::1")));
+    EXPECT_FALSE(Multicast::isLinkLocal(IPAddress("fe7f::1")));
+    EXPECT_FALSE(Multicast::isLinkLocal(IPAddress("254.128.0.1")));
+    EXPECT_EQ(admit("eth1", "febf::3"), Admission::Good);
+    EXPECT_EQ(admitted.address.scope(), ::if_nametoindex("eth1"));
 }
 
 TEST_F(InterfaceAdmissionTest, SameAddressIsToldByItsBytesAlone)

@@ -605,6 +605,8 @@ TEST_F(HeldHandlerTest, StartIsRefusedUntilTheHandlerReturns)
 
     gate.open();
     EXPECT_TRUE(eventually([&] { return start(); }));
+    EXPECT_EQ(unit->registry.discovered("Far"), 0u) << "it was received before the stop";
+    speaker.send(fromHex(offerOfFar));
     EXPECT_TRUE(discovers(1));
     EXPECT_THAT(joinedInterfaces(), ElementsAre("eth0"));
 }

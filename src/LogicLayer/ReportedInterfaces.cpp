@@ -1,0 +1,261 @@
+#include "LogicLayer/ReportedInterfaces.h"
+
+#include "DataLayer/Log.h"
+#include "LogicLayer/SDCommunicationHub.h"
+#include "Multicast/MulticastReceiver.h"
+#include "Multicast/MulticastSender.h"
+
+#include <KELUtilLib/DebugUtils.h>
+
+#include <algorithm>
+#include <chrono>
+#include <optional>
+#include <system_error>
+
+#include <net/if.h>
+
+namespace Nubo::ServiceDiscovery {
+
+using Multicast::Attempt;
+using Multicast::InterfaceListing;
+using Multicast::Outcome;
+using Poco::Net::IPAddress;
+
+namespace {
+
+// In microseconds.
+constexpr Poco::Clock::ClockDiff shortestWait = 50'000;
+constexpr Poco::Clock::ClockDiff longestWait = 1'000'000;
+constexpr Poco::Clock::ClockDiff waitShare = 8;  // of the time for which an interface has been pending
+/// Reports often come one after the other for many interfaces. What is asked of a listing that is older than
+/// this, or says that something is not there, is asked of a new one.
+constexpr Poco::Clock::ClockDiff listingAge = 100'000;
+
+Outcome combined(Outcome one, Outcome other)
+{
+    if (one == Outcome::Pending || other == Outcome::Pending)
+        return Outcome::Pending;
+    return one == Outcome::InUse ? one : other;
+}
+
+/// Repeats what has failed for want of memory, a few times: the platform does not repeat its report.
+template <class Action>
+void persist(Action action) noexcept
+{
+    constexpr int attempts = 3;
+    for (int attempt = 0; attempt < attempts; ++attempt) {
+        try {
+            action();
+            return;
+        }
+        catch (...) {
+            SD_LOG(Error) << "SDCommunicationHub - failed to handle the report of an interface: "
+                          << currentExceptionText();
+        }
+    }
+}
+
+/// Whether the listing shows an interface that can be used, and still has that index.
+bool shows(const InterfaceListing& listing, const std::string& name, const std::string& ip)
+{
+    Multicast::AdmittedInterface admitted;
+    return Multicast::admitInterface(name, ip, listing, admitted) == Multicast::Admission::Good &&
+           ::if_nametoindex(name.c_str()) == admitted.interface.index();
+}
+
+}  // namespace
+
+ReportedInterfaces::ReportedInterfaces(Multicast::MulticastReceiver& receiver,
+                                       Multicast::MulticastSender& sender)
+    : m_receiver(receiver)
+    , m_sender(sender)
+{}
+
+ReportedInterfaces::~ReportedInterfaces()
+{
+    stop();
+}
+
+void ReportedInterfaces::add(const char* name, const char* ip) noexcept
+{
+    if (!name || !ip) {
+        SD_LOG(Error) << "SDCommunicationHub - an interface without a name or an address was reported.";
+        return;
+    }
+    persist([&] {
+        const Lock lock(m_mutex);
+        take(name, ip);
+    });
+}
+
+void ReportedInterfaces::remove(const char* name, const char* ip) noexcept
+{
+    if (!name || !ip) {
+        SD_LOG(Error) << "SDCommunicationHub - an interface without a name or an address was taken back.";
+        return;
+    }
+    persist([&] {
+        const Lock lock(m_mutex);
+        giveBack(name, ip);
+    });
+}
+
+void ReportedInterfaces::take(const std::string& name, const std::string& ip)
+{
+    const std::optional<IPAddress> address = Multicast::parseAddress(ip);
+    if (!address) {
+        Interface unusable{name, ip};
+        serve(unusable, Attempt::Report);  // which says so in the log
+        return;
+    }
+    auto interface = find(name, *address);
+    if (interface == m_interfaces.end())
+        interface = m_interfaces.insert(interface, {name, ip, *address});
+    if (serve(*interface, Attempt::Report) == Outcome::Refused)
+        m_interfaces.erase(interface);
+    startRetrying();
+}
+
+void ReportedInterfaces::giveBack(const std::string& name, const std::string& ip)
+{
+    forget(name, ip);
+    OEMInterface::RemoveServiceDiscoveryInterfacePayload payload{{name.c_str(), ip.c_str()}};
+    persist([&] { m_receiver.onInterfaceRemoved(payload); });
+    persist([&] { m_sender.onInterfaceRemoved(payload); });
+
+    // The interface may stand reported with another address as well.
+    for (Interface& interface : m_interfaces) {
+        if (interface.name == name)
+            serve(interface, Attempt::Again);
+    }
+    startRetrying();
+}
+
+/// The wildcard address means every interface; otherwise any address of an interface means it, as it does for
+/// sender and receiver.
+void ReportedInterfaces::forget(const std::string& name, const std::string& ip)
+{
+    const std::optional<IPAddress> address = Multicast::parseAddress(ip);
+    if (!address)
+        return;
+    if (address->isWildcard()) {
+        m_interfaces.clear();
+        return;
+    }
+    const auto exact = find(name, *address);
+    if (exact != m_interfaces.end()) {
+        m_interfaces.erase(exact);
+        return;
+    }
+    const InterfaceListing::Ptr listing = Multicast::listingIfAny();
+    const auto* const interface = listing->find(name);
+    if (!interface || !SDCommunicationHub::containsIP(interface->addressList(), *address, name))
+        return;
+    m_interfaces.erase(std::remove_if(m_interfaces.begin(), m_interfaces.end(),
+                                      [&](const Interface& reported) { return reported.name == name; }),
+                       m_interfaces.end());
+}
+
+std::vector<ReportedInterfaces::Interface>::iterator ReportedInterfaces::find(const std::string& name,
+                                                                              const IPAddress& address)
+{
+    return std::find_if(m_interfaces.begin(), m_interfaces.end(), [&](const Interface& interface) {
+        return interface.name == name && Multicast::isSameAddress(interface.address, address);
+    });
+}
+
+/// Never throws: what has failed is pending.
+Outcome ReportedInterfaces::serve(Interface& interface, Attempt attempt)
+{
+    Outcome outcome = Outcome::Pending;
+    try {
+        if (!m_listing || m_listing->isOlderThan(listingAge) ||
+            !shows(*m_listing, interface.name, interface.ip))
+            m_listing = InterfaceListing::take();
+        const Outcome received = m_receiver.add(interface.name, interface.ip, *m_listing, attempt);
+        const Outcome sent = m_sender.add(interface.name, interface.ip, *m_listing, attempt);
+        outcome = combined(received, sent);
+    }
+    catch (...) {
+        if (attempt == Attempt::Report)
+            SD_LOG(Error) << "SDCommunicationHub - failed to use Interface "
+                          << Multicast::QuotedInterface{interface.name, interface.ip} << ": "
+                          << currentExceptionText();
+    }
+    if (outcome == Outcome::Pending && !interface.isPending)
+        interface.pendingSince.update();
+    interface.isPending = outcome == Outcome::Pending;
+    return outcome;
+}
+
+void ReportedInterfaces::start()
+{
+    const Lock lock(m_mutex);
+    m_isRunning = true;
+    m_listing.reset();
+    for (Interface& interface : m_interfaces)
+        serve(interface, Attempt::Again);
+    startRetrying();
+}
+
+void ReportedInterfaces::stop() noexcept
+{
+    {
+        const Lock lock(m_mutex);
+        m_isRunning = false;
+    }
+    m_changed.notify_all();
+    if (m_thread.joinable())
+        m_thread.join();
+}
+
+bool ReportedInterfaces::hasPending() const
+{
+    return std::any_of(m_interfaces.begin(), m_interfaces.end(),
+                       [](const Interface& interface) { return interface.isPending; });
+}
+
+/// Until the next attempt, in microseconds: the longer an interface has been pending, the longer.
+Poco::Clock::ClockDiff ReportedInterfaces::wait() const
+{
+    Poco::Clock::ClockDiff wait = longestWait;
+    for (const Interface& interface : m_interfaces) {
+        if (interface.isPending)
+            wait = std::min(wait, std::max(shortestWait, interface.pendingSince.elapsed() / waitShare));
+    }
+    return wait;
+}
+
+void ReportedInterfaces::startRetrying()
+{
+    if (!m_isRunning || m_isRetrying || !hasPending())
+        return;
+    if (m_thread.joinable())
+        m_thread.join();  // it has given the mutex back for the last time
+    try {
+        m_thread = std::thread(&ReportedInterfaces::retry, this);
+        m_isRetrying = true;
+    }
+    catch (const std::system_error& error) {
+        SD_LOG(Error) << "SDCommunicationHub - no thread to retry interfaces: " << error.what();
+    }
+}
+
+void ReportedInterfaces::retry()
+{
+    DebugUtils::setThreadName("SdIfRetry", "ReportedInterfaces::retry");
+    Lock lock(m_mutex);
+    while (m_isRunning && hasPending()) {
+        m_changed.wait_for(lock.lock, std::chrono::microseconds(wait()));
+        if (!m_isRunning)
+            break;
+        m_listing.reset();
+        for (Interface& interface : m_interfaces) {
+            if (interface.isPending)
+                serve(interface, Attempt::Again);
+        }
+    }
+    m_isRetrying = false;
+}
+
+}  // namespace Nubo::ServiceDiscovery

@@ -1,0 +1,89 @@
+#pragma once
+
+#include "LogicLayer/InsideEngine.h"
+#include "Multicast/InterfaceAdmission.h"
+#include "Multicast/InterfaceListing.h"
+
+#include <Poco/Clock.h>
+#include <Poco/Net/IPAddress.h>
+
+#include <condition_variable>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace Nubo::ServiceDiscovery {
+
+namespace Multicast {
+class MulticastReceiver;
+class MulticastSender;
+}  // namespace Multicast
+
+/// The interfaces that the platform has reported and not taken back. It serves receiver and sender, which
+/// therefore always use the same ones: when a report comes, at every start, and after a failure that may pass
+/// (no descriptor left, an address that is not there yet), on a thread of its own with growing intervals of
+/// up to a second.
+///
+/// Two reports are about the same interface when they have the same name and the same address, however that
+/// is spelled and whether it has a scope or not. Safe to use from any thread.
+class ReportedInterfaces
+{
+public:
+    ReportedInterfaces(Multicast::MulticastReceiver& receiver, Multicast::MulticastSender& sender);
+    /// Ends the thread.
+    ~ReportedInterfaces();
+
+    ReportedInterfaces(const ReportedInterfaces&) = delete;
+    ReportedInterfaces& operator=(const ReportedInterfaces&) = delete;
+
+    /// The platform's reports; either text may be null. Never throw.
+    void add(const char* name, const char* ip) noexcept;
+    void remove(const char* name, const char* ip) noexcept;
+
+    /// Has receiver and sender use everything that stands reported, and retries from now on.
+    void start();
+    /// Ends the retrying.
+    void stop() noexcept;
+
+private:
+    struct Interface
+    {
+        std::string name;
+        std::string ip;                  ///< as it was reported
+        Poco::Net::IPAddress address{};  ///< without scope
+        bool isPending = false;
+        Poco::Clock pendingSince{};
+    };
+
+    /// Holds the mutex.
+    struct Lock
+    {
+        explicit Lock(std::mutex& mutex) : lock(mutex) {}
+
+        const InsideEngine inside;  // a log channel must not call into the engine under its lock
+        std::unique_lock<std::mutex> lock;
+    };
+
+    void take(const std::string& name, const std::string& ip);
+    void giveBack(const std::string& name, const std::string& ip);
+    std::vector<Interface>::iterator find(const std::string& name, const Poco::Net::IPAddress& address);
+    void forget(const std::string& name, const std::string& ip);
+    Multicast::Outcome serve(Interface& interface, Multicast::Attempt attempt);
+    bool hasPending() const;
+    Poco::Clock::ClockDiff wait() const;
+    void startRetrying();
+    void retry();
+
+    Multicast::MulticastReceiver& m_receiver;
+    Multicast::MulticastSender& m_sender;
+    std::mutex m_mutex;  // guards what follows
+    std::vector<Interface> m_interfaces;
+    Multicast::InterfaceListing::Ptr m_listing;
+    bool m_isRunning = false;
+    bool m_isRetrying = false;  // the thread has not ended
+    std::thread m_thread;
+    std::condition_variable m_changed;
+};
+
+}  // namespace Nubo::ServiceDiscovery

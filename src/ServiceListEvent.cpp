@@ -1,0 +1,63 @@
+#include "ServiceDiscovery.h"
+
+#include <atomic>
+#include <memory>
+
+namespace Nubo::ServiceDiscovery {
+
+namespace {
+
+using Payload = ServiceDiscovery::ServiceListEventPayload;
+using Delegate = Poco::AbstractDelegate<Payload>;
+
+/// Holds the delegate of a subscriber. Poco's delegates hold a lock while the subscriber runs, for which
+/// their removal waits with the lock of the event held: a subscriber that removes itself, and a thread that
+/// removes it meanwhile, would wait for each other for ever. This one is switched off without waiting.
+class UnlockedDelegate : public Delegate
+{
+public:
+    explicit UnlockedDelegate(const Delegate& delegate) : m_state(std::make_shared<State>(delegate)) {}
+
+    bool notify(const void* sender, Payload& payload) override
+    {
+        const std::shared_ptr<State> state = m_state;  // the subscriber may remove itself
+        return state->isEnabled && state->delegate->notify(sender, payload);
+    }
+    bool equals(const Delegate& other) const override { return m_state->delegate->equals(other); }
+    Delegate* clone() const override { return new UnlockedDelegate(*this); }
+    void disable() override { m_state->isEnabled = false; }
+    const Delegate* unwrap() const override { return m_state->delegate->unwrap(); }
+
+private:
+    struct State
+    {
+        explicit State(const Delegate& original) : delegate(original.clone()) {}
+
+        const std::unique_ptr<Delegate> delegate;
+        std::atomic<bool> isEnabled{true};
+    };
+
+    UnlockedDelegate(const UnlockedDelegate& other) = default;
+
+    const std::shared_ptr<State> m_state;
+};
+
+}  // namespace
+
+void ServiceDiscovery::ServiceListEvent::operator+=(const Delegate& delegate)
+{
+    BasicEvent::operator+=(UnlockedDelegate(delegate));
+}
+
+void ServiceDiscovery::ServiceListEvent::notify(const void* sender, Payload& payload)
+{
+    Poco::ScopedLockWithUnlock<Poco::FastMutex> lock(_mutex);
+    if (!_enabled)
+        return;
+    auto strategy = _strategy;  // a delegate may add and remove others
+    lock.unlock();
+    payload.m_isDelivered = true;
+    strategy.notify(sender, payload);
+}
+
+}  // namespace Nubo::ServiceDiscovery
