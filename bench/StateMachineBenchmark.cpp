@@ -249,7 +249,8 @@ void lookUpByUuid(benchmark::State& state)
 
 SDService::Ptr expired(const std::string& name)
 {
-    SDService::Ptr record = Testing::makeService(name, "fd00::2");
+    const Offer offer(name);
+    SDService::Ptr record = new SDService(offer.entry, offer.ipv6, offer.configuration);
     record->setTTL(0);
     return record;
 }

@@ -34,9 +34,9 @@ struct Tally
 class Trial
 {
 public:
-    Trial(const RecordIndex& index, const SDService& offered, bool isSearchedFor)
+    Trial(const RecordIndex& index, const NameEntries* name, const SDService& offered, bool isSearchedFor)
         : m_index(index)
-        , m_name(index.find(offered.getNuboDescription().getName()))
+        , m_name(name)
         , m_sender(index.find(offered.getSender()))
         , m_keepsToShare(!isSearchedFor && offered.getSender() != SDService::SenderAddress{})
         , m_textSize(offered.getNuboDescription().getTextSize())
@@ -120,10 +120,10 @@ private:
 
 }  // namespace
 
-DiscoveryBounds::Verdict DiscoveryBounds::judge(const RecordIndex& index, const SDService& offered,
-                                                bool isSearchedFor)
+DiscoveryBounds::Verdict DiscoveryBounds::judge(const RecordIndex& index, const NameEntries* name,
+                                                const SDService& offered, bool isSearchedFor)
 {
-    return Trial(index, offered, isSearchedFor).judge();
+    return Trial(index, name, offered, isSearchedFor).judge();
 }
 
 }  // namespace Nubo::ServiceDiscovery

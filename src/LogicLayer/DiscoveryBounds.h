@@ -41,9 +41,10 @@ public:
         std::vector<WorkloadEntry*> displaced;  ///< when it is taken
     };
 
-    /// Judges a service that is not known yet. One that this unit has searched for need not keep to the share
-    /// of its sender.
-    static Verdict judge(const RecordIndex& index, const SDService& offered, bool isSearchedFor);
+    /// Judges a service that is not known yet; `name` is what the index has of its name, if anything. A service
+    /// that this unit has searched for need not keep to the share of its sender.
+    static Verdict judge(const RecordIndex& index, const NameEntries* name, const SDService& offered,
+                         bool isSearchedFor);
 };
 
 }  // namespace Nubo::ServiceDiscovery

@@ -80,7 +80,7 @@ public:
 
     void moveToBack(Node& node)
     {
-        if (m_last == &node)
+        if (!(node.*link).next)
             return;
         erase(node);
         pushBack(node);

@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cstring>
 #include <utility>
 
 namespace Nubo::ServiceDiscovery {
@@ -57,13 +58,13 @@ const std::string& nameOf(const Entry& entry)
 
 WorkloadEntry::WorkloadEntry(const SDService::Ptr& record, Workload owner, const Poco::Clock& time)
     : SDService::Ptr(record)
-    , due(time)
     , renewed(SDClock::now())
     , workload(owner)
     , role(roleOf(record, owner))
     , isUnexpected(isMisplaced(record, role))
     , instanceID(record.isNull() ? std::uint16_t{0} : record->getInstanceId())
     , serviceID(record.isNull() ? std::uint16_t{0} : record->getServiceId())
+    , due(time)
     , textSize(record.isNull() ? 0 : record->getNuboDescription().getTextSize())
 {}
 
@@ -232,7 +233,7 @@ void RecordIndex::link(Entry& entry, NameEntries& name, Sender* sender) noexcept
     if (name.empty())
         m_names.insert(name, name.byName.hash);
     m_instances.insert(entry, hashOfInstance(*entry));
-    m_uuids.insert(entry, m_hash(entry->getNuboDescription().getLocalUuid()));
+    linkUuid(entry);
     entry.name = &name;
     entry.sender = sender;
     entry.order = ++m_lastOrder;
@@ -249,6 +250,20 @@ void RecordIndex::link(Entry& entry, NameEntries& name, Sender* sender) noexcept
         name.several->add(entry);
     if (entry.role == Entry::Role::Discovered)
         linkDiscovered(entry);
+}
+
+/// What has no identifier is not looked for by it.
+void RecordIndex::linkUuid(Entry& entry) noexcept
+{
+    const std::string& localUuid = entry->getNuboDescription().getLocalUuid();
+    if (!localUuid.empty())
+        m_uuids.insert(entry, m_hash(localUuid));
+}
+
+void RecordIndex::unlinkUuid(Entry& entry) noexcept
+{
+    if (!entry->getNuboDescription().getLocalUuid().empty())
+        m_uuids.erase(entry);
 }
 
 void RecordIndex::linkDiscovered(Entry& entry) noexcept
@@ -271,7 +286,7 @@ void RecordIndex::erase(Entry& entry) noexcept
     }
     NameEntries& name = *entry.name;
     m_instances.erase(entry);
-    m_uuids.erase(entry);
+    unlinkUuid(entry);
     listFor(entry, name).erase(entry);
     if (entry.role != Entry::Role::Search) {
         --name.entries;
@@ -334,9 +349,9 @@ NameEntries::List& RecordIndex::listFor(const Entry& entry, NameEntries& name)
 void RecordIndex::identify(Entry& entry, std::string&& localUuid) noexcept
 {
     const std::size_t before = entry.textSize;
-    m_uuids.erase(entry);
+    unlinkUuid(entry);
     entry->setLocalUuid(std::move(localUuid));
-    m_uuids.insert(entry, m_hash(entry->getNuboDescription().getLocalUuid()));
+    linkUuid(entry);
     entry.textSize = entry->getNuboDescription().getTextSize();
     m_discoveredText += entry.textSize - before;
     if (entry.sender)
@@ -347,7 +362,8 @@ void RecordIndex::renew(Entry& entry) noexcept
 {
     entry.renewed = SDClock::now();
     m_renewals.moveToBack(entry);
-    entry.name->discovered.moveToBack(entry);
+    if (entry.inName.next)  // most names have one entry: their NameEntries need not be read
+        entry.name->discovered.moveToBack(entry);
 }
 
 NameEntries* RecordIndex::lookUp(const std::string& name, std::uint64_t hash) const
@@ -390,13 +406,18 @@ std::vector<Entry*> RecordIndex::findAll(const ServiceIdentity& identity, Entry:
     return found;
 }
 
-Entry* RecordIndex::findOnlyInstance(const ServiceIdentity& identity) const
+Entry* RecordIndex::findDiscovered(const SDService& offered) const
 {
     refuseNulls();
+    const NuboServiceDescription& wanted = offered.getNuboDescription();
     Entry* only = nullptr;
     std::size_t count = 0;
-    m_instances.visit(hashOfInstance(identity), [&](Entry& entry) {
-        if (identity.matches(*entry)) {
+    m_instances.visit(hashOfInstance(offered), [&](Entry& entry) {
+        const NuboServiceDescription& description = entry->getNuboDescription();
+        if (entry->getType() == Type::DISCOVERED && description.getPort() == wanted.getPort() &&
+            description.getL4Proto() == wanted.getL4Proto() && description.getName() == wanted.getName() &&
+            description.getIpAddressString() == wanted.getIpAddressString())
+        {
             only = &entry;
             ++count;
         }
@@ -452,12 +473,21 @@ Entry* RecordIndex::find(const SDService::Ptr& record, Entry::Workload workload)
     return found;
 }
 
-/// The texts are hashed one by one, so that nothing can be moved from the end of one into the other.
-std::uint64_t RecordIndex::hashOfInstance(const std::string& name, const std::string& ip, std::uint16_t port,
+/// The length of the name parts it from the address, so that nothing can be moved from the one into the other.
+std::uint64_t RecordIndex::hashOfInstance(std::string_view name, std::string_view ip, std::uint16_t port,
                                           std::uint8_t protocol) const
 {
-    const std::array<std::uint64_t, 3> parts{m_hash(name), m_hash(ip), std::uint64_t{port} << 8 | protocol};
-    return m_hash(parts.data(), sizeof parts);
+    const std::array<std::uint64_t, 2> numbers{name.size(), std::uint64_t{port} << 8 | protocol};
+    std::array<char, 512> bytes;  // an instance that can be on the wire fits
+    const std::size_t size = sizeof numbers + name.size() + ip.size();
+    if (size > bytes.size()) {
+        const std::array<std::uint64_t, 3> parts{m_hash(name), m_hash(ip), numbers.back()};
+        return m_hash(parts.data(), sizeof parts);
+    }
+    std::memcpy(bytes.data(), numbers.data(), sizeof numbers);
+    char* const behindName = std::copy(name.begin(), name.end(), bytes.data() + sizeof numbers);
+    std::copy(ip.begin(), ip.end(), behindName);
+    return m_hash(bytes.data(), size);
 }
 
 std::uint64_t RecordIndex::hashOfInstance(const ServiceIdentity& identity) const

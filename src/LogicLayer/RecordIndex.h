@@ -14,6 +14,7 @@
 #include <map>
 #include <memory>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace Nubo::ServiceDiscovery {
@@ -55,24 +56,24 @@ struct WorkloadEntry : SDService::Ptr
     WorkloadEntry(const WorkloadEntry&) = delete;
     WorkloadEntry& operator=(const WorkloadEntry&) = delete;
 
-    Poco::Clock due;          ///< in the aperiodic workload
-    Poco::Clock renewed;      ///< of a discovered service: when it was last offered
-    std::uint64_t order = 0;  ///< of insertion, over both workloads
+    // What a repeated offer touches is together, in as few cache lines as possible.
+    HashLink<WorkloadEntry> byInstance;
+    ListLink<WorkloadEntry> inRole;
+    Poco::Clock renewed;          ///< of a discovered service: when it was last offered
+    NameEntries* name = nullptr;  ///< set by the index
+    ListLink<WorkloadEntry> inName;
+    ListLink<WorkloadEntry> inWorkload;
     const Workload workload;
     const Role role;
     const bool isUnexpected;  ///< by its type and state when it was inserted
-    // What the index counts it by. It stays as it was at the insertion.
+    // What the index counts it by, as it was at the insertion.
     const std::uint16_t instanceID;
     const std::uint16_t serviceID;
-    std::size_t textSize;  ///< bytes
-
-    NameEntries* name = nullptr;
+    Poco::Clock due;           ///< in the aperiodic workload
+    std::uint64_t order = 0;   ///< of insertion, over both workloads
+    std::size_t textSize;      ///< bytes
     Sender* sender = nullptr;  ///< of a discovered service; null when it is not known
-    HashLink<WorkloadEntry> byInstance;
     HashLink<WorkloadEntry> byUuid;
-    ListLink<WorkloadEntry> inName;
-    ListLink<WorkloadEntry> inRole;
-    ListLink<WorkloadEntry> inWorkload;
 };
 
 /// Discovered services in the order of their last offers, the one that has gone longest without first.
@@ -174,8 +175,9 @@ public:
     /// The records that match, in the workload's order; the identity must have a name and an endpoint.
     std::vector<Entry*> findInstance(const ServiceIdentity& identity, Entry::Workload workload) const;
 
-    /// The one such record in both workloads; null when there is none, or when there are several.
-    Entry* findOnlyInstance(const ServiceIdentity& identity) const;
+    /// The one record in both workloads that is a discovered service of the same name and endpoint; null when
+    /// there is none, or when there are several.
+    Entry* findDiscovered(const SDService& offered) const;
 
     /// How many such records have that role.
     std::size_t countInstance(const ServiceIdentity& identity, Entry::Role role) const;
@@ -203,7 +205,7 @@ private:
     using Names = HashTable<NameEntries, &NameEntries::byName>;
     using Senders = HashTable<Sender, &Sender::byAddress>;
 
-    std::uint64_t hashOfInstance(const std::string& name, const std::string& ip, std::uint16_t port,
+    std::uint64_t hashOfInstance(std::string_view name, std::string_view ip, std::uint16_t port,
                                  std::uint8_t protocol) const;
     std::uint64_t hashOfInstance(const ServiceIdentity& identity) const;
     std::uint64_t hashOfInstance(const SDService& record) const;
@@ -214,6 +216,8 @@ private:
     static void makeRoom(NameEntries& name, const Entry& entry, const Sender* sender);
     void link(Entry& entry, NameEntries& name, Sender* sender) noexcept;
     void refuseNulls() const;
+    void linkUuid(Entry& entry) noexcept;
+    void unlinkUuid(Entry& entry) noexcept;
     void linkDiscovered(Entry& entry) noexcept;
     void unlinkDiscovered(Entry& entry) noexcept;
     void releaseUnused(NameEntries& name, const Entry& entry, Sender* sender) noexcept;

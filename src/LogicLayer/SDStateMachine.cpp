@@ -522,7 +522,7 @@ bool SDStateMachine::handleOFFER(ExternalEvent& event)
         return true;
 
     if (Entry* const search = matches.onlySearch()) {
-        if (!unsafe_discover(service, firstInstance, search))
+        if (!unsafe_discover(service, firstInstance, matches, search))
             return false;
         SD_LOG(Trace) << "SDStateMachine::handleOFFER: replace Wanted \"" << name << "\" with new Service.";
         return true;
@@ -533,7 +533,7 @@ bool SDStateMachine::handleOFFER(ExternalEvent& event)
             writeEventLog(name, description.getIpAddressString(), description.getPort());
             return false;
         }
-        if (!unsafe_discover(service, firstInstance))
+        if (!unsafe_discover(service, firstInstance, matches))
             return false;
         SD_LOG(Trace) << "SDStateMachine::handleOFFER: add \"" << name << "\" as new Service.";
         return true;
@@ -546,7 +546,7 @@ bool SDStateMachine::handleOFFER(ExternalEvent& event)
     if (!duplicates.empty())
         return reportDuplicates("handleOFFER", duplicates);
     const unsigned short instanceID = matches.nextInstanceID();
-    if (!unsafe_discover(service, instanceID))
+    if (!unsafe_discover(service, instanceID, matches))
         return false;
     SD_LOG(Trace) << "SDStateMachine::handleOFFER: add Discovered \"" << name
                   << "\" as new Service instance #" << instanceID;
@@ -574,7 +574,7 @@ bool SDStateMachine::renew(const SDService& offered)
 
 bool SDStateMachine::unsafe_renew(const SDService& offered)
 {
-    Entry* const known = m_index.findOnlyInstance(ServiceIdentity::ofInstance(offered, Type::DISCOVERED));
+    Entry* const known = m_index.findDiscovered(offered);
     if (!known || known->role != Entry::Role::Discovered || (*known)->getState() != State::MAIN_PHASE)
         return false;
     (*known)->setTTL(offered.getTTL());
@@ -911,9 +911,11 @@ void SDStateMachine::unsafe_erase(Entry& entry)
 
 /// Tells the registry of a discovered service and takes it in under the identifier that it gives back. A
 /// search for the service ends when it was taken in.
-bool SDStateMachine::unsafe_discover(SDService::Ptr& service, unsigned short instanceID, Entry* search)
+bool SDStateMachine::unsafe_discover(SDService::Ptr& service, unsigned short instanceID,
+                                     const Matches& matches, Entry* search)
 {
-    const DiscoveryBounds::Verdict verdict = DiscoveryBounds::judge(m_index, *service, search != nullptr);
+    const DiscoveryBounds::Verdict verdict =
+        DiscoveryBounds::judge(m_index, matches.name, *service, search != nullptr);
     if (verdict.outcome != DiscoveryBounds::Outcome::Taken) {
         m_lastRefusal = verdict.outcome;
         m_refusals.add();

@@ -255,7 +255,8 @@ private:
     void unsafe_erase(Entry& entry);
 
     bool unsafe_renew(const SDService& offered);
-    bool unsafe_discover(SDService::Ptr& service, unsigned short instanceID, Entry* search = nullptr);
+    bool unsafe_discover(SDService::Ptr& service, unsigned short instanceID, const Matches& matches,
+                         Entry* search = nullptr);
     bool unsafe_isReflected(const SDService& offered, const Matches& matches);
     bool unsafe_reportUnexpected(const ServiceIdentity& identity) const;
     void unsafe_displace(Entry& entry);
