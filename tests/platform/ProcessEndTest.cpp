@@ -6,9 +6,9 @@
 
 #include <atomic>
 #include <chrono>
-#include <cstdio>
 #include <cstdlib>
 #include <functional>
+#include <iostream>
 #include <thread>
 
 #include <gtest/gtest.h>
@@ -62,7 +62,7 @@ void registerOutlive()
 
 struct Service
 {
-    ~Service() { std::fputs("service ends\n", stderr); }
+    ~Service() { std::cerr << "service ends\n"; }
 };
 
 void offerService()

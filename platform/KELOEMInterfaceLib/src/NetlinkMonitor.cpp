@@ -226,8 +226,9 @@ void NetlinkMonitor::dropNotices() const
 {
     const int socket = nl_socket_get_fd(m_notices.get());
     ssize_t size = 0;
+    char ignored = 0;
     do {
-        size = ::recv(socket, nullptr, 0, MSG_DONTWAIT | MSG_TRUNC);
+        size = ::recv(socket, &ignored, sizeof(ignored), MSG_DONTWAIT | MSG_TRUNC);
     } while (size >= 0 || errno == EINTR || errno == ENOBUFS);
     check(errno == EAGAIN ? 0 : -nl_syserr2nlerr(errno), "notices");
 }
