@@ -23,6 +23,18 @@ const char* levelWord(LogLevel level)
     return "";
 }
 
+/// Nothing when there is no memory for it.
+template <class Text>
+std::string textOrNothing(Text text) noexcept
+{
+    try {
+        return text();
+    }
+    catch (...) {
+        return {};
+    }
+}
+
 }  // namespace
 
 LogLine::LogLine(LogLevel level, const char* file, int line)
@@ -37,19 +49,19 @@ LogLine::~LogLine()
     m_stream << '\n';
 }
 
-std::string currentExceptionText()
+std::string currentExceptionText() noexcept
 {
     try {
         throw;
     }
     catch (const Poco::Exception& exception) {
-        return exception.displayText();
+        return textOrNothing([&] { return exception.displayText(); });
     }
     catch (const std::exception& exception) {
-        return exception.what();
+        return textOrNothing([&] { return std::string(exception.what()); });
     }
     catch (...) {
-        return "unknown exception";
+        return textOrNothing([] { return std::string("unknown exception"); });
     }
 }
 

@@ -57,7 +57,8 @@ private:
     Logging::LogStream m_stream;
 };
 
-/// What the exception says that is being handled; to be called from a catch block.
-std::string currentExceptionText();
+/// The text of the exception that is being handled, only for use in a catch block; empty when there is no
+/// memory for it.
+std::string currentExceptionText() noexcept;
 
 }  // namespace Nubo::ServiceDiscovery
