@@ -1,7 +1,5 @@
 #include "DataLayer/Log.h"
 
-#include <Poco/Exception.h>
-
 namespace Nubo::ServiceDiscovery {
 
 namespace {
@@ -23,18 +21,6 @@ const char* levelWord(LogLevel level)
     return "";
 }
 
-/// Nothing when there is no memory for it.
-template <class Text>
-std::string textOrNothing(Text text) noexcept
-{
-    try {
-        return text();
-    }
-    catch (...) {
-        return {};
-    }
-}
-
 }  // namespace
 
 LogLine::LogLine(LogLevel level, const char* file, int line)
@@ -47,22 +33,6 @@ LogLine::LogLine(LogLevel level, const char* file, int line)
 LogLine::~LogLine()
 {
     m_stream << '\n';
-}
-
-std::string currentExceptionText() noexcept
-{
-    try {
-        throw;
-    }
-    catch (const Poco::Exception& exception) {
-        return textOrNothing([&] { return exception.displayText(); });
-    }
-    catch (const std::exception& exception) {
-        return textOrNothing([&] { return std::string(exception.what()); });
-    }
-    catch (...) {
-        return textOrNothing([] { return std::string("unknown exception"); });
-    }
 }
 
 }  // namespace Nubo::ServiceDiscovery

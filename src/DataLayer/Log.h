@@ -2,8 +2,6 @@
 
 #include <KELUtilLib/Logging.h>
 
-#include <string>
-
 /// Opens a line of the log; what is streamed into it follows the level word, and the line ends by itself:
 ///
 ///     SD_LOG(Error) << "SDRequestHandler - failed to handle Entry #" << number << '.';
@@ -56,9 +54,5 @@ public:
 private:
     Logging::LogStream m_stream;
 };
-
-/// The text of the exception that is being handled, only for use in a catch block; empty when there is no
-/// memory for it.
-std::string currentExceptionText() noexcept;
 
 }  // namespace Nubo::ServiceDiscovery

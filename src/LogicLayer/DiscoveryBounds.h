@@ -41,8 +41,8 @@ public:
         std::vector<WorkloadEntry*> displaced;  ///< when it is taken
     };
 
-    /// Judges a service that is not known yet; `name` is what the index has of its name, if anything. A service
-    /// that this unit has searched for need not keep to the share of its sender.
+    /// Judges a service that is not known yet; `name` is what the index has of its name, if anything. A
+    /// service that this unit has searched for need not keep to the share of its sender.
     static Verdict judge(const RecordIndex& index, const NameEntries* name, const SDService& offered,
                          bool isSearchedFor);
 };

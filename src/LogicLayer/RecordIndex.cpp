@@ -473,7 +473,8 @@ Entry* RecordIndex::find(const SDService::Ptr& record, Entry::Workload workload)
     return found;
 }
 
-/// The length of the name parts it from the address, so that nothing can be moved from the one into the other.
+/// The length of the name parts it from the address, so that nothing can be moved from the one into the
+/// other.
 std::uint64_t RecordIndex::hashOfInstance(std::string_view name, std::string_view ip, std::uint16_t port,
                                           std::uint8_t protocol) const
 {

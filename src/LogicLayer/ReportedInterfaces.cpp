@@ -50,7 +50,7 @@ void persist(Action action) noexcept
         }
         catch (...) {
             SD_LOG(Error) << "SDCommunicationHub - failed to handle the report of an interface: "
-                          << currentExceptionText();
+                          << Logging::currentException;
         }
     }
 }
@@ -180,7 +180,7 @@ Outcome ReportedInterfaces::serve(Interface& interface, Attempt attempt)
         if (attempt == Attempt::Report)
             SD_LOG(Error) << "SDCommunicationHub - failed to use Interface "
                           << Multicast::QuotedInterface{interface.name, interface.ip} << ": "
-                          << currentExceptionText();
+                          << Logging::currentException;
     }
     if (outcome == Outcome::Pending && !interface.isPending)
         interface.pendingSince.update();

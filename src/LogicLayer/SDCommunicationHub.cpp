@@ -207,7 +207,7 @@ void guarded(Step step) noexcept
         step();
     }
     catch (...) {
-        SD_LOG(Error) << "SDCommunicationHub - failed to stop a part: " << currentExceptionText();
+        SD_LOG(Error) << "SDCommunicationHub - failed to stop a part: " << Logging::currentException;
     }
 }
 
@@ -322,7 +322,7 @@ bool SDCommunicationHub::start(const Poco::Net::IPAddress& localAddress)
         }
     }
     catch (...) {
-        SD_LOG(Error) << "SDCommunicationHub - failed to start: " << currentExceptionText();
+        SD_LOG(Error) << "SDCommunicationHub - failed to start: " << Logging::currentException;
     }
     stopReceiving();
     m_running = false;

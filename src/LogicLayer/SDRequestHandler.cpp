@@ -54,7 +54,7 @@ void SDRequestHandler::run()
             handleNext();
         }
         catch (...) {
-            SD_LOG(Error) << "SDRequestHandler - caught exception: " << currentExceptionText();
+            SD_LOG(Error) << "SDRequestHandler - caught exception: " << Logging::currentException;
         }
     }
 }
@@ -151,7 +151,7 @@ void SDRequestHandler::handleEntry(const SOME_IP_SD_Header& packet, std::uint16_
     }
     catch (...) {
         // The datagram's other entries must still be processed.
-        SD_LOG(Error) << "SDRequestHandler - caught exception: " << currentExceptionText();
+        SD_LOG(Error) << "SDRequestHandler - caught exception: " << Logging::currentException;
     }
     if (!handled)
         SD_LOG(Error) << "SDRequestHandler - failed to handle Entry #" << number << "/"

@@ -288,7 +288,7 @@ void SDStateMachine::stop()
         removeAllAnnouncedServices();
     }
     catch (...) {
-        SD_LOG(Error) << "SDStateMachine - failed to withdraw: " << currentExceptionText();
+        SD_LOG(Error) << "SDStateMachine - failed to withdraw: " << Logging::currentException;
     }
     m_aperiodicWorker.stop();
     m_periodicWorker.stop();
@@ -983,7 +983,7 @@ void SDStateMachine::unsafe_displace(Entry& entry)
         unsafe_tellGone(entry);
     }
     catch (...) {
-        SD_LOG(Error) << "SDStateMachine - caught exception: " << currentExceptionText();
+        SD_LOG(Error) << "SDStateMachine - caught exception: " << Logging::currentException;
     }
 }
 
@@ -1017,7 +1017,7 @@ void SDStateMachine::unsafe_sendSafely(const ServicesContainer& services)
         m_hub.announce(services);
     }
     catch (...) {
-        SD_LOG(Error) << "SDStateMachine - failed to announce: " << currentExceptionText();
+        SD_LOG(Error) << "SDStateMachine - failed to announce: " << Logging::currentException;
     }
 }
 
@@ -1027,7 +1027,7 @@ void SDStateMachine::unsafe_sendSafely(const SDService::Ptr& service)
         m_hub.announce(service);
     }
     catch (...) {
-        SD_LOG(Error) << "SDStateMachine - failed to announce: " << currentExceptionText();
+        SD_LOG(Error) << "SDStateMachine - failed to announce: " << Logging::currentException;
     }
 }
 

@@ -126,7 +126,8 @@ void SDStateMachine::AperiodicWorker::handleFirst(const Poco::Clock& now)
     }
     catch (...) {
         // The record stays, to be tried again.
-        SD_LOG(Error) << "SDStateMachine - \"" << m_name << "\" caught exception: " << currentExceptionText();
+        SD_LOG(Error) << "SDStateMachine - \"" << m_name
+                      << "\" caught exception: " << Logging::currentException;
     }
     if (delay == isDone)
         m_workload.erase(entry);
@@ -312,7 +313,8 @@ bool SDStateMachine::PeriodicWorker::expire(WorkloadEntry& entry)
     }
     catch (...) {
         // The other records must still be processed.
-        SD_LOG(Error) << "SDStateMachine - \"" << m_name << "\" caught exception: " << currentExceptionText();
+        SD_LOG(Error) << "SDStateMachine - \"" << m_name
+                      << "\" caught exception: " << Logging::currentException;
     }
     return true;
 }

@@ -97,7 +97,7 @@ private:
         }
         catch (...) {
             SD_LOG(Error) << "SDStateMachine - \"" << m_name
-                          << "\" caught exception: " << currentExceptionText();
+                          << "\" caught exception: " << Logging::currentException;
         }
     }
 

@@ -138,7 +138,7 @@ void MulticastReceiver::guarded(const Poco::AutoPtr<Notification>& notification)
         (this->*handler)(notification);
     }
     catch (...) {
-        SD_LOG(Error) << "MulticastReceiver - caught exception: " << currentExceptionText();
+        SD_LOG(Error) << "MulticastReceiver - caught exception: " << Logging::currentException;
     }
 }
 
@@ -162,7 +162,7 @@ bool MulticastReceiver::start()
         SD_LOG(Error) << "MultiCast binding failed: " << exception.displayText();
     }
     catch (...) {
-        SD_LOG(Error) << "MultiCast binding failed: " << currentExceptionText();
+        SD_LOG(Error) << "MultiCast binding failed: " << Logging::currentException;
     }
     release();
     return false;
@@ -200,7 +200,7 @@ void MulticastReceiver::stop()
         leaveGroupOnInterface_byIP("", "::");
     }
     catch (...) {
-        SD_LOG(Error) << "MulticastReceiver - caught exception: " << currentExceptionText();
+        SD_LOG(Error) << "MulticastReceiver - caught exception: " << Logging::currentException;
     }
     release();
 }
@@ -436,7 +436,7 @@ void MulticastReceiver::unsafe_leaveGroup(const NetworkInterface& interface)
     catch (...) {
         // The interface may be gone, and the membership with it.
         SD_LOG(Debug) << "MulticastReceiver - leaving the group on \"" << interface.name()
-                      << "\": " << currentExceptionText();
+                      << "\": " << Logging::currentException;
     }
 }
 

@@ -3,8 +3,6 @@
 
 #include <KELUtilLib/Logging.h>
 
-#include <Poco/Exception.h>
-
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -53,22 +51,6 @@ TEST(LogTest, NothingIsEvaluatedForALevelThatIsOff)
     Logging::Log::Logger().setLevel(Poco::Message::PRIO_TRACE);
     EXPECT_EQ(evaluations, 1);
     EXPECT_THAT(log.lines(), ElementsAre("Notice: 1"));
-}
-
-TEST(LogTest, TextOfAnyExceptionIsFound)
-{
-    const auto textOf = [](const auto& exception) {
-        try {
-            throw exception;
-        }
-        catch (...) {
-            return currentExceptionText();
-        }
-    };
-
-    EXPECT_EQ(textOf(Poco::NotFoundException("the key")), "Not found: the key");
-    EXPECT_EQ(textOf(std::runtime_error("no luck")), "no luck");
-    EXPECT_EQ(textOf(42), "unknown exception");
 }
 
 }  // namespace Nubo::ServiceDiscovery::Testing
