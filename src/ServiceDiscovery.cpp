@@ -1,7 +1,7 @@
 #include "ServiceDiscovery.h"
 
+#include "DataLayer/InsideEngine.h"
 #include "DataLayer/Log.h"
-#include "LogicLayer/InsideEngine.h"
 #include "LogicLayer/SDCommunicationHub.h"
 
 #include <Poco/Exception.h>

@@ -22,6 +22,8 @@
 #include <chrono>
 #include <cstring>
 
+#include <Common/CurrentException.h>
+
 namespace Nubo::ServiceDiscovery {
 
 using SOME_IP_SD_Types::OptionKeywords;
@@ -207,7 +209,7 @@ void guarded(Step step) noexcept
         step();
     }
     catch (...) {
-        SD_LOG(Error) << "SDCommunicationHub - failed to stop a part: " << Logging::currentException;
+        SD_LOG(Error) << "SDCommunicationHub - failed to stop a part: " << Common::currentException;
     }
 }
 
@@ -322,7 +324,7 @@ bool SDCommunicationHub::start(const Poco::Net::IPAddress& localAddress)
         }
     }
     catch (...) {
-        SD_LOG(Error) << "SDCommunicationHub - failed to start: " << Logging::currentException;
+        SD_LOG(Error) << "SDCommunicationHub - failed to start: " << Common::currentException;
     }
     stopReceiving();
     m_running = false;

@@ -1,12 +1,12 @@
 #pragma once
 
 #include "LogicLayer/DropCounter.h"
-#include "LogicLayer/ReportedInterfaces.h"
 #include "LogicLayer/SDMessageNotification.h"
 #include "LogicLayer/SDRequestHandler.h"
 #include "LogicLayer/SDStateMachine.h"
 #include "Multicast/MulticastReceiver.h"
 #include "Multicast/MulticastSender.h"
+#include "Multicast/ReportedInterfaces.h"
 #include "ServiceDiscovery.h"
 
 #include <KELOEMInterfaceLib/OEMDispatcherCalls.h>
@@ -160,7 +160,7 @@ private:
     std::atomic<bool> m_running{false};
     std::uint16_t m_senderSessionID = 1;
 
-    ReportedInterfaces m_reportedInterfaces{m_receiver, m_sender};
+    Multicast::ReportedInterfaces m_reportedInterfaces{m_receiver, m_sender};
     std::timed_mutex m_lifecycleMutex;                 // serialises start and stop
     std::atomic<std::thread::id> m_lifecycleThread{};  // that holds it
     std::atomic<bool> m_isStopping{false};

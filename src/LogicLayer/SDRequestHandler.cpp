@@ -11,6 +11,8 @@
 #include <istream>
 #include <streambuf>
 
+#include <Common/CurrentException.h>
+
 namespace Nubo::ServiceDiscovery {
 
 namespace {
@@ -54,7 +56,7 @@ void SDRequestHandler::run()
             handleNext();
         }
         catch (...) {
-            SD_LOG(Error) << "SDRequestHandler - caught exception: " << Logging::currentException;
+            SD_LOG(Error) << "SDRequestHandler - caught exception: " << Common::currentException;
         }
     }
 }
@@ -151,7 +153,7 @@ void SDRequestHandler::handleEntry(const SOME_IP_SD_Header& packet, std::uint16_
     }
     catch (...) {
         // The datagram's other entries must still be processed.
-        SD_LOG(Error) << "SDRequestHandler - caught exception: " << Logging::currentException;
+        SD_LOG(Error) << "SDRequestHandler - caught exception: " << Common::currentException;
     }
     if (!handled)
         SD_LOG(Error) << "SDRequestHandler - failed to handle Entry #" << number << "/"

@@ -15,6 +15,8 @@
 #include <ostream>
 #include <utility>
 
+#include <Common/CurrentException.h>
+
 namespace Nubo::ServiceDiscovery {
 
 using SOME_IP_SD_Types::EntryValues;
@@ -288,7 +290,7 @@ void SDStateMachine::stop()
         removeAllAnnouncedServices();
     }
     catch (...) {
-        SD_LOG(Error) << "SDStateMachine - failed to withdraw: " << Logging::currentException;
+        SD_LOG(Error) << "SDStateMachine - failed to withdraw: " << Common::currentException;
     }
     m_aperiodicWorker.stop();
     m_periodicWorker.stop();
@@ -983,7 +985,7 @@ void SDStateMachine::unsafe_displace(Entry& entry)
         unsafe_tellGone(entry);
     }
     catch (...) {
-        SD_LOG(Error) << "SDStateMachine - caught exception: " << Logging::currentException;
+        SD_LOG(Error) << "SDStateMachine - caught exception: " << Common::currentException;
     }
 }
 
@@ -1017,7 +1019,7 @@ void SDStateMachine::unsafe_sendSafely(const ServicesContainer& services)
         m_hub.announce(services);
     }
     catch (...) {
-        SD_LOG(Error) << "SDStateMachine - failed to announce: " << Logging::currentException;
+        SD_LOG(Error) << "SDStateMachine - failed to announce: " << Common::currentException;
     }
 }
 
@@ -1027,7 +1029,7 @@ void SDStateMachine::unsafe_sendSafely(const SDService::Ptr& service)
         m_hub.announce(service);
     }
     catch (...) {
-        SD_LOG(Error) << "SDStateMachine - failed to announce: " << Logging::currentException;
+        SD_LOG(Error) << "SDStateMachine - failed to announce: " << Common::currentException;
     }
 }
 

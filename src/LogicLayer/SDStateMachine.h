@@ -1,9 +1,9 @@
 #pragma once
 
+#include "DataLayer/InsideEngine.h"
 #include "DataLayer/SDService.h"
 #include "LogicLayer/DiscoveryBounds.h"
 #include "LogicLayer/DropCounter.h"
-#include "LogicLayer/InsideEngine.h"
 #include "LogicLayer/RecordIndex.h"
 #include "LogicLayer/ServiceIdentity.h"
 #include "LogicLayer/TimebasedWorker.h"

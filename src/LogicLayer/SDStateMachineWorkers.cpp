@@ -11,6 +11,8 @@
 
 #include <algorithm>
 
+#include <Common/CurrentException.h>
+
 namespace Nubo::ServiceDiscovery {
 
 using State = SDService::State;
@@ -127,7 +129,7 @@ void SDStateMachine::AperiodicWorker::handleFirst(const Poco::Clock& now)
     catch (...) {
         // The record stays, to be tried again.
         SD_LOG(Error) << "SDStateMachine - \"" << m_name
-                      << "\" caught exception: " << Logging::currentException;
+                      << "\" caught exception: " << Common::currentException;
     }
     if (delay == isDone)
         m_workload.erase(entry);
@@ -314,7 +316,7 @@ bool SDStateMachine::PeriodicWorker::expire(WorkloadEntry& entry)
     catch (...) {
         // The other records must still be processed.
         SD_LOG(Error) << "SDStateMachine - \"" << m_name
-                      << "\" caught exception: " << Logging::currentException;
+                      << "\" caught exception: " << Common::currentException;
     }
     return true;
 }

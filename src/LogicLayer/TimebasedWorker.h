@@ -15,6 +15,8 @@
 #include <thread>
 #include <utility>
 
+#include <Common/CurrentException.h>
+
 namespace Nubo::ServiceDiscovery {
 
 /// Works on one of the state machine's workloads whenever its timer fires. The timer has a thread of its
@@ -97,7 +99,7 @@ private:
         }
         catch (...) {
             SD_LOG(Error) << "SDStateMachine - \"" << m_name
-                          << "\" caught exception: " << Logging::currentException;
+                          << "\" caught exception: " << Common::currentException;
         }
     }
 

@@ -6,7 +6,6 @@
 #include "Multicast/InterfaceAdmission.h"
 
 #include <KELUtilLib/DebugUtils.h>
-#include <KELUtilLib/Descriptors.h>
 
 #include <Poco/Exception.h>
 #include <Poco/NObserver.h>
@@ -21,6 +20,8 @@
 #include <new>
 #include <optional>
 
+#include <Common/CurrentException.h>
+#include <Common/StandardStreamGuard.h>
 #include <sys/socket.h>
 
 namespace Nubo::ServiceDiscovery::Multicast {
@@ -77,7 +78,7 @@ struct MulticastReceiver::Service
     }
 
     /// While the members below are made, none of their descriptors becomes a standard stream.
-    std::optional<Descriptors::StandardStreamGuard> guard{std::in_place};
+    std::optional<Common::StandardStreamGuard> guard{std::in_place};
     MulticastSocket socket{SocketAddress::IPv6};
     SocketReactor reactor{Poco::Timespan(0, pollTimeout)};
     Poco::Thread thread;
@@ -138,7 +139,7 @@ void MulticastReceiver::guarded(const Poco::AutoPtr<Notification>& notification)
         (this->*handler)(notification);
     }
     catch (...) {
-        SD_LOG(Error) << "MulticastReceiver - caught exception: " << Logging::currentException;
+        SD_LOG(Error) << "MulticastReceiver - caught exception: " << Common::currentException;
     }
 }
 
@@ -162,7 +163,7 @@ bool MulticastReceiver::start()
         SD_LOG(Error) << "MultiCast binding failed: " << exception.displayText();
     }
     catch (...) {
-        SD_LOG(Error) << "MultiCast binding failed: " << Logging::currentException;
+        SD_LOG(Error) << "MultiCast binding failed: " << Common::currentException;
     }
     release();
     return false;
@@ -200,7 +201,7 @@ void MulticastReceiver::stop()
         leaveGroupOnInterface_byIP("", "::");
     }
     catch (...) {
-        SD_LOG(Error) << "MulticastReceiver - caught exception: " << Logging::currentException;
+        SD_LOG(Error) << "MulticastReceiver - caught exception: " << Common::currentException;
     }
     release();
 }
@@ -436,7 +437,7 @@ void MulticastReceiver::unsafe_leaveGroup(const NetworkInterface& interface)
     catch (...) {
         // The interface may be gone, and the membership with it.
         SD_LOG(Debug) << "MulticastReceiver - leaving the group on \"" << interface.name()
-                      << "\": " << Logging::currentException;
+                      << "\": " << Common::currentException;
     }
 }
 

@@ -6,14 +6,14 @@
 #include "Multicast/CloseOnExec.h"
 #include "Multicast/InterfaceAdmission.h"
 
-#include <KELUtilLib/Descriptors.h>
-
 #include <Poco/Exception.h>
 #include <Poco/Net/NetException.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <new>
+
+#include <Common/StandardStreamGuard.h>
 
 namespace Nubo::ServiceDiscovery::Multicast {
 
@@ -178,7 +178,7 @@ Outcome MulticastSender::unsafe_add(const AdmittedInterface& admitted, const std
 
 void MulticastSender::unsafe_open(const AdmittedInterface& admitted)
 {
-    const Descriptors::StandardStreamGuard guard;
+    const Common::StandardStreamGuard guard;
     SocketPtr socket = new MulticastSocket(SocketAddress(admitted.address, 0), false);
     closeOnExec(*socket);
     socket->setInterface(admitted.interface);

@@ -65,7 +65,6 @@ teardown() { [ ! -e "$PREFIX.away" ] || mv "$PREFIX.away" "$PREFIX"; }
 ./KELServiceDiscoveryLib/KELOEMInterfaceLib/OEMDispatcherCalls.h
 ./KELServiceDiscoveryLib/KELUtilLib/ApplicationServices.h
 ./KELServiceDiscoveryLib/KELUtilLib/DebugUtils.h
-./KELServiceDiscoveryLib/KELUtilLib/Descriptors.h
 ./KELServiceDiscoveryLib/KELUtilLib/Export.h
 ./KELServiceDiscoveryLib/KELUtilLib/Logging.h
 ./KELServiceDiscoveryLib/ServiceDiscovery.h'

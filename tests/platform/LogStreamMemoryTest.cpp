@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include <Common/CurrentException.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -91,7 +92,7 @@ TEST_F(LogStreamMemoryTest, TextOfAnExceptionIsItsKindAtLeast)
             throw Poco::IOException("the disk of this unit is full");
         }
         catch (const std::exception&) {
-            EXPECT_FALSE(fault.strikes([&] { stream << Logging::currentException; }));
+            EXPECT_FALSE(fault.strikes([&] { stream << Common::currentException; }));
         }
 
         EXPECT_THAT(stream.str(), StartsWith(fault.hasStruck() ? "I/O error   "

@@ -6,8 +6,6 @@
 
 #include <atomic>
 #include <mutex>
-#include <sstream>
-#include <stdexcept>
 #include <string>
 #include <thread>
 #include <vector>
@@ -176,24 +174,6 @@ TEST_F(LogStreamTest, ThreadsMayShareTheLogger)
     other.join();
 
     EXPECT_EQ(channel->texts().size(), 2u * each);
-}
-
-TEST(CurrentExceptionTest, TextOfAnyExceptionIsStreamed)
-{
-    const auto textOf = [](const auto& exception) {
-        std::ostringstream stream;
-        try {
-            throw exception;
-        }
-        catch (...) {
-            stream << Logging::currentException;
-        }
-        return stream.str();
-    };
-
-    EXPECT_EQ(textOf(Poco::NotFoundException("the key")), "Not found: the key");
-    EXPECT_EQ(textOf(std::runtime_error("no luck")), "no luck");
-    EXPECT_EQ(textOf(42), "unknown exception");
 }
 
 }  // namespace Nubo::ServiceDiscovery::Testing

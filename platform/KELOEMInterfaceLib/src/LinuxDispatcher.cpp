@@ -9,6 +9,7 @@
 #include <optional>
 #include <vector>
 
+#include <Common/CurrentException.h>
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <unistd.h>
@@ -27,7 +28,7 @@ void logFailure(const char* what, const std::string& name, const std::string& ip
         Logging::LogStream log(Logging::Log::Logger(), Poco::Message::PRIO_ERROR);
         log.addDefaultOutput(__FILE__, __LINE__);
         log << "Error: LinuxDispatcher - a delegate failed to " << what << " the interface \"" << name
-            << "\" @ [" << ip << "]: " << Logging::currentException << '\n';
+            << "\" @ [" << ip << "]: " << Common::currentException << '\n';
     }
     catch (const std::bad_alloc&) {
         // The first use of the logger takes memory.

@@ -3,7 +3,6 @@
 
 #include <KELOEMInterfaceLib/NetlinkDispatcher.h>
 #include <KELUtilLib/DebugUtils.h>
-#include <KELUtilLib/Descriptors.h>
 #include <KELUtilLib/Logging.h>
 
 #include <Poco/Exception.h>
@@ -17,6 +16,8 @@
 #include <system_error>
 #include <thread>
 
+#include <Common/CurrentException.h>
+#include <Common/StandardStreamGuard.h>
 #include <poll.h>
 #include <sys/eventfd.h>
 #include <unistd.h>
@@ -46,7 +47,7 @@ public:
 private:
     static int open()
     {
-        const Descriptors::StandardStreamGuard guard;
+        const Common::StandardStreamGuard guard;
         const int descriptor = ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
         if (descriptor < 0)
             throw Poco::IOException("cannot create an event descriptor", errno);
@@ -144,7 +145,7 @@ private:
         try {
             Logging::LogStream log(Logging::Log::Logger(), Poco::Message::PRIO_ERROR);
             log.addDefaultOutput(__FILE__, __LINE__);
-            log << "Error: NetlinkDispatcher - " << Logging::currentException << '\n';
+            log << "Error: NetlinkDispatcher - " << Common::currentException << '\n';
         }
         catch (const std::bad_alloc&) {
             // The first use of the logger takes memory.

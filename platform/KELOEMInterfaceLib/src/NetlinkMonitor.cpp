@@ -1,7 +1,5 @@
 #include "NetlinkMonitor.h"
 
-#include <KELUtilLib/Descriptors.h>
-
 #include <Poco/Exception.h>
 
 #include <array>
@@ -12,6 +10,7 @@
 #include <string_view>
 #include <utility>
 
+#include <Common/StandardStreamGuard.h>
 #include <arpa/inet.h>
 #include <linux/if_addr.h>
 #include <linux/rtnetlink.h>
@@ -146,7 +145,7 @@ NetlinkMonitor::~NetlinkMonitor() = default;
 
 NetlinkMonitor::Socket NetlinkMonitor::openSocket()
 {
-    const Descriptors::StandardStreamGuard guard;
+    const Common::StandardStreamGuard guard;
     Socket socket(nl_socket_alloc());
     check(socket ? 0 : -NLE_NOMEM, "open");
     check(nl_connect(socket.get(), NETLINK_ROUTE), "open");

@@ -49,11 +49,4 @@ private:
     int m_line = 0;
 };
 
-/// Streams the text of the exception that is being handled; only for use in a catch block:
-///
-///     log << "Error: … failed: " << Logging::currentException << '\n';
-///
-/// Throws nothing, even if that exception says that memory is short.
-KEL_UTIL_EXPORT std::ostream& currentException(std::ostream& stream);
-
 }  // namespace Logging

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "LogicLayer/InsideEngine.h"
+#include "DataLayer/InsideEngine.h"
 #include "Multicast/InterfaceAdmission.h"
 #include "Multicast/InterfaceListing.h"
 
@@ -13,12 +13,10 @@
 #include <thread>
 #include <vector>
 
-namespace Nubo::ServiceDiscovery {
+namespace Nubo::ServiceDiscovery::Multicast {
 
-namespace Multicast {
 class MulticastReceiver;
 class MulticastSender;
-}  // namespace Multicast
 
 /// The interfaces that the platform has reported and not taken back. It serves receiver and sender, which
 /// therefore always use the same ones: when a report comes, at every start, and after a failure that may pass
@@ -30,7 +28,7 @@ class MulticastSender;
 class ReportedInterfaces
 {
 public:
-    ReportedInterfaces(Multicast::MulticastReceiver& receiver, Multicast::MulticastSender& sender);
+    ReportedInterfaces(MulticastReceiver& receiver, MulticastSender& sender);
     /// Ends the thread.
     ~ReportedInterfaces();
 
@@ -69,21 +67,21 @@ private:
     void giveBack(const std::string& name, const std::string& ip);
     std::vector<Interface>::iterator find(const std::string& name, const Poco::Net::IPAddress& address);
     void forget(const std::string& name, const std::string& ip);
-    Multicast::Outcome serve(Interface& interface, Multicast::Attempt attempt);
+    Outcome serve(Interface& interface, Attempt attempt);
     bool hasPending() const;
     Poco::Clock::ClockDiff wait() const;
     void startRetrying();
     void retry();
 
-    Multicast::MulticastReceiver& m_receiver;
-    Multicast::MulticastSender& m_sender;
+    MulticastReceiver& m_receiver;
+    MulticastSender& m_sender;
     std::mutex m_mutex;  // guards what follows
     std::vector<Interface> m_interfaces;
-    Multicast::InterfaceListing::Ptr m_listing;
+    InterfaceListing::Ptr m_listing;
     bool m_isRunning = false;
     bool m_isRetrying = false;  // the thread has not ended
     std::thread m_thread;
     std::condition_variable m_changed;
 };
 
-}  // namespace Nubo::ServiceDiscovery
+}  // namespace Nubo::ServiceDiscovery::Multicast

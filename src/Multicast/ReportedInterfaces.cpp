@@ -1,4 +1,4 @@
-#include "LogicLayer/ReportedInterfaces.h"
+#include "Multicast/ReportedInterfaces.h"
 
 #include "DataLayer/Log.h"
 #include "LogicLayer/SDCommunicationHub.h"
@@ -12,13 +12,11 @@
 #include <optional>
 #include <system_error>
 
+#include <Common/CurrentException.h>
 #include <net/if.h>
 
-namespace Nubo::ServiceDiscovery {
+namespace Nubo::ServiceDiscovery::Multicast {
 
-using Multicast::Attempt;
-using Multicast::InterfaceListing;
-using Multicast::Outcome;
 using Poco::Net::IPAddress;
 
 namespace {
@@ -50,7 +48,7 @@ void persist(Action action) noexcept
         }
         catch (...) {
             SD_LOG(Error) << "SDCommunicationHub - failed to handle the report of an interface: "
-                          << Logging::currentException;
+                          << Common::currentException;
         }
     }
 }
@@ -58,15 +56,14 @@ void persist(Action action) noexcept
 /// Whether the listing shows an interface that can be used, and still has that index.
 bool shows(const InterfaceListing& listing, const std::string& name, const std::string& ip)
 {
-    Multicast::AdmittedInterface admitted;
-    return Multicast::admitInterface(name, ip, listing, admitted) == Multicast::Admission::Good &&
+    AdmittedInterface admitted;
+    return admitInterface(name, ip, listing, admitted) == Admission::Good &&
            ::if_nametoindex(name.c_str()) == admitted.interface.index();
 }
 
 }  // namespace
 
-ReportedInterfaces::ReportedInterfaces(Multicast::MulticastReceiver& receiver,
-                                       Multicast::MulticastSender& sender)
+ReportedInterfaces::ReportedInterfaces(MulticastReceiver& receiver, MulticastSender& sender)
     : m_receiver(receiver)
     , m_sender(sender)
 {}
@@ -102,7 +99,7 @@ void ReportedInterfaces::remove(const char* name, const char* ip) noexcept
 
 void ReportedInterfaces::take(const std::string& name, const std::string& ip)
 {
-    const std::optional<IPAddress> address = Multicast::parseAddress(ip);
+    const std::optional<IPAddress> address = parseAddress(ip);
     if (!address) {
         Interface unusable{name, ip};
         serve(unusable, Attempt::Report);  // which says so in the log
@@ -135,7 +132,7 @@ void ReportedInterfaces::giveBack(const std::string& name, const std::string& ip
 /// sender and receiver.
 void ReportedInterfaces::forget(const std::string& name, const std::string& ip)
 {
-    const std::optional<IPAddress> address = Multicast::parseAddress(ip);
+    const std::optional<IPAddress> address = parseAddress(ip);
     if (!address)
         return;
     if (address->isWildcard()) {
@@ -147,7 +144,7 @@ void ReportedInterfaces::forget(const std::string& name, const std::string& ip)
         m_interfaces.erase(exact);
         return;
     }
-    const InterfaceListing::Ptr listing = Multicast::listingIfAny();
+    const InterfaceListing::Ptr listing = listingIfAny();
     const auto* const interface = listing->find(name);
     if (!interface || !SDCommunicationHub::containsIP(interface->addressList(), *address, name))
         return;
@@ -160,7 +157,7 @@ std::vector<ReportedInterfaces::Interface>::iterator ReportedInterfaces::find(co
                                                                               const IPAddress& address)
 {
     return std::find_if(m_interfaces.begin(), m_interfaces.end(), [&](const Interface& interface) {
-        return interface.name == name && Multicast::isSameAddress(interface.address, address);
+        return interface.name == name && isSameAddress(interface.address, address);
     });
 }
 
@@ -179,8 +176,8 @@ Outcome ReportedInterfaces::serve(Interface& interface, Attempt attempt)
     catch (...) {
         if (attempt == Attempt::Report)
             SD_LOG(Error) << "SDCommunicationHub - failed to use Interface "
-                          << Multicast::QuotedInterface{interface.name, interface.ip} << ": "
-                          << Logging::currentException;
+                          << QuotedInterface{interface.name, interface.ip} << ": "
+                          << Common::currentException;
     }
     if (outcome == Outcome::Pending && !interface.isPending)
         interface.pendingSince.update();
@@ -258,4 +255,4 @@ void ReportedInterfaces::retry()
     m_isRetrying = false;
 }
 
-}  // namespace Nubo::ServiceDiscovery
+}  // namespace Nubo::ServiceDiscovery::Multicast

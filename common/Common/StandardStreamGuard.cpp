@@ -1,4 +1,4 @@
-#include <KELUtilLib/Descriptors.h>
+#include "Common/StandardStreamGuard.h"
 
 #include <Poco/Exception.h>
 
@@ -13,7 +13,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-namespace Descriptors {
+namespace Common {
 
 namespace {
 
@@ -93,4 +93,4 @@ StandardStreamGuard::~StandardStreamGuard()
         giveStreamsBack();
 }
 
-}  // namespace Descriptors
+}  // namespace Common

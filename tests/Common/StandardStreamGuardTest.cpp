@@ -1,5 +1,3 @@
-#include <KELUtilLib/Descriptors.h>
-
 #include <Poco/Exception.h>
 
 #include <array>
@@ -14,6 +12,7 @@
 #include <utility>
 #include <vector>
 
+#include <Common/StandardStreamGuard.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/eventfd.h>
@@ -23,7 +22,7 @@
 
 namespace Nubo::ServiceDiscovery::Testing {
 
-using Descriptors::StandardStreamGuard;
+using Common::StandardStreamGuard;
 
 namespace {
 
