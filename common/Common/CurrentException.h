@@ -1,8 +1,8 @@
 #pragma once
 
-#include <iosfwd>
-
 #include <Common/CurrentException.h>
+
+#include <iosfwd>
 
 namespace Common {
 

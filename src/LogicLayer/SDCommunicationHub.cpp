@@ -8,6 +8,7 @@
 #include "DataLayer/SOME_IP_SD/SOME_IP_SD_Option_LoadBalancing.h"
 #include "ServiceDiscovery.h"
 
+#include <Common/CurrentException.h>
 #include <KELOEMInterfaceLib/OEMDispatcher.h>
 #include <KELUtilLib/ApplicationServices.h>
 
@@ -21,8 +22,6 @@
 #include <array>
 #include <chrono>
 #include <cstring>
-
-#include <Common/CurrentException.h>
 
 namespace Nubo::ServiceDiscovery {
 

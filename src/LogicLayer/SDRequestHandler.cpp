@@ -3,6 +3,7 @@
 #include "DataLayer/Log.h"
 #include "LogicLayer/SDMessageNotification.h"
 
+#include <Common/CurrentException.h>
 #include <KELUtilLib/DebugUtils.h>
 
 #include <Poco/AutoPtr.h>
@@ -10,8 +11,6 @@
 
 #include <istream>
 #include <streambuf>
-
-#include <Common/CurrentException.h>
 
 namespace Nubo::ServiceDiscovery {
 

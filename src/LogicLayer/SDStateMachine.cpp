@@ -5,6 +5,7 @@
 #include "LogicLayer/SDCommunicationHub.h"
 #include "ServiceDiscovery.h"
 
+#include <Common/CurrentException.h>
 #include <KELOEMInterfaceLib/OEMDispatcher.h>
 #include <KELUtilLib/ApplicationServices.h>
 
@@ -14,8 +15,6 @@
 #include <optional>
 #include <ostream>
 #include <utility>
-
-#include <Common/CurrentException.h>
 
 namespace Nubo::ServiceDiscovery {
 

@@ -5,13 +5,12 @@
 #include "LogicLayer/SDCommunicationHub.h"
 #include "LogicLayer/SDStateMachine.h"
 
+#include <Common/CurrentException.h>
 #include <KELUtilLib/DebugUtils.h>
 
 #include <Poco/Thread.h>
 
 #include <algorithm>
-
-#include <Common/CurrentException.h>
 
 namespace Nubo::ServiceDiscovery {
 

@@ -3,6 +3,8 @@
 #include "DataLayer/Log.h"
 #include "DataLayer/SDClock.h"
 
+#include <Common/CurrentException.h>
+
 #include <Poco/Clock.h>
 #include <Poco/Mutex.h>
 #include <Poco/ThreadPool.h>
@@ -14,8 +16,6 @@
 #include <string>
 #include <thread>
 #include <utility>
-
-#include <Common/CurrentException.h>
 
 namespace Nubo::ServiceDiscovery {
 

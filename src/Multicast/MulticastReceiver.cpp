@@ -5,6 +5,8 @@
 #include "Multicast/CloseOnExec.h"
 #include "Multicast/InterfaceAdmission.h"
 
+#include <Common/CurrentException.h>
+#include <Common/StandardStreamGuard.h>
 #include <KELUtilLib/DebugUtils.h>
 
 #include <Poco/Exception.h>
@@ -20,8 +22,6 @@
 #include <new>
 #include <optional>
 
-#include <Common/CurrentException.h>
-#include <Common/StandardStreamGuard.h>
 #include <sys/socket.h>
 
 namespace Nubo::ServiceDiscovery::Multicast {

@@ -6,14 +6,14 @@
 #include "Multicast/CloseOnExec.h"
 #include "Multicast/InterfaceAdmission.h"
 
+#include <Common/StandardStreamGuard.h>
+
 #include <Poco/Exception.h>
 #include <Poco/Net/NetException.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <new>
-
-#include <Common/StandardStreamGuard.h>
 
 namespace Nubo::ServiceDiscovery::Multicast {
 

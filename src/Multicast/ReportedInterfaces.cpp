@@ -5,6 +5,7 @@
 #include "Multicast/MulticastReceiver.h"
 #include "Multicast/MulticastSender.h"
 
+#include <Common/CurrentException.h>
 #include <KELUtilLib/DebugUtils.h>
 
 #include <algorithm>
@@ -12,7 +13,6 @@
 #include <optional>
 #include <system_error>
 
-#include <Common/CurrentException.h>
 #include <net/if.h>
 
 namespace Nubo::ServiceDiscovery::Multicast {

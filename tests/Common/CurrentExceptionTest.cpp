@@ -1,10 +1,11 @@
+#include <Common/CurrentException.h>
+
 #include <Poco/Exception.h>
 
 #include <sstream>
 #include <stdexcept>
 #include <string>
 
-#include <Common/CurrentException.h>
 #include <gtest/gtest.h>
 
 namespace Nubo::ServiceDiscovery::Testing {

@@ -1,3 +1,5 @@
+#include <Common/StandardStreamGuard.h>
+
 #include <Poco/Exception.h>
 
 #include <array>
@@ -12,7 +14,6 @@
 #include <utility>
 #include <vector>
 
-#include <Common/StandardStreamGuard.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/eventfd.h>

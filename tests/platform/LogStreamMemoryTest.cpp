@@ -1,5 +1,6 @@
 #include "AllocationFault.h"
 
+#include <Common/CurrentException.h>
 #include <KELUtilLib/Logging.h>
 
 #include <Poco/AutoPtr.h>
@@ -10,7 +11,6 @@
 #include <string>
 #include <vector>
 
-#include <Common/CurrentException.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 

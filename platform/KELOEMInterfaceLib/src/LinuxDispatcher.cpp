@@ -1,3 +1,4 @@
+#include <Common/CurrentException.h>
 #include <KELOEMInterfaceLib/LinuxDispatcher.h>
 #include <KELUtilLib/Logging.h>
 
@@ -9,7 +10,6 @@
 #include <optional>
 #include <vector>
 
-#include <Common/CurrentException.h>
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <unistd.h>

@@ -1,6 +1,8 @@
 #include "NetlinkMonitor.h"
 #include "ReportedInterfaces.h"
 
+#include <Common/CurrentException.h>
+#include <Common/StandardStreamGuard.h>
 #include <KELOEMInterfaceLib/NetlinkDispatcher.h>
 #include <KELUtilLib/DebugUtils.h>
 #include <KELUtilLib/Logging.h>
@@ -16,8 +18,6 @@
 #include <system_error>
 #include <thread>
 
-#include <Common/CurrentException.h>
-#include <Common/StandardStreamGuard.h>
 #include <poll.h>
 #include <sys/eventfd.h>
 #include <unistd.h>

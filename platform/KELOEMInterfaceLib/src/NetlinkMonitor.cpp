@@ -1,5 +1,7 @@
 #include "NetlinkMonitor.h"
 
+#include <Common/StandardStreamGuard.h>
+
 #include <Poco/Exception.h>
 
 #include <array>
@@ -10,7 +12,6 @@
 #include <string_view>
 #include <utility>
 
-#include <Common/StandardStreamGuard.h>
 #include <arpa/inet.h>
 #include <linux/if_addr.h>
 #include <linux/rtnetlink.h>
