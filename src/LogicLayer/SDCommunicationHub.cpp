@@ -20,7 +20,6 @@
 
 #include <algorithm>
 #include <array>
-#include <chrono>
 #include <cstring>
 
 namespace Nubo::ServiceDiscovery {
@@ -272,37 +271,41 @@ class SDCommunicationHub::LifecycleLock
 {
 public:
     /// Waits for as long as it takes.
-    explicit LifecycleLock(SDCommunicationHub& hub) : m_hub(hub), m_lock(hub.m_lifecycleMutex) { note(); }
-    /// Waits for so long at most.
-    LifecycleLock(SDCommunicationHub& hub, std::chrono::milliseconds atMost)
-        : m_hub(hub)
-        , m_lock(hub.m_lifecycleMutex, atMost)
+    explicit LifecycleLock(SDCommunicationHub& hub) : m_hub(hub)
     {
-        if (isHeld())
-            note();
+        m_hub.m_lifecycleMutex.lock();
+        m_hub.m_lifecycleThread = std::this_thread::get_id();
+    }
+    /// Waits for so many milliseconds at most.
+    LifecycleLock(SDCommunicationHub& hub, long atMost)
+        : m_hub(hub)
+        , m_isHeld(hub.m_lifecycleMutex.tryLock(atMost))
+    {
+        if (m_isHeld)
+            m_hub.m_lifecycleThread = std::this_thread::get_id();
     }
     ~LifecycleLock()
     {
-        if (isHeld())
-            m_hub.m_lifecycleThread = std::thread::id();
+        if (!m_isHeld)
+            return;
+        m_hub.m_lifecycleThread = std::thread::id();
+        m_hub.m_lifecycleMutex.unlock();
     }
 
     LifecycleLock(const LifecycleLock&) = delete;
     LifecycleLock& operator=(const LifecycleLock&) = delete;
 
-    bool isHeld() const { return m_lock.owns_lock(); }
+    bool isHeld() const { return m_isHeld; }
 
 private:
-    void note() { m_hub.m_lifecycleThread = std::this_thread::get_id(); }
-
     const InsideEngine m_inside;  // a log channel must not call into the engine under its lock
     SDCommunicationHub& m_hub;
-    std::unique_lock<std::timed_mutex> m_lock;
+    const bool m_isHeld = true;
 };
 
 bool SDCommunicationHub::start(const Poco::Net::IPAddress& localAddress)
 {
-    const LifecycleLock lock(*this, std::chrono::milliseconds(longestStop));
+    const LifecycleLock lock(*this, longestStop);
     if (!lock.isHeld()) {
         SD_LOG(Error)
             << "SDCommunicationHub - a subscriber still holds up the engine, which is being stopped.";

@@ -21,7 +21,6 @@
 #include <cstddef>
 #include <cstdint>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <thread>
 #include <utility>
@@ -161,7 +160,7 @@ private:
     std::uint16_t m_senderSessionID = 1;
 
     Multicast::ReportedInterfaces m_reportedInterfaces{m_receiver, m_sender};
-    std::timed_mutex m_lifecycleMutex;                 // serialises start and stop
+    Poco::FastMutex m_lifecycleMutex;                  // serialises start and stop
     std::atomic<std::thread::id> m_lifecycleThread{};  // that holds it
     std::atomic<bool> m_isStopping{false};
     const pid_t m_process = ::getpid();  // that the engine belongs to
