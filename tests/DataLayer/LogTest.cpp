@@ -27,6 +27,15 @@ TEST(LogTest, EveryLevelHasItsWordAndItsPriority)
     EXPECT_THAT(log.traces(), ElementsAre("Trace: five"));
 }
 
+TEST(LogTest, LineEndOfTheTextItselfIsKept)
+{
+    const LogCatcher log;
+
+    SD_LOG(Error) << "first\nlast\n";
+
+    EXPECT_THAT(log.lines(), ElementsAre("Error: first\nlast\n"));
+}
+
 TEST(LogTest, MessageCarriesItsPlaceInTheSource)
 {
     const LogCatcher log;

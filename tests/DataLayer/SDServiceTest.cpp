@@ -309,9 +309,9 @@ TEST(SDServiceTest, DeadlineIsComputedFromAllBitsOfTheTTL)
 
     EXPECT_EQ(service.getTTL(), 0xffffffffu);
     EXPECT_EQ(service.getSecondsLeft(), 0xffffffffu);
-    SDClock::turn(49710 * day);
+    SDClock::turn(0xffffff00 * second);
     EXPECT_FALSE(service.isTTLElapsed());
-    SDClock::turn(day);
+    SDClock::turn(0xff * second);
     EXPECT_TRUE(service.isTTLElapsed());
 }
 

@@ -213,6 +213,10 @@ TEST_F(SOME_IPTest, UpdateLengthCountsThePayloadAndEightHeaderBytes)
 
     EXPECT_EQ(header.getLength(), 20u);
     EXPECT_EQ(header.getSize(), 28u);
+
+    header.updateLength(0xfffffff7);
+
+    EXPECT_EQ(header.getLength(), 0xffffffffu);
 }
 
 TEST_F(SOME_IPTest, SizeOfTheLargestLengthDoesNotWrap)

@@ -1,10 +1,12 @@
-#include "DataLayer/SOME_IP_SD/SOME_IP_SD.h"
+#include "DataLayer/SOME_IP_SD/SOME_IP_SD_Header.h"
 #include "support/LogCatcher.h"
 #include "support/Packets.h"
 #include "support/Wire.h"
 
 #include <ios>
 #include <sstream>
+#include <stdexcept>
+#include <streambuf>
 #include <string>
 
 #include <gmock/gmock.h>
@@ -107,6 +109,23 @@ TEST_F(SOME_IP_SD_BrokenStreamsTest, OptionThatWasCutShortIsInTheArrayAndInvalid
     ASSERT_THAT(payload.getOptions(), SizeIs(2));
     EXPECT_TRUE(payload.getOptions()[0]->isValid());
     EXPECT_FALSE(payload.getOptions()[1]->isValid());
+}
+
+TEST_F(SOME_IP_SD_BrokenStreamsTest, LossAloneIsNamedAlone)
+{
+    struct ThrowingBuffer : std::streambuf
+    {
+        int_type underflow() override { throw std::runtime_error("lost"); }
+    } buffer;
+    std::istream stream(&buffer);
+    SOME_IP_SD_Header packet(28);
+
+    stream >> packet;
+
+    EXPECT_THAT(log.errors(),
+                ElementsAre("Error: SOME_IP-SD message too short, length=0, which is <12!",
+                            "Error: SOME_IP - SD message length-error: stream state not good after reading "
+                            "SOME/IP Header: [bad]"));
 }
 
 TEST_F(SOME_IP_SD_BrokenStreamsTest, PayloadOnAStreamThatTakesNothingIsReported)

@@ -273,7 +273,9 @@ TEST_F(SOME_IP_SD_EntryTest, WithoutImplementationTheEntryIsUnusable)
     EXPECT_EQ(unusable.getMajorVersion(), 0);
     EXPECT_EQ(unusable.getTTL(), 0u);
     EXPECT_EQ(written(unusable), "");
-    EXPECT_THAT(unusable.toString(0), ::testing::StartsWith("<UNKNOWN ENTRY TYPE>"));
+    EXPECT_EQ(unusable.toString(0),
+              "<UNKNOWN ENTRY TYPE>Type(UNKNOWN 0xff), ServiceID(0x0), InstanceID(0x0), "
+              "FstOptionRun(0x0|0x0), SndOptionRun(0x0|0x0), TTL(0), MajorVersion(0), ");
 }
 
 TEST_F(SOME_IP_SD_EntryTest, WithoutImplementationNothingIsRead)

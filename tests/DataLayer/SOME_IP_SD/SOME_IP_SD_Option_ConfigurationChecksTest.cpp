@@ -3,7 +3,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-/// The order in which a configuration option is checked shows in which fault is reported of several.
+/// How far the checks of a configuration option reach, and their order, which shows in which fault of several
+/// is reported.
 namespace Nubo::ServiceDiscovery::Testing {
 
 using ::testing::ElementsAre;
@@ -102,6 +103,19 @@ TEST_F(SOME_IP_SD_Option_ConfigurationChecksTest, EarlierInitialisationIsReporte
     EXPECT_FALSE(initialised.initFromPairs({{"=", "="}}));
 
     EXPECT_THAT(log.errors(), ElementsAre("Error: initFromPairs: Option is already initialised!"));
+}
+
+TEST_F(SOME_IP_SD_Option_ConfigurationChecksTest, StringFarBeyondTheLengthFieldIsRefused)
+{
+    EXPECT_FALSE(Implementation(1).initFromPairs(pairsOfSize(0x10004)));
+
+    EXPECT_THAT(log.errors(), ElementsAre("Error: copyConfigurationString: generated Configuration-string is "
+                                          "too long, length of '65541' exceeds Option length field!"));
+}
+
+TEST_F(SOME_IP_SD_Option_ConfigurationChecksTest, LengthOfAStringThatIsRefusedHasSixteenBits)
+{
+    EXPECT_EQ(Implementation(nullptr, 0x1234).getLength(), 0x1235);
 }
 
 TEST_F(SOME_IP_SD_Option_ConfigurationChecksTest, StringThatIsThereIsReportedBeforeTheLengthOfAnother)
