@@ -108,12 +108,7 @@ std::string NuboServiceDescription::generateUri() const
 
 std::size_t NuboServiceDescription::getTextSize() const
 {
-    std::size_t size = m_name.size() + m_localUuid.size() + m_uri.size();
-    for (const auto* texts : {&m_versions, &m_categories}) {
-        for (const std::string& text : *texts)
-            size += sizeof(std::string) + text.size();
-    }
-    return size;
+    return m_name.size() + m_localUuid.size() + m_uri.size() + m_versions.size() + m_categories.size();
 }
 
 SDService::SDService(const NuboServiceDescription& description) : m_description(description)
@@ -277,15 +272,13 @@ void SDService::fromSOMEIP(const SOME_IP_SD_Entry_Service& entry, const SOME_IP_
 
 void SDService::complete(const SOME_IP_SD_Option_Configuration& configuration)
 {
-    std::vector<std::string> versions;
-    std::vector<std::string> categories;
-    configuration.getAllValues(OptionKeywords::NuBo_Version, versions);
-    configuration.getAllValues(OptionKeywords::NuBo_Category, categories);
+    TextList versions = configuration.shareAllValues(OptionKeywords::NuBo_Version);
+    TextList categories = configuration.shareAllValues(OptionKeywords::NuBo_Category);
     std::string uri = m_description.generateUri();
 
     // Only now, when nothing can fail any more.
-    m_description.setVersions(std::move(versions));
-    m_description.setCategories(std::move(categories));
+    m_description.shareVersions(std::move(versions));
+    m_description.shareCategories(std::move(categories));
     m_description.setUri(std::move(uri));
 }
 

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "DataLayer/ServiceDiscovery_Types.h"
+#include "DataLayer/TextList.h"
 #include "Export.h"
 
 #include <Poco/Clock.h>
@@ -23,8 +24,8 @@ class SOME_IP_SD_Option_Configuration;
 class SOME_IP_SD_Option_IPv6;
 
 /// The web-interface view of a service: what a registry hands in, and what it gets in every event. A plain
-/// value; a copy shares nothing with its source. Nothing is checked here: a service is checked when it is
-/// added. When memory runs short, std::bad_alloc is thrown and the description stays as it was.
+/// value: a change of a copy leaves its source as it was. Nothing is checked here: a service is checked when
+/// it is added. When memory runs short, std::bad_alloc is thrown and the description stays as it was.
 class KEL_SD_EXPORT NuboServiceDescription
 {
 public:
@@ -41,13 +42,18 @@ public:
     void setName(const std::string& name) { m_name = name; }
 
     /// Semantic versions "[~]major.minor.patch"; major 0 to 255.
-    const std::vector<std::string>& getVersions() const { return m_versions; }
-    void addVersion(const std::string& version) { m_versions.push_back(version); }
-    void setVersions(std::vector<std::string> versions) { m_versions = std::move(versions); }
+    const std::vector<std::string>& getVersions() const { return m_versions.texts(); }
+    void addVersion(const std::string& version) { m_versions.add(version); }
+    void setVersions(std::vector<std::string> versions) { m_versions = TextList(std::move(versions)); }
+    void shareVersions(TextList versions) { m_versions = std::move(versions); }
 
-    const std::vector<std::string>& getCategories() const { return m_categories; }
-    void addCategory(const std::string& category) { m_categories.push_back(category); }
-    void setCategories(std::vector<std::string> categories) { m_categories = std::move(categories); }
+    const std::vector<std::string>& getCategories() const { return m_categories.texts(); }
+    void addCategory(const std::string& category) { m_categories.add(category); }
+    void setCategories(std::vector<std::string> categories)
+    {
+        m_categories = TextList(std::move(categories));
+    }
+    void shareCategories(TextList categories) { m_categories = std::move(categories); }
 
     /// IPv6 address of the endpoint.
     const Poco::Net::IPAddress& getIpAddress() const;
@@ -80,8 +86,8 @@ public:
 
 private:
     std::string m_name;
-    std::vector<std::string> m_versions;
-    std::vector<std::string> m_categories;
+    TextList m_versions;
+    TextList m_categories;
     std::optional<Poco::Net::IPAddress> m_ip6Address;  // none is "::", and takes no memory
     std::string m_ip6AddressText = "::";               // made once: records are matched by it
     std::uint16_t m_ip6Port = 0;

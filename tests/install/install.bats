@@ -56,6 +56,7 @@ teardown() { [ ! -e "$PREFIX.away" ] || mv "$PREFIX.away" "$PREFIX"; }
     installed=$(cd "$PREFIX/include" && find . -type f | LC_ALL=C sort)
     expected='./KELServiceDiscoveryLib/DataLayer/SDService.h
 ./KELServiceDiscoveryLib/DataLayer/ServiceDiscovery_Types.h
+./KELServiceDiscoveryLib/DataLayer/TextList.h
 ./KELServiceDiscoveryLib/Export.h
 ./KELServiceDiscoveryLib/KELOEMInterfaceLib/Export.h
 ./KELServiceDiscoveryLib/KELOEMInterfaceLib/LinuxDispatcher.h

@@ -11,6 +11,7 @@
 #include <new>
 #include <numeric>
 #include <ostream>
+#include <utility>
 
 namespace Nubo::ServiceDiscovery {
 
@@ -314,6 +315,19 @@ bool SOME_IP_SD_Option_Configuration_Pimpl::copyConfigurationString(const std::u
     return fits;
 }
 
+TextList SOME_IP_SD_Option_Configuration_Pimpl::shareAllValues(const std::string& key)
+{
+    if (m_configurationPairs.find(key) == m_configurationPairs.end())
+        return {};
+    std::shared_ptr<const TextList::Shared>& shared = m_sharedValues[key];
+    if (!shared) {
+        std::vector<std::string> values;
+        SOME_IP_SD_Option_Configuration::extractAllValues(m_configurationPairs, key, values);
+        shared = std::make_shared<const TextList::Shared>(std::move(values));
+    }
+    return TextList(shared);
+}
+
 namespace {
 
 void throwFault(const std::string& fault)
@@ -365,6 +379,11 @@ void SOME_IP_SD_Option_Configuration::getAllValues(const std::string& key,
                                                    std::vector<std::string>& values) const
 {
     extractAllValues(getConfigurationPairs(), key, values);
+}
+
+TextList SOME_IP_SD_Option_Configuration::shareAllValues(const std::string& key) const
+{
+    return m_thisImplementation->shareAllValues(key);
 }
 
 void SOME_IP_SD_Option_Configuration::extractAllValues(const ConfigurationPairs& pairs,

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "DataLayer/SOME_IP_SD/SOME_IP_SD_Option.h"
+#include "DataLayer/TextList.h"
 
 #include <string>
 #include <vector>
@@ -41,6 +42,8 @@ public:
 
     /// Appends the value of every pair with that key to `values`, in the pairs' order.
     void getAllValues(const std::string& key, std::vector<std::string>& values) const;
+    /// The same as a list, which every further call for that key shares. Of use to one thread at a time.
+    TextList shareAllValues(const std::string& key) const;
     static void extractAllValues(const ConfigurationPairs& pairs, const std::string& key,
                                  std::vector<std::string>& values);
 

@@ -1,8 +1,11 @@
 #pragma once
 
 #include "DataLayer/SOME_IP_SD/SOME_IP_SD_Option_Pimpl.h"
+#include "DataLayer/TextList.h"
 
+#include <map>
 #include <memory>
+#include <string>
 #include <string_view>
 
 namespace Nubo::ServiceDiscovery {
@@ -29,6 +32,9 @@ public:
     std::uint16_t stringLength() const { return static_cast<std::uint16_t>(getLength() - 2); }
     const ConfigurationPairs& pairs() const { return m_configurationPairs; }
 
+    /// The values of all pairs with that key, copied once.
+    TextList shareAllValues(const std::string& key);
+
     /// Checks the `n` characters of one text and tells where its "=" is (0: there is none). Nothing at all
     /// is fine: callers guard the lengths themselves.
     static bool isValidSubstring(const std::uint8_t* s, std::uint8_t n, std::uint8_t* equalsPosition);
@@ -52,6 +58,7 @@ private:
 
     ConfigurationPairs m_configurationPairs;
     std::unique_ptr<std::uint8_t[]> m_configurationString;
+    std::map<std::string, std::shared_ptr<const TextList::Shared>> m_sharedValues;
 };
 
 }  // namespace Nubo::ServiceDiscovery

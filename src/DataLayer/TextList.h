@@ -1,0 +1,57 @@
+#pragma once
+
+#include <cstddef>
+#include <memory>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace Nubo::ServiceDiscovery {
+
+/// The versions or categories of a description: its own texts, or those of a received configuration, which
+/// hundreds of offers may refer to. Texts that are shared never change, so a copy of them costs nothing.
+class TextList
+{
+public:
+    /// Texts that several lists have in common, and the memory that they take.
+    struct Shared
+    {
+        explicit Shared(std::vector<std::string> shared) : texts(std::move(shared)), size(sizeOf(texts)) {}
+
+        const std::vector<std::string> texts;
+        const std::size_t size;  ///< bytes
+    };
+
+    TextList() = default;
+    explicit TextList(std::vector<std::string> texts) : m_own(std::move(texts)) {}
+    explicit TextList(std::shared_ptr<const Shared> texts) : m_shared(std::move(texts)) {}
+
+    const std::vector<std::string>& texts() const { return m_shared ? m_shared->texts : m_own; }
+
+    /// Shared texts become the list's own.
+    void add(const std::string& text)
+    {
+        if (m_shared) {
+            m_own = m_shared->texts;
+            m_shared.reset();
+        }
+        m_own.push_back(text);
+    }
+
+    /// The memory that the texts take, in bytes.
+    std::size_t size() const { return m_shared ? m_shared->size : sizeOf(m_own); }
+
+private:
+    static std::size_t sizeOf(const std::vector<std::string>& texts)
+    {
+        std::size_t size = 0;
+        for (const std::string& text : texts)
+            size += sizeof(std::string) + text.size();
+        return size;
+    }
+
+    std::vector<std::string> m_own;  // empty while m_shared is set
+    std::shared_ptr<const Shared> m_shared;
+};
+
+}  // namespace Nubo::ServiceDiscovery
