@@ -1,5 +1,7 @@
 #include "DataLayer/Log.h"
 
+#include <utility>
+
 namespace Nubo::ServiceDiscovery {
 
 namespace {
@@ -21,7 +23,28 @@ const char* levelWord(LogLevel level)
     return "";
 }
 
+thread_local LogLimit* currentLimit = nullptr;
+
 }  // namespace
+
+LogLimit::Scope::Scope(LogLimit& limit) : m_outer(std::exchange(currentLimit, &limit)) {}
+
+LogLimit::Scope::~Scope()
+{
+    currentLimit = m_outer;
+}
+
+bool LogLimit::takeLine()
+{
+    if (!currentLimit)
+        return true;
+    if (currentLimit->m_linesLeft == 0) {
+        ++currentLimit->m_leftOut;
+        return false;
+    }
+    --currentLimit->m_linesLeft;
+    return true;
+}
 
 LogLine::LogLine(LogLevel level, const char* file, int line)
     : m_stream(Logging::Log::Logger(), static_cast<Poco::Message::Priority>(level))

@@ -2,6 +2,8 @@
 
 #include <KELUtilLib/Logging.h>
 
+#include <cstddef>
+
 /// Opens a line of the log; what is streamed into it follows the level word, and the line ends by itself:
 ///
 ///     SD_LOG(Error) << "SDRequestHandler - failed to handle Entry #" << number << '.';
@@ -28,9 +30,47 @@ enum class LogLevel
     Trace = Poco::Message::PRIO_TRACE
 };
 
+/// Bounds how many errors and warnings a thread logs while it reads what a neighbour has sent: 16 bytes could
+/// ask for thirty lines.
+class LogLimit
+{
+public:
+    /// Nothing is limited yet.
+    explicit LogLimit(std::size_t lines) : m_linesLeft(lines) {}
+
+    LogLimit(const LogLimit&) = delete;
+    LogLimit& operator=(const LogLimit&) = delete;
+
+    /// Lets the calling thread's errors and warnings count while it exists; those beyond the limit are left
+    /// out.
+    class Scope
+    {
+    public:
+        explicit Scope(LogLimit& limit);
+        ~Scope();
+
+        Scope(const Scope&) = delete;
+        Scope& operator=(const Scope&) = delete;
+
+    private:
+        LogLimit* const m_outer;
+    };
+
+    std::size_t leftOut() const { return m_leftOut; }
+
+    /// Whether the calling thread may log one more error or warning, which then counts.
+    static bool takeLine();
+
+private:
+    std::size_t m_linesLeft;
+    std::size_t m_leftOut = 0;
+};
+
+/// Whether a line of that level is to be written; one that a LogLimit bounds counts as written then.
 inline bool isLogged(LogLevel level)
 {
-    return Logging::Log::IsLogLevelActive(static_cast<Poco::Message::Priority>(level));
+    return Logging::Log::IsLogLevelActive(static_cast<Poco::Message::Priority>(level)) &&
+           (level > LogLevel::Warning || LogLimit::takeLine());
 }
 
 /// One line of the log, written when the object ends. Use SD_LOG.

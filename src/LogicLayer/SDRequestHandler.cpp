@@ -31,6 +31,13 @@ std::uint16_t requestType(const SOME_IP_SD_Entry& entry)
     return entry.getTTL() == 0 ? static_cast<std::uint16_t>(type | SDRequestHandler::BitTTL0) : type;
 }
 
+SOME_IP_SD_Header::EntryData entryDataOf(const SOME_IP_SD_Header& packet, std::uint16_t index,
+                                         LogLimit& faults)
+{
+    const LogLimit::Scope reading(faults);
+    return packet.getEntryData(index);
+}
+
 }  // namespace
 
 SDRequestHandler::SDRequestHandler(Poco::NotificationQueue& queue) : m_queue(queue)
@@ -90,7 +97,10 @@ void SDRequestHandler::handleNext()
 void SDRequestHandler::handleDatagram(MulticastDataPtr& msg)
 {
     std::vector<SOME_IP_SD_Header::Ptr> packets;
+    const std::size_t size = msg->buffer.size();
+    LogLimit faults(mostReadingFaults + size / bytesPerReadingFault);
     try {
+        const LogLimit::Scope reading(faults);
         parsePacket(msg, packets);
     }
     catch (const Poco::Exception& exception) {
@@ -104,16 +114,20 @@ void SDRequestHandler::handleDatagram(MulticastDataPtr& msg)
     SD_LOG(Debug) << "run: processing " << packets.size() << " Message(s)...";
     for (const SOME_IP_SD_Header::Ptr& packet : packets) {
         if (m_isShutDown)
-            return;
+            break;
         if (packet.isNull()) {
             SD_LOG(Error) << "SDRequestHandler - found nullptr SOME/IP Header.";
             continue;
         }
-        handlePacket(*packet, msg->origin);
+        handlePacket(*packet, msg->origin, faults);
     }
+    if (faults.leftOut() > 0)
+        SD_LOG(Warning) << "SDRequestHandler - left out " << faults.leftOut()
+                        << " further errors and warnings about a message of " << size << " Bytes.";
 }
 
-void SDRequestHandler::handlePacket(const SOME_IP_SD_Header& packet, const Poco::Net::SocketAddress& origin)
+void SDRequestHandler::handlePacket(const SOME_IP_SD_Header& packet, const Poco::Net::SocketAddress& origin,
+                                    LogLimit& faults)
 {
     if (!packet.getSomeIP().isValid()) {
         SD_LOG(Error) << "SDRequestHandler - found invalid SOME/IP Header.";
@@ -128,13 +142,13 @@ void SDRequestHandler::handlePacket(const SOME_IP_SD_Header& packet, const Poco:
     }
     SD_LOG(Debug) << "run: processing " << packet.getNumOfEntries() << " Entrie(s)...";
     for (std::size_t i = 0; i < packet.getNumOfEntries() && !m_isShutDown; ++i)
-        handleEntry(packet, static_cast<std::uint16_t>(i), origin);
+        handleEntry(packet, static_cast<std::uint16_t>(i), origin, faults);
 }
 
 void SDRequestHandler::handleEntry(const SOME_IP_SD_Header& packet, std::uint16_t index,
-                                   const Poco::Net::SocketAddress& origin)
+                                   const Poco::Net::SocketAddress& origin, LogLimit& faults)
 {
-    const SOME_IP_SD_Header::EntryData entryData = packet.getEntryData(index);
+    const SOME_IP_SD_Header::EntryData entryData = entryDataOf(packet, index, faults);
     const std::size_t number = index + std::size_t{1};
     if (entryData.entry.isNull()) {
         SD_LOG(Error) << "SDRequestHandler - found nullptr SOME/IP Entr, Entry #" << number << " skipped!";

@@ -10,10 +10,13 @@
 #include <Poco/Runnable.h>
 
 #include <atomic>
+#include <cstddef>
 #include <cstdint>
 #include <vector>
 
 namespace Nubo::ServiceDiscovery {
+
+class LogLimit;
 
 using Multicast::MulticastDataPtr;
 
@@ -40,6 +43,11 @@ public:
     };
 
     static constexpr std::uint16_t BitTTL0 = 0x1000;
+
+    /// How many errors and warnings the reading of one datagram may log: so many, and one for so many bytes
+    /// of it. Further ones are left out, and a warning gives their number.
+    static constexpr std::size_t mostReadingFaults = 8;
+    static constexpr std::size_t bytesPerReadingFault = 8;
 
     /// One entry with its options. A subscriber sets `result` when it has handled the entry.
     struct FindServicePayload
@@ -82,9 +90,10 @@ private:
     void warnAboutMissingDelegates() const;
     void handleNext();
     void handleDatagram(MulticastDataPtr& msg);
-    void handlePacket(const SOME_IP_SD_Header& packet, const Poco::Net::SocketAddress& origin);
+    void handlePacket(const SOME_IP_SD_Header& packet, const Poco::Net::SocketAddress& origin,
+                      LogLimit& faults);
     void handleEntry(const SOME_IP_SD_Header& packet, std::uint16_t index,
-                     const Poco::Net::SocketAddress& origin);
+                     const Poco::Net::SocketAddress& origin, LogLimit& faults);
 
     std::atomic<bool> m_running{false};
     std::atomic<bool> m_isShutDown{false};  // and not run since

@@ -3,6 +3,8 @@
 
 #include <KELUtilLib/Logging.h>
 
+#include <thread>
+
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -60,6 +62,101 @@ TEST(LogTest, NothingIsEvaluatedForALevelThatIsOff)
     Logging::Log::Logger().setLevel(Poco::Message::PRIO_TRACE);
     EXPECT_EQ(evaluations, 1);
     EXPECT_THAT(log.lines(), ElementsAre("Notice: 1"));
+}
+
+TEST(LogLimitTest, ErrorsAndWarningsBeyondTheLimitAreLeftOutAndCounted)
+{
+    const LogCatcher log;
+    LogLimit limit(3);
+    {
+        const LogLimit::Scope scope(limit);
+
+        SD_LOG(Error) << "1";
+        SD_LOG(Warning) << "2";
+        SD_LOG(Error) << "3";
+        SD_LOG(Warning) << "4";
+        SD_LOG(Error) << "5";
+    }
+
+    EXPECT_THAT(log.lines(), ElementsAre("Error: 1", "Warning: 2", "Error: 3"));
+    EXPECT_EQ(limit.leftOut(), 2u);
+}
+
+TEST(LogLimitTest, LinesOfOtherLevelsAreNeitherLeftOutNorCounted)
+{
+    const LogCatcher log;
+    LogLimit limit(0);
+    const LogLimit::Scope scope(limit);
+
+    SD_LOG(Notice) << "1";
+    SD_LOG(Debug) << "2";
+    SD_LOG(Trace) << "3";
+
+    EXPECT_THAT(log.lines(), ElementsAre("Notice: 1", "Debug: 2", "Trace: 3"));
+    EXPECT_EQ(limit.leftOut(), 0u);
+}
+
+TEST(LogLimitTest, LinesOfALevelThatIsOffAreNotCounted)
+{
+    const LogCatcher log;
+    LogLimit limit(1);
+    const LogLimit::Scope scope(limit);
+    Logging::Log::Logger().setLevel(Poco::Message::PRIO_ERROR);
+
+    SD_LOG(Warning) << "off";
+    SD_LOG(Error) << "on";
+
+    Logging::Log::Logger().setLevel(Poco::Message::PRIO_TRACE);
+    EXPECT_THAT(log.lines(), ElementsAre("Error: on"));
+    EXPECT_EQ(limit.leftOut(), 0u);
+}
+
+TEST(LogLimitTest, LimitGoesOnWhereItsLastScopeEnded)
+{
+    const LogCatcher log;
+    LogLimit limit(2);
+
+    for (int i = 0; i < 3; ++i) {
+        const LogLimit::Scope scope(limit);
+        SD_LOG(Error) << i;
+    }
+
+    EXPECT_THAT(log.errors(), ElementsAre("Error: 0", "Error: 1"));
+    EXPECT_EQ(limit.leftOut(), 1u);
+}
+
+TEST(LogLimitTest, NothingIsLimitedOutsideOfAScopeAndOnOtherThreads)
+{
+    const LogCatcher log;
+    LogLimit limit(0);
+
+    SD_LOG(Error) << "before";
+    {
+        const LogLimit::Scope scope(limit);
+        std::thread([] { SD_LOG(Error) << "meanwhile"; }).join();
+    }
+    SD_LOG(Error) << "behind";
+
+    EXPECT_THAT(log.errors(), ElementsAre("Error: before", "Error: meanwhile", "Error: behind"));
+}
+
+TEST(LogLimitTest, InnerScopeGivesWayToTheOuterOne)
+{
+    const LogCatcher log;
+    LogLimit outer(1);
+    LogLimit inner(1);
+    const LogLimit::Scope outerScope(outer);
+    {
+        const LogLimit::Scope innerScope(inner);
+        SD_LOG(Error) << "inner";
+    }
+
+    SD_LOG(Error) << "outer";
+    SD_LOG(Error) << "left out";
+
+    EXPECT_THAT(log.errors(), ElementsAre("Error: inner", "Error: outer"));
+    EXPECT_EQ(outer.leftOut(), 1u);
+    EXPECT_EQ(inner.leftOut(), 0u);
 }
 
 }  // namespace Nubo::ServiceDiscovery::Testing
