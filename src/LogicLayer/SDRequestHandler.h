@@ -81,12 +81,13 @@ public:
     /// may miss the call; the caller repeats it until the thread has ended.
     void shutdown();
 
-private:
+protected:
     /// Splits a datagram into packets; false when it could not be read to its end.
     virtual bool parsePacket(MulticastDataPtr& msg, std::vector<SOME_IP_SD_Header::Ptr>& out) const;
     bool internal_handleEntry(const SOME_IP_SD_Header::EntryData& entryData,
                               const Poco::Net::SocketAddress& origin);
 
+private:
     void warnAboutMissingDelegates() const;
     void handleNext();
     void handleDatagram(MulticastDataPtr& msg);

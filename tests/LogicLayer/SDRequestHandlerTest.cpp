@@ -169,6 +169,24 @@ constexpr auto noOfferDelegates =
     "Warning: SDRequestHandler - found no Delegates (yet) for OfferService Entries.";
 constexpr auto emptyWork = "Error: SDRequestHandler - received an empty work-notification.";
 
+/// A handler whose steps a test takes by themselves.
+class OpenHandler : public SDRequestHandler
+{
+public:
+    using SDRequestHandler::internal_handleEntry;
+    using SDRequestHandler::parsePacket;
+    using SDRequestHandler::SDRequestHandler;
+};
+
+struct SDRequestHandlerStepsTest : ::testing::Test
+{
+    Poco::NotificationQueue queue;
+    OpenHandler handler{queue};
+    Subscriber subscriber{handler};
+    const Poco::Net::SocketAddress origin{Packets::otherUnitOrigin};
+    LogCatcher log;
+};
+
 /// A handler whose splitting of a datagram the test does: into packets that the wire format never yields.
 class OddParser : public SDRequestHandler
 {
@@ -177,7 +195,7 @@ public:
 
     std::function<void(std::vector<SOME_IP_SD_Header::Ptr>&)> parse;
 
-private:
+protected:
     bool parsePacket(MulticastDataPtr&, std::vector<SOME_IP_SD_Header::Ptr>& out) const override
     {
         parse(out);
@@ -187,11 +205,11 @@ private:
 
 struct OddPacketTest : ::testing::Test
 {
-    /// Hands in a datagram of three bytes, which the parser reads as it likes, and a good packet behind it.
+    /// Hands in a datagram of nine bytes, which the parser reads as it likes, and a good packet behind it.
     void handle(const std::function<void(std::vector<SOME_IP_SD_Header::Ptr>&)>& parse)
     {
         handler.parse = parse;
-        queue.enqueueNotification(new SDMessageNotification(Packets::datagram("01 02 ff"_bytes)));
+        queue.enqueueNotification(new SDMessageNotification(Packets::datagram(bytes)));
         {
             const HandlerThread thread(handler);
             ASSERT_TRUE(handlesAll(queue));
@@ -212,6 +230,7 @@ struct OddPacketTest : ::testing::Test
     Subscriber subscriber{handler};
     LogCatcher log;
     const SOME_IP_SD_Header::Ptr good = read(Packets::find("Media"));
+    const std::string bytes = "01 02 ff 04 05 06 07 08 09"_bytes;  // three groups in a dump
 };
 
 std::string threadName()
@@ -610,7 +629,6 @@ TEST_F(OddPacketTest, SplittingThatThrowsIsLoggedWithTheDatagramAndWhatItYielded
     });
 
     EXPECT_THAT(log.errors(), ElementsAre("Error: SDRequestHandler - failed to parse message: \"no more\"."));
-    const std::string bytes = "\x01\x02\xff";
     EXPECT_TRUE(log.has("Trace: SDRequestHandler - message: " +
                         DebugUtils::HexDump(bytes.data(), static_cast<unsigned short>(bytes.size()), 4)));
     EXPECT_TRUE(log.has("Debug: run: processing 1 Message(s)..."));
@@ -671,6 +689,32 @@ TEST_F(OddPacketTest, OtherExceptionsEndTheDatagramAndNotTheThread)
     });
 
     EXPECT_THAT(log.errors(), ElementsAre("Error: SDRequestHandler - caught exception: out of luck"));
+}
+
+TEST_F(SDRequestHandlerStepsTest, DatagramThatIsNotGivenCannotBeSplit)
+{
+    MulticastDataPtr none;
+    std::vector<SOME_IP_SD_Header::Ptr> packets;
+
+    EXPECT_FALSE(handler.parsePacket(none, packets));
+
+    EXPECT_THAT(packets, IsEmpty());
+    EXPECT_THAT(log.lines(),
+                ElementsAre("Error: SDRequestHandler - received nullptr MulticastReceiver packet."));
+}
+
+TEST_F(SDRequestHandlerStepsTest, EntryThatIsInvalidOrNotGivenIsRefused)
+{
+    SOME_IP_SD_Header::EntryData invalid;
+    invalid.entry = new SOME_IP_SD_Entry_Service(EntryType::OFFER_SERVICE);
+    ASSERT_FALSE(invalid.entry->isValid());
+
+    EXPECT_FALSE(handler.internal_handleEntry(invalid, origin));
+    EXPECT_FALSE(handler.internal_handleEntry(SOME_IP_SD_Header::EntryData(), origin));
+
+    EXPECT_THAT(subscriber.events, IsEmpty());
+    constexpr auto refused = "Error: SDRequestHandler - received invalid or empty EntryData.";
+    EXPECT_THAT(log.lines(), ElementsAre(refused, refused));
 }
 
 }  // namespace Nubo::ServiceDiscovery::Testing

@@ -16,9 +16,11 @@ namespace Nubo::ServiceDiscovery::Testing {
 /// the engine's clock turned (SDClock::turn), time passes as the test wants it.
 class TestStateMachine : public SDStateMachine
 {
-    struct TimerAccess : AperiodicWorker
+    template <class Worker>
+    struct TimerAccess : Worker
     {
         static auto isInitialized() { return &TimerAccess::m_initialized; }
+        static auto timer() { return &TimerAccess::m_timer; }
     };
 
 public:
@@ -35,7 +37,17 @@ public:
     void run()
     {
         m_running = true;
-        m_aperiodicWorker.*TimerAccess::isInitialized() = true;  // as if the timer ran
+        m_aperiodicWorker.*TimerAccess<AperiodicWorker>::isInitialized() = true;  // as if the timer ran
+    }
+
+    /// What the workers wait with: their intervals are what they were set to last, in milliseconds.
+    const Poco::Timer& aperiodicTimer() const
+    {
+        return m_aperiodicWorker.*TimerAccess<AperiodicWorker>::timer();
+    }
+    const Poco::Timer& periodicTimer() const
+    {
+        return m_periodicWorker.*TimerAccess<PeriodicWorker>::timer();
     }
 
     /// Lets an interval of the worker end, on this thread.
