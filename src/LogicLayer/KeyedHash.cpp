@@ -5,6 +5,7 @@
 #include <array>
 #include <atomic>
 #include <cerrno>
+#include <tuple>
 
 #include <sodium/crypto_shorthash.h>
 #include <sys/random.h>
@@ -13,13 +14,11 @@ namespace Nubo::ServiceDiscovery {
 
 namespace {
 
-using Key = std::array<unsigned char, crypto_shorthash_siphash24_KEYBYTES>;
-
 std::atomic<KeyedHash::Function> planted{nullptr};
 
-Key drawKey()
+KeyedHash::Key drawKey()
 {
-    Key key;
+    KeyedHash::Key key;
     std::size_t drawn = 0;
     while (drawn < key.size()) {
         const ssize_t count = ::getrandom(key.data() + drawn, key.size() - drawn, 0);
@@ -31,9 +30,9 @@ Key drawKey()
     return key;
 }
 
-const Key& processKey()
+const KeyedHash::Key& processKey()
 {
-    static const Key key = drawKey();
+    static const KeyedHash::Key key = drawKey();
     return key;
 }
 
@@ -48,11 +47,15 @@ std::uint64_t KeyedHash::operator()(const void* bytes, std::size_t size) const
 {
     if (const Function function = planted.load(std::memory_order_relaxed))
         return function(bytes, size);
-    // SipHash: Aumasson, Bernstein, "SipHash: a fast short-input PRF", 2012. Its result is a little-endian
-    // number.
+    return sipHash(processKey(), bytes, size);
+}
+
+// Aumasson, Bernstein, "SipHash: a fast short-input PRF", 2012. Its result is a little-endian number.
+std::uint64_t KeyedHash::sipHash(const Key& key, const void* bytes, std::size_t size)
+{
+    static_assert(std::tuple_size<Key>::value == crypto_shorthash_siphash24_KEYBYTES);
     std::array<unsigned char, crypto_shorthash_siphash24_BYTES> hash;
-    crypto_shorthash_siphash24(hash.data(), static_cast<const unsigned char*>(bytes), size,
-                               processKey().data());
+    crypto_shorthash_siphash24(hash.data(), static_cast<const unsigned char*>(bytes), size, key.data());
     std::uint64_t result = 0;
     for (std::size_t i = hash.size(); i-- > 0;)
         result = result << 8 | hash[i];

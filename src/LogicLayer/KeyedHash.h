@@ -1,5 +1,6 @@
 #pragma once
 
+#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <string_view>
@@ -17,6 +18,11 @@ public:
 
     std::uint64_t operator()(const void* bytes, std::size_t size) const;
     std::uint64_t operator()(std::string_view text) const { return (*this)(text.data(), text.size()); }
+
+    using Key = std::array<unsigned char, 16>;
+
+    /// SipHash-2-4 under that key.
+    static std::uint64_t sipHash(const Key& key, const void* bytes, std::size_t size);
 
     using Function = std::uint64_t (*)(const void* bytes, std::size_t size);
 
