@@ -17,13 +17,20 @@ struct Tally
     const std::size_t limit;
     std::size_t taken;
     std::size_t takenBySender;
+    std::size_t givenBack = 0;
 
     std::size_t free() const { return limit - std::min(limit, taken); }
     bool isFullFor(std::size_t amount) const { return free() < amount; }
-    bool isWithinShare(std::size_t amount) const { return takenBySender + amount <= free(); }
+    bool isNearlyFull() const { return free() < limit / 8; }
+    /// What was displaced may be replaced, whatever the share.
+    bool isWithinShare(std::size_t amount) const
+    {
+        return amount <= givenBack || takenBySender + amount <= free();
+    }
 
     void giveBack(std::size_t amount, bool isOfSender)
     {
+        givenBack += amount;
         taken -= amount;
         if (isOfSender)
             takenBySender -= amount;
@@ -43,13 +50,15 @@ public:
         , m_instances{DiscoveryBounds::mostInstances, m_name ? m_name->discoveredCount : 0, inName(m_sender)}
         , m_records{DiscoveryBounds::mostRecords, index.discovered(), m_sender ? m_sender->records : 0}
         , m_text{DiscoveryBounds::mostText, index.discoveredText(), m_sender ? m_sender->text : 0}
+        , m_isNearlyFull(m_records.isNearlyFull() || m_text.isNearlyFull())
     {}
 
     DiscoveryBounds::Verdict judge()
     {
         if (!hasRoom(m_instances, 1)) {
             Entry& stalest = *m_name->discovered.front();
-            if (!isDisplaceable(stalest, m_instances, inName(stalest.sender)))
+            if (!isDisplaceable(stalest, m_instances.isNearlyFull(),
+                                inName(stalest.sender) > m_instances.takenBySender))
                 return refused();
             displace(stalest);
         }
@@ -60,7 +69,8 @@ public:
                 return refused();
             if (!m_displaced.empty() && stalest == m_displaced.front())
                 continue;  // as an instance of the name
-            if (!isDisplaceable(*stalest, m_records, stalest->sender ? stalest->sender->records : 0))
+            const std::size_t takenByItsSender = stalest->sender ? stalest->sender->records : 0;
+            if (!isDisplaceable(*stalest, m_isNearlyFull, takenByItsSender > m_records.takenBySender))
                 return refused();
             displace(*stalest);
         }
@@ -83,11 +93,11 @@ private:
         return m_instances.isFullFor(1) || m_records.isFullFor(1) || m_text.isFullFor(m_textSize);
     }
 
-    bool isDisplaceable(const Entry& entry, const Tally& tally, std::size_t takenByItsSender) const
+    bool isDisplaceable(const Entry& entry, bool isNearlyFull, bool hasItsSenderMore) const
     {
         const bool isStale = SDClock::now() - entry.renewed >= DiscoveryBounds::staleAfter;
         const bool isOwn = m_sender && entry.sender == m_sender;
-        return isStale && (isFull() || isOwn || takenByItsSender > tally.takenBySender);
+        return isStale && (isNearlyFull || isOwn || hasItsSenderMore);
     }
 
     void displace(Entry& entry)
@@ -115,6 +125,7 @@ private:
     Tally m_instances;
     Tally m_records;
     Tally m_text;
+    const bool m_isNearlyFull;
     std::vector<Entry*> m_displaced;
 };
 

@@ -14,9 +14,9 @@ namespace Nubo::ServiceDiscovery {
 ///
 /// A unit's new service is taken while that unit has fewer services than there are free places, so that no
 /// single unit takes more than half of them. Otherwise it displaces the service that has gone longest without
-/// an offer, if that is at least `staleAfter`: any unit's when all places are taken, else only one of a unit
-/// that has more services, or its own. The same holds for the places of each name, and for the bytes of
-/// texts.
+/// an offer, if that is at least `staleAfter`: any unit's when less than an eighth of the places is free,
+/// else only one of a unit that has more services, or its own. So a unit with few services is not kept out by
+/// many units that leave few places. The same holds for the places of each name, and for the bytes of texts.
 class DiscoveryBounds
 {
 public:
