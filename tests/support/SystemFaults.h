@@ -1,0 +1,77 @@
+#pragma once
+
+#include <cstddef>
+#include <optional>
+
+#include <sys/types.h>
+
+/// Lets calls into the system fail, one at a time or for a while. A program links kel_sd_system_faults, which
+/// has the calls in place of the C library's.
+namespace Nubo::ServiceDiscovery::Testing {
+
+enum class SystemCall
+{
+    Allocate,   ///< malloc() and its kin; under a sanitizer operator new instead
+    Socket,     ///< socket()
+    Bind,       ///< bind()
+    SetOption,  ///< setsockopt()
+    Send,       ///< send(), sendto(), sendmsg()
+    Receive,    ///< recv(), recvfrom(), recvmsg()
+    Watch,      ///< epoll_create(), epoll_ctl()
+    Thread,     ///< pthread_create()
+    Netlink,    ///< any of the above on a netlink socket
+    List,       ///< getifaddrs()
+    Control     ///< ioctl()
+};
+
+/// Marks the calling thread while it exists, and the threads that it starts meanwhile for good: only calls of
+/// these can fail.
+class InMarkedThread
+{
+public:
+    explicit InMarkedThread(bool isMarked = true);
+    ~InMarkedThread();
+
+    InMarkedThread(const InMarkedThread&) = delete;
+    InMarkedThread& operator=(const InMarkedThread&) = delete;
+
+private:
+    const bool m_wasMarked;
+};
+
+/// While it exists, the calls of one kind are counted, from 1, and those from the first to the last of the
+/// plan fail. One at a time in a program.
+///
+///     const InMarkedThread marked;
+///     const SystemFault fault({SystemCall::Bind});
+///     … fault.happened()
+class SystemFault
+{
+public:
+    static constexpr std::size_t forEver = static_cast<std::size_t>(-1);
+
+    struct Plan
+    {
+        SystemCall call;
+        std::size_t first = 1;
+        std::size_t count = 1;
+        /// What is returned instead, behind a call that is made; sending and receiving only.
+        std::optional<ssize_t> result = std::nullopt;
+    };
+
+    explicit SystemFault(const Plan& plan);
+    ~SystemFault();
+
+    SystemFault(const SystemFault&) = delete;
+    SystemFault& operator=(const SystemFault&) = delete;
+
+    /// How many such calls have been made.
+    std::size_t calls() const;
+    /// Whether at least one of them has failed.
+    bool happened() const;
+
+private:
+    const std::size_t m_first;
+};
+
+}  // namespace Nubo::ServiceDiscovery::Testing
