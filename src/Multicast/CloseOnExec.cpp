@@ -1,11 +1,17 @@
 #include "Multicast/CloseOnExec.h"
 
 #include <algorithm>
-#include <filesystem>
+#include <array>
+#include <cstddef>
 #include <fstream>
+#include <memory>
 #include <sstream>
 #include <string>
+#include <string_view>
 #include <vector>
+
+#include <dirent.h>
+#include <unistd.h>
 
 namespace Nubo::ServiceDiscovery::Multicast {
 
@@ -26,23 +32,32 @@ std::vector<int> watchedBy(const std::string& epoll)
     return watched;
 }
 
+struct CloseFolder
+{
+    void operator()(DIR* folder) const { ::closedir(folder); }
+};
+
+bool isEpoll(DIR* folder, const char* name)
+{
+    constexpr std::string_view epoll = "anon_inode:[eventpoll]";
+    std::array<char, epoll.size() + 1> target{};  // one more, so that nothing longer looks the same
+    const ssize_t size = ::readlinkat(::dirfd(folder), name, target.data(), target.size());
+    return size > 0 && std::string_view(target.data(), static_cast<std::size_t>(size)) == epoll;
+}
+
 }  // namespace
 
 void closeWatchersOnExec(const Poco::Net::Socket& socket)
 {
-    namespace fs = std::filesystem;
-    std::error_code error;
-    for (fs::directory_iterator entry("/proc/self/fd", error), end; !error && entry != end;
-         entry.increment(error))
-    {
-        std::error_code unreadable;  // the descriptor may be closed by now
-        if (fs::read_symlink(entry->path(), unreadable) != "anon_inode:[eventpoll]")
+    // A std::filesystem iterator would end the process when memory is short: its increment is noexcept.
+    const std::unique_ptr<DIR, CloseFolder> descriptors(::opendir("/proc/self/fd"));
+    while (const dirent* const entry = descriptors ? ::readdir(descriptors.get()) : nullptr) {
+        if (!isEpoll(descriptors.get(), entry->d_name))
             continue;
-        const std::string name = entry->path().filename();
-        const std::vector<int> watched = watchedBy(name);
+        const std::vector<int> watched = watchedBy(entry->d_name);
         if (std::find(watched.begin(), watched.end(), socket.impl()->sockfd()) == watched.end())
             continue;
-        ::fcntl(std::stoi(name), F_SETFD, FD_CLOEXEC);
+        ::fcntl(std::stoi(entry->d_name), F_SETFD, FD_CLOEXEC);
         for (const int descriptor : watched)
             ::fcntl(descriptor, F_SETFD, FD_CLOEXEC);
     }
