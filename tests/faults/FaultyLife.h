@@ -1,0 +1,96 @@
+#pragma once
+
+#include "ServiceDiscovery.h"
+#include "support/Listener.h"
+#include "support/Namespace.h"
+#include "support/SystemFaults.h"
+#include "support/TestUnit.h"
+
+#include <cstddef>
+#include <memory>
+#include <mutex>
+#include <set>
+#include <string>
+
+namespace Nubo::ServiceDiscovery::Testing {
+
+/// The part of a unit's life in which a call fails.
+enum class Phase
+{
+    Start,      ///< the unit is made and started
+    Discovery,  ///< it offers, searches, answers and discovers
+    Flap,       ///< its interface goes and comes
+    Stop,
+    Destruction
+};
+
+/// A registry that knows which services of other units there are. No fault concerns it.
+class KnownServices
+{
+public:
+    explicit KnownServices(ServiceDiscovery& discovery);
+    ~KnownServices();
+
+    KnownServices(const KnownServices&) = delete;
+    KnownServices& operator=(const KnownServices&) = delete;
+
+    bool has(const std::string& name) const;
+    /// Discoveries of what was known, and losses of what was not.
+    std::size_t contradictions() const;
+
+private:
+    void onServiceListChanged(ServiceDiscovery::ServiceListEventPayload& payload);
+
+    ServiceDiscovery& m_discovery;
+    mutable std::mutex m_mutex;
+    std::set<std::string> m_names;
+    std::size_t m_contradictions = 0;
+};
+
+/// The surroundings of one unit after the other: a link on which another unit speaks and listens. The unit
+/// finds its interface itself, through the kernel's notices.
+class FaultyLife
+{
+public:
+    FaultyLife();
+    ~FaultyLife();
+
+    FaultyLife(const FaultyLife&) = delete;
+    FaultyLife& operator=(const FaultyLife&) = delete;
+
+    /// Lives through a whole life of a unit, one phase of it under the plan, and expects that the unit goes
+    /// on or says no, works again at the latest after a restart, and leaves nothing behind. Returns how many
+    /// calls the plan could have been about.
+    std::size_t live(Phase phase, const SystemFault::Plan& plan);
+
+private:
+    struct Unit
+    {
+        NetlinkScope platform;
+        ServiceDiscovery discovery;
+        KnownServices known{discovery};
+    };
+
+    void make();
+    void start();
+    void play(Phase phase);
+    void discover();
+    void flap();
+    void stop();
+
+    void expectTruth(Phase phase);
+    void expectGoingOn(Phase phase);
+    void expectWorking();
+    void expectOnTheWire(const std::string& name);
+    void speakUntil(const std::string& datagram, const std::string& name, bool isKnown);
+
+    NetworkPair m_network;
+    std::unique_ptr<Speaker> m_speaker;
+    std::unique_ptr<Listener> m_listener;
+    std::unique_ptr<Unit> m_unit;
+    bool m_hasSaidYes = false;     ///< to startup()
+    bool m_isAnnouncing = false;   ///< a service that was added in the phase
+    std::size_t m_lastNumber = 0;  ///< in the names of services
+};
+
+}  // namespace Nubo::ServiceDiscovery::Testing
