@@ -124,6 +124,15 @@ AddressKeys goneBetween(const CreationTimes& before, const CreationTimes& now)
     return gone;
 }
 
+/// The kernel answers while it takes a request. libnl does not notice that one of links could not be sent,
+/// and would wait for the answer for ever.
+void limitWaiting(nl_sock* socket)
+{
+    constexpr timeval limit{1, 0};
+    const int result = ::setsockopt(nl_socket_get_fd(socket), SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
+    check(result == 0 ? 0 : -nl_syserr2nlerr(errno), "open");
+}
+
 }  // namespace
 
 void NetlinkMonitor::SocketCloser::operator()(nl_sock* socket) const
@@ -162,6 +171,7 @@ void NetlinkMonitor::openSockets()
     check(nl_socket_set_nonblocking(notices.get()), "open");
     check(nl_socket_add_memberships(notices.get(), RTNLGRP_LINK, RTNLGRP_IPV6_IFADDR, RTNLGRP_NONE), "open");
     Socket requests = openSocket();
+    limitWaiting(requests.get());
     m_notices.swap(notices);
     m_requests.swap(requests);
 }
