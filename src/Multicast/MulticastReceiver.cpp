@@ -371,6 +371,10 @@ Outcome MulticastReceiver::add(const std::string& name, const std::string& ip,
                           << ": " << exception.displayText();
         return Outcome::Pending;
     }
+    catch (...) {
+        m_joinedInterfaces.erase(joined);
+        throw;
+    }
     if (attempt == Attempt::Again)
         SD_LOG(Notice) << "ServiceDiscovery joining IPv6 Multicast Group for Interface \"" << name << "\".";
     return Outcome::InUse;

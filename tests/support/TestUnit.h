@@ -136,7 +136,7 @@ struct HubUnit
 class NetlinkScope
 {
 public:
-    NetlinkScope()
+    NetlinkScope() : m_dispatcher(new OEMInterface::NetlinkDispatcher)
     {
         ApplicationServices::getLocator().add(typeid(OEMInterface::OEMDispatcher),
                                               Poco::SharedPtr<OEMInterface::OEMDispatcher>(m_dispatcher));
@@ -149,7 +149,7 @@ public:
     OEMInterface::NetlinkDispatcher& dispatcher() { return *m_dispatcher; }
 
 private:
-    Poco::SharedPtr<OEMInterface::NetlinkDispatcher> m_dispatcher{new OEMInterface::NetlinkDispatcher};
+    Poco::SharedPtr<OEMInterface::NetlinkDispatcher> m_dispatcher;
 };
 
 /// A unit on the network, one of several in this process: dispatcher, library and registry in a namespace.
