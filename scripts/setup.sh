@@ -4,7 +4,7 @@
 #
 # usage: scripts/setup.sh [--list] TASK...
 #
-# TASK is one of: build demo test aarch64 coverage lint bench fuzz package install docs. With --list it names the
+# TASK is one of: build demo test aarch64 coverage lint bench fuzz mutate package install docs. With --list it names the
 # packages and installs none.
 set -eu
 
@@ -20,6 +20,7 @@ packages_for() {
     package) echo dpkg-dev file binutils lintian ;;
     install) echo mmdebstrap uidmap ;;
     docs) echo doxygen ;;
+    mutate) echo python3 ccache lld ;;
     fuzz) echo clang libclang-rt-dev llvm ;;
     *)
         echo "setup.sh: unknown task: $1" >&2

@@ -1,0 +1,249 @@
+"""Plants one small fault at a time and runs the tests that should notice it; see --help."""
+
+import argparse
+import json
+import os
+import random
+import shutil
+import sys
+import time
+from collections import Counter
+from pathlib import Path
+
+sys.path.insert(0, str(Path(__file__).parent))
+
+from faults import BEYOND, USUAL, Enumerations, faults_in  # noqa: E402
+from workshop import Program, Workshop, WorkshopError  # noqa: E402
+
+ROOT = Path(__file__).resolve().parents[2]
+EQUIVALENTS = Path(__file__).parent / "equivalents.txt"
+FOLDER = "build-mutation"
+
+DESCRIPTION = """\
+Plants one small fault at a time in src/, builds the test programs that have to do with
+it, and runs them, the likeliest to notice first. Prints every fault that no test
+notices, and at the end a table. All of this happens in a copy of the checkout, in
+build-mutation/, which holds what is not committed, too.
+
+A fault that makes a program hang counts as noticed. One that does not compile does not
+count. Known faults that change nothing are in scripts/mutation/equivalents.txt, each
+with its reason, and are left out.
+
+The group "usual": comparisons, conditions, calculations, constants, deleted statements,
+levels of log lines. The group "beyond": measures off by 15 % ("15 %"), numbers cut to a
+narrower width ("width"), neighbouring statements swapped where the order shows
+("order"), locks given back early ("lock"), exception classes narrowed ("exception"),
+state tests widened by one state ("state"), upper bounds removed ("bound").
+"""
+
+# In what order programs try a fault in a file whose path begins so.
+CORPUS = "fuzz/corpus"
+PROGRAMS = {
+    "data": Program("data_tests", shards=2),
+    "logic": Program("logic_tests", shards=6),
+    "store": Program("store_tests", shards=4),
+    "scripted hub": Program("scripted_hub_tests", shards=2),
+    "facade": Program("facade_tests", is_networked=True, shards=6),
+    "multicast": Program("multicast_tests", is_networked=True, shards=6),
+    "network": Program("network_tests", is_networked=True, shards=8),
+    "golden": Program("golden_packet_tests", shards=2),
+    "zoo": Program("zoo_tests", is_networked=True, shards=4),
+    "packets": Program("fuzz_packet", (f"{CORPUS}/packet",), is_googletest=False),
+    "datagrams": Program("fuzz_datagram", (f"{CORPUS}/datagram",), is_googletest=False),
+    "machine": Program("fuzz_state_machine", (f"{CORPUS}/state_machine",), is_googletest=False),
+    "days": Program("turned_soak_tests"),
+}
+ORDER = {
+    "src/DataLayer/": ("data", "logic", "packets", "datagrams", "machine", "scripted hub", "golden", "zoo", "network"),
+    "src/LogicLayer/": ("logic", "scripted hub", "machine", "datagrams", "store", "days", "golden", "network", "facade"),
+    "src/Multicast/": ("multicast", "network", "logic", "facade", "zoo"),
+    "src/": ("scripted hub", "facade", "logic", "network"),
+}
+
+NOTICED, SURVIVED, UNBUILT, EQUAL = "noticed", "survived", "does not compile", "equal"
+
+
+def programs_for(path):
+    for prefix, names in ORDER.items():
+        if path.startswith(prefix):
+            return [PROGRAMS[name] for name in names]
+    return []
+
+
+def compiler_options():
+    """What builds fastest: no sanitizer, no optimisation, no protection, no debug information."""
+    flags = "-O0"
+    for linker, program in (("mold", "mold"), ("lld", "ld.lld"), ("gold", "ld.gold")):
+        if shutil.which(program):
+            flags += f" -fuse-ld={linker}"
+            break
+    launcher = ["-DCMAKE_CXX_COMPILER_LAUNCHER=ccache"] if shutil.which("ccache") else []
+    return ["-DCMAKE_BUILD_TYPE=Debug", f"-DCMAKE_CXX_FLAGS={flags}", "-DCMAKE_CXX_FLAGS_DEBUG=",
+            "-DKEL_SD_BUILD_TESTS=ON", "-DKEL_SD_BUILD_TOOLS=OFF", "-DKEL_SD_HARDENING=OFF",
+            "-DKEL_SD_WARNINGS_AS_ERRORS=OFF", *launcher]
+
+
+def arguments():
+    parser = argparse.ArgumentParser(prog="scripts/mutate.sh", description=DESCRIPTION,
+                                     formatter_class=argparse.RawDescriptionHelpFormatter,
+                                     epilog="Exit code 1 if a fault was not noticed, 2 if something went wrong.")
+    parser.add_argument("files", metavar="FILE", nargs="*", help="only faults in these (default: all of src/)")
+    parser.add_argument("--group", choices=[USUAL, BEYOND, "both"], default="both")
+    parser.add_argument("--kind", action="append", help="only faults of that kind, as --list names it")
+    parser.add_argument("--count", metavar="N", type=int, default=300,
+                        help="how many of each group, chosen at random; 0 for all (default: %(default)s)")
+    parser.add_argument("--seed", metavar="N", type=int, default=1, help="of what is random (default: %(default)s)")
+    parser.add_argument("--minutes", metavar="N", type=float, help="plant no further fault after that time")
+    parser.add_argument("--jobs", "-j", metavar="N", type=int, default=os.cpu_count(),
+                        help="compilers at a time (default: one a processor)")
+    parser.add_argument("--list", action="store_true", help="print the chosen faults and plant none")
+    parser.add_argument("--resume", metavar="RESULTS", type=Path,
+                        help="go on with this file of results: what it has is not tried again, what is tried is "
+                             f"added (default: a new one, {FOLDER}/results.jsonl)")
+    parser.add_argument("--report", metavar="RESULTS", type=Path, help="print the table of a file of results")
+    return parser.parse_args()
+
+
+def known_equivalents():
+    """The keys of faults that change nothing."""
+    keys = set()
+    for block in EQUIVALENTS.read_text().split("\n\n"):
+        lines = [line for line in block.splitlines() if line and not line.startswith("#")]
+        changed = [line for line in lines if line[0] in "+-"]
+        if changed:
+            keys.add((lines[0].strip(), *("".join(line.split()) for line in changed)))
+    return keys
+
+
+def sources(files):
+    paths = sorted((*ROOT.glob("src/**/*.cpp"), *ROOT.glob("src/**/*.h")))
+    names = [str(path.relative_to(ROOT)) for path in paths]
+    for file in files:
+        if file not in names:
+            raise WorkshopError(f"no such source file: {file}")
+    return files or names
+
+
+def faults_of(options):
+    """Of each group, in the order in which they are planted."""
+    enumerations = Enumerations(path.read_text() for path in sorted(ROOT.glob("src/**/*.h")))
+    every = [fault for path in sources(options.files)
+             for fault in faults_in(path, (ROOT / path).read_text(), enumerations)]
+    chosen = {}
+    for group in (USUAL, BEYOND) if options.group == "both" else (options.group,):
+        chosen[group] = [fault for fault in every
+                         if fault.group == group and (not options.kind or fault.kind in options.kind)]
+        random.Random(options.seed).shuffle(chosen[group])
+    return chosen
+
+
+def describe(fault):
+    return "\n".join([f"{fault.path}:{fault.line}: {fault.group}, {fault.kind}", *("    " + line for line in fault.diff())])
+
+
+def run(options):
+    groups = faults_of(options)
+    equivalents = known_equivalents()
+    if options.list:
+        for faults in groups.values():
+            open_ones = [fault for fault in faults if fault.key() not in equivalents]
+            for fault in open_ones[: options.count or None]:
+                print(describe(fault))
+        return 0
+
+    results = options.resume or ROOT / FOLDER / "results.jsonl"
+    results.parent.mkdir(parents=True, exist_ok=True)
+    if not options.resume:
+        results.write_text("")
+    done = {one["id"]: one for one in read(results)}
+    workshop = Workshop(ROOT, ROOT / FOLDER, programs_for, compiler_options(), options.jobs,
+                        lambda text: print(text, flush=True))
+    workshop.prepare()
+    end = time.monotonic() + options.minutes * 60 if options.minutes else float("inf")
+    tried = []
+    for faults in groups.values():
+        count = 0
+        for fault in faults:
+            if options.count and count >= options.count:
+                break
+            record = done.get(fault.identifier())
+            if not record:
+                if time.monotonic() > end:
+                    break
+                record = attempt(workshop, fault, fault.key() in equivalents)
+                with open(results, "a", encoding="utf-8") as file:
+                    file.write(json.dumps(record) + "\n")
+                tell(record, count + 1, options.count or len(faults))
+            tried.append(record)
+            count += record["outcome"] in (NOTICED, SURVIVED, EQUAL)
+    print_table(tried)
+    return 1 if any(one["outcome"] == SURVIVED for one in tried) else 0
+
+
+def attempt(workshop, fault, is_equal):
+    record = {"id": fault.identifier(), "group": fault.group, "kind": fault.kind, "path": fault.path,
+              "line": fault.line, "diff": fault.diff()}
+    if is_equal:
+        return record | {"outcome": EQUAL, "by": "", "seconds": 0}
+    verdict = workshop.attempt(fault)
+    return record | {"outcome": verdict.outcome, "by": verdict.by, "seconds": round(verdict.seconds, 1)}
+
+
+def read(results):
+    if not results.exists():
+        return []
+    return [json.loads(line) for line in results.read_text().splitlines()]
+
+
+def tell(record, number, count):
+    by = f" by {record['by']}" if record["outcome"] == NOTICED else ""
+    print(f"{number}/{count} {record['path']}:{record['line']}: {record['group']}, {record['kind']}: "
+          f"{record['outcome']}{by} ({record['seconds']:.0f} s)", flush=True)
+    if record["outcome"] == SURVIVED:
+        print_diff(record)
+
+
+def print_diff(record):
+    print("\n".join("    " + line for line in record["diff"]), flush=True)
+
+
+def print_table(records):
+    survivors = [one for one in records if one["outcome"] == SURVIVED]
+    if survivors:
+        print("\nNot noticed:")
+    for one in sorted(survivors, key=lambda record: (record["path"], record["line"])):
+        print(f"{one['path']}:{one['line']}: {one['group']}, {one['kind']}")
+        print_diff(one)
+    layout = "{:<8} {:<12} {:>8} {:>9} {:>7} {:>9} {:>17}"
+    print("\n" + layout.format("group", "kind", NOTICED, SURVIVED, EQUAL, "rate", UNBUILT))
+    for group in (USUAL, BEYOND):
+        of_group = [one for one in records if one["group"] == group]
+        for kind in sorted({one["kind"] for one in of_group}):
+            print(row(layout, group, kind, [one for one in of_group if one["kind"] == kind]))
+        if of_group:
+            print(row(layout, group, "all", of_group))
+
+
+def row(layout, group, kind, records):
+    count = Counter(one["outcome"] for one in records)
+    judged = count[NOTICED] + count[SURVIVED]
+    rate = f"{100 * count[NOTICED] / judged:.1f} %" if judged else "-"
+    return layout.format(group, kind, count[NOTICED], count[SURVIVED], count[EQUAL], rate, count[UNBUILT])
+
+
+def main():
+    options = arguments()
+    try:
+        if options.report:
+            print_table(read(options.report))
+            return 0
+        return run(options)
+    except WorkshopError as error:
+        print(f"mutate.sh: {error}", file=sys.stderr)
+        return 2
+    except BrokenPipeError:
+        return 2
+
+
+if __name__ == "__main__":
+    sys.exit(main())

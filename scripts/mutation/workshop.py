@@ -1,0 +1,230 @@
+"""A copy of the project in which faults are planted, built and tried."""
+
+import os
+import re
+import resource
+import shutil
+import signal
+import subprocess
+import tempfile
+import time
+from dataclasses import dataclass, field
+from pathlib import Path
+
+MOST_MEMORY = 8 << 30  # bytes, of one test program
+MOST_OUTPUT = 256 << 20
+# With a base folder, ccache makes paths relative, and tests look at the paths in log lines.
+COMPILER_ENVIRONMENT = {"CCACHE_BASEDIR": ""}
+BUILD_TIME = 1800  # seconds, for a program at most
+FIRST_RUN_TIME = 900  # of a program whose usual time is not known yet
+CONFIRMATIONS = 3
+FLAKY_TESTS = 5  # that a run may pass over
+
+RUNNING = re.compile(r"^\[ RUN      \] (\S+)", re.MULTILINE)
+FAILED = re.compile(r"^\[  FAILED  \] ([^\s,]+)(?:,.*)? \(\d+ ms\)$", re.MULTILINE)
+
+
+class WorkshopError(Exception):
+    """The project itself cannot be built, or its tests fail without a fault."""
+
+
+@dataclass(frozen=True)
+class Program:
+    """A test program. One made with GoogleTest is run in several processes, its tests shared out."""
+
+    name: str
+    arguments: tuple = ()
+    is_networked: bool = False
+    shards: int = 1
+    is_googletest: bool = True
+
+
+@dataclass
+class Verdict:
+    outcome: str  # noticed, survived or "does not compile"
+    by: str = ""
+    seconds: float = 0
+
+
+@dataclass
+class _Run:
+    passed: bool
+    failed: list = field(default_factory=list)  # the tests, as far as they are known
+    hung: bool = False
+
+
+class Workshop:
+    def __init__(self, root, folder, programs_for, options, jobs, say=lambda text: None):
+        """`programs_for(path)` yields the programs that try a fault in that file, the likeliest to notice first;
+        `options` are those of CMake."""
+        self.root, self.folder = Path(root), Path(folder)
+        self.tree, self.build = self.folder / "tree", self.folder / "build"
+        self._programs_for, self._options, self._jobs, self._say = programs_for, options, jobs, say
+        self._usual_time = {}
+        self._planted = None
+
+    def prepare(self):
+        """Makes the copy like the checkout, with what is not committed yet."""
+        self._copy()
+        if not (self.build / "build.ninja").exists():
+            self._command("cmake", "-G", "Ninja", "-S", self.tree, "-B", self.build, *self._options)
+
+    def read(self, path):
+        return (self.tree / path).read_text()
+
+    def attempt(self, fault):
+        """Tries a fault with one program after the other, until one notices."""
+        programs = [program for program in self._programs_for(fault.path) if self._exists(program)]
+        begin = time.monotonic()
+        for program in programs:
+            self._learn_usual_time(program)
+        try:
+            self._plant(fault)
+            return self._try(programs, begin)
+        finally:
+            self._restore()
+
+    def _try(self, programs, begin):
+        for program in programs:
+            if not self._is_built(program):
+                return Verdict("does not compile", "", time.monotonic() - begin)
+            by = self._noticed_by(program)
+            if by:
+                return Verdict("noticed", by, time.monotonic() - begin)
+        return Verdict("survived", ", ".join(program.name for program in programs), time.monotonic() - begin)
+
+    def _copy(self):
+        listed = self._command("git", "-C", self.root, "ls-files", "-z", "--cached", "--others",
+                               "--exclude-standard").split("\0")
+        files = {name for name in listed if name and (self.root / name).is_file()}
+        for name in files:
+            source, target = self.root / name, self.tree / name
+            if not target.exists() or source.read_bytes() != target.read_bytes():
+                target.parent.mkdir(parents=True, exist_ok=True)
+                shutil.copy(source, target)  # with the time of now, so that it is built anew
+        for target in self.tree.rglob("*"):
+            if target.is_file() and str(target.relative_to(self.tree)) not in files:
+                target.unlink()
+
+    def _plant(self, fault):
+        path = self.tree / fault.path
+        self._planted = (path, path.read_text())
+        path.write_text(fault.planted())
+
+    def _restore(self):
+        if self._planted:
+            path, text = self._planted
+            path.write_text(text)
+            self._planted = None
+
+    def _exists(self, program):
+        return f"build bin/{program.name}:" in (self.build / "build.ninja").read_text()
+
+    def _is_built(self, program):
+        built = subprocess.run(["ninja", "-C", self.build, "-j", str(self._jobs), program.name],
+                               stdout=subprocess.PIPE, stderr=subprocess.STDOUT, timeout=BUILD_TIME,
+                               check=False, text=True, env=os.environ | COMPILER_ENVIRONMENT)
+        self._build_output = built.stdout
+        return built.returncode == 0
+
+    def _learn_usual_time(self, program):
+        """Without a fault all tests must pass."""
+        if program.name in self._usual_time:
+            return
+        self._say(f"building and running {program.name} without a fault ...")
+        if not self._is_built(program):
+            raise WorkshopError(f"{program.name} cannot be built:\n{self._build_output}")
+        begin = time.monotonic()
+        self._usual_time[program.name] = FIRST_RUN_TIME
+        by = self._noticed_by(program)
+        if by:
+            raise WorkshopError(f"there is no fault yet, but {by} fails")
+        self._usual_time[program.name] = time.monotonic() - begin
+
+    def _noticed_by(self, program):
+        """The test that fails because of the fault, or nothing. A test that fails now and then only because the
+        machine is busy is passed over: one that failed must do so again within a few times."""
+        passed_over = []
+        while True:
+            run = self._run(program, program.shards, ["-" + ":".join(passed_over)] if passed_over else [])
+            if run.passed:
+                return ""
+            if run.hung:
+                return f"{program.name}, which does not end"
+            by = " ".join([program.name, *run.failed[:1]])
+            if len(passed_over) >= FLAKY_TESTS or self._fails_again(program, run):
+                return by
+            passed_over += run.failed
+
+    def _fails_again(self, program, run):
+        if not run.failed:
+            return True
+        return any(not self._run(program, 1, [":".join(run.failed)]).passed for _ in range(CONFIRMATIONS))
+
+    def _run(self, program, shards, filters):
+        """Runs the program until all its processes have ended, one has failed, or it takes far too long."""
+        limit = 3 * self._usual_time[program.name] + 30
+        with tempfile.TemporaryDirectory() as folder:
+            outputs = [Path(folder) / str(index) for index in range(shards)]
+            processes = [self._start(program, index, shards, filters, outputs[index]) for index in range(shards)]
+            try:
+                return self._wait(processes, outputs, time.monotonic() + limit)
+            finally:
+                for process in processes:
+                    _end(process)
+
+    def _start(self, program, index, shards, filters, output):
+        command = [str(self.build / "bin" / program.name), *(str(self.tree / one) for one in program.arguments)]
+        if program.is_networked:
+            command.insert(0, str(self.tree / "tests/support/in-namespace.sh"))
+        environment = dict(os.environ)
+        if program.is_googletest:
+            environment |= {"GTEST_TOTAL_SHARDS": str(shards), "GTEST_SHARD_INDEX": str(index),
+                            "GTEST_FAIL_FAST": "1"}
+            command += [f"--gtest_filter={one}" for one in filters]
+        with open(output, "wb") as stream:
+            return subprocess.Popen(command, stdin=subprocess.DEVNULL, stdout=stream, stderr=stream,
+                                    env=environment, start_new_session=True, preexec_fn=_bound)
+
+    @staticmethod
+    def _wait(processes, outputs, end):
+        while True:
+            codes = [process.poll() for process in processes]
+            for code, output in zip(codes, outputs):
+                if code == 77:
+                    raise WorkshopError("the kernel forbids network namespaces to this user")
+                if code:
+                    return _Run(False, _failed_tests(output.read_text(errors="replace")))
+            if None not in codes:
+                return _Run(True)
+            if time.monotonic() > end:
+                return _Run(False, hung=True)
+            time.sleep(0.02)
+
+    def _command(self, *command):
+        done = subprocess.run([str(one) for one in command], stdout=subprocess.PIPE, stderr=subprocess.STDOUT,
+                              check=False, text=True)
+        if done.returncode:
+            raise WorkshopError(f"{command[0]} failed:\n{done.stdout}")
+        return done.stdout
+
+
+def _bound():
+    resource.setrlimit(resource.RLIMIT_AS, (MOST_MEMORY, MOST_MEMORY))
+    resource.setrlimit(resource.RLIMIT_FSIZE, (MOST_OUTPUT, MOST_OUTPUT))
+    resource.setrlimit(resource.RLIMIT_CORE, (0, 0))
+
+
+def _end(process):
+    """With what it has started, which is in its process group."""
+    try:
+        os.killpg(process.pid, signal.SIGKILL)
+    except ProcessLookupError:
+        pass
+    process.wait()
+
+
+def _failed_tests(output):
+    """Those that failed, or else the one in which the program ended."""
+    failed = list(dict.fromkeys(FAILED.findall(output)))
+    return failed or RUNNING.findall(output)[-1:]
