@@ -12,7 +12,7 @@ packages_for() {
     case "$1" in
     build) echo g++ cmake ninja-build pkg-config libpoco-dev libcli11-dev nlohmann-json3-dev libnl-route-3-dev libsodium-dev libpcap-dev libncurses-dev ;;
     demo) echo iproute2 ;;
-    test) echo libgtest-dev libgmock-dev libbenchmark-dev clang-format bats jq tshark iproute2 procps nftables zsh tmux doxygen ;;
+    test) echo libgtest-dev libgmock-dev libbenchmark-dev clang-format bats jq tshark iproute2 procps python3 nftables zsh tmux doxygen ;;
     aarch64) echo g++-aarch64-linux-gnu qemu-user mmdebstrap iproute2 ;;
     coverage) echo gcovr ;;
     lint) echo clang-tidy clang-format cppcheck shellcheck ;;

@@ -5,6 +5,7 @@ import json
 import os
 import random
 import shutil
+import signal
 import sys
 import time
 from collections import Counter
@@ -37,7 +38,7 @@ state tests widened by one state ("state"), upper bounds removed ("bound").
 """
 
 # In what order programs try a fault in a file whose path begins so.
-CORPUS = "fuzz/corpus"
+CORPUS = "{tree}/fuzz/corpus"
 PROGRAMS = {
     "data": Program("data_tests", shards=2),
     "logic": Program("logic_tests", shards=6),
@@ -48,14 +49,14 @@ PROGRAMS = {
     "network": Program("network_tests", is_networked=True, shards=8),
     "golden": Program("golden_packet_tests", shards=2),
     "zoo": Program("zoo_tests", is_networked=True, shards=4),
-    "packets": Program("fuzz_packet", (f"{CORPUS}/packet",), is_googletest=False),
-    "datagrams": Program("fuzz_datagram", (f"{CORPUS}/datagram",), is_googletest=False),
-    "machine": Program("fuzz_state_machine", (f"{CORPUS}/state_machine",), is_googletest=False),
-    "days": Program("turned_soak_tests"),
+    "packets": Program("fuzz_packet", (CORPUS + "/packet",), is_googletest=False),
+    "datagrams": Program("fuzz_datagram", (CORPUS + "/datagram",), is_googletest=False),
+    "machine": Program("fuzz_state_machine", (CORPUS + "/state_machine",), is_googletest=False),
+    "hours": Program("turned_soak", ("0.1", "--seed", "1"), is_googletest=False),
 }
 ORDER = {
     "src/DataLayer/": ("data", "logic", "packets", "datagrams", "machine", "scripted hub", "golden", "zoo", "network"),
-    "src/LogicLayer/": ("logic", "scripted hub", "machine", "datagrams", "store", "days", "golden", "network", "facade"),
+    "src/LogicLayer/": ("logic", "scripted hub", "machine", "datagrams", "store", "hours", "golden", "network", "facade"),
     "src/Multicast/": ("multicast", "network", "logic", "facade", "zoo"),
     "src/": ("scripted hub", "facade", "logic", "network"),
 }
@@ -233,6 +234,7 @@ def row(layout, group, kind, records):
 
 def main():
     options = arguments()
+    signal.signal(signal.SIGTERM, lambda *_: sys.exit(2))  # ends what has been started
     try:
         if options.report:
             print_table(read(options.report))
@@ -241,7 +243,7 @@ def main():
     except WorkshopError as error:
         print(f"mutate.sh: {error}", file=sys.stderr)
         return 2
-    except BrokenPipeError:
+    except (BrokenPipeError, KeyboardInterrupt):
         return 2
 
 

@@ -1,5 +1,6 @@
 """A copy of the project in which faults are planted, built and tried."""
 
+import fcntl
 import os
 import re
 import resource
@@ -30,7 +31,8 @@ class WorkshopError(Exception):
 
 @dataclass(frozen=True)
 class Program:
-    """A test program. One made with GoogleTest is run in several processes, its tests shared out."""
+    """A test program. One made with GoogleTest is run in several processes, its tests shared out. In arguments,
+    {tree} is the copy's folder."""
 
     name: str
     arguments: tuple = ()
@@ -54,20 +56,33 @@ class _Run:
 
 
 class Workshop:
-    def __init__(self, root, folder, programs_for, options, jobs, say=lambda text: None):
+    def __init__(self, root, folder, programs_for, options, jobs, say=lambda text: None, patience=30):
         """`programs_for(path)` yields the programs that try a fault in that file, the likeliest to notice first;
-        `options` are those of CMake."""
+        `options` are those of CMake. A program hangs when it takes three times its usual time, and `patience`
+        seconds."""
         self.root, self.folder = Path(root), Path(folder)
         self.tree, self.build = self.folder / "tree", self.folder / "build"
         self._programs_for, self._options, self._jobs, self._say = programs_for, options, jobs, say
+        self._patience = patience
         self._usual_time = {}
         self._planted = None
 
     def prepare(self):
         """Makes the copy like the checkout, with what is not committed yet."""
+        self.folder.mkdir(parents=True, exist_ok=True)
+        self._lock = open(self.folder / "lock", "w", encoding="utf-8")
+        try:
+            fcntl.flock(self._lock, fcntl.LOCK_EX | fcntl.LOCK_NB)
+        except BlockingIOError:
+            self.close()
+            raise WorkshopError(f"another one is at work in {self.folder}") from None
         self._copy()
         if not (self.build / "build.ninja").exists():
             self._command("cmake", "-G", "Ninja", "-S", self.tree, "-B", self.build, *self._options)
+
+    def close(self):
+        """Lets another one work there."""
+        self._lock.close()
 
     def read(self, path):
         return (self.tree / path).read_text()
@@ -75,6 +90,8 @@ class Workshop:
     def attempt(self, fault):
         """Tries a fault with one program after the other, until one notices."""
         programs = [program for program in self._programs_for(fault.path) if self._exists(program)]
+        if not programs:
+            raise WorkshopError(f"there is no test program for {fault.path}")
         begin = time.monotonic()
         for program in programs:
             self._learn_usual_time(program)
@@ -118,7 +135,7 @@ class Workshop:
             self._planted = None
 
     def _exists(self, program):
-        return f"build bin/{program.name}:" in (self.build / "build.ninja").read_text()
+        return re.search(rf"^build bin/{program.name}[ :]", (self.build / "build.ninja").read_text(), re.MULTILINE)
 
     def _is_built(self, program):
         built = subprocess.run(["ninja", "-C", self.build, "-j", str(self._jobs), program.name],
@@ -163,7 +180,7 @@ class Workshop:
 
     def _run(self, program, shards, filters):
         """Runs the program until all its processes have ended, one has failed, or it takes far too long."""
-        limit = 3 * self._usual_time[program.name] + 30
+        limit = 3 * self._usual_time[program.name] + self._patience
         with tempfile.TemporaryDirectory() as folder:
             outputs = [Path(folder) / str(index) for index in range(shards)]
             processes = [self._start(program, index, shards, filters, outputs[index]) for index in range(shards)]
@@ -174,7 +191,7 @@ class Workshop:
                     _end(process)
 
     def _start(self, program, index, shards, filters, output):
-        command = [str(self.build / "bin" / program.name), *(str(self.tree / one) for one in program.arguments)]
+        command = [str(self.build / "bin" / program.name), *(one.format(tree=self.tree) for one in program.arguments)]
         if program.is_networked:
             command.insert(0, str(self.tree / "tests/support/in-namespace.sh"))
         environment = dict(os.environ)
