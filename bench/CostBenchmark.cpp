@@ -10,6 +10,8 @@
 #include <algorithm>
 #include <array>
 #include <cstdio>
+#include <fstream>
+#include <iterator>
 #include <map>
 #include <memory>
 #include <string>
@@ -29,46 +31,72 @@ const std::array<std::pair<Known, const char*>, 4> states{{{Known::Few, "100"},
                                                            {Known::Full, "131,072"},
                                                            {Known::Instances, "4,096 of a name"}}};
 
-/// Whether everything is within its bounds.
-bool printTable()
+class Table
 {
-    std::map<Known, std::unique_ptr<CostScene>> scenes;
-    for (const auto& [known, name] : states)
-        scenes[known] = std::make_unique<CostScene>(known);
-    bool isGood = true;
-    std::puts(
-        "| datagram | bytes | us, 100 known | of its budget | to known offers | us, 65,536 | us, 131,072 | "
-        "us, 4,096 of a name | worst to 100 |");
-    std::puts("|---|---|---|---|---|---|---|---|---|");
-    for (const std::size_t size : sizes) {
-        const double reference = microsecondsToHandle(*scenes[Known::Few], knownOffers(size), 15);
-        for (const CostlyDatagram& kind : costlyDatagrams()) {
-            const std::string datagram = kind.make(size);
-            const double few = microsecondsToHandle(*scenes[Known::Few], datagram);
-            const double half = microsecondsToHandle(*scenes[Known::HalfFull], datagram);
-            const double full = microsecondsToHandle(*scenes[Known::Full], datagram);
-            const double instances = microsecondsToHandle(*scenes[Known::Instances], datagram);
-            const double share = std::max({few, half, full, instances}) /
-                                 (datagramBudget + byteBudget * static_cast<double>(datagram.size()));
-            const double toKnown = few / reference;
-            const double toFew = std::max({half, full, instances}) / few;
-            const bool isWithin = share <= 1 && toKnown <= mostTimesKnown && toFew <= mostTimesFew;
-            isGood = isGood && isWithin;
-            std::printf("| %s | %zu | %.1f | %.0f %% | %.1f | %.1f | %.1f | %.1f | %.1f%s |\n", kind.name,
-                        datagram.size(), few, share * 100, toKnown, half, full, instances, toFew,
-                        isWithin ? "" : " (!)");
-        }
+public:
+    Table()
+    {
+        for (const auto& [known, name] : states)
+            m_scenes[known] = std::make_unique<CostScene>(known);
+        std::puts(
+            "| datagram | bytes | us, 100 known | of its budget | to known offers | us, 65,536 | us, 131,072 "
+            "| "
+            "us, 4,096 of a name | worst to 100 |");
+        std::puts("|---|---|---|---|---|---|---|---|---|");
     }
-    return isGood;
+
+    void print(const char* name, const std::string& datagram)
+    {
+        const std::string known = knownOffers(datagram.size());
+        const double reference = microsecondsToHandle(*m_scenes[Known::Few], known) *
+                                 static_cast<double>(datagram.size()) / static_cast<double>(known.size());
+        const double few = microsecondsToHandle(*m_scenes[Known::Few], datagram);
+        const double half = microsecondsToHandle(*m_scenes[Known::HalfFull], datagram);
+        const double full = microsecondsToHandle(*m_scenes[Known::Full], datagram);
+        const double instances = microsecondsToHandle(*m_scenes[Known::Instances], datagram);
+        const double share = std::max({few, half, full, instances}) /
+                             (datagramBudget + byteBudget * static_cast<double>(datagram.size()));
+        const double toKnown = few / reference;
+        const double toFew = std::max({half, full, instances}) / few;
+        const bool isWithin = share <= 1 && toKnown <= mostTimesKnown && toFew <= mostTimesFew;
+        m_isGood = m_isGood && isWithin;
+        std::printf("| %s | %zu | %.1f | %.0f %% | %.1f | %.1f | %.1f | %.1f | %.1f%s |\n", name,
+                    datagram.size(), few, share * 100, toKnown, half, full, instances, toFew,
+                    isWithin ? "" : " (!)");
+    }
+
+    /// Whether every line was within its bounds.
+    bool isGood() const { return m_isGood; }
+
+private:
+    std::map<Known, std::unique_ptr<CostScene>> m_scenes;
+    bool m_isGood = true;
+};
+
+std::string contentsOf(const char* path)
+{
+    std::ifstream file(path, std::ios::binary);
+    return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
 }
 
 }  // namespace
 
 }  // namespace Nubo::ServiceDiscovery::Testing
 
-int main()
+/// With arguments, which are files, their contents instead of the known kinds.
+int main(int argc, char* argv[])
 {
+    using namespace Nubo::ServiceDiscovery::Testing;
     // Lines are made, and thrown away.
     Logging::Log::Logger().setChannel(Poco::AutoPtr<Poco::Channel>(new Poco::NullChannel));
-    return Nubo::ServiceDiscovery::Testing::printTable() ? 0 : 1;
+    Table table;
+    for (int i = 1; i < argc; ++i)
+        table.print(argv[i], contentsOf(argv[i]));
+    for (const std::size_t size : sizes) {
+        for (const CostlyDatagram& kind : costlyDatagrams()) {
+            if (argc == 1)
+                table.print(kind.name, kind.make(size));
+        }
+    }
+    return table.isGood() ? 0 : 1;
 }

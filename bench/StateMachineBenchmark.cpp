@@ -103,8 +103,7 @@ struct Scene
     /// What the hub does with an offer.
     void receive(const Offer& offer)
     {
-        SDService::Ptr service =
-            new SDService(offer.entry, offer.ipv6, offer.configuration, SDService::Extent::Instance);
+        SDService::Ptr service = SDService::instanceOf(offer.entry, offer.ipv6, offer.configuration);
         if (service->getTTL() == 0) {
             handle(Event::SOMEIP_STOPOFFER, service);
         }

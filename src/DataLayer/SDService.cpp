@@ -138,11 +138,21 @@ SDService::SDService(const std::string& name) : m_timeoutTimestamp(SDClock::now(
 }
 
 SDService::SDService(const SOME_IP_SD_Entry_Service& entry, const SOME_IP_SD_Option_IPv6& ipv6,
-                     const SOME_IP_SD_Option_Configuration& configuration, Extent extent)
+                     const SOME_IP_SD_Option_Configuration& configuration)
 {
-    fromSOMEIP(entry, ipv6, configuration);
-    if (extent == Extent::Whole)
-        complete(configuration);
+    if (!fromSOMEIP(entry, ipv6, configuration))
+        refuse();
+    complete(configuration);
+}
+
+SDService::Ptr SDService::instanceOf(const SOME_IP_SD_Entry_Service& entry,
+                                     const SOME_IP_SD_Option_IPv6& ipv6,
+                                     const SOME_IP_SD_Option_Configuration& configuration)
+{
+    Ptr service = new SDService;
+    if (!service->fromSOMEIP(entry, ipv6, configuration))
+        return {};
+    return service;
 }
 
 void SDService::setState(const State::State_t& state)
@@ -237,14 +247,14 @@ bool SDService::addPair(const std::string& key, const std::string& value)
     return m_configuration.emplace(key, value) != m_configuration.end();
 }
 
-void SDService::fromSOMEIP(const SOME_IP_SD_Entry_Service& entry, const SOME_IP_SD_Option_IPv6& ipv6,
+bool SDService::fromSOMEIP(const SOME_IP_SD_Entry_Service& entry, const SOME_IP_SD_Option_IPv6& ipv6,
                            const SOME_IP_SD_Option_Configuration& configuration)
 {
     if (!entry.isValid() || !ipv6.isValid() || !configuration.isValid()) {
         SD_LOG(Error) << "Failed to create service due to invalid "
                       << (entry.isValid() ? "" : "Service Entry") << (ipv6.isValid() ? "" : " IPv6 Option")
                       << (configuration.isValid() ? "" : " Configuration Option");
-        refuse();
+        return false;
     }
 
     m_serviceID = entry.getServiceID();
@@ -260,14 +270,15 @@ void SDService::fromSOMEIP(const SOME_IP_SD_Entry_Service& entry, const SOME_IP_
     const auto name = pairs.lower_bound(OptionKeywords::NuBo_Servicename);
     if (name == pairs.end() || name->first != OptionKeywords::NuBo_Servicename) {
         SD_LOG(Error) << "Failed to create service due to missing NuBo_Servicename!";
-        refuse();
+        return false;
     }
     m_description.setName(name->second);
 
     if (pairs.find(OptionKeywords::NuBo_Version) == pairs.end()) {
         SD_LOG(Error) << "Failed to create service due to missing NuBo_Version!";
-        refuse();
+        return false;
     }
+    return true;
 }
 
 void SDService::complete(const SOME_IP_SD_Option_Configuration& configuration)

@@ -145,20 +145,18 @@ public:
     /// A record that identifies a service by its name alone. Its deadline has passed from the start.
     explicit SDService(const std::string& name);
 
-    /// How much of a received offer a record takes in.
-    enum class Extent
-    {
-        Whole,
-        Instance  ///< without versions and categories, of which an offer may carry thousands
-    };
-
     /// A record of a received offer. Its instance ID is 0, whatever the entry carried: the state machine
     /// numbers what it discovers. Throws Poco::InvalidArgumentException, after an error line, when one of
-    /// the three is invalid or the configuration lacks a name or a version, whatever the extent.
+    /// the three is invalid or the configuration lacks a name or a version.
     SDService(const SOME_IP_SD_Entry_Service& entry, const SOME_IP_SD_Option_IPv6& ipv6,
-              const SOME_IP_SD_Option_Configuration& configuration, Extent extent = Extent::Whole);
+              const SOME_IP_SD_Option_Configuration& configuration);
 
-    /// Takes in what a record of the extent `Instance` of the same offer went without.
+    /// The same without versions and categories, of which an offer may carry thousands: enough to recognise
+    /// an instance. Null instead of an exception, which costs more than all the rest of a bad offer.
+    static Ptr instanceOf(const SOME_IP_SD_Entry_Service& entry, const SOME_IP_SD_Option_IPv6& ipv6,
+                          const SOME_IP_SD_Option_Configuration& configuration);
+
+    /// Takes in what instanceOf() the same offer went without.
     void complete(const SOME_IP_SD_Option_Configuration& configuration);
 
     const NuboServiceDescription& getNuboDescription() const { return m_description; }
@@ -243,8 +241,9 @@ public:
     void setPacket(std::string packet) const { m_packet = std::move(packet); }
 
 private:
+    SDService() = default;
     void fromNuboServiceDescription(const NuboServiceDescription& description);
-    void fromSOMEIP(const SOME_IP_SD_Entry_Service& entry, const SOME_IP_SD_Option_IPv6& ipv6,
+    bool fromSOMEIP(const SOME_IP_SD_Entry_Service& entry, const SOME_IP_SD_Option_IPv6& ipv6,
                     const SOME_IP_SD_Option_Configuration& configuration);
     void addVersion(const std::string& name, const std::string& version);
     void addFixedPairs(const std::string& name);

@@ -41,6 +41,8 @@ constexpr long handlerWakeInterval = 20;
 /// After which start() takes a stop() that another thread is in for one that is held up.
 constexpr long longestStop = 3000;
 
+constexpr auto failedToAdd = "ServiceDiscovery failed to add Service due to ";
+
 Poco::SharedPtr<OEMInterface::OEMDispatcher> findDispatcher()
 {
     Poco::Any found;
@@ -518,7 +520,7 @@ void SDCommunicationHub::onFindServiceReceived(SDRequestHandler::FindServicePayl
         payload.result = true;
     }
     catch (const Poco::Exception& exception) {
-        SD_LOG(Error) << "ServiceDiscovery failed to add Service due to " << exception.displayText();
+        SD_LOG(Error) << failedToAdd << exception.displayText();
     }
 }
 
@@ -546,7 +548,11 @@ void SDCommunicationHub::onOfferServiceReceived(SDRequestHandler::OfferServicePa
         return;
 
     try {
-        SDService::Ptr service = new SDService(*entry, *ipv6, *configuration, SDService::Extent::Instance);
+        SDService::Ptr service = SDService::instanceOf(*entry, *ipv6, *configuration);
+        if (service.isNull()) {
+            SD_LOG(Error) << failedToAdd << Poco::InvalidArgumentException().displayText();
+            return;
+        }
         const Poco::Net::IPAddress& ip = service->getNuboDescription().getIpAddress();
         if (ip.isWildcard() || isLoopback(ip)) {
             SD_LOG(Error) << "Failed to handle OFFER_SERVICE due to invalid IP address \"" << ip.toString()
@@ -566,7 +572,7 @@ void SDCommunicationHub::onOfferServiceReceived(SDRequestHandler::OfferServicePa
         payload.result = true;
     }
     catch (const Poco::Exception& exception) {
-        SD_LOG(Error) << "ServiceDiscovery failed to add Service due to " << exception.displayText();
+        SD_LOG(Error) << failedToAdd << exception.displayText();
     }
 }
 

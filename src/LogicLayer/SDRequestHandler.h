@@ -46,7 +46,7 @@ public:
 
     /// How many errors and warnings the reading of one datagram may log: so many, and one for so many bytes
     /// of it. Further ones are left out, and a warning gives their number.
-    static constexpr std::size_t mostReadingFaults = 8;
+    static constexpr std::size_t mostReadingFaults = 16;
     static constexpr std::size_t bytesPerReadingFault = 8;
 
     /// One entry with its options. A subscriber sets `result` when it has handled the entry.

@@ -224,14 +224,15 @@ struct Construction
 struct RecordConstructionTest : ::testing::TestWithParam<Construction>
 {};
 
-SDService::Ptr makeFromOffer(SDService::Extent extent)
+template <class Make>
+SDService::Ptr makeFromOffer(Make make)
 {
     SOME_IP_SD_Entry::CommonFields fields;
     fields.type = EntryType::OFFER_SERVICE;
     const SOME_IP_SD_Entry_Service entry(fields, 2);
     const SOME_IP_SD_Option_IPv6 ipv6(OptionType::IP6_ENDPOINT, "fd00::1", 8080, OptionL4Protocol::TCP);
     static const SOME_IP_SD_Option_Configuration configuration(offered());
-    return new SDService(entry, ipv6, configuration, extent);
+    return make(entry, ipv6, configuration);
 }
 
 }  // namespace
@@ -263,8 +264,13 @@ INSTANTIATE_TEST_SUITE_P(
                                                             SDService::Type::ANNOUNCED);
                                    }},
                       Construction{"Name", []() -> SDService::Ptr { return new SDService(name); }},
-                      Construction{"Offer", [] { return makeFromOffer(SDService::Extent::Whole); }},
-                      Construction{"Instance", [] { return makeFromOffer(SDService::Extent::Instance); }},
+                      Construction{"Offer",
+                                   [] {
+                                       return makeFromOffer([](const auto&... parts) -> SDService::Ptr {
+                                           return new SDService(parts...);
+                                       });
+                                   }},
+                      Construction{"Instance", [] { return makeFromOffer(SDService::instanceOf); }},
                       Construction{"Copy",
                                    []() -> SDService::Ptr {
                                        static const SDService source(media());

@@ -252,6 +252,18 @@ const std::vector<CostlyDatagram>& costlyDatagrams()
          [](std::size_t size) {
              return entriesToFill(size, Entry{"01", "05 05 00"}, "");
          }},
+        {"offers without a version",
+         [](std::size_t size) {
+             return entriesToFill(size, Entry{},
+                                  endpoint(8080) + Packets::configurationOption(
+                                                       {"l6proto=nubo", "otherserv=Media", "txtvers=1"}));
+         }},
+        {"offers without a version and missing options",
+         [](std::size_t size) {
+             return entriesToFill(size, Entry{"01", "00 02 2f"},
+                                  endpoint(8080) + Packets::configurationOption(
+                                                       {"l6proto=nubo", "otherserv=Media", "txtvers=1"}));
+         }},
         {"searches with TTL 0",
          [](std::size_t size) {
              return entriesToFill(size, Entry{"00", "00 00 00", "00 01", "00 00 00"}, "");
