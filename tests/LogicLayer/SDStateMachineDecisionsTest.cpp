@@ -261,7 +261,11 @@ TEST_F(SDStateMachineDecisionsTest, RegistryIsToldOfAStoppedServiceWithTheWorklo
 {
     offer(offered());
     std::vector<bool> couldLock;
-    engine.registry.onEvent = [&](auto&) { couldLock.push_back(machine.m_workloadMutex.tryLock()); };
+    engine.registry.onEvent = [&](auto&) {
+        couldLock.push_back(machine.m_workloadMutex.tryLock());
+        if (couldLock.back())
+            machine.m_workloadMutex.unlock();
+    };
 
     stopOffer(offered("Media", "fd00::2", 0));
 
