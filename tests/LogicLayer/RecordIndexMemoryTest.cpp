@@ -264,12 +264,13 @@ struct ChosenKeysCase
 struct ChosenKeysTest : ::testing::TestWithParam<ChosenKeysCase>
 {};
 
-std::vector<SDService::Ptr> allOfOneName()
+/// As many as can be known, and as many of each name.
+std::vector<SDService::Ptr> fullNames()
 {
     std::vector<SDService::Ptr> records;
     for (std::uint32_t i = 0; i < 131072; ++i)
-        records.push_back(makeDiscovered("Media", static_cast<unsigned short>(i), i % 1000 + 1,
-                                         static_cast<unsigned short>(i / 2)));
+        records.push_back(makeDiscovered("Media" + std::to_string(i / 4096), static_cast<unsigned short>(i),
+                                         i % 1000 + 1, static_cast<unsigned short>(i % 4096)));
     return records;
 }
 
@@ -322,7 +323,7 @@ TEST_P(ChosenKeysTest, EqualHashesTakeAtMostHalfAsMuchMemoryMore)
 }
 
 INSTANTIATE_TEST_SUITE_P(Records, ChosenKeysTest,
-                         ::testing::Values(ChosenKeysCase{"AllOfOneName", allOfOneName},
+                         ::testing::Values(ChosenKeysCase{"FullNames", fullNames},
                                            ChosenKeysCase{"EachOfItsName",
                                                           [] { return eachOfItsName(ordinaryNames(4096)); }}),
                          [](const auto& row) { return row.param.name; });

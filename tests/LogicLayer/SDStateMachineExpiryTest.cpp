@@ -1,0 +1,358 @@
+#include "DataLayer/SDClock.h"
+#include "support/Descriptions.h"
+#include "support/OfferedRecords.h"
+#include "support/Packets.h"
+#include "support/PlantedHash.h"
+#include "support/RecordingHub.h"
+#include "support/TestStateMachine.h"
+#include "support/Waiting.h"
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <stdexcept>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+namespace Nubo::ServiceDiscovery::Testing {
+
+using Event = TestStateMachine::Event;
+using State = SDService::State;
+using Type = SDService::Type;
+using Milliseconds = std::chrono::duration<double, std::milli>;
+using ::testing::AllOf;
+using ::testing::Ge;
+using ::testing::IsEmpty;
+using ::testing::Le;
+using ::testing::SizeIs;
+
+namespace {
+
+constexpr Poco::Clock::ClockDiff millisecond = 1000;
+constexpr Poco::Clock::ClockDiff second = 1000 * millisecond;
+
+struct SDStateMachineExpiryTest : ::testing::Test
+{
+    SDStateMachineExpiryTest()
+    {
+        machine.run();
+        machine.putPeriodic(makeRecord(Type::ANNOUNCED, State::MAIN_PHASE, "Own"));
+    }
+
+    /// Lets so many services be known whose time-to-live runs out in a second.
+    void know(std::size_t count)
+    {
+        for (std::size_t i = 0; i < count; ++i) {
+            SDService::Ptr service =
+                makeDiscovered("Foreign" + std::to_string(i % 32), static_cast<unsigned short>(i), 1);
+            service->setTTL(1);
+            machine.putPeriodic(service);
+        }
+    }
+
+    std::size_t offersOfOwn() const { return engine.hub.sent("Own").size(); }
+    std::size_t known() const { return machine.m_index.discovered(); }
+
+    static Milliseconds durationOf(const std::function<void()>& call)
+    {
+        const auto begin = std::chrono::steady_clock::now();
+        call();
+        return std::chrono::steady_clock::now() - begin;
+    }
+
+    EngineFixture engine;
+    TestStateMachine machine{engine.hub};
+};
+
+/// Asks the machine for something over and over on a thread of its own, as callers and the network do.
+class Caller
+{
+public:
+    /// `progress` is how far the work is that keeps the mutex.
+    Caller(const TestStateMachine& machine, std::function<std::size_t()> progress)
+        : m_thread([this, &machine, work = std::move(progress)] {
+            while (!m_isOver) {
+                const std::size_t before = work();
+                machine.getServices();
+                m_longestWait = std::max(m_longestWait, work() - before);
+            }
+        })
+    {}
+    ~Caller() { end(); }
+
+    Caller(const Caller&) = delete;
+    Caller& operator=(const Caller&) = delete;
+
+    /// The most that was worked off during one call.
+    std::size_t end()
+    {
+        m_isOver = true;
+        if (m_thread.joinable())
+            m_thread.join();
+        return m_longestWait;
+    }
+
+private:
+    std::atomic<bool> m_isOver{false};
+    std::size_t m_longestWait = 0;
+    std::thread m_thread;
+};
+
+}  // namespace
+
+TEST_F(SDStateMachineExpiryTest, OwnOffersGoOutBeforeAnythingIsTold)
+{
+    know(10);
+    std::vector<std::size_t> offersAtEvents;
+    engine.registry.onEvent = [&](const auto&) { offersAtEvents.push_back(offersOfOwn()); };
+    SDClock::turn(2 * second);
+
+    machine.periodicTick();
+
+    EXPECT_EQ(offersAtEvents, std::vector<std::size_t>(10, 1));
+}
+
+TEST_F(SDStateMachineExpiryTest, SubscriberThatTakesLongLeavesTheRestToTheNextIntervals)
+{
+    constexpr std::size_t count = 2000;
+    know(count);
+    engine.registry.onEvent = [](const auto&) { SDClock::turn(millisecond); };
+    SDClock::turn(2 * second);
+
+    machine.periodicTick();
+    EXPECT_THAT(engine.registry.eventCount(), AllOf(Ge(100u), Le(910u)));
+    EXPECT_EQ(known(), count - engine.registry.eventCount());
+
+    std::size_t ticks = 1;
+    for (; known() != 0 && ticks < 50; ++ticks) {
+        const std::size_t before = engine.registry.eventCount();
+        machine.periodicTick();
+        EXPECT_LE(engine.registry.eventCount() - before, 910u);
+    }
+    EXPECT_EQ(offersOfOwn(), ticks) << "once per interval";
+    EXPECT_EQ(engine.registry.eventCount(), count) << "each is told once";
+    EXPECT_EQ(known(), 0u);
+}
+
+TEST_F(SDStateMachineExpiryTest, ServiceThatIsOfferedBeforeTheRestIsLookedAtStays)
+{
+    know(1500);
+    engine.registry.onEvent = [](const auto&) { SDClock::turn(millisecond); };
+    SDClock::turn(2 * second);
+    machine.periodicTick();
+    const SDService::Ptr last = machine.m_periodicWorkload.back();
+    ASSERT_FALSE(last->getType() == Type::ANNOUNCED);
+
+    EXPECT_TRUE(machine.renew(*makeOffer("Foreign" + std::to_string(1499 % 32), 1499, 1, 120)));
+    for (int tick = 0; tick < 50 && known() > 1; ++tick)
+        machine.periodicTick();
+
+    EXPECT_EQ(known(), 1u);
+    EXPECT_EQ(machine.m_periodicWorkload.back(), last);
+}
+
+TEST_F(SDStateMachineExpiryTest, CallersHaveTheMutexNowAndThenWhileMuchRunsOut)
+{
+    constexpr std::size_t count = 400;
+    know(count);
+    engine.registry.onEvent = [](const auto&) { std::this_thread::sleep_for(std::chrono::milliseconds(1)); };
+    SDClock::turn(2 * second);
+
+    Caller caller(machine, [&] { return engine.registry.eventCount(); });
+    for (int tick = 0; tick < 50 && known() != 0; ++tick)
+        machine.periodicTick();
+
+    EXPECT_LE(caller.end(), count / 4) << "10 ms at a time";
+    EXPECT_EQ(engine.registry.eventCount(), count);
+}
+
+TEST_F(SDStateMachineExpiryTest, CallersHaveTheMutexNowAndThenWhileMuchIsWithdrawn)
+{
+    constexpr std::size_t count = 400;
+    for (std::size_t i = 1; i < count; ++i)
+        machine.putPeriodic(makeRecord(Type::ANNOUNCED, State::MAIN_PHASE, "Own" + std::to_string(i)));
+    engine.hub.onAnnounce = [] { std::this_thread::sleep_for(std::chrono::milliseconds(1)); };
+
+    Caller caller(machine, [&] { return engine.hub.sent().size(); });
+    machine.removeAllAnnouncedServices();
+
+    EXPECT_LE(caller.end(), count / 4) << "10 ms at a time";
+    EXPECT_EQ(engine.hub.sent().size(), count);
+}
+
+TEST_F(SDStateMachineExpiryTest, EverythingKnownRunsOutInShortIntervalsWhateverItsHashes)
+{
+    constexpr std::size_t full = 131072;
+    const PlantedHash planted([](const void*, std::size_t) { return std::uint64_t{42}; });
+    EngineFixture flooded;
+    TestStateMachine victim{flooded.hub};
+    victim.run();
+    for (int i = 0; i < 100; ++i)
+        victim.putPeriodic(makeRecord(Type::ANNOUNCED, State::MAIN_PHASE, "Own" + std::to_string(i)));
+    for (std::size_t i = 0; i < full; ++i) {
+        SDService::Ptr service =
+            makeDiscovered("Foreign" + std::to_string(i / 4096), static_cast<unsigned short>(i), 1,
+                           static_cast<unsigned short>(i % 4096));
+        service->setTTL(1);
+        victim.putPeriodic(service);
+    }
+    SDClock::turn(2 * second);
+
+    Milliseconds longest{0};
+    std::size_t ticks = 0;
+    for (; victim.m_index.discovered() != 0 && ticks < 100; ++ticks)
+        longest = std::max(longest, durationOf([&] { victim.periodicTick(); }));
+
+    EXPECT_EQ(victim.m_index.discovered(), 0u);
+    EXPECT_EQ(flooded.registry.eventCount(), full);
+    EXPECT_EQ(flooded.hub.sent("Own99").size(), ticks);
+    constexpr Milliseconds lateness{250};
+    EXPECT_LE(longest.count(), (Milliseconds(1000) + lateness).count()) << "until the next cyclic offers";
+}
+
+namespace {
+
+/// The process stood still while other units went on offering.
+struct LateIntervalTest : SDStateMachineExpiryTest
+{
+    LateIntervalTest()
+    {
+        machine.periodicTick();  // the one before
+        EXPECT_TRUE(machine.handle(Event::SOMEIP_OFFER, makeOffer("Foreign", 1, 1, 3)));
+    }
+
+    void receive() { engine.hub.onMessageReceived(datagram); }
+
+    std::size_t gone() const { return engine.registry.gone("Foreign"); }
+
+    Multicast::MulticastDataPtr datagram = Packets::datagram(Packets::offer("Foreign"));
+    static constexpr Milliseconds mostWait{1000};
+};
+
+}  // namespace
+
+TEST_F(LateIntervalTest, WaitsASecondAtMostForWhatHasArrived)
+{
+    receive();
+    SDClock::turn(10 * second);
+
+    const Milliseconds duration = durationOf([&] { machine.periodicTick(); });
+
+    EXPECT_GE(duration.count(), 0.9 * mostWait.count());
+    EXPECT_LE(duration.count(), 5 * mostWait.count());
+    EXPECT_EQ(gone(), 1u);
+    EXPECT_EQ(offersOfOwn(), 2u);
+}
+
+TEST_F(LateIntervalTest, KeepsWhatIsOfferedAgainMeanwhile)
+{
+    receive();
+    SDClock::turn(10 * second);
+    std::thread handler([&] {
+        // The interval has offered, and has not looked for what has run out.
+        EXPECT_TRUE(eventually([&] { return offersOfOwn() == 2; }));
+        EXPECT_TRUE(machine.renew(*makeOffer("Foreign", 1, 1, 3)));
+    });
+
+    const Milliseconds duration = durationOf([&] { machine.periodicTick(); });
+    handler.join();
+
+    EXPECT_GE(duration.count(), 0.9 * mostWait.count()) << "the datagram waited all the while";
+    EXPECT_EQ(gone(), 0u);
+    EXPECT_EQ(known(), 1u);
+}
+
+TEST_F(LateIntervalTest, WaitsForNothingWhenNothingHasArrived)
+{
+    SDClock::turn(10 * second);
+
+    const Milliseconds duration = durationOf([&] { machine.periodicTick(); });
+
+    EXPECT_LE(duration.count(), 0.8 * mostWait.count());
+    EXPECT_EQ(gone(), 1u);
+}
+
+TEST_F(LateIntervalTest, IsOneThatBeginsMoreThanASecondAfterItsTime)
+{
+    receive();
+    SDClock::turn(1500 * millisecond);
+    EXPECT_LE(durationOf([&] { machine.periodicTick(); }).count(), 0.8 * mostWait.count());
+
+    SDClock::turn(2001 * millisecond);
+    EXPECT_GE(durationOf([&] { machine.periodicTick(); }).count(), 0.9 * mostWait.count());
+}
+
+TEST_F(LateIntervalTest, EndsItsWaitWhenTheMachineStops)
+{
+    receive();
+    SDClock::turn(10 * second);
+    std::thread stopper([&] {
+        EXPECT_TRUE(eventually([&] { return offersOfOwn() == 2; }));
+        machine.m_running = false;
+    });
+
+    const Milliseconds duration = durationOf([&] { machine.periodicTick(); });
+    stopper.join();
+
+    EXPECT_LE(duration.count(), 0.8 * mostWait.count());
+}
+
+namespace {
+
+/// What a machine holds, and what was told of it.
+struct StateAfterTest : ::testing::TestWithParam<std::string>
+{
+    static std::vector<std::string> stateAfter(const std::string& event, bool throws)
+    {
+        EngineFixture engine;
+        TestStateMachine machine{engine.hub};
+        machine.run();
+        machine.putPeriodic(makeRecord(Type::ANNOUNCED, State::MAIN_PHASE, "Own", "fd00::1", 8080, "own"));
+        EXPECT_TRUE(machine.handle(Event::HTTP_PUT, makeService("Own", "fd00::1", 8081, "own")));
+        EXPECT_TRUE(machine.handle(Event::SOMEIP_FIND, new SDService("Own")));
+        for (unsigned short port = 1; port <= 2; ++port)
+            EXPECT_TRUE(machine.handle(Event::SOMEIP_OFFER, makeOffer("Foreign", port, port)));
+        if (throws)
+            engine.registry.onEvent = [](const auto&) { throw std::runtime_error("no"); };
+
+        try {
+            if (event == "Delete")
+                machine.handle(Event::HTTP_DELETE, nullptr, "own");
+            else if (event == "StopOffer")
+                machine.handle(Event::SOMEIP_STOPOFFER, makeOffer("Foreign", 1, 1));
+        }
+        catch (const std::runtime_error&) {
+        }
+
+        std::vector<std::string> state = summaries(machine.aperiodic());
+        const std::vector<std::string> periodic = summaries(machine.periodic());
+        state.insert(state.end(), periodic.begin(), periodic.end());
+        state.push_back(std::to_string(machine.m_index.size()) + " records");
+        state.push_back(std::to_string(machine.m_index.discovered()) + " discovered");
+        state.push_back(std::to_string(machine.m_index.find("Foreign")->entries) + " foreign");
+        state.push_back(std::to_string(machine.indexed("uuid-1").size()) + " under the first identifier");
+        return state;
+    }
+};
+
+}  // namespace
+
+TEST_P(StateAfterTest, IsTheSameWhetherTheSubscriberThrowsOrNot)
+{
+    const std::vector<std::string> state = stateAfter(GetParam(), false);
+
+    EXPECT_EQ(stateAfter(GetParam(), true), state);
+    EXPECT_NE(state, stateAfter("", false)) << "the event itself";
+}
+
+INSTANTIATE_TEST_SUITE_P(Events, StateAfterTest, ::testing::Values("Delete", "StopOffer"),
+                         [](const auto& row) { return row.param; });
+
+}  // namespace Nubo::ServiceDiscovery::Testing
