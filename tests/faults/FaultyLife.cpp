@@ -196,7 +196,8 @@ void FaultyLife::make()
 
 void FaultyLife::start()
 {
-    asUnit([&] { EXPECT_NO_THROW(m_hasSaidYes = m_unit->discovery.startup(Poco::Net::IPAddress(address))); });
+    const Poco::Net::IPAddress own(address);
+    asUnit([&] { EXPECT_NO_THROW(m_hasSaidYes = m_unit->discovery.startup(own)); });
 }
 
 void FaultyLife::stop()
@@ -232,10 +233,13 @@ void FaultyLife::discover()
 {
     ServiceDiscovery& discovery = m_unit->discovery;
     m_listener->clear();
-    m_isAnnouncing = answer([&] { return discovery.addService(describe("Media", address, 8080, "media")); });
-    answer([&] { return discovery.findService(describe("Near")); });
-    answer([&] { return discovery.addService(describe("Brief", address, 8081, "brief")); });
-    answer([&] { return discovery.removeService("brief"); });
+    const NuboServiceDescription media = describe("Media", address, 8080, "media");
+    const NuboServiceDescription brief = describe("Brief", address, 8081, "brief");
+    const NuboServiceDescription near = describe("Near");
+    m_isAnnouncing = answer([&] { return discovery.addService(media); });
+    answer([&] { return discovery.findService(near); });
+    answer([&] { return discovery.addService(brief); });
+    answer([&] { return discovery.removeService(brief.getLocalUuid()); });
     m_speaker->send(Packets::find("Media"));
     m_speaker->send(Packets::offer("Near"));
     eventually([&] { return m_unit->known.has("Near"); }, patience);

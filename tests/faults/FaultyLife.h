@@ -6,6 +6,10 @@
 #include "support/SystemFaults.h"
 #include "support/TestUnit.h"
 
+#include <KELUtilLib/Logging.h>
+
+#include <Poco/Message.h>
+
 #include <cstddef>
 #include <memory>
 #include <mutex>
@@ -47,6 +51,23 @@ private:
     std::size_t m_contradictions = 0;
 };
 
+/// Sets the level of the log while it exists.
+class LogThreshold
+{
+public:
+    explicit LogThreshold(Poco::Message::Priority level) : m_former(Logging::Log::Logger().getLevel())
+    {
+        Logging::Log::Logger().setLevel(level);
+    }
+    ~LogThreshold() { Logging::Log::Logger().setLevel(m_former); }
+
+    LogThreshold(const LogThreshold&) = delete;
+    LogThreshold& operator=(const LogThreshold&) = delete;
+
+private:
+    const int m_former;
+};
+
 /// The surroundings of one unit after the other: a link on which another unit speaks and listens. The unit
 /// finds its interface itself, through the kernel's notices.
 class FaultyLife
@@ -84,6 +105,7 @@ private:
     void expectOnTheWire(const std::string& name);
     void speakUntil(const std::string& datagram, const std::string& name, bool isKnown);
 
+    const LogThreshold m_level{Poco::Message::PRIO_INFORMATION};  // as in a vehicle
     NetworkPair m_network;
     std::unique_ptr<Speaker> m_speaker;
     std::unique_ptr<Listener> m_listener;

@@ -55,7 +55,7 @@ TEST_P(SingleFaultTest, UnitGoesOnOrSaysNoAndWorksAfterwards)
     const std::size_t places = life.live(phase.phase, {call.call, SystemFault::forEver});
 
     std::cout << places << " places" << std::endl;
-    for (std::size_t place = 1; place <= places && !HasFailure(); place += stepThrough(places)) {
+    for (std::size_t place = 1; place <= places; place += stepThrough(places)) {
         SCOPED_TRACE("place " + std::to_string(place));
         life.live(phase.phase, {call.call, place});
     }

@@ -1,0 +1,250 @@
+#include "LogicLayer/SDCommunicationHub.h"
+#include "support/Descriptions.h"
+#include "support/Listener.h"
+#include "support/LogCatcher.h"
+#include "support/Namespace.h"
+#include "support/Packets.h"
+#include "support/SystemFaults.h"
+#include "support/TestUnit.h"
+#include "support/Waiting.h"
+
+#include <algorithm>
+#include <chrono>
+#include <ostream>
+#include <string>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+// Interfaces that the platform reports in any form and at any time, and that cannot always be used at once.
+namespace Nubo::ServiceDiscovery::Testing {
+
+using Poco::Net::IPAddress;
+using ::testing::Contains;
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+using ::testing::IsEmpty;
+using ::testing::Not;
+using ::testing::StartsWith;
+
+namespace {
+
+/// Opens the hub's delegates, for reports that no dispatcher of ours makes.
+template <auto added, auto removed>
+struct Delegates
+{
+    friend void reportAdded(SDCommunicationHub& hub,
+                            OEMInterface::AddServiceDiscoveryInterfacePayload& report)
+    {
+        (hub.*added)(report);
+    }
+    friend void reportRemoved(SDCommunicationHub& hub,
+                              OEMInterface::RemoveServiceDiscoveryInterfacePayload& report)
+    {
+        (hub.*removed)(report);
+    }
+};
+template struct Delegates<&SDCommunicationHub::onInterfaceAdded, &SDCommunicationHub::onInterfaceRemoved>;
+void reportAdded(SDCommunicationHub& hub, OEMInterface::AddServiceDiscoveryInterfacePayload& report);
+void reportRemoved(SDCommunicationHub& hub, OEMInterface::RemoveServiceDiscoveryInterfacePayload& report);
+
+constexpr auto globalAddress = "fd00::1";
+constexpr auto linkLocal = "fe80::1";
+
+/// Another unit can be reached on eth0.
+struct LinkedTest : ::testing::Test
+{
+    LinkedTest()
+    {
+        network.link("eth0", globalAddress, "fd00::2");
+        network.here.addAddress("eth0", std::string(linkLocal) + "/64");
+    }
+
+    NetworkPair network;
+};
+
+/// A hub that is not started, and another unit that speaks and listens.
+struct InterfaceFaultsTest : LinkedTest
+{
+    bool start() { return unit.hub.start(IPAddress(globalAddress)); }
+
+    bool isSending()
+    {
+        const std::string name = "Own" + std::to_string(++number);
+        SDService::Ptr service = makeService(name, globalAddress, 8080, name);
+        listener.clear();
+        return unit.hub.addService(service) &&
+               eventually([&] { return !listener.datagrams().empty(); }, std::chrono::milliseconds(500));
+    }
+
+    bool isHearing()
+    {
+        const std::string name = "Far" + std::to_string(++number);
+        return eventually(
+            [&] {
+                speaker.send(Packets::offer(name));
+                return eventually([&] { return unit.registry.discovered(name) != 0; },
+                                  std::chrono::milliseconds(20));
+            },
+            std::chrono::milliseconds(500));
+    }
+
+    LogCatcher log;
+    HubUnit unit;
+    Speaker speaker{network.there, "eth0", "fd00::2"};
+    Listener listener{network.there, "eth0"};
+    int number = 0;
+};
+
+/// An interface that is reported with one text and taken back with another.
+struct Spelling
+{
+    const char* name;
+    const char* added;
+    const char* removed;
+    friend void PrintTo(const Spelling& row, std::ostream* stream) { *stream << row.name; }
+};
+
+struct SpellingTest : InterfaceFaultsTest, ::testing::WithParamInterface<Spelling>
+{};
+
+/// A call that fails for a while, whose failure may pass.
+struct PassingFailure
+{
+    const char* name;
+    SystemCall call;
+    friend void PrintTo(const PassingFailure& row, std::ostream* stream) { *stream << row.name; }
+};
+
+struct PassingFailureTest : InterfaceFaultsTest, ::testing::WithParamInterface<PassingFailure>
+{};
+
+}  // namespace
+
+TEST_P(SpellingTest, RemovedInterfaceIsNeitherHeardNorSentOnAfterARestart)
+{
+    unit.platform.dispatcher().addInterface("eth0", GetParam().added);
+    ASSERT_TRUE(start());
+    EXPECT_TRUE(isHearing());
+
+    OEMInterface::RemoveServiceDiscoveryInterfacePayload report{{"eth0", GetParam().removed}};
+    reportRemoved(unit.hub, report);
+
+    EXPECT_FALSE(isSending());
+    EXPECT_THAT(joinedInterfaces(), IsEmpty());
+    unit.hub.stop();
+    ASSERT_TRUE(start());
+    EXPECT_THAT(joinedInterfaces(), IsEmpty());
+    EXPECT_FALSE(isSending());
+    EXPECT_FALSE(isHearing());
+}
+
+INSTANTIATE_TEST_SUITE_P(Texts, SpellingTest,
+                         ::testing::Values(Spelling{"Same", "fd00::1", "fd00::1"},
+                                           Spelling{"InCapitals", "fd00::1", "FD00::1"},
+                                           Spelling{"Longer", "fd00::1", "fd00:0:0:0:0:0:0:1"},
+                                           Spelling{"WithScope", "fe80::1", "fe80::1%eth0"},
+                                           Spelling{"WithoutScope", "fe80::1%eth0", "fe80::1"},
+                                           Spelling{"OtherAddressOfTheInterface", "fd00::1", "fe80::1"}),
+                         [](const auto& row) { return row.param.name; });
+
+TEST_F(InterfaceFaultsTest, AddressThatComesBeforeTheFirstStartIsHeardAndSentOn)
+{
+    network.here.ip("address delete fd00::1/64 dev eth0");
+    unit.platform.dispatcher().addInterface("eth0", globalAddress);
+    EXPECT_THAT(joinedInterfaces(), IsEmpty());
+
+    network.here.addAddress("eth0", "fd00::1/64");
+    ASSERT_TRUE(start());
+
+    EXPECT_TRUE(isHearing());
+    EXPECT_TRUE(isSending());
+}
+
+TEST_F(InterfaceFaultsTest, AddressThatComesAfterTheStartIsHeardAndSentOnWithinASecond)
+{
+    network.here.ip("address delete fd00::1/64 dev eth0");
+    unit.platform.dispatcher().addInterface("eth0", globalAddress);
+    ASSERT_TRUE(start());
+
+    network.here.addAddress("eth0", "fd00::1/64");
+
+    EXPECT_TRUE(eventually([] { return !joinedInterfaces().empty(); }));
+    EXPECT_TRUE(eventually([&] { return isSending(); }));
+    EXPECT_TRUE(isHearing());
+}
+
+TEST_P(PassingFailureTest, WhileReportedLosesNothing)
+{
+    ASSERT_TRUE(start());
+    {
+        const InMarkedThread marked;
+        const SystemFault fault({GetParam().call, 1, SystemFault::forEver});
+        unit.platform.dispatcher().addInterface("eth0", globalAddress);
+        EXPECT_TRUE(fault.happened());
+    }
+
+    EXPECT_TRUE(eventually([&] { return isSending(); }));
+    EXPECT_TRUE(eventually([&] { return isHearing(); }));
+    unit.hub.stop();
+    ASSERT_TRUE(start());
+    EXPECT_TRUE(isSending());
+    EXPECT_TRUE(isHearing());
+}
+
+TEST_P(PassingFailureTest, BeforeTheStartLosesNothing)
+{
+    {
+        const InMarkedThread marked;
+        const SystemFault fault({GetParam().call, 1, SystemFault::forEver});
+        unit.platform.dispatcher().addInterface("eth0", globalAddress);
+        EXPECT_TRUE(fault.happened());
+    }
+
+    ASSERT_TRUE(start());
+
+    EXPECT_TRUE(isSending());
+    EXPECT_TRUE(isHearing());
+}
+
+INSTANTIATE_TEST_SUITE_P(Calls, PassingFailureTest,
+                         ::testing::Values(PassingFailure{"Socket", SystemCall::Socket},
+                                           PassingFailure{"Bind", SystemCall::Bind},
+                                           PassingFailure{"SetOption", SystemCall::SetOption},
+                                           PassingFailure{"List", SystemCall::List},
+                                           PassingFailure{"Control", SystemCall::Control}),
+                         [](const auto& row) { return row.param.name; });
+
+TEST_F(InterfaceFaultsTest, RefusedReportIsWarnedOfOnceAndNotAtEveryStart)
+{
+    unit.platform.dispatcher().addInterface("eth0", "10.0.0.1");
+    EXPECT_THAT(log.warnings(), ElementsAre(HasSubstr("not an appropriate IP."),
+                                            HasSubstr("for sending: not an appropriate IP.")));
+    log.clear();
+
+    for (int i = 0; i < 3; ++i) {
+        ASSERT_TRUE(start());
+        unit.hub.stop();
+    }
+
+    EXPECT_THAT(log.warnings(), IsEmpty());
+}
+
+TEST_F(InterfaceFaultsTest, ReportWithoutANameOrAnAddressIsAnErrorAndChangesNothing)
+{
+    unit.platform.dispatcher().addInterface("eth0", globalAddress);
+    log.clear();
+    OEMInterface::AddServiceDiscoveryInterfacePayload nameless{{nullptr, globalAddress}};
+    OEMInterface::RemoveServiceDiscoveryInterfacePayload addressless{{"eth0", nullptr}};
+
+    EXPECT_NO_THROW(reportAdded(unit.hub, nameless));
+    EXPECT_NO_THROW(reportRemoved(unit.hub, addressless));
+
+    EXPECT_THAT(
+        log.lines(),
+        ElementsAre("Error: SDCommunicationHub - an interface without a name or an address was reported.",
+                    "Error: SDCommunicationHub - an interface without a name or an address was taken back."));
+    EXPECT_THAT(joinedInterfaces(), ElementsAre("eth0"));
+}
+
+}  // namespace Nubo::ServiceDiscovery::Testing

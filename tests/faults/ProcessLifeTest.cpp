@@ -1,0 +1,287 @@
+#include "ServiceDiscovery.h"
+#include "support/Descriptions.h"
+#include "support/Listener.h"
+#include "support/Namespace.h"
+#include "support/Packets.h"
+#include "support/Platform.h"
+#include "support/Registry.h"
+#include "support/Waiting.h"
+#include "support/Wire.h"
+
+#include <algorithm>
+#include <chrono>
+#include <csignal>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <iostream>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+// How a facade lives in its process: when the process forks, starts programs, ends at an odd moment, was
+// started without standard streams, or has hundreds of interfaces.
+namespace Nubo::ServiceDiscovery::Testing {
+
+using std::chrono::milliseconds;
+using ::testing::Each;
+using ::testing::Gt;
+using ::testing::IsEmpty;
+using ::testing::Not;
+
+namespace {
+
+/// What a process reports by its exit code.
+enum Outcome
+{
+    works = 10,
+    isWrong
+};
+
+constexpr std::size_t offersUntilSettled = 5;  // four offers at the beginning, then one per second
+
+struct Unit
+{
+    Unit() { platform.dispatcher().addInterface("eth0", "fd00::1"); }
+
+    bool startup() { return discovery.startup(Poco::Net::IPAddress("fd00::1")); }
+
+    PlatformScope platform;
+    ServiceDiscovery discovery;
+    Registry registry{discovery};
+};
+
+struct LinkedTest : ::testing::Test
+{
+    LinkedTest() { network.link("eth0", "fd00::1", "fd00::2"); }
+
+    NetworkPair network;
+};
+
+/// Another unit speaks and listens on eth0. Most tests make the unit in a process by itself.
+struct ProcessLifeTest : LinkedTest
+{
+    /// Ends the process at once, after the unit's whole duty.
+    [[noreturn]] void endAfterWork(Unit& unit)
+    {
+        listener.clear();
+        const bool isAdded = unit.discovery.addService(describe("Last", "fd00::1", 8089, "last"));
+        const bool isHeard = listener.hears(1);
+        const bool isHearing = eventually([&] {
+            speaker.send(Packets::offer("Far"));
+            return eventually([&] { return unit.registry.discovered("Far") != 0; }, milliseconds(20));
+        });
+        ::_exit(isAdded && isHeard && isHearing && unit.discovery.running() ? works : isWrong);
+    }
+
+    /// How many packets with a time-to-live of 0 were heard, when each datagram has one packet.
+    std::size_t stopOffers()
+    {
+        const auto& heard = listener.datagrams();
+        return static_cast<std::size_t>(std::count_if(heard.begin(), heard.end(), [](const auto& datagram) {
+            constexpr std::size_t atTTL = 16 + 8 + 9;
+            return datagram.bytes.substr(atTTL, 3) == "00 00 00"_bytes;
+        }));
+    }
+
+    Speaker speaker{network.there, "eth0", "fd00::2"};
+    Listener listener{network.there, "eth0"};
+};
+
+/// Of the whole process, so that it goes when the process ends.
+Unit& unitOfTheProcess()
+{
+    static Unit unit;
+    return unit;
+}
+
+std::vector<int> openDescriptorNumbers()
+{
+    std::vector<int> result;
+    for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd"))
+        result.push_back(std::stoi(entry.path().filename()));
+    // Without that of the walk.
+    result.erase(std::remove_if(result.begin(), result.end(),
+                                [](int descriptor) { return ::fcntl(descriptor, F_GETFD) < 0; }),
+                 result.end());
+    return result;
+}
+
+/// Those that have been opened since.
+std::vector<int> openedSince(const std::vector<int>& before)
+{
+    std::vector<int> result;
+    for (const int descriptor : openDescriptorNumbers()) {
+        if (std::count(before.begin(), before.end(), descriptor) == 0)
+            result.push_back(descriptor);
+    }
+    return result;
+}
+
+/// A thread at work may hold one of the sanitizer's locks, which a forked child would find locked for ever.
+bool areOtherThreadsAsleep()
+{
+    const std::string own = std::to_string(::getpid());
+    for (const auto& task : std::filesystem::directory_iterator("/proc/self/task")) {
+        std::string number;
+        std::string name;
+        std::string state;
+        std::ifstream(task.path() / "stat") >> number >> name >> state;
+        if (number != own && state != "S")
+            return false;
+    }
+    return true;
+}
+
+/// Forks; the child does that and ends. Whether it ends by itself, with the code for success.
+template <class Action>
+bool childDoes(Action action)
+{
+    eventually(areOtherThreadsAsleep);
+    const pid_t child = ::fork();
+    if (child == 0)
+        action();
+    int status = 0;
+    if (eventually([&] { return ::waitpid(child, &status, WNOHANG) == child; }))
+        return WIFEXITED(status) && WEXITSTATUS(status) == works;
+    ::kill(child, SIGKILL);
+    ::waitpid(child, &status, 0);
+    return false;
+}
+
+}  // namespace
+
+TEST_F(ProcessLifeTest, ForkedChildThatExitsDoesNotDisturbTheParent)
+{
+    const auto scenario = [&] {
+        Unit& unit = unitOfTheProcess();
+        if (!unit.startup() || !unit.discovery.addService(describe("Own", "fd00::1", 8080, "own")) ||
+            !listener.hears(offersUntilSettled))
+            ::_exit(isWrong);
+
+        const bool hasEnded = childDoes([] { std::exit(works); });
+
+        if (!hasEnded || stopOffers() != 0)
+            ::_exit(isWrong);
+        endAfterWork(unit);
+    };
+
+    EXPECT_EXIT(scenario(), ::testing::ExitedWithCode(works), "");
+}
+
+TEST_F(ProcessLifeTest, ForkedChildIsRefusedEverythingAndMayDestroyTheFacade)
+{
+    const auto scenario = [&] {
+        auto* const unit = new Unit;
+        if (!unit->startup() || !unit->discovery.addService(describe("Own", "fd00::1", 8080, "own")))
+            ::_exit(isWrong);
+
+        const bool hasEnded = childDoes([&] {
+            ServiceDiscovery& discovery = unit->discovery;
+            const bool isRefused = !discovery.running() && !unit->startup() && !discovery.shutdown() &&
+                                   !discovery.addService(describe("Other")) &&
+                                   !discovery.findService(describe("Other")) &&
+                                   !discovery.removeService("own") && discovery.getServices().empty();
+            delete unit;
+            ::_exit(isRefused ? works : isWrong);
+        });
+
+        if (!hasEnded)
+            ::_exit(isWrong);
+        endAfterWork(*unit);
+    };
+
+    EXPECT_EXIT(scenario(), ::testing::ExitedWithCode(works), "");
+}
+
+TEST_F(ProcessLifeTest, StartedProgramInheritsNoDescriptor)
+{
+    const std::vector<int> before = openDescriptorNumbers();
+    Unit unit;
+    ASSERT_TRUE(unit.startup());
+
+    const std::vector<int> opened = openedSince(before);
+
+    EXPECT_THAT(opened, Not(IsEmpty()));
+    for (const int descriptor : opened) {
+        EXPECT_NE(::fcntl(descriptor, F_GETFD) & FD_CLOEXEC, 0)
+            << std::filesystem::read_symlink("/proc/self/fd/" + std::to_string(descriptor));
+    }
+}
+
+TEST_F(ProcessLifeTest, NoDescriptorBecomesAStandardStream)
+{
+    const auto scenario = [&] {
+        for (int stream = 0; stream <= 2; ++stream)
+            ::close(stream);
+        const std::vector<int> before = openDescriptorNumbers();
+        Unit unit;
+        if (!unit.startup())
+            ::_exit(isWrong);
+        const std::vector<int> opened = openedSince(before);
+        if (opened.empty() || *std::min_element(opened.begin(), opened.end()) <= 2)
+            ::_exit(isWrong);
+        endAfterWork(unit);
+    };
+
+    EXPECT_EXIT(scenario(), ::testing::ExitedWithCode(works), "");
+}
+
+TEST_F(ProcessLifeTest, SubscriberMayEndTheProcessAndTheServicesAreWithdrawn)
+{
+    const auto scenario = [&] {
+        Unit& unit = unitOfTheProcess();
+        unit.registry.onEvent = [](auto&) { std::exit(works); };
+        if (!unit.startup() || !unit.discovery.addService(describe("Own", "fd00::1", 8080, "own")) ||
+            !listener.hears(offersUntilSettled))
+            ::_exit(isWrong);
+        speaker.send(Packets::offer("Far"));
+        eventually([] { return false; });
+        ::_exit(isWrong);
+    };
+
+    EXPECT_EXIT(scenario(), ::testing::ExitedWithCode(works), "");
+
+    EXPECT_TRUE(eventually([&] { return stopOffers() == 1; }));
+}
+
+TEST(ManyInterfacesTest, TwoHundredAndFortyAreServedInAThirdOfASecond)
+{
+    constexpr int interfaces = 240;
+    using Clock = std::chrono::steady_clock;
+    const NetworkPair network;
+    shell("for i in $(seq 1 2 " + std::to_string(interfaces) +
+          "); do echo link add d$i type veth peer name d$((i + 1)); done | ip -n here -batch -");
+    shell("for i in $(seq " + std::to_string(interfaces) +
+          "); do echo link set d$i up; echo address add fd00:$i::1/64 dev d$i; done | ip -n here -batch -");
+    PlatformScope platform;
+    for (int i = 1; i <= interfaces; ++i)
+        platform.dispatcher().addInterface("d" + std::to_string(i), "fd00:" + std::to_string(i) + "::1");
+
+    const auto begin = Clock::now();
+    ServiceDiscovery discovery;
+    const auto made = Clock::now();
+    EXPECT_TRUE(discovery.startup(Poco::Net::IPAddress("fd00:1::1")));
+    const auto started = Clock::now();
+    EXPECT_EQ(joinedInterfaces().size(), static_cast<std::size_t>(interfaces));
+    const auto toStop = Clock::now();
+    EXPECT_TRUE(discovery.shutdown());
+    const auto stopped = Clock::now();
+
+    const auto inMilliseconds = [](Clock::duration duration) {
+        return std::chrono::duration_cast<milliseconds>(duration).count();
+    };
+    std::cout << "made in " << inMilliseconds(made - begin) << " ms, started in "
+              << inMilliseconds(started - made) << " ms, shut down in " << inMilliseconds(stopped - toStop)
+              << " ms\n";
+    // Ten times the goal of 300 ms, for a sanitizer on a busy machine; a listing for each takes 10 s.
+    EXPECT_LT(inMilliseconds(started - begin + (stopped - toStop)), 3000);
+}
+
+}  // namespace Nubo::ServiceDiscovery::Testing
