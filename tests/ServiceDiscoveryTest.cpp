@@ -7,6 +7,7 @@
 #include "support/Registry.h"
 #include "support/Waiting.h"
 
+#include <Poco/Delegate.h>
 #include <Poco/Exception.h>
 
 #include <atomic>
@@ -56,12 +57,13 @@ constexpr auto refusedCall = "Error: ServiceDiscovery - call from within Service
 struct ServiceDiscoveryTest : ::testing::Test
 {
     /// Lets an offer come in, as the request handler does.
-    void receiveOffer(const std::string& name)
+    void receiveOffer(const std::string& name) { receiveOffer(name, discovery); }
+    static void receiveOffer(const std::string& name, ServiceDiscovery& receiving)
     {
         const std::string bytes = Packets::offer(name);
         SDRequestHandler::OfferServicePayload payload{
             Packets::firstEntryOf(bytes), Poco::Net::SocketAddress(Packets::otherUnitOrigin), false};
-        hubOf(discovery).onOfferServiceReceived(payload);
+        hubOf(receiving).onOfferServiceReceived(payload);
     }
 
     /// The records that wait to be sent.
@@ -398,6 +400,94 @@ TEST_F(ServiceDiscoveryTest, RunningMayBeAskedFromWithinTheEvent)
 
     EXPECT_TRUE(answer);
     EXPECT_THAT(log.complaints(), IsEmpty());
+}
+
+TEST_F(ServiceDiscoveryTest, SubscriberThatRunsDuringTheStartupSeesItRunning)
+{
+    Multicast::MulticastDataPtr message = Packets::datagram(Packets::offer("Media"));
+    hubOf(discovery).onMessageReceived(message);
+    std::atomic<bool> wasRunning{false};
+    registry.onEvent = [&](Payload&) { wasRunning = discovery.running(); };
+    log.onLine([&](const std::string& line) {
+        if (line == "Debug: SDStateMachine::start")
+            eventually([&] { return registry.discovered("Media") == 1; });
+    });
+
+    discovery.startup(address);
+
+    EXPECT_TRUE(wasRunning);
+}
+
+TEST_F(ServiceDiscoveryTest, SubscribersOfTwoFacadesMayCallEachOtherAndAreRefused)
+{
+    ServiceDiscovery other;
+    Registry otherRegistry(other);
+    std::atomic<int> inEvent{0};
+    std::atomic<int> refused{0};
+    const auto call = [&](ServiceDiscovery& target) {
+        ++inEvent;
+        eventually([&] { return inEvent == 2; });
+        refused += target.addService(describe("Radio")) ? 0 : 1;
+    };
+    registry.onEvent = [&](Payload&) { call(other); };
+    otherRegistry.onEvent = [&](Payload&) { call(discovery); };
+
+    std::thread thread([&] { receiveOffer("Media", other); });
+    receiveOffer("Media");
+    thread.join();
+
+    EXPECT_EQ(refused, 2);
+    EXPECT_THAT(log.complaints(), ElementsAre(refusedCall, refusedCall));
+    EXPECT_TRUE(other.addService(describe("Radio")));
+    EXPECT_TRUE(discovery.addService(describe("Radio")));
+}
+
+TEST_F(ServiceDiscoveryTest, LogChannelMayCallAndIsRefusedWhereItWouldWaitForItself)
+{
+    std::vector<bool> answers;
+    log.onLine([&](const std::string& line) {
+        if (line == "Debug: SDStateMachine::start" || line == "Debug: SDStateMachine::stop")
+            answers.push_back(discovery.addService(describe("Radio")));
+    });
+
+    EXPECT_TRUE(discovery.startup(address));
+    EXPECT_TRUE(discovery.shutdown());
+
+    EXPECT_THAT(answers, ElementsAre(false, false));
+    EXPECT_THAT(log.errors(), ElementsAre(refusedCall, refusedCall));
+}
+
+TEST_F(ServiceDiscoveryTest, SubscriberMayBeRemovedInItsEventByItselfAndByAnotherThread)
+{
+    struct Once
+    {
+        void onChanged(Payload&)
+        {
+            std::thread other([this] {
+                event.operator-=(Poco::delegate(this, &Once::onChanged));
+                isRemoved = true;
+            });
+            hasOtherReturned = eventually([this] { return isRemoved.load(); });
+            if (hasOtherReturned)
+                event.operator-=(Poco::delegate(this, &Once::onChanged));
+            ++calls;
+            other.join();
+        }
+
+        ServiceDiscovery::ServiceListEvent& event;
+        std::atomic<bool> isRemoved{false};
+        bool hasOtherReturned = false;
+        int calls = 0;
+    };
+    Once subscriber{discovery.ServiceListChanged};
+    discovery.ServiceListChanged += Poco::delegate(&subscriber, &Once::onChanged);
+
+    receiveOffer("Media");
+    receiveOffer("Navi");
+
+    EXPECT_TRUE(subscriber.hasOtherReturned);
+    EXPECT_EQ(subscriber.calls, 1);
+    EXPECT_EQ(registry.discovered("Navi"), 1u);
 }
 
 TEST_F(ServiceDiscoveryTest, ThreadCanCallAgainWhenTheEventIsOver)

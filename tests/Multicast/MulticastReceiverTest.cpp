@@ -511,6 +511,21 @@ TEST_F(MulticastReceiverTest, SecondJoiningOfAnInterfaceIsRefused)
                             "\"eth0\" with IP \"fd00::7\", already joined on \"eth0\""));
 }
 
+TEST_F(MulticastReceiverTest, InterfaceThatHasBeenRenamedSinceIsTheSame)
+{
+    network.here.setIPv6("eth0/keep_addr_on_down", "1");
+    join();
+    network.here.ip("link set eth0 down");
+    network.here.ip("link set eth0 name eth9 up");
+    log.clear();
+
+    join("eth9", "fd00::1");
+
+    EXPECT_THAT(log.lines(),
+                ElementsAre("Warning: ServiceDiscovery failed to join IPv6 Multicast Group on Interface "
+                            "\"eth9\" with IP \"fd00::1\", already joined on \"eth0\""));
+}
+
 TEST_F(MulticastReceiverTest, LinkLocalAddressIsTakenWithAndWithoutScope)
 {
     network.here.addAddress("eth0", "fe80::1/64");

@@ -4,6 +4,7 @@
 #include "support/Listener.h"
 #include "support/LogCatcher.h"
 #include "support/Namespace.h"
+#include "support/Packets.h"
 #include "support/Process.h"
 #include "support/Repeating.h"
 #include "support/TestUnit.h"
@@ -241,6 +242,22 @@ TEST_F(RunningHubTest, SecondStartChangesNothing)
     EXPECT_EQ(runningThreads(), threads);
     EXPECT_THAT(log.debugs(), ElementsAre("Debug: SDCommunicationHub::start"));
     EXPECT_THAT(log.complaints(), IsEmpty());
+}
+
+TEST_F(RunningHubTest, HubRunsUntilEverythingHasStopped)
+{
+    std::vector<std::string> linesWhenNotRunning;
+    log.onLine([&](const std::string& line) {
+        if (!hub().isRunning())
+            linesWhenNotRunning.push_back(line);
+    });
+
+    hub().stop();
+    log.onLine(nullptr);
+
+    EXPECT_THAT(linesWhenNotRunning, IsEmpty());
+    EXPECT_TRUE(log.has("Debug: SDStateMachine::stop"));
+    EXPECT_FALSE(hub().isRunning());
 }
 
 TEST_F(SDCommunicationHubLifecycleTest, StopOfAHubThatDoesNotRunDoesNothing)
@@ -518,6 +535,20 @@ TEST_F(SDCommunicationHubLifecycleTest, TenThousandMessagesWaitAndFurtherOnesAre
                                               "Warning: SDCommunicationHub - dropped 5" + line));
 }
 
+TEST_F(SDCommunicationHubLifecycleTest, LastDropsOfAFloodAreReportedWithoutAFurtherMessage)
+{
+    const std::string line = " received Message(s), at most 10000 with 16777216 Bytes can wait!";
+    Multicast::MulticastDataPtr message = datagram(fromHex(offerOfFar));
+    for (int i = 0; i < 10005; ++i)
+        hub().onMessageReceived(message);
+    ASSERT_THAT(log.complaints(), ElementsAre("Warning: SDCommunicationHub - dropped 1" + line));
+
+    start();
+    SDClock::turn(1100000);
+
+    EXPECT_TRUE(eventually([&] { return log.has("Warning: SDCommunicationHub - dropped 4" + line); }));
+}
+
 TEST_F(SDCommunicationHubLifecycleTest, MessagesOf16MiBWaitAndFurtherOnesAreDropped)
 {
     Multicast::MulticastDataPtr quarter = datagram(std::string(4 * 1024 * 1024, 'x'));
@@ -565,13 +596,15 @@ TEST_F(SDCommunicationHubLifecycleTest, RegistryThatDoesNotReturnDoesNotKeepTheR
     EXPECT_TRUE(start());
 }
 
-TEST_F(HeldHandlerTest, StopReturnsInSecondsAndEndsEverythingElse)
+TEST_F(HeldHandlerTest, StopWaitsASecondForTheHandlerAndEndsEverythingElse)
 {
     const auto begin = std::chrono::steady_clock::now();
 
     hub().stop();
 
-    EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(10));
+    const auto duration = std::chrono::steady_clock::now() - begin;
+    EXPECT_GE(duration, std::chrono::milliseconds(1000));
+    EXPECT_LT(duration, std::chrono::milliseconds(2500));
     EXPECT_FALSE(hub().isRunning());
     EXPECT_THAT(joinedInterfaces(), IsEmpty());
     EXPECT_TRUE(log.has("Debug: SDStateMachine::stop"));
@@ -609,6 +642,20 @@ TEST_F(HeldHandlerTest, StartIsRefusedUntilTheHandlerReturns)
     speaker.send(fromHex(offerOfFar));
     EXPECT_TRUE(discovers(1));
     EXPECT_THAT(joinedInterfaces(), ElementsAre("eth0"));
+}
+
+TEST_F(HeldHandlerTest, NothingThatWaitsAtTheStopIsHandledAfterTheNextStart)
+{
+    Multicast::MulticastDataPtr waiting = datagram(Packets::offer("Waiting"));
+    hub().onMessageReceived(waiting);
+    hub().stop();
+
+    gate.open();
+    ASSERT_TRUE(eventually([&] { return start(); }));
+    speaker.send(fromHex(offerOfFar));
+
+    EXPECT_TRUE(discovers(1));
+    EXPECT_EQ(unit->registry.discovered("Waiting"), 0u);
 }
 
 TEST_F(HeldHandlerTest, DestructionWaitsForTheHandler)
