@@ -91,7 +91,6 @@ void addAddresses(std::vector<InterfaceState>& interfaces)
         AddressState address;
         address.text = addressText(row[0]);
         address.prefixLength = static_cast<unsigned>(fromHex(row[2]));
-        address.isLinkLocal = row[0].compare(0, 3, "fe8") == 0;
         address.isTentative = (flags & IFA_F_TENTATIVE) != 0;
         address.isDuplicate = (flags & IFA_F_DADFAILED) != 0;
         address.isDeprecated = (flags & IFA_F_DEPRECATED) != 0;

@@ -12,7 +12,6 @@ struct AddressState
 {
     std::string text;
     unsigned prefixLength = 0;
-    bool isLinkLocal = false;
     bool isTentative = false;  ///< being checked for duplicates, or a duplicate
     bool isDuplicate = false;
     bool isDeprecated = false;
