@@ -17,6 +17,7 @@ constexpr std::size_t datagramAt = 14 + 40 + 8;
 // Where the fields of a packet are that has one entry with an endpoint and a configuration option.
 constexpr std::size_t lengthAt = 0x04;
 constexpr std::size_t countedFrom = 0x08;  // by the length
+constexpr std::size_t sessionAt = 0x0A;
 constexpr std::size_t entryTypeAt = 0x18;
 constexpr std::size_t ttlAt = 0x21;
 constexpr std::size_t addressAt = 0x30;
@@ -55,21 +56,33 @@ std::string sourceOf(const std::string& frame)
     return addressText(frame.substr(sourceAt, sizeof(in6_addr)));
 }
 
-std::vector<SentOffer> offersIn(const std::string& frame)
+std::vector<SentPacket> packetsIn(const std::string& datagram)
 {
-    const std::string datagram = frame.substr(datagramAt);
-    std::vector<SentOffer> offers;
+    std::vector<SentPacket> packets;
     for (std::size_t begin = 0; begin < datagram.size();) {
         const std::size_t size = countedFrom + numberAt(datagram, begin + lengthAt, 4);
         const std::string packet = datagram.substr(begin, size);
         begin += size;
-        if (packet.at(entryTypeAt) != offerType)
+        const auto session = static_cast<std::uint16_t>(numberAt(packet, sessionAt, 2));
+        if (packet.at(entryTypeAt) != offerType) {
+            packets.push_back({session, false, {}, 0});
             continue;
+        }
         const Service service{valueOf("otherserv=", packet),
                               addressText(packet.substr(addressAt, sizeof(in6_addr))),
                               static_cast<unsigned short>(numberAt(packet, portAt, 2))};
-        const bool isStop = numberAt(packet, ttlAt, 3) == 0;
-        offers.push_back({service, isStop ? Model::Message::StopOffer : Model::Message::Offer});
+        packets.push_back({session, true, service, static_cast<std::uint32_t>(numberAt(packet, ttlAt, 3))});
+    }
+    return packets;
+}
+
+std::vector<SentOffer> offersIn(const std::string& frame)
+{
+    std::vector<SentOffer> offers;
+    for (const SentPacket& packet : packetsIn(frame.substr(datagramAt))) {
+        if (packet.isOffer)
+            offers.push_back(
+                {packet.service, packet.ttl == 0 ? Model::Message::StopOffer : Model::Message::Offer});
     }
     return offers;
 }

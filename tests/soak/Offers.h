@@ -2,6 +2,7 @@
 
 #include "soak/Model.h"
 
+#include <cstdint>
 #include <string>
 #include <vector>
 
@@ -13,6 +14,19 @@ struct SentOffer
     Service service;
     Model::Message message;
 };
+
+/// What is looked at of a packet.
+struct SentPacket
+{
+    std::uint16_t session;
+    bool isOffer;  ///< or stop-offer; of others the rest is empty
+    Service service;
+    std::uint32_t ttl;  ///< in seconds, 0 for a stop-offer
+};
+
+/// The packets of a datagram that this library has sent, read by their places. Throws std::out_of_range when
+/// it is none.
+std::vector<SentPacket> packetsIn(const std::string& datagram);
 
 /// The address that an Ethernet frame with an IPv6 packet comes from.
 std::string sourceOf(const std::string& frame);
