@@ -64,8 +64,14 @@ class Fault:
         return text
 
     def diff(self):
-        """The lines that differ, as `diff -u` marks them; a deleted line goes without its neighbours."""
-        lines = difflib.unified_diff(self._text.splitlines(), self.planted().splitlines(), lineterm="", n=0)
+        """The lines that differ, as `diff -u` marks them; of statements that are swapped, all lines."""
+        before, after = self._text.splitlines(), self.planted().splitlines()
+        if self.kind == "order":
+            last = self._text.count("\n", 0, self.edits[-1][1])
+            behind = len(before) - last - 1
+            return ["-" + line for line in before[self.line - 1 : last + 1]] + [
+                "+" + line for line in after[self.line - 1 : len(after) - behind]]
+        lines = difflib.unified_diff(before, after, lineterm="", n=0)
         return [line for line in lines if not line.startswith(("---", "+++", "@@"))]
 
     def key(self):
@@ -73,8 +79,13 @@ class Fault:
         return (self.path, *("".join(line.split()) for line in self.diff()))
 
     def identifier(self):
+        """As long as the file stays the same."""
         where = f"{self.path}:{self.edits}:{hashlib.sha1(self._text.encode()).hexdigest()}"
         return hashlib.sha1(where.encode()).hexdigest()[:12]
+
+    def lot(self, seed):
+        """Its place among others, which does not change when others come or go."""
+        return hashlib.sha1(f"{seed}:{self.key()}:{self.line}".encode()).hexdigest()
 
 
 class Enumerations:
@@ -302,7 +313,7 @@ class _Planter:
     def _shows_order(self, one, other):
         """Two checks do, two calls do, and what has a name in common."""
         if one.kind == "guard" and other.kind == "guard":
-            return True
+            return self._body(one) != self._body(other)
         spans = [self.source.span(statement.first, statement.last) for statement in (one, other)]
         for form in (ASSIGNMENT, SETTER):
             matches = [form.match(span) for span in spans]
@@ -313,6 +324,9 @@ class _Planter:
             return True
         names = [{word for word in some if re.match(r"[A-Za-z_]", word)} for some in words]
         return bool(names[0] & names[1] - {"std", "Poco", "static_cast", "this"})
+
+    def _body(self, guard):
+        return self.source.words(self.source.partner[guard.first + 1] + 1, guard.last)
 
     def _unlock_early(self):
         """In a block of its own the lock is given back before what follows: at once, or after some of it."""

@@ -1,5 +1,6 @@
 """A copy of the project in which faults are planted, built and tried."""
 
+import copy
 import fcntl
 import os
 import re
@@ -64,6 +65,7 @@ class Workshop:
         self.tree, self.build = self.folder / "tree", self.folder / "build"
         self._programs_for, self._options, self._jobs, self._say = programs_for, options, jobs, say
         self._patience = patience
+        self._wrapper = []
         self._usual_time = {}
         self._planted = None
 
@@ -77,8 +79,13 @@ class Workshop:
             self.close()
             raise WorkshopError(f"another one is at work in {self.folder}") from None
         self._copy()
-        if not (self.build / "build.ninja").exists():
-            self._command("cmake", "-G", "Ninja", "-S", self.tree, "-B", self.build, *self._options)
+
+    def sibling(self, build, options, wrapper):
+        """Works on the same copy, but with a build of further options, whose programs the wrapper starts."""
+        other = copy.copy(self)
+        other.build, other._options, other._wrapper = self.folder / build, self._options + options, wrapper
+        other._usual_time = {}
+        return other
 
     def close(self):
         """Lets another one work there."""
@@ -89,6 +96,8 @@ class Workshop:
 
     def attempt(self, fault):
         """Tries a fault with one program after the other, until one notices."""
+        if not (self.build / "build.ninja").exists():
+            self._command("cmake", "-G", "Ninja", "-S", self.tree, "-B", self.build, *self._options)
         programs = [program for program in self._programs_for(fault.path) if self._exists(program)]
         if not programs:
             raise WorkshopError(f"there is no test program for {fault.path}")
@@ -194,14 +203,16 @@ class Workshop:
         command = [str(self.build / "bin" / program.name), *(one.format(tree=self.tree) for one in program.arguments)]
         if program.is_networked:
             command.insert(0, str(self.tree / "tests/support/in-namespace.sh"))
-        environment = dict(os.environ)
+        command = self._wrapper + command
+        environment = os.environ | {"TSAN_OPTIONS": "halt_on_error=1 second_deadlock_stack=1"}
         if program.is_googletest:
             environment |= {"GTEST_TOTAL_SHARDS": str(shards), "GTEST_SHARD_INDEX": str(index),
                             "GTEST_FAIL_FAST": "1"}
             command += [f"--gtest_filter={one}" for one in filters]
         with open(output, "wb") as stream:
             return subprocess.Popen(command, stdin=subprocess.DEVNULL, stdout=stream, stderr=stream,
-                                    env=environment, start_new_session=True, preexec_fn=_bound)
+                                    env=environment, start_new_session=True,
+                                    preexec_fn=_bound_output if self._wrapper else _bound)
 
     @staticmethod
     def _wait(processes, outputs, end):
@@ -228,6 +239,11 @@ class Workshop:
 
 def _bound():
     resource.setrlimit(resource.RLIMIT_AS, (MOST_MEMORY, MOST_MEMORY))
+    _bound_output()
+
+
+def _bound_output():
+    """ThreadSanitizer takes more addresses than there is memory."""
     resource.setrlimit(resource.RLIMIT_FSIZE, (MOST_OUTPUT, MOST_OUTPUT))
     resource.setrlimit(resource.RLIMIT_CORE, (0, 0))
 

@@ -156,10 +156,12 @@ Result repeat(int times, const NetworkPair& network, Unit& unit, Flap flap)
         flap();
         result.failures += isAtWork(unit, listener, speaker, result) ? 0 : 1;
     }
+    // Addresses are kept for 5 s after a flap, until the next one.
+    const auto memory = [] { return Resources::current().allocated; };
+    eventually([&] { return memory() <= result.before.allocated; }, milliseconds(6000));
+    flap();
     listener.clear();
-    result.after = Resources::current();
-    // What was removed last is withdrawn for three seconds.
-    eventually([&] { return Resources::current().allocated <= result.before.allocated; }, milliseconds(5000));
+    eventually([&] { return memory() <= result.before.allocated; }, milliseconds(4000));
     result.after = Resources::current();
     return result;
 }
