@@ -32,9 +32,9 @@ std::uint16_t requestType(const SOME_IP_SD_Entry& entry)
 }
 
 SOME_IP_SD_Header::EntryData entryDataOf(const SOME_IP_SD_Header& packet, std::uint16_t index,
-                                         LogLimit& faults)
+                                         LogLimit& missingOptions)
 {
-    const LogLimit::Scope reading(faults);
+    const LogLimit::Scope lookingUp(missingOptions);
     return packet.getEntryData(index);
 }
 
@@ -98,9 +98,10 @@ void SDRequestHandler::handleDatagram(MulticastDataPtr& msg)
 {
     std::vector<SOME_IP_SD_Header::Ptr> packets;
     const std::size_t size = msg->buffer.size();
-    LogLimit faults(mostReadingFaults + size / bytesPerReadingFault);
+    LogLimit readingFaults(fewestFaults + size / bytesPerReadingFault);
+    LogLimit missingOptions(fewestFaults + size / bytesPerMissingOption);
     try {
-        const LogLimit::Scope reading(faults);
+        const LogLimit::Scope reading(readingFaults);
         parsePacket(msg, packets);
     }
     catch (const Poco::Exception& exception) {
@@ -119,15 +120,15 @@ void SDRequestHandler::handleDatagram(MulticastDataPtr& msg)
             SD_LOG(Error) << "SDRequestHandler - found nullptr SOME/IP Header.";
             continue;
         }
-        handlePacket(*packet, msg->origin, faults);
+        handlePacket(*packet, msg->origin, missingOptions);
     }
-    if (faults.leftOut() > 0)
-        SD_LOG(Warning) << "SDRequestHandler - left out " << faults.leftOut()
+    if (const std::size_t leftOut = readingFaults.leftOut() + missingOptions.leftOut())
+        SD_LOG(Warning) << "SDRequestHandler - left out " << leftOut
                         << " further errors and warnings about a message of " << size << " Bytes.";
 }
 
 void SDRequestHandler::handlePacket(const SOME_IP_SD_Header& packet, const Poco::Net::SocketAddress& origin,
-                                    LogLimit& faults)
+                                    LogLimit& missingOptions)
 {
     if (!packet.getSomeIP().isValid()) {
         SD_LOG(Error) << "SDRequestHandler - found invalid SOME/IP Header.";
@@ -142,13 +143,13 @@ void SDRequestHandler::handlePacket(const SOME_IP_SD_Header& packet, const Poco:
     }
     SD_LOG(Debug) << "run: processing " << packet.getNumOfEntries() << " Entrie(s)...";
     for (std::size_t i = 0; i < packet.getNumOfEntries() && !m_isShutDown; ++i)
-        handleEntry(packet, static_cast<std::uint16_t>(i), origin, faults);
+        handleEntry(packet, static_cast<std::uint16_t>(i), origin, missingOptions);
 }
 
 void SDRequestHandler::handleEntry(const SOME_IP_SD_Header& packet, std::uint16_t index,
-                                   const Poco::Net::SocketAddress& origin, LogLimit& faults)
+                                   const Poco::Net::SocketAddress& origin, LogLimit& missingOptions)
 {
-    const SOME_IP_SD_Header::EntryData entryData = entryDataOf(packet, index, faults);
+    const SOME_IP_SD_Header::EntryData entryData = entryDataOf(packet, index, missingOptions);
     const std::size_t number = index + std::size_t{1};
     if (entryData.entry.isNull()) {
         SD_LOG(Error) << "SDRequestHandler - found nullptr SOME/IP Entr, Entry #" << number << " skipped!";

@@ -44,10 +44,12 @@ public:
 
     static constexpr std::uint16_t BitTTL0 = 0x1000;
 
-    /// How many errors and warnings the reading of one datagram may log: so many, and one for so many bytes
-    /// of it. Further ones are left out, and a warning gives their number.
-    static constexpr std::size_t mostReadingFaults = 16;
-    static constexpr std::size_t bytesPerReadingFault = 8;
+    /// How many errors and warnings a datagram may cause: so many, and one for so many bytes of it, while it
+    /// is read, and again while its entries' options are looked up, of which 16 bytes can name thirty.
+    /// Further ones are left out, and a warning gives their number.
+    static constexpr std::size_t fewestFaults = 16;
+    static constexpr std::size_t bytesPerReadingFault = 4;  // no option is smaller
+    static constexpr std::size_t bytesPerMissingOption = 16;
 
     /// One entry with its options. A subscriber sets `result` when it has handled the entry.
     struct FindServicePayload
@@ -92,9 +94,9 @@ private:
     void handleNext();
     void handleDatagram(MulticastDataPtr& msg);
     void handlePacket(const SOME_IP_SD_Header& packet, const Poco::Net::SocketAddress& origin,
-                      LogLimit& faults);
+                      LogLimit& missingOptions);
     void handleEntry(const SOME_IP_SD_Header& packet, std::uint16_t index,
-                     const Poco::Net::SocketAddress& origin, LogLimit& faults);
+                     const Poco::Net::SocketAddress& origin, LogLimit& missingOptions);
 
     std::atomic<bool> m_running{false};
     std::atomic<bool> m_isShutDown{false};  // and not run since

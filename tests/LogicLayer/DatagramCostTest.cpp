@@ -1,4 +1,3 @@
-#include "LogicLayer/SDRequestHandler.h"
 #include "support/CostScene.h"
 #include "support/LogCatcher.h"
 #include "support/Packets.h"
@@ -13,7 +12,10 @@
 namespace Nubo::ServiceDiscovery::Testing {
 
 using Packets::Entry;
+using ::testing::Contains;
 using ::testing::Each;
+using ::testing::Ge;
+using ::testing::Le;
 using ::testing::Not;
 using ::testing::SizeIs;
 using ::testing::StartsWith;
@@ -29,9 +31,14 @@ std::string entriesWithoutTheirOptions(std::size_t count)
     return Packets::packet(entries, "");
 }
 
-std::size_t mostFaultsOf(std::size_t size)
+constexpr std::size_t mostMissingOptions(std::size_t size)
 {
-    return SDRequestHandler::mostReadingFaults + size / SDRequestHandler::bytesPerReadingFault;
+    return 16 + size / 16;
+}
+
+constexpr std::size_t mostReadingFaults(std::size_t size)
+{
+    return 16 + size / 4;
 }
 
 struct DatagramCostTest : ::testing::TestWithParam<CostlyDatagram>
@@ -56,7 +63,7 @@ TEST(ReadingFaultsTest, MissingOptionsAreReportedUpToTheLimitAndThenCounted)
 {
     CostScene scene(Known::Nothing);
     const std::string datagram = entriesWithoutTheirOptions(4);
-    const std::size_t most = mostFaultsOf(datagram.size());
+    const std::size_t most = mostMissingOptions(datagram.size());
     const LogCatcher log;
 
     scene.handle(datagram);
@@ -77,6 +84,38 @@ TEST(ReadingFaultsTest, EveryMissingOptionOfAnEntryIsReportedWithinTheLimit)
 
     ASSERT_THAT(log.warnings(), SizeIs(15));
     EXPECT_THAT(log.warnings(), Each(StartsWith("Warning: Cannot extract Option #")));
+}
+
+TEST(ReadingFaultsTest, ReadingReportsAFaultForEveryFourBytesAndCountsTheOthers)
+{
+    CostScene scene(Known::Nothing);
+    std::string options;
+    for (int i = 0; i < 100; ++i)
+        options += "00 04 01 00 01 01 00"_bytes;  // a configuration that is refused, with three lines
+    const std::string datagram = Packets::packet(Entry{}.bytes(), options);
+    const std::size_t most = mostReadingFaults(datagram.size());
+    const LogCatcher log;
+
+    scene.handle(datagram);
+
+    EXPECT_THAT(log.complaints(), SizeIs(Ge(most)));
+    EXPECT_THAT(log.complaints(), SizeIs(Le(most + 3)));
+    EXPECT_THAT(log.warnings(), Contains(StartsWith("Warning: SDRequestHandler - left out ")));
+}
+
+TEST(ReadingFaultsTest, EveryOptionOfAnUnknownTypeIsReported)
+{
+    CostScene scene(Known::Nothing);
+    std::string options;
+    for (int i = 0; i < 1000; ++i)
+        options += "00 01 77 00"_bytes;
+    const LogCatcher log;
+
+    scene.handle(Packets::packet(Entry{}.bytes(), options));
+
+    EXPECT_EQ(log.count("Error: Failed to deserialise Option due to unknown type 0x'77'! (Adding placeholder "
+                        "instead.)"),
+              1000u);
 }
 
 TEST(ReadingFaultsTest, LimitIsAnewForEachDatagram)
@@ -120,7 +159,7 @@ TEST_P(DatagramCostTest, DatagramCostsNoMoreThanSoManyKnownOffers)
     }
 }
 
-TEST_P(DatagramCostTest, DatagramLogsOneLineForEightBytesAtMost)
+TEST_P(DatagramCostTest, DatagramLogsSoManyLinesAtMost)
 {
     CostScene scene(Known::Few);
     for (const std::size_t size : {std::size_t{128}, std::size_t{1212}}) {
@@ -130,7 +169,8 @@ TEST_P(DatagramCostTest, DatagramLogsOneLineForEightBytesAtMost)
         scene.handle(datagram);
 
         const std::size_t handled = datagram.size() / 8;  // two lines for each entry at most
-        EXPECT_LE(log.errors().size() + log.warnings().size(), mostFaultsOf(datagram.size()) + handled + 1);
+        EXPECT_LE(log.complaints().size(),
+                  mostReadingFaults(datagram.size()) + mostMissingOptions(datagram.size()) + handled + 1);
         scene.forget();
     }
 }
