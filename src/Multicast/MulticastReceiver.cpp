@@ -239,6 +239,7 @@ void MulticastReceiver::renewService()
     Poco::FastMutex::ScopedLock lock(m_interfacesMutex);
     m_service.swap(service);
     m_joinedInterfaces.clear();
+    service->socket.close();  // a reactor that ran out of memory may have lost a reference to it
 }
 
 void MulticastReceiver::onSocketReadable(const Poco::AutoPtr<ReadableNotification>& notification)
