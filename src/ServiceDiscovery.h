@@ -47,7 +47,11 @@ struct ServiceStatus
 /// Before that, the process puts the platform's dispatcher into the service locator: it tells which network
 /// interfaces to use. Services may be added and searched for before startup(); they are sent then.
 ///
-/// The operations may be called from any thread, but not from within ServiceListChanged.
+/// The operations may be called from any thread, but not from within ServiceListChanged, nor by a log channel
+/// that writes a line of the library: such a call is refused. When memory is short, requests throw
+/// std::bad_alloc and change nothing; startup() and shutdown() never throw.
+///
+/// The object belongs to the process that has made it: in a forked child every operation is refused.
 class KEL_SD_EXPORT ServiceDiscovery
 {
 public:
