@@ -56,7 +56,7 @@ PROGRAMS = {
 }
 ORDER = {
     "src/DataLayer/": ("data", "logic", "packets", "datagrams", "machine", "scripted hub", "golden", "zoo", "network"),
-    "src/LogicLayer/": ("logic", "scripted hub", "machine", "datagrams", "store", "hours", "golden", "network", "facade"),
+    "src/LogicLayer/": ("logic", "scripted hub", "machine", "datagrams", "store", "golden", "network", "facade", "hours"),
     "src/Multicast/": ("multicast", "network", "logic", "facade", "zoo"),
     "src/": ("scripted hub", "facade", "logic", "network"),
 }

@@ -20,6 +20,7 @@ COMPILER_ENVIRONMENT = {"CCACHE_BASEDIR": ""}
 BUILD_TIME = 1800  # seconds, for a program at most
 FIRST_RUN_TIME = 900  # of a program whose usual time is not known yet
 CONFIRMATIONS = 3
+LONGER = 3  # times as long waits who wants to be sure
 FLAKY_TESTS = 5  # that a run may pass over
 
 RUNNING = re.compile(r"^\[ RUN      \] (\S+)", re.MULTILINE)
@@ -173,6 +174,8 @@ class Workshop:
         passed_over = []
         while True:
             run = self._run(program, program.shards, ["-" + ":".join(passed_over)] if passed_over else [])
+            if run.hung:
+                run = self._run(program, program.shards, [], LONGER)  # the machine may have been busy
             if run.passed:
                 return ""
             if run.hung:
@@ -187,9 +190,9 @@ class Workshop:
             return True
         return any(not self._run(program, 1, [":".join(run.failed)]).passed for _ in range(CONFIRMATIONS))
 
-    def _run(self, program, shards, filters):
+    def _run(self, program, shards, filters, longer=1):
         """Runs the program until all its processes have ended, one has failed, or it takes far too long."""
-        limit = 3 * self._usual_time[program.name] + self._patience
+        limit = (3 * self._usual_time[program.name] + self._patience) * longer
         with tempfile.TemporaryDirectory() as folder:
             outputs = [Path(folder) / str(index) for index in range(shards)]
             processes = [self._start(program, index, shards, filters, outputs[index]) for index in range(shards)]

@@ -92,8 +92,9 @@ int clamped(int value)
 }
 int main()
 {
-    for (int i = 0; i < 3; ++i) {
-    }
+    volatile int i = 0;
+    while (i < 3)
+        i = i + 1;
     return clamped(9) == 5 ? 0 : 1;
 }
 """
@@ -117,7 +118,7 @@ class TriedFaults(unittest.TestCase):
             outcomes = [workshop.attempt(faults[line]).outcome for line in (
                 "+    if (false)",
                 "+    ;",
-                "+    for (int i = 0; i < 3; --i) {",
+                "+        ;",
             )]
 
             self.assertEqual(outcomes, ["noticed", "survived", "noticed"])
