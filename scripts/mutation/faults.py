@@ -41,7 +41,7 @@ NARROWED_EXCEPTIONS = {
     "std::bad_alloc": ["std::bad_array_new_length"],
 }
 LOCK = re.compile(r"^(?:const )?[\w:<>]*(?:Lock|lock_guard|unique_lock|scoped_lock|ScopedLock)\b[\w:<>]* (\w+)[({]")
-DECLARATION = re.compile(r"^(?:(?:const|static|constexpr|thread_local|auto|mutable|typename) |[\w:]+(?:<[^;=()]*>)?(?: const)?[&*]* (?:\[|\w+(?:\s*[;=({\[]|$)))")
+DECLARATION = re.compile(r"^(?:(?:const|static|constexpr|volatile|thread_local|auto|mutable|typename) |[\w:]+(?:<[^;=()]*>)?(?: const)?[&*]* (?:\[|\w+(?:\s*[;=({\[]|$)))")
 ASSIGNMENT = re.compile(r"([\w.>\[\]*-]+) = ")
 SETTER = re.compile(r"([\w.>-]+(?:\.|->)set\w+)\(")
 SMALLEST_MEASURE = 7  # below it 15 % are less than 1
