@@ -263,15 +263,20 @@ TEST_F(SDStateMachineMemoryTest, ServiceThatIsDisplacedIsToldUntilTheRegistryKno
         unit.machine.putPeriodic(service);
     }
     SDClock::turn(10 * second);
+    EXPECT_TRUE(unit.offer(9999));  // containers keep their room: from now on each offer allocates as often
 
     bool hasFailed = true;
+    std::size_t toldByTheTick = 0;
     for (unsigned short n = 1; hasFailed; ++n) {
         hasFailed = failsAtAllocation(n, [&] { unit.offer(n); });
+        const std::size_t toldBefore = unit.registry.gone;
         unit.machine.periodicTick();
+        toldByTheTick += unit.registry.gone - toldBefore;
 
         ASSERT_EQ(unit.machine.m_index.discovered(), full + unit.registry.discovered - unit.registry.gone);
         ASSERT_LE(unit.machine.m_index.discovered(), full) << "allocation " << n;
     }
+    EXPECT_GT(toldByTheTick, 0u);
     EXPECT_GT(unit.registry.gone, 0u);
     EXPECT_TRUE(unit.registry.isGoneToldWithIdentifier);
 }

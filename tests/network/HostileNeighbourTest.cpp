@@ -30,9 +30,7 @@
 namespace Nubo::ServiceDiscovery::Testing {
 
 using ::testing::Contains;
-using ::testing::IsEmpty;
 using ::testing::Not;
-using ::testing::SizeIs;
 
 namespace {
 
@@ -237,7 +235,7 @@ TEST_F(HostileNeighbourTest, NamesThatWereChosenToCollideDoNoHarm)
 TEST_F(HostileNeighbourTest, ManyInstancesAndSearchesForThemDeafenNoUnit)
 {
     constexpr std::size_t instances = placesOfAName / 2;  // of one address
-    constexpr std::size_t datagrams = isFast ? 100 : 20;
+    constexpr std::size_t datagrams = isFast ? 100 : 6;
     constexpr std::size_t findsEach = 3500;
     std::vector<std::string> offers;
     for (std::size_t port = 1; port <= instances; ++port)
@@ -262,6 +260,7 @@ TEST_F(HostileNeighbourTest, ManyInstancesAndSearchesForThemDeafenNoUnit)
 TEST_F(HostileNeighbourTest, FullNameIsOpenAgainAfterTenSeconds)
 {
     OfferWatch watch(other.network(), "eth0", "Own");
+    const auto begin = std::chrono::steady_clock::now();
     std::size_t port = 0;
     std::size_t free = placesOfAName;
     // Each address gets half of what is free, and then what is left.
@@ -275,7 +274,6 @@ TEST_F(HostileNeighbourTest, FullNameIsOpenAgainAfterTenSeconds)
         free -= share;
     }
     ASSERT_EQ(known("Media"), placesOfAName);
-    const std::chrono::steady_clock::time_point begin = std::chrono::steady_clock::now();
 
     EXPECT_TRUE(other.discovery().addService(describe("Media", "fd01::2", 8081)));
     const auto isOthersKnown = [&] {
@@ -286,10 +284,10 @@ TEST_F(HostileNeighbourTest, FullNameIsOpenAgainAfterTenSeconds)
     };
     EXPECT_TRUE(eventually(isOthersKnown, seconds(12)));
 
-    EXPECT_GE(Milliseconds(std::chrono::steady_clock::now() - begin).count(), 5000.0)
+    EXPECT_GE(Milliseconds(std::chrono::steady_clock::now() - begin).count(), 9900.0)
         << "nothing is displaced before";
+    EXPECT_TRUE(eventually([&] { return unit.registry().gone("Media") == 1; }));
     EXPECT_EQ(known("Media"), placesOfAName);
-    EXPECT_EQ(unit.registry().gone("Media"), 1u);
     EXPECT_LE(watch.end().count(), longestGap.count());
 }
 
@@ -347,22 +345,23 @@ struct ReflectedOfferTest : HostileNeighbourTest
 {
     ReflectedOfferTest()
     {
-        EXPECT_TRUE(eventually([&] { return !ownOffer().empty(); }));
+        EXPECT_TRUE(eventually([&] { return !ownOffers().empty(); }));
         log.clear();
     }
 
-    /// What the attacker has heard last of the unit's offers.
-    std::string ownOffer()
+    /// What the attacker has heard of the unit's offers.
+    std::vector<std::string> ownOffers()
     {
+        std::vector<std::string> offers;
         for (const Listener::Datagram& datagram : listener.datagrams()) {
             if (datagram.bytes.find("otherserv=Own") != std::string::npos)
-                last = datagram.bytes;
+                offers.push_back(datagram.bytes);
         }
-        return last;
+        return offers;
     }
+    std::string ownOffer() { return ownOffers().back(); }
 
     Listener listener{network, "eth0"};
-    std::string last;
     LogCatcher log;
 };
 
@@ -412,13 +411,15 @@ TEST_F(ReflectedOfferTest, LeavesNothingBehindWhenTheUnitShutsDown)
     for (int i = 0; i < 5; ++i)
         attackers.front()->send(ownOffer());
     settle();
+    // Four offers, and then cyclic ones: only these are withdrawn.
+    EXPECT_TRUE(eventually([&] { return ownOffers().size() >= 6; }));
     const std::size_t before = unit.registry().eventCount();
 
     unit.shutdown();
 
     EXPECT_EQ(unit.registry().eventCount(), before);
     EXPECT_TRUE(eventually([&] { return other.registry().gone("Own") == 1; }));
-    EXPECT_THAT(unit.registry().discovered("Own"), 0u);
+    EXPECT_EQ(unit.registry().discovered("Own"), 0u);
 }
 
 }  // namespace Nubo::ServiceDiscovery::Testing
