@@ -28,13 +28,43 @@ teardown() { remove_units; }
     stop b
 }
 
+# segment NAME ADDRESS NAME ADDRESS: two units with a wire of their own.
+segment() {
+    ip netns add "$1"
+    ip netns add "$3"
+    ip link add eth0 netns "$1" type veth peer name eth0 netns "$3"
+    for unit in "$1 $2" "$3 $4"; do
+        on "${unit% *}" ip link set lo up
+        on "${unit% *}" ip link set eth0 up
+        on "${unit% *}" ip address add "${unit#* }/64" dev eth0 nodad
+    done
+}
+
+@test "the gateway offers here what is offered beyond" {
+    unit b eth0=fd00::2
+    segment inner fd01::1 seller fd01::2
+    start b b browse
+    on a "$EXAMPLES/example-gateway" fd00::1 inner fd01::1 3 >"$out/gateway.out" 2>&1 3>&- &
+    gateway=$!
+
+    start seller seller announce Media --port 8080 --version 1.0.0
+    await 10 has b discovered Media
+    jq -e 'select(.event == "discovered") | .address == "fd01::2" and .port == 8080' "$out/b.out"
+    stop seller
+    await 10 has b gone Media
+
+    wait "$gateway"
+    diff - "$out/gateway.out" <<<$'offered here: Media\nwithdrawn here: Media'
+    stop b
+}
+
 @test "the log goes to syslog, or wherever it is sent" {
     run -0 on a "$EXAMPLES/example-syslog" fd00::1 1
     [[ $output == *nubo\[*\]:\ src/*.cpp:[0-9]*\ * ]]
 }
 
 @test "wrong arguments are answered with the usage" {
-    for example in registry dispatcher syslog; do
+    for example in registry dispatcher syslog gateway; do
         run -2 "$EXAMPLES/example-$example"
         [[ $output == "usage: example-$example "* ]]
     done

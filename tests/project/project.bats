@@ -48,6 +48,15 @@ includes_of() { grep -hoE '^#include "[^"]+"' -r "$1" | sed -E 's/.*"(.*)"/\1/' 
     done
 }
 
+@test "every test that the security model names is there" {
+    for name in $(grep -oE '`[A-Za-z]+Test(\.[A-Za-z]+)?`' docs/security-model.md | tr -d '`' | sort -u); do
+        grep -qE "^TEST(_F|_P)?\(${name/./, }[,)]" -r tests || { echo "no such test: $name" && return 1; }
+    done
+    for name in $(grep -oE '`[a-z]+_tests`' docs/security-model.md | tr -d '`' | sort -u); do
+        grep -q "kel_sd_add_tests($name" -r tests || { echo "no such program: $name" && return 1; }
+    done
+}
+
 @test "the library has a soname" {
     readelf -d "$KEL_SD_LIBRARY" | grep -qE 'SONAME.*\[libKELServiceDiscoveryLib\.so\.[0-9]+\]'
 }

@@ -1,0 +1,115 @@
+// A gateway: offers here what is offered beyond, in another network namespace, with the endpoints that the
+// services have there. A subscriber must not call an engine, not even another one: two engines whose
+// subscribers called each other would wait for each other. So the subscriber hands over by a queue, and a
+// thread of the gateway's own takes from it.
+//
+//     bin/example-gateway ADDRESS NAMESPACE ADDRESS-BEYOND SECONDS
+//
+// as root; ADDRESS is this unit's IPv6 address, NAMESPACE one that "ip netns" knows, with ADDRESS-BEYOND in
+// it. The gateway ends after so many seconds without news.
+
+#include <KELOEMInterfaceLib/OEMDispatcher.h>
+#include <KELUtilLib/ApplicationServices.h>
+
+#include <Poco/Any.h>
+#include <Poco/AutoPtr.h>
+#include <Poco/Delegate.h>
+#include <Poco/Exception.h>
+#include <Poco/Notification.h>
+#include <Poco/NotificationQueue.h>
+
+#include <iostream>
+#include <memory>
+#include <string>
+#include <thread>
+#include <utility>
+
+#include <ServiceDiscovery.h>
+#include <fcntl.h>
+#include <sched.h>
+#include <unistd.h>
+
+using namespace Nubo::ServiceDiscovery;
+
+/// A service that came or went beyond.
+struct Change : Poco::Notification
+{
+    Change(bool hasCome, NuboServiceDescription which) : isThere(hasCome), service(std::move(which)) {}
+
+    const bool isThere;
+    const NuboServiceDescription service;
+};
+
+class Handover
+{
+public:
+    /// Runs on a thread of the library: it only notes what it is told.
+    void onServiceListChanged(ServiceDiscovery::ServiceListEventPayload& payload)
+    {
+        const bool isThere = payload.getEventType() == ServiceDiscovery::EventType::SERVICE_DISCOVERED;
+        if (isThere)
+            payload.setLocalUuid("beyond-" + std::to_string(++m_lastNumber));
+        NuboServiceDescription service = *payload.getServiceDescription();
+        service.setLocalUuid(payload.getLocalUuid());
+        queue.enqueueNotification(new Change(isThere, std::move(service)));
+    }
+
+    Poco::NotificationQueue queue;
+
+private:
+    unsigned m_lastNumber = 0;
+};
+
+std::unique_ptr<ServiceDiscovery> makeEngine()
+{
+    ApplicationServices::getLocator().add(
+        typeid(OEMInterface::OEMDispatcher),
+        Poco::SharedPtr<OEMInterface::OEMDispatcher>(new OEMInterface::NetlinkDispatcher));
+    return std::make_unique<ServiceDiscovery>();
+}
+
+/// Makes an engine that lives in the namespace: all its threads and sockets are made by one that has entered
+/// it.
+std::unique_ptr<ServiceDiscovery> startBeyond(const std::string& name, const std::string& address,
+                                              Handover& handover)
+{
+    std::unique_ptr<ServiceDiscovery> engine;
+    std::thread([&] {
+        const int file = ::open(("/run/netns/" + name).c_str(), O_RDONLY | O_CLOEXEC);
+        const bool isThere = file >= 0 && ::setns(file, CLONE_NEWNET) == 0;
+        if (file >= 0)
+            ::close(file);
+        if (!isThere)
+            return;
+        engine = makeEngine();
+        engine->ServiceListChanged += Poco::delegate(&handover, &Handover::onServiceListChanged);
+        if (!engine->startup(Poco::Net::IPAddress(address)))
+            engine.reset();
+    }).join();
+    return engine;
+}
+
+int main(int argc, char** argv)
+{
+    if (argc != 5) {
+        std::cerr << "usage: example-gateway ADDRESS NAMESPACE ADDRESS-BEYOND SECONDS" << std::endl;
+        return 2;
+    }
+    Handover handover;
+    const auto here = makeEngine();
+    const auto beyond = startBeyond(argv[2], argv[3], handover);
+    if (!beyond || !here->startup(Poco::Net::IPAddress(argv[1])))
+        return 1;
+    const long patience = std::stol(argv[4]) * 1000;
+    while (const Poco::AutoPtr<Poco::Notification> next{handover.queue.waitDequeueNotification(patience)}) {
+        const auto& change = dynamic_cast<const Change&>(*next);
+        const std::string& uuid = change.service.getLocalUuid();
+        const bool isDone = change.isThere ? here->addService(change.service) : here->removeService(uuid);
+        std::cout << (change.isThere ? "offered here: " : "withdrawn here: ") << change.service.getName()
+                  << (isDone ? "" : " (refused)") << std::endl;
+    }
+    here->shutdown();
+    beyond->shutdown();
+    beyond->ServiceListChanged -= Poco::delegate(&handover, &Handover::onServiceListChanged);
+    return 0;
+}
