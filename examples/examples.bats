@@ -43,7 +43,7 @@ segment() {
 @test "the gateway offers here what is offered beyond" {
     unit b eth0=fd00::2
     segment inner fd01::1 seller fd01::2
-    start b b browse
+    start b b --json browse
     on a "$EXAMPLES/example-gateway" fd00::1 inner fd01::1 3 >"$out/gateway.out" 2>&1 3>&- &
     gateway=$!
 

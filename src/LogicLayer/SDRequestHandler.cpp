@@ -98,8 +98,8 @@ void SDRequestHandler::handleDatagram(MulticastDataPtr& msg)
 {
     std::vector<SOME_IP_SD_Header::Ptr> packets;
     const std::size_t size = msg->buffer.size();
-    LogLimit readingFaults(fewestFaults + size / bytesPerReadingFault);
-    LogLimit missingOptions(fewestFaults + size / bytesPerMissingOption);
+    LogLimit readingFaults(fewestReadingFaults + size / bytesPerReadingFault);
+    LogLimit missingOptions(fewestMissingOptions + size / bytesPerMissingOption);
     try {
         const LogLimit::Scope reading(readingFaults);
         parsePacket(msg, packets);

@@ -44,12 +44,13 @@ public:
 
     static constexpr std::uint16_t BitTTL0 = 0x1000;
 
-    /// How many errors and warnings a datagram may cause: so many, and one for so many bytes of it, while it
-    /// is read, and again while its entries' options are looked up, of which 16 bytes can name thirty.
-    /// Further ones are left out, and a warning gives their number.
-    static constexpr std::size_t fewestFaults = 16;
+    /// How many errors and warnings the reading of a datagram may log: so many, and one for so many bytes of
+    /// it. Further ones are left out, and a warning gives their number.
+    static constexpr std::size_t fewestReadingFaults = 16;
     static constexpr std::size_t bytesPerReadingFault = 4;  // no option is smaller
-    static constexpr std::size_t bytesPerMissingOption = 16;
+    /// The same for options that its entries refer to in vain, of which 16 bytes can name thirty.
+    static constexpr std::size_t fewestMissingOptions = 14;
+    static constexpr std::size_t bytesPerMissingOption = 10;
 
     /// One entry with its options. A subscriber sets `result` when it has handled the entry.
     struct FindServicePayload

@@ -33,7 +33,7 @@ std::string entriesWithoutTheirOptions(std::size_t count)
 
 constexpr std::size_t mostMissingOptions(std::size_t size)
 {
-    return 16 + size / 16;
+    return 14 + size / 10;
 }
 
 constexpr std::size_t mostReadingFaults(std::size_t size)
