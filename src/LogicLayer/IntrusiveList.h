@@ -39,7 +39,7 @@ public:
             m_node = (m_node->*link).next;
             return *this;
         }
-        Iterator operator++(int)
+        const Iterator operator++(int)
         {
             const Iterator before = *this;
             ++*this;

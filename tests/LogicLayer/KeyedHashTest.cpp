@@ -137,7 +137,7 @@ TEST(KeyedHashTest, EveryBitOfAHashIsSetForHalfOfTheNames)
     }
 
     for (std::size_t bit = 0; bit < set.size(); ++bit)
-        EXPECT_NEAR(set[bit], names / 2, names / 20) << "bit " << bit;
+        EXPECT_NEAR(set[bit], names / 2.0, names / 20.0) << "bit " << bit;
 }
 
 TEST(KeyedHashTest, HashesDifferFromProcessToProcess)
