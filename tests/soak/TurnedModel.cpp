@@ -80,6 +80,8 @@ void TurnedModel::onSent(Unit unit, const std::vector<SentPacket>& packets)
             fault(unit, packet.service, isStop ? "withdraws" : "offers what it does not announce:");
         if (!isStop && !state.isRunning)
             fault(unit, packet.service, "was shut down and offers");
+        if (!isStop && own.sent >= state.began && TurnedTime::now() - own.sent > longestPause)
+            fault(unit, packet.service, "has not offered for too long:");
         own.sent = TurnedTime::now();
     }
 }

@@ -90,6 +90,17 @@ TEST_F(TurnedModelTest, PauseOfMoreThanASecondIsAFault)
     EXPECT_THAT(faults, ElementsAre("unit 1 has not offered for too long: \"Own\" at [fd00::1]:8000"));
 }
 
+TEST_F(TurnedModelTest, PauseThatIsOverWhenItIsJudgedIsAFault)
+{
+    model.announce(0, own);
+    sends(120);
+    pass(second + 51 * millisecond);
+    sends(120);
+    model.judge();
+
+    EXPECT_THAT(faults, ElementsAre("unit 1 has not offered for too long: \"Own\" at [fd00::1]:8000"));
+}
+
 TEST_F(TurnedModelTest, PauseOfAUnitWithoutInterfaceIsRight)
 {
     model.announce(0, own);
