@@ -68,6 +68,7 @@ class Workshop:
         self.tree, self.build = self.folder / "tree", self.folder / "build"
         self._programs_for, self._options, self._jobs, self._say = programs_for, options, jobs, say
         self._patience = patience
+        self._note = self.folder / "planted"
         self._wrapper = []
         self._usual_time = {}
         self._planted = None
@@ -82,6 +83,9 @@ class Workshop:
             self.close()
             raise WorkshopError(f"another one is at work in {self.folder}") from None
         self._copy()
+        if self._note.exists():  # the last one at work was killed: what was built of that file is not to be trusted
+            (self.tree / self._note.read_text()).touch()
+            self._note.unlink()
 
     def sibling(self, build, options, wrapper):
         """Works on the same copy, but with a build of further options, whose programs the wrapper starts."""
@@ -141,23 +145,31 @@ class Workshop:
     def _plant(self, fault):
         path = self.tree / fault.path
         self._planted = (path, path.read_text())
+        self._note.write_text(fault.path)
         path.write_text(fault.planted())
 
     def _restore(self):
         if self._planted:
             path, text = self._planted
             path.write_text(text)
+            self._note.unlink()
             self._planted = None
 
     def _exists(self, program):
         return re.search(rf"^build bin/{program.name}[ :]", (self.build / "build.ninja").read_text(), re.MULTILINE)
 
     def _is_built(self, program):
-        built = subprocess.run(["ninja", "-C", self.build, "-j", str(self._jobs), program.name],
-                               stdout=subprocess.PIPE, stderr=subprocess.STDOUT, timeout=BUILD_TIME,
-                               check=False, text=True, env=os.environ | COMPILER_ENVIRONMENT)
-        self._build_output = built.stdout
-        return built.returncode == 0
+        with tempfile.TemporaryFile("w+") as output:
+            ninja = subprocess.Popen(["ninja", "-C", self.build, "-j", str(self._jobs), program.name],
+                                     stdout=output, stderr=output, env=os.environ | COMPILER_ENVIRONMENT,
+                                     start_new_session=True)
+            try:
+                ninja.wait(BUILD_TIME)
+            finally:
+                _end(ninja)  # with its compilers, which would otherwise go on with what is there no more
+            output.seek(0)
+            self._build_output = output.read()
+        return ninja.returncode == 0
 
     def _learn_usual_time(self, program):
         """Without a fault all tests must pass. They are not run again for the same copy of the project."""
