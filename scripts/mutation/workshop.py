@@ -165,6 +165,8 @@ class Workshop:
                                      start_new_session=True)
             try:
                 ninja.wait(BUILD_TIME)
+            except subprocess.TimeoutExpired:
+                pass
             finally:
                 _end(ninja)  # with its compilers, which would otherwise go on with what is there no more
             output.seek(0)
