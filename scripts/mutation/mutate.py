@@ -37,7 +37,6 @@ state tests widened by one state ("state"), upper bounds removed ("bound"). Test
 under ThreadSanitizer for locks, without any sanitizer for the others.
 """
 
-# In what order programs try a fault in a file whose path begins so.
 CORPUS = "{tree}/fuzz/corpus"
 PROGRAMS = {
     "data": Program("data_tests", shards=2),
@@ -52,13 +51,20 @@ PROGRAMS = {
     "packets": Program("fuzz_packet", (CORPUS + "/packet",), is_googletest=False),
     "datagrams": Program("fuzz_datagram", (CORPUS + "/datagram",), is_googletest=False),
     "machine": Program("fuzz_state_machine", (CORPUS + "/state_machine",), is_googletest=False),
+    "faults": Program("fault_tests", is_networked=True, shards=4),
+    "system faults": Program("system_faults_tests", shards=2),
+    "hostile": Program("hostile_tests", is_networked=True),
+    "scenarios": Program("interface_scenario_tests", is_networked=True, shards=8),
+    "callers": Program("callers_tests", is_networked=True),
     "hours": Program("turned_soak", ("0.1", "--seed", "1"), is_googletest=False),
 }
+# In what order they try a fault in a file whose path begins so; those that are not there are passed over.
 ORDER = {
     "src/DataLayer/": ("data", "logic", "packets", "datagrams", "machine", "scripted hub", "golden", "zoo", "network"),
-    "src/LogicLayer/": ("logic", "scripted hub", "machine", "datagrams", "store", "golden", "network", "facade", "hours"),
-    "src/Multicast/": ("multicast", "network", "logic", "facade", "zoo"),
-    "src/": ("scripted hub", "facade", "logic", "network"),
+    "src/LogicLayer/": ("logic", "scripted hub", "machine", "datagrams", "store", "golden", "network", "facade",
+                        "hostile", "system faults", "faults", "hours", "callers"),
+    "src/Multicast/": ("multicast", "network", "logic", "facade", "zoo", "system faults", "faults", "scenarios"),
+    "src/": ("scripted hub", "facade", "logic", "network", "faults", "callers"),
 }
 
 NOTICED, SURVIVED, UNBUILT, EQUAL = "noticed", "survived", "does not compile", "equal"
