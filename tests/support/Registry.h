@@ -31,7 +31,12 @@ public:
     {
         m_discovery.ServiceListChanged += Poco::delegate(this, &Registry::onServiceListChanged);
     }
-    ~Registry() { m_discovery.ServiceListChanged -= Poco::delegate(this, &Registry::onServiceListChanged); }
+    /// Shuts down first: unsubscribing does not wait for an event that is about to come in.
+    ~Registry()
+    {
+        m_discovery.shutdown();
+        m_discovery.ServiceListChanged -= Poco::delegate(this, &Registry::onServiceListChanged);
+    }
 
     Registry(const Registry&) = delete;
     Registry& operator=(const Registry&) = delete;
