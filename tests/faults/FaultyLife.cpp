@@ -32,6 +32,8 @@ using std::chrono::milliseconds;
 /// How long the phase waits for what the fault may have prevented.
 constexpr milliseconds patience{200};
 constexpr auto address = "fd00::1";
+/// Only then is a service withdrawn when the unit stops.
+constexpr std::size_t offersUntilSettled = 4;
 constexpr unsigned longestLife = 60;  // seconds
 
 /// Does what the unit's own process would do: the calls of this thread can fail.
@@ -153,6 +155,9 @@ std::size_t FaultyLife::live(Phase phase, const SystemFault::Plan& plan)
         make();
         start();
         expectWorking();
+    }
+    if (phase >= Phase::Stop && (plan.call == SystemCall::Allocate || plan.call == SystemCall::Send)) {
+        EXPECT_TRUE(m_listener->hears(offersUntilSettled));
     }
 
     std::size_t calls = 0;
