@@ -139,4 +139,21 @@ TEST(NuboServiceDescriptionTest, TextSizeCountsEveryText)
     EXPECT_EQ(description.getTextSize(), 4u + 6u + 3u + 5u + 6u + 2 * sizeof(std::string));
 }
 
+TEST(NuboServiceDescriptionTest, TextSizeCountsTextsOfAnyLength)
+{
+    constexpr std::size_t length = 70000;  // more than 16 bits hold
+    NuboServiceDescription description;
+
+    description.setName(std::string(length, 'n'));
+    EXPECT_EQ(description.getTextSize(), length);
+    description.setLocalUuid(std::string(length, 'i'));
+    EXPECT_EQ(description.getTextSize(), 2 * length);
+    description.setUri(std::string(length, 'u'));
+    EXPECT_EQ(description.getTextSize(), 3 * length);
+    description.addVersion(std::string(length, 'v'));
+    EXPECT_EQ(description.getTextSize(), 4 * length + sizeof(std::string));
+    description.addCategory(std::string(length, 'c'));
+    EXPECT_EQ(description.getTextSize(), 5 * length + 2 * sizeof(std::string));
+}
+
 }  // namespace Nubo::ServiceDiscovery::Testing
