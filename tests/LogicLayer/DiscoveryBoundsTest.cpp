@@ -379,6 +379,18 @@ TEST_F(DiscoveryBoundsTogetherTest, TextBeyondAllBoundsDisplacesNothing)
     EXPECT_THAT(verdict.displaced, IsEmpty());
 }
 
+/// The registry's identifier is added after a service has been taken, and its length is not judged.
+TEST_F(DiscoveryBoundsTogetherTest, TextThatHasGrownBeyondItsBoundLeavesNoRoom)
+{
+    know(withText(makeDiscovered("Service", 1), 64 * megabyte - 1024));
+    Entry& last = know(makeDiscovered("Service", 2));
+    index.identify(last, std::string(megabyte, 'i'));
+    ASSERT_GT(index.discoveredText(), DiscoveryBounds::mostText);
+
+    EXPECT_EQ(judge(makeOffer("New", 1, 2)).outcome, Outcome::Refused);
+    EXPECT_EQ(judge(makeOffer("New", 1, 0)).outcome, Outcome::Refused) << "of an unknown unit";
+}
+
 TEST_F(DiscoveryBoundsTogetherTest, RefusalForTheNameIsToldFromTheOthers)
 {
     know(makeDiscovered("Media"), 4096);
