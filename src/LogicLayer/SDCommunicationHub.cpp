@@ -43,6 +43,7 @@ constexpr long longestStop = 3000;
 
 constexpr auto failedToAdd = "ServiceDiscovery failed to add Service due to ";
 
+/// Null when the platform has put a null one into the service locator.
 Poco::SharedPtr<OEMInterface::OEMDispatcher> findDispatcher()
 {
     Poco::Any found;
@@ -241,16 +242,24 @@ SDCommunicationHub::SDCommunicationHub(ServiceDiscovery& serviceDiscovery)
     , m_receiver(*this, discoveryGroup, discoveryPort)
     , m_requestHandler(m_requestHandlerQueue)
 {
+    bindReports();
+    m_receiver.MulticastMessageReceived += Poco::delegate(this, &SDCommunicationHub::onMessageReceived);
+    m_requestHandler.OfferService += Poco::delegate(this, &SDCommunicationHub::onOfferServiceReceived);
+    m_requestHandler.FindService += Poco::delegate(this, &SDCommunicationHub::onFindServiceReceived);
+}
+
+void SDCommunicationHub::bindReports()
+{
     auto dispatcher = findDispatcher();
+    if (dispatcher.isNull()) {
+        SD_LOG(Error) << "SDCommunicationHub - OEM Dispatcher missing, no interface will be reported!";
+        return;
+    }
     // Removals first: an interface that goes while the standing ones are being reported must not be missed.
     m_multicastRemoveIfBinding =
         dispatcher->bindResponse(Poco::delegate(this, &SDCommunicationHub::onInterfaceRemoved));
     m_multicastAddIfBinding =
         dispatcher->bindResponse(Poco::delegate(this, &SDCommunicationHub::onInterfaceAdded));
-
-    m_receiver.MulticastMessageReceived += Poco::delegate(this, &SDCommunicationHub::onMessageReceived);
-    m_requestHandler.OfferService += Poco::delegate(this, &SDCommunicationHub::onOfferServiceReceived);
-    m_requestHandler.FindService += Poco::delegate(this, &SDCommunicationHub::onFindServiceReceived);
 }
 
 SDCommunicationHub::~SDCommunicationHub()

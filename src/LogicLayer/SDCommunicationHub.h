@@ -57,7 +57,8 @@ public:
     static constexpr int longestQueue = 10000;
     static constexpr std::size_t largestQueue = std::size_t{16} * 1024 * 1024;
 
-    /// Throws Poco::Exception when the service locator has no platform dispatcher.
+    /// Throws Poco::Exception when the service locator has no platform dispatcher. One that is null is an
+    /// error in the log, and no interface is ever reported.
     explicit SDCommunicationHub(ServiceDiscovery& serviceDiscovery);
     virtual ~SDCommunicationHub();
 
@@ -121,6 +122,7 @@ private:
     /// Datagrams in pool blocks, with the bytes that each of them has by now.
     using Datagrams = Multicast::MulticastSender::MulticastData;
 
+    void bindReports();
     void onInterfaceAdded(OEMInterface::AddServiceDiscoveryInterfacePayload& payload);
     void onInterfaceRemoved(OEMInterface::RemoveServiceDiscoveryInterfacePayload& payload);
     class LifecycleLock;

@@ -651,12 +651,14 @@ void SDStateMachine::writeEventLog(const std::string& name, const std::string& i
 {
     SD_LOG(Warning) << "SD Writing 'Ereignisspeicher' for forbidden Service offer regarding \"" << name
                     << "\" @ [" << ip << "]:" << port << " !";
+    Poco::SharedPtr<OEMInterface::OEMDispatcher> dispatcher;
     Poco::Any found;
-    if (!ApplicationServices::getLocator().find(&typeid(OEMInterface::OEMDispatcher), found)) {
+    if (ApplicationServices::getLocator().find(&typeid(OEMInterface::OEMDispatcher), found))
+        dispatcher = Poco::AnyCast<Poco::SharedPtr<OEMInterface::OEMDispatcher>>(found);
+    if (dispatcher.isNull()) {
         SD_LOG(Error) << "Failed to write Eventlog - OEM Dispatcher missing!";
         return;
     }
-    auto dispatcher = Poco::AnyCast<Poco::SharedPtr<OEMInterface::OEMDispatcher>>(found);
     dispatcher->callLogEvent(name.c_str(), "http", ip.c_str(), port);
 }
 

@@ -116,6 +116,20 @@ TEST(SDCommunicationHubConstructionTest, WithoutADispatcherThereIsNoHub)
     }
 }
 
+TEST(SDCommunicationHubConstructionTest, NullDispatcherIsAnErrorInTheLogAndLeavesAHubWithoutInterfaces)
+{
+    const PlatformScope platform;
+    ServiceDiscovery facade;
+    PlatformScope::offerNull();
+    const LogCatcher log;
+
+    const SDCommunicationHub hub(facade);
+
+    EXPECT_THAT(
+        log.lines(),
+        ElementsAre("Error: SDCommunicationHub - OEM Dispatcher missing, no interface will be reported!"));
+}
+
 TEST(SDCommunicationHubConstructionTest, InterfacesThatStandReportedReachReceiverAndSender)
 {
     PlatformScope platformOfTheFacade;

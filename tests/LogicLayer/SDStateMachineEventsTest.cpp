@@ -917,6 +917,17 @@ TEST_F(SDStateMachineEventsTest, EventMemoryCannotBeWrittenWithoutADispatcher)
                                          "Error: Failed to write Eventlog - OEM Dispatcher missing!"));
 }
 
+TEST_F(SDStateMachineEventsTest, EventMemoryCannotBeWrittenWithANullDispatcher)
+{
+    engine.platform.offerNull();
+
+    EXPECT_NO_THROW(machine.writeEventLog("Media", "fd00::2", 8080));
+
+    EXPECT_THAT(log.lines(), ElementsAre("Warning: SD Writing 'Ereignisspeicher' for forbidden Service offer "
+                                         "regarding \"Media\" @ [fd00::2]:8080 !",
+                                         "Error: Failed to write Eventlog - OEM Dispatcher missing!"));
+}
+
 TEST_F(SDStateMachineEventsTest, StopOfferEndsTheInstanceWithItsEndpoint)
 {
     offer(offered("Media", "fd00::2"));

@@ -26,6 +26,12 @@ public:
         ApplicationServices::getLocator().add(typeid(OEMInterface::OEMDispatcher),
                                               Poco::SharedPtr<OEMInterface::OEMDispatcher>(m_dispatcher));
     }
+    /// Puts a null dispatcher in its place.
+    static void offerNull()
+    {
+        ApplicationServices::getLocator().add(typeid(OEMInterface::OEMDispatcher),
+                                              Poco::SharedPtr<OEMInterface::OEMDispatcher>());
+    }
     static void withdraw() { ApplicationServices::getLocator().remove(typeid(OEMInterface::OEMDispatcher)); }
 
 private:
