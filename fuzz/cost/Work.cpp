@@ -2,8 +2,9 @@
 
 #include "cost/Work.h"
 
+#include "support/OperatorNew.h"
+
 #include <cstdlib>
-#include <new>
 
 namespace {
 
@@ -11,14 +12,6 @@ namespace {
 constexpr std::uint64_t allocationWork = 25;
 
 std::uint64_t work = 0;
-
-void* allocate(std::size_t size)
-{
-    work += allocationWork;
-    if (void* memory = std::malloc(size))  // NOLINT(*-no-malloc)
-        return memory;
-    throw std::bad_alloc();
-}
 
 }  // namespace
 
@@ -76,28 +69,8 @@ void __sanitizer_cov_store16(void*)
 }
 // NOLINTEND(bugprone-reserved-identifier)
 
-// The library's code is linked in, so these are its allocations as well.
-void* operator new(std::size_t size)
+void* Nubo::ServiceDiscovery::Testing::newMemory(std::size_t size) noexcept
 {
-    return allocate(size);
-}
-void* operator new[](std::size_t size)
-{
-    return allocate(size);
-}
-void operator delete(void* memory) noexcept
-{
-    std::free(memory);
-}
-void operator delete[](void* memory) noexcept
-{
-    std::free(memory);
-}
-void operator delete(void* memory, std::size_t) noexcept
-{
-    std::free(memory);
-}
-void operator delete[](void* memory, std::size_t) noexcept
-{
-    std::free(memory);
+    work += allocationWork;
+    return std::malloc(size == 0 ? 1 : size);  // NOLINT(*-no-malloc)
 }

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "support/FailingAllocations.h"
+
 #include <cstddef>
 #include <new>
 #include <string>
@@ -9,7 +11,7 @@
 namespace Nubo::ServiceDiscovery::Testing {
 
 /// Has one allocation fail: the one with the given number, counted from 1, that operator new makes on the
-/// calling thread. The program must link AllocationFault.cpp.
+/// calling thread. The program links kel_sd_failing_allocations.
 class AllocationFault
 {
 public:
@@ -19,7 +21,8 @@ public:
     template <class Action>
     bool strikes(Action action)
     {
-        const Armed armed(*this);
+        const FailingAllocation fail(m_number);
+        const Note note{fail, m_hasStruck};
         try {
             action();
         }
@@ -33,14 +36,12 @@ public:
     bool hasStruck() const { return m_hasStruck; }
 
 private:
-    struct Armed
+    struct Note
     {
-        explicit Armed(AllocationFault& owner);
-        ~Armed();
-        Armed(const Armed&) = delete;
-        Armed& operator=(const Armed&) = delete;
+        ~Note() { hasStruck = hasStruck || fail.happened(); }
 
-        AllocationFault& fault;
+        const FailingAllocation& fail;
+        bool& hasStruck;
     };
 
     const std::size_t m_number;

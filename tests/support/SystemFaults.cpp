@@ -1,5 +1,7 @@
 #include "support/SystemFaults.h"
 
+#include "support/OperatorNew.h"
+
 #include <atomic>
 #include <cerrno>
 #include <cstdarg>
@@ -262,75 +264,13 @@ int ioctl(int descriptor, unsigned long request, ...) noexcept
 
 }  // extern "C"
 
-// A sanitizer has its own allocator, and notes which form of it memory comes from: there, operator new is in
-// place of the standard library's, in all its forms.
+// A sanitizer has its own allocator, so operator new takes the place of the standard library's there.
 
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
 
-namespace {
-
-void* allocate(std::size_t size) noexcept
+void* Testing::newMemory(std::size_t size) noexcept
 {
-    return Testing::fails(SystemCall::Allocate, ENOMEM) ? nullptr : std::malloc(size == 0 ? 1 : size);
-}
-
-void* allocateOrThrow(std::size_t size)
-{
-    if (void* const memory = allocate(size))
-        return memory;
-    throw std::bad_alloc();
-}
-
-}  // namespace
-
-void* operator new(std::size_t size)
-{
-    return allocateOrThrow(size);
-}
-
-void* operator new[](std::size_t size)
-{
-    return allocateOrThrow(size);
-}
-
-void* operator new(std::size_t size, const std::nothrow_t&) noexcept
-{
-    return allocate(size);
-}
-
-void* operator new[](std::size_t size, const std::nothrow_t&) noexcept
-{
-    return allocate(size);
-}
-
-void operator delete(void* memory) noexcept
-{
-    std::free(memory);
-}
-
-void operator delete[](void* memory) noexcept
-{
-    std::free(memory);
-}
-
-void operator delete(void* memory, std::size_t) noexcept
-{
-    std::free(memory);
-}
-
-void operator delete[](void* memory, std::size_t) noexcept
-{
-    std::free(memory);
-}
-
-void operator delete(void* memory, const std::nothrow_t&) noexcept
-{
-    std::free(memory);
-}
-
-void operator delete[](void* memory, const std::nothrow_t&) noexcept
-{
-    std::free(memory);
+    return fails(SystemCall::Allocate, ENOMEM) ? nullptr : std::malloc(size == 0 ? 1 : size);
 }
 
 #else
