@@ -4,10 +4,14 @@
 #include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <stdexcept>
 #include <string>
 #include <thread>
 
+#include <arpa/inet.h>
 #include <malloc.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
 extern "C" std::size_t __sanitizer_get_current_allocated_bytes();
@@ -42,6 +46,19 @@ std::size_t runningThreads()
 std::size_t openDescriptors()
 {
     return entriesIn("/proc/self/fd") - 1;  // without the folder's own
+}
+
+int socketAt(std::uint16_t port)
+{
+    for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
+        const int descriptor = std::stoi(entry.path().filename());
+        sockaddr_in6 address{};
+        socklen_t size = sizeof address;
+        if (::getsockname(descriptor, reinterpret_cast<sockaddr*>(&address), &size) == 0 &&
+            address.sin6_family == AF_INET6 && ntohs(address.sin6_port) == port)
+            return descriptor;
+    }
+    throw std::runtime_error("no socket is bound to port " + std::to_string(port));
 }
 
 std::size_t heapInUse()

@@ -2,6 +2,7 @@
 
 #include <chrono>
 #include <cstddef>
+#include <cstdint>
 #include <map>
 #include <string>
 
@@ -22,6 +23,9 @@ std::size_t runningThreads();
 
 /// How many descriptors are open.
 std::size_t openDescriptors();
+
+/// The process's socket that is bound to that port of IPv6. Throws std::runtime_error when there is none.
+int socketAt(std::uint16_t port);
 
 /// Bytes of the heap that are allocated.
 std::size_t heapInUse();
