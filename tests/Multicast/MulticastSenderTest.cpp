@@ -5,6 +5,7 @@
 #include "support/Namespace.h"
 #include "support/Process.h"
 #include "support/TestUnit.h"
+#include "support/Times.h"
 #include "support/UnsuitableAddress.h"
 #include "support/Waiting.h"
 #include "support/Wire.h"
@@ -27,6 +28,8 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <sys/time.h>
 
 namespace Nubo::ServiceDiscovery::Testing {
 
@@ -197,7 +200,8 @@ private:
     Poco::Net::DatagramSocket m_holder{SocketAddress::IPv6};
 };
 
-constexpr Poco::Clock::ClockDiff second = 1000000;
+constexpr Poco::Clock::ClockDiff millisecond = 1000;
+constexpr Poco::Clock::ClockDiff second = 1000 * millisecond;
 
 struct RefusedAddressTest : MulticastSenderTest, ::testing::WithParamInterface<UnsuitableAddress>
 {};
@@ -512,6 +516,18 @@ TEST_F(TwoInterfacesSenderTest, InterfaceThatDoesNotTakeItsDatagramsHoldsUpNobod
     EXPECT_TRUE(sender->sendMulticast(list, {})) << "it takes them again";
     EXPECT_TRUE(listener0.hears(list.size()));
     EXPECT_THAT(log.complaints(), IsEmpty());
+}
+
+TEST_F(MulticastSenderTest, DatagramWaitsTwentyMillisecondsForRoom)
+{
+    Listener listener = addListenedInterface("eth0", "fd00::1");
+
+    timeval wait{};
+    socklen_t size = sizeof wait;
+    ASSERT_EQ(::getsockopt(socketAt(ownAddress(listener).port()), SOL_SOCKET, SO_SNDTIMEO, &wait, &size), 0);
+
+    EXPECT_EQ(wait.tv_sec, 0);
+    EXPECT_EQ(wait.tv_usec, 20000);
 }
 
 TEST_F(MulticastSenderTest, LinkLocalAddressIsTakenWithAndWithoutScope)
@@ -1070,9 +1086,22 @@ TEST_F(TwoInterfacesSenderTest, AddressOfASocketJustClosedIsStillAnOwnOneForSeco
     EXPECT_TRUE(sender->isOwnOutgoingAddress(own0));
     EXPECT_TRUE(sender->isOwnOutgoingAddress(own1));
 
-    SDClock::turn(60 * 1000000);
+    SDClock::turn(60 * second);
     EXPECT_FALSE(sender->isOwnOutgoingAddress(own0));
     EXPECT_FALSE(sender->isOwnOutgoingAddress(own1));
+}
+
+TEST_F(TwoInterfacesSenderTest, AddressOfAClosedSocketIsAnOwnOneForFiveSeconds)
+{
+    const SocketAddress own0 = ownAddress(listener0);
+    const Poco::Clock before = SDClock::now();
+    sender->removeInterface_byIP("eth0", "fd01::1");
+    const Poco::Clock after = SDClock::now();
+
+    turnTo(before, 4700 * millisecond);
+    EXPECT_TRUE(sender->isOwnOutgoingAddress(own0));
+    turnTo(after, 5001 * millisecond);
+    EXPECT_FALSE(sender->isOwnOutgoingAddress(own0));
 }
 
 TEST_F(MulticastSenderTest, SendingDoesNotWaitForAReportThatIsBeingHandled)
@@ -1112,6 +1141,28 @@ TEST_F(MulticastSenderTest, ReportsAndQuestionsForOwnAddressesAreServedOneAfterT
         thread.join();
 
     EXPECT_EQ(done, 3);
+}
+
+TEST_F(MulticastSenderTest, InterfacesComeAndGoOnTwoThreads)
+{
+    network.link("eth0", "fd01::1");
+    network.link("eth1", "fd02::1");
+    constexpr int changes = 200;
+
+    const auto flap = [&](const std::string& name, const std::string& address) {
+        for (int i = 0; i < changes; ++i) {
+            sender->addInterface_byIP(name, address);
+            sender->removeInterface_byIP(name, address);
+        }
+        sender->addInterface_byIP(name, address);
+    };
+    std::thread other([&] { flap("eth1", "fd02::1"); });
+    flap("eth0", "fd01::1");
+    other.join();
+
+    EXPECT_THAT(log.complaints(), IsEmpty()) << "no change of one is undone by the other";
+    EXPECT_TRUE(sender->isOwnAddress(IPAddress("fd01::1")));
+    EXPECT_TRUE(sender->isOwnAddress(IPAddress("fd02::1")));
 }
 
 TEST_F(MulticastSenderTest, DatagramsGoOutWhileInterfacesComeAndGo)
