@@ -7,9 +7,12 @@
 #include "support/Process.h"
 #include "support/RecordingHub.h"
 #include "support/TestStateMachine.h"
+#include "support/Times.h"
 #include "support/Waiting.h"
 
 #include <Poco/Delegate.h>
+#include <Poco/Mutex.h>
+#include <Poco/Thread.h>
 
 #include <algorithm>
 #include <atomic>
@@ -36,6 +39,15 @@ using ::testing::Ge;
 using ::testing::Le;
 
 namespace {
+
+/// Opens the mutex that is held by the thread that gets the machine's mutex next.
+template <auto member>
+struct TurnMutex
+{
+    friend Poco::FastMutex& turnMutexOf(SDStateMachine& machine) { return machine.*member; }
+};
+template struct TurnMutex<&SDStateMachine::m_turnMutex>;
+Poco::FastMutex& turnMutexOf(SDStateMachine& machine);
 
 constexpr Poco::Clock::ClockDiff millisecond = 1000;
 constexpr Poco::Clock::ClockDiff second = 1000 * millisecond;
@@ -212,7 +224,131 @@ struct CountingRegistry
     std::size_t events = 0;
 };
 
+/// A caller that waits for the mutex while the first of two records is worked on, and whether it has had the
+/// mutex before the second.
+class WaitingCaller
+{
+public:
+    explicit WaitingCaller(TestStateMachine& machine) : m_machine(machine) {}
+    ~WaitingCaller()
+    {
+        if (m_thread.joinable())
+            m_thread.join();
+    }
+
+    WaitingCaller(const WaitingCaller&) = delete;
+    WaitingCaller& operator=(const WaitingCaller&) = delete;
+
+    /// Called with the mutex held, for each of the records: the first takes until that long after `begin`.
+    void work(const Poco::Clock& begin, Poco::Clock::ClockDiff duration)
+    {
+        if (++m_records == 1) {
+            m_thread = std::thread(
+                [this] { EXPECT_TRUE(m_machine.handle(Event::HTTP_GET, new SDService("Wanted"))); });
+            EXPECT_TRUE(eventually([&] { return isWaiting(); }));
+            turnTo(begin, duration);
+        }
+        else {
+            m_wasServed = !m_machine.m_aperiodicWorkload.empty();
+        }
+    }
+
+    bool wasServed() const { return m_wasServed; }
+    int records() const { return m_records; }
+
+private:
+    bool isWaiting()
+    {
+        Poco::FastMutex& turn = turnMutexOf(m_machine);
+        if (!turn.tryLock())
+            return true;
+        turn.unlock();
+        return false;
+    }
+
+    TestStateMachine& m_machine;
+    std::thread m_thread;
+    int m_records = 0;
+    bool m_wasServed = false;
+};
+
+/// From what the time that the first record takes is counted: a moment before the work on the records begins,
+/// or one after it has begun.
+enum class Since
+{
+    Before,
+    Begun
+};
+
+/// Has the work of an interval done on two services that have run out, the first of which takes so long.
+struct Expiry
+{
+    Expiry(Poco::Clock::ClockDiff duration, Since since) : caller(machine)
+    {
+        machine.run();
+        machine.putPeriodic(makeRecord(Type::ANNOUNCED, State::MAIN_PHASE, "Own"));
+        for (unsigned short port = 1; port <= 2; ++port)
+            machine.putPeriodic(makeOfferedBefore(port));
+        SDClock::turn(2 * second);
+        engine.hub.onAnnounce = [&] { begin = SDClock::now(); };
+        engine.registry.onEvent = [&, duration, since](const auto&) {
+            caller.work(since == Since::Before ? begin : SDClock::now(), duration);
+        };
+        machine.periodicTick();
+    }
+
+    static SDService::Ptr makeOfferedBefore(unsigned short port)
+    {
+        SDService::Ptr service = makeDiscovered("Foreign", port);
+        service->setTTL(1);
+        return service;
+    }
+
+    EngineFixture engine;
+    TestStateMachine machine{engine.hub};
+    Poco::Clock begin;
+    WaitingCaller caller;
+};
+
+/// The same for two services that are withdrawn.
+struct Withdrawal
+{
+    Withdrawal(Poco::Clock::ClockDiff duration, Since since) : caller(machine)
+    {
+        machine.run();
+        for (const char* name : {"First", "Second"})
+            machine.putPeriodic(makeRecord(Type::ANNOUNCED, State::MAIN_PHASE, name));
+        const Poco::Clock begin = SDClock::now();
+        engine.hub.onAnnounce = [&, duration, since] {
+            caller.work(since == Since::Before ? begin : SDClock::now(), duration);
+        };
+        machine.removeAllAnnouncedServices();
+    }
+
+    EngineFixture engine;
+    TestStateMachine machine{engine.hub};
+    WaitingCaller caller;
+};
+
 }  // namespace
+
+TEST(SDStateMachineSliceTest, MutexIsKeptForTenMillisecondsWhileMuchRunsOut)
+{
+    EXPECT_TRUE(inSomeRun([] { return !Expiry(9 * millisecond, Since::Before).caller.wasServed(); }));
+    EXPECT_FALSE(inSomeRun([] { return !Expiry(10 * millisecond, Since::Begun).caller.wasServed(); }));
+}
+
+TEST(SDStateMachineSliceTest, MutexIsKeptForTenMillisecondsWhileMuchIsWithdrawn)
+{
+    EXPECT_TRUE(inSomeRun([] { return !Withdrawal(9 * millisecond, Since::Before).caller.wasServed(); }));
+    EXPECT_FALSE(inSomeRun([] { return !Withdrawal(10 * millisecond, Since::Begun).caller.wasServed(); }));
+}
+
+TEST(SDStateMachineSliceTest, RestIsLeftToTheNextIntervalAfter900Milliseconds)
+{
+    EXPECT_TRUE(inSomeRun([] { return Expiry(840 * millisecond, Since::Before).caller.records() == 2; }));
+    EXPECT_FALSE(inSomeRun([] { return Expiry(900 * millisecond, Since::Begun).caller.records() == 2; }));
+}
 
 TEST(SDStateMachineFullTest, EverythingKnownRunsOutInShortIntervalsWhateverItsHashes)
 {
@@ -283,6 +419,31 @@ TEST_F(LateIntervalTest, WaitsASecondAtMostForWhatHasArrived)
     EXPECT_EQ(offersOfOwn(), 2u);
 }
 
+/// Against a thread that sleeps as often and as long: a busy machine makes both sleep longer.
+TEST_F(LateIntervalTest, WaitsTwoHundredTimesFiveMilliseconds)
+{
+    const auto ratio = [&] {
+        receive();
+        SDClock::turn(10 * second);
+        Milliseconds reference{0};
+        std::thread sleeper([&] {
+            reference = durationOf([] {
+                for (int i = 0; i < 200; ++i)
+                    Poco::Thread::sleep(5);
+            });
+        });
+        const Milliseconds duration = durationOf([&] { machine.periodicTick(); });
+        sleeper.join();
+        return duration / reference;
+    };
+
+    const double first = ratio();
+    const double best = first > 0.93 && first < 1.07 ? first : ratio();
+
+    EXPECT_GT(best, 0.93);
+    EXPECT_LT(best, 1.07);
+}
+
 TEST_F(LateIntervalTest, KeepsWhatIsOfferedAgainMeanwhile)
 {
     receive();
@@ -314,7 +475,9 @@ TEST_F(LateIntervalTest, WaitsForNothingWhenNothingHasArrived)
 TEST_F(LateIntervalTest, IsOneThatBeginsMoreThanASecondAfterItsTime)
 {
     receive();
-    SDClock::turn(1500 * millisecond);
+    const Poco::Clock before = SDClock::now();
+    machine.periodicTick();
+    turnTo(before, 1900 * millisecond);
     EXPECT_LE(durationOf([&] { machine.periodicTick(); }).count(), 0.8 * mostWait.count());
 
     SDClock::turn(2001 * millisecond);
