@@ -1,5 +1,7 @@
 #pragma once
 
+#include "DataLayer/SDClock.h"
+
 #include <Poco/Clock.h>
 #include <Poco/Net/NetworkInterface.h>
 
@@ -25,11 +27,14 @@ public:
     /// The addresses of the interface with that one's index; none when it is gone.
     Poco::Net::NetworkInterface::AddressList addressesOf(const Poco::Net::NetworkInterface& interface) const;
 
-    bool isOlderThan(Poco::Clock::ClockDiff microseconds) const { return m_taken.isElapsed(microseconds); }
+    bool isOlderThan(Poco::Clock::ClockDiff microseconds) const
+    {
+        return SDClock::now() - m_taken >= microseconds;
+    }
 
 private:
     Poco::Net::NetworkInterface::Map m_interfaces;  // by index
-    Poco::Clock m_taken;
+    Poco::Clock m_taken = SDClock::now();
 };
 
 }  // namespace Nubo::ServiceDiscovery::Multicast

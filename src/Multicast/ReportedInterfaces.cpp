@@ -180,7 +180,7 @@ Outcome ReportedInterfaces::serve(Interface& interface, Attempt attempt)
                           << Common::currentException;
     }
     if (outcome == Outcome::Pending && !interface.isPending)
-        interface.pendingSince.update();
+        interface.pendingSince = SDClock::now();
     interface.isPending = outcome == Outcome::Pending;
     return outcome;
 }
@@ -215,10 +215,11 @@ bool ReportedInterfaces::hasPending() const
 /// Until the next attempt, in microseconds: the longer an interface has been pending, the longer.
 Poco::Clock::ClockDiff ReportedInterfaces::wait() const
 {
+    const Poco::Clock now = SDClock::now();
     Poco::Clock::ClockDiff wait = longestWait;
     for (const Interface& interface : m_interfaces) {
         if (interface.isPending)
-            wait = std::min(wait, std::max(shortestWait, interface.pendingSince.elapsed() / waitShare));
+            wait = std::min(wait, std::max(shortestWait, (now - interface.pendingSince) / waitShare));
     }
     return wait;
 }

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "DataLayer/InsideEngine.h"
+#include "DataLayer/SDClock.h"
 #include "Multicast/InterfaceAdmission.h"
 #include "Multicast/InterfaceListing.h"
 
@@ -51,7 +52,7 @@ private:
         std::string ip;                  ///< as it was reported
         Poco::Net::IPAddress address{};  ///< without scope
         bool isPending = false;
-        Poco::Clock pendingSince{};
+        Poco::Clock pendingSince = SDClock::now();
     };
 
     /// Holds the mutex.

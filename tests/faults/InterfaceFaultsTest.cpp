@@ -1,3 +1,4 @@
+#include "DataLayer/SDClock.h"
 #include "LogicLayer/SDCommunicationHub.h"
 #include "support/Descriptions.h"
 #include "support/Listener.h"
@@ -6,10 +7,12 @@
 #include "support/Packets.h"
 #include "support/SystemFaults.h"
 #include "support/TestUnit.h"
+#include "support/Times.h"
 #include "support/Waiting.h"
 
 #include <algorithm>
 #include <chrono>
+#include <cstddef>
 #include <ostream>
 #include <string>
 
@@ -47,6 +50,9 @@ struct Delegates
 template struct Delegates<&SDCommunicationHub::onInterfaceAdded, &SDCommunicationHub::onInterfaceRemoved>;
 void reportAdded(SDCommunicationHub& hub, OEMInterface::AddServiceDiscoveryInterfacePayload& report);
 void reportRemoved(SDCommunicationHub& hub, OEMInterface::RemoveServiceDiscoveryInterfacePayload& report);
+
+constexpr Poco::Clock::ClockDiff millisecond = 1000;
+constexpr Poco::Clock::ClockDiff second = 1000 * millisecond;
 
 constexpr auto globalAddress = "fd00::1";
 constexpr auto linkLocal = "fe80::1";
@@ -94,6 +100,37 @@ struct InterfaceFaultsTest : LinkedTest
     Speaker speaker{network.there, "eth0", "fd00::2"};
     Listener listener{network.there, "eth0"};
     int number = 0;
+};
+
+/// A hub that runs, with an interface reported whose address is not there. The listings of the interfaces
+/// that are taken show how often it is looked for.
+struct RetryTest : InterfaceFaultsTest
+{
+    RetryTest()
+    {
+        network.here.ip("address delete fd00::1/64 dev eth0");
+        const InMarkedThread marked;
+        unit.platform.dispatcher().addInterface("eth0", globalAddress);
+        reported = SDClock::now();
+        EXPECT_TRUE(start());
+    }
+
+    bool retries(std::size_t count) const
+    {
+        const std::size_t before = watch.calls();
+        return eventually([&] { return watch.calls() >= before + count; });
+    }
+
+    /// The milliseconds between two attempts, on the average of so many.
+    double shortestWait(std::size_t count, double expected) const
+    {
+        EXPECT_TRUE(retries(1));
+        const auto waits = static_cast<double>(count);
+        return shortestTime([&] { EXPECT_TRUE(retries(count)); }, expected * waits) / waits;
+    }
+
+    Poco::Clock reported;
+    SystemFault watch{{SystemCall::List, SystemFault::forEver}};
 };
 
 /// An interface that is reported with one text and taken back with another.
@@ -172,6 +209,60 @@ TEST_F(InterfaceFaultsTest, AddressThatComesAfterTheStartIsHeardAndSentOnWithinA
     EXPECT_TRUE(eventually([] { return !joinedInterfaces().empty(); }));
     EXPECT_TRUE(eventually([&] { return isSending(); }));
     EXPECT_TRUE(isHearing());
+}
+
+TEST_F(RetryTest, WaitsFiftyMillisecondsAtFirst)
+{
+    SDClock::turn(-10 * second);  // the address is missed for no time at all, however long the test takes
+
+    const double wait = shortestWait(5, 55);
+
+    EXPECT_GE(wait, 46);
+    EXPECT_LE(wait, 55);
+}
+
+TEST_F(RetryTest, WaitsASecondAtMost)
+{
+    SDClock::turn(1000 * second);
+
+    const double wait = shortestWait(1, 1080);
+
+    EXPECT_GE(wait, 930);
+    EXPECT_LE(wait, 1080);
+}
+
+TEST_F(RetryTest, WaitsAnEighthOfTheTimeForWhichTheAddressHasBeenMissed)
+{
+    double ratio = 0;
+    EXPECT_TRUE(inSomeRun([&] {
+        turnTo(reported, 4 * second);
+        EXPECT_TRUE(retries(2)) << "the first wait began before";
+        const double missed = static_cast<double>(SDClock::now() - reported) / millisecond;
+        ratio = shortestTime([&] { EXPECT_TRUE(retries(1)); }, 5000) / (missed / 8);
+        return ratio > 0.93 && ratio < 1.07;
+    })) << ratio;
+}
+
+TEST_F(InterfaceFaultsTest, ListingOfTheInterfacesServesReportsForATenthOfASecond)
+{
+    const InMarkedThread marked;
+    const SystemFault watch({SystemCall::List, SystemFault::forEver});
+    OEMInterface::AddServiceDiscoveryInterfacePayload report{{"eth0", globalAddress}};
+    Poco::Clock before;
+    Poco::Clock after;
+    const auto listingsOfASecondReport = [&](const Poco::Clock& since, Poco::Clock::ClockDiff age) {
+        SDClock::turn(second);  // the listing of the first one is new
+        before = SDClock::now();
+        reportAdded(unit.hub, report);
+        after = SDClock::now();
+        turnTo(since, age);
+        const std::size_t listings = watch.calls();
+        reportAdded(unit.hub, report);
+        return watch.calls() - listings;
+    };
+
+    EXPECT_TRUE(inSomeRun([&] { return listingsOfASecondReport(before, 95 * millisecond) == 0; }));
+    EXPECT_FALSE(inSomeRun([&] { return listingsOfASecondReport(after, 100 * millisecond) == 0; }));
 }
 
 TEST_P(PassingFailureTest, WhileReportedLosesNothing)
