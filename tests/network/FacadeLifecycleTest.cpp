@@ -7,6 +7,7 @@
 #include "support/Platform.h"
 #include "support/Registry.h"
 #include "support/TestUnit.h"
+#include "support/Times.h"
 #include "support/Waiting.h"
 
 #include <chrono>
@@ -82,7 +83,8 @@ TEST_F(FacadeLifecycleTest, NoEventBeginsOnceShutdownHasReturned)
     EXPECT_LE(registry.eventCount(), events + 1) << "of a datagram from before the shutdown";
 }
 
-TEST_F(FacadeLifecycleTest, StartupIsRefusedWhileASubscriberHoldsTheShutdownUpAndWorksAfterwards)
+TEST_F(FacadeLifecycleTest,
+       StartupIsRefusedAfterThreeSecondsWhileASubscriberHoldsTheShutdownUpAndWorksAfterwards)
 {
     const LogCatcher log;
     Gate gate;
@@ -93,8 +95,11 @@ TEST_F(FacadeLifecycleTest, StartupIsRefusedWhileASubscriberHoldsTheShutdownUpAn
     std::future<bool> stopped = std::async(std::launch::async, [&] { return discovery.shutdown(); });
     ASSERT_TRUE(eventually([] { return joinedInterfaces().empty(); })) << "it has begun";
 
-    EXPECT_FALSE(startup());
+    constexpr double longest = 3300;  // milliseconds
+    const double duration = shortestTime([&] { EXPECT_FALSE(startup()); }, longest);
 
+    EXPECT_GE(duration, 2990);
+    EXPECT_LE(duration, longest);
     EXPECT_THAT(log.errors(),
                 Contains("Error: SDCommunicationHub - a subscriber still holds up the engine, which is "
                          "being stopped."));

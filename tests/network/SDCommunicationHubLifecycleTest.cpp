@@ -8,9 +8,11 @@
 #include "support/Process.h"
 #include "support/Repeating.h"
 #include "support/TestUnit.h"
+#include "support/Times.h"
 #include "support/Waiting.h"
 #include "support/Wire.h"
 
+#include <Poco/Event.h>
 #include <Poco/Exception.h>
 #include <Poco/Net/DatagramSocket.h>
 
@@ -37,6 +39,7 @@ using ::testing::HasSubstr;
 using ::testing::IsEmpty;
 using ::testing::MatchesRegex;
 using ::testing::Not;
+using ::testing::SizeIs;
 
 namespace {
 
@@ -356,6 +359,53 @@ TEST_F(RunningHubTest, InterfaceThatComesLaterIsHeardAndSentOn)
     EXPECT_TRUE(discovers(1));
 }
 
+TEST_F(RunningHubTest, OpeningOfAnAwaitedInterfaceHoldsUpNoRequestAndNoOffer)
+{
+    Gate gate;
+    network.link("eth1");
+    dispatcher().addInterface("eth1", "fd01::1");
+    log.onLine([&](const std::string& line) {
+        if (line == "Notice: ServiceDiscovery can use Interface \"eth1\" with IP \"fd01::1\" for sending.")
+            gate.pass();
+    });
+    network.here.addAddress("eth1", "fd01::1/64");
+    ASSERT_TRUE(eventually([&] { return gate.isReached(); })) << "it is being opened";
+
+    std::atomic<bool> isDone{false};
+    std::thread registry([&] {
+        SDService::Ptr service = makeService("Media", "fd00::1", 8080, "media");
+        EXPECT_TRUE(hub().addService(service));
+        EXPECT_THAT(hub().getServices(), SizeIs(1));
+        isDone = true;
+    });
+
+    EXPECT_TRUE(eventually([&] { return isDone.load(); }));
+    EXPECT_TRUE(listener.hears(5)) << "four offers at the beginning, then one a second";
+    gate.open();
+    registry.join();
+    hub().stop();
+}
+
+TEST_F(RunningHubTest, AwaitedInterfaceIsOpenedWhileASubscriberHoldsTheStateMachineUp)
+{
+    Gate gate;
+    unit->registry.onEvent = [&](auto&) { gate.pass(); };
+    network.link("eth1");
+    dispatcher().addInterface("eth1", "fd01::1");
+    speaker.send(fromHex(offerOfFar));
+    ASSERT_TRUE(eventually([&] { return gate.isReached(); }));
+
+    network.here.addAddress("eth1", "fd01::1/64");
+
+    EXPECT_TRUE(eventually([&] {
+        return log.has(
+            "Notice: ServiceDiscovery can use Interface \"eth1\" with IP \"fd01::1\" for sending.");
+    }));
+    EXPECT_THAT(joinedInterfaces(), ElementsAre("eth0", "eth1"));
+    gate.open();
+    hub().stop();
+}
+
 TEST_F(RunningHubTest, RestartedHubHearsOnTheInterfacesThatStandReported)
 {
     network.link("eth1", "fd01::1", "fd01::2");
@@ -608,6 +658,27 @@ TEST_F(HeldHandlerTest, StopWaitsASecondForTheHandlerAndEndsEverythingElse)
     EXPECT_FALSE(hub().isRunning());
     EXPECT_THAT(joinedInterfaces(), IsEmpty());
     EXPECT_TRUE(log.has("Debug: SDStateMachine::stop"));
+}
+
+/// Against a thread that waits as often and as long: a busy machine makes both wait longer.
+TEST_F(HeldHandlerTest, StopWaitsFiftyTimesTwentyMillisecondsForTheHandler)
+{
+    double reference = 0;
+    std::thread waiter([&] {
+        Poco::Event never;
+        reference = shortestTime(
+            [&] {
+                for (int i = 0; i < 50; ++i)
+                    never.tryWait(20);
+            },
+            5000);
+    });
+
+    const double duration = shortestTime([&] { hub().stop(); }, 5000);
+    waiter.join();
+
+    EXPECT_GT(duration / reference, 0.93);
+    EXPECT_LT(duration / reference, 1.1);
 }
 
 TEST_F(HeldHandlerTest, StopWaitsForAHandlerThatReturnsInTime)
