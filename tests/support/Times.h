@@ -31,11 +31,11 @@ double shortestTime(Call call, double expected)
     return shortest;
 }
 
-/// Whether the condition holds in one of several runs.
+/// Whether the condition holds in one of so many runs.
 template <class Condition>
-bool inSomeRun(Condition condition)
+bool inSomeRun(Condition condition, int runs = 20)
 {
-    for (int run = 0; run < 20; ++run) {
+    for (int run = 0; run < runs; ++run) {
         if (condition())
             return true;
     }
