@@ -957,27 +957,21 @@ TEST_F(MulticastReceiverTest, GroupIsJoinedAndLeftOnTwoThreads)
     EXPECT_THAT(joinedInterfaces(), ElementsAre("eth0", "eth1"));
 }
 
-TEST_F(MulticastReceiverTest, RestartsWhileItIsAskedAndInterfacesComeAndGo)
+TEST_F(MulticastReceiverTest, RestartsWhileItIsAsked)
 {
-    join();
-    {
-        const Repeating asking([&] {
-            receiver->isReceiving();
-            receiver->isJoinedOn("eth0");
-        });
-        const Repeating platform([&] {
-            join();
-            leave();
-        });
-        for (int i = 0; i < 50; ++i) {
-            EXPECT_TRUE(receiver->start());
-            receiver->stop();
-        }
+    const Repeating asking([&] {
+        receiver->isReceiving();
+        receiver->isJoinedOn("eth0");
+    });
+
+    for (int i = 0; i < 50; ++i) {
+        EXPECT_TRUE(receiver->start());
+        join();
+        receiver->stop();
     }
 
-    EXPECT_THAT(log.errors(), IsEmpty());
-    leave();
-    EXPECT_THAT(joinedInterfaces(), IsEmpty());
+    EXPECT_FALSE(receiver->isJoinedOn("eth0"));
+    EXPECT_THAT(log.complaints(), IsEmpty());
 }
 
 TEST_F(MulticastReceiverTest, NoDescriptorIsLostOverRestartsAndDestruction)
