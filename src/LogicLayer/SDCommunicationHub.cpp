@@ -353,8 +353,8 @@ void SDCommunicationHub::stop()
     m_isStopping = true;
     stopReceiving();
     guarded([this] { m_statemachine.stop(); });
+    m_running = false;  // first: one that is stopping does not run already
     m_isStopping = false;
-    m_running = false;
 }
 
 void SDCommunicationHub::stopReceiving() noexcept
