@@ -102,10 +102,12 @@ int main(int argc, char** argv)
         return 1;
     const long patience = std::stol(argv[4]) * 1000;
     while (const Poco::AutoPtr<Poco::Notification> next{handover.queue.waitDequeueNotification(patience)}) {
-        const auto& change = dynamic_cast<const Change&>(*next);
-        const std::string& uuid = change.service.getLocalUuid();
-        const bool isDone = change.isThere ? here->addService(change.service) : here->removeService(uuid);
-        std::cout << (change.isThere ? "offered here: " : "withdrawn here: ") << change.service.getName()
+        const auto* const change = dynamic_cast<const Change*>(next.get());
+        if (!change)
+            continue;
+        const std::string& uuid = change->service.getLocalUuid();
+        const bool isDone = change->isThere ? here->addService(change->service) : here->removeService(uuid);
+        std::cout << (change->isThere ? "offered here: " : "withdrawn here: ") << change->service.getName()
                   << (isDone ? "" : " (refused)") << std::endl;
     }
     here->shutdown();

@@ -51,6 +51,8 @@ void closeWatchersOnExec(const Poco::Net::Socket& socket)
 {
     // A std::filesystem iterator would end the process when memory is short: its increment is noexcept.
     const std::unique_ptr<DIR, CloseFolder> descriptors(::opendir("/proc/self/fd"));
+    // cppcheck-suppress readdirCalled ; no other thread reads this stream
+    // NOLINTNEXTLINE(concurrency-mt-unsafe) the same
     while (const dirent* const entry = descriptors ? ::readdir(descriptors.get()) : nullptr) {
         if (!isEpoll(descriptors.get(), entry->d_name))
             continue;

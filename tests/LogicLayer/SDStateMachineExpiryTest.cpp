@@ -319,7 +319,7 @@ struct Withdrawal
         for (const char* name : {"First", "Second"})
             machine.putPeriodic(makeRecord(Type::ANNOUNCED, State::MAIN_PHASE, name));
         const Poco::Clock begin = SDClock::now();
-        engine.hub.onAnnounce = [&, duration, since] {
+        engine.hub.onAnnounce = [&, begin, duration, since] {
             caller.work(since == Since::Before ? begin : SDClock::now(), duration);
         };
         machine.removeAllAnnouncedServices();

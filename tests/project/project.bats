@@ -48,6 +48,7 @@ includes_of() { grep -hoE '^#include "[^"]+"' -r "$1" | sed -E 's/.*"(.*)"/\1/' 
     done
 }
 
+# shellcheck disable=SC2016 # the backticks are the document's
 @test "every test that the security model names is there" {
     for name in $(grep -oE '`[A-Za-z]+Test(\.[A-Za-z]+)?`' docs/security-model.md | tr -d '`' | sort -u); do
         grep -qE "^TEST(_F|_P)?\(${name/./, }[,)]" -r tests || { echo "no such test: $name" && return 1; }

@@ -150,9 +150,10 @@ void CostScene::offer(const std::string& sender, std::size_t first, std::size_t 
 
 void CostScene::handle(std::string_view datagram)
 {
-    m_queue.enqueueNotification(new OnlyDatagram(
-        new Multicast::MulticastReceiver::MulticastData(datagram.data(), datagram.size(), m_origin),
-        m_handler));
+    const Multicast::MulticastDataPtr copy =
+        // cppcheck-suppress danglingTemporaryLifetime ; the bytes are copied
+        new Multicast::MulticastReceiver::MulticastData(datagram.data(), datagram.size(), m_origin);
+    m_queue.enqueueNotification(new OnlyDatagram(copy, m_handler));
     m_handler.run();
 }
 
