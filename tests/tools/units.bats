@@ -194,15 +194,19 @@ two_links() {
     stop a
 }
 
+# On a busy machine the next cyclic offer may come before the search does.
+finds_out_of_turn() {
+    await_offer a
+    run_on b find Media
+    [ "$status" -eq 0 ] || fail "found nothing: $output"
+    has_line a.err 'Notice: SD One-Time Announcement of Service http://\[fd00::1\]:8080/Media/ (Media v1.0.X) startet, due to reception of FIND_SERVICE.'
+}
+
 @test "find is answered out of turn" {
     two_units
     start a a --log-level trace announce Media --port 8080 --version 1.0.0
-    await_offer a
 
-    run_on b find Media
-
-    [ "$status" -eq 0 ]
-    grep -q 'Notice: SD One-Time Announcement of Service http://\[fd00::1\]:8080/Media/ (Media v1.0.X) startet, due to reception of FIND_SERVICE.' "$out/a.err"
+    await 10 finds_out_of_turn
 }
 
 @test "browse sends out the searches that it is asked for" {
@@ -210,9 +214,10 @@ two_links() {
     start a a --log-level trace announce Media --port 8080 --version 1.0.0
     await_offer a
 
-    start b b browse --find Media --find Navi
+    start b b browse --find Radio --find Navi
 
-    await 5 has_line a.err 'due to reception of FIND_SERVICE'
+    await 5 has_line a.err 'onFindServiceReceived .*Radio'
+    await 5 has_line a.err 'onFindServiceReceived .*Navi'
     await 5 has_line b.out 'discovered  Media'
     stop b
 }
