@@ -1,7 +1,5 @@
 #pragma once
 
-#include <Common/CurrentException.h>
-
 #include <iosfwd>
 
 namespace Common {

@@ -152,11 +152,15 @@ bool isLoopback(const Poco::Net::IPAddress& ip)
     return static_cast<const std::uint8_t*>(ip.addr())[firstOfIPv4] == loopbackNet;
 }
 
+/// Zeros stand for no sender, but a datagram can come from "::": then a multicast address stands for it, from
+/// which none can come.
 SDService::SenderAddress senderOf(const Poco::Net::SocketAddress& origin)
 {
     SDService::SenderAddress sender{};
     if (origin.family() == Poco::Net::SocketAddress::IPv6)
         std::memcpy(sender.data(), origin.host().addr(), sender.size());
+    if (sender == SDService::SenderAddress{})
+        sender.front() = 0xff;
     return sender;
 }
 
@@ -353,7 +357,7 @@ void SDCommunicationHub::stop()
     m_isStopping = true;
     stopReceiving();
     guarded([this] { m_statemachine.stop(); });
-    m_running = false;  // first: one that is stopping does not run already
+    m_running = false;  // while m_isStopping still is set: a start() in between must not take it for running
     m_isStopping = false;
 }
 

@@ -164,6 +164,25 @@ TEST_F(SDCommunicationHubIncomingTest, OfferIsDiscoveredWithEverythingThatItTell
     EXPECT_THAT(log.complaints(), IsEmpty());
 }
 
+TEST_F(SDCommunicationHubIncomingTest, UnspecifiedAddressIsASenderWithAShareLikeAnyOther)
+{
+    const Poco::Net::SocketAddress unspecified("[::]:30491");
+    const std::size_t share = SDStateMachine::mostInstances / 2;
+    const std::string configuration = Packets::offerConfiguration("Media");
+    std::string endpoint = Packets::ipv6Option();
+
+    for (std::size_t port = 1; port <= share + 10; ++port) {
+        const std::string bytes = Packets::bigEndian16(port);
+        endpoint.replace(endpoint.size() - bytes.size(), bytes.size(), bytes);
+        SDRequestHandler::OfferServicePayload payload{
+            Packets::firstEntryOf(Packets::packet(Packets::Entry{}.bytes(), endpoint + configuration)),
+            unspecified, false};
+        unit.hub.onOfferServiceReceived(payload);
+    }
+
+    EXPECT_EQ(unit.registry.discovered("Media"), share);
+}
+
 TEST_F(SDCommunicationHubIncomingTest, OfferIsLoggedWithItsOriginAndEntry)
 {
     offer(Packets::offer("Media"));
