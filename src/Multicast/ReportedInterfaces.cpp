@@ -166,8 +166,10 @@ Outcome ReportedInterfaces::serve(Interface& interface, Attempt attempt)
 {
     Outcome outcome = Outcome::Pending;
     try {
+        // A report may be about what has come since the listing; a round of further attempts makes do with one.
+        const bool isNews = attempt == Attempt::Report;
         if (!m_listing || m_listing->isOlderThan(listingAge) ||
-            !shows(*m_listing, interface.name, interface.ip))
+            (isNews && !shows(*m_listing, interface.name, interface.ip)))
             m_listing = InterfaceListing::take();
         const Outcome received = m_receiver.add(interface.name, interface.ip, *m_listing, attempt);
         const Outcome sent = m_sender.add(interface.name, interface.ip, *m_listing, attempt);

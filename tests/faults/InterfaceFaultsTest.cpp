@@ -231,6 +231,18 @@ TEST_F(RetryTest, WaitsASecondAtMost)
     EXPECT_LE(wait, 1080);
 }
 
+TEST_F(RetryTest, TakesOneListingHoweverManyInterfacesAreMissing)
+{
+    {
+        const InMarkedThread marked;
+        for (int i = 0; i < 20; ++i)
+            unit.platform.dispatcher().addInterface("missing" + std::to_string(i), globalAddress);
+    }
+    SDClock::turn(1000 * second);
+
+    EXPECT_GE(shortestWait(1, 1080), 930) << "between two listings";
+}
+
 TEST_F(RetryTest, WaitsAnEighthOfTheTimeForWhichTheAddressHasBeenMissed)
 {
     double ratio = 0;
