@@ -101,14 +101,22 @@ public:
     /// Removing never waits for the event: one that is being delivered at that moment may still call the
     /// delegate, or be inside it; none that begins afterwards does. Before a subscriber is destroyed, make
     /// sure that no event is in it: shutdown() has returned, or the subscriber's own lock says so.
+    ///
+    /// In a forked child both do nothing: a thread of the parent may have held the event's lock.
     class KEL_SD_EXPORT ServiceListEvent : public Poco::BasicEvent<ServiceListEventPayload, Poco::FastMutex>
     {
     public:
+        ServiceListEvent();
+
         void operator+=(const Poco::AbstractDelegate<ServiceListEventPayload>& delegate);
+        void operator-=(const Poco::AbstractDelegate<ServiceListEventPayload>& delegate);
 
         /// Calls the delegates one after the other. What one of them throws passes to the caller, and those
         /// after it are not called.
         void notify(const void* sender, ServiceListEventPayload& payload);
+
+    private:
+        const int m_process;
     };
 
     /// Raised for every service of another unit that is discovered or gone; never after shutdown() has

@@ -3,6 +3,8 @@
 #include <atomic>
 #include <memory>
 
+#include <unistd.h>
+
 namespace Nubo::ServiceDiscovery {
 
 namespace {
@@ -44,9 +46,20 @@ private:
 
 }  // namespace
 
+ServiceDiscovery::ServiceListEvent::ServiceListEvent() : m_process(::getpid()) {}
+
 void ServiceDiscovery::ServiceListEvent::operator+=(const Delegate& delegate)
 {
+    if (m_process != ::getpid())
+        return;
     BasicEvent::operator+=(UnlockedDelegate(delegate));
+}
+
+void ServiceDiscovery::ServiceListEvent::operator-=(const Delegate& delegate)
+{
+    if (m_process != ::getpid())
+        return;
+    BasicEvent::operator-=(delegate);
 }
 
 void ServiceDiscovery::ServiceListEvent::notify(const void* sender, Payload& payload)

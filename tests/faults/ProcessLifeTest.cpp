@@ -57,6 +57,12 @@ struct Unit
     Registry registry{discovery};
 };
 
+/// A subscriber that does nothing.
+struct Idle
+{
+    void onServiceListChanged(ServiceDiscovery::ServiceListEventPayload&) {}
+};
+
 struct LinkedTest : ::testing::Test
 {
     LinkedTest() { network.link("eth0", "fd00::1", "fd00::2"); }
@@ -195,6 +201,27 @@ TEST_F(ProcessLifeTest, ForkedChildIsRefusedEverythingAndMayDestroyTheFacade)
         if (!hasEnded)
             ::_exit(isWrong);
         endAfterWork(*unit);
+    };
+
+    EXPECT_EXIT(scenario(), ::testing::ExitedWithCode(works), "");
+}
+
+/// A thread of the parent may hold the event's lock, which a child would find locked for ever.
+TEST_F(ProcessLifeTest, ForkedChildLeavesTheEventsSubscribersAsTheyWere)
+{
+    const auto scenario = [&] {
+        const PlatformScope platform;
+        ServiceDiscovery left;
+        ServiceDiscovery joined;
+        Idle idle;
+        left.ServiceListChanged += Poco::delegate(&idle, &Idle::onServiceListChanged);
+        const bool hasEnded = childDoes([&] {
+            left.ServiceListChanged -= Poco::delegate(&idle, &Idle::onServiceListChanged);
+            joined.ServiceListChanged += Poco::delegate(&idle, &Idle::onServiceListChanged);
+            const bool isAsItWas = !left.ServiceListChanged.empty() && joined.ServiceListChanged.empty();
+            ::_exit(isAsItWas ? works : isWrong);
+        });
+        ::_exit(hasEnded ? works : isWrong);
     };
 
     EXPECT_EXIT(scenario(), ::testing::ExitedWithCode(works), "");
