@@ -1,5 +1,7 @@
 #include "Multicast/CloseOnExec.h"
 
+#include <Poco/Net/DatagramSocketImpl.h>
+
 #include <algorithm>
 #include <array>
 #include <cstddef>
@@ -11,6 +13,8 @@
 #include <vector>
 
 #include <dirent.h>
+#include <fcntl.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
 namespace Nubo::ServiceDiscovery::Multicast {
@@ -45,9 +49,28 @@ bool isEpoll(DIR* folder, const char* name)
     return size > 0 && std::string_view(target.data(), static_cast<std::size_t>(size)) == epoll;
 }
 
+class ClosedOnExec : public Poco::Net::DatagramSocketImpl
+{
+public:
+    ClosedOnExec() { initSocket(AF_INET6, SOCK_DGRAM | SOCK_CLOEXEC); }
+
+private:
+    ~ClosedOnExec() override = default;
+};
+
+struct OpenedSocket : Poco::Net::DatagramSocket
+{
+    OpenedSocket() : DatagramSocket(new ClosedOnExec) {}
+};
+
 }  // namespace
 
-void closeWatchersOnExec(const Poco::Net::Socket& socket)
+Poco::Net::MulticastSocket openSocket()
+{
+    return Poco::Net::MulticastSocket(OpenedSocket());
+}
+
+void closeWatchersOnExec(const Poco::Net::MulticastSocket& socket)
 {
     // A std::filesystem iterator would end the process when memory is short: its increment is noexcept.
     const std::unique_ptr<DIR, CloseFolder> descriptors(::opendir("/proc/self/fd"));

@@ -1,20 +1,15 @@
 #pragma once
 
-#include <Poco/Net/Socket.h>
-#include <Poco/Net/SocketImpl.h>
-
-#include <fcntl.h>
+#include <Poco/Net/MulticastSocket.h>
 
 namespace Nubo::ServiceDiscovery::Multicast {
 
-/// Keeps the socket from the programs that the process starts: one that lives on would hold the port.
-inline void closeOnExec(const Poco::Net::Socket& socket)
-{
-    ::fcntl(socket.impl()->sockfd(), F_SETFD, FD_CLOEXEC);
-}
+/// A socket of IPv6 that the programs do not get which the process starts, be it at the same moment: one that
+/// lives on would hold the port.
+Poco::Net::MulticastSocket openSocket();
 
-/// The same for the descriptors with which a reactor watches the socket, and does not give out. They are
+/// Keeps from them the descriptors with which a reactor watches the socket, and does not give out. They are
 /// found in /proc; without that they stay as they are.
-void closeWatchersOnExec(const Poco::Net::Socket& socket);
+void closeWatchersOnExec(const Poco::Net::MulticastSocket& socket);
 
 }  // namespace Nubo::ServiceDiscovery::Multicast

@@ -14,6 +14,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <new>
+#include <optional>
 
 namespace Nubo::ServiceDiscovery::Multicast {
 
@@ -31,6 +32,8 @@ constexpr Poco::Clock::ClockDiff retirement = 5'000'000;  // microseconds
 
 /// How long a datagram may wait for room in an interface's queue, in microseconds.
 constexpr long sendTimeout = 20000;
+constexpr Poco::Clock::ClockDiff shortestWait = 1000;  // what takes longer has waited
+constexpr Poco::Clock::ClockDiff microsecondsPerSecond = 1'000'000;
 
 /// In a full datagram.
 constexpr std::size_t usualPackets = 10;
@@ -179,8 +182,8 @@ Outcome MulticastSender::unsafe_add(const AdmittedInterface& admitted, const std
 void MulticastSender::unsafe_open(const AdmittedInterface& admitted)
 {
     const Common::StandardStreamGuard guard;
-    SocketPtr socket = new MulticastSocket(SocketAddress(admitted.address, 0), false);
-    closeOnExec(*socket);
+    SocketPtr socket = new MulticastSocket(openSocket());
+    socket->bind(SocketAddress(admitted.address, 0), false);
     socket->setInterface(admitted.interface);
     socket->setTimeToLive(hopLimit);
     socket->setLoopback(false);
@@ -314,12 +317,59 @@ bool MulticastSender::sendAdjusted(const InterfaceData_t& interface, SendData& d
     return result;
 }
 
+/// Calls `send` for each of the datagrams; whether all were sent.
+template <class Send>
+bool MulticastSender::sendEach(const InterfaceData_t& interface, std::size_t count, Send send)
+{
+    std::size_t& firstLost = interface.pace->firstLost;
+    std::size_t next = firstLost < count ? firstLost : 0;
+    std::optional<std::size_t> lost;
+    bool result = true;
+    for (std::size_t i = 0; i < count; ++i) {
+        const std::size_t at = next;
+        next = at + 1 < count ? at + 1 : 0;
+        if (sendPaced(interface, [&] { return send(at); }))
+            continue;
+        result = false;
+        if (!lost && !interface.socketPtr.isNull() && !interface.socketPtr->getBlocking())
+            lost = at;
+    }
+    if (count > 1)
+        firstLost = lost.value_or(0);
+    return result;
+}
+
+/// Sends a datagram, and waits for room only if the interface is worth it.
+template <class Send>
+bool MulticastSender::sendPaced(const InterfaceData_t& interface, Send send)
+{
+    if (interface.socketPtr.isNull())
+        return send();
+    Poco::Net::MulticastSocket socket = *interface.socketPtr;
+    Pace& pace = *interface.pace;
+    const Poco::Clock begin = SDClock::now();
+    if (begin - pace.second >= microsecondsPerSecond) {
+        pace.second = begin;
+        pace.waited = 0;
+    }
+    const bool waits = !pace.isStalled && pace.waited < sendTimeout;
+    if (socket.getBlocking() != waits)
+        socket.setBlocking(waits);
+    const bool isSent = send();
+    const Poco::Clock::ClockDiff duration = SDClock::now() - begin;
+    if (duration >= shortestWait)
+        pace.waited += duration;
+    if (isSent)
+        pace.isStalled = false;
+    else if (waits && duration >= shortestWait)
+        pace.isStalled = true;
+    return isSent;
+}
+
 bool MulticastSender::sendServices(const InterfaceData_t& interface, const MulticastData& packages) const
 {
-    bool result = true;
-    for (const MulticastPackage& package : packages)
-        result = transmit(interface.socketPtr, package) && result;
-    return result;
+    return sendEach(interface, packages.size(),
+                    [&](std::size_t i) { return transmit(interface.socketPtr, packages[i]); });
 }
 
 bool MulticastSender::sendServices(const InterfaceData_t& interface, SendData& data) const
@@ -328,15 +378,13 @@ bool MulticastSender::sendServices(const InterfaceData_t& interface, SendData& d
         SD_LOG(Error) << "sendServices: package & offsets count mismatch!";
         return false;
     }
-    bool result = true;
-    for (std::size_t i = 0; i < data.packages.size(); ++i) {
+    return sendEach(interface, data.packages.size(), [&](std::size_t i) {
         // A package in which nothing was replaced yet may hold an interface's address in its own right.
         const std::string& oldIP = data.offsets[i].empty() ? m_ipToReplace : data.ipToReplaceNext;
         const bool adjusted = adjustIPs(data.packages[i], oldIP, data.ipReplacement, data.offsets[i]);
         const bool sent = transmit(interface.socketPtr, data.packages[i]);
-        result = adjusted && sent && result;
-    }
-    return result;
+        return adjusted && sent;
+    });
 }
 
 bool MulticastSender::adjustIPs(MulticastPackage& package, const std::string& oldIP, const std::string& newIP,
@@ -377,8 +425,6 @@ bool MulticastSender::transmit(const SocketPtr& socket, const MulticastPackage& 
     SocketPtr sending = socket;
     try {
         const int sent = sending->sendTo(package.first, static_cast<int>(package.second), m_group, 0);
-        if (!sending->getBlocking())
-            sending->setBlocking(true);
         if (static_cast<std::size_t>(sent) == package.second)
             return true;
         SD_LOG(Warning) << "MulticastSender failed to send complete package: " << sent << "/"
@@ -387,8 +433,6 @@ bool MulticastSender::transmit(const SocketPtr& socket, const MulticastPackage& 
     catch (const Poco::Exception& exception) {
         // Each datagram on each interface has its own try: one that fails does not keep back the others.
         SD_LOG(Error) << "sendMulticast caught exception: " << exception.displayText();
-        if (exception.code() == EAGAIN)
-            sending->setBlocking(false);  // the next ones are not worth the waiting
     }
     return false;
 }

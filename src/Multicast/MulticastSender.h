@@ -58,8 +58,10 @@ public:
     /// out. The datagrams' addresses are overwritten in place and not restored. Takes no lock: it works on
     /// the interfaces as they were when it began. To be called by one thread at a time.
     ///
-    /// An interface that does not take its datagrams is waited for once, for 20 ms; from then on what it
-    /// does not take at once is lost, until it takes one again.
+    /// An interface that does not take its datagrams at once is waited for, each time for 20 ms at most, and
+    /// for less than 40 ms in any second; when it took none in such a time, not until it takes one again.
+    /// What it does not take then is lost. The next list begins there with the first datagram that was lost,
+    /// so that a slow interface gets all of them in turn.
     bool sendMulticast(const MulticastData& packagesForAll, const MulticastData& packagesForInternal);
 
     /// Whether a datagram from that address was sent by this unit: from one of the sockets, or from one
@@ -85,13 +87,23 @@ public:
 protected:
     using SocketPtr = Poco::SharedPtr<Poco::Net::MulticastSocket>;
 
+    /// How an interface takes its datagrams.
+    struct Pace
+    {
+        Poco::Clock second{Poco::Clock::ClockVal{0}};  ///< its begin
+        Poco::Clock::ClockDiff waited = 0;             ///< in that second, in microseconds
+        bool isStalled = false;                        ///< it took none after a whole wait, and none since
+        std::size_t firstLost = 0;                     ///< of the last list of several datagrams
+    };
+
     struct InterfaceData_t
     {
         SocketPtr socketPtr;
         std::string ipAsByteStream;  ///< the interface's address, 16 bytes in network order
         bool isInternal;             ///< the address is link-local
         Poco::Net::IPAddress address;
-        Poco::Net::SocketAddress localAddress;  ///< of the socket
+        Poco::Net::SocketAddress localAddress;                  ///< of the socket
+        std::shared_ptr<Pace> pace = std::make_shared<Pace>();  ///< the sending thread's
     };
     /// By interface index.
     using InterfaceContainer = std::map<Poco::Net::NetworkInterface, InterfaceData_t>;
@@ -133,6 +145,10 @@ protected:
     bool transmit(const SocketPtr& socket, const MulticastPackage& package) const;
 
 private:
+    template <class Send>
+    static bool sendEach(const InterfaceData_t& interface, std::size_t count, Send send);
+    template <class Send>
+    static bool sendPaced(const InterfaceData_t& interface, Send send);
     bool sendAdjusted(const InterfaceData_t& interface, SendData& data) const;
     std::shared_ptr<const InterfaceContainer> interfaces() const;
     void unsafe_replaceInterfaces(InterfaceContainer interfaces);

@@ -22,6 +22,7 @@
 #include <functional>
 #include <optional>
 #include <ostream>
+#include <set>
 #include <string>
 #include <thread>
 #include <vector>
@@ -516,6 +517,65 @@ TEST_F(TwoInterfacesSenderTest, InterfaceThatDoesNotTakeItsDatagramsHoldsUpNobod
     EXPECT_TRUE(sender->sendMulticast(list, {})) << "it takes them again";
     EXPECT_TRUE(listener0.hears(list.size()));
     EXPECT_THAT(log.complaints(), IsEmpty());
+}
+
+/// Each datagram has room within the 20 milliseconds, so that none is worth giving up.
+TEST_F(TwoInterfacesSenderTest, InterfaceThatTakesItsDatagramsSlowlyHoldsUpNobodyForLong)
+{
+    std::string bytes(1212, 'x');
+    const Sender::MulticastData list(80, {bytes.data(), bytes.size()});
+    network.here.tc("qdisc add dev eth0 root tbf rate 1mbit burst 1600 limit 10000000");  // one in 10 ms
+
+    const auto start = std::chrono::steady_clock::now();
+    for (std::size_t i = 1; i <= 5; ++i) {
+        sender->sendMulticast(list, {});
+        EXPECT_EQ(listener1.datagrams().size(), i * list.size());
+    }
+
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(800)) << "not for seconds";
+    EXPECT_THAT(log.errors(), SizeIs(Gt(2 * list.size()))) << "or it was not slow";
+}
+
+TEST_F(TwoInterfacesSenderTest, InterfaceThatTakesItsDatagramsSlowlyIsWaitedForAgainInTheNextSecond)
+{
+    std::string bytes(1212, 'x');
+    const Sender::MulticastData list(400, {bytes.data(), bytes.size()});
+    network.here.tc("qdisc add dev eth0 root tbf rate 2mbit burst 1600 limit 10000000");  // one in 5 ms
+    sender->sendMulticast(list, {});
+    const auto taken = [&] {
+        const std::size_t lost = log.errors().size();
+        sender->sendMulticast({list.front()}, {});
+        return log.errors().size() == lost;
+    };
+    ASSERT_TRUE(eventually([&] { return !taken(); }));
+
+    SDClock::turn(1000000);
+
+    EXPECT_TRUE(taken());
+}
+
+TEST_F(TwoInterfacesSenderTest, SlowInterfaceGetsAllOfAListInTurn)
+{
+    std::vector<std::string> bytes;
+    Sender::MulticastData list;
+    for (char i = 0; i < 100; ++i)
+        bytes.emplace_back(1212, i);
+    for (std::string& datagram : bytes)
+        list.insert(list.end(), 4, {datagram.data(), datagram.size()});
+    network.here.tc("qdisc add dev eth0 root tbf rate 20mbit burst 1600 limit 10000000");  // one in 0.5 ms
+
+    const bool areAllHeard = eventually([&] {
+        sender->sendMulticast(list, {});
+        std::set<std::string> heard;
+        for (const Listener::Datagram& datagram : listener0.datagrams())
+            heard.insert(datagram.bytes);
+        return heard.size() == bytes.size();
+    });
+
+    EXPECT_TRUE(areAllHeard);
+    EXPECT_THAT(log.errors(), SizeIs(Gt(list.size() / 2))) << "or it was not slow";
+    EXPECT_THAT(log.errors(),
+                Each("Error: sendMulticast caught exception: I/O error: Operation would block"));
 }
 
 TEST_F(MulticastSenderTest, DatagramWaitsTwentyMillisecondsForRoom)
