@@ -25,7 +25,7 @@ public:
     static constexpr std::size_t mostInstances = 4096;                      // of one name
     static constexpr Poco::Clock::ClockDiff staleAfter = 10'000'000;        // microseconds
     /// One new service displaces no more than so many, however long its texts are.
-    static constexpr std::size_t mostDisplaced = 16;
+    static constexpr std::size_t mostDisplaced = 4;
 
     enum class Outcome
     {

@@ -354,15 +354,15 @@ TEST_F(DiscoveryBoundsTogetherTest, InstanceThatGoesForTheNameIsNotCountedTwiceF
                 ElementsAre(&instance, &other));
 }
 
-TEST_F(DiscoveryBoundsTogetherTest, AtMostSixteenAreDisplacedHoweverLongTheText)
+TEST_F(DiscoveryBoundsTogetherTest, AtMostFourAreDisplacedHoweverLongTheText)
 {
-    constexpr std::size_t kilobytes = 16;
+    constexpr std::size_t kilobytes = 4;
     for (std::size_t i = 0; i < kilobytes + 2; ++i)
         know(withText(makeDiscovered("Service", static_cast<unsigned short>(i)), 1024));
     know(withText(makeDiscovered("Large", 2), 64 * megabyte - (kilobytes + 2) * 1024));
     pass(stale);
 
-    EXPECT_THAT(judge(withText(makeOffer("New", 1, 2), kilobytes * 1024)).displaced, SizeIs(16));
+    EXPECT_THAT(judge(withText(makeOffer("New", 1, 2), kilobytes * 1024)).displaced, SizeIs(4));
     const auto verdict = judge(withText(makeOffer("New", 1, 2), kilobytes * 1024 + 1));
     EXPECT_EQ(verdict.outcome, Outcome::Refused);
     EXPECT_THAT(verdict.displaced, IsEmpty());
