@@ -67,6 +67,11 @@ bool ServiceDiscovery::startup(const Poco::Net::IPAddress& address)
         SD_LOG(Warning) << "ServiceDiscovery is already running.";
         return true;
     }
+    if (address.family() != Poco::Net::IPAddress::IPv6 || address.isWildcard() || address.isMulticast()) {
+        SD_LOG(Error) << "ServiceDiscovery failed to start: \"" << address.toString()
+                      << "\" is not the IPv6 address of a unit.";
+        return false;
+    }
     return m_sdHub->start(address);
 }
 

@@ -136,9 +136,9 @@ public:
     ServiceDiscovery& operator=(const ServiceDiscovery&) = delete;
 
     /// Starts on the unit's IPv6 address. A description that carries this address is announced on each
-    /// interface with that interface's own address, once the unit has several. False when the discovery
-    /// port cannot be bound; the reason is in the log, and a later call tries again. True when it runs
-    /// already.
+    /// interface with that interface's own address, once the unit has several. False when it is no address
+    /// of IPv6, the wildcard or a multicast address, or when the discovery port cannot be bound; the reason
+    /// is in the log, and a later call tries again. True when it runs already.
     bool startup(const Poco::Net::IPAddress& address);
 
     /// Withdraws the announced services and stops; returns true. Takes about a second at most.

@@ -141,6 +141,19 @@ TEST(ServiceDiscoveryConstructionTest, FacadeMayBeDerivedFrom)
     EXPECT_TRUE(std::has_virtual_destructor_v<ServiceDiscovery>);
 }
 
+TEST_F(ServiceDiscoveryTest, StartupIsRefusedOnWhatIsNoAddressOfAUnit)
+{
+    for (const std::string wrong : {"10.0.0.1", "0.0.0.0", "::", "ff14::4:0"}) {
+        log.clear();
+
+        EXPECT_FALSE(discovery.startup(Poco::Net::IPAddress(wrong)));
+
+        EXPECT_FALSE(discovery.running());
+        EXPECT_THAT(log.lines(), ElementsAre("Error: ServiceDiscovery failed to start: \"" + wrong +
+                                             "\" is not the IPv6 address of a unit."));
+    }
+}
+
 TEST_F(ServiceDiscoveryTest, FacadeIsNotRunningAtFirst)
 {
     EXPECT_FALSE(discovery.running());
