@@ -109,10 +109,6 @@ void SDCommunicationHub::announce(const std::vector<SDService::Ptr>&) {}
 void SDCommunicationHub::notifyServiceRegistry(ServiceDiscovery::ServiceListEventPayload&) const {}
 void SDCommunicationHub::stopFromWithin() noexcept {}
 void SDCommunicationHub::reportDrops() {}
-bool SDCommunicationHub::isCaughtUp() const
-{
-    return true;
-}
 bool SDCommunicationHub::isOwnAddress(const Poco::Net::IPAddress&) const
 {
     return false;

@@ -1,5 +1,6 @@
 #include "LogicLayer/SDCommunicationHub.h"
 
+#include "DataLayer/EngineFrame.h"
 #include "DataLayer/Log.h"
 #include "DataLayer/SOME_IP_SD/SOME_IP_SD_Entry_Service.h"
 #include "DataLayer/SOME_IP_SD/SOME_IP_SD_Option_Configuration.h"
@@ -281,30 +282,25 @@ SDCommunicationHub::~SDCommunicationHub()
     m_requestHandler.FindService -= Poco::delegate(this, &SDCommunicationHub::onFindServiceReceived);
 }
 
-/// Holds the lifecycle mutex, and says so to the thread that does.
+/// Holds the lifecycle mutex.
 class SDCommunicationHub::LifecycleLock
 {
 public:
     /// Waits for as long as it takes.
-    explicit LifecycleLock(SDCommunicationHub& hub) : m_hub(hub)
+    explicit LifecycleLock(SDCommunicationHub& hub) : m_frame(&hub), m_mutex(hub.m_lifecycleMutex)
     {
-        m_hub.m_lifecycleMutex.lock();
-        m_hub.m_lifecycleThread = std::this_thread::get_id();
+        m_mutex.lock();
     }
     /// Waits for so many milliseconds at most.
     LifecycleLock(SDCommunicationHub& hub, long atMost)
-        : m_hub(hub)
-        , m_isHeld(hub.m_lifecycleMutex.tryLock(atMost))
-    {
-        if (m_isHeld)
-            m_hub.m_lifecycleThread = std::this_thread::get_id();
-    }
+        : m_frame(&hub)
+        , m_mutex(hub.m_lifecycleMutex)
+        , m_isHeld(m_mutex.tryLock(atMost))
+    {}
     ~LifecycleLock()
     {
-        if (!m_isHeld)
-            return;
-        m_hub.m_lifecycleThread = std::thread::id();
-        m_hub.m_lifecycleMutex.unlock();
+        if (m_isHeld)
+            m_mutex.unlock();
     }
 
     LifecycleLock(const LifecycleLock&) = delete;
@@ -314,7 +310,8 @@ public:
 
 private:
     const InsideEngine m_inside;  // a log channel must not call into the engine under its lock
-    SDCommunicationHub& m_hub;
+    const EngineFrame m_frame;
+    Poco::FastMutex& m_mutex;
     const bool m_isHeld = true;
 };
 
@@ -331,14 +328,14 @@ bool SDCommunicationHub::start(const Poco::Net::IPAddress& localAddress)
         return true;
     try {
         m_sender.init(localAddress);
-        if (!m_receiver.start())
+        if (!isRequestHandlerFree() || !m_receiver.start())
             return false;
-        m_running = true;
-        if (startRequestHandler()) {
-            m_reportedInterfaces.start();
-            m_statemachine.start();
-            return true;
-        }
+        m_running = true;  // nothing that follows waits for a subscriber
+        m_requestHandlerThread = std::make_unique<Poco::Thread>();
+        m_requestHandlerThread->start(m_requestHandler);
+        m_reportedInterfaces.start();
+        m_statemachine.start();
+        return true;
     }
     catch (...) {
         SD_LOG(Error) << "SDCommunicationHub - failed to start: " << Common::currentException;
@@ -375,14 +372,16 @@ void SDCommunicationHub::stopFromWithin() noexcept
         if (m_statemachine.isLockedByThisThread())
             m_statemachine.unsafe_stop();
         else
-            m_statemachine.removeAllAnnouncedServices();
+            m_statemachine.close();
     });
     m_running = false;
 }
 
 bool SDCommunicationHub::isOnThisThread() const
 {
-    return m_statemachine.isLockedByThisThread() || m_lifecycleThread.load() == std::this_thread::get_id();
+    return m_statemachine.isLockedByThisThread() ||
+           EngineFrame::isOnThisThread(this, &m_statemachine, &m_requestHandler, &m_receiver,
+                                       &m_reportedInterfaces);
 }
 
 bool SDCommunicationHub::isOfThisProcess() const
@@ -390,18 +389,13 @@ bool SDCommunicationHub::isOfThisProcess() const
     return ::getpid() == m_process;
 }
 
-bool SDCommunicationHub::startRequestHandler()
+/// Whether the thread of an earlier run has ended.
+bool SDCommunicationHub::isRequestHandlerFree()
 {
-    if (m_requestHandlerThread) {
-        stopRequestHandler();
-        if (m_requestHandlerThread) {
-            SD_LOG(Error) << "SDCommunicationHub - a subscriber still holds up the request handler's thread.";
-            return false;
-        }
-    }
-    m_requestHandlerThread = std::make_unique<Poco::Thread>();
-    m_requestHandlerThread->start(m_requestHandler);
-    return true;
+    stopRequestHandler();
+    if (m_requestHandlerThread)
+        SD_LOG(Error) << "SDCommunicationHub - a subscriber still holds up the request handler's thread.";
+    return !m_requestHandlerThread;
 }
 
 /// Ends the request handler's thread, unless it takes longer than handlerJoinTime; then the thread stays.
@@ -488,11 +482,6 @@ void SDCommunicationHub::reportDrops()
     if (const std::uint64_t dropped = m_drops.takeReport())
         SD_LOG(Warning) << "SDCommunicationHub - dropped " << dropped << " received Message(s), at most "
                         << longestQueue << " with " << largestQueue << " Bytes can wait!";
-}
-
-bool SDCommunicationHub::isCaughtUp() const
-{
-    return !m_receiver.isReceiving() && m_waitingBytes == 0;
 }
 
 void SDCommunicationHub::onInterfaceAdded(OEMInterface::AddServiceDiscoveryInterfacePayload& payload)

@@ -22,7 +22,6 @@
 #include <cstdint>
 #include <memory>
 #include <string>
-#include <thread>
 #include <utility>
 #include <vector>
 
@@ -53,9 +52,9 @@ public:
     static constexpr InternalPortRange_t s_internalPortRange{47000, 49151};
 
     /// At most so many received datagrams wait for the request handler, and so many bytes of them; more are
-    /// dropped. As many full-sized datagrams as may wait stay below the bytes.
+    /// dropped: while they are handled, nothing newer is heard.
     static constexpr int longestQueue = 10000;
-    static constexpr std::size_t largestQueue = std::size_t{16} * 1024 * 1024;
+    static constexpr std::size_t largestQueue = std::size_t{4} * 1024 * 1024;
 
     /// Throws Poco::Exception when the service locator has no platform dispatcher. One that is null is an
     /// error in the log, and no interface is ever reported.
@@ -83,7 +82,7 @@ public:
     bool isRunning() const { return m_running; }
     bool isStopping() const { return m_isStopping; }
 
-    /// Whether the calling thread holds a lock of this engine.
+    /// Whether the calling thread works for this engine, or holds a lock of it.
     bool isOnThisThread() const;
     /// Whether the engine was made by this process, not by one that was forked from.
     bool isOfThisProcess() const;
@@ -104,8 +103,6 @@ public:
     /// Raises the facade's event. Called by the state machine with its mutex held.
     void notifyServiceRegistry(ServiceDiscovery::ServiceListEventPayload& payload) const;
 
-    /// Whether all that has been received by now has been handled.
-    bool isCaughtUp() const;
     /// Writes the counted warnings that are due.
     void reportDrops();
 
@@ -128,7 +125,7 @@ private:
     class LifecycleLock;
 
     void stopReceiving() noexcept;
-    bool startRequestHandler();
+    bool isRequestHandlerFree();
     void stopRequestHandler();
 
     bool extractOfferServiceOptions(const std::vector<SOME_IP_SD_Option::Ptr>& options,
@@ -162,8 +159,7 @@ private:
     std::uint16_t m_senderSessionID = 1;
 
     Multicast::ReportedInterfaces m_reportedInterfaces{m_receiver, m_sender};
-    Poco::FastMutex m_lifecycleMutex;                  // serialises start and stop
-    std::atomic<std::thread::id> m_lifecycleThread{};  // that holds it
+    Poco::FastMutex m_lifecycleMutex;  // serialises start and stop
     std::atomic<bool> m_isStopping{false};
     const pid_t m_process = ::getpid();  // that the engine belongs to
     DropCounter m_drops;

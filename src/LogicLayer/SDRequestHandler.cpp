@@ -1,5 +1,6 @@
 #include "LogicLayer/SDRequestHandler.h"
 
+#include "DataLayer/EngineFrame.h"
 #include "DataLayer/Log.h"
 #include "LogicLayer/SDMessageNotification.h"
 
@@ -50,6 +51,7 @@ SDRequestHandler::~SDRequestHandler() = default;
 
 void SDRequestHandler::run()
 {
+    const EngineFrame frame(this);
     m_isShutDown = false;
     m_running = true;
     // Once per process: a handler that is run again leaves its new thread unnamed.

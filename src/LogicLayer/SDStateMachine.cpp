@@ -227,12 +227,10 @@ void SDStateMachine::WorkloadLock::lock()
 {
     const Poco::FastMutex::ScopedLock turn(m_machine.m_turnMutex);
     m_machine.m_workloadMutex.lock();
-    m_machine.m_lockedBy = std::this_thread::get_id();
 }
 
 void SDStateMachine::WorkloadLock::unlock()
 {
-    m_machine.m_lockedBy = std::thread::id();
     m_machine.m_workloadMutex.unlock();
 }
 
@@ -283,6 +281,13 @@ void SDStateMachine::setClosed(bool isClosed)
 void SDStateMachine::stop()
 {
     SD_LOG(Debug) << "SDStateMachine::stop";
+    close();
+    m_aperiodicWorker.stop();
+    m_periodicWorker.stop();
+}
+
+void SDStateMachine::close()
+{
     m_running = false;
     setClosed(true);
     try {
@@ -291,8 +296,6 @@ void SDStateMachine::stop()
     catch (...) {
         SD_LOG(Error) << "SDStateMachine - failed to withdraw: " << Common::currentException;
     }
-    m_aperiodicWorker.stop();
-    m_periodicWorker.stop();
 }
 
 bool SDStateMachine::onExternalEvent(ExternalEvent& event)
@@ -519,7 +522,7 @@ bool SDStateMachine::handleOFFER(ExternalEvent& event)
     if (m_isClosed || unsafe_renew(*service))
         return true;
     const Matches matches(m_index, *service);
-    if (unsafe_isReflected(*service, matches))
+    if (unsafe_isReflected(*service, matches.name))
         return true;
 
     if (Entry* const search = matches.onlySearch()) {
@@ -578,6 +581,8 @@ bool SDStateMachine::unsafe_renew(const SDService& offered)
     Entry* const known = m_index.findDiscovered(offered);
     if (!known || known->role != Entry::Role::Discovered || (*known)->getState() != State::MAIN_PHASE)
         return false;
+    if ((*known)->getTTL() == 0 && unsafe_isReflected(offered, known->name))
+        return true;
     (*known)->setTTL(offered.getTTL());
     m_index.renew(*known);
     SD_LOG(Trace) << "SDStateMachine::handleOFFER: re-set TTL of Discovered \"" << nameOf(*known)
@@ -586,19 +591,21 @@ bool SDStateMachine::unsafe_renew(const SDService& offered)
 }
 
 /// Whether somebody has sent an offer of this unit back to it.
-bool SDStateMachine::unsafe_isReflected(const SDService& offered, const Matches& matches)
+bool SDStateMachine::unsafe_isReflected(const SDService& offered, const NameEntries* name)
 {
-    if (!matches.name)
+    if (!name || (name->periodic.empty() && name->aperiodic.empty()))
         return false;
     const NuboServiceDescription& description = offered.getNuboDescription();
+    if (!m_hub.isOwnAddress(description.getIpAddress()))
+        return false;
     bool isAnnounced = false;
-    for (const NameEntries::List* list : {&matches.name->periodic, &matches.name->aperiodic}) {
+    for (const NameEntries::List* list : {&name->periodic, &name->aperiodic}) {
         isAnnounced = isAnnounced || std::any_of(list->begin(), list->end(), [&](const Entry& entry) {
                           return entry.role == Entry::Role::Own &&
                                  entry->getNuboDescription().getPort() == description.getPort();
                       });
     }
-    if (!isAnnounced || !m_hub.isOwnAddress(description.getIpAddress()))
+    if (!isAnnounced)
         return false;
     if (m_reflectedOffers++ == 0)
         SD_LOG(Warning)
@@ -664,6 +671,8 @@ void SDStateMachine::writeEventLog(const std::string& name, const std::string& i
 
 std::vector<ServiceStatus> SDStateMachine::getServices() const
 {
+    // One list at a time: they are long, and each would hold up the events for a while.
+    const std::lock_guard<std::mutex> oneAtATime(m_listingMutex);
     struct Known
     {
         SDService::Ptr service;
@@ -901,7 +910,21 @@ bool SDStateMachine::unsafe_announce(SDService::Ptr& service, unsigned short ins
         return false;
     if (replaced)
         unsafe_erase(*replaced);
+    unsafe_endReflections(*service);
     return true;
+}
+
+/// What was discovered of this unit's service before it was added, when somebody sent an old offer of it,
+/// runs out with the next interval: this is the registry's call, in which it is told nothing.
+void SDStateMachine::unsafe_endReflections(const SDService& announced)
+{
+    const NameEntries* const name = m_index.find(announced.getNuboDescription().getName());
+    for (Entry& entry : name->discovered) {
+        const NuboServiceDescription& description = entry->getNuboDescription();
+        if (description.getPort() == announced.getNuboDescription().getPort() &&
+            m_hub.isOwnAddress(description.getIpAddress()))
+            entry->setTTL(0);
+    }
 }
 
 void SDStateMachine::unsafe_erase(Entry& entry)

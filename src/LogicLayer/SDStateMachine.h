@@ -1,5 +1,6 @@
 #pragma once
 
+#include "DataLayer/EngineFrame.h"
 #include "DataLayer/InsideEngine.h"
 #include "DataLayer/SDService.h"
 #include "LogicLayer/DiscoveryBounds.h"
@@ -18,9 +19,9 @@
 #include <cstdint>
 #include <iosfwd>
 #include <map>
+#include <mutex>
 #include <optional>
 #include <string>
-#include <thread>
 #include <vector>
 
 namespace Nubo::ServiceDiscovery {
@@ -86,13 +87,15 @@ public:
     /// it has returned, nothing more is taken from the network and no event is raised, until start(). Never
     /// throws.
     void stop();
-    /// The same for a thread that delivers an event and must not wait for itself. The timers run on, and find
-    /// nothing to do.
+    /// The same for a thread that works for the engine and must not wait for itself. The timers run on, and
+    /// find nothing to do.
+    void close();
+    /// The same for one that delivers an event.
     void unsafe_stop();
     bool isRunning() const { return m_running; }
 
     /// Whether the calling thread is in an event or an interval.
-    bool isLockedByThisThread() const { return m_lockedBy.load() == std::this_thread::get_id(); }
+    bool isLockedByThisThread() const { return EngineFrame::isOnThisThread(&m_workloadMutex); }
 
     /// Single entry point for external events. False when the event could not be handled; the reason is in
     /// the log. What the registry's subscriber throws passes to the caller.
@@ -163,7 +166,12 @@ protected:
     class WorkloadLock
     {
     public:
-        explicit WorkloadLock(const SDStateMachine& machine) : m_machine(machine) { lock(); }
+        explicit WorkloadLock(const SDStateMachine& machine)
+            : m_frame(&machine.m_workloadMutex)
+            , m_machine(machine)
+        {
+            lock();
+        }
         ~WorkloadLock() { unlock(); }
 
         WorkloadLock(const WorkloadLock&) = delete;
@@ -180,6 +188,7 @@ protected:
         void lock();
         void unlock();
 
+        const EngineFrame m_frame;
         const InsideEngine m_inside;  // a log channel must not call into the engine under its lock
         const SDStateMachine& m_machine;
     };
@@ -216,23 +225,25 @@ protected:
         void onInterval(Poco::Timer& timer) override;
 
     private:
-        bool beginInterval();
+        static bool isLateAfter(const Poco::Clock& before);
         void offerOwn();
         /// Whether the record stays in the workload; what is to be sent of it goes into the batch.
         static bool handleLocal(const SDService::Ptr& entry, ServicesContainer& batch);
         static bool handleAnnounced(SDService::Ptr service, ServicesContainer& batch);
-        void waitForWhatHasArrived();
+        void hearFirst(long milliseconds);
         void expire(WorkloadLock& lock);
         /// Whether the record has run out.
         bool expire(WorkloadEntry& entry);
 
-        Poco::Clock m_begin{Poco::Clock::ClockVal{0}};  // of the last interval
+        Poco::Clock m_begin{Poco::Clock::ClockVal{0}};    // of the last interval
+        Poco::Clock m_heardAt{Poco::Clock::ClockVal{0}};  // before, nothing is taken for gone
     };
 
     SDCommunicationHub& m_hub;
     Poco::Random m_rnd;
     std::atomic<bool> m_running{false};
     mutable Poco::FastMutex m_workloadMutex;
+    mutable std::mutex m_listingMutex;  // taken first
     RecordIndex m_index;
     AperiodicWorkload m_aperiodicWorkload{m_index};
     PeriodicWorkload m_periodicWorkload{m_index};
@@ -257,7 +268,8 @@ private:
     bool unsafe_renew(const SDService& offered);
     bool unsafe_discover(SDService::Ptr& service, unsigned short instanceID, const Matches& matches,
                          Entry* search = nullptr);
-    bool unsafe_isReflected(const SDService& offered, const Matches& matches);
+    bool unsafe_isReflected(const SDService& offered, const NameEntries* name);
+    void unsafe_endReflections(const SDService& announced);
     bool unsafe_reportUnexpected(const ServiceIdentity& identity) const;
     void unsafe_displace(Entry& entry);
     void unsafe_tellGone(Entry& entry);
@@ -269,8 +281,7 @@ private:
     void unsafe_dropAnswers();
 
     mutable Poco::FastMutex m_turnMutex;  // held by the thread that gets the workload mutex next
-    mutable std::atomic<std::thread::id> m_lockedBy{};
-    bool m_isClosed = false;  // nothing is taken from the network
+    bool m_isClosed = false;              // nothing is taken from the network
     std::atomic<std::uint64_t> m_reflectedOffers{0};
     DropCounter m_refusals;
     std::atomic<DiscoveryBounds::Outcome> m_lastRefusal{DiscoveryBounds::Outcome::Refused};

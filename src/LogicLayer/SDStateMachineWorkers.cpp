@@ -8,8 +8,6 @@
 #include <Common/CurrentException.h>
 #include <KELUtilLib/DebugUtils.h>
 
-#include <Poco/Thread.h>
-
 #include <algorithm>
 
 namespace Nubo::ServiceDiscovery {
@@ -25,8 +23,8 @@ constexpr long cycle = 1000;           // of the main phase
 constexpr long parked = 2147483647;    // a timer with nothing to do
 constexpr long shortestDelay = 1;      // between two records of the aperiodic workload
 constexpr long late = 1000;            // an interval that begins so much after its time is a late one
-constexpr long catchUp = 1000;         // at most, before a late interval looks for what has run out
-constexpr long catchUpStep = 5;
+constexpr long hearing = 1100;         // in which every unit offers again
+constexpr long firstHearing = 900;     // after a start, up to the second interval
 
 constexpr std::uint8_t repetitions = 3;    // sends in the repetition phase
 constexpr std::uint8_t shutdownSends = 3;  // stop-offers of a removed service
@@ -179,6 +177,7 @@ SDStateMachine::PeriodicWorker::PeriodicWorker(SDStateMachine& parent)
 void SDStateMachine::PeriodicWorker::start()
 {
     m_begin = Poco::Clock(Poco::Clock::ClockVal{0});
+    hearFirst(firstHearing);  // nothing was received while the machine was stopped
     TimebasedWorker::start();
 }
 
@@ -201,7 +200,7 @@ void SDStateMachine::PeriodicWorker::onInterval(Poco::Timer& timer)
 
     m_parent.m_hub.reportDrops();
     m_parent.reportRefusals();
-    const bool isLate = beginInterval();
+    const Poco::Clock before = std::exchange(m_begin, SDClock::now());
     {
         const WorkloadLock lock(m_parent);
         SD_LOG(Trace) << "AperiodicWorker::onInterval - " << m_workload.size() << " services in list";
@@ -209,20 +208,28 @@ void SDStateMachine::PeriodicWorker::onInterval(Poco::Timer& timer)
             SD_LOG(Warning) << "SDStateMachine - " << timer.skipped() << " skipped announcement timer events";
         if (m_parent.m_isClosed)
             return;
+        if (isLateAfter(before))  // the mutex may have been held for long
+            hearFirst(hearing);
         offerOwn();
     }
-    if (isLate)
-        waitForWhatHasArrived();
+    if (SDClock::now() < m_heardAt)
+        return;
     WorkloadLock lock(m_parent);
     expire(lock);
 }
 
-/// Whether the interval begins long after its time: the process stood still.
-bool SDStateMachine::PeriodicWorker::beginInterval()
+/// Whether it is long after the time for an interval behind one that began then: the process stood still, or
+/// a subscriber did.
+bool SDStateMachine::PeriodicWorker::isLateAfter(const Poco::Clock& before)
 {
-    const Poco::Clock before = std::exchange(m_begin, SDClock::now());
     const bool isFirst = before.raw() == 0;
-    return !isFirst && m_begin - before > (cycle + late) * microsecondsPerMillisecond;
+    return !isFirst && SDClock::now() - before > (cycle + late) * microsecondsPerMillisecond;
+}
+
+/// Nothing is taken for gone before those who went on offering meanwhile had time to be heard.
+void SDStateMachine::PeriodicWorker::hearFirst(long milliseconds)
+{
+    m_heardAt = SDClock::now() + milliseconds * microsecondsPerMillisecond;
 }
 
 void SDStateMachine::PeriodicWorker::offerOwn()
@@ -269,15 +276,6 @@ bool SDStateMachine::PeriodicWorker::handleAnnounced(SDService::Ptr service, Ser
         reportUnexpectedRecord("periodic", *service);
     }
     return service->getState() != State::REMOVED;
-}
-
-/// While the process stood still, the others went on offering: what they sent is received first, before their
-/// services are taken for gone.
-void SDStateMachine::PeriodicWorker::waitForWhatHasArrived()
-{
-    for (long waited = 0; waited < catchUp && m_parent.isRunning() && !m_parent.m_hub.isCaughtUp();
-         waited += catchUpStep)
-        Poco::Thread::sleep(catchUpStep);
 }
 
 void SDStateMachine::PeriodicWorker::expire(WorkloadLock& lock)

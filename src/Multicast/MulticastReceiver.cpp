@@ -1,5 +1,6 @@
 #include "Multicast/MulticastReceiver.h"
 
+#include "DataLayer/EngineFrame.h"
 #include "DataLayer/Log.h"
 #include "LogicLayer/SDCommunicationHub.h"
 #include "Multicast/CloseOnExec.h"
@@ -71,21 +72,16 @@ Poco::Buffer<char> allocateFrame(DatagramSocket& socket, int size)
 /// joined thread cannot be waited for with a limit.
 struct MulticastReceiver::Service
 {
-    Service()
-    {
-        closeOnExec(socket);
-        guard.reset();
-    }
+    Service() { guard.reset(); }
 
     /// While the members below are made, none of their descriptors becomes a standard stream.
     std::optional<Common::StandardStreamGuard> guard{std::in_place};
-    MulticastSocket socket{SocketAddress::IPv6};
+    MulticastSocket socket = openSocket();
     SocketReactor reactor{Poco::Timespan(0, pollTimeout)};
     Poco::Thread thread;
     bool isStarted = false;  ///< the thread may be running
     bool isSpent = false;    ///< a new one is needed for the next run
     std::atomic<bool> isStopping{false};
-    std::atomic<bool> isHandling{false};  ///< datagrams are being taken off the socket
 };
 
 struct MulticastReceiver::Observers
@@ -133,6 +129,7 @@ MulticastReceiver::~MulticastReceiver()
 template <class Notification, void (MulticastReceiver::*handler)(const Poco::AutoPtr<Notification>&)>
 void MulticastReceiver::guarded(const Poco::AutoPtr<Notification>& notification)
 {
+    const EngineFrame frame(this);
     if (m_service->isStopping)
         return;
     try {
@@ -250,13 +247,6 @@ void MulticastReceiver::onSocketReadable(const Poco::AutoPtr<ReadableNotificatio
         (DebugUtils::setThreadName("SdSockReact", "MulticastReceiver::onSocketReadable"), true);
     static_cast<void>(named);
 
-    struct Handling
-    {
-        explicit Handling(std::atomic<bool>& flag) : isHandling(flag) { isHandling = true; }
-        ~Handling() { isHandling = false; }
-        std::atomic<bool>& isHandling;
-    };
-    const Handling handling(m_service->isHandling);
     DatagramSocket socket(notification->socket());
     int available = socket.available();
     if (available == 0) {
@@ -298,12 +288,6 @@ void MulticastReceiver::onReactorShutdown(const Poco::AutoPtr<ShutdownNotificati
 {
     SD_LOG(Error) << "MulticastReceiver encountered Reactor Shutdown \"" << notification->name()
                   << "\" from \"" << notification->socket().address().toString() << "\"";
-}
-
-bool MulticastReceiver::isReceiving() const
-{
-    Poco::FastMutex::ScopedLock lock(m_interfacesMutex);
-    return m_service->socket.available() > 0 || m_service->isHandling;
 }
 
 bool MulticastReceiver::isJoinedOn(const std::string& name) const

@@ -74,9 +74,6 @@ public:
     /// it has returned, no event is raised until start(). Never throws.
     void stop();
 
-    /// Whether datagrams wait in the socket, or are being taken off it.
-    bool isReceiving() const;
-
     /// Whether the group is joined on the interface of that name.
     bool isJoinedOn(const std::string& name) const;
 

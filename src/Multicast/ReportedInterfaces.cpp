@@ -80,7 +80,7 @@ void ReportedInterfaces::add(const char* name, const char* ip) noexcept
         return;
     }
     persist([&] {
-        const Lock lock(m_mutex);
+        const Lock lock(*this);
         take(name, ip);
     });
 }
@@ -92,7 +92,7 @@ void ReportedInterfaces::remove(const char* name, const char* ip) noexcept
         return;
     }
     persist([&] {
-        const Lock lock(m_mutex);
+        const Lock lock(*this);
         giveBack(name, ip);
     });
 }
@@ -166,7 +166,8 @@ Outcome ReportedInterfaces::serve(Interface& interface, Attempt attempt)
 {
     Outcome outcome = Outcome::Pending;
     try {
-        // A report may be about what has come since the listing; a round of further attempts makes do with one.
+        // A report may be about what has come since the listing; a round of further attempts makes do with
+        // one.
         const bool isNews = attempt == Attempt::Report;
         if (!m_listing || m_listing->isOlderThan(listingAge) ||
             (isNews && !shows(*m_listing, interface.name, interface.ip)))
@@ -189,7 +190,7 @@ Outcome ReportedInterfaces::serve(Interface& interface, Attempt attempt)
 
 void ReportedInterfaces::start()
 {
-    const Lock lock(m_mutex);
+    const Lock lock(*this);
     m_isRunning = true;
     m_listing.reset();
     for (Interface& interface : m_interfaces)
@@ -200,7 +201,7 @@ void ReportedInterfaces::start()
 void ReportedInterfaces::stop() noexcept
 {
     {
-        const Lock lock(m_mutex);
+        const Lock lock(*this);
         m_isRunning = false;
     }
     m_changed.notify_all();
@@ -243,8 +244,9 @@ void ReportedInterfaces::startRetrying()
 
 void ReportedInterfaces::retry()
 {
+    const EngineFrame frame(this);
     DebugUtils::setThreadName("SdIfRetry", "ReportedInterfaces::retry");
-    Lock lock(m_mutex);
+    Lock lock(*this);
     while (m_isRunning && hasPending()) {
         m_changed.wait_for(lock.lock, std::chrono::microseconds(wait()));
         if (!m_isRunning)

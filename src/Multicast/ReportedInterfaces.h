@@ -1,5 +1,6 @@
 #pragma once
 
+#include "DataLayer/EngineFrame.h"
 #include "DataLayer/InsideEngine.h"
 #include "DataLayer/SDClock.h"
 #include "Multicast/InterfaceAdmission.h"
@@ -58,8 +59,9 @@ private:
     /// Holds the mutex.
     struct Lock
     {
-        explicit Lock(std::mutex& mutex) : lock(mutex) {}
+        explicit Lock(ReportedInterfaces& parent) : frame(&parent), lock(parent.m_mutex) {}
 
+        const EngineFrame frame;
         const InsideEngine inside;  // a log channel must not call into the engine under its lock
         std::unique_lock<std::mutex> lock;
     };

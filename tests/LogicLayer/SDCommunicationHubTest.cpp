@@ -389,7 +389,7 @@ TEST_F(SDCommunicationHubTest, MessagesBeyondTenThousandAreDroppedAndCountedOnce
 
     receiveMany(1);
     EXPECT_THAT(log.complaints(), ElementsAre("Warning: SDCommunicationHub - dropped 1 received Message(s), "
-                                              "at most 10000 with 16777216 Bytes can wait!"));
+                                              "at most 10000 with 4194304 Bytes can wait!"));
 
     receiveMany(6);
     EXPECT_THAT(log.complaints(), SizeIs(1));
@@ -397,9 +397,9 @@ TEST_F(SDCommunicationHubTest, MessagesBeyondTenThousandAreDroppedAndCountedOnce
     SDClock::turn(second);
     receiveMany(1);
     EXPECT_THAT(log.complaints(), ElementsAre("Warning: SDCommunicationHub - dropped 1 received Message(s), "
-                                              "at most 10000 with 16777216 Bytes can wait!",
+                                              "at most 10000 with 4194304 Bytes can wait!",
                                               "Warning: SDCommunicationHub - dropped 7 received Message(s), "
-                                              "at most 10000 with 16777216 Bytes can wait!"));
+                                              "at most 10000 with 4194304 Bytes can wait!"));
 }
 
 TEST_F(SDCommunicationHubTest, NotificationRaisesTheFacadesEventOnTheCallingThread)

@@ -165,10 +165,11 @@ TEST_P(SDStateMachineExpiryTest, DiscoveredServiceGoesWhenItsTimeToLiveHasElapse
     SDService::Ptr service = discovered(GetParam());
     service->setTTL(120);
     machine.putPeriodic(service);
+    SDClock::turn(119 * second);
     machine.periodicTick();
     EXPECT_THAT(machine.periodic(), ElementsAre(service));
 
-    SDClock::turn(120 * second);
+    SDClock::turn(second);
     machine.periodicTick();
 
     EXPECT_THAT(periodic(), IsEmpty());

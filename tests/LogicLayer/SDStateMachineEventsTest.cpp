@@ -7,6 +7,9 @@
 #include <Poco/Exception.h>
 
 #include <atomic>
+#include <chrono>
+#include <future>
+#include <mutex>
 #include <ostream>
 #include <thread>
 
@@ -1227,6 +1230,21 @@ TEST_F(SDStateMachineEventsTest, SearchesAnswersAndWhatIsWithdrawnAreNoServices)
     ASSERT_THAT(aperiodic(), SizeIs(2));
 
     EXPECT_THAT(machine.getServices(), SizeIs(1));
+}
+
+/// Many callers with long lists must not keep the network waiting, each for the time of a list.
+TEST_F(SDStateMachineEventsTest, ServicesAreListedForOneCallerAtATimeAndEventsGoOn)
+{
+    std::future<std::size_t> listed;
+    {
+        const std::lock_guard<std::mutex> otherList(machine.m_listingMutex);
+        listed = std::async(std::launch::async, [&] { return machine.getServices().size(); });
+        EXPECT_EQ(listed.wait_for(std::chrono::milliseconds(100)), std::future_status::timeout);
+
+        EXPECT_TRUE(offer(offered("Media", "fd00::2", 8080, 300)));
+    }
+
+    EXPECT_EQ(listed.get(), 1u);
 }
 
 }  // namespace Nubo::ServiceDiscovery::Testing

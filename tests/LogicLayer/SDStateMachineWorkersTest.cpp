@@ -689,12 +689,12 @@ TEST_F(SDStateMachineWorkersTest, DiscoveredServiceStaysUntilTheFirstTickAfterIt
     service->setTTL(300);
     machine.putPeriodic(service);
 
-    SDClock::turn(200 * second);
+    SDClock::turn(299 * second);
     machine.periodicTick();
     EXPECT_THAT(machine.periodic(), ElementsAre(service));
     EXPECT_THAT(engine.registry.events(), IsEmpty());
 
-    SDClock::turn(100 * second);
+    SDClock::turn(second);
     machine.periodicTick();
     machine.periodicTick();
     EXPECT_THAT(periodic(), IsEmpty());

@@ -1,3 +1,4 @@
+#include "DataLayer/EngineFrame.h"
 #include "LogicLayer/TimebasedWorker.h"
 #include "support/LogCatcher.h"
 #include "support/Waiting.h"
@@ -97,6 +98,23 @@ TEST_F(TimebasedWorkerTest, IntervalsFollowEachOther)
     ASSERT_TRUE(eventually([&] { return worker.intervals >= 6; }));
     // Poco's timer may fire up to a millisecond early.
     EXPECT_GE(begin.elapsed(), 5 * 9 * 1000);
+}
+
+TEST_F(TimebasedWorkerTest, ThreadIsTheOwnersEvenInTheLineAboutWhatIsThrown)
+{
+    ProbeWorker worker(owner, parked);
+    worker.work = [] { throw std::runtime_error("no"); };
+    std::atomic<int> ofOwner{0};
+    log.onLine([&](const std::string& line) {
+        if (line.find("caught exception") != std::string::npos)
+            ofOwner = EngineFrame::isOnThisThread(&owner) ? 1 : -1;
+    });
+
+    worker.start();
+
+    EXPECT_TRUE(eventually([&] { return ofOwner != 0; }));
+    EXPECT_EQ(ofOwner, 1);
+    EXPECT_FALSE(EngineFrame::isOnThisThread(&owner)) << "on another thread";
 }
 
 TEST_F(TimebasedWorkerTest, SecondStartChangesNothing)

@@ -959,10 +959,7 @@ TEST_F(MulticastReceiverTest, GroupIsJoinedAndLeftOnTwoThreads)
 
 TEST_F(MulticastReceiverTest, RestartsWhileItIsAsked)
 {
-    const Repeating asking([&] {
-        receiver->isReceiving();
-        receiver->isJoinedOn("eth0");
-    });
+    const Repeating asking([&] { receiver->isJoinedOn("eth0"); });
 
     for (int i = 0; i < 50; ++i) {
         EXPECT_TRUE(receiver->start());

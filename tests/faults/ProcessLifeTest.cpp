@@ -1,6 +1,7 @@
 #include "ServiceDiscovery.h"
 #include "support/Descriptions.h"
 #include "support/Listener.h"
+#include "support/LogCatcher.h"
 #include "support/Namespace.h"
 #include "support/Packets.h"
 #include "support/Platform.h"
@@ -9,11 +10,13 @@
 #include "support/Wire.h"
 
 #include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <csignal>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <iostream>
 #include <memory>
 #include <string>
@@ -277,6 +280,69 @@ TEST_F(ProcessLifeTest, SubscriberMayEndTheProcessAndTheServicesAreWithdrawn)
 
     EXPECT_TRUE(eventually([&] { return stopOffers() == 1; }));
 }
+
+namespace {
+
+/// A line that one of the engine's threads writes, and what brings it about.
+struct LastLine
+{
+    const char* name;
+    const char* text;
+    std::function<void(NetworkPair&, Unit&, Speaker&)> provoke;
+
+    friend void PrintTo(const LastLine& line, std::ostream* stream) { *stream << line.name; }
+};
+
+struct LastLineTest : ProcessLifeTest, ::testing::WithParamInterface<LastLine>
+{};
+
+}  // namespace
+
+TEST_P(LastLineTest, MayEndTheProcessAndTheServicesAreWithdrawn)
+{
+    const auto scenario = [&] {
+        LogCatcher log;
+        Unit& unit = unitOfTheProcess();
+        if (!unit.startup() || !unit.discovery.addService(describe("Own", "fd00::1", 8080, "own")) ||
+            !listener.hears(offersUntilSettled))
+            ::_exit(isWrong);
+        std::atomic<bool> isEnding{false};
+        log.onLine([&](const std::string& line) {
+            if (line.find(GetParam().text) != std::string::npos && !isEnding.exchange(true))
+                std::exit(works);
+        });
+        GetParam().provoke(network, unit, speaker);
+        eventually([] { return false; });
+        ::_exit(isWrong);
+    };
+
+    EXPECT_EXIT(scenario(), ::testing::ExitedWithCode(works), "");
+
+    EXPECT_TRUE(eventually([&] { return stopOffers() == 1; }));
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Of, LastLineTest,
+    ::testing::Values(LastLine{"RequestHandler", "SDRequestHandler - ",
+                               [](NetworkPair&, Unit&, Speaker& speaker) {
+                                   speaker.send("no packet, but as long as one");
+                               }},
+                      LastLine{"Receiver", "MulticastReceiver onSocketReadable",
+                               [](NetworkPair&, Unit&, Speaker& speaker) { speaker.send("any"); }},
+                      LastLine{"Platform", "not an appropriate IP",
+                               [](NetworkPair&, Unit& unit, Speaker&) {
+                                   unit.platform.dispatcher().addInterface("eth0", "nonsense");
+                               }},
+                      LastLine{"Retry", "joining IPv6 Multicast Group for Interface \"eth1\"",
+                               [](NetworkPair& network, Unit& unit, Speaker&) {
+                                   unit.platform.dispatcher().addInterface("eth1", "fd01::1");
+                                   network.link("eth1", "fd01::1", "fd01::2");
+                               }},
+                      LastLine{"Caller", "SD Announcement of Service",
+                               [](NetworkPair&, Unit& unit, Speaker&) {
+                                   unit.discovery.addService(describe("Other"));
+                               }}),
+    ::testing::PrintToStringParamName());
 
 TEST(ManyInterfacesTest, TwoHundredAndFortyAreServedInAThirdOfASecond)
 {

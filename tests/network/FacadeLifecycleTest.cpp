@@ -110,6 +110,30 @@ TEST_F(FacadeLifecycleTest,
     EXPECT_TRUE(discovers("Last"));
 }
 
+/// A log channel holds up the request handler's thread, which holds no lock.
+TEST_F(FacadeLifecycleTest, DoesNotSayThatItRunsWhileAStartupWaits)
+{
+    LogCatcher log;
+    Gate gate;
+    ASSERT_TRUE(startup());
+    log.onLine([&](const std::string& line) {
+        if (line.find("length-error detected") != std::string::npos)
+            gate.pass();
+    });
+    speaker.send("no packet, but as long as one");
+    ASSERT_TRUE(eventually([&] { return gate.isReached(); }));
+    EXPECT_TRUE(discovery.shutdown());
+
+    std::future<bool> starting = std::async(std::launch::async, [&] { return startup(); });
+
+    EXPECT_TRUE(keeps([&] { return !discovery.running(); }, milliseconds(500)));
+    EXPECT_FALSE(starting.get());
+    gate.open();
+    log.onLine(nullptr);
+    EXPECT_TRUE(startup());
+    EXPECT_TRUE(discovers("Last"));
+}
+
 TEST_F(FacadeLifecycleTest, RestartHandlesNoDatagramThatCameInBetween)
 {
     ASSERT_TRUE(startup());

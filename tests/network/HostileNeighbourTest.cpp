@@ -383,6 +383,27 @@ TEST_F(ReflectedOfferTest, IsNotDiscoveredAndLoggedOnce)
     EXPECT_EQ(log.count(reflected), 1u);
 }
 
+TEST_F(ReflectedOfferTest, ThatWasDiscoveredBeforeTheServiceWasAddedGoesAndDoesNotComeBack)
+{
+    std::string replayed = ownOffer();
+    const std::size_t name = replayed.find("otherserv=Own");
+    ASSERT_NE(name, std::string::npos);
+    replayed.replace(name, std::string("otherserv=Own").size(), "otherserv=New");
+    attackers.front()->send(replayed);
+    ASSERT_TRUE(eventually([&] { return known("New") == 1; }));
+
+    EXPECT_TRUE(unit.discovery().addService(describe("New", "fd00::1", 8080, "new")));
+    const bool isGone = eventually([&] {
+        attackers.front()->send(replayed);
+        return unit.registry().gone("New") == 1;
+    });
+    attackers.front()->send(replayed);
+    settle();
+
+    EXPECT_TRUE(isGone);
+    EXPECT_EQ(unit.registry().discovered("New"), 1u) << "once";
+}
+
 TEST_F(ReflectedOfferTest, IsRecognisedByAnyOfTheUnitsAddresses)
 {
     std::string offer = ownOffer();

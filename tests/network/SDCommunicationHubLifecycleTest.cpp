@@ -568,7 +568,7 @@ TEST_F(RunningHubTest, EmptyMessageIsWarnedOfAndNeverHandled)
 
 TEST_F(SDCommunicationHubLifecycleTest, TenThousandMessagesWaitAndFurtherOnesAreDroppedAndCounted)
 {
-    const std::string line = " received Message(s), at most 10000 with 16777216 Bytes can wait!";
+    const std::string line = " received Message(s), at most 10000 with 4194304 Bytes can wait!";
     Multicast::MulticastDataPtr message = datagram(fromHex(offerOfFar));
     for (int i = 0; i < 10000; ++i)
         hub().onMessageReceived(message);
@@ -587,7 +587,7 @@ TEST_F(SDCommunicationHubLifecycleTest, TenThousandMessagesWaitAndFurtherOnesAre
 
 TEST_F(SDCommunicationHubLifecycleTest, LastDropsOfAFloodAreReportedWithoutAFurtherMessage)
 {
-    const std::string line = " received Message(s), at most 10000 with 16777216 Bytes can wait!";
+    const std::string line = " received Message(s), at most 10000 with 4194304 Bytes can wait!";
     Multicast::MulticastDataPtr message = datagram(fromHex(offerOfFar));
     for (int i = 0; i < 10005; ++i)
         hub().onMessageReceived(message);
@@ -599,9 +599,9 @@ TEST_F(SDCommunicationHubLifecycleTest, LastDropsOfAFloodAreReportedWithoutAFurt
     EXPECT_TRUE(eventually([&] { return log.has("Warning: SDCommunicationHub - dropped 4" + line); }));
 }
 
-TEST_F(SDCommunicationHubLifecycleTest, MessagesOf16MiBWaitAndFurtherOnesAreDropped)
+TEST_F(SDCommunicationHubLifecycleTest, MessagesOf4MiBWaitAndFurtherOnesAreDropped)
 {
-    Multicast::MulticastDataPtr quarter = datagram(std::string(4 * 1024 * 1024, 'x'));
+    Multicast::MulticastDataPtr quarter = datagram(std::string(1024 * 1024, 'x'));
     Multicast::MulticastDataPtr message = datagram(fromHex(offerOfFar));
     for (int i = 0; i < 4; ++i)
         hub().onMessageReceived(quarter);
@@ -610,7 +610,7 @@ TEST_F(SDCommunicationHubLifecycleTest, MessagesOf16MiBWaitAndFurtherOnesAreDrop
     hub().onMessageReceived(message);
 
     EXPECT_THAT(log.complaints(), ElementsAre("Warning: SDCommunicationHub - dropped 1 received Message(s), "
-                                              "at most 10000 with 16777216 Bytes can wait!"));
+                                              "at most 10000 with 4194304 Bytes can wait!"));
     start();
     EXPECT_TRUE(eventually([&] {
         hub().onMessageReceived(message);

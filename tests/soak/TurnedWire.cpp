@@ -204,11 +204,6 @@ void MulticastReceiver::stop()
     Ends::portOf(this).isJoined = false;
 }
 
-bool MulticastReceiver::isReceiving() const
-{
-    return false;
-}
-
 Outcome MulticastReceiver::add(const std::string&, const std::string&, const InterfaceListing&, Attempt)
 {
     Ends::portOf(this).isJoined = true;

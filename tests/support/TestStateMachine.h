@@ -28,6 +28,7 @@ public:
     using SDStateMachine::m_aperiodicWorker;
     using SDStateMachine::m_aperiodicWorkload;
     using SDStateMachine::m_index;
+    using SDStateMachine::m_listingMutex;
     using SDStateMachine::m_periodicWorker;
     using SDStateMachine::m_periodicWorkload;
     using SDStateMachine::m_running;
