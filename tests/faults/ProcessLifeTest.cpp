@@ -302,16 +302,18 @@ TEST_P(LastLineTest, MayEndTheProcessAndTheServicesAreWithdrawn)
 {
     const auto scenario = [&] {
         LogCatcher log;
+        static const auto& last =
+            *new LastLine(GetParam());  // used by threads that live longer than the test
         Unit& unit = unitOfTheProcess();
         if (!unit.startup() || !unit.discovery.addService(describe("Own", "fd00::1", 8080, "own")) ||
             !listener.hears(offersUntilSettled))
             ::_exit(isWrong);
         std::atomic<bool> isEnding{false};
         log.onLine([&](const std::string& line) {
-            if (line.find(GetParam().text) != std::string::npos && !isEnding.exchange(true))
+            if (line.find(last.text) != std::string::npos && !isEnding.exchange(true))
                 std::exit(works);
         });
-        GetParam().provoke(network, unit, speaker);
+        last.provoke(network, unit, speaker);
         eventually([] { return false; });
         ::_exit(isWrong);
     };
