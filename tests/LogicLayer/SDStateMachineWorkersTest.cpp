@@ -1084,7 +1084,8 @@ TEST_F(SDStateMachineTimersTest, SubscriberThatThrowsDoesNotEndThePeriodicThread
 
     machine.start();
 
-    EXPECT_TRUE(eventuallySent("Media", 2));
+    EXPECT_TRUE(eventuallySent("Media", 3))
+        << "the second interval is the first that looks for what has run out";
     EXPECT_THAT(
         log.errors(),
         ElementsAre("Error: SDStateMachine - \"PeriodicWorker\" caught exception: unknown exception"));
