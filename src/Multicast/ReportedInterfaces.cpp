@@ -106,8 +106,14 @@ void ReportedInterfaces::take(const std::string& name, const std::string& ip)
         return;
     }
     auto interface = find(name, *address);
-    if (interface == m_interfaces.end())
+    if (interface == m_interfaces.end()) {
+        if (m_interfaces.size() == mostInterfaces) {
+            SD_LOG(Error) << "SDCommunicationHub - Interface " << QuotedInterface{name, ip}
+                          << " is not used: " << mostInterfaces << " others stand reported already.";
+            return;
+        }
         interface = m_interfaces.insert(interface, {name, ip, *address});
+    }
     if (serve(*interface, Attempt::Report) == Outcome::Refused)
         m_interfaces.erase(interface);
     startRetrying();

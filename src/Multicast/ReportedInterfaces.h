@@ -10,6 +10,7 @@
 #include <Poco/Net/IPAddress.h>
 
 #include <condition_variable>
+#include <cstddef>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -30,6 +31,9 @@ class MulticastSender;
 class ReportedInterfaces
 {
 public:
+    /// No more are used, however many a platform reports and does not take back.
+    static constexpr std::size_t mostInterfaces = 1024;
+
     ReportedInterfaces(MulticastReceiver& receiver, MulticastSender& sender);
     /// Ends the thread.
     ~ReportedInterfaces();

@@ -335,6 +335,25 @@ TEST_F(InterfaceFaultsTest, RefusedReportIsWarnedOfOnceAndNotAtEveryStart)
     EXPECT_THAT(log.warnings(), IsEmpty());
 }
 
+TEST_F(InterfaceFaultsTest, AtMostAThousandAndTwentyFourStandReported)
+{
+    auto& dispatcher = unit.platform.dispatcher();
+    for (int i = 0; i < 1024; ++i)
+        dispatcher.addInterface("missing" + std::to_string(i), globalAddress);
+    EXPECT_THAT(log.errors(), IsEmpty());
+
+    dispatcher.addInterface("eth0", globalAddress);
+
+    EXPECT_THAT(log.errors(),
+                ElementsAre("Error: SDCommunicationHub - Interface \"eth0\" with IP \"fd00::1\" is "
+                            "not used: 1024 others stand reported already."));
+    dispatcher.removeInterface("missing0", globalAddress);
+    dispatcher.addInterface("eth0", globalAddress);
+    EXPECT_TRUE(start());
+    EXPECT_TRUE(isHearing());
+    EXPECT_TRUE(isSending());
+}
+
 TEST_F(InterfaceFaultsTest, ReportWithoutANameOrAnAddressIsAnErrorAndChangesNothing)
 {
     unit.platform.dispatcher().addInterface("eth0", globalAddress);
