@@ -1,5 +1,6 @@
 #include "Multicast/MulticastSender.h"
 
+#include "DataLayer/EngineFrame.h"
 #include "DataLayer/Log.h"
 #include "DataLayer/SDClock.h"
 #include "DataLayer/SOME_IP_SD/SOME_IP_SD_Option_IPv6.h"
@@ -15,6 +16,7 @@
 #include <cerrno>
 #include <new>
 #include <optional>
+#include <string_view>
 
 namespace Nubo::ServiceDiscovery::Multicast {
 
@@ -70,6 +72,8 @@ MulticastSender::~MulticastSender() = default;
 bool MulticastSender::init(const IPAddress& placeholder)
 {
     m_ipToReplace = SOME_IP_SD_Option_IPv6::toByteStream(placeholder);
+    std::atomic_store(&m_unitAddress, std::make_shared<const std::string>(m_ipToReplace));
+    ++m_addressChanges;
     m_initialised = !m_ipToReplace.empty();
     return m_initialised;
 }
@@ -83,6 +87,7 @@ void MulticastSender::unsafe_replaceInterfaces(InterfaceContainer interfaces)
 {
     std::atomic_store(&m_interfaces, std::shared_ptr<const InterfaceContainer>(
                                          std::make_shared<InterfaceContainer>(std::move(interfaces))));
+    ++m_addressChanges;
 }
 
 /// Its socket closes when the last run of sendMulticast() that knows it is over.
@@ -120,7 +125,7 @@ Outcome MulticastSender::add(const std::string& name, const std::string& ip, con
                              Attempt attempt)
 {
     const QuotedInterface quoted{name, ip};
-    Poco::FastMutex::ScopedLock lock(m_interfacesMutex);
+    const EngineLock lock(this, m_interfacesMutex);
     AdmittedInterface admitted;
     switch (admitInterface(name, ip, listing, admitted)) {
         case Admission::NotAppropriate:
@@ -220,7 +225,7 @@ bool MulticastSender::unsafe_stopAwaiting(const std::string& name, const IPAddre
 void MulticastSender::removeInterface_byIP(const std::string& name, const std::string& ip)
 {
     const QuotedInterface quoted{name, ip};
-    Poco::FastMutex::ScopedLock lock(m_interfacesMutex);
+    const EngineLock lock(this, m_interfacesMutex);
     IPAddress address;
     try {
         address = IPAddress(withoutScope(ip));
@@ -295,15 +300,19 @@ bool MulticastSender::sendMulticast(const MulticastData& packagesForAll,
     bool result = true;
     if (snapshot->size() == 1) {
         const InterfaceData_t& interface = snapshot->begin()->second;
+        interface.pace->isInternalList = true;
         if (interface.isInternal)
             result = sendServices(interface, packagesForInternal);
+        interface.pace->isInternalList = false;
         return sendServices(interface, packagesForAll) && result;
     }
     SendData all(packagesForAll, m_ipToReplace);
     SendData internal(packagesForInternal, m_ipToReplace);
     for (const auto& [key, interface] : *snapshot) {
+        interface.pace->isInternalList = true;
         if (interface.isInternal)
             result = sendAdjusted(interface, internal) && result;
+        interface.pace->isInternalList = false;
         result = sendAdjusted(interface, all) && result;
     }
     return result;
@@ -319,9 +328,9 @@ bool MulticastSender::sendAdjusted(const InterfaceData_t& interface, SendData& d
 
 /// Calls `send` for each of the datagrams; whether all were sent.
 template <class Send>
-bool MulticastSender::sendEach(const InterfaceData_t& interface, std::size_t count, Send send)
+bool MulticastSender::sendEach(const InterfaceData_t& interface, std::size_t count, Send send) const
 {
-    std::size_t& firstLost = interface.pace->firstLost;
+    std::size_t& firstLost = interface.pace->firstLost.at(interface.pace->isInternalList ? 1 : 0);
     std::size_t next = firstLost < count ? firstLost : 0;
     std::optional<std::size_t> lost;
     bool result = true;
@@ -341,24 +350,24 @@ bool MulticastSender::sendEach(const InterfaceData_t& interface, std::size_t cou
 
 /// Sends a datagram, and waits for room only if the interface is worth it.
 template <class Send>
-bool MulticastSender::sendPaced(const InterfaceData_t& interface, Send send)
+bool MulticastSender::sendPaced(const InterfaceData_t& interface, Send send) const
 {
     if (interface.socketPtr.isNull())
         return send();
     Poco::Net::MulticastSocket socket = *interface.socketPtr;
     Pace& pace = *interface.pace;
     const Poco::Clock begin = SDClock::now();
-    if (begin - pace.second >= microsecondsPerSecond) {
-        pace.second = begin;
-        pace.waited = 0;
+    if (begin - m_second >= microsecondsPerSecond) {
+        m_second = begin;
+        m_waited = 0;
     }
-    const bool waits = !pace.isStalled && pace.waited < sendTimeout;
+    const bool waits = !pace.isStalled && m_waited < sendTimeout;
     if (socket.getBlocking() != waits)
         socket.setBlocking(waits);
     const bool isSent = send();
     const Poco::Clock::ClockDiff duration = SDClock::now() - begin;
     if (duration >= shortestWait)
-        pace.waited += duration;
+        m_waited += duration;
     if (isSent)
         pace.isStalled = false;
     else if (waits && duration >= shortestWait)
@@ -439,7 +448,7 @@ bool MulticastSender::transmit(const SocketPtr& socket, const MulticastPackage& 
 
 bool MulticastSender::isOwnOutgoingAddress(const SocketAddress& origin) const
 {
-    Poco::FastMutex::ScopedLock lock(m_interfacesMutex);
+    const EngineLock lock(this, m_interfacesMutex);
     for (const auto& [interface, data] : *m_interfaces) {
         if (isSameEndpoint(data.localAddress, origin))
             return true;
@@ -453,11 +462,15 @@ bool MulticastSender::isOwnOutgoingAddress(const SocketAddress& origin) const
 
 bool MulticastSender::isOwnAddress(const IPAddress& address) const
 {
-    const std::string bytes = SOME_IP_SD_Option_IPv6::toByteStream(address);
+    if (address.family() != IPAddress::IPv6)
+        return false;
+    const std::string_view bytes(static_cast<const char*>(address.addr()),
+                                 static_cast<std::size_t>(address.length()));
+    const std::shared_ptr<const std::string> unit = std::atomic_load(&m_unitAddress);
     const std::shared_ptr<const InterfaceContainer> snapshot = interfaces();
-    return bytes == m_ipToReplace || std::any_of(snapshot->begin(), snapshot->end(), [&](const auto& entry) {
-               return entry.second.ipAsByteStream == bytes;
-           });
+    return (unit && bytes == *unit) ||
+           std::any_of(snapshot->begin(), snapshot->end(),
+                       [&](const auto& entry) { return bytes == entry.second.ipAsByteStream; });
 }
 
 }  // namespace Nubo::ServiceDiscovery::Multicast

@@ -6,18 +6,19 @@
 #include <KELOEMInterfaceLib/OEMDispatcherCalls.h>
 
 #include <Poco/Clock.h>
-#include <Poco/Mutex.h>
 #include <Poco/Net/IPAddress.h>
 #include <Poco/Net/MulticastSocket.h>
 #include <Poco/Net/NetworkInterface.h>
 #include <Poco/Net/SocketAddress.h>
 #include <Poco/SharedPtr.h>
 
+#include <array>
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <map>
 #include <memory>
+#include <mutex>
 #include <string>
 #include <utility>
 #include <vector>
@@ -59,9 +60,9 @@ public:
     /// the interfaces as they were when it began. To be called by one thread at a time.
     ///
     /// An interface that does not take its datagrams at once is waited for, each time for 20 ms at most, and
-    /// for less than 40 ms in any second; when it took none in such a time, not until it takes one again.
-    /// What it does not take then is lost. The next list begins there with the first datagram that was lost,
-    /// so that a slow interface gets all of them in turn.
+    /// all of them together for less than 40 ms in any second; one that took none in such a time, not until
+    /// it takes one again. What it does not take then is lost. The next such list begins there with the first
+    /// datagram that was lost, so that a slow interface gets all of them in turn.
     bool sendMulticast(const MulticastData& packagesForAll, const MulticastData& packagesForInternal);
 
     /// Whether a datagram from that address was sent by this unit: from one of the sockets, or from one
@@ -71,6 +72,8 @@ public:
 
     /// Whether it is the placeholder, or the address of an interface that is in use; the scope is left out.
     bool isOwnAddress(const Poco::Net::IPAddress& address) const;
+    /// Grows with every change of these addresses.
+    std::uint64_t addressChanges() const { return m_addressChanges; }
 
     /// The platform's reports. Open and close the interface's socket.
     ///
@@ -90,10 +93,9 @@ protected:
     /// How an interface takes its datagrams.
     struct Pace
     {
-        Poco::Clock second{Poco::Clock::ClockVal{0}};  ///< its begin
-        Poco::Clock::ClockDiff waited = 0;             ///< in that second, in microseconds
-        bool isStalled = false;                        ///< it took none after a whole wait, and none since
-        std::size_t firstLost = 0;                     ///< of the last list of several datagrams
+        bool isStalled = false;                  ///< it took none after a whole wait, and none since
+        bool isInternalList = false;             ///< what is being sent
+        std::array<std::size_t, 2> firstLost{};  ///< of the last list of several datagrams of either kind
     };
 
     struct InterfaceData_t
@@ -146,9 +148,9 @@ protected:
 
 private:
     template <class Send>
-    static bool sendEach(const InterfaceData_t& interface, std::size_t count, Send send);
+    bool sendEach(const InterfaceData_t& interface, std::size_t count, Send send) const;
     template <class Send>
-    static bool sendPaced(const InterfaceData_t& interface, Send send);
+    bool sendPaced(const InterfaceData_t& interface, Send send) const;
     bool sendAdjusted(const InterfaceData_t& interface, SendData& data) const;
     std::shared_ptr<const InterfaceContainer> interfaces() const;
     void unsafe_replaceInterfaces(InterfaceContainer interfaces);
@@ -161,12 +163,16 @@ private:
 
     const Poco::Net::SocketAddress m_group;
     std::shared_ptr<const InterfaceContainer> m_interfaces;  // replaced as a whole, read with atomic_load
-    mutable Poco::FastMutex m_interfacesMutex;
+    mutable std::mutex m_interfacesMutex;
     std::vector<RetiredAddress> m_retiredAddresses;
     std::vector<AwaitedInterface> m_awaited;
     std::atomic<bool> m_isAwaiting{false};  // whether there is any, without the mutex
+    std::atomic<std::uint64_t> m_addressChanges{0};
     bool m_initialised = false;
     std::string m_ipToReplace;
+    std::shared_ptr<const std::string> m_unitAddress;        // the same, for any thread; see m_interfaces
+    mutable Poco::Clock m_second{Poco::Clock::ClockVal{0}};  // in which is waited
+    mutable Poco::Clock::ClockDiff m_waited = 0;             // in it, in microseconds
 };
 
 }  // namespace Multicast

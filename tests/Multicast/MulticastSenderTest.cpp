@@ -20,6 +20,7 @@
 #include <chrono>
 #include <fstream>
 #include <functional>
+#include <mutex>
 #include <optional>
 #include <ostream>
 #include <set>
@@ -63,10 +64,10 @@ public:
 template <auto member>
 struct InterfacesMutex
 {
-    friend Poco::FastMutex& interfacesMutexOf(Multicast::MulticastSender& sender) { return sender.*member; }
+    friend std::mutex& interfacesMutexOf(Multicast::MulticastSender& sender) { return sender.*member; }
 };
 template struct InterfacesMutex<&Multicast::MulticastSender::m_interfacesMutex>;
-Poco::FastMutex& interfacesMutexOf(Multicast::MulticastSender& sender);
+std::mutex& interfacesMutexOf(Multicast::MulticastSender& sender);
 
 /// Datagrams as the sender takes them: it writes into their bytes.
 class Datagrams
@@ -576,6 +577,27 @@ TEST_F(TwoInterfacesSenderTest, SlowInterfaceGetsAllOfAListInTurn)
     EXPECT_THAT(log.errors(), SizeIs(Gt(list.size() / 2))) << "or it was not slow";
     EXPECT_THAT(log.errors(),
                 Each("Error: sendMulticast caught exception: I/O error: Operation would block"));
+}
+
+TEST_F(MulticastSenderTest, SlowInterfaceGetsAllOfAListInTurnBesideAnother)
+{
+    Listener listener = addListenedInterface("eth0", "fe80::1");
+    std::vector<std::string> bytes;
+    Sender::MulticastData list;
+    for (char i = 0; i < 100; ++i)
+        bytes.emplace_back(1212, i);
+    for (std::string& datagram : bytes)
+        list.insert(list.end(), 4, {datagram.data(), datagram.size()});
+    const Sender::MulticastData internal(3, list.back());
+    network.here.tc("qdisc add dev eth0 root tbf rate 20mbit burst 1600 limit 10000000");  // one in 0.5 ms
+
+    EXPECT_TRUE(eventually([&] {
+        sender->sendMulticast(list, internal);
+        std::set<std::string> heard;
+        for (const Listener::Datagram& datagram : listener.datagrams())
+            heard.insert(datagram.bytes);
+        return heard.size() == bytes.size();
+    }));
 }
 
 TEST_F(MulticastSenderTest, DatagramWaitsTwentyMillisecondsForRoom)
@@ -1168,7 +1190,7 @@ TEST_F(MulticastSenderTest, SendingDoesNotWaitForAReportThatIsBeingHandled)
 {
     addInterface("eth0", "fd00::1");
     std::atomic<bool> isSent{false};
-    Poco::FastMutex& mutex = interfacesMutexOf(*sender);
+    std::mutex& mutex = interfacesMutexOf(*sender);
     mutex.lock();
 
     std::thread sending([&] { isSent = send({"01"}); });
@@ -1186,7 +1208,7 @@ TEST_F(MulticastSenderTest, ReportsAndQuestionsForOwnAddressesAreServedOneAfterT
         [&] { sender->removeInterface_byIP("eth0", "fd00::1"); },
         [&] { sender->isOwnOutgoingAddress(SocketAddress("fd00::1", 1)); }};
     std::atomic<int> done{0};
-    Poco::FastMutex& mutex = interfacesMutexOf(*sender);
+    std::mutex& mutex = interfacesMutexOf(*sender);
     mutex.lock();
     std::vector<std::thread> threads;
     for (const std::function<void()>& call : calls)
