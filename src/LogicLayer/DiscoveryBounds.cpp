@@ -41,8 +41,10 @@ struct Tally
 class Trial
 {
 public:
-    Trial(const RecordIndex& index, const NameEntries* name, const SDService& offered, bool isSearchedFor)
-        : m_index(index)
+    Trial(const RecordIndex& index, const NameEntries* name, const SDService& offered, bool isSearchedFor,
+          const Poco::Clock& listeningSince)
+        : m_listeningSince(listeningSince)
+        , m_index(index)
         , m_name(name)
         , m_sender(index.find(offered.getSender()))
         , m_keepsToShare(!isSearchedFor && offered.getSender() != SDService::SenderAddress{})
@@ -55,6 +57,8 @@ public:
 
     DiscoveryBounds::Verdict judge()
     {
+        if (m_textSize > m_text.limit)
+            return refused();
         if (!hasRoom(m_instances, 1)) {
             Entry& stalest = *m_name->discovered.front();
             if (!isDisplaceable(stalest, m_instances.isNearlyFull(),
@@ -65,7 +69,9 @@ public:
         Entry* stalest = m_index.stalest();
         for (; !hasRoom(m_records, 1) || !hasRoom(m_text, m_textSize); stalest = RenewalList::next(*stalest))
         {
-            if (!stalest || m_displaced.size() == DiscoveryBounds::mostDisplaced)
+            if (m_displaced.size() == DiscoveryBounds::mostDisplaced)
+                return {refused().outcome, m_displaced};
+            if (!stalest)
                 return refused();
             if (!m_displaced.empty() && stalest == m_displaced.front())
                 continue;  // as an instance of the name
@@ -95,7 +101,8 @@ private:
 
     bool isDisplaceable(const Entry& entry, bool isNearlyFull, bool hasItsSenderMore) const
     {
-        const bool isStale = SDClock::now() - entry.renewed >= DiscoveryBounds::staleAfter;
+        const Poco::Clock& unheard = std::max(entry.renewed, m_listeningSince);
+        const bool isStale = SDClock::now() - unheard >= DiscoveryBounds::staleAfter;
         const bool isOwn = m_sender && entry.sender == m_sender;
         return isStale && (isNearlyFull || isOwn || hasItsSenderMore);
     }
@@ -117,6 +124,7 @@ private:
         return {isFull() ? Outcome::Refused : Outcome::RefusedOfSender, {}};
     }
 
+    const Poco::Clock m_listeningSince;
     const RecordIndex& m_index;
     const NameEntries* const m_name;
     const Sender* const m_sender;
@@ -132,9 +140,10 @@ private:
 }  // namespace
 
 DiscoveryBounds::Verdict DiscoveryBounds::judge(const RecordIndex& index, const NameEntries* name,
-                                                const SDService& offered, bool isSearchedFor)
+                                                const SDService& offered, bool isSearchedFor,
+                                                const Poco::Clock& listeningSince)
 {
-    return Trial(index, name, offered, isSearchedFor).judge();
+    return Trial(index, name, offered, isSearchedFor, listeningSince).judge();
 }
 
 }  // namespace Nubo::ServiceDiscovery

@@ -24,7 +24,8 @@ public:
     static constexpr std::size_t mostText = std::size_t{64} * 1024 * 1024;  // bytes
     static constexpr std::size_t mostInstances = 4096;                      // of one name
     static constexpr Poco::Clock::ClockDiff staleAfter = 10'000'000;        // microseconds
-    /// One new service displaces no more than so many, however long its texts are.
+    /// One new service displaces no more than so many, however long its texts are. If it needs the room of
+    /// more, these go all the same, so that it finds room when it is offered again.
     static constexpr std::size_t mostDisplaced = 4;
 
     enum class Outcome
@@ -38,13 +39,16 @@ public:
     struct Verdict
     {
         Outcome outcome = Outcome::Taken;
-        std::vector<WorkloadEntry*> displaced;  ///< when it is taken
+        std::vector<WorkloadEntry*> displaced;
     };
 
     /// Judges a service that is not known yet; `name` is what the index has of its name, if anything. A
     /// service that this unit has searched for need not keep to the share of its sender.
+    ///
+    /// `listeningSince` is when the unit began to listen, after a pause perhaps: nothing is stale for what
+    /// was not heard before.
     static Verdict judge(const RecordIndex& index, const NameEntries* name, const SDService& offered,
-                         bool isSearchedFor);
+                         bool isSearchedFor, const Poco::Clock& listeningSince);
 };
 
 }  // namespace Nubo::ServiceDiscovery

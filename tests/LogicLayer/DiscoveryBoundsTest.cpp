@@ -28,16 +28,6 @@ constexpr Poco::Clock::ClockDiff notYetStale = stale - 100 * millisecond;
 
 constexpr std::size_t megabyte = std::size_t{1024} * 1024;
 
-/// A record whose texts have that many bytes.
-SDService::Ptr withText(SDService::Ptr record, std::size_t size)
-{
-    NuboServiceDescription description = record->getNuboDescription();
-    const std::size_t rest = size - description.getTextSize() - sizeof(std::string);
-    description.addCategory(std::string(rest, 'c'));
-    record->setNuboDescription(description);
-    return record;
-}
-
 /// What there is a limited number of. Each record below takes one, and next to nothing of the others.
 enum class Resource
 {
@@ -90,7 +80,7 @@ struct DiscoveryBoundsTest : ::testing::TestWithParam<ResourceCase>
     DiscoveryBounds::Verdict judge(const SDService::Ptr& offered, bool isSearchedFor = false)
     {
         const std::string& name = offered->getNuboDescription().getName();
-        return DiscoveryBounds::judge(index, index.find(name), *offered, isSearchedFor);
+        return DiscoveryBounds::judge(index, index.find(name), *offered, isSearchedFor, listeningSince);
     }
     Outcome outcome(std::uint32_t sender, bool isSearchedFor = false)
     {
@@ -102,6 +92,7 @@ struct DiscoveryBoundsTest : ::testing::TestWithParam<ResourceCase>
 
     RecordIndex index;
     PeriodicWorkload periodic{index};
+    Poco::Clock listeningSince{Poco::Clock::ClockVal{0}};
 
 private:
     unsigned short nextPort() { return static_cast<unsigned short>(++m_last); }
@@ -295,7 +286,7 @@ struct DiscoveryBoundsTogetherTest : ::testing::Test
     DiscoveryBounds::Verdict judge(const SDService::Ptr& offered)
     {
         const std::string& name = offered->getNuboDescription().getName();
-        return DiscoveryBounds::judge(index, index.find(name), *offered, false);
+        return DiscoveryBounds::judge(index, index.find(name), *offered, false, listeningSince);
     }
 
     /// Lets all records be as old.
@@ -303,6 +294,7 @@ struct DiscoveryBoundsTogetherTest : ::testing::Test
 
     RecordIndex index;
     PeriodicWorkload periodic{index};
+    Poco::Clock listeningSince{Poco::Clock::ClockVal{0}};
 };
 
 }  // namespace
@@ -365,7 +357,21 @@ TEST_F(DiscoveryBoundsTogetherTest, AtMostFourAreDisplacedHoweverLongTheText)
     EXPECT_THAT(judge(withText(makeOffer("New", 1, 2), kilobytes * 1024)).displaced, SizeIs(4));
     const auto verdict = judge(withText(makeOffer("New", 1, 2), kilobytes * 1024 + 1));
     EXPECT_EQ(verdict.outcome, Outcome::Refused);
-    EXPECT_THAT(verdict.displaced, IsEmpty());
+    EXPECT_THAT(verdict.displaced, SizeIs(4)) << "so that there is room when it is offered again";
+}
+
+TEST_F(DiscoveryBoundsTogetherTest, TimeBeforeThePauseInWhichNothingWasHeardMakesNothingStale)
+{
+    Entry& stalest = know(makeDiscovered("Media"));
+    know(makeDiscovered("Media"), 4095);
+    pass(stale);
+    listeningSince = SDClock::now();
+
+    pass(stale - 1000000);
+    EXPECT_THAT(judge(makeOffer("Media", 1, 2)).displaced, IsEmpty());
+
+    pass(1000000);
+    EXPECT_THAT(judge(makeOffer("Media", 1, 2)).displaced, ElementsAre(&stalest));
 }
 
 TEST_F(DiscoveryBoundsTogetherTest, TextBeyondAllBoundsDisplacesNothing)

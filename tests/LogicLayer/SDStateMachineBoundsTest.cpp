@@ -152,6 +152,50 @@ TEST_F(SDStateMachineBoundsTest, FullTableIsOpenToANewServiceOnceOneHasGoneTenSe
     EXPECT_EQ(machine.m_index.find("Stalest"), nullptr);
 }
 
+TEST_F(SDStateMachineBoundsTest, ServiceThatNeedsTheRoomOfManyIsTakenWhenItIsOfferedAgain)
+{
+    constexpr std::size_t kilobyte = 1024;
+    for (unsigned short port = 1; port <= 10; ++port)
+        machine.putPeriodic(withText(makeDiscovered("Small", port, 1), kilobyte));
+    machine.putPeriodic(withText(makeDiscovered("Large", 1, 3), DiscoveryBounds::mostText - 10 * kilobyte));
+    SDClock::turn(stale);
+
+    EXPECT_FALSE(offer(withText(makeOffer("New", 1, 2), 8 * kilobyte)));
+    EXPECT_EQ(machine.m_index.find("Small")->discoveredCount, 6u);
+    EXPECT_TRUE(offer(withText(makeOffer("New", 1, 2), 8 * kilobyte)));
+
+    EXPECT_EQ(machine.m_index.find("Small")->discoveredCount, 2u);
+}
+
+TEST_F(SDStateMachineBoundsTest, PauseOfTheUnitMakesNothingStale)
+{
+    machine.periodicTick();
+    EXPECT_TRUE(offer(makeOffer("Media", 9001, 1)));
+    fillName("Media", placesOfAName - 1, 3);
+
+    SDClock::turn(2 * stale);  // nothing was heard, and the interval has not come yet
+    EXPECT_FALSE(offer(makeOffer("Media", 9002, 2)));
+    machine.periodicTick();
+    EXPECT_FALSE(offer(makeOffer("Media", 9002, 2)));
+
+    for (int i = 0; i < 10; ++i) {
+        SDClock::turn(second);
+        machine.periodicTick();
+    }
+    EXPECT_TRUE(offer(makeOffer("Media", 9002, 2)));
+}
+
+TEST_F(SDStateMachineBoundsTest, StopOfTheUnitMakesNothingStale)
+{
+    EXPECT_TRUE(offer(makeOffer("Media", 9001, 1)));
+    fillName("Media", placesOfAName - 1, 3);
+    SDClock::turn(2 * stale);
+
+    machine.start();
+    EXPECT_FALSE(offer(makeOffer("Media", 9002, 2)));
+    machine.stop();
+}
+
 TEST_F(SDStateMachineBoundsTest, FullNameIsOpenToANewInstanceOnceOneHasGoneTenSecondsWithoutAnOffer)
 {
     EXPECT_TRUE(offer(makeOffer("Radio", 9001, 1)));

@@ -50,4 +50,14 @@ inline SDService::Ptr makeDiscovered(const std::string& name, unsigned short por
     return record;
 }
 
+/// A record whose texts have that many bytes.
+inline SDService::Ptr withText(SDService::Ptr record, std::size_t size)
+{
+    NuboServiceDescription description = record->getNuboDescription();
+    const std::size_t rest = size - description.getTextSize() - sizeof(std::string);
+    description.addCategory(std::string(rest, 'c'));
+    record->setNuboDescription(description);
+    return record;
+}
+
 }  // namespace Nubo::ServiceDiscovery::Testing
