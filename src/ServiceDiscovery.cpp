@@ -1,6 +1,6 @@
 #include "ServiceDiscovery.h"
 
-#include "DataLayer/InsideEngine.h"
+#include "DataLayer/EngineFrame.h"
 #include "DataLayer/Log.h"
 #include "LogicLayer/SDCommunicationHub.h"
 
@@ -132,7 +132,7 @@ bool ServiceDiscovery::isRefused() const
 {
     if (!m_sdHub->isOfThisProcess())
         return true;  // without a line in the log: its locks may be held by threads that were not forked
-    if (!InsideEngine::isThisThread())
+    if (!EngineFrame::isOnThisThread())
         return false;
     thread_local bool isRefusing = false;
     if (!isRefusing) {  // a log channel that calls for each line is not called for this one again

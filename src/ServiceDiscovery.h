@@ -102,7 +102,7 @@ public:
     /// delegate, or be inside it; none that begins afterwards does. Before a subscriber is destroyed, make
     /// sure that no event is in it: shutdown() has returned, or the subscriber's own lock says so.
     ///
-    /// In a forked child both do nothing: a thread of the parent may have held the event's lock.
+    /// In a forked child all of this does nothing: a thread of the parent may have held the event's lock.
     class KEL_SD_EXPORT ServiceListEvent : public Poco::BasicEvent<ServiceListEventPayload, Poco::FastMutex>
     {
     public:
@@ -110,6 +110,7 @@ public:
 
         void operator+=(const Poco::AbstractDelegate<ServiceListEventPayload>& delegate);
         void operator-=(const Poco::AbstractDelegate<ServiceListEventPayload>& delegate);
+        void clear();
 
         /// Calls the delegates one after the other. What one of them throws passes to the caller, and those
         /// after it are not called.

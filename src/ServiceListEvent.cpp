@@ -62,6 +62,12 @@ void ServiceDiscovery::ServiceListEvent::operator-=(const Delegate& delegate)
     BasicEvent::operator-=(delegate);
 }
 
+void ServiceDiscovery::ServiceListEvent::clear()
+{
+    if (m_process == ::getpid())
+        BasicEvent::clear();
+}
+
 void ServiceDiscovery::ServiceListEvent::notify(const void* sender, Payload& payload)
 {
     Poco::ScopedLockWithUnlock<Poco::FastMutex> lock(_mutex);

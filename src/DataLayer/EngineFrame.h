@@ -1,18 +1,26 @@
 #pragma once
 
+#include <mutex>
+
 namespace Nubo::ServiceDiscovery {
 
-/// Marks the calling thread, while the object exists, as one that works for a part of an engine. When it ends
-/// the process, from a line of the log say, that engine must not wait for it.
+/// Marks the calling thread, while the object exists, as one that works for a part of an engine: it delivers
+/// an event, holds a lock, or is one of the engine's threads. It must not call into any engine of the
+/// process: it would wait for itself, or for another engine that waits for this one. When it ends the
+/// process, from a line of the log say, the engine must not wait for it.
 class EngineFrame
 {
 public:
     explicit EngineFrame(const void* part) : m_part(part), m_outer(innermost()) { innermost() = this; }
-    ~EngineFrame() { innermost() = m_outer; }
+    virtual ~EngineFrame() { innermost() = m_outer; }
 
     EngineFrame(const EngineFrame&) = delete;
     EngineFrame& operator=(const EngineFrame&) = delete;
 
+    /// Whether the calling thread works for any engine.
+    static bool isOnThisThread() { return innermost() != nullptr; }
+
+    /// Whether it works for one of these parts.
     template <class... Parts>
     static bool isOnThisThread(const Parts*... parts)
     {
@@ -23,15 +31,40 @@ public:
         return false;
     }
 
-private:
-    static const EngineFrame*& innermost()
+    /// Gives back what the calling thread holds that others wait for, because it does not come back to it.
+    static void releaseThisThread() noexcept
     {
-        thread_local const EngineFrame* frame = nullptr;
+        for (EngineFrame* frame = innermost(); frame; frame = frame->m_outer)
+            frame->release();
+    }
+
+private:
+    virtual void release() noexcept {}
+
+    static EngineFrame*& innermost()
+    {
+        thread_local EngineFrame* frame = nullptr;
         return frame;
     }
 
     const void* const m_part;
-    const EngineFrame* const m_outer;
+    EngineFrame* const m_outer;
+};
+
+/// Holds a mutex of a part.
+class EngineLock : public EngineFrame
+{
+public:
+    EngineLock(const void* part, std::mutex& mutex) : EngineFrame(part), lock(mutex) {}
+
+    std::unique_lock<std::mutex> lock;
+
+private:
+    void release() noexcept override
+    {
+        if (lock.owns_lock())
+            lock.unlock();
+    }
 };
 
 }  // namespace Nubo::ServiceDiscovery

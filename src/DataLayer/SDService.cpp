@@ -172,7 +172,7 @@ void SDService::setTTL(unsigned int ttl)
 
 bool SDService::isTTLElapsed() const
 {
-    return SDClock::now() >= m_timeoutTimestamp;
+    return isTTLElapsed(SDClock::now());
 }
 
 unsigned int SDService::getSecondsLeft() const

@@ -195,6 +195,8 @@ public:
     void setTTL(unsigned int ttl);
     /// Whether the deadline has come.
     bool isTTLElapsed() const;
+    /// Whether it had come by that instant.
+    bool isTTLElapsed(const Poco::Clock& instant) const { return instant >= m_timeoutTimestamp; }
     /// Seconds until then, rounded up.
     unsigned int getSecondsLeft() const;
 

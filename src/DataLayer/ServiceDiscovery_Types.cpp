@@ -14,8 +14,11 @@ constexpr std::uint16_t methodIDs[] = {HeaderValues::MethodID_Reserved00, Header
 
 }  // namespace
 
-const std::set<std::uint16_t> HeaderValues::Reserved_ServiceIDs(std::begin(serviceIDs), std::end(serviceIDs));
-const std::set<std::uint16_t> HeaderValues::Reserved_MethodIDs(std::begin(methodIDs), std::end(methodIDs));
+// Never destroyed: threads may still read datagrams while the process ends.
+const std::set<std::uint16_t>& HeaderValues::Reserved_ServiceIDs =
+    *new std::set<std::uint16_t>(std::begin(serviceIDs), std::end(serviceIDs));
+const std::set<std::uint16_t>& HeaderValues::Reserved_MethodIDs =
+    *new std::set<std::uint16_t>(std::begin(methodIDs), std::end(methodIDs));
 
 }  // namespace SOME_IP_Types
 

@@ -24,14 +24,14 @@ struct HeaderValues
     static constexpr std::uint16_t ServiceID_Reserved_LowerLimit = 0xFF00;
     static constexpr std::uint16_t ServiceID_Reserved_UpperLimit = 0xFF5F;
     static constexpr std::uint16_t ServiceID_SOMEIP_SD = 0xFFFF;
-    static const std::set<std::uint16_t> Reserved_ServiceIDs;
+    static const std::set<std::uint16_t>& Reserved_ServiceIDs;
 
     static constexpr std::uint16_t MethodID_Reserved00 = 0x0000;
     static constexpr std::uint16_t MethodID_Reserved01 = 0x7FFF;
     static constexpr std::uint16_t MethodID_Reserved02 = 0x8000;
     static constexpr std::uint16_t MethodID_SOMEIP_SD_Msg = 0x8100;
     static constexpr std::uint16_t MethodID_Reserved03 = 0xFFFF;
-    static const std::set<std::uint16_t> Reserved_MethodIDs;
+    static const std::set<std::uint16_t>& Reserved_MethodIDs;
 };
 
 }  // namespace SOME_IP_Types

@@ -309,7 +309,6 @@ public:
     bool isHeld() const { return m_isHeld; }
 
 private:
-    const InsideEngine m_inside;  // a log channel must not call into the engine under its lock
     const EngineFrame m_frame;
     Poco::FastMutex& m_mutex;
     const bool m_isHeld = true;
@@ -327,8 +326,10 @@ bool SDCommunicationHub::start(const Poco::Net::IPAddress& localAddress)
     if (m_running)
         return true;
     try {
+        if (!isRequestHandlerFree())
+            return false;
         m_sender.init(localAddress);
-        if (!isRequestHandlerFree() || !m_receiver.start())
+        if (!m_receiver.start())
             return false;
         m_running = true;  // nothing that follows waits for a subscriber
         m_requestHandlerThread = std::make_unique<Poco::Thread>();
@@ -368,6 +369,9 @@ void SDCommunicationHub::stopReceiving() noexcept
 
 void SDCommunicationHub::stopFromWithin() noexcept
 {
+    m_receiver.stopFromWithin();
+    m_requestHandler.stopFromWithin();
+    EngineFrame::releaseThisThread();
     guarded([this] {
         if (m_statemachine.isLockedByThisThread())
             m_statemachine.unsafe_stop();
@@ -380,7 +384,7 @@ void SDCommunicationHub::stopFromWithin() noexcept
 bool SDCommunicationHub::isOnThisThread() const
 {
     return m_statemachine.isLockedByThisThread() ||
-           EngineFrame::isOnThisThread(this, &m_statemachine, &m_requestHandler, &m_receiver,
+           EngineFrame::isOnThisThread(this, &m_statemachine, &m_requestHandler, &m_receiver, &m_sender,
                                        &m_reportedInterfaces);
 }
 
@@ -625,7 +629,7 @@ bool SDCommunicationHub::extractFindServiceOptions(
 
 void SDCommunicationHub::notifyServiceRegistry(ServiceDiscovery::ServiceListEventPayload& payload) const
 {
-    const InsideEngine inside;
+    const EngineFrame frame(this);
     m_serviceDiscovery.ServiceListChanged.notify(&m_serviceDiscovery, payload);
 }
 

@@ -108,6 +108,8 @@ public:
 
     /// Whether it is one of the addresses at which this unit offers services.
     bool isOwnAddress(const Poco::Net::IPAddress& address) const;
+    /// Grows with every change of these addresses.
+    std::uint64_t addressChanges() const { return m_sender.addressChanges(); }
     /// Whether the address is that of one of this unit's sending sockets.
     bool isOwnOutgoingAddress(const Poco::Net::SocketAddress& address) const;
 

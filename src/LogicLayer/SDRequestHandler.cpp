@@ -76,6 +76,12 @@ void SDRequestHandler::shutdown()
     m_queue.wakeUpAll();
 }
 
+void SDRequestHandler::stopFromWithin() noexcept
+{
+    m_isShutDown = true;
+    m_running = false;
+}
+
 void SDRequestHandler::warnAboutMissingDelegates() const
 {
     if (FindService.empty())

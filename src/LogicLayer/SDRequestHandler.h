@@ -83,6 +83,8 @@ public:
     /// Lets run() return after the entry that is being handled. A thread that is just about to wait for work
     /// may miss the call; the caller repeats it until the thread has ended.
     void shutdown();
+    /// The same from a thread that must not wait, be it the handler's own.
+    void stopFromWithin() noexcept;
 
 protected:
     /// Splits a datagram into packets; false when it could not be read to its end.

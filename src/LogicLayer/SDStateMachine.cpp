@@ -206,6 +206,14 @@ struct SDStateMachine::Matches
         return entry.role == Entry::Role::Own && identity.matches(*entry);
     }
 
+    /// Whether a service of this unit is not being withdrawn.
+    bool hasActive() const
+    {
+        const auto isActive = [&](const Entry& entry) { return isOwn(entry) && !isShuttingDown(entry); };
+        return name && (std::any_of(name->periodic.begin(), name->periodic.end(), isActive) ||
+                        std::any_of(name->aperiodic.begin(), name->aperiodic.end(), isActive));
+    }
+
     /// The number of a further instance.
     unsigned short nextInstanceID() const
     {
@@ -475,6 +483,10 @@ bool SDStateMachine::handleFIND(ExternalEvent& event)
     const std::string& name = nameOf(event.service);
     const Matches matches(m_index, *event.service);
 
+    if (m_index.answers() >= mostAnswersWaiting && matches.hasActive()) {
+        reportWaitingAnswers(name);
+        return true;
+    }
     bool isKnown = false;
     bool isActive = false;
     bool result = true;
@@ -486,8 +498,7 @@ bool SDStateMachine::handleFIND(ExternalEvent& event)
         // One record is sent per millisecond: a new service must not wait behind answers for long. The
         // requester will pick this service up from its next cyclic offer.
         if (m_index.answers() >= mostAnswersWaiting) {
-            SD_LOG(Trace) << "SDStateMachine::handleFIND: SD received FIND_SERVICE for \"" << name
-                          << "\", while " << m_index.answers() << " Services wait.";
+            reportWaitingAnswers(name);
             return false;
         }
         const auto announced = ServiceIdentity::ofInstance(*service, Type::ANNOUNCED);
@@ -502,6 +513,12 @@ bool SDStateMachine::handleFIND(ExternalEvent& event)
         SD_LOG(Trace) << "SDStateMachine::handleFIND: SD received FIND_SERVICE for \"" << name
                       << "\", which is in shutdown.";
     return result;
+}
+
+void SDStateMachine::reportWaitingAnswers(const std::string& name) const
+{
+    SD_LOG(Trace) << "SDStateMachine::handleFIND: SD received FIND_SERVICE for \"" << name << "\", while "
+                  << m_index.answers() << " Services wait.";
 }
 
 bool SDStateMachine::unsafe_answerOnce(const SDService::Ptr& announced)
@@ -916,14 +933,31 @@ bool SDStateMachine::unsafe_announce(SDService::Ptr& service, unsigned short ins
 
 /// What was discovered of this unit's service before it was added, when somebody sent an old offer of it,
 /// runs out with the next interval: this is the registry's call, in which it is told nothing.
-void SDStateMachine::unsafe_endReflections(const SDService& announced)
+void SDStateMachine::unsafe_endReflections(const SDService& announced) const noexcept
 {
-    const NameEntries* const name = m_index.find(announced.getNuboDescription().getName());
+    const NuboServiceDescription& own = announced.getNuboDescription();
+    const NameEntries* const name = m_index.find(own.getName());
     for (Entry& entry : name->discovered) {
         const NuboServiceDescription& description = entry->getNuboDescription();
-        if (description.getPort() == announced.getNuboDescription().getPort() &&
-            m_hub.isOwnAddress(description.getIpAddress()))
+        if (description.getPort() == own.getPort() && m_hub.isOwnAddress(description.getIpAddress()))
             entry->setTTL(0);
+    }
+}
+
+/// The same for all services of this unit, when it has got an address.
+void SDStateMachine::unsafe_endReflections()
+{
+    const std::uint64_t changes = m_hub.addressChanges();
+    if (std::exchange(m_addressChanges, changes) == changes)
+        return;
+    for (const auto& [due, entry] : m_aperiodicWorkload) {
+        if (entry.role == Entry::Role::Own)
+            unsafe_endReflections(*entry);
+    }
+    m_periodicWorkload.startLocalWalk();
+    while (const Entry* const entry = m_periodicWorkload.walkLocals()) {
+        if (entry->role == Entry::Role::Own)
+            unsafe_endReflections(**entry);
     }
 }
 
@@ -940,12 +974,14 @@ void SDStateMachine::unsafe_erase(Entry& entry)
 bool SDStateMachine::unsafe_discover(SDService::Ptr& service, unsigned short instanceID,
                                      const Matches& matches, Entry* search)
 {
-    const DiscoveryBounds::Verdict verdict =
-        DiscoveryBounds::judge(m_index, matches.name, *service, search != nullptr);
+    const DiscoveryBounds::Verdict verdict = DiscoveryBounds::judge(
+        m_index, matches.name, *service, search != nullptr, m_periodicWorker.listeningSince());
     if (verdict.outcome != DiscoveryBounds::Outcome::Taken) {
         m_lastRefusal = verdict.outcome;
         m_refusals.add();
         reportRefusals();
+        for (Entry* displaced : verdict.displaced)
+            unsafe_displace(*displaced);
         return false;
     }
     setTypeAndState(service, Type::DISCOVERED, State::MAIN_PHASE);

@@ -1,7 +1,6 @@
 #pragma once
 
 #include "DataLayer/EngineFrame.h"
-#include "DataLayer/InsideEngine.h"
 #include "DataLayer/SDService.h"
 #include "LogicLayer/DiscoveryBounds.h"
 #include "LogicLayer/DropCounter.h"
@@ -189,7 +188,6 @@ protected:
         void unlock();
 
         const EngineFrame m_frame;
-        const InsideEngine m_inside;  // a log channel must not call into the engine under its lock
         const SDStateMachine& m_machine;
     };
 
@@ -224,26 +222,33 @@ protected:
         void unsafe_update() override;
         void onInterval(Poco::Timer& timer) override;
 
+        /// Since when neighbours have been heard without a pause.
+        Poco::Clock listeningSince() const;
+
     private:
-        static bool isLateAfter(const Poco::Clock& before);
+        void begin();
         void offerOwn();
         /// Whether the record stays in the workload; what is to be sent of it goes into the batch.
         static bool handleLocal(const SDService::Ptr& entry, ServicesContainer& batch);
         static bool handleAnnounced(SDService::Ptr service, ServicesContainer& batch);
-        void hearFirst(long milliseconds);
+        void hearFirst(const Poco::Clock& heldUpSince, long milliseconds);
+        bool isOver(const Poco::Clock& now) const;
         void expire(WorkloadLock& lock);
         /// Whether the record has run out.
         bool expire(WorkloadEntry& entry);
 
         Poco::Clock m_begin{Poco::Clock::ClockVal{0}};    // of the last interval
-        Poco::Clock m_heardAt{Poco::Clock::ClockVal{0}};  // before, nothing is taken for gone
+        Poco::Clock m_heardAt{Poco::Clock::ClockVal{0}};  // before, only what had run out by then is gone:
+        Poco::Clock m_heldUpSince{Poco::Clock::ClockVal{0}};
+        Poco::Clock m_listeningSince{Poco::Clock::ClockVal{0}};
     };
 
     SDCommunicationHub& m_hub;
     Poco::Random m_rnd;
     std::atomic<bool> m_running{false};
     mutable Poco::FastMutex m_workloadMutex;
-    mutable std::mutex m_listingMutex;  // taken first
+    mutable std::mutex m_listingMutex;   // taken first
+    std::uint64_t m_addressChanges = 0;  // that have been looked at
     RecordIndex m_index;
     AperiodicWorkload m_aperiodicWorkload{m_index};
     PeriodicWorkload m_periodicWorkload{m_index};
@@ -262,6 +267,7 @@ private:
     unsigned short unsafe_nextOwnInstance(const Matches& matches) const;
     bool unsafe_removePeriodic(Entry& entry);
     bool unsafe_removeAperiodic(Entry& entry);
+    void reportWaitingAnswers(const std::string& name) const;
     bool unsafe_answerOnce(const SDService::Ptr& announced);
     void unsafe_erase(Entry& entry);
 
@@ -269,7 +275,8 @@ private:
     bool unsafe_discover(SDService::Ptr& service, unsigned short instanceID, const Matches& matches,
                          Entry* search = nullptr);
     bool unsafe_isReflected(const SDService& offered, const NameEntries* name);
-    void unsafe_endReflections(const SDService& announced);
+    void unsafe_endReflections(const SDService& announced) const noexcept;
+    void unsafe_endReflections();
     bool unsafe_reportUnexpected(const ServiceIdentity& identity) const;
     void unsafe_displace(Entry& entry);
     void unsafe_tellGone(Entry& entry);

@@ -22,7 +22,8 @@ constexpr long firstRepetition = 100;  // after the first send; each further one
 constexpr long cycle = 1000;           // of the main phase
 constexpr long parked = 2147483647;    // a timer with nothing to do
 constexpr long shortestDelay = 1;      // between two records of the aperiodic workload
-constexpr long late = 1000;            // an interval that begins so much after its time is a late one
+constexpr long late = 100;             // an interval that begins so much after its time is a late one
+constexpr long pause = 2000;           // between the begins of two intervals: the unit did not listen
 constexpr long hearing = 1100;         // in which every unit offers again
 constexpr long firstHearing = 900;     // after a start, up to the second interval
 
@@ -176,8 +177,12 @@ SDStateMachine::PeriodicWorker::PeriodicWorker(SDStateMachine& parent)
 
 void SDStateMachine::PeriodicWorker::start()
 {
-    m_begin = Poco::Clock(Poco::Clock::ClockVal{0});
-    hearFirst(firstHearing);  // nothing was received while the machine was stopped
+    {
+        const WorkloadLock lock(m_parent);
+        m_begin = Poco::Clock(Poco::Clock::ClockVal{0});
+        m_listeningSince = SDClock::now();
+        hearFirst(m_begin, firstHearing);  // nothing was received while the machine was stopped
+    }
     TimebasedWorker::start();
 }
 
@@ -200,7 +205,6 @@ void SDStateMachine::PeriodicWorker::onInterval(Poco::Timer& timer)
 
     m_parent.m_hub.reportDrops();
     m_parent.reportRefusals();
-    const Poco::Clock before = std::exchange(m_begin, SDClock::now());
     {
         const WorkloadLock lock(m_parent);
         SD_LOG(Trace) << "AperiodicWorker::onInterval - " << m_workload.size() << " services in list";
@@ -208,28 +212,40 @@ void SDStateMachine::PeriodicWorker::onInterval(Poco::Timer& timer)
             SD_LOG(Warning) << "SDStateMachine - " << timer.skipped() << " skipped announcement timer events";
         if (m_parent.m_isClosed)
             return;
-        if (isLateAfter(before))  // the mutex may have been held for long
-            hearFirst(hearing);
+        begin();
+        m_parent.unsafe_endReflections();
         offerOwn();
     }
-    if (SDClock::now() < m_heardAt)
-        return;
     WorkloadLock lock(m_parent);
     expire(lock);
 }
 
-/// Whether it is long after the time for an interval behind one that began then: the process stood still, or
-/// a subscriber did.
-bool SDStateMachine::PeriodicWorker::isLateAfter(const Poco::Clock& before)
+/// Looks whether the interval is late, because the process stood still, or a subscriber kept the mutex.
+void SDStateMachine::PeriodicWorker::begin()
 {
-    const bool isFirst = before.raw() == 0;
-    return !isFirst && SDClock::now() - before > (cycle + late) * microsecondsPerMillisecond;
+    const Poco::Clock now = SDClock::now();
+    const Poco::Clock before = std::exchange(m_begin, now);
+    if (before.raw() == 0)
+        return;
+    if (now - before > pause * microsecondsPerMillisecond)
+        m_listeningSince = now;
+    if (now - before > (cycle + late) * microsecondsPerMillisecond)
+        hearFirst(before + cycle * microsecondsPerMillisecond, hearing);
 }
 
-/// Nothing is taken for gone before those who went on offering meanwhile had time to be heard.
-void SDStateMachine::PeriodicWorker::hearFirst(long milliseconds)
+/// For so long only that is taken for gone which had run out before the instant: those who went on offering
+/// since then are heard first.
+void SDStateMachine::PeriodicWorker::hearFirst(const Poco::Clock& heldUpSince, long milliseconds)
 {
+    m_heldUpSince = heldUpSince;
     m_heardAt = SDClock::now() + milliseconds * microsecondsPerMillisecond;
+}
+
+Poco::Clock SDStateMachine::PeriodicWorker::listeningSince() const
+{
+    const Poco::Clock now = SDClock::now();
+    const bool isPause = m_begin.raw() != 0 && now - m_begin > pause * microsecondsPerMillisecond;
+    return isPause ? now : m_listeningSince;
 }
 
 void SDStateMachine::PeriodicWorker::offerOwn()
@@ -280,11 +296,11 @@ bool SDStateMachine::PeriodicWorker::handleAnnounced(SDService::Ptr service, Ser
 
 void SDStateMachine::PeriodicWorker::expire(WorkloadLock& lock)
 {
-    if (m_parent.m_isClosed)
+    Poco::Clock begin = SDClock::now();
+    if (m_parent.m_isClosed || isOver(begin))
         return;
     if (!m_workload.isWalking())
         m_workload.startWalk();
-    Poco::Clock begin = SDClock::now();
     unsigned visited = 0;
     while (WorkloadEntry* const entry = m_workload.walk()) {
         const bool isGone = entry->role == WorkloadEntry::Role::Discovered && expire(*entry);
@@ -293,18 +309,25 @@ void SDStateMachine::PeriodicWorker::expire(WorkloadLock& lock)
         const Poco::Clock now = SDClock::now();
         if (now - begin < longestSlice)
             continue;
-        if (now - m_begin >= longestExpiry)
+        if (isOver(now))
             return;
         lock.giveWay();
-        if (m_parent.m_isClosed)
-            return;
         begin = SDClock::now();
+        if (m_parent.m_isClosed || isOver(begin))  // a subscriber may have kept the mutex
+            return;
     }
+}
+
+/// Whether the interval has no time left for what has run out.
+bool SDStateMachine::PeriodicWorker::isOver(const Poco::Clock& now) const
+{
+    return now - m_begin >= longestExpiry;
 }
 
 bool SDStateMachine::PeriodicWorker::expire(WorkloadEntry& entry)
 {
-    if (!entry->isTTLElapsed())
+    const Poco::Clock now = SDClock::now();
+    if (!entry->isTTLElapsed(now < m_heardAt ? m_heldUpSince : now))
         return false;
     SD_LOG(Notice) << "SDStateMachine - TTL of service timed out: " << entry->getNuboDescription().getName();
     try {

@@ -203,6 +203,11 @@ void MulticastReceiver::stop()
     release();
 }
 
+void MulticastReceiver::stopFromWithin() noexcept
+{
+    m_service->isStopping = true;
+}
+
 /// Gives the port back, unless the thread still runs. Without memory for a new socket, the start makes one.
 void MulticastReceiver::release()
 {
@@ -212,7 +217,7 @@ void MulticastReceiver::release()
         renewService();
     }
     catch (...) {
-        Poco::FastMutex::ScopedLock lock(m_interfacesMutex);
+        const EngineLock lock(this, m_interfacesMutex);
         m_service->socket.close();
         m_joinedInterfaces.clear();
     }
@@ -233,7 +238,7 @@ bool MulticastReceiver::endThread(long milliseconds)
 void MulticastReceiver::renewService()
 {
     auto service = std::make_unique<Service>();
-    Poco::FastMutex::ScopedLock lock(m_interfacesMutex);
+    const EngineLock lock(this, m_interfacesMutex);
     m_service.swap(service);
     m_joinedInterfaces.clear();
     service->socket.close();  // a reactor that ran out of memory may have lost a reference to it
@@ -292,7 +297,7 @@ void MulticastReceiver::onReactorShutdown(const Poco::AutoPtr<ShutdownNotificati
 
 bool MulticastReceiver::isJoinedOn(const std::string& name) const
 {
-    Poco::FastMutex::ScopedLock lock(m_interfacesMutex);
+    const EngineLock lock(this, m_interfacesMutex);
     return std::any_of(m_joinedInterfaces.begin(), m_joinedInterfaces.end(),
                        [&](const auto& joined) { return joined.first.name() == name; });
 }
@@ -316,7 +321,7 @@ Outcome MulticastReceiver::add(const std::string& name, const std::string& ip,
                                const InterfaceListing& listing, Attempt attempt)
 {
     const QuotedInterface quoted{name, ip};
-    Poco::FastMutex::ScopedLock lock(m_interfacesMutex);
+    const EngineLock lock(this, m_interfacesMutex);
     AdmittedInterface admitted;
     switch (admitInterface(name, ip, listing, admitted)) {
         case Admission::NotAppropriate:
@@ -368,7 +373,7 @@ Outcome MulticastReceiver::add(const std::string& name, const std::string& ip,
 void MulticastReceiver::leaveGroupOnInterface_byIP(const std::string& name, const std::string& ip)
 {
     const QuotedInterface quoted{name, ip};
-    Poco::FastMutex::ScopedLock lock(m_interfacesMutex);
+    const EngineLock lock(this, m_interfacesMutex);
     IPAddress address;
     try {
         address = IPAddress(withoutScope(ip));

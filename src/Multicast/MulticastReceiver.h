@@ -18,6 +18,7 @@
 #include <cstdint>
 #include <map>
 #include <memory>
+#include <mutex>
 #include <string>
 
 namespace Poco::Net {
@@ -73,6 +74,8 @@ public:
     /// Ends the thread and leaves the group on all interfaces. Waits for a subscriber for at most 2 s. Once
     /// it has returned, no event is raised until start(). Never throws.
     void stop();
+    /// From here on no event begins. For a thread that must not wait, be it the receiver's own.
+    void stopFromWithin() noexcept;
 
     /// Whether the group is joined on the interface of that name.
     bool isJoinedOn(const std::string& name) const;
@@ -115,7 +118,7 @@ private:
 
     SDCommunicationHub& m_parent;
     const Poco::Net::SocketAddress m_discoveryAddress;
-    mutable Poco::FastMutex m_interfacesMutex;  // guards what follows
+    mutable std::mutex m_interfacesMutex;  // guards what follows
     InterfaceContainer m_joinedInterfaces;
     std::unique_ptr<Service> m_service;
 };

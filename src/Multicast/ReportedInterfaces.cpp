@@ -80,7 +80,7 @@ void ReportedInterfaces::add(const char* name, const char* ip) noexcept
         return;
     }
     persist([&] {
-        const Lock lock(*this);
+        const EngineLock lock(this, m_mutex);
         take(name, ip);
     });
 }
@@ -92,7 +92,7 @@ void ReportedInterfaces::remove(const char* name, const char* ip) noexcept
         return;
     }
     persist([&] {
-        const Lock lock(*this);
+        const EngineLock lock(this, m_mutex);
         giveBack(name, ip);
     });
 }
@@ -196,7 +196,7 @@ Outcome ReportedInterfaces::serve(Interface& interface, Attempt attempt)
 
 void ReportedInterfaces::start()
 {
-    const Lock lock(*this);
+    const EngineLock lock(this, m_mutex);
     m_isRunning = true;
     m_listing.reset();
     for (Interface& interface : m_interfaces)
@@ -207,7 +207,7 @@ void ReportedInterfaces::start()
 void ReportedInterfaces::stop() noexcept
 {
     {
-        const Lock lock(*this);
+        const EngineLock lock(this, m_mutex);
         m_isRunning = false;
     }
     m_changed.notify_all();
@@ -252,7 +252,7 @@ void ReportedInterfaces::retry()
 {
     const EngineFrame frame(this);
     DebugUtils::setThreadName("SdIfRetry", "ReportedInterfaces::retry");
-    Lock lock(*this);
+    EngineLock lock(this, m_mutex);
     while (m_isRunning && hasPending()) {
         m_changed.wait_for(lock.lock, std::chrono::microseconds(wait()));
         if (!m_isRunning)

@@ -1,7 +1,6 @@
 #pragma once
 
 #include "DataLayer/EngineFrame.h"
-#include "DataLayer/InsideEngine.h"
 #include "DataLayer/SDClock.h"
 #include "Multicast/InterfaceAdmission.h"
 #include "Multicast/InterfaceListing.h"
@@ -58,16 +57,6 @@ private:
         Poco::Net::IPAddress address{};  ///< without scope
         bool isPending = false;
         Poco::Clock pendingSince = SDClock::now();
-    };
-
-    /// Holds the mutex.
-    struct Lock
-    {
-        explicit Lock(ReportedInterfaces& parent) : frame(&parent), lock(parent.m_mutex) {}
-
-        const EngineFrame frame;
-        const InsideEngine inside;  // a log channel must not call into the engine under its lock
-        std::unique_lock<std::mutex> lock;
     };
 
     void take(const std::string& name, const std::string& ip);

@@ -436,19 +436,19 @@ TEST_F(SDCommunicationHubTest, HubKnowsTheThreadThatIsInTheEvent)
     bool isOnThisThread = false;
     bool isOnAnotherThread = true;
     unit.registry.onEvent = [&](auto&) {
-        isOnThisThread = InsideEngine::isThisThread();
-        std::thread([&] { isOnAnotherThread = InsideEngine::isThisThread(); }).join();
+        isOnThisThread = EngineFrame::isOnThisThread();
+        std::thread([&] { isOnAnotherThread = EngineFrame::isOnThisThread(); }).join();
     };
     const NuboServiceDescription description = describe("Media");
     ServiceDiscovery::ServiceListEventPayload payload(ServiceDiscovery::EventType::SERVICE_GONE,
                                                       &description);
 
-    EXPECT_FALSE(InsideEngine::isThisThread());
+    EXPECT_FALSE(EngineFrame::isOnThisThread());
     unit.hub.notifyServiceRegistry(payload);
 
     EXPECT_TRUE(isOnThisThread);
     EXPECT_FALSE(isOnAnotherThread);
-    EXPECT_FALSE(InsideEngine::isThisThread());
+    EXPECT_FALSE(EngineFrame::isOnThisThread());
 }
 
 TEST_F(SDCommunicationHubTest, SubscriberThatThrowsIsOutOfTheEvent)
@@ -460,7 +460,7 @@ TEST_F(SDCommunicationHubTest, SubscriberThatThrowsIsOutOfTheEvent)
 
     EXPECT_THROW(unit.hub.notifyServiceRegistry(payload), std::runtime_error);
 
-    EXPECT_FALSE(InsideEngine::isThisThread());
+    EXPECT_FALSE(EngineFrame::isOnThisThread());
 }
 
 TEST_F(SDCommunicationHubTest, WithoutInterfacesNoAddressIsAnOwnOne)

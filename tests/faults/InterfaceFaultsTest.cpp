@@ -335,6 +335,30 @@ TEST_F(InterfaceFaultsTest, RefusedReportIsWarnedOfOnceAndNotAtEveryStart)
     EXPECT_THAT(log.warnings(), IsEmpty());
 }
 
+TEST_F(InterfaceFaultsTest, OwnServiceThatWasDiscoveredAtAnAddressOfALaterInterfaceGoes)
+{
+    unit.platform.dispatcher().addInterface("eth0", globalAddress);
+    ASSERT_TRUE(start());
+    SDService::Ptr own = makeService("Own", globalAddress, 8080, "own");
+    ASSERT_TRUE(unit.hub.addService(own));
+    const auto replay = [&] {
+        speaker.send(Packets::offer("Own", "00 00 78", "fd 01 00 00 00 00 00 00 00 00 00 00 00 00 00 01"));
+    };
+    ASSERT_TRUE(eventually([&] {
+        replay();
+        return unit.registry.discovered("Own") == 1;
+    }));
+
+    network.link("eth1", "fd01::1", "fd01::2");
+    unit.platform.dispatcher().addInterface("eth1", "fd01::1");
+
+    EXPECT_TRUE(eventually([&] {
+        replay();
+        return unit.registry.gone("Own") == 1;
+    }));
+    EXPECT_EQ(unit.registry.discovered("Own"), 1u);
+}
+
 TEST_F(InterfaceFaultsTest, AtMostAThousandAndTwentyFourStandReported)
 {
     auto& dispatcher = unit.platform.dispatcher();

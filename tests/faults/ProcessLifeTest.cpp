@@ -20,6 +20,7 @@
 #include <iostream>
 #include <memory>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include <fcntl.h>
@@ -220,6 +221,7 @@ TEST_F(ProcessLifeTest, ForkedChildLeavesTheEventsSubscribersAsTheyWere)
         left.ServiceListChanged += Poco::delegate(&idle, &Idle::onServiceListChanged);
         const bool hasEnded = childDoes([&] {
             left.ServiceListChanged -= Poco::delegate(&idle, &Idle::onServiceListChanged);
+            left.ServiceListChanged.clear();
             joined.ServiceListChanged += Poco::delegate(&idle, &Idle::onServiceListChanged);
             const bool isAsItWas = !left.ServiceListChanged.empty() && joined.ServiceListChanged.empty();
             ::_exit(isAsItWas ? works : isWrong);
@@ -345,6 +347,35 @@ INSTANTIATE_TEST_SUITE_P(
                                    unit.discovery.addService(describe("Other"));
                                }}),
     ::testing::PrintToStringParamName());
+
+/// A platform may end its thread when the process ends, and wait for its report.
+TEST_F(ProcessLifeTest, ProcessMayEndInALineAboutAnInterfaceWhileAnotherIsReported)
+{
+    static std::atomic<bool> isEnding{false};
+    static std::thread platform;
+    const auto scenario = [&] {
+        ::alarm(20);
+        std::atexit([] { platform.join(); });
+        LogCatcher log;
+        Unit& unit = unitOfTheProcess();
+        unit.platform.dispatcher().addInterface("eth1", "fd01::1");  // is there at the start only
+        network.link("eth1", "fd01::1", "fd01::2");
+        platform = std::thread([&unit] {
+            eventually([] { return isEnding.load(); });
+            unit.platform.dispatcher().addInterface("eth2", "fd02::1");
+        });
+        log.onLine([](const std::string& line) {
+            if (line.find("joining IPv6 Multicast Group") != std::string::npos && !isEnding.exchange(true)) {
+                std::this_thread::sleep_for(milliseconds(200));  // the other report waits by then
+                std::exit(works);
+            }
+        });
+        unit.startup();
+        ::_exit(isWrong);
+    };
+
+    EXPECT_EXIT(scenario(), ::testing::ExitedWithCode(works), "");
+}
 
 TEST(ManyInterfacesTest, TwoHundredAndFortyAreServedInAThirdOfASecond)
 {

@@ -198,6 +198,8 @@ bool MulticastReceiver::start()
     return true;
 }
 
+void MulticastReceiver::stopFromWithin() noexcept {}
+
 void MulticastReceiver::stop()
 {
     Ends::portOf(this).isListening = false;
