@@ -372,6 +372,7 @@ void SDCommunicationHub::stopFromWithin() noexcept
     m_receiver.stopFromWithin();
     m_requestHandler.stopFromWithin();
     EngineFrame::releaseThisThread();
+    m_reportedInterfaces.stopFromWithin();
     guarded([this] {
         if (m_statemachine.isLockedByThisThread())
             m_statemachine.unsafe_stop();

@@ -206,13 +206,18 @@ void ReportedInterfaces::start()
 
 void ReportedInterfaces::stop() noexcept
 {
+    stopFromWithin();
+    if (m_thread.joinable())
+        m_thread.join();
+}
+
+void ReportedInterfaces::stopFromWithin() noexcept
+{
     {
         const EngineLock lock(this, m_mutex);
         m_isRunning = false;
     }
     m_changed.notify_all();
-    if (m_thread.joinable())
-        m_thread.join();
 }
 
 bool ReportedInterfaces::hasPending() const

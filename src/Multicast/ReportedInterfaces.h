@@ -48,6 +48,8 @@ public:
     void start();
     /// Ends the retrying.
     void stop() noexcept;
+    /// The same from a thread that must not wait, be it the one that retries.
+    void stopFromWithin() noexcept;
 
 private:
     struct Interface

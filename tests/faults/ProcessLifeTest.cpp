@@ -355,14 +355,17 @@ TEST_F(ProcessLifeTest, ProcessMayEndInALineAboutAnInterfaceWhileAnotherIsReport
     static std::thread platform;
     const auto scenario = [&] {
         ::alarm(20);
+        // Destroyed in this order: the facade, the platform's thread, the dispatcher.
+        static PlatformScope scope;
         std::atexit([] { platform.join(); });
+        static ServiceDiscovery discovery;
         LogCatcher log;
-        Unit& unit = unitOfTheProcess();
-        unit.platform.dispatcher().addInterface("eth1", "fd01::1");  // is there at the start only
+        auto& dispatcher = scope.dispatcher();
+        dispatcher.addInterface("eth1", "fd01::1");  // is there at the start only
         network.link("eth1", "fd01::1", "fd01::2");
-        platform = std::thread([&unit] {
+        platform = std::thread([&dispatcher] {
             eventually([] { return isEnding.load(); });
-            unit.platform.dispatcher().addInterface("eth2", "fd02::1");
+            dispatcher.addInterface("eth2", "fd02::1");
         });
         log.onLine([](const std::string& line) {
             if (line.find("joining IPv6 Multicast Group") != std::string::npos && !isEnding.exchange(true)) {
@@ -370,7 +373,7 @@ TEST_F(ProcessLifeTest, ProcessMayEndInALineAboutAnInterfaceWhileAnotherIsReport
                 std::exit(works);
             }
         });
-        unit.startup();
+        discovery.startup(Poco::Net::IPAddress("fd00::1"));
         ::_exit(isWrong);
     };
 
