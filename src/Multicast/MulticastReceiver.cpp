@@ -20,9 +20,12 @@
 #include <Poco/Timespan.h>
 
 #include <algorithm>
+#include <array>
+#include <cstring>
 #include <new>
 #include <optional>
 
+#include <netinet/in.h>
 #include <sys/socket.h>
 
 namespace Nubo::ServiceDiscovery::Multicast {
@@ -44,13 +47,43 @@ constexpr long joinTime = 2000;        // that stop() waits for the reactor's th
 constexpr int mostAtOnce = 64;         // datagrams, before other sockets and the stop have their turn
 constexpr int receiveBuffer = 4 * 1024 * 1024;  // a tick of 1,000 services is 125 datagrams at once
 
+/// Drops the next datagram.
+void discard(DatagramSocket& socket)
+{
+    char byte = 0;
+    SocketAddress sender;
+    socket.receiveFrom(&byte, 1, sender);
+}
+
 /// Takes an empty datagram off the socket; one with content that has come meanwhile stays.
 void discardEmptyDatagram(DatagramSocket& socket)
 {
     char byte = 0;
     SocketAddress sender;
     if (socket.receiveFrom(&byte, 1, sender, MSG_PEEK | MSG_TRUNC) == 0)
-        socket.receiveFrom(&byte, 1, sender);
+        discard(socket);
+}
+
+/// The index of the interface on which the next datagram has come (RFC 3542, section 6.2). 0 if the system
+/// does not say.
+unsigned interfaceOfNext(const DatagramSocket& socket)
+{
+    alignas(cmsghdr) std::array<char, CMSG_SPACE(sizeof(in6_pktinfo))> control{};
+    msghdr message{};
+    message.msg_control = control.data();
+    message.msg_controllen = control.size();
+    if (::recvmsg(socket.impl()->sockfd(), &message, MSG_PEEK | MSG_DONTWAIT) < 0)
+        return 0;
+    for (const cmsghdr* part = CMSG_FIRSTHDR(&message); part;
+         part = CMSG_NXTHDR(&message, const_cast<cmsghdr*>(part)))
+    {
+        if (part->cmsg_level != IPPROTO_IPV6 || part->cmsg_type != IPV6_PKTINFO)
+            continue;
+        in6_pktinfo info{};
+        std::memcpy(&info, CMSG_DATA(part), sizeof(info));
+        return info.ipi6_ifindex;
+    }
+    return 0;
 }
 
 Poco::Buffer<char> allocateFrame(DatagramSocket& socket, int size)
@@ -59,9 +92,7 @@ Poco::Buffer<char> allocateFrame(DatagramSocket& socket, int size)
         return Poco::Buffer<char>(static_cast<std::size_t>(size));
     }
     catch (const std::bad_alloc&) {
-        char byte = 0;
-        SocketAddress sender;
-        socket.receiveFrom(&byte, 1, sender);  // dropped, so that it does not come up again at once
+        discard(socket);  // so that it does not come up again at once
         throw Poco::OutOfMemoryException("Failed to allocate SocketFrame buffer");
     }
 }
@@ -174,6 +205,7 @@ void MulticastReceiver::bind()
     socket.setLoopback(false);
     socket.setBlocking(false);  // a datagram with a bad checksum is announced, but not there to be read
     socket.setReceiveBufferSize(receiveBuffer);
+    socket.setOption(IPPROTO_IPV6, IPV6_RECVPKTINFO, 1);
     SD_LOG(Debug) << "MulticastReceiver receive buffer: " << receiveBuffer << " Bytes asked for, "
                   << socket.getReceiveBufferSize() << " got.";
 
@@ -271,6 +303,13 @@ void MulticastReceiver::onSocketReadable(const Poco::AutoPtr<ReadableNotificatio
 
 void MulticastReceiver::receive(DatagramSocket& socket, int size)
 {
+    // Other sockets of the unit may have joined the group elsewhere, and the kernel gives this one what comes
+    // there.
+    const unsigned interface = interfaceOfNext(socket);
+    if (interface != 0 && !isJoined(interface)) {
+        discard(socket);
+        return;
+    }
     Poco::Buffer<char> frame = allocateFrame(socket, size);
     SocketAddress sender;
     const int received = socket.receiveFrom(frame.begin(), size, sender, 0);
@@ -293,6 +332,13 @@ void MulticastReceiver::onReactorShutdown(const Poco::AutoPtr<ShutdownNotificati
 {
     SD_LOG(Error) << "MulticastReceiver encountered Reactor Shutdown \"" << notification->name()
                   << "\" from \"" << notification->socket().address().toString() << "\"";
+}
+
+bool MulticastReceiver::isJoined(unsigned index) const
+{
+    const EngineLock lock(this, m_interfacesMutex);
+    return std::any_of(m_joinedInterfaces.begin(), m_joinedInterfaces.end(),
+                       [&](const auto& joined) { return joined.first.index() == index; });
 }
 
 bool MulticastReceiver::isJoinedOn(const std::string& name) const

@@ -109,6 +109,7 @@ private:
     void guarded(const Poco::AutoPtr<Notification>& notification);
 
     void receive(Poco::Net::DatagramSocket& socket, int size);
+    bool isJoined(unsigned index) const;
     void bind();
     void release();
     void renewService();

@@ -16,6 +16,8 @@
 #include <Poco/Exception.h>
 #include <Poco/NObserver.h>
 #include <Poco/Net/DatagramSocket.h>
+#include <Poco/Net/MulticastSocket.h>
+#include <Poco/Net/NetworkInterface.h>
 #include <Poco/Net/SocketNotification.h>
 #include <Poco/Net/SocketReactor.h>
 
@@ -712,6 +714,25 @@ TEST_F(MulticastReceiverTest, LaterStartWorksWhenThePortIsFree)
     speaker.send("01"_bytes);
 
     EXPECT_TRUE(subscriber->gets(1)) << "the group joined before is still joined";
+}
+
+/// The kernel gives a socket what comes in for its group, on whatever interface some socket has joined.
+TEST_F(RunningReceiverTest, DatagramFromAnInterfaceOnWhichOnlyAnotherSocketHasJoinedIsDropped)
+{
+    network.link("eth1", "fd01::1", "fd01::2");
+    Poco::Net::MulticastSocket other(SocketAddress::IPv6);
+    other.joinGroup(IPAddress(discoveryGroup), Poco::Net::NetworkInterface::forName("eth1"));
+    Speaker elsewhere(network.there, "eth1", "fd01::2");
+
+    elsewhere.send("01"_bytes);
+    speaker.send("02"_bytes);
+    EXPECT_TRUE(subscriber->gets(1));
+    EXPECT_THAT(subscriber->bytes(), ElementsAre("02"));
+
+    join("eth1", "fd01::1");
+    elsewhere.send("03"_bytes);
+    EXPECT_TRUE(subscriber->gets(2));
+    EXPECT_THAT(subscriber->bytes(), ElementsAre("02", "03"));
 }
 
 TEST_F(RunningReceiverTest, StopLeavesTheGroupEverywhere)
