@@ -21,6 +21,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cerrno>
 #include <cstring>
 #include <new>
 #include <optional>
@@ -401,6 +402,8 @@ Outcome MulticastReceiver::add(const std::string& name, const std::string& ip,
         m_service->socket.joinGroup(m_discoveryAddress.host(), admitted.interface);
     }
     catch (const Poco::Exception& exception) {
+        if (exception.code() == EADDRINUSE)
+            return Outcome::InUse;  // leaving has failed before: the socket is a member still
         m_joinedInterfaces.erase(joined);
         if (attempt == Attempt::Report)
             SD_LOG(Error) << "ServiceDiscovery failed to join IPv6 Multicast Group on Interface " << quoted
