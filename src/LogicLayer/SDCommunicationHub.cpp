@@ -371,8 +371,8 @@ void SDCommunicationHub::stopFromWithin() noexcept
 {
     m_receiver.stopFromWithin();
     m_requestHandler.stopFromWithin();
-    EngineFrame::releaseThisThread();
     m_reportedInterfaces.stopFromWithin();
+    EngineFrame::releaseThisThread();
     guarded([this] {
         if (m_statemachine.isLockedByThisThread())
             m_statemachine.unsafe_stop();

@@ -206,18 +206,18 @@ void ReportedInterfaces::start()
 
 void ReportedInterfaces::stop() noexcept
 {
-    stopFromWithin();
+    {
+        const EngineLock lock(this, m_mutex);
+        m_isRunning = false;
+    }
+    m_changed.notify_all();
     if (m_thread.joinable())
         m_thread.join();
 }
 
 void ReportedInterfaces::stopFromWithin() noexcept
 {
-    {
-        const EngineLock lock(this, m_mutex);
-        m_isRunning = false;
-    }
-    m_changed.notify_all();
+    m_isRunning = false;  // without the mutex, which this thread may hold; a wait ends by itself
 }
 
 bool ReportedInterfaces::hasPending() const

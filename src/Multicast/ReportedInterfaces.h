@@ -8,6 +8,7 @@
 #include <Poco/Clock.h>
 #include <Poco/Net/IPAddress.h>
 
+#include <atomic>
 #include <condition_variable>
 #include <cstddef>
 #include <mutex>
@@ -76,7 +77,7 @@ private:
     std::mutex m_mutex;  // guards what follows
     std::vector<Interface> m_interfaces;
     InterfaceListing::Ptr m_listing;
-    bool m_isRunning = false;
+    std::atomic<bool> m_isRunning{false};
     bool m_isRetrying = false;  // the thread has not ended
     std::thread m_thread;
     std::condition_variable m_changed;
