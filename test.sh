@@ -72,9 +72,8 @@ run_tests() {
     progress=
     [ ! -t 1 ] || progress=--progress
     status=0
-    export TSAN_OPTIONS="halt_on_error=1 second_deadlock_stack=1 suppressions=$PWD/tests/support/tsan.supp"
     # shellcheck disable=SC2086 # the words of $run are a command, and $progress may be none
-    $run ctest --test-dir "build-$form" \
+    TSAN_OPTIONS="halt_on_error=1 second_deadlock_stack=1" $run ctest --test-dir "build-$form" \
         --parallel $((2 * jobs)) --tests-regex "${pattern:-.}" $progress \
         --output-on-failure --output-junit "$results" --no-tests=error || status=$?
 

@@ -233,8 +233,7 @@ class Workshop:
         if program.is_networked:
             command.insert(0, str(self.tree / "tests/support/in-namespace.sh"))
         command = self._wrapper + command
-        environment = os.environ | {"TSAN_OPTIONS": "halt_on_error=1 second_deadlock_stack=1 "
-                                                    f"suppressions={self.tree}/tests/support/tsan.supp"}
+        environment = os.environ | {"TSAN_OPTIONS": "halt_on_error=1 second_deadlock_stack=1"}
         if program.is_googletest:
             environment |= {"GTEST_TOTAL_SHARDS": str(shards), "GTEST_SHARD_INDEX": str(index),
                             "GTEST_FAIL_FAST": "1"}

@@ -21,6 +21,14 @@ bool isIPv6Unicast(const IPAddress& address)
            !address.isMulticast();
 }
 
+/// Shares nothing with the other one: that is its listing's, which other threads let go.
+struct OwnCopy : NetworkInterface
+{
+    explicit OwnCopy(const NetworkInterface& other)
+        : NetworkInterface(other.name(), other.displayName(), other.adapterName(), other.index())
+    {}
+};
+
 const InterfaceListing::Ptr emptyListing = std::make_shared<InterfaceListing>();
 
 }  // namespace
@@ -61,7 +69,7 @@ Admission admitInterface(const std::string& name, const std::string& ip, const I
     if (!interface->supportsMulticast())
         return Admission::NoMulticast;
 
-    admitted.interface = *interface;
+    admitted.interface = OwnCopy(*interface);
     const Poco::UInt32 scope = isLinkLocal(address) ? interface->index() : 0;
     admitted.address = IPAddress(address.addr(), address.length(), scope);
     return Admission::Good;
