@@ -300,37 +300,35 @@ bool MulticastSender::sendMulticast(const MulticastData& packagesForAll,
     bool result = true;
     if (snapshot->size() == 1) {
         const InterfaceData_t& interface = snapshot->begin()->second;
-        interface.pace->isInternalList = true;
         if (interface.isInternal)
-            result = sendServices(interface, packagesForInternal);
-        interface.pace->isInternalList = false;
-        return sendServices(interface, packagesForAll) && result;
+            result = sendServices(interface, packagesForInternal, List::Internal);
+        return sendServices(interface, packagesForAll, List::All) && result;
     }
     SendData all(packagesForAll, m_ipToReplace);
     SendData internal(packagesForInternal, m_ipToReplace);
     for (const auto& [key, interface] : *snapshot) {
-        interface.pace->isInternalList = true;
         if (interface.isInternal)
-            result = sendAdjusted(interface, internal) && result;
-        interface.pace->isInternalList = false;
-        result = sendAdjusted(interface, all) && result;
+            result = sendAdjusted(interface, internal, List::Internal) && result;
+        result = sendAdjusted(interface, all, List::All) && result;
     }
     return result;
 }
 
-bool MulticastSender::sendAdjusted(const InterfaceData_t& interface, SendData& data) const
+bool MulticastSender::sendAdjusted(const InterfaceData_t& interface, SendData& data, List list) const
 {
     data.ipReplacement = interface.ipAsByteStream;
-    const bool result = sendServices(interface, data);
+    const bool result = sendServices(interface, data, list);
     data.ipToReplaceNext = interface.ipAsByteStream;
     return result;
 }
 
-/// Calls `send` for each of the datagrams; whether all were sent.
+/// Calls `send` for each of the datagrams, from the one on that was lost first the last time; whether all
+/// were sent.
 template <class Send>
-bool MulticastSender::sendEach(const InterfaceData_t& interface, std::size_t count, Send send) const
+bool MulticastSender::sendEach(const InterfaceData_t& interface, List list, std::size_t count,
+                               Send send) const
 {
-    std::size_t& firstLost = interface.pace->firstLost.at(interface.pace->isInternalList ? 1 : 0);
+    std::size_t& firstLost = interface.pace->firstLost.at(static_cast<std::size_t>(list));
     std::size_t next = firstLost < count ? firstLost : 0;
     std::optional<std::size_t> lost;
     bool result = true;
@@ -348,6 +346,15 @@ bool MulticastSender::sendEach(const InterfaceData_t& interface, std::size_t cou
     return result;
 }
 
+bool MulticastSender::WaitBudget::isLeft(const Poco::Clock& now)
+{
+    if (now - m_second >= microsecondsPerSecond) {
+        m_second = now;
+        m_spent = 0;
+    }
+    return m_spent < sendTimeout;
+}
+
 /// Sends a datagram, and waits for room only if the interface is worth it.
 template <class Send>
 bool MulticastSender::sendPaced(const InterfaceData_t& interface, Send send) const
@@ -357,17 +364,13 @@ bool MulticastSender::sendPaced(const InterfaceData_t& interface, Send send) con
     Poco::Net::MulticastSocket socket = *interface.socketPtr;
     Pace& pace = *interface.pace;
     const Poco::Clock begin = SDClock::now();
-    if (begin - m_second >= microsecondsPerSecond) {
-        m_second = begin;
-        m_waited = 0;
-    }
-    const bool waits = !pace.isStalled && m_waited < sendTimeout;
+    const bool waits = !pace.isStalled && m_waitBudget.isLeft(begin);
     if (socket.getBlocking() != waits)
         socket.setBlocking(waits);
     const bool isSent = send();
     const Poco::Clock::ClockDiff duration = SDClock::now() - begin;
     if (duration >= shortestWait)
-        m_waited += duration;
+        m_waitBudget.spend(duration);
     if (isSent)
         pace.isStalled = false;
     else if (waits && duration >= shortestWait)
@@ -375,19 +378,20 @@ bool MulticastSender::sendPaced(const InterfaceData_t& interface, Send send) con
     return isSent;
 }
 
-bool MulticastSender::sendServices(const InterfaceData_t& interface, const MulticastData& packages) const
+bool MulticastSender::sendServices(const InterfaceData_t& interface, const MulticastData& packages,
+                                   List list) const
 {
-    return sendEach(interface, packages.size(),
+    return sendEach(interface, list, packages.size(),
                     [&](std::size_t i) { return transmit(interface.socketPtr, packages[i]); });
 }
 
-bool MulticastSender::sendServices(const InterfaceData_t& interface, SendData& data) const
+bool MulticastSender::sendServices(const InterfaceData_t& interface, SendData& data, List list) const
 {
     if (data.offsets.size() != data.packages.size()) {
         SD_LOG(Error) << "sendServices: package & offsets count mismatch!";
         return false;
     }
-    return sendEach(interface, data.packages.size(), [&](std::size_t i) {
+    return sendEach(interface, list, data.packages.size(), [&](std::size_t i) {
         // A package in which nothing was replaced yet may hold an interface's address in its own right.
         const std::string& oldIP = data.offsets[i].empty() ? m_ipToReplace : data.ipToReplaceNext;
         const bool adjusted = adjustIPs(data.packages[i], oldIP, data.ipReplacement, data.offsets[i]);

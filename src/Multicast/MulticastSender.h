@@ -90,12 +90,30 @@ public:
 protected:
     using SocketPtr = Poco::SharedPtr<Poco::Net::MulticastSocket>;
 
+    /// What is sent on an interface in one go.
+    enum class List : std::uint8_t
+    {
+        All,
+        Internal
+    };
+
     /// How an interface takes its datagrams.
     struct Pace
     {
         bool isStalled = false;                  ///< it took none after a whole wait, and none since
-        bool isInternalList = false;             ///< what is being sent
-        std::array<std::size_t, 2> firstLost{};  ///< of the last list of several datagrams of either kind
+        std::array<std::size_t, 2> firstLost{};  ///< of the last run of each list of several datagrams
+    };
+
+    /// Limits how long all interfaces together are waited for in any second.
+    class WaitBudget
+    {
+    public:
+        bool isLeft(const Poco::Clock& now);
+        void spend(Poco::Clock::ClockDiff microseconds) { m_spent += microseconds; }
+
+    private:
+        Poco::Clock m_second{Poco::Clock::ClockVal{0}};  // its begin
+        Poco::Clock::ClockDiff m_spent = 0;              // in it
     };
 
     struct InterfaceData_t
@@ -138,8 +156,9 @@ protected:
     Outcome addInterface_byIP(const std::string& name, const std::string& ip);
     void removeInterface_byIP(const std::string& name, const std::string& ip);
 
-    bool sendServices(const InterfaceData_t& interface, const MulticastData& packages) const;
-    bool sendServices(const InterfaceData_t& interface, SendData& data) const;
+    bool sendServices(const InterfaceData_t& interface, const MulticastData& packages,
+                      List list = List::All) const;
+    bool sendServices(const InterfaceData_t& interface, SendData& data, List list = List::All) const;
     /// Overwrites every occurrence of the old address with the new one, at the offsets if there are any,
     /// else wherever it stands, and notes the offsets.
     static bool adjustIPs(MulticastPackage& package, const std::string& oldIP, const std::string& newIP,
@@ -148,10 +167,10 @@ protected:
 
 private:
     template <class Send>
-    bool sendEach(const InterfaceData_t& interface, std::size_t count, Send send) const;
+    bool sendEach(const InterfaceData_t& interface, List list, std::size_t count, Send send) const;
     template <class Send>
     bool sendPaced(const InterfaceData_t& interface, Send send) const;
-    bool sendAdjusted(const InterfaceData_t& interface, SendData& data) const;
+    bool sendAdjusted(const InterfaceData_t& interface, SendData& data, List list) const;
     std::shared_ptr<const InterfaceContainer> interfaces() const;
     void unsafe_replaceInterfaces(InterfaceContainer interfaces);
     Outcome unsafe_add(const AdmittedInterface& admitted, const std::string& ip, Attempt attempt);
@@ -170,9 +189,8 @@ private:
     std::atomic<std::uint64_t> m_addressChanges{0};
     bool m_initialised = false;
     std::string m_ipToReplace;
-    std::shared_ptr<const std::string> m_unitAddress;        // the same, for any thread; see m_interfaces
-    mutable Poco::Clock m_second{Poco::Clock::ClockVal{0}};  // in which is waited
-    mutable Poco::Clock::ClockDiff m_waited = 0;             // in it, in microseconds
+    std::shared_ptr<const std::string> m_unitAddress;  // the same, for any thread; see m_interfaces
+    mutable WaitBudget m_waitBudget;                   // the sending thread's
 };
 
 }  // namespace Multicast

@@ -555,26 +555,45 @@ TEST_F(TwoInterfacesSenderTest, InterfaceThatTakesItsDatagramsSlowlyIsWaitedForA
     EXPECT_TRUE(taken());
 }
 
-TEST_F(TwoInterfacesSenderTest, SlowInterfaceGetsAllOfAListInTurn)
-{
-    std::vector<std::string> bytes;
-    Sender::MulticastData list;
-    for (char i = 0; i < 100; ++i)
-        bytes.emplace_back(1212, i);
-    for (std::string& datagram : bytes)
-        list.insert(list.end(), 4, {datagram.data(), datagram.size()});
-    network.here.tc("qdisc add dev eth0 root tbf rate 20mbit burst 1600 limit 10000000");  // one in 0.5 ms
+namespace {
 
-    const bool areAllHeard = eventually([&] {
-        sender->sendMulticast(list, {});
+/// More datagrams than a slow interface takes at once: a hundred different ones, four times each.
+struct LongList
+{
+    LongList()
+    {
+        for (char i = 0; i < 100; ++i)
+            bytes.emplace_back(1212, i);
+        for (std::string& datagram : bytes)
+            list.insert(list.end(), 4, {datagram.data(), datagram.size()});
+    }
+
+    bool areAllHeard(Listener& listener) const
+    {
         std::set<std::string> heard;
-        for (const Listener::Datagram& datagram : listener0.datagrams())
+        for (const Listener::Datagram& datagram : listener.datagrams())
             heard.insert(datagram.bytes);
         return heard.size() == bytes.size();
-    });
+    }
 
-    EXPECT_TRUE(areAllHeard);
-    EXPECT_THAT(log.errors(), SizeIs(Gt(list.size() / 2))) << "or it was not slow";
+    std::vector<std::string> bytes;
+    Sender::MulticastData list;
+};
+
+constexpr auto slow = "qdisc add dev eth0 root tbf rate 20mbit burst 1600 limit 10000000";  // one in 0.5 ms
+
+}  // namespace
+
+TEST_F(TwoInterfacesSenderTest, SlowInterfaceGetsAllOfAListInTurn)
+{
+    const LongList datagrams;
+    network.here.tc(slow);
+
+    EXPECT_TRUE(eventually([&] {
+        sender->sendMulticast(datagrams.list, {});
+        return datagrams.areAllHeard(listener0);
+    }));
+    EXPECT_THAT(log.errors(), SizeIs(Gt(datagrams.list.size() / 2))) << "or it was not slow";
     EXPECT_THAT(log.errors(),
                 Each("Error: sendMulticast caught exception: I/O error: Operation would block"));
 }
@@ -582,22 +601,37 @@ TEST_F(TwoInterfacesSenderTest, SlowInterfaceGetsAllOfAListInTurn)
 TEST_F(MulticastSenderTest, SlowInterfaceGetsAllOfAListInTurnBesideAnother)
 {
     Listener listener = addListenedInterface("eth0", "fe80::1");
-    std::vector<std::string> bytes;
-    Sender::MulticastData list;
-    for (char i = 0; i < 100; ++i)
-        bytes.emplace_back(1212, i);
-    for (std::string& datagram : bytes)
-        list.insert(list.end(), 4, {datagram.data(), datagram.size()});
-    const Sender::MulticastData internal(3, list.back());
-    network.here.tc("qdisc add dev eth0 root tbf rate 20mbit burst 1600 limit 10000000");  // one in 0.5 ms
+    const LongList datagrams;
+    const Sender::MulticastData internal(3, datagrams.list.back());
+    network.here.tc(slow);
 
     EXPECT_TRUE(eventually([&] {
-        sender->sendMulticast(list, internal);
-        std::set<std::string> heard;
-        for (const Listener::Datagram& datagram : listener.datagrams())
-            heard.insert(datagram.bytes);
-        return heard.size() == bytes.size();
+        sender->sendMulticast(datagrams.list, internal);
+        return datagrams.areAllHeard(listener);
     }));
+}
+
+/// Each would be waited for, and takes a datagram every ten milliseconds.
+TEST_F(MulticastSenderTest, ManySlowInterfacesHoldUpNobodyForLonger)
+{
+    constexpr int interfaces = 8;
+    for (int i = 0; i < interfaces; ++i) {
+        const std::string name = "eth" + std::to_string(i);
+        addInterface(name, "fd0" + std::to_string(i) + "::1");
+        network.here.tc("qdisc add dev " + name + " root tbf rate 1mbit burst 1600 limit 10000000");
+    }
+    const LongList datagrams;
+    sender->sendMulticast(datagrams.list, {});  // the queues are full from here on
+
+    constexpr double longest = 100;
+    const Sender::MulticastData few(16, datagrams.list.front());
+    const auto send = [&] {
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));  // each takes the first again
+        SDClock::turn(1000000);
+        sender->sendMulticast(few, {});
+    };
+
+    EXPECT_LT(shortestTime(send, longest), longest) << "not 20 milliseconds for each";
 }
 
 TEST_F(MulticastSenderTest, DatagramWaitsTwentyMillisecondsForRoom)
