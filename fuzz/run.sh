@@ -20,7 +20,7 @@ targets get together; each gets an equal share. Without TARGET all are run.
 
 The targets work on a copy of the corpus in build-fuzz/corpus, which grows from run
 to run. A target ends with its first finding. Exit code 1 if there was one; its input
-is kept in build-fuzz/findings.
+is kept in build-fuzz/findings. The table tells seconds of processor time.
 EOF
 }
 
@@ -41,6 +41,7 @@ fuzz() {
         -dict=fuzz/service-discovery.dict -print_final_stats=1 \
         -artifact_prefix="$work/findings/$run-$target-" "$work/corpus/$target" \
         >"$work/log/$target" 2>&1 || echo "exit code: $?" >>"$work/log/$target"
+    times >>"$work/log/$target" # the last line: what the target has taken
 }
 
 if [ "${1-}" = --one ]; then # for this script itself, which runs several at a time
@@ -116,14 +117,14 @@ row target seconds executions per-second edges features corpus findings
 failed=
 for target in "$@"; do
     executed=$(last stat::number_of_executed_units "$target")
-    lasted=$(sed -n 's/^Done [0-9]* runs in \([0-9]*\) second.*/\1/p' "$work/log/$target" | grep . || echo -)
+    taken=$(tail -n 1 "$work/log/$target" | awk -F '[ms ]+' '{ printf "%d", $1 * 60 + $2 + $3 * 60 + $4 }')
     found=0
     if grep -q '^exit code: ' "$work/log/$target"; then
         found=1
         failed="$failed $target"
     fi
-    row "$target" "$lasted" "$executed" "$(last stat::average_exec_per_sec "$target")" "$(last cov "$target")" \
-        "$(last ft "$target")" "$(find "$work/corpus/$target" -type f | wc -l)" "$found"
+    row "$target" "$taken" "$executed" "$(last stat::average_exec_per_sec "$target")" \
+        "$(last cov "$target")" "$(last ft "$target")" "$(find "$work/corpus/$target" -type f | wc -l)" "$found"
 done
 
 if [ "$update" = yes ]; then
