@@ -380,6 +380,45 @@ TEST_F(ProcessLifeTest, ProcessMayEndInALineAboutAnInterfaceWhileAnotherIsReport
     EXPECT_EXIT(scenario(), ::testing::ExitedWithCode(works), "");
 }
 
+/// Others may be at work when a thread ends the process. They stop after what they are at.
+TEST_F(ProcessLifeTest, WhatComesInAfterTheFacadeIsDestroyedIsNotHandled)
+{
+    static std::atomic<int> received{0};
+    static std::atomic<int> handled{0};
+    static std::atomic<bool> isDestroyed{false};
+    static Speaker& neighbour = speaker;
+    const auto scenario = [&] {
+        std::atexit([] {
+            const int receivedBefore = received;
+            isDestroyed = true;  // the handler goes on
+            neighbour.send("no packet, but as long as one");
+            const bool isSilent = keeps([&] { return received == receivedBefore; }, milliseconds(200));
+            ::_exit(isSilent && handled == 1 ? works : isWrong);
+        });
+        LogCatcher log;
+        Unit& unit = unitOfTheProcess();
+        log.onLine([](const std::string& line) {
+            received += line == "Trace: MulticastReceiver onSocketReadable" ? 1 : 0;
+            if (line.find("SDRequestHandler - ") != std::string::npos) {
+                ++handled;
+                eventually([] { return isDestroyed.load(); });
+            }
+            if (line.find("not an appropriate IP") != std::string::npos)
+                std::exit(isWrong);
+        });
+        if (!unit.startup())
+            ::_exit(isWrong);
+        for (int datagram = 1; datagram <= 3; ++datagram) {
+            speaker.send("no packet, but as long as one");
+            if (!eventually([&] { return received >= datagram && handled == 1; }))
+                ::_exit(isWrong);
+        }
+        unit.platform.dispatcher().addInterface("eth0", "nonsense");
+    };
+
+    EXPECT_EXIT(scenario(), ::testing::ExitedWithCode(works), "");
+}
+
 TEST(ManyInterfacesTest, TwoHundredAndFortyAreServedInAThirdOfASecond)
 {
     constexpr int interfaces = 240;
