@@ -7,7 +7,6 @@
 #include "DataLayer/SOME_IP_SD/SOME_IP_SD_Option_IPv4.h"
 #include "DataLayer/SOME_IP_SD/SOME_IP_SD_Option_IPv6.h"
 #include "DataLayer/SOME_IP_SD/SOME_IP_SD_Option_LoadBalancing.h"
-#include "ServiceDiscovery.h"
 
 #include <Common/CurrentException.h>
 #include <KELOEMInterfaceLib/OEMDispatcher.h>
@@ -17,7 +16,6 @@
 #include <Poco/Delegate.h>
 #include <Poco/Exception.h>
 #include <Poco/MemoryStream.h>
-#include <Poco/String.h>
 
 #include <algorithm>
 #include <array>
@@ -239,11 +237,11 @@ const std::string& packetOf(const SDService& service)
 
 }  // namespace
 
-SDCommunicationHub::SDCommunicationHub(ServiceDiscovery& serviceDiscovery)
-    : m_serviceDiscovery(serviceDiscovery)
+SDCommunicationHub::SDCommunicationHub(RegistryCallback serviceDiscovery)
+    : m_serviceDiscovery(std::move(serviceDiscovery))
     , m_statemachine(*this)
     , m_bufferPool(Multicast::MulticastSender::getMTU(), preallocatedBlocks, unlimitedBlocks)
-    , m_sender(*this, discoveryGroup, discoveryPort)
+    , m_sender(discoveryGroup, discoveryPort)
     , m_receiver(*this, discoveryGroup, discoveryPort)
     , m_requestHandler(m_requestHandlerQueue)
 {
@@ -628,10 +626,10 @@ bool SDCommunicationHub::extractFindServiceOptions(
     return false;
 }
 
-void SDCommunicationHub::notifyServiceRegistry(ServiceDiscovery::ServiceListEventPayload& payload) const
+void SDCommunicationHub::notifyServiceRegistry(ServiceListEventPayload& payload) const
 {
     const EngineFrame frame(this);
-    m_serviceDiscovery.ServiceListChanged.notify(&m_serviceDiscovery, payload);
+    m_serviceDiscovery(payload);
 }
 
 bool SDCommunicationHub::isOwnAddress(const Poco::Net::IPAddress& address) const
@@ -647,13 +645,7 @@ bool SDCommunicationHub::isOwnOutgoingAddress(const Poco::Net::SocketAddress& ad
 bool SDCommunicationHub::containsIP(const Poco::Net::NetworkInterface::AddressList& addressList,
                                     const Poco::Net::IPAddress& ip, const std::string& interfaceName)
 {
-    const std::string plain = ip.toString();
-    // Poco writes addresses in lower case, the scope included.
-    const std::string scoped = Poco::toLower(plain + "%" + interfaceName);
-    return std::any_of(addressList.begin(), addressList.end(), [&](const auto& entry) {
-        const std::string text = entry.template get<Poco::Net::NetworkInterface::IP_ADDRESS>().toString();
-        return text == plain || text == scoped;
-    });
+    return Multicast::containsIP(addressList, ip, interfaceName);
 }
 
 std::uint16_t SDCommunicationHub::nextSessionID()

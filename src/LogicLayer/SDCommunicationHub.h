@@ -1,13 +1,15 @@
 #pragma once
 
+#include "DataLayer/ServiceEvents.h"
 #include "LogicLayer/DropCounter.h"
+#include "LogicLayer/Engine.h"
 #include "LogicLayer/SDMessageNotification.h"
 #include "LogicLayer/SDRequestHandler.h"
 #include "LogicLayer/SDStateMachine.h"
 #include "Multicast/MulticastReceiver.h"
 #include "Multicast/MulticastSender.h"
+#include "Multicast/OutgoingAddresses.h"
 #include "Multicast/ReportedInterfaces.h"
-#include "ServiceDiscovery.h"
 
 #include <KELOEMInterfaceLib/OEMDispatcherCalls.h>
 
@@ -20,6 +22,7 @@
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <string>
 #include <utility>
@@ -36,10 +39,13 @@ class SOME_IP_SD_Option_LoadBalancing;
 
 /// Holds the engine together: owns its parts, connects their events, turns the facade's requests and the
 /// received entries into events of the state machine, and the state machine's decisions into packets.
-class SDCommunicationHub
+class SDCommunicationHub : public Engine, public Multicast::OutgoingAddresses
 {
 public:
     using SDMessageNotification = Nubo::ServiceDiscovery::SDMessageNotification;
+
+    /// Delivers an event to the registry's subscribers. What they throw passes to the caller.
+    using RegistryCallback = std::function<void(ServiceListEventPayload& payload)>;
 
     /// A closed range of ports.
     struct InternalPortRange_t
@@ -58,11 +64,15 @@ public:
 
     /// Throws Poco::Exception when the service locator has no platform dispatcher. One that is null is an
     /// error in the log, and no interface is ever reported.
-    explicit SDCommunicationHub(ServiceDiscovery& serviceDiscovery);
-    virtual ~SDCommunicationHub();
-
-    SDCommunicationHub(const SDCommunicationHub&) = delete;
-    SDCommunicationHub& operator=(const SDCommunicationHub&) = delete;
+    explicit SDCommunicationHub(RegistryCallback serviceDiscovery);
+    /// Raises the facade's ServiceListChanged.
+    template <class Facade, class = decltype(std::declval<Facade&>().ServiceListChanged)>
+    explicit SDCommunicationHub(Facade& facade)
+        : SDCommunicationHub(RegistryCallback([&facade](ServiceListEventPayload& payload) {
+            facade.ServiceListChanged.notify(&facade, payload);
+        }))
+    {}
+    ~SDCommunicationHub() override;
 
     /// Sends packets for one service, or for several in one go: an OFFER for a service of this unit, a FIND
     /// for a wanted one. Not to be called by two threads at once: the state machine calls with its mutex
@@ -70,28 +80,18 @@ public:
     virtual void announce(const SDService::Ptr& service);
     virtual void announce(const std::vector<SDService::Ptr>& services);
 
-    /// True when the engine runs on the unit's address, now or already. False, with the reason in the log,
-    /// when the receiver cannot be bound, when a subscriber still holds up what runs or ran, or when memory
-    /// or threads are short; then nothing runs. Never throws.
-    bool start(const Poco::Net::IPAddress& localAddress);
-    /// Whatever fails on the way, the engine has stopped when it returns. Never throws.
-    void stop();
-    /// The same for a thread that delivers an event, or writes a line of the log, and must not wait for
-    /// itself: withdraws the services. The threads stay.
-    void stopFromWithin() noexcept;
-    bool isRunning() const { return m_running; }
-    bool isStopping() const { return m_isStopping; }
+    bool start(const Poco::Net::IPAddress& localAddress) override;
+    void stop() override;
+    void stopFromWithin() noexcept override;
+    bool isRunning() const override { return m_running; }
+    bool isStopping() const override { return m_isStopping; }
+    bool isOnThisThread() const override;
+    bool isOfThisProcess() const override;
 
-    /// Whether the calling thread works for this engine, or holds a lock of it.
-    bool isOnThisThread() const;
-    /// Whether the engine was made by this process, not by one that was forked from.
-    bool isOfThisProcess() const;
-
-    /// Requests of the registry. False, after an error line, for a record that cannot be put on the wire.
-    bool addService(SDService::Ptr& service);
-    bool findService(SDService::Ptr& service);
-    bool removeService(const std::string& localUuid);
-    std::vector<ServiceStatus> getServices() const;
+    bool addService(SDService::Ptr& service) override;
+    bool findService(SDService::Ptr& service) override;
+    bool removeService(const std::string& localUuid) override;
+    std::vector<ServiceStatus> getServices() const override;
 
     /// A datagram was received: queues it. Runs on the receiver's thread.
     void onMessageReceived(MulticastDataPtr& msg);
@@ -101,7 +101,7 @@ public:
     void onOfferServiceReceived(SDRequestHandler::OfferServicePayload& payload);
 
     /// Raises the facade's event. Called by the state machine with its mutex held.
-    void notifyServiceRegistry(ServiceDiscovery::ServiceListEventPayload& payload) const;
+    void notifyServiceRegistry(ServiceListEventPayload& payload) const;
 
     /// Writes the counted warnings that are due.
     void reportDrops();
@@ -111,7 +111,7 @@ public:
     /// Grows with every change of these addresses.
     std::uint64_t addressChanges() const { return m_sender.addressChanges(); }
     /// Whether the address is that of one of this unit's sending sockets.
-    bool isOwnOutgoingAddress(const Poco::Net::SocketAddress& address) const;
+    bool isOwnOutgoingAddress(const Poco::Net::SocketAddress& address) const override;
 
     /// Whether an interface's address list holds the address, with or without the interface as its scope.
     static bool containsIP(const Poco::Net::NetworkInterface::AddressList& addressList,
@@ -144,7 +144,7 @@ private:
     void resetBuffers();
     std::uint16_t nextSessionID();
 
-    ServiceDiscovery& m_serviceDiscovery;
+    const RegistryCallback m_serviceDiscovery;
     SDStateMachine m_statemachine;
     OEMInterface::ResponseBindingPtr m_multicastAddIfBinding;
     OEMInterface::ResponseBindingPtr m_multicastRemoveIfBinding;

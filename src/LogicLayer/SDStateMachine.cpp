@@ -3,7 +3,6 @@
 #include "DataLayer/Log.h"
 #include "DataLayer/SDClock.h"
 #include "LogicLayer/SDCommunicationHub.h"
-#include "ServiceDiscovery.h"
 
 #include <Common/CurrentException.h>
 #include <KELOEMInterfaceLib/OEMDispatcher.h>
@@ -988,8 +987,8 @@ bool SDStateMachine::unsafe_discover(SDService::Ptr& service, unsigned short ins
     service->setInstanceId(instanceID);
     // There has to be room for it before the registry is told.
     Entry& entry = m_periodicWorkload.push_back(service);
-    ServiceDiscovery::ServiceListEventPayload payload(
-        ServiceDiscovery::ServiceListEventPayload::SERVICE_DISCOVERED, &service->getNuboDescription());
+    ServiceListEventPayload payload(
+        ServiceListEventPayload::SERVICE_DISCOVERED, &service->getNuboDescription());
     try {
         m_hub.notifyServiceRegistry(payload);
     }
@@ -1056,9 +1055,9 @@ void SDStateMachine::unsafe_tellGone(Entry& entry)
 {
     SDService::Ptr service = entry;
     const NuboServiceDescription& description = service->getNuboDescription();
-    std::optional<ServiceDiscovery::ServiceListEventPayload> payload;
+    std::optional<ServiceListEventPayload> payload;
     try {
-        payload.emplace(ServiceDiscovery::ServiceListEventPayload::SERVICE_GONE, &description,
+        payload.emplace(ServiceListEventPayload::SERVICE_GONE, &description,
                         description.getLocalUuid());
         m_hub.notifyServiceRegistry(*payload);
     }

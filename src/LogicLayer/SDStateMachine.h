@@ -2,6 +2,7 @@
 
 #include "DataLayer/EngineFrame.h"
 #include "DataLayer/SDService.h"
+#include "DataLayer/ServiceEvents.h"
 #include "LogicLayer/DiscoveryBounds.h"
 #include "LogicLayer/DropCounter.h"
 #include "LogicLayer/RecordIndex.h"
@@ -26,7 +27,6 @@
 namespace Nubo::ServiceDiscovery {
 
 class SDCommunicationHub;
-struct ServiceStatus;
 
 /// Records by the time at which they fall due; equal times in the order of insertion.
 using AperiodicServicesContainer = std::multimap<Poco::Clock, SDService::Ptr>;

@@ -2,7 +2,6 @@
 
 #include "DataLayer/EngineFrame.h"
 #include "DataLayer/Log.h"
-#include "LogicLayer/SDCommunicationHub.h"
 #include "Multicast/CloseOnExec.h"
 #include "Multicast/InterfaceAdmission.h"
 
@@ -143,7 +142,7 @@ MulticastReceiver::MulticastData::MulticastData(Poco::Buffer<MulticastDataType>&
     , origin(sender)
 {}
 
-MulticastReceiver::MulticastReceiver(SDCommunicationHub& parent, const std::string& groupHost,
+MulticastReceiver::MulticastReceiver(const OutgoingAddresses& parent, const std::string& groupHost,
                                      std::uint16_t port)
     : m_parent(parent)
     , m_discoveryAddress(groupHost, port)

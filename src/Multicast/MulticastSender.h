@@ -23,11 +23,7 @@
 #include <utility>
 #include <vector>
 
-namespace Nubo::ServiceDiscovery {
-
-class SDCommunicationHub;
-
-namespace Multicast {
+namespace Nubo::ServiceDiscovery::Multicast {
 
 /// Sends datagrams to the discovery group on every interface that the platform reports, from one socket an
 /// interface. The datagrams carry a placeholder, the unit's address given to init(); with several
@@ -40,7 +36,7 @@ public:
     using AdjustmentOffsets = std::vector<std::uint64_t>;  ///< where in a package an address stands
     using AdjustmentData = std::vector<AdjustmentOffsets>;
 
-    MulticastSender(SDCommunicationHub& parent, const std::string& groupHost, std::uint16_t port);
+    MulticastSender(const std::string& groupHost, std::uint16_t port);
     /// Closes all sockets.
     virtual ~MulticastSender();
 
@@ -193,6 +189,4 @@ private:
     mutable WaitBudget m_waitBudget;                   // the sending thread's
 };
 
-}  // namespace Multicast
-
-}  // namespace Nubo::ServiceDiscovery
+}  // namespace Nubo::ServiceDiscovery::Multicast
