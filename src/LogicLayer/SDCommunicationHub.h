@@ -3,6 +3,7 @@
 #include "DataLayer/ServiceEvents.h"
 #include "LogicLayer/DropCounter.h"
 #include "LogicLayer/Engine.h"
+#include "LogicLayer/OutgoingDatagrams.h"
 #include "LogicLayer/SDMessageNotification.h"
 #include "LogicLayer/SDRequestHandler.h"
 #include "LogicLayer/SDStateMachine.h"
@@ -13,7 +14,6 @@
 
 #include <KELOEMInterfaceLib/OEMDispatcherCalls.h>
 
-#include <Poco/MemoryPool.h>
 #include <Poco/Mutex.h>
 #include <Poco/Net/NetworkInterface.h>
 #include <Poco/NotificationQueue.h>
@@ -32,11 +32,6 @@
 
 namespace Nubo::ServiceDiscovery {
 
-class SOME_IP_SD_Option_Configuration;
-class SOME_IP_SD_Option_IPv4;
-class SOME_IP_SD_Option_IPv6;
-class SOME_IP_SD_Option_LoadBalancing;
-
 /// Holds the engine together: owns its parts, connects their events, turns the facade's requests and the
 /// received entries into events of the state machine, and the state machine's decisions into packets.
 class SDCommunicationHub : public Engine, public Multicast::OutgoingAddresses
@@ -47,15 +42,8 @@ public:
     /// Delivers an event to the registry's subscribers. What they throw passes to the caller.
     using RegistryCallback = std::function<void(ServiceListEventPayload& payload)>;
 
-    /// A closed range of ports.
-    struct InternalPortRange_t
-    {
-        std::uint32_t lowerBoundary;
-        std::uint32_t upperBoundary;
-    };
-
-    /// Services on these ports are announced on interfaces with link-local addresses only.
-    static constexpr InternalPortRange_t s_internalPortRange{47000, 49151};
+    using InternalPortRange_t = OutgoingDatagrams::InternalPortRange_t;
+    static constexpr InternalPortRange_t s_internalPortRange = OutgoingDatagrams::s_internalPortRange;
 
     /// At most so many received datagrams wait for the request handler, and so many bytes of them; more are
     /// dropped: while they are handled, nothing newer is heard.
@@ -118,9 +106,6 @@ public:
                            const Poco::Net::IPAddress& ip, const std::string& interfaceName);
 
 private:
-    /// Datagrams in pool blocks, with the bytes that each of them has by now.
-    using Datagrams = Multicast::MulticastSender::MulticastData;
-
     void bindReports();
     void onInterfaceAdded(OEMInterface::AddServiceDiscoveryInterfacePayload& payload);
     void onInterfaceRemoved(OEMInterface::RemoveServiceDiscoveryInterfacePayload& payload);
@@ -130,27 +115,11 @@ private:
     bool isRequestHandlerFree();
     void stopRequestHandler();
 
-    bool extractOfferServiceOptions(const std::vector<SOME_IP_SD_Option::Ptr>& options,
-                                    Poco::SharedPtr<SOME_IP_SD_Option_IPv4>& ipv4,
-                                    Poco::SharedPtr<SOME_IP_SD_Option_IPv6>& ipv6,
-                                    Poco::SharedPtr<SOME_IP_SD_Option_Configuration>& config,
-                                    Poco::SharedPtr<SOME_IP_SD_Option_LoadBalancing>& loadBalancing) const;
-    bool extractFindServiceOptions(const std::vector<SOME_IP_SD_Option::Ptr>& options,
-                                   Poco::SharedPtr<SOME_IP_SD_Option_Configuration>& config,
-                                   Poco::SharedPtr<SOME_IP_SD_Option_LoadBalancing>& loadBalancing) const;
-
-    bool isSendable(const SDService& service, SDService::Type::Type_t type) const;
-    void storeServiceInBuffer(const SDService& service, Datagrams& buffers);
-    void resetBuffers();
-    std::uint16_t nextSessionID();
-
     const RegistryCallback m_serviceDiscovery;
     SDStateMachine m_statemachine;
     OEMInterface::ResponseBindingPtr m_multicastAddIfBinding;
     OEMInterface::ResponseBindingPtr m_multicastRemoveIfBinding;
-    Poco::MemoryPool m_bufferPool;
-    Datagrams m_bufferExternals;
-    Datagrams m_bufferInternals;
+    OutgoingDatagrams m_outgoing;
     Multicast::MulticastSender m_sender;
     Multicast::MulticastReceiver m_receiver;
     std::atomic<std::size_t> m_waitingBytes{0};  // of the queue
@@ -158,7 +127,6 @@ private:
     SDRequestHandler m_requestHandler;
     std::unique_ptr<Poco::Thread> m_requestHandlerThread;  // a new one for each start
     std::atomic<bool> m_running{false};
-    std::uint16_t m_senderSessionID = 1;
 
     Multicast::ReportedInterfaces m_reportedInterfaces{m_receiver, m_sender};
     Poco::FastMutex m_lifecycleMutex;  // serialises start and stop
