@@ -5,8 +5,10 @@
 #include "DataLayer/ServiceEvents.h"
 #include "LogicLayer/DiscoveryBounds.h"
 #include "LogicLayer/DropCounter.h"
+#include "LogicLayer/EventMemory.h"
 #include "LogicLayer/RecordIndex.h"
 #include "LogicLayer/ServiceIdentity.h"
+#include "LogicLayer/ServicesContainer.h"
 #include "LogicLayer/TimebasedWorker.h"
 #include "LogicLayer/Workload.h"
 
@@ -17,8 +19,6 @@
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
-#include <iosfwd>
-#include <map>
 #include <mutex>
 #include <optional>
 #include <string>
@@ -27,11 +27,7 @@
 namespace Nubo::ServiceDiscovery {
 
 class SDCommunicationHub;
-
-/// Records by the time at which they fall due; equal times in the order of insertion.
-using AperiodicServicesContainer = std::multimap<Poco::Clock, SDService::Ptr>;
-/// Records in the order of insertion.
-using ServicesContainer = std::vector<SDService::Ptr>;
+struct Matches;
 
 /// Knows every service that the unit announces, looks for or has learnt of, and drives each through its
 /// phases.
@@ -73,7 +69,7 @@ public:
         std::string localUuid;   ///< for HTTP_DELETE: the registry's identifier
     };
 
-    explicit SDStateMachine(SDCommunicationHub& hub);
+    explicit SDStateMachine(SDCommunicationHub& hub, EventMemory eventMemory = platformEventMemory());
     virtual ~SDStateMachine();
 
     SDStateMachine(const SDStateMachine&) = delete;
@@ -244,6 +240,7 @@ protected:
     };
 
     SDCommunicationHub& m_hub;
+    const EventMemory m_eventMemory;
     Poco::Random m_rnd;
     std::atomic<bool> m_running{false};
     mutable Poco::FastMutex m_workloadMutex;
@@ -256,7 +253,6 @@ protected:
     PeriodicWorker m_periodicWorker;
 
 private:
-    struct Matches;
     using Entry = WorkloadEntry;
 
     bool unsafe_schedule(const SDService::Ptr& service, Entry* present);
@@ -294,18 +290,5 @@ private:
     std::atomic<DiscoveryBounds::Outcome> m_lastRefusal{DiscoveryBounds::Outcome::Refused};
     DropCounter m_displacements;
 };
-
-/// List a container's records for the log: their names, or their names with type and state.
-struct ServicesContainer_Printer
-{
-    const ServicesContainer& services;
-};
-std::ostream& operator<<(std::ostream& stream, const ServicesContainer_Printer& printer);
-
-struct ServicesContainer_TypeAndStatePrinter
-{
-    const ServicesContainer& services;
-};
-std::ostream& operator<<(std::ostream& stream, const ServicesContainer_TypeAndStatePrinter& printer);
 
 }  // namespace Nubo::ServiceDiscovery
