@@ -105,21 +105,25 @@ public:
     static bool containsIP(const Poco::Net::NetworkInterface::AddressList& addressList,
                            const Poco::Net::IPAddress& ip, const std::string& interfaceName);
 
-private:
-    void bindReports();
+protected:
     void onInterfaceAdded(OEMInterface::AddServiceDiscoveryInterfacePayload& payload);
     void onInterfaceRemoved(OEMInterface::RemoveServiceDiscoveryInterfacePayload& payload);
+
+private:
     class LifecycleLock;
+
+    void bindReports();
 
     void stopReceiving() noexcept;
     bool isRequestHandlerFree();
     void stopRequestHandler();
 
+protected:
     const RegistryCallback m_serviceDiscovery;
     SDStateMachine m_statemachine;
+    OutgoingDatagrams m_outgoing;
     OEMInterface::ResponseBindingPtr m_multicastAddIfBinding;
     OEMInterface::ResponseBindingPtr m_multicastRemoveIfBinding;
-    OutgoingDatagrams m_outgoing;
     Multicast::MulticastSender m_sender;
     Multicast::MulticastReceiver m_receiver;
     std::atomic<std::size_t> m_waitingBytes{0};  // of the queue

@@ -147,6 +147,9 @@ public:
     bool unsafe_findByUuid(const std::string& localUuid, ServicesContainer& services,
                            ServicesContainer::iterator& position) const;
 
+    const AperiodicWorkload& unsafe_aperiodicWorkload() const { return m_aperiodicWorkload; }
+    const PeriodicWorkload& unsafe_periodicWorkload() const { return m_periodicWorkload; }
+
     bool unsafe_addPeriodicService(const SDService::Ptr& service);
     /// Schedules the record by its type and state and sets the timer. False, after an error line, for a
     /// record that has nothing to do in this workload.
@@ -244,8 +247,9 @@ protected:
     Poco::Random m_rnd;
     std::atomic<bool> m_running{false};
     mutable Poco::FastMutex m_workloadMutex;
-    mutable std::mutex m_listingMutex;   // taken first
-    std::uint64_t m_addressChanges = 0;  // that have been looked at
+    mutable Poco::FastMutex m_turnMutex;  // held by the thread that gets the workload mutex next
+    mutable std::mutex m_listingMutex;    // taken first
+    std::uint64_t m_addressChanges = 0;   // that have been looked at
     RecordIndex m_index;
     AperiodicWorkload m_aperiodicWorkload{m_index};
     PeriodicWorkload m_periodicWorkload{m_index};
@@ -283,8 +287,7 @@ private:
     void unsafe_withdraw(WorkloadLock* lock);
     void unsafe_dropAnswers();
 
-    mutable Poco::FastMutex m_turnMutex;  // held by the thread that gets the workload mutex next
-    bool m_isClosed = false;              // nothing is taken from the network
+    bool m_isClosed = false;  // nothing is taken from the network
     std::atomic<std::uint64_t> m_reflectedOffers{0};
     DropCounter m_refusals;
     std::atomic<DiscoveryBounds::Outcome> m_lastRefusal{DiscoveryBounds::Outcome::Refused};

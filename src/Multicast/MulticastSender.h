@@ -161,6 +161,8 @@ protected:
                           AdjustmentOffsets& offsets);
     bool transmit(const SocketPtr& socket, const MulticastPackage& package) const;
 
+    mutable std::mutex m_interfacesMutex;
+
 private:
     template <class Send>
     bool sendEach(const InterfaceData_t& interface, List list, std::size_t count, Send send) const;
@@ -178,7 +180,6 @@ private:
 
     const Poco::Net::SocketAddress m_group;
     std::shared_ptr<const InterfaceContainer> m_interfaces;  // replaced as a whole, read with atomic_load
-    mutable std::mutex m_interfacesMutex;
     std::vector<RetiredAddress> m_retiredAddresses;
     std::vector<AwaitedInterface> m_awaited;
     std::atomic<bool> m_isAwaiting{false};  // whether there is any, without the mutex
