@@ -40,7 +40,7 @@ includes_of() { grep -hoE '^#include "[^"]+"' -r "$1" | sed -E 's/.*"(.*)"/\1/' 
     exported=$(nm --dynamic --demangle --defined-only "$KEL_SD_LIBRARY" | awk '$2 == "T" || $2 == "B" || $2 == "D"' |
         cut -d' ' -f3- | grep -vE '^(__|mangle_path$)')
     [ -n "$exported" ]
-    run ! grep -vE '^Nubo::ServiceDiscovery::(ServiceDiscovery|NuboServiceDescription|ServiceListEvent(Payload)?)::' <<<"$exported"
+    run ! grep -vE '^Nubo::ServiceDiscovery::(ServiceDiscovery|NuboServiceDescription|ServiceListEvent(Payload)?|KnownServices)::' <<<"$exported"
     for operation in startup shutdown running addService findService removeService getServices; do
         grep -q "^Nubo::ServiceDiscovery::ServiceDiscovery::$operation(" <<<"$exported"
     done
