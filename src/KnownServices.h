@@ -28,8 +28,8 @@ class ServiceDiscovery;
 ///
 /// Create it before startup() to include every service. It assigns the identifiers, so no other subscriber
 /// may do so. All operations are thread-safe and may be called within ServiceListChanged; none calls into the
-/// engine. The ServiceDiscovery must outlive the object. Otherwise it may be destroyed at any time, even
-/// while an event is being delivered.
+/// engine. The object may be destroyed at any time before the ServiceDiscovery, even while an event is being
+/// delivered.
 class KEL_SD_EXPORT KnownServices
 {
 public:

@@ -13,7 +13,7 @@ using Payload = ServiceListEventPayload;
 using Delegate = Poco::AbstractDelegate<Payload>;
 
 /// Wraps the delegate of a subscriber so that it can be disabled without waiting. Poco's delegates hold a
-/// lock while the subscriber runs, and their removal waits for that lock while it holds the lock of the
+/// lock while the subscriber runs, and their removal waits for that lock while holding the lock of the
 /// event. A subscriber that removes itself and another thread that removes it at the same time would
 /// deadlock.
 class UnlockedDelegate : public Delegate

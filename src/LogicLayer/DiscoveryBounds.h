@@ -14,10 +14,10 @@ namespace Nubo::ServiceDiscovery {
 ///
 /// A new service is taken while its sender has fewer services than there are free places, so that no single
 /// unit takes more than half of them. Otherwise it displaces the service that has gone longest without an
-/// offer, provided that this is at least `staleAfter`: a service of any unit when less than an eighth of the
-/// places is free, otherwise only one of the same unit or of a unit that has more services. Many units that
-/// leave few places free therefore cannot keep out a unit with few services. The same rules apply to the
-/// places of each name and to the bytes of text.
+/// offer, provided that its last offer is at least `staleAfter` ago. When less than an eighth of the places
+/// is free, it may displace a service of any unit, otherwise only one of the same unit or of a unit that has
+/// more services. Many units that leave few places free therefore cannot keep out a unit with few services.
+/// The same rules apply to the places of each name and to the bytes of text.
 class DiscoveryBounds
 {
 public:

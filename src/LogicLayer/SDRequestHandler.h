@@ -21,8 +21,8 @@ class LogLimit;
 using Multicast::MulticastDataPtr;
 
 /// Takes received datagrams from a queue, on a dedicated thread, and raises an event on that thread for every
-/// entry that finds or offers a service. Logs and skips bad datagrams, packets and entries, as well as
-/// exceptions of subscribers.
+/// entry that finds or offers a service. Logs and skips bad datagrams, packets and entries. Logs what
+/// subscribers throw and continues.
 class SDRequestHandler : public Poco::Runnable
 {
 public:
