@@ -46,7 +46,7 @@ using std::chrono::seconds;
 using Clock = std::chrono::steady_clock;
 
 constexpr std::size_t services = 10003;       // a multiple of seven
-constexpr std::size_t unlimited = 100000000;  // datagrams a second
+constexpr std::size_t unlimited = 100000000;  // datagrams per second
 const std::vector<std::string> unitThreads{"SdSockReact", "SdReqHdlr"};
 const std::vector<std::string> loopThreads{"BareLoop"};
 

@@ -47,7 +47,7 @@ class Program:
 
 @dataclass
 class Verdict:
-    outcome: str  # noticed, survived or "does not compile"
+    outcome: str  # "noticed", "survived" or "does not compile"
     by: str = ""
     seconds: float = 0
 

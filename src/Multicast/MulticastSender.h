@@ -120,7 +120,7 @@ protected:
         std::string ipAsByteStream;  ///< the interface's address, 16 bytes in network order
         bool isInternal;             ///< the address is link-local
         Poco::Net::IPAddress address;
-        Poco::Net::SocketAddress localAddress;                  ///< of the socket
+        Poco::Net::SocketAddress localAddress;                  ///< local address of the socket
         std::shared_ptr<Pace> pace = std::make_shared<Pace>();  ///< used only by the sending thread
     };
     /// Sorted by interface index.

@@ -23,7 +23,7 @@ namespace {
 // In microseconds.
 constexpr Poco::Clock::ClockDiff shortestWait = 50'000;
 constexpr Poco::Clock::ClockDiff longestWait = 1'000'000;
-constexpr Poco::Clock::ClockDiff waitShare = 8;  // of the time for which an interface has been pending
+constexpr Poco::Clock::ClockDiff waitShare = 8;  // waits 1/8 of the time that an interface has been pending
 /// A listing older than this is replaced, and so is one that lacks a reported interface. Until then it is
 /// reused, because platforms often report many interfaces in succession.
 constexpr Poco::Clock::ClockDiff listingAge = 100'000;

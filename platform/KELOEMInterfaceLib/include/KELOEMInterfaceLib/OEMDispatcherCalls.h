@@ -38,7 +38,7 @@ public:
 };
 using ResponseBindingPtr = Poco::SharedPtr<ResponseBinding>;
 
-/// Reports, delivered on a thread that the dispatcher chooses.
+/// Binds delegates to reports, which are delivered on a thread that the dispatcher chooses.
 class KEL_OEM_EXPORT OEMDispatcherAsyncCallDefinitions
 {
 public:
