@@ -1,7 +1,7 @@
-#include "CommandLine.h"
 #include "Errors.h"
-#include "LogOutput.h"
-#include "Text.h"
+#include "commands/CommandLine.h"
+#include "text/Text.h"
+#include "unit/LogOutput.h"
 
 #include <iostream>
 #include <iterator>
