@@ -1,5 +1,5 @@
 #include "Errors.h"
-#include "commands/CommandLine.h"
+#include "commands/Subcommands.h"
 #include "text/Text.h"
 #include "unit/LogOutput.h"
 
@@ -12,15 +12,6 @@
 namespace NuboSd {
 
 namespace {
-
-constexpr Subcommand subcommands[] = {
-    {"announce", "Announce services of this unit, and report those of other units", setUpAnnounce},
-    {"browse", "Report the services of other units as they come and go", setUpBrowse},
-    {"check", "Look for mistakes in a list of services", setUpCheck},
-    {"doctor", "Look for what hinders service discovery on this unit", setUpDoctor},
-    {"find", "Search for a service and print each instance found", setUpFind},
-    {"monitor", "Print every service-discovery packet on the interfaces, decoded", setUpMonitor},
-};
 
 /// "announce, browse or find"
 std::string names()

@@ -1,7 +1,6 @@
 #pragma once
 
-#include "services/ServiceEntry.h"
-#include "unit/LogOutput.h"
+#include "services/Fault.h"
 
 #include <KELOEMInterfaceLib/OEMDispatcher.h>
 
@@ -16,13 +15,7 @@
 
 namespace NuboSd {
 
-/// What is wrong with a service, and with which part of it.
-struct Fault
-{
-    std::string key;                     ///< of the services file; empty: the service as a whole
-    std::optional<std::size_t> element;  ///< of the key's list
-    std::string text;
-};
+struct ServiceEntry;
 
 /// Finds what cannot be announced. The library is asked for what only it knows: it has no interfaces here
 /// and is never started, so that nothing is sent.
@@ -42,10 +35,5 @@ public:
 private:
     std::optional<Nubo::ServiceDiscovery::ServiceDiscovery> m_accepted;
 };
-
-/// Announces the service; returns why the library refuses it, nothing if it does not.
-std::string announce(Nubo::ServiceDiscovery::ServiceDiscovery& discovery,
-                     const Nubo::ServiceDiscovery::NuboServiceDescription& description,
-                     ErrorCatcher::Others others = ErrorCatcher::Others::Written);
 
 }  // namespace NuboSd

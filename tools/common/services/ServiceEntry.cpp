@@ -1,6 +1,7 @@
 #include "services/ServiceEntry.h"
 
-#include "commands/CommandLine.h"
+#include "text/Text.h"
+#include "text/UnicastAddress.h"
 
 #include <Poco/UUID.h>
 #include <Poco/UUIDGenerator.h>
@@ -9,6 +10,20 @@ namespace NuboSd {
 
 using Nubo::ServiceDiscovery::NuboServiceDescription;
 using Nubo::ServiceDiscovery::OptionL4Protocol;
+
+ServiceEntry ServiceEntry::of(const NuboServiceDescription& description)
+{
+    ServiceEntry entry;
+    entry.name = description.getName();
+    entry.versions = description.getVersions();
+    entry.categories = description.getCategories();
+    entry.address = description.getIpAddressString();
+    entry.port = description.getPort();
+    entry.protocol = protocolName(description.getL4Proto());
+    entry.uuid = description.getLocalUuid();
+    entry.uri = description.getUri();
+    return entry;
+}
 
 NuboServiceDescription ServiceEntry::describe(const Poco::Net::IPAddress& unitAddress) const
 {

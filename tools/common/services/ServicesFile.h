@@ -2,18 +2,10 @@
 
 #include "services/ServiceEntry.h"
 
-#include <cstddef>
 #include <string>
 #include <vector>
 
 namespace NuboSd {
-
-/// A place in a file; line and column count from 1, the column in bytes.
-struct Position
-{
-    std::size_t line = 1;
-    std::size_t column = 1;
-};
 
 /// A list of services: a JSON array of objects with the keys of a "discovered" event.
 struct ServicesFile

@@ -2,20 +2,19 @@
 
 #include "Errors.h"
 #include "text/Text.h"
+#include "text/UnicastAddress.h"
 #include "unit/DiscoveryGroup.h"
+#include "unit/DiscoveryPort.h"
 #include "unit/LogOutput.h"
 
 #include <KELUtilLib/ApplicationServices.h>
 
 #include <Poco/Any.h>
 #include <Poco/Delegate.h>
-#include <Poco/Net/MulticastSocket.h>
-#include <Poco/Net/NetException.h>
+#include <Poco/Exception.h>
 #include <Poco/UUID.h>
 #include <Poco/UUIDGenerator.h>
 
-#include <algorithm>
-#include <cerrno>
 #include <iostream>
 #include <utility>
 
@@ -31,15 +30,15 @@ namespace {
 /// Throws NetworkError with the reason when the discovery port cannot be had.
 void checkPort()
 {
-    try {
-        Poco::Net::MulticastSocket probe(Poco::Net::SocketAddress::IPv6);
-        probe.bind(Poco::Net::SocketAddress(discoveryGroup, discoveryPort), false);
-    }
-    catch (const Poco::Exception& exception) {
-        if (exception.code() == EADDRINUSE)
+    const DiscoveryPort port = DiscoveryPort::probe();
+    switch (port.state) {
+        case DiscoveryPort::State::Free:
+            return;
+        case DiscoveryPort::State::Taken:
             throw NetworkError("another service registry already uses port " + std::to_string(discoveryPort) +
                                " on this unit");
-        throw NetworkError("the network cannot be used: " + exception.displayText());
+        case DiscoveryPort::State::Unusable:
+            throw NetworkError("the network cannot be used: " + port.error);
     }
 }
 
@@ -53,16 +52,16 @@ void noteMissingInterfaces(const std::vector<std::string>& names)
 
 }  // namespace
 
-Unit::Unit(const CommonOptions& common)
-    : m_common(common)
-    , m_end(common.duration ? EventLoop::after(*common.duration) : std::nullopt)
+Unit::Unit(const UnitOptions& options)
+    : m_options(options)
+    , m_end(options.duration ? EventLoop::after(*options.duration) : std::nullopt)
 {
-    if (!common.address.empty())
-        m_address = parseUnicastAddress(common.address, "--address:");
+    if (!options.address.empty())
+        m_address = parseUnicastAddress(options.address, "--address:");
     checkPort();
-    noteMissingInterfaces(common.interfaces);
+    noteMissingInterfaces(options.interfaces);
     try {
-        m_dispatcher = new OEMInterface::NetlinkDispatcher(common.interfaces);
+        m_dispatcher = new OEMInterface::NetlinkDispatcher(options.interfaces);
         ApplicationServices::getLocator().add(typeid(OEMInterface::OEMDispatcher),
                                               Poco::SharedPtr<OEMInterface::OEMDispatcher>(m_dispatcher));
         m_discovery = std::make_unique<ServiceDiscovery>();
@@ -82,7 +81,7 @@ Unit::~Unit()
 
 bool Unit::start()
 {
-    if (m_common.address.empty() && !chooseAddress())
+    if (m_options.address.empty() && !chooseAddress())
         return false;
     if (!m_discovery->startup(m_address)) {
         checkPort();

@@ -1,8 +1,8 @@
 #pragma once
 
-#include "commands/CommandLine.h"
-#include "terminal/EventPrinter.h"
 #include "unit/EventLoop.h"
+#include "unit/ServiceEvent.h"
+#include "unit/UnitOptions.h"
 
 #include <KELOEMInterfaceLib/OEMDispatcher.h>
 
@@ -21,9 +21,9 @@ namespace NuboSd {
 class Unit
 {
 public:
-    /// Takes stock of the interfaces. Throws NetworkError when the network cannot be used, in particular
-    /// when another registry of this unit holds the discovery port.
-    explicit Unit(const CommonOptions& common);
+    /// Takes stock of the interfaces; `options` must outlive the unit. Throws NetworkError when the network
+    /// cannot be used, in particular when another registry of this unit holds the discovery port.
+    explicit Unit(const UnitOptions& options);
     /// Withdraws what was announced.
     ~Unit();
 
@@ -44,7 +44,7 @@ public:
     std::deque<ServiceEvent> takeEvents();
 
     /// Waits for an event, for the deadline, or until one of the descriptors is readable. False when the run
-    /// is ended, by a signal or the common option.
+    /// is ended, by a signal or by its duration.
     bool wait(const EventLoop::Deadline& deadline, const std::vector<int>& descriptors = {});
 
     /// Hands every event to `handle` on this thread, until `handle` returns false, the deadline comes, or
@@ -57,7 +57,7 @@ private:
     void onInterfaceAdded(OEMInterface::AddServiceDiscoveryInterfacePayload& payload);
 
     EventLoop m_loop;  // first: it blocks the signals for all threads
-    const CommonOptions& m_common;
+    const UnitOptions& m_options;
     const EventLoop::Deadline m_end;
     Poco::SharedPtr<OEMInterface::NetlinkDispatcher> m_dispatcher;
     OEMInterface::ResponseBindingPtr m_interfaceBinding;

@@ -1,5 +1,6 @@
 #include "Errors.h"
-#include "commands/CommandLine.h"
+#include "commands/Subcommands.h"
+#include "services/Refusal.h"
 #include "services/ServiceCheck.h"
 #include "services/ServicesFile.h"
 #include "terminal/ServiceReport.h"
@@ -43,7 +44,7 @@ int run(const AnnounceOptions& options, const CommonOptions& common)
 {
     const std::vector<ServiceEntry> services = servicesOf(options);
 
-    ServiceReport report(options.report, common);
+    ServiceReport report(options.report, common.json);
     Unit unit(common);
     if (!unit.start())
         return Done;

@@ -1,5 +1,5 @@
 #include "Errors.h"
-#include "commands/CommandLine.h"
+#include "commands/Subcommands.h"
 #include "terminal/ServiceReport.h"
 #include "unit/Unit.h"
 
@@ -19,7 +19,7 @@ struct BrowseOptions
 
 int run(const BrowseOptions& options, const CommonOptions& common)
 {
-    ServiceReport report(options.report, common);
+    ServiceReport report(options.report, common.json);
     Unit unit(common);
     if (!unit.start())
         return Done;

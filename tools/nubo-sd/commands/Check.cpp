@@ -1,5 +1,5 @@
 #include "Errors.h"
-#include "commands/CommandLine.h"
+#include "commands/Subcommands.h"
 #include "services/ServicesFile.h"
 #include "text/Text.h"
 

@@ -1,6 +1,6 @@
 #include "commands/CommandLine.h"
 
-#include "Errors.h"
+#include "terminal/ServiceReport.h"
 
 #include <Poco/NumberParser.h>
 
@@ -65,6 +65,13 @@ void addTimeOption(CLI::App& commandLine, bool& withTime)
                          "Print the time of each event: local in front of text, in UTC as \"time\" in JSON");
 }
 
+void addReportOptions(CLI::App& commandLine, ReportOptions& options)
+{
+    addTimeOption(commandLine, options.withTime);
+    commandLine.add_flag("--no-live", options.noLive,
+                         "Print a line for each event also where a terminal could show a table");
+}
+
 CLI::Option* addSeconds(CLI::App& commandLine, const std::string& name, double& target,
                         const std::string& description)
 {
@@ -80,18 +87,6 @@ CLI::Option* addSeconds(CLI::App& commandLine, const std::string& name, std::opt
 Poco::Message::Priority logPriority(const std::string& level)
 {
     return logLevels.at(level);
-}
-
-Poco::Net::IPAddress parseUnicastAddress(const std::string& text, const std::string& what)
-{
-    Poco::Net::IPAddress address;
-    const bool isAddress =
-        Poco::Net::IPAddress::tryParse(text, address) && address.family() == Poco::Net::IPAddress::IPv6;
-    if (!isAddress && text != "::")
-        throw UsageError(what + " \"" + text + "\" is not an IPv6 address");
-    if (!isAddress || address.isWildcard() || address.isLoopback() || address.isMulticast())
-        throw UsageError(what + " \"" + text + "\" cannot be reached from another unit");
-    return address;
 }
 
 }  // namespace NuboSd

@@ -1,12 +1,12 @@
 #pragma once
 
+#include "unit/UnitOptions.h"
+
 #include <Poco/Message.h>
-#include <Poco/Net/IPAddress.h>
 
 #include <functional>
 #include <optional>
 #include <string>
-#include <vector>
 
 namespace CLI {
 class App;
@@ -15,14 +15,13 @@ class Option;
 
 namespace NuboSd {
 
+struct ReportOptions;
+
 /// The options that every subcommand understands.
-struct CommonOptions
+struct CommonOptions : UnitOptions
 {
-    std::vector<std::string> interfaces;  ///< empty: all
-    std::string address;                  ///< empty: that of the first interface
     bool json = false;
     std::string logLevel = "warning";
-    std::optional<double> duration;  ///< seconds; without it until a signal
 };
 
 /// A subcommand of the tool. `setUp` adds its options to its part of the command line and returns what runs
@@ -36,14 +35,6 @@ struct Subcommand
     Run (*setUp)(CLI::App& commandLine, const CommonOptions& common);
 };
 
-// One file each.
-Subcommand::Run setUpAnnounce(CLI::App& commandLine, const CommonOptions& common);
-Subcommand::Run setUpBrowse(CLI::App& commandLine, const CommonOptions& common);
-Subcommand::Run setUpCheck(CLI::App& commandLine, const CommonOptions& common);
-Subcommand::Run setUpDoctor(CLI::App& commandLine, const CommonOptions& common);
-Subcommand::Run setUpFind(CLI::App& commandLine, const CommonOptions& common);
-Subcommand::Run setUpMonitor(CLI::App& commandLine, const CommonOptions& common);
-
 /// Adds an option that takes a time in seconds, which must be above 0.
 CLI::Option* addSeconds(CLI::App& commandLine, const std::string& name, double& target,
                         const std::string& description);
@@ -52,13 +43,13 @@ CLI::Option* addSeconds(CLI::App& commandLine, const std::string& name, std::opt
 
 void addCommonOptions(CLI::App& commandLine, CommonOptions& common);
 
-/// Adds the option of those who print events.
+/// Adds the option of subcommands that print events.
 void addTimeOption(CLI::App& commandLine, bool& withTime);
 
-/// The priority that stands behind a name of --log-level.
-Poco::Message::Priority logPriority(const std::string& level);
+/// Adds the options of subcommands that report the services that come and go.
+void addReportOptions(CLI::App& commandLine, ReportOptions& options);
 
-/// Reads an IPv6 address that another unit can reach; `what` names it in the error. Throws UsageError.
-Poco::Net::IPAddress parseUnicastAddress(const std::string& text, const std::string& what);
+/// The priority of a name that --log-level takes.
+Poco::Message::Priority logPriority(const std::string& level);
 
 }  // namespace NuboSd

@@ -1,18 +1,17 @@
 #include "Errors.h"
-#include "commands/CommandLine.h"
+#include "commands/Subcommands.h"
 #include "diagnosis/GroupEcho.h"
 #include "diagnosis/NetworkState.h"
 #include "text/Text.h"
+#include "text/UnicastAddress.h"
 #include "unit/DiscoveryGroup.h"
+#include "unit/DiscoveryPort.h"
 
 #include <KELOEMInterfaceLib/OEMDispatcher.h>
 
 #include <Poco/Exception.h>
-#include <Poco/Net/MulticastSocket.h>
-#include <Poco/Net/NetException.h>
 
 #include <algorithm>
-#include <cerrno>
 #include <iostream>
 
 #include <CLI/CLI.hpp>
@@ -216,24 +215,21 @@ private:
 
     void lookAtPort()
     {
-        const std::string port = "port " + std::to_string(discoveryPort);
-        try {
-            Poco::Net::MulticastSocket probe(Poco::Net::SocketAddress::IPv6);
-            probe.bind(Poco::Net::SocketAddress(discoveryGroup, discoveryPort), false);
-            m_findings.ok(port + " is free");
+        const std::string name = "port " + std::to_string(discoveryPort);
+        const DiscoveryPort port = DiscoveryPort::probe();
+        if (port.state == DiscoveryPort::State::Free) {
+            m_findings.ok(name + " is free");
         }
-        catch (const Poco::Exception& exception) {
-            if (exception.code() != EADDRINUSE) {
-                m_findings.bad(port + " cannot be used: " + exception.displayText(),
-                               "see what the system says");
-                return;
-            }
+        else if (port.state == DiscoveryPort::State::Unusable) {
+            m_findings.bad(name + " cannot be used: " + port.error, "see what the system says");
+        }
+        else {
             m_isPortTaken = true;
             std::string holders;
             for (const std::string& holder : holdersOfPort(discoveryPort))
                 holders += (holders.empty() ? " by " : ", ") + holder;
             m_findings.note(
-                port + " is taken" + (holders.empty() ? " by a process of another user" : holders),
+                name + " is taken" + (holders.empty() ? " by a process of another user" : holders),
                 "a unit has one registry; end this one to start another");
         }
     }

@@ -1,5 +1,5 @@
 #include "Errors.h"
-#include "commands/CommandLine.h"
+#include "commands/Subcommands.h"
 #include "terminal/EventPrinter.h"
 #include "unit/Unit.h"
 

@@ -2,8 +2,10 @@
 #include "capture/Capture.h"
 #include "capture/Memberships.h"
 #include "capture/PacketDecoder.h"
-#include "commands/CommandLine.h"
+#include "commands/Subcommands.h"
+#include "services/ServiceJson.h"
 #include "text/Text.h"
+#include "text/UnicastAddress.h"
 #include "unit/EventLoop.h"
 
 #include <Poco/NumberFormatter.h>
@@ -75,16 +77,12 @@ std::string toJson(const SeenDatagram& datagram, const SeenEntry& entry)
         json["reason"] = entry.reason;
     }
     else {
-        json["name"] = entry.name;
+        json[ServiceKey::name] = entry.name;
         json["service_id"] = entry.serviceID;
         json["instance_id"] = entry.instanceID;
         json["major_version"] = entry.majorVersion;
         json["minor_version"] = entry.minorVersion;
-        json["versions"] = entry.versions;
-        json["categories"] = entry.categories;
-        json["address"] = entry.address;
-        json["port"] = entry.port;
-        json["protocol"] = entry.protocol;
+        visitOffer(entry, [&](const char* key, const auto& value) { json[key] = value; });
         json["ttl"] = entry.ttl;
     }
     json["session"] = entry.session;

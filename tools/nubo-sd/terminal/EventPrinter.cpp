@@ -1,6 +1,8 @@
 #include "terminal/EventPrinter.h"
 
+#include "services/ServiceJson.h"
 #include "text/Text.h"
+#include "unit/ServiceEvent.h"
 
 #include <ostream>
 
@@ -11,37 +13,6 @@ namespace NuboSd {
 using Nubo::ServiceDiscovery::NuboServiceDescription;
 
 namespace {
-
-const char* kindName(ServiceEvent::Kind kind)
-{
-    switch (kind) {
-        case ServiceEvent::Kind::Announced:
-            return "announced";
-        case ServiceEvent::Kind::Discovered:
-            return "discovered";
-        case ServiceEvent::Kind::Gone:
-            return "gone";
-    }
-    return "";
-}
-
-std::string toJson(const ServiceEvent& event, bool withTime)
-{
-    const NuboServiceDescription& service = event.service;
-    nlohmann::ordered_json json;
-    if (withTime)
-        json["time"] = jsonTime(event.time);
-    json.update({{"event", kindName(event.kind)},
-                 {"uuid", service.getLocalUuid()},
-                 {"name", service.getName()},
-                 {"versions", service.getVersions()},
-                 {"categories", service.getCategories()},
-                 {"address", service.getIpAddressString()},
-                 {"port", service.getPort()},
-                 {"protocol", protocolName(service.getL4Proto())},
-                 {"uri", service.getUri()}});
-    return jsonLine(json);
-}
 
 std::string toText(const ServiceEvent& event, bool withTime)
 {
@@ -69,7 +40,7 @@ EventPrinter::EventPrinter(std::ostream& stream, bool json, bool withTime)
 
 bool EventPrinter::print(const ServiceEvent& event)
 {
-    m_stream << (m_json ? toJson(event, m_withTime) : toText(event, m_withTime)) << std::endl;
+    m_stream << (m_json ? jsonLine(eventJson(event, m_withTime)) : toText(event, m_withTime)) << std::endl;
     return m_stream.good();
 }
 

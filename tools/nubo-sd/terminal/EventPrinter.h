@@ -1,28 +1,10 @@
 #pragma once
 
-#include <Poco/Timestamp.h>
-
 #include <iosfwd>
-#include <string>
-
-#include <DataLayer/SDService.h>
 
 namespace NuboSd {
 
-/// Something that happened to a service, and the description as it was then.
-struct ServiceEvent
-{
-    enum class Kind
-    {
-        Announced,
-        Discovered,
-        Gone
-    };
-
-    Kind kind;
-    Nubo::ServiceDiscovery::NuboServiceDescription service;  ///< with the identifier this unit knows it by
-    Poco::Timestamp time{};
-};
+struct ServiceEvent;
 
 /// Writes events, one a line, as text or as JSON.
 class EventPrinter

@@ -10,8 +10,6 @@
 #include <iostream>
 #include <string>
 
-#include <CLI/CLI.hpp>
-
 namespace NuboSd {
 
 namespace {
@@ -60,10 +58,10 @@ void keepShowing(LiveTable& table, Screen& screen, const LogKeeper& log, Unit& u
 
 }  // namespace
 
-ServiceReport::ServiceReport(const ReportOptions& options, const CommonOptions& common)
-    : m_printer(std::cout, common.json, options.withTime)
+ServiceReport::ServiceReport(const ReportOptions& options, bool json)
+    : m_printer(std::cout, json, options.withTime)
 {
-    if (!common.json && !options.noLive && Screen::isPossible())
+    if (!json && !options.noLive && Screen::isPossible())
         m_screenSignals.emplace(std::initializer_list<int>{SIGWINCH, SIGTSTP});
 }
 
@@ -95,13 +93,6 @@ void ServiceReport::runLive(Unit& unit)
     for (const Line& line : table.all(width))
         std::cout << line.text << '\n';
     std::cout << std::flush;
-}
-
-void addReportOptions(CLI::App& commandLine, ReportOptions& options)
-{
-    addTimeOption(commandLine, options.withTime);
-    commandLine.add_flag("--no-live", options.noLive,
-                         "Print a line for each event also where a terminal could show a table");
 }
 
 }  // namespace NuboSd

@@ -1,6 +1,5 @@
 #pragma once
 
-#include "commands/CommandLine.h"
 #include "terminal/EventPrinter.h"
 #include "unit/Signals.h"
 #include "unit/Unit.h"
@@ -20,7 +19,7 @@ struct ReportOptions
 class ServiceReport
 {
 public:
-    ServiceReport(const ReportOptions& options, const CommonOptions& common);
+    ServiceReport(const ReportOptions& options, bool json);
 
     /// What happened before the run.
     void print(const ServiceEvent& event);
@@ -34,7 +33,5 @@ private:
     EventPrinter m_printer;
     std::optional<Signals> m_screenSignals;  // none: lines
 };
-
-void addReportOptions(CLI::App& commandLine, ReportOptions& options);
 
 }  // namespace NuboSd
