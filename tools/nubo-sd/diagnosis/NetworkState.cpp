@@ -2,12 +2,14 @@
 
 #include "Errors.h"
 #include "text/Text.h"
+#include "unit/DiscoveryGroup.h"
 
 #include <algorithm>
 #include <array>
 #include <cerrno>
 #include <filesystem>
 #include <fstream>
+#include <iomanip>
 #include <memory>
 #include <set>
 #include <sstream>
@@ -25,7 +27,6 @@ namespace NuboSd {
 
 namespace {
 
-constexpr auto discoveryGroup = "ff140000000000000000000000040000";
 constexpr std::size_t hexDigits = 32;
 
 [[noreturn]] void fail(const std::string& what)
@@ -68,13 +69,24 @@ std::string addressText(const std::string& digits)
     return ::inet_ntop(AF_INET6, &bytes, text.data(), text.size());
 }
 
+/// The discovery group as the kernel's files have it: "ff14…".
+std::string groupDigits()
+{
+    in6_addr bytes{};
+    ::inet_pton(AF_INET6, discoveryGroup, &bytes);
+    std::ostringstream digits;
+    for (const unsigned byte : bytes.s6_addr)
+        digits << std::hex << std::setfill('0') << std::setw(2) << byte;
+    return digits.str();
+}
+
 /// Whether the first bits of an address are those of the discovery group.
 bool leadsToGroup(const std::string& digits, unsigned long prefixLength)
 {
+    static const std::string group = groupDigits();
     for (std::size_t i = 0; i < hexDigits && 4 * i < prefixLength; ++i) {
         const unsigned long unused = std::max(4 * (i + 1), prefixLength) - prefixLength;
-        const unsigned long difference =
-            fromHex(digits.substr(i, 1)) ^ fromHex(std::string(1, discoveryGroup[i]));
+        const unsigned long difference = fromHex(digits.substr(i, 1)) ^ fromHex(std::string(1, group[i]));
         if ((difference >> unused) != 0)
             return false;
     }
@@ -116,9 +128,10 @@ std::set<std::string> routedInterfaces()
 
 std::set<std::string> joinedInterfaces()
 {
+    const std::string group = groupDigits();
     std::set<std::string> names;
     for (const Words& row : readTable("/proc/net/igmp6")) {  // index name group …
-        if (row.size() >= 3 && row[2] == discoveryGroup)
+        if (row.size() >= 3 && row[2] == group)
             names.insert(row[1]);
     }
     return names;
@@ -157,6 +170,7 @@ std::vector<InterfaceState> readInterfaces()
         interface.canMulticast = (flags & IFF_MULTICAST) != 0;
         interface.hasGroupRoute = routed.count(interface.name) != 0;
         interface.isGroupJoined = joined.count(interface.name) != 0;
+        interface.settings = readIpv6Settings(interface.name);
         interfaces.push_back(interface);
     }
     ::close(socket);
@@ -171,11 +185,13 @@ bool hasIPv6()
     return std::ifstream("/proc/net/if_inet6").is_open();
 }
 
-int ipv6Setting(const std::string& interface, const std::string& name)
+Ipv6Settings readIpv6Settings(const std::string& interface)
 {
-    int value = -1;
-    std::ifstream("/proc/sys/net/ipv6/conf/" + interface + '/' + name) >> value;
-    return value;
+    const std::string folder = "/proc/sys/net/ipv6/conf/" + interface;
+    Ipv6Settings settings;
+    std::ifstream(folder + "/disable_ipv6") >> settings.disableIpv6;
+    std::ifstream(folder + "/accept_dad") >> settings.acceptDad;
+    return settings;
 }
 
 std::map<std::string, std::uint64_t> readCounters()

@@ -5,7 +5,8 @@
 #include <string>
 #include <vector>
 
-/// What the kernel tells of this unit's network. Functions throw NetworkError when it cannot be asked at all.
+/// What the kernel reports about this unit's network. Functions throw NetworkError when it cannot be asked at
+/// all.
 namespace NuboSd {
 
 struct AddressState
@@ -15,6 +16,13 @@ struct AddressState
     bool isTentative = false;  ///< being checked for duplicates, or a duplicate
     bool isDuplicate = false;
     bool isDeprecated = false;
+};
+
+/// Values of net.ipv6.conf.INTERFACE; -1 where there is none.
+struct Ipv6Settings
+{
+    int disableIpv6 = -1;
+    int acceptDad = -1;
 };
 
 struct InterfaceState
@@ -28,6 +36,7 @@ struct InterfaceState
     std::vector<AddressState> addresses;
     bool hasGroupRoute = false;  ///< to the discovery group
     bool isGroupJoined = false;  ///< by anybody
+    Ipv6Settings settings;
 };
 
 /// In the order of their indices.
@@ -35,14 +44,14 @@ std::vector<InterfaceState> readInterfaces();
 
 bool hasIPv6();
 
-/// A value of net.ipv6.conf.INTERFACE; -1 when there is none. "all" and "default" are interfaces too.
-int ipv6Setting(const std::string& interface, const std::string& name);
+/// "all" and "default" are interfaces too.
+Ipv6Settings readIpv6Settings(const std::string& interface);
 
 /// The counters of IPv6 and UDP by name.
 std::map<std::string, std::uint64_t> readCounters();
 
-/// Who has a socket on that UDP port of IPv6: "nubo-sd (process 123)". Empty when it is nobody, or somebody
-/// whom this user may not see.
+/// The processes with a socket on that UDP port of IPv6: "nubo-sd (process 123)". Those that this user may
+/// not see are left out.
 std::vector<std::string> holdersOfPort(std::uint16_t port);
 
 }  // namespace NuboSd
