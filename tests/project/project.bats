@@ -46,7 +46,7 @@ may_include() {
 }
 
 @test "every header can be included by itself" {
-    for header in $(find src tools -name '*.h') ; do
+    find src tools -name '*.h' | while read -r header; do
         echo "#include \"$header\"" | "${CXX:-c++}" -std=c++17 -fsyntax-only -x c++ -I. -Isrc -Icommon \
             -Itools/common -Itools/nubo-sd -Iplatform/KELUtilLib/include -Iplatform/KELOEMInterfaceLib/include -
     done

@@ -132,13 +132,16 @@ zsh_names() { sed -E "s/\\[.*//; s/^'?\(- \*\)//; s/\(- \*\)//" | grep -oE -e '-
         argument=$("$NUBO_SD" "$subcommand" --help | grep -c '^Positionals:' || true)
         same "argument of $subcommand" "$argument" \
             "$(grep -cE "^        $subcommand\) _arguments .*'1:" completions/_nubo-sd || true)"
-        fixed_values "$subcommand" | while read -r option values; do
-            zsh_list "$subcommand" | grep -qF -- "$option[" || fail "$option" || return
-            zsh_list "$subcommand" | grep -F -- "$option[" | grep -qF ":($values)'" || fail "$option: $values" || return
-        done
     done
-    fixed_values | while read -r option values; do
-        zsh_list common | grep -F -- "$option[" | grep -qF ":($values)'" || fail "$option: $values" || return
+}
+
+@test "zsh completes every value of an option that takes certain ones only" {
+    for subcommand in '' $(subcommands); do
+        # shellcheck disable=SC2086 # no word without a subcommand
+        fixed_values $subcommand | while read -r option values; do
+            zsh_list "${subcommand:-common}" | grep -F -- "${option}[" | grep -qF ":($values)'" ||
+                fail "$option $values" || return
+        done
     done
 }
 
