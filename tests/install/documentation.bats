@@ -1,5 +1,5 @@
 #!/usr/bin/env bats
-# The pages that are made of headers and guide.
+# The documentation site.
 
 bats_require_minimum_version 1.5.0
 

@@ -29,7 +29,7 @@ includes_of() { grep -hoE '^#include "[^"]+"' -r "$1" | sed -E 's/.*"(.*)"/\1/' 
     [ "$used" = "$expected" ]
 }
 
-# may_include ROOM ROOM...: a room of the tool includes headers of these rooms only, beside Errors.h.
+# may_include ROOM ROOM...: checks that the first room of the tool includes headers of the others only, and Errors.h.
 may_include() {
     local rooms=${*:2}
     run ! grep -vE "^(${rooms// /|})/|^Errors.h\$" <(includes_of "tools/$1")

@@ -1,12 +1,12 @@
 #!/usr/bin/env bats
-# The manual page and the completions know the subcommands, options and values that nubo-sd knows, and no others. The
-# help is made of what the program accepts, so it has the last word. $NUBO_SD is the program.
+# The manual page and the completions have the subcommands, options and values of nubo-sd, and no others. The program
+# makes its help from what it accepts, so the help is the reference. $NUBO_SD is the program.
 
 bats_require_minimum_version 1.5.0
 
 setup() { cd "$BATS_TEST_DIRNAME/../../packaging" || exit 1; }
 
-# The help's subcommands; the options of a subcommand, or of the tool itself; and of these the ones that take a value.
+# From the help: the subcommands; the options of a subcommand, or of the tool itself; those that take a value.
 subcommands() { "$NUBO_SD" --help | sed -n '/^Subcommands:/,/^$/s/^  \([a-z-]*\) .*/\1/p' | sort; }
 names() { cut -c3- | grep -oE '^-[A-Za-z-]+(,--[a-z-]+)?' | tr , '\n' | sort -u; }
 options_of() { "$NUBO_SD" "$@" --help | grep -E '^  -' | names; }
@@ -14,7 +14,7 @@ own_options_of() { options_of "$1" | without_help; }
 value_options_of() { "$NUBO_SD" "$@" --help | grep -E '^  -[^ ]+ [^ ]' | names; }
 without_help() { grep -vxE -e '-h|--help' || true; }
 
-# fixed_values [SUBCOMMAND]: "--protocol tcp udp" for each option of which the help lists all values.
+# fixed_values [SUBCOMMAND]: prints "--protocol tcp udp" for each option that takes certain values only.
 fixed_values() { "$NUBO_SD" "$@" --help | sed -nE 's/^  ([a-z-]+) [^ ]*:\{([^}]*)\}.*/\1 \2/p' | tr , ' '; }
 
 # same WHAT EXPECTED ACTUAL
@@ -25,14 +25,14 @@ same() { diff <(echo "$2") <(echo "$3") >&2 || { echo "^ $1: < the help, > the d
     same subcommands "$(subcommands)" "$(sed 's/.*: //; s/, /\n/g; s/ or /\n/' <<<"$output")"
 }
 
-# The headings of options in a part of the manual page, and the names in headings.
+# page_headings PART: the headings of options in that part of the page. page_names reads the names in headings.
 page_headings() {
     sed 's/\\-/-/g' nubo-sd.1 |
         awk -v part="$1" '/^\.S[HS]/ { inside = $0 == part } inside && tag; { tag = /^\.TP/ }'
 }
 page_names() { sed -E 's/\\f.*//' | grep -oE -e '(^| )-[A-Za-z-]+' | tr -d ' ' | sort -u; }
 
-@test "the manual page knows every subcommand and option, and no others" {
+@test "the manual page has every subcommand and option, and no others" {
     same subcommands "$(subcommands)" "$(sed -nE 's/\\-/-/g; s/^\.SS nubo-sd //p' nubo-sd.1 | sort)"
     same synopsis "$(subcommands)" \
         "$(sed -n '/^\.SH SYNOPSIS/,/^\.SH DESCRIPTION/p' nubo-sd.1 | sed -nE 's/^\.B nubo\\-sd ([a-z-]+).*/\1/p' | sort -u)"
@@ -50,7 +50,7 @@ page_names() { sed -E 's/\\f.*//' | grep -oE -e '(^| )-[A-Za-z-]+' | tr -d ' ' |
     done
 }
 
-# page_text OPTION: what the page says about it.
+# page_text OPTION: its paragraphs of the page.
 page_text() { sed 's/\\-/-/g' nubo-sd.1 | awk -v name="^[.]BR? $1( |\$)" '/^\.(TP|S[HS])/ { inside = 0 } $0 ~ name { inside = 1 } inside'; }
 
 @test "the manual page names every value of an option that takes certain ones only" {
@@ -64,7 +64,7 @@ page_text() { sed 's/\\-/-/g' nubo-sd.1 | awk -v name="^[.]BR? $1( |\$)" '/^\.(T
     done
 }
 
-# completed WORD...: what bash offers for the last word.
+# completed WORD...: the completions that bash offers for the last word.
 completed() {
     # shellcheck disable=SC1091 # named as bash wants it
     source completions/nubo-sd
@@ -109,13 +109,13 @@ completed() {
     [ "$(completed announce --version 1)" = "" ]
 }
 
-# The lines of a list in the zsh completion, and the options in lines.
+# zsh_list NAME: the lines of a list in the completion. zsh_names reads the options in lines.
 zsh_list() { sed -nE "/^    $1=\\(/,/^    \\)/p" completions/_nubo-sd; }
 zsh_names() { sed -E "s/\\[.*//; s/^'?\(- \*\)//; s/\(- \*\)//" | grep -oE -e '--?[A-Za-z][a-z-]*' | sort -u; }
 
 @test "zsh completes every subcommand and option, and no others" {
     same subcommands "$(subcommands)" "$(zsh_list subcommands | sed -nE "s/^ *'([a-z-]+):.*/\\1/p" | sort)"
-    # --version is announce's own as well, and so not in the list of what all have.
+    # announce has its own --version, so the common list leaves it out.
     same nubo-sd "$(options_of)" "$({ zsh_list common | zsh_names && echo --version; } | sort)"
     for subcommand in $(subcommands); do
         same "$subcommand" "$(own_options_of "$subcommand")" "$(zsh_list "$subcommand" | zsh_names)"

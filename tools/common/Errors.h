@@ -2,7 +2,7 @@
 
 #include <stdexcept>
 
-/// What ends a run early. The text is one line that says what is wrong and where.
+/// Errors that end a run early. Their text is one line that says what is wrong and where.
 namespace NuboSd {
 
 enum ExitCode : int
@@ -14,7 +14,7 @@ enum ExitCode : int
     NetworkUnusable = 3
 };
 
-/// Wrong arguments, or a service that cannot be announced.
+/// The arguments are wrong, or a service cannot be announced.
 class UsageError : public std::runtime_error
 {
 public:

@@ -36,7 +36,7 @@ int run(int argc, char** argv)
 {
     CLI::App app("Service discovery between the control units of a vehicle.", "nubo-sd");
     app.set_version_flag("-V,--version", std::string("nubo-sd ") + NUBO_SD_VERSION);
-    app.require_subcommand(0, 1);  // that there is one is checked below, in clearer words
+    app.require_subcommand(0, 1);  // a missing one is reported below, in clearer words
     app.fallthrough();
     app.footer(
         "The options of nubo-sd --help may stand before or after a subcommand's own.\n\n"

@@ -6,11 +6,11 @@
 
 namespace NuboSd {
 
-/// What is wrong with a service, and with which part of it.
+/// A reason why a service cannot be announced, and the part that it concerns.
 struct Fault
 {
     std::string key;                     ///< of the service in JSON; empty: the service as a whole
-    std::optional<std::size_t> element;  ///< of the key's list
+    std::optional<std::size_t> element;  ///< index in the list of that key
     std::string text;
 };
 

@@ -57,7 +57,7 @@ public:
     bool number_unsigned(number_unsigned_t value) override { return take(value); }
     bool number_float(number_float_t value, const string_t&) override { return take(value); }
     bool string(string_t& value) override { return take(value); }
-    bool binary(binary_t&) override { return false; }  // there is none in a text
+    bool binary(binary_t&) override { return false; }  // cannot occur in a text
     bool start_object(std::size_t) override { return open(json::object()); }
     bool start_array(std::size_t) override { return open(json::array()); }
     bool end_object() override { return close(); }
@@ -136,7 +136,7 @@ private:
         return positionOf(begin);
     }
 
-    /// The position of a byte that is not before the last one asked for.
+    /// The position of a byte, which must not precede that of the previous call.
     Position positionOf(std::size_t byte)
     {
         for (; m_counted < std::min(byte, m_text.size()); ++m_counted) {
@@ -149,8 +149,8 @@ private:
 
     const std::string& m_text;
     std::size_t m_consumed = 0;
-    std::size_t m_lastToken = 0;  // its end
-    std::size_t m_counted = 0;    // the position is that of this byte
+    std::size_t m_lastToken = 0;  // where it ended
+    std::size_t m_counted = 0;    // the byte at m_position
     Position m_position;
 
     int m_depth = 0;

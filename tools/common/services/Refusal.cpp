@@ -24,14 +24,14 @@ std::string announce(ServiceDiscovery& discovery, const NuboServiceDescription& 
            "\" cannot be announced: " + printable(errors.firstError());
 }
 
-/// Asks a library that knows of no other service.
+/// Tries the service on a library that has no other one.
 std::string refusalOf(const ServiceEntry& service)
 {
     ServiceDiscovery discovery;
     return refusal(discovery, service);
 }
 
-/// Tries the elements of a list one by one, each as the only one in that list of `part`. Returns the good
+/// Tries the elements of a list one by one, each as the only element of that list in `part`. Returns the good
 /// ones.
 std::vector<std::string> goodElements(const std::vector<std::string>& elements, const char* key,
                                       ServiceEntry& part, std::vector<std::string> ServiceEntry::*list,

@@ -7,15 +7,19 @@
 #include "text/Text.h"
 #include "text/UnicastAddress.h"
 
+#include <KELOEMInterfaceLib/OEMDispatcher.h>
 #include <KELUtilLib/ApplicationServices.h>
 
 #include <Poco/Any.h>
+#include <Poco/SharedPtr.h>
+
+#include <string>
 
 namespace NuboSd {
 
 namespace {
 
-/// What another unit could not use, whatever the library makes of it.
+/// Faults that the library would accept, but no other unit could use.
 std::vector<Fault> ownFaults(const ServiceEntry& service)
 {
     std::vector<Fault> faults;
@@ -55,7 +59,7 @@ ServiceCheck::~ServiceCheck()
 std::vector<Fault> ServiceCheck::check(const ServiceEntry& service)
 {
     std::vector<Fault> faults = ownFaults(service);
-    // Without a name and an endpoint it is no instance, and could be none that was there before.
+    // Without a name and an endpoint a service is no instance, and cannot repeat an earlier one.
     const bool isInstance = faults.empty();
     std::string reason = isInstance ? refusal(*m_accepted, service) : std::string();
     if (isInstance && reason.empty())
@@ -64,7 +68,7 @@ std::vector<Fault> ServiceCheck::check(const ServiceEntry& service)
     ServiceEntry rest = service;
     const std::vector<Fault> parts = takeRefusedParts(rest);
     faults.insert(faults.end(), parts.begin(), parts.end());
-    // What is wrong with the whole shows once its parts are right.
+    // Faults of the whole only show once each part is right.
     if (isInstance && rest.name == service.name) {
         if (!parts.empty())
             reason = refusal(*m_accepted, rest);

@@ -2,13 +2,7 @@
 
 #include "services/Fault.h"
 
-#include <KELOEMInterfaceLib/OEMDispatcher.h>
-
-#include <Poco/SharedPtr.h>
-
-#include <cstddef>
 #include <optional>
-#include <string>
 #include <vector>
 
 #include <ServiceDiscovery.h>
@@ -17,19 +11,19 @@ namespace NuboSd {
 
 struct ServiceEntry;
 
-/// Finds what cannot be announced. The library is asked for what only it knows: it has no interfaces here
-/// and is never started, so that nothing is sent.
+/// Finds reasons why services cannot be announced. Rules that only the library knows are tried on a library
+/// that has no interfaces and is never started, so nothing is sent.
 class ServiceCheck
 {
 public:
-    /// Puts a dispatcher into the service locator, for as long as it exists.
+    /// Registers a dispatcher with the service locator; the destructor removes it.
     ServiceCheck();
     ~ServiceCheck();
 
     ServiceCheck(const ServiceCheck&) = delete;
     ServiceCheck& operator=(const ServiceCheck&) = delete;
 
-    /// All that is wrong with the service, also that its instance was checked before.
+    /// All faults of the service. A second service with the same instance is a fault too.
     std::vector<Fault> check(const ServiceEntry& service);
 
 private:

@@ -9,24 +9,24 @@ namespace NuboSd {
 
 constexpr int highestPort = 65535;
 
-/// A service to be announced, as the user gives it. ServiceJson.h has its keys.
+/// A service to announce, as the user describes it. ServiceJson.h lists its keys.
 struct ServiceEntry
 {
-    std::string where;  ///< opens an error about it: "services.json:3:5: service 2: "
+    std::string where;  ///< prefix of messages about it: "services.json:3:5: service 2: "
     std::string name;
     std::vector<std::string> versions;
     std::vector<std::string> categories;
     std::string address;  ///< empty: the unit's
     int port = 0;
     std::string protocol = "tcp";
-    std::string uuid;  ///< empty: one is made up
+    std::string uuid;  ///< empty: a random one
     std::string uri;   ///< empty: made from name, address and port
 
-    /// What a description says, as an entry without a place.
+    /// The entry for a description, without `where`.
     static ServiceEntry of(const Nubo::ServiceDiscovery::NuboServiceDescription& description);
 
-    /// The description to be announced, of a service that was checked. Throws UsageError for an address
-    /// that is none.
+    /// The description to announce. The service must have been checked. Throws UsageError for an invalid
+    /// address.
     Nubo::ServiceDiscovery::NuboServiceDescription describe(const Poco::Net::IPAddress& unitAddress) const;
 };
 

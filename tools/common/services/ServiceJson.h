@@ -23,7 +23,7 @@ constexpr auto uri = "uri";
 
 }  // namespace ServiceKey
 
-/// Calls `visit(key, value)` for the keys that tell what an offer of a service says beside its name.
+/// Calls `visit(key, value)` for each key of an offer beside the name.
 template <class Offer, class Visit>
 void visitOffer(Offer& offer, Visit&& visit)
 {
@@ -34,7 +34,7 @@ void visitOffer(Offer& offer, Visit&& visit)
     visit(ServiceKey::protocol, offer.protocol);
 }
 
-/// Calls `visit(key, value)` for all keys of a ServiceEntry, in the order in which they are written.
+/// Calls `visit(key, value)` for each key of a ServiceEntry, in output order.
 template <class Entry, class Visit>
 void visitService(Entry& service, Visit&& visit)
 {
@@ -44,7 +44,7 @@ void visitService(Entry& service, Visit&& visit)
     visit(ServiceKey::uri, service.uri);
 }
 
-/// {"event":"discovered","uuid":"…","name":"Media",…}, the first key with its time if that is wanted.
+/// {"event":"discovered","uuid":"…","name":"Media",…}; with the time, "time" is the first key.
 nlohmann::ordered_json eventJson(const ServiceEvent& event, bool withTime);
 
 }  // namespace NuboSd

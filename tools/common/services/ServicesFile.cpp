@@ -21,7 +21,7 @@ namespace NuboSd {
 
 namespace {
 
-/// What was read of one service.
+/// Reads one service and reports its mistakes.
 class ItemCheck
 {
 public:
@@ -41,7 +41,7 @@ public:
 
     const ServiceEntry& entry() const { return m_entry; }
 
-    /// Reports a fault, unless its value was found wrong already.
+    /// Reports a fault, unless a mistake of its value was reported already.
     void report(const Fault& fault)
     {
         const auto elements = m_elements.find(fault.key);
@@ -66,7 +66,7 @@ private:
 
     void read(const Field& field)
     {
-        bool isKnown = field.key == "event";  // what `browse --json` printed can be announced
+        bool isKnown = field.key == "event";  // output of `browse --json` can be announced
         const bool isFirst = m_keys.insert(field.key).second;
         visitService(m_entry, [&](const char* key, auto& value) {
             if (field.key != key)
@@ -148,7 +148,7 @@ std::string readText(const std::string& path)
     std::ostringstream text;
     if (file)
         text << file.rdbuf();
-    if (!file || (text.fail() && errno != 0))  // a folder can be opened, but not read
+    if (!file || (text.fail() && errno != 0))  // a folder can be opened but not read
         throw UsageError(printable(path) + ": " + std::generic_category().message(errno));
     std::string result = text.str();
     const std::string byteOrderMark = "\xef\xbb\xbf";
@@ -157,7 +157,7 @@ std::string readText(const std::string& path)
     return result;
 }
 
-/// Checks each item; returns the services, and adds what is wrong with them to the mistakes.
+/// Returns the services, and appends their mistakes.
 std::vector<ServiceEntry> checkItems(const std::vector<Item>& items, const std::string& path,
                                      std::vector<Mistake>& mistakes)
 {

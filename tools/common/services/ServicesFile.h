@@ -11,12 +11,12 @@ namespace NuboSd {
 struct ServicesFile
 {
     std::vector<ServiceEntry> services;
-    /// "services.json:3:14: service 2: unknown key "prot"", in the order of the file. A file that is no
-    /// JSON has one.
+    /// "services.json:3:14: service 2: unknown key "prot"", in the order of the file. A file that is not
+    /// JSON has exactly one.
     std::vector<std::string> mistakes;
 };
 
-/// Reads a list of services and looks for mistakes. Throws UsageError when the file cannot be read.
+/// Reads and checks a list of services. Throws UsageError when the file cannot be read.
 ServicesFile readServicesFile(const std::string& path);
 
 }  // namespace NuboSd

@@ -2,7 +2,7 @@
 
 #include <cstdint>
 
-/// Where service discovery takes place.
+/// The multicast group and UDP port of service discovery.
 namespace NuboSd {
 
 constexpr auto discoveryGroup = "ff14::4:0";

@@ -19,7 +19,7 @@ int timeout(const EventLoop::Deadline& deadline)
         return -1;
     const auto left =
         std::chrono::ceil<std::chrono::milliseconds>(*deadline - EventLoop::Clock::now()).count();
-    constexpr long long longest = 3'600'000;  // then it is looked at again
+    constexpr long long longest = 3'600'000;  // then the deadline is checked again
     return static_cast<int>(std::clamp<long long>(left, 0, longest));
 }
 

@@ -9,8 +9,8 @@
 
 namespace NuboSd {
 
-/// Where the main thread waits: for a signal that ends the run, for another thread that has something for
-/// it, for a deadline. To be made before any thread is started: it blocks SIGINT, SIGTERM and SIGHUP for all.
+/// The main thread waits here for a signal that ends the run, for a wake-up from another thread, or for a
+/// deadline. Construct it before any thread is started: it blocks SIGINT, SIGTERM and SIGHUP for all.
 class EventLoop
 {
 public:
@@ -25,20 +25,20 @@ public:
         DeadlineReached
     };
 
-    /// Throws std::system_error when the system gives no descriptors.
+    /// Throws std::system_error when the system has no descriptors left.
     EventLoop();
     ~EventLoop();
 
     EventLoop(const EventLoop&) = delete;
     EventLoop& operator=(const EventLoop&) = delete;
 
-    /// Lets wait() return, now or when it is called next. From any thread.
+    /// Makes the current or the next wait() return. May be called from any thread.
     void wake();
 
     /// Also returns when one of the descriptors is readable.
     Reason wait(const Deadline& deadline, const std::vector<int>& descriptors = {});
 
-    /// The instant that many seconds from now.
+    /// That many seconds from now.
     static Deadline after(double seconds);
 
 private:

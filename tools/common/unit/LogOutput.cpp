@@ -17,7 +17,7 @@ namespace {
 
 thread_local ErrorCatcher* catcher = nullptr;
 
-std::mutex outputMutex;  // for the following, for what it keeps, and for standard error
+std::mutex outputMutex;  // guards `keeper`, its lines, and standard error
 LogKeeper* keeper = nullptr;
 
 class StandardErrorChannel : public Poco::Channel

@@ -8,19 +8,19 @@
 
 namespace NuboSd {
 
-/// Writes the library's log to standard error, one line a message with the time of day. What is not
-/// printable ASCII is escaped: names and bytes from the network stand in the messages.
+/// Writes the library's log to standard error, one line per message with the time of day. Everything but
+/// printable ASCII is escaped: messages contain names and bytes from the network.
 void openLog(Poco::Message::Priority level);
 
-/// While it exists, errors that the library logs on this thread are caught instead of written. One at a
-/// time on a thread.
+/// Catches the errors that the library logs on this thread, as long as it exists; they are not written. One
+/// at a time per thread.
 class ErrorCatcher
 {
 public:
     enum class Others
     {
         Written,
-        Dropped  ///< what is no error is not written either
+        Dropped  ///< lines of other levels are not written either
     };
 
     explicit ErrorCatcher(Others others = Others::Written);
@@ -29,10 +29,10 @@ public:
     ErrorCatcher(const ErrorCatcher&) = delete;
     ErrorCatcher& operator=(const ErrorCatcher&) = delete;
 
-    /// Whether the message is not to be written; keeps the first error.
+    /// Keeps the first error. Returns true if the message must not be written.
     bool takes(const Poco::Message& message);
 
-    /// The first error caught, without its level word; empty if there was none.
+    /// The first error, without the word for its level; empty if there was none.
     const std::string& firstError() const { return m_firstError; }
 
 private:
@@ -40,8 +40,8 @@ private:
     std::string m_firstError;
 };
 
-/// While it exists and standard error is a terminal, the log is kept instead of written: it would tear what
-/// is shown there. Then it is written. One at a time.
+/// Holds back the log as long as it exists, if standard error is a terminal: lines would garble the screen.
+/// The destructor writes them. One at a time.
 class LogKeeper
 {
 public:
@@ -51,10 +51,10 @@ public:
     LogKeeper(const LogKeeper&) = delete;
     LogKeeper& operator=(const LogKeeper&) = delete;
 
-    /// The newest line kept; empty if there is none.
+    /// The newest line held back; empty if there is none.
     std::string newest() const;
 
-    /// Keeps a line; of too many, the oldest go.
+    /// Holds back a line, and drops the oldest when there are too many.
     void keep(const std::string& line);
 
 private:

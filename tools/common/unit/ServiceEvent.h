@@ -6,7 +6,7 @@
 
 namespace NuboSd {
 
-/// Something that happened to a service, and the description as it was then.
+/// A change of a service, with a copy of its description at that time.
 struct ServiceEvent
 {
     enum class Kind
@@ -17,7 +17,7 @@ struct ServiceEvent
     };
 
     Kind kind;
-    Nubo::ServiceDiscovery::NuboServiceDescription service;  ///< with the identifier this unit knows it by
+    Nubo::ServiceDiscovery::NuboServiceDescription service;  ///< with this unit's identifier of it
     Poco::Timestamp time{};
 };
 

@@ -5,22 +5,22 @@
 
 namespace NuboSd {
 
-/// Signals that come through a descriptor instead of interrupting. To be made before any thread is started:
-/// it blocks them for all. A hang-up that is ignored, as nohup has it, stays so.
+/// Delivers signals through a descriptor instead of handlers. Construct it before any thread is started: it
+/// blocks them for all. SIGHUP stays ignored if it was, as under nohup.
 class Signals
 {
 public:
-    /// Throws std::system_error when the system gives no descriptor.
+    /// Throws std::system_error when the system has no descriptor left.
     Signals(std::initializer_list<int> numbers);
     ~Signals();
 
     Signals(const Signals&) = delete;
     Signals& operator=(const Signals&) = delete;
 
-    /// Readable when one has come.
+    /// Readable when a signal is pending.
     int descriptor() const { return m_descriptor; }
 
-    /// The next one; none when none has come.
+    /// The next pending signal, if there is one.
     std::optional<int> take() const;
 
 private:

@@ -27,7 +27,7 @@ using Payload = ServiceDiscovery::ServiceListEventPayload;
 
 namespace {
 
-/// Throws NetworkError with the reason when the discovery port cannot be had.
+/// Throws NetworkError with the reason when the discovery port cannot be bound.
 void checkPort()
 {
     const DiscoveryPort port = DiscoveryPort::probe();
@@ -90,7 +90,7 @@ bool Unit::start()
     return true;
 }
 
-/// Takes the address of the first interface that is there, or comes.
+/// Uses the address of the first interface, and waits until there is one.
 bool Unit::chooseAddress()
 {
     m_interfaceBinding = m_dispatcher->bindResponse(Poco::delegate(this, &Unit::onInterfaceAdded));
@@ -146,7 +146,7 @@ bool Unit::run(const EventLoop::Deadline& deadline, const std::function<bool(con
     }
 }
 
-/// Runs on a thread of the library: takes the news and returns.
+/// Runs on a thread of the library, which waits for it: queues the event and returns.
 void Unit::onServiceListChanged(Payload& payload)
 {
     ServiceEvent event{ServiceEvent::Kind::Gone, *payload.getServiceDescription()};

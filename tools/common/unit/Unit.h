@@ -21,10 +21,10 @@ namespace NuboSd {
 class Unit
 {
 public:
-    /// Takes stock of the interfaces; `options` must outlive the unit. Throws NetworkError when the network
+    /// Looks up the interfaces. `options` must outlive the unit. Throws NetworkError when the network
     /// cannot be used, in particular when another registry of this unit holds the discovery port.
     explicit Unit(const UnitOptions& options);
-    /// Withdraws what was announced.
+    /// Withdraws the announced services.
     ~Unit();
 
     Unit(const Unit&) = delete;
@@ -33,8 +33,8 @@ public:
     Nubo::ServiceDiscovery::ServiceDiscovery& discovery() { return *m_discovery; }
     const Poco::Net::IPAddress& address() const { return m_address; }
 
-    /// Joins the network with this unit's address; without a given one it is that of the first interface,
-    /// which is waited for. False when the run was ended meanwhile. Throws NetworkError.
+    /// Joins the network with the address from the options, or else that of the first interface, for which it
+    /// waits. False when the run ended meanwhile. Throws NetworkError.
     bool start();
 
     /// Sends out a search. Throws UsageError when the name cannot be searched for.
@@ -44,11 +44,11 @@ public:
     std::deque<ServiceEvent> takeEvents();
 
     /// Waits for an event, for the deadline, or until one of the descriptors is readable. False when the run
-    /// is ended, by a signal or by its duration.
+    /// ends, by a signal or after its duration.
     bool wait(const EventLoop::Deadline& deadline, const std::vector<int>& descriptors = {});
 
-    /// Hands every event to `handle` on this thread, until `handle` returns false, the deadline comes, or
-    /// the run is ended. True when it was `handle` or `deadline`.
+    /// Passes every event to `handle` on this thread, until `handle` returns false, the deadline is reached,
+    /// or the run ends. False in the last case.
     bool run(const EventLoop::Deadline& deadline, const std::function<bool(const ServiceEvent&)>& handle);
 
 private:

@@ -11,7 +11,7 @@ struct UnitOptions
 {
     std::vector<std::string> interfaces;  ///< empty: all
     std::string address;                  ///< empty: that of the first interface
-    std::optional<double> duration;       ///< seconds; without it until a signal
+    std::optional<double> duration;       ///< in seconds; none: until a signal
 };
 
 }  // namespace NuboSd

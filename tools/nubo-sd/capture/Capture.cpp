@@ -26,7 +26,7 @@ constexpr std::uint16_t etherTypeIPv6 = 0x86dd;
 constexpr std::uint16_t etherTypeVlan = 0x8100;
 constexpr std::uint16_t etherTypeServiceVlan = 0x88a8;
 
-/// What is left of a frame, from which headers are taken off its front.
+/// The rest of a frame behind the headers that were taken off.
 class Bytes
 {
 public:
@@ -60,14 +60,14 @@ struct VlanTag
     std::uint16_t type;
 };
 
-/// What a file calls an interface may be another one here.
+/// The index in a file may belong to another interface here.
 std::string interfaceName(unsigned index, bool isLive)
 {
     std::array<char, IF_NAMESIZE> name{};
     return isLive && ::if_indextoname(index, name.data()) ? name.data() : "#" + std::to_string(index);
 }
 
-/// Takes off what stands before the IP header; the interface's name, or none when this is no frame of IPv6.
+/// Takes off everything before the IP header. Returns the interface's name, or none if the frame is not IPv6.
 std::optional<std::string> takeLinkHeader(Bytes& bytes, int linkType, bool isLive)
 {
     constexpr auto unknown = "?";
@@ -101,7 +101,7 @@ std::optional<std::string> takeLinkHeader(Bytes& bytes, int linkType, bool isLiv
     }
 }
 
-/// The datagram in a frame; none when there is no IPv6 UDP in it.
+/// The datagram in a frame; none if the frame is not UDP over IPv6.
 std::optional<SeenDatagram> datagramIn(const pcap_pkthdr& frame, const std::uint8_t* data, int linkType,
                                        bool isLive)
 {
@@ -128,7 +128,7 @@ std::optional<SeenDatagram> datagramIn(const pcap_pkthdr& frame, const std::uint
     return datagram;
 }
 
-/// What libpcap's loop carries to its callback.
+/// Context of the callback of libpcap's loop.
 struct Reading
 {
     const Capture::Handle& handle;
@@ -238,7 +238,7 @@ void Capture::read(const Handle& handle)
                     ::pcap_file(m_handle.get()) == nullptr};
     if (::pcap_dispatch(m_handle.get(), -1, onFrame, reinterpret_cast<std::uint8_t*>(&reading)) < 0)
         throw NetworkError(std::string("cannot capture any more: ") + ::pcap_geterr(m_handle.get()));
-    // Whoever looks at the file meanwhile finds what was printed.
+    // A reader of the file must find everything that was printed.
     if (m_dumper && ::pcap_dump_flush(m_dumper.get()) != 0)
         throw NetworkError("cannot write the capture any more");
 }

@@ -12,25 +12,25 @@ struct pcap_dumper;
 
 namespace NuboSd {
 
-/// A UDP datagram to or from the discovery port that was seen on an interface.
+/// A captured UDP datagram to or from the discovery port.
 struct SeenDatagram
 {
     std::chrono::system_clock::time_point time;
-    std::string interface;  ///< its name; "#5" where only the index is known, "?" where not even that is
+    std::string interface;  ///< its name; "#5" if only the index is known, "?" if not even that
     Poco::Net::SocketAddress sender;
     std::string bytes;
-    std::size_t length;  ///< of the datagram; more than `bytes` when it was cut off, or in several fragments
+    std::size_t length;  ///< of the datagram; larger than `bytes` if it was cut off or fragmented
 };
 
-/// Datagrams off the wire or out of a file, by libpcap. It takes no part in what it sees.
+/// Captures datagrams from the wire or a file with libpcap. Sends nothing.
 class Capture
 {
 public:
     using Handle = std::function<void(const SeenDatagram&)>;
 
-    /// All interfaces of this unit. Throws NetworkError, with the cure, when the right to capture is missing.
+    /// All interfaces of this unit. Without the right to capture it throws NetworkError, with the cure.
     static Capture live();
-    /// What a file holds: LINUX_SLL2, LINUX_SLL, Ethernet or raw IP. Throws UsageError.
+    /// A file with frames of LINUX_SLL2, LINUX_SLL, Ethernet or raw IP. Throws UsageError.
     static Capture ofFile(const std::string& path);
 
     Capture(Capture&&) noexcept;
@@ -39,13 +39,13 @@ public:
     /// Writes every frame that is read from now on to a file. Throws UsageError.
     void writeTo(const std::string& path);
 
-    /// Readable when frames wait; negative for a file.
+    /// Readable when frames are pending; negative for a file.
     int descriptor() const;
 
-    /// Hands over the datagrams that wait; of a file, all that are left. Throws NetworkError.
+    /// Passes on the pending datagrams; for a file, the whole rest. Throws NetworkError.
     void read(const Handle& handle);
 
-    /// How many frames the system had no room for, of a live capture.
+    /// The number of frames that a live capture lost because its buffer was full.
     unsigned dropped() const;
 
 private:

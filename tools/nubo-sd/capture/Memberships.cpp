@@ -21,7 +21,7 @@ Memberships::Memberships(const std::vector<std::string>& interfaces)
                 m_socket.joinGroup(group, interface);
         }
         catch (const Poco::Exception&) {
-            // Its datagrams are seen all the same if somebody else has joined.
+            // Its datagrams still show up if another process has joined.
         }
     }
 }

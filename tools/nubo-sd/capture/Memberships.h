@@ -7,12 +7,12 @@
 
 namespace NuboSd {
 
-/// Membership in the discovery group on interfaces, so that network cards and switches pass its datagrams on.
-/// No port is bound.
+/// Joins the discovery group on interfaces, so that network cards and switches pass its datagrams on. Binds
+/// no port.
 class Memberships
 {
 public:
-    /// On those interfaces, or on all that can; what cannot is left out.
+    /// Joins on those interfaces; without any, on all but loopback. Skips interfaces that cannot join.
     explicit Memberships(const std::vector<std::string>& interfaces);
 
 private:

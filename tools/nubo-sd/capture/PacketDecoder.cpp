@@ -42,8 +42,8 @@ bool hasWhiteSpace(std::string_view bytes)
     return bytes.find_first_of("\t\n\v\f\r ") != std::string_view::npos;
 }
 
-/// The codec passes over white space in two places, and reads what follows out of step. Which one it was, if
-/// any.
+/// The codec skips white space in two places, and then reads the following fields out of step. Names the
+/// place, if there is one.
 std::string whiteSpaceIn(std::string_view packet)
 {
     if (packet.size() < entriesOffset)

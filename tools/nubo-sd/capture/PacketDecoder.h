@@ -9,7 +9,7 @@
 
 namespace NuboSd {
 
-/// One entry of a packet that was seen, or what is wrong with the packet or the datagram.
+/// One entry of a captured packet, or the reason why packet or datagram are malformed.
 struct SeenEntry
 {
     std::string kind;    ///< one of `kinds`
@@ -31,7 +31,7 @@ struct SeenEntry
     static const char* const malformed;
 };
 
-/// Decodes a datagram with the library's own codec, and says of what is malformed what the codec says.
+/// Decodes a datagram with the library's own codec; the reasons for malformed parts are those of the codec.
 std::vector<SeenEntry> decode(const SeenDatagram& datagram);
 
 }  // namespace NuboSd

@@ -24,8 +24,8 @@ struct AnnounceOptions
     ReportOptions report;
 };
 
-/// The services to be announced. Throws UsageError with the first thing that is wrong with one of them, so
-/// that none is sent if one is invalid.
+/// The services to announce. Throws UsageError with the first fault of any of them, so that an invalid one
+/// keeps all of them from being sent.
 std::vector<ServiceEntry> servicesOf(const AnnounceOptions& options)
 {
     if (options.file.empty()) {
@@ -59,7 +59,7 @@ int run(const AnnounceOptions& options, const CommonOptions& common)
         report.print({ServiceEvent::Kind::Announced, description});
     }
     report.run(unit);
-    // A service that was added just now would not be withdrawn by the shutdown alone.
+    // The shutdown alone would not withdraw a service that was added a moment ago.
     for (const std::string& uuid : announced)
         unit.discovery().removeService(uuid);
     return Done;

@@ -18,7 +18,7 @@ const std::map<std::string, Poco::Message::Priority> logLevels{{"error", Poco::M
                                                                {"debug", Poco::Message::PRIO_DEBUG},
                                                                {"trace", Poco::Message::PRIO_TRACE}};
 
-/// What is wrong with a time in seconds; empty if nothing is.
+/// Why a text is not a time in seconds; empty if it is one.
 std::string faultOfSeconds(const std::string& text)
 {
     double seconds = 0;

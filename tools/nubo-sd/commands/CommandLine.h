@@ -24,8 +24,8 @@ struct CommonOptions : UnitOptions
     std::string logLevel = "warning";
 };
 
-/// A subcommand of the tool. `setUp` adds its options to its part of the command line and returns what runs
-/// it; the result is the exit code.
+/// A subcommand of the tool. `setUp` adds its options to its part of the command line and returns the
+/// function that runs it and returns the exit code.
 struct Subcommand
 {
     using Run = std::function<int()>;
@@ -46,7 +46,7 @@ void addCommonOptions(CLI::App& commandLine, CommonOptions& common);
 /// Adds the option of subcommands that print events.
 void addTimeOption(CLI::App& commandLine, bool& withTime);
 
-/// Adds the options of subcommands that report the services that come and go.
+/// Adds the options of subcommands with a ServiceReport.
 void addReportOptions(CLI::App& commandLine, ReportOptions& options);
 
 /// The priority of a name that --log-level takes.

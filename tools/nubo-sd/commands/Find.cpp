@@ -13,7 +13,7 @@ namespace NuboSd {
 
 namespace {
 
-/// After this long a search has been sent and answered in full, in seconds.
+/// In seconds: by then a search has been sent and answered in full.
 constexpr double searchTime = 1.0;
 
 struct FindOptions
@@ -42,7 +42,7 @@ int run(const FindOptions& options, const CommonOptions& common)
     const EventLoop::Deadline searched = std::min(EventLoop::after(searchTime), timeout);
     if (!unit.run(searched, printMatch))
         return Done;
-    // Nothing yet: the network may be slow, or lossy. The first answer is enough now.
+    // The network may be slow or lossy. From now on the first answer is enough.
     if (!found)
         unit.run(timeout, [&](const ServiceEvent& event) { return printMatch(event) && !found; });
     return found ? Done : NothingFound;

@@ -42,7 +42,7 @@ Poco::Timestamp timestampOf(const SeenDatagram& datagram)
         std::chrono::duration_cast<std::chrono::microseconds>(datagram.time.time_since_epoch()).count());
 }
 
-/// "eth0  fd00::1  offer  …": what every line has, in columns that fit as a rule.
+/// "eth0  fd00::1  offer  …": the columns that every line has. Longer texts move the rest to the right.
 std::string column(std::string text, std::size_t width)
 {
     return padded(std::move(text), width) + "  ";
@@ -89,7 +89,7 @@ std::string toJson(const SeenDatagram& datagram, const SeenEntry& entry)
     return jsonLine(json);
 }
 
-/// Prints what passes the filters.
+/// Prints the entries that pass the filters.
 class Printer
 {
 public:
@@ -108,7 +108,7 @@ public:
         std::cout.flush();
     }
 
-    /// False when nobody reads any more.
+    /// False when the reader is gone.
     bool isRead() const { return std::cout.good(); }
 
 private:

@@ -5,7 +5,7 @@
 /// The subcommands of the tool, in the order of its help.
 namespace NuboSd {
 
-// One file each.
+// One source file each.
 Subcommand::Run setUpAnnounce(CLI::App& commandLine, const CommonOptions& common);
 Subcommand::Run setUpBrowse(CLI::App& commandLine, const CommonOptions& common);
 Subcommand::Run setUpCheck(CLI::App& commandLine, const CommonOptions& common);

@@ -10,8 +10,8 @@ namespace NuboSd {
 
 namespace {
 
-/// The command that changes an interface's setting. Its dot in the name of a VLAN's interface, eth0.10, is a
-/// slash.
+/// The command that changes a setting of an interface. sysctl expects a slash for the dot in the name of a
+/// VLAN's interface, such as eth0.10.
 std::string commandToSet(std::string interface, const std::string& setting)
 {
     std::replace(interface.begin(), interface.end(), '.', '/');
@@ -221,7 +221,7 @@ private:
 
     void judgeCounters()
     {
-        // The second counts those of the first and the third as well.
+        // `all` includes the other two.
         const std::uint64_t overrun = counter("Udp6RcvbufErrors");
         const std::uint64_t all = counter("Udp6InErrors");
         const std::uint64_t damaged = counter("Udp6InCsumErrors");

@@ -21,8 +21,7 @@ struct Finding
     std::string cure;  ///< may be empty
 };
 
-/// What the picture shows to be in order, worth knowing, or in the way of service discovery. Looks at nothing
-/// else.
+/// Applies all rules to the picture. Pure: reads nothing else.
 std::vector<Finding> diagnose(const Picture& picture);
 
 }  // namespace NuboSd

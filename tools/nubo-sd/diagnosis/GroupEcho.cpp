@@ -36,12 +36,12 @@ void send(Trial& trial, const std::string& interfaceName)
     trial.receiver.joinGroup(group, interface);
     trial.sender.setInterface(interface);
     trial.sender.setLoopback(true);
-    trial.sender.setTimeToLive(0);  // not beyond this unit
+    trial.sender.setTimeToLive(0);  // must not leave this unit
     trial.sender.sendTo(trial.text.data(), static_cast<int>(trial.text.size()),
                         SocketAddress(group, trial.receiver.address().port()));
 }
 
-/// Others may send to the same port.
+/// Skips datagrams of other senders to the same port.
 bool comesBack(Trial& trial, const Poco::Clock& end)
 {
     for (;;) {

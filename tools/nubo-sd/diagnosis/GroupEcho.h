@@ -5,16 +5,16 @@
 
 namespace NuboSd {
 
-/// Whether what this unit sends to the discovery group comes back to itself on an interface.
+/// Whether a datagram that this unit sends to the discovery group on an interface returns to it.
 struct GroupEcho
 {
     std::string interface;
     bool isBack = false;
-    std::string error;  ///< why nothing could be sent; empty: it was
+    std::string error;  ///< why nothing could be sent; empty if it was sent
 };
 
-/// Tries that on all interfaces at once, within a second. The port is another one than that of discovery, and
-/// nothing leaves this unit.
+/// Tries all interfaces at once, within a second. Uses a port other than that of discovery; nothing leaves
+/// this unit.
 std::vector<GroupEcho> tryGroupEcho(const std::vector<std::string>& interfaces);
 
 }  // namespace NuboSd

@@ -37,7 +37,7 @@ constexpr std::size_t hexDigits = 32;
 
 using Words = std::vector<std::string>;
 
-/// The lines of a file of the kernel's, each in words; none when there is no such file.
+/// The lines of a file of the kernel, split into words; empty when there is no such file.
 std::vector<Words> readTable(const std::string& path)
 {
     std::vector<Words> table;
@@ -69,7 +69,7 @@ std::string addressText(const std::string& digits)
     return ::inet_ntop(AF_INET6, &bytes, text.data(), text.size());
 }
 
-/// The discovery group as the kernel's files have it: "ff14…".
+/// The discovery group in the notation of the kernel: "ff14…".
 std::string groupDigits()
 {
     in6_addr bytes{};
@@ -80,7 +80,7 @@ std::string groupDigits()
     return digits.str();
 }
 
-/// Whether the first bits of an address are those of the discovery group.
+/// Whether a prefix covers the discovery group.
 bool leadsToGroup(const std::string& digits, unsigned long prefixLength)
 {
     static const std::string group = groupDigits();
@@ -113,7 +113,7 @@ void addAddresses(std::vector<InterfaceState>& interfaces)
     }
 }
 
-/// The interfaces with a route to the group, and those on which it is joined, by name.
+/// The names of the interfaces with a route to the group.
 std::set<std::string> routedInterfaces()
 {
     constexpr unsigned long rejects = 0x0200;
@@ -214,7 +214,7 @@ std::vector<std::string> holdersOfPort(std::uint16_t port)
 
     namespace fs = std::filesystem;
     std::vector<std::string> holders;
-    std::error_code ignored;  // processes end, and those of others do not show their files
+    std::error_code ignored;  // processes end, and those of other users hide their files
     for (fs::directory_iterator process("/proc", ignored), none; process != none; process.increment(ignored))
     {
         const std::string id = process->path().filename();

@@ -5,8 +5,8 @@
 #include <string>
 #include <vector>
 
-/// What the kernel reports about this unit's network. Functions throw NetworkError when it cannot be asked at
-/// all.
+/// What the kernel reports about this unit's network. Functions throw NetworkError when nothing can be
+/// read.
 namespace NuboSd {
 
 struct AddressState
@@ -35,16 +35,16 @@ struct InterfaceState
     bool canMulticast = false;
     std::vector<AddressState> addresses;
     bool hasGroupRoute = false;  ///< to the discovery group
-    bool isGroupJoined = false;  ///< by anybody
+    bool isGroupJoined = false;  ///< by any process
     Ipv6Settings settings;
 };
 
-/// In the order of their indices.
+/// Sorted by index.
 std::vector<InterfaceState> readInterfaces();
 
 bool hasIPv6();
 
-/// "all" and "default" are interfaces too.
+/// `interface` may also be "all" or "default".
 Ipv6Settings readIpv6Settings(const std::string& interface);
 
 /// The counters of IPv6 and UDP by name.

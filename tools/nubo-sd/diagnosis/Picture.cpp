@@ -12,7 +12,7 @@ namespace NuboSd {
 
 namespace {
 
-/// Asks the dispatcher, which chooses the interfaces of a registry too.
+/// Uses the dispatcher, which also selects the interfaces of a registry.
 std::map<std::string, std::string> usedInterfaces(const std::vector<std::string>& named)
 {
     std::map<std::string, std::string> used;
@@ -50,7 +50,7 @@ Picture gatherPicture(const UnitOptions& options)
     for (const auto& [name, address] : picture.used)
         names.push_back(name);
     picture.echoes = tryGroupEcho(names);
-    picture.counters = readCounters();  // last: the trial of the group shows in them
+    picture.counters = readCounters();  // last: a failed trial of the group counts
     return picture;
 }
 

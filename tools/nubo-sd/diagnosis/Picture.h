@@ -12,27 +12,27 @@
 
 namespace NuboSd {
 
-/// This unit's network as it was at one moment: all that a diagnosis looks at.
+/// A snapshot of this unit's network: the whole input of a diagnosis.
 struct Picture
 {
-    std::vector<std::string> namedInterfaces;  ///< by the user; empty: all
-    std::string namedAddress;                  ///< by the user, in its shortest form; empty: none
+    std::vector<std::string> namedInterfaces;  ///< by --interface; empty: all
+    std::string namedAddress;                  ///< by --address, in canonical form; empty: none
 
     std::vector<InterfaceState> interfaces;
-    bool hasIPv6 = true;  ///< if not, nothing below was gathered
+    bool hasIPv6 = true;  ///< if false, nothing below is filled in
 
     Ipv6Settings settingsOfAll;
-    Ipv6Settings settingsOfNew;               ///< of interfaces that are yet to come
-    std::map<std::string, std::string> used;  ///< the address by the name of the interface
+    Ipv6Settings settingsOfNew;               ///< for interfaces added later
+    std::map<std::string, std::string> used;  ///< addresses by interface name
 
     DiscoveryPort port;
-    std::vector<std::string> portHolders;  ///< of a port that is taken
-    std::vector<GroupEcho> echoes;         ///< on the interfaces that are used
+    std::vector<std::string> portHolders;  ///< if the port is taken
+    std::vector<GroupEcho> echoes;         ///< of the used interfaces
     std::map<std::string, std::uint64_t> counters;
 };
 
-/// Takes up to a second. Throws NetworkError when the network cannot be looked at, UsageError for an address
-/// that cannot be a unit's.
+/// Takes up to a second. Throws NetworkError when the network cannot be examined, UsageError for an address
+/// that no unit can have.
 Picture gatherPicture(const UnitOptions& options);
 
 }  // namespace NuboSd

@@ -6,13 +6,13 @@ namespace NuboSd {
 
 struct ServiceEvent;
 
-/// Writes events, one a line, as text or as JSON.
+/// Writes events as text or JSON, one per line.
 class EventPrinter
 {
 public:
     EventPrinter(std::ostream& stream, bool json, bool withTime);
 
-    /// False when the line could not be written: nobody reads any more.
+    /// False when the line could not be written: the reader is gone.
     bool print(const ServiceEvent& event);
 
 private:

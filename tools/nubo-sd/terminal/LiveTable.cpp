@@ -20,7 +20,7 @@ constexpr std::size_t instanceWidth = 8;
 constexpr std::size_t usualVersionsWidth = 8;
 constexpr auto gap = "  ";
 
-/// The text, or what of it there is room for with a mark behind it.
+/// The text, cut off to that width with a mark at the end.
 std::string fitted(std::string text, std::size_t width)
 {
     if (text.size() > width) {
@@ -31,7 +31,7 @@ std::string fitted(std::string text, std::size_t width)
     return text;
 }
 
-/// "179 s", "3 min": in a unit in which it is at least three.
+/// "179 s", "3 min": in the largest unit of which there are at least three.
 std::string durationText(std::chrono::seconds duration)
 {
     const auto count = duration.count();
@@ -165,8 +165,8 @@ Line LiveTable::lineOf(const Rows::value_type& entry, std::size_t width) const
             isGone ? Line::Style::Faint : Line::Style::Normal};
 }
 
-/// The most important first: what there is no room for is cut off at the right. Names get what the others
-/// leave, as far as they need it.
+/// The most important column is first: a narrow screen cuts off the last ones. Names use the width that the
+/// other columns leave, if they need it.
 std::string LiveTable::columns(const Cells& cells, std::size_t width) const
 {
     const std::string others = gap + padded(cells.endpoint, m_endpointWidth) + gap +

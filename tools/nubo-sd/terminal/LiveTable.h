@@ -27,7 +27,7 @@ struct Line
     Style style = Style::Normal;
 };
 
-/// What somebody at the screen wants.
+/// A key press that means something to the table.
 enum class Key
 {
     Up,
@@ -40,33 +40,33 @@ enum class Key
     Quit
 };
 
-/// The services as a table, sorted by name and instance; the page that a screen has room for, and all of it.
-/// It knows neither screen nor clock: sizes and times are given.
+/// The services as a table, sorted by name and instance, either all of it or the page that fits a screen. It
+/// knows neither screen nor clock: callers pass sizes and times.
 class LiveTable
 {
 public:
     using Clock = std::chrono::steady_clock;
 
-    /// How long a service that is gone still stands in the table.
+    /// How long a service stays in the table after it is gone.
     static constexpr std::chrono::seconds goneTime{5};
 
-    /// The first line begins with `unit`.
+    /// `unit` begins the first line.
     explicit LiveTable(std::string unit);
 
-    /// Takes in which services there are now.
+    /// Replaces the services by those that exist now.
     void update(const std::vector<Nubo::ServiceDiscovery::ServiceStatus>& services, Clock::time_point now);
 
-    /// Moves on to other rows; the keys that are not about that change nothing.
+    /// Scrolls; other keys change nothing.
     void scroll(Key key);
 
-    /// Summary, headings, services as far as there is room, and `note` in the last line.
+    /// Summary, headings, the services that fit, and `note` in the last line.
     std::vector<Line> page(std::size_t width, std::size_t height, const std::string& note);
 
     /// Summary, headings and all services.
     std::vector<Line> all(std::size_t width) const;
 
 private:
-    /// By what the services are sorted: name, instance, identifier.
+    /// Sort key: name, instance, identifier.
     using Order = std::tuple<std::string, std::uint16_t, std::string>;
 
     struct Row
@@ -102,8 +102,8 @@ private:
     std::size_t m_announced = 0;
     std::size_t m_nameWidth = 0;
     std::size_t m_endpointWidth = 0;
-    std::size_t m_first = 0;     // row of the page
-    std::size_t m_pageSize = 0;  // rows that it has room for
+    std::size_t m_first = 0;     // first row of the page
+    std::size_t m_pageSize = 0;  // rows that fit
 };
 
 }  // namespace NuboSd

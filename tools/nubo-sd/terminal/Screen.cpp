@@ -64,7 +64,7 @@ void takeSize()
         ::resizeterm(size.ws_row, size.ws_col);
 }
 
-/// Stops the process as it would have been without the screen, until it is continued.
+/// Stops the process, as SIGTSTP does without the screen, until it is continued.
 void stop()
 {
     ::endwin();
@@ -108,13 +108,13 @@ Screen::Screen(const Signals& signals)
 {
     if (!m_screen)
         throw std::runtime_error("the terminal cannot be used");
-    static_cast<void>(::signal(SIGTSTP, SIG_DFL));  // the library's own handler draws on any thread
+    static_cast<void>(::signal(SIGTSTP, SIG_DFL));  // the handler of ncurses draws on any thread
     ::cbreak();
     ::noecho();
     ::curs_set(0);
     ::nodelay(::stdscr, true);
     ::keypad(::stdscr, true);
-    constexpr int escapeDelay = 25;  // milliseconds; a key's bytes come together
+    constexpr int escapeDelay = 25;  // milliseconds; the bytes of a key arrive together
     ::set_escdelay(escapeDelay);
     takeSize();
 }

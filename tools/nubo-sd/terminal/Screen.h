@@ -11,11 +11,11 @@ struct screen;  // of ncurses
 
 namespace NuboSd {
 
-/// The terminal at standard output: shows lines while this exists, and then again what it showed before.
+/// Shows lines on the terminal at standard output. The destructor restores what it showed before.
 class Screen
 {
 public:
-    /// Whether standard output is a terminal on which lines can be drawn anywhere.
+    /// Whether standard output is a terminal that can move its cursor.
     static bool isPossible();
 
     /// `signals` are SIGWINCH and SIGTSTP. Throws std::runtime_error when the terminal cannot be used.
@@ -30,10 +30,10 @@ public:
 
     void draw(const std::vector<Line>& page);
 
-    /// Readable when there is something for takeKeys().
+    /// Readable when takeKeys() has something to do.
     std::vector<int> descriptors() const;
 
-    /// The keys since the last call. When the terminal wants the process to stop, it stops here.
+    /// The keys since the last call. Also stops the process here when the terminal demands it (SIGTSTP).
     std::vector<Key> takeKeys();
 
 private:

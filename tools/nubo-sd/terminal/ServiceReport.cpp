@@ -16,7 +16,7 @@ namespace {
 
 using Clock = LiveTable::Clock;
 
-// How long the table stays as it is: while nothing happens, and while a lot does.
+// Interval between updates: without events, and under many of them.
 constexpr std::chrono::milliseconds longestRest{1000};
 constexpr std::chrono::milliseconds shortestRest{250};
 
@@ -28,7 +28,7 @@ void show(LiveTable& table, Screen& screen, const LogKeeper& log)
     screen.draw(table.page(screen.width(), screen.height(), newest.empty() ? help : newest));
 }
 
-/// Shows the table as it changes, until the run is ended.
+/// Keeps the table up to date until the run ends.
 void keepShowing(LiveTable& table, Screen& screen, const LogKeeper& log, Unit& unit)
 {
     Clock::time_point updated;
@@ -79,7 +79,7 @@ void ServiceReport::run(Unit& unit)
         unit.run(std::nullopt, [&](const ServiceEvent& event) { return m_printer.print(event); });
 }
 
-/// Leaves the table as it was at the end where the lines would stand.
+/// Prints the final table below the command, in place of the lines.
 void ServiceReport::runLive(Unit& unit)
 {
     LiveTable table("unit " + unit.address().toString() + ", port " + std::to_string(discoveryPort));

@@ -14,24 +14,24 @@ struct ReportOptions
     bool noLive = false;
 };
 
-/// Shows the services that come and go: as a live table if standard output is a terminal, otherwise a line an
-/// event. To be made before the unit, whose threads leave the terminal's signals to it.
+/// Reports services: as a live table if standard output is a terminal, else with one line per event.
+/// Construct it before the unit, so that the unit's threads block the signals of the terminal.
 class ServiceReport
 {
 public:
     ServiceReport(const ReportOptions& options, bool json);
 
-    /// What happened before the run.
+    /// Reports an event that happened before run().
     void print(const ServiceEvent& event);
 
-    /// Until the run is ended, or nobody reads any more.
+    /// Reports until the run ends or the reader is gone.
     void run(Unit& unit);
 
 private:
     void runLive(Unit& unit);
 
     EventPrinter m_printer;
-    std::optional<Signals> m_screenSignals;  // none: lines
+    std::optional<Signals> m_screenSignals;  // none: print lines
 };
 
 }  // namespace NuboSd
