@@ -276,7 +276,11 @@ INSTANTIATE_TEST_SUITE_P(
                       Rule{"ForeignAddressIsNoted",
                            [](Picture& picture) { picture.namedAddress = "fd00::7"; },
                            {note("no interface has the address fd00::7",
-                                 "others reach this unit only if their routes lead here")}}),
+                                 "others reach this unit only if their routes lead here")}},
+                      Rule{"WrongAddressEndsTheDiagnosis",
+                           [](Picture& picture) { picture.addressError = "\"x\" is not an IPv6 address"; },
+                           {},
+                           {portIsFree, hasRoute, isJoined, comesBack, nothingLost}}),
     nameOf);
 
 INSTANTIATE_TEST_SUITE_P(

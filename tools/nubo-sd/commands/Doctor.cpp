@@ -41,10 +41,13 @@ std::string toText(const Finding& finding)
 
 int run(const CommonOptions& common)
 {
-    const std::vector<Finding> findings = diagnose(gatherPicture(common));
+    const Picture picture = gatherPicture(common);
+    const std::vector<Finding> findings = diagnose(picture);
     for (const Finding& finding : findings)
         std::cout << (common.json ? toJson(finding) : toText(finding)) << '\n';
     std::cout << std::flush;
+    if (!picture.addressError.empty())
+        throw UsageError(picture.addressError);
     const bool isAnyBad = std::any_of(findings.begin(), findings.end(),
                                       [](const Finding& one) { return one.kind == Finding::Kind::Bad; });
     return isAnyBad ? SomethingBad : Done;

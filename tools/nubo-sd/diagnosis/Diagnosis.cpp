@@ -33,6 +33,8 @@ public:
         for (const InterfaceState& interface : m_picture.interfaces)
             judgeInterface(interface);
         judgeNamedInterfaces();
+        if (!m_picture.addressError.empty())
+            return std::move(m_findings);
         judgeNamedAddress();
         judgePort();
         for (const InterfaceState& interface : m_picture.interfaces) {

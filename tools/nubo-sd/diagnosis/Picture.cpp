@@ -41,8 +41,14 @@ Picture gatherPicture(const UnitOptions& options)
     picture.used = usedInterfaces(options.interfaces);
     picture.settingsOfAll = readIpv6Settings("all");
     picture.settingsOfNew = readIpv6Settings("default");
-    if (!options.address.empty())
-        picture.namedAddress = parseUnicastAddress(options.address, "--address:").toString();
+    try {
+        if (!options.address.empty())
+            picture.namedAddress = parseUnicastAddress(options.address, "--address:").toString();
+    }
+    catch (const UsageError& error) {
+        picture.addressError = error.what();
+        return picture;
+    }
     picture.port = DiscoveryPort::probe();
     if (picture.port.state == DiscoveryPort::State::Taken)
         picture.portHolders = holdersOfPort(discoveryPort);

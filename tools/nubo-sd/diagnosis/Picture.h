@@ -25,14 +25,15 @@ struct Picture
     Ipv6Settings settingsOfNew;               ///< for interfaces added later
     std::map<std::string, std::string> used;  ///< addresses by interface name
 
+    std::string addressError;  ///< if --address is no address of a unit; then nothing below is filled in
+
     DiscoveryPort port;
     std::vector<std::string> portHolders;  ///< if the port is taken
     std::vector<GroupEcho> echoes;         ///< of the used interfaces
     std::map<std::string, std::uint64_t> counters;
 };
 
-/// Takes up to a second. Throws NetworkError when the network cannot be examined, UsageError for an address
-/// that no unit can have.
+/// Takes up to a second. Throws NetworkError when the network cannot be examined.
 Picture gatherPicture(const UnitOptions& options);
 
 }  // namespace NuboSd
