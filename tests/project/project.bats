@@ -27,10 +27,26 @@ includes_of() { grep -hoE '^#include "[^"]+"' -r "$1" | sed -E 's/.*"(.*)"/\1/' 
     [ "$used" = "$expected" ]
 }
 
+# may_include ROOM ROOM...: checks that the first room of the tool includes headers of the others only, and Errors.h.
+may_include() {
+    local rooms=${*:2}
+    run ! grep -vE "^(${rooms// /|})/|^Errors.h\$" <(includes_of "tools/$1")
+}
+
+@test "a room of the tool includes only its own headers and those of the rooms below it" {
+    may_include common/text text
+    may_include common/unit unit text
+    may_include common/services services unit text
+    for room in capture diagnosis terminal; do
+        may_include nubo-sd/$room $room services unit text
+    done
+    may_include nubo-sd/commands commands capture diagnosis terminal services unit text
+}
+
 @test "every header can be included by itself" {
-    for header in $(cd src && find . -name '*.h') ; do
-        echo "#include \"$header\"" | "${CXX:-c++}" -std=c++17 -fsyntax-only -x c++ -Isrc -Icommon \
-            -Iplatform/KELUtilLib/include -Iplatform/KELOEMInterfaceLib/include -
+    find src tools -name '*.h' | while read -r header; do
+        echo "#include \"$header\"" | "${CXX:-c++}" -std=c++17 -fsyntax-only -x c++ -I. -Isrc -Icommon \
+            -Itools/common -Itools/nubo-sd -Iplatform/KELUtilLib/include -Iplatform/KELOEMInterfaceLib/include -
     done
 }
 
