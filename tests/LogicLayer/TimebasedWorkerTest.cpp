@@ -1,12 +1,12 @@
 #include "DataLayer/EngineFrame.h"
 #include "LogicLayer/TimebasedWorker.h"
 #include "support/LogCatcher.h"
+#include "support/Throwing.h"
 #include "support/Waiting.h"
-
-#include <Poco/Exception.h>
 
 #include <atomic>
 #include <chrono>
+#include <cstddef>
 #include <functional>
 #include <memory>
 #include <stdexcept>
@@ -195,18 +195,7 @@ TEST_F(TimebasedWorkerTest, WorkerCanBeStartedAgainWithItsInterval)
 TEST_F(TimebasedWorkerTest, WhatAnIntervalThrowsIsLoggedAndTheTimerGoesOn)
 {
     ProbeWorker worker(owner, 1);
-    worker.work = [&] {
-        switch (worker.intervals) {
-            case 1:
-                throw Poco::IOException("disk full");
-            case 2:
-                throw std::runtime_error("out of luck");
-            case 3:
-                throw 42;
-            default:
-                break;
-        }
-    };
+    worker.work = [&] { throwOneOfEachKind(static_cast<std::size_t>(worker.intervals)); };
 
     worker.start();
 

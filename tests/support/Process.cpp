@@ -43,6 +43,13 @@ std::size_t runningThreads()
     return entriesIn("/proc/self/task");
 }
 
+std::string threadName()
+{
+    std::string name;
+    std::getline(std::ifstream("/proc/thread-self/comm"), name);
+    return name;
+}
+
 std::size_t openDescriptors()
 {
     return entriesIn("/proc/self/fd") - 1;  // without the folder's own

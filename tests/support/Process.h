@@ -21,6 +21,9 @@ constexpr bool isSanitized = false;
 /// How many threads run.
 std::size_t runningThreads();
 
+/// The name of the calling thread.
+std::string threadName();
+
 /// How many descriptors are open.
 std::size_t openDescriptors();
 
