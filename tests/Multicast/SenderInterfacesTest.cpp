@@ -95,25 +95,6 @@ TEST_F(SenderInterfacesTest, AddedInterfaceIsNoted)
         ElementsAre("Notice: ServiceDiscovery adding Interface \"eth0\" with IP \"fd00::1\" for sending."));
 }
 
-TEST_F(SenderInterfacesTest, ReportsOfThePlatformAddAndRemoveTheInterface)
-{
-    network.link("eth0", "fd00::1");
-    OEMInterface::AddServiceDiscoveryInterfacePayload added{{"eth0", "fd00::1"}};
-    OEMInterface::RemoveServiceDiscoveryInterfacePayload removed{{"eth0", "fd00::1"}};
-
-    sender->onInterfaceAdded(added);
-    EXPECT_TRUE(send({"01"}));
-    sender->onInterfaceRemoved(removed);
-    EXPECT_FALSE(send({"02"}));
-
-    EXPECT_THAT(
-        log.lines(),
-        ElementsAre("Notice: ServiceDiscovery adding Interface \"eth0\" with IP \"fd00::1\" for sending.",
-                    "Notice: ServiceDiscovery removing Interface \"eth0\" for given IP \"fd00::1\" for "
-                    "sending.",
-                    noInterfaces));
-}
-
 TEST_P(RefusedAddressTest, IsSkippedWithAWarning)
 {
     network.link("eth0", "fd00::1");
@@ -129,38 +110,6 @@ TEST_P(RefusedAddressTest, IsSkippedWithAWarning)
 
 INSTANTIATE_TEST_SUITE_P(Addresses, RefusedAddressTest, ::testing::ValuesIn(unsuitableAddresses),
                          [](const auto& row) { return row.param.name; });
-
-TEST_F(SenderInterfacesTest, UnknownInterfaceIsNotAdded)
-{
-    sender->addInterface_byIP("eth7", "fd00::1");
-
-    EXPECT_THAT(log.complaints(), IsEmpty());
-    EXPECT_THAT(log.notices(), IsEmpty());
-    EXPECT_FALSE(send({"01"}));
-}
-
-TEST_F(SenderInterfacesTest, AddressThatIsNotTheInterfacesIsNotAdded)
-{
-    network.link("eth0", "fd00::1");
-
-    sender->addInterface_byIP("eth0", "fd00::2");
-
-    EXPECT_THAT(log.complaints(), IsEmpty());
-    EXPECT_THAT(log.notices(), IsEmpty());
-    EXPECT_FALSE(send({"01"}));
-}
-
-TEST_F(SenderInterfacesTest, InterfaceWithoutMulticastIsNotAdded)
-{
-    network.link("eth0", "fd00::1");
-    network.here.ip("link set eth0 multicast off");
-
-    sender->addInterface_byIP("eth0", "fd00::1");
-
-    EXPECT_THAT(log.lines(), ElementsAre("Warning: ServiceDiscovery failed to add Interface \"eth0\" with IP "
-                                         "\"fd00::1\" for sending: does not support Multicast."));
-    EXPECT_FALSE(send({"01"}));
-}
 
 TEST_F(SenderInterfacesTest, SecondAddressOfAnAddedInterfaceIsRefused)
 {
@@ -307,148 +256,6 @@ TEST_F(SenderInterfacesTest, RemovedInterfaceCanBeAddedAgain)
     EXPECT_THAT(listener.bytes(), ElementsAre("aa"));
 }
 
-TEST_F(SenderInterfacesTest, AnyAddressOfTheInterfaceRemovesIt)
-{
-    addInterface("eth0", "fd01::1");
-    network.here.addAddress("eth0", "fd01::2/64");
-    log.clear();
-
-    sender->removeInterface_byIP("eth0", "fd01::2");
-
-    EXPECT_THAT(log.lines(), ElementsAre("Notice: ServiceDiscovery removing Interface \"eth0\" for given IP "
-                                         "\"fd01::2\" for sending."));
-    EXPECT_FALSE(send({"aa"}));
-}
-
-TEST_F(SenderInterfacesTest, LinkLocalInterfaceIsRemovedWithAndWithoutScope)
-{
-    addInterface("eth0", "fe80::1");
-    addInterface("ETH1", "fe80::2");
-
-    sender->removeInterface_byIP("eth0", "fe80::1%eth0");
-    sender->removeInterface_byIP("ETH1", "fe80::2");
-
-    EXPECT_THAT(log.complaints(), IsEmpty());
-    EXPECT_FALSE(send({"aa"}));
-}
-
-TEST_F(SenderInterfacesTest, InterfaceThatWasNotAddedCannotBeRemoved)
-{
-    addInterface("eth0", "fd01::1");
-    network.link("eth1", "fd02::1");
-    log.clear();
-
-    sender->removeInterface_byIP("eth1", "fd02::1");
-    sender->removeInterface_byIP("eth0", "fd02::1");
-    sender->removeInterface_byIP("eth7", "fd01::1");
-
-    EXPECT_THAT(log.lines(), ElementsAre("Warning: Failed to remove Interface \"eth1\" with IP \"fd02::1\" "
-                                         "for sending: not connected(?)",
-                                         "Warning: Failed to remove Interface \"eth0\" with IP \"fd02::1\" "
-                                         "for sending: not connected(?)",
-                                         "Warning: Failed to remove Interface \"eth7\" with IP \"fd01::1\" "
-                                         "for sending: not connected(?)"));
-    EXPECT_TRUE(send({"aa"}));
-}
-
-TEST_F(SenderInterfacesTest, UnparsableAddressCannotBeRemoved)
-{
-    addInterface("eth0", "fd01::1");
-    log.clear();
-
-    sender->removeInterface_byIP("eth0", "no address");
-
-    EXPECT_THAT(log.lines(), ElementsAre("Error: ServiceDiscovery failed to remove Interface \"eth0\" with "
-                                         "IP \"no address\" for sending: Invalid address: no address"));
-    EXPECT_TRUE(send({"aa"}));
-}
-
-TEST_F(SenderInterfacesTest, WildcardRemovesEveryInterface)
-{
-    addInterface("eth0", "fd01::1");
-    addInterface("eth1", "fd02::1");
-    network.here.ip("address flush dev eth1");
-    log.clear();
-
-    sender->removeInterface_byIP("", "::");
-
-    EXPECT_THAT(log.lines(),
-                ElementsAre("Notice: ServiceDiscovery all Interfaces for sending.",
-                            "Notice: ServiceDiscovery removing Interface \"eth0\" for sending.",
-                            "Notice: ServiceDiscovery (was) part of Interface \"eth1\" for sending with "
-                            "currently no IPs.",
-                            "Notice: ServiceDiscovery removing Interface \"eth1\" for sending."));
-    EXPECT_FALSE(send({"aa"}));
-    EXPECT_THAT(log.errors(), ElementsAre(noInterfaces));
-}
-
-TEST_F(SenderInterfacesTest, InterfaceIsRemovedWhenItsAddressHasGone)
-{
-    addInterface("eth0", "fd01::1");
-    network.here.addAddress("eth0", "fd01::2/64");
-    network.here.ip("address delete fd01::1/64 dev eth0");
-    log.clear();
-
-    sender->removeInterface_byIP("eth0", "fd01::1");
-
-    EXPECT_THAT(log.lines(), ElementsAre("Notice: ServiceDiscovery removing Interface \"eth0\" for given IP "
-                                         "\"fd01::1\" for sending."));
-    EXPECT_FALSE(send({"aa"}));
-}
-
-TEST_F(SenderInterfacesTest, InterfaceIsRemovedWhenAllItsAddressesHaveGone)
-{
-    addInterface("eth0", "fe80::1");
-    network.here.ip("address flush dev eth0");
-    log.clear();
-
-    sender->removeInterface_byIP("eth0", "fe80::1");
-
-    EXPECT_THAT(
-        log.lines(),
-        ElementsAre("Notice: ServiceDiscovery part of Interface \"eth0\" for sending with currently no IPs.",
-                    "Notice: ServiceDiscovery removing Interface \"eth0\" for given IP \"fe80::1\" for "
-                    "sending."));
-    EXPECT_FALSE(send({"aa"}));
-}
-
-TEST_F(SenderInterfacesTest, InterfaceIsRemovedWhenItsLinkHasGone)
-{
-    addInterface("eth0", "fd01::1");
-    addInterface("eth1", "fd02::1");
-    network.here.ip("link delete eth0");
-    log.clear();
-
-    sender->removeInterface_byIP("eth0", "fd01::1");
-
-    EXPECT_THAT(
-        log.lines(),
-        ElementsAre("Notice: ServiceDiscovery part of Interface \"eth0\" for sending with currently no IPs.",
-                    "Notice: ServiceDiscovery removing Interface \"eth0\" for given IP \"fd01::1\" for "
-                    "sending."));
-    EXPECT_TRUE(send({"aa"})) << "on eth1";
-}
-
-TEST_F(SenderInterfacesTest, InterfaceWithoutAddressesIsPassedOverInTheWalk)
-{
-    addInterface("eth0", "fd01::1");
-    addInterface("eth1", "fd02::1");
-    network.here.ip("address flush dev eth0");
-    log.clear();
-
-    sender->removeInterface_byIP("eth1", "fd02::1");
-    sender->removeInterface_byIP("eth0", "fd99::1");
-
-    EXPECT_THAT(
-        log.lines(),
-        ElementsAre("Notice: ServiceDiscovery part of Interface \"eth0\" for sending with currently no IPs.",
-                    "Notice: ServiceDiscovery removing Interface \"eth1\" for given IP \"fd02::1\" for "
-                    "sending.",
-                    "Notice: ServiceDiscovery part of Interface \"eth0\" for sending with currently no IPs.",
-                    "Warning: Failed to remove Interface \"eth0\" with IP \"fd99::1\" for sending: not "
-                    "connected(?)"));
-}
-
 TEST_F(SenderInterfacesTest, RemovalClosesTheSocket)
 {
     const std::size_t before = openDescriptors();
@@ -497,28 +304,6 @@ TEST_F(SenderInterfacesTest, ReportsAndQuestionsForOwnAddressesAreServedOneAfter
         thread.join();
 
     EXPECT_EQ(done, 3);
-}
-
-TEST_F(SenderInterfacesTest, InterfacesComeAndGoOnTwoThreads)
-{
-    network.link("eth0", "fd01::1");
-    network.link("eth1", "fd02::1");
-    constexpr int changes = 200;
-
-    const auto flap = [&](const std::string& name, const std::string& address) {
-        for (int i = 0; i < changes; ++i) {
-            sender->addInterface_byIP(name, address);
-            sender->removeInterface_byIP(name, address);
-        }
-        sender->addInterface_byIP(name, address);
-    };
-    std::thread other([&] { flap("eth1", "fd02::1"); });
-    flap("eth0", "fd01::1");
-    other.join();
-
-    EXPECT_THAT(log.complaints(), IsEmpty()) << "no change of one is undone by the other";
-    EXPECT_TRUE(sender->isOwnAddress(IPAddress("fd01::1")));
-    EXPECT_TRUE(sender->isOwnAddress(IPAddress("fd02::1")));
 }
 
 }  // namespace Nubo::ServiceDiscovery::Testing
