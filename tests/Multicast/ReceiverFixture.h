@@ -1,6 +1,7 @@
 #pragma once
 
 #include "Multicast/MulticastReceiver.h"
+#include "support/LinkedFixture.h"
 #include "support/Listener.h"
 #include "support/LogCatcher.h"
 #include "support/Namespace.h"
@@ -107,11 +108,9 @@ constexpr auto leavingAll =
 constexpr auto leaving0 =
     "Notice: ServiceDiscovery leaving IPv6 Multicast Group for Interface \"eth0\" \"eth0\".";
 
-/// A receiver on a unit whose eth0 has the address fd00::1, and fd00::2 at its other end.
-struct ReceiverFixture : ::testing::Test
+/// A receiver on the unit here, not started, with a subscriber.
+struct ReceiverFixture : LinkedFixture
 {
-    ReceiverFixture() { network.link("eth0", "fd00::1", "fd00::2"); }
-
     void join(const std::string& interface = "eth0", const std::string& address = "fd00::1")
     {
         receiver->joinGroupOnInterface_byIP(interface, address);
@@ -129,7 +128,6 @@ struct ReceiverFixture : ::testing::Test
         receiver.reset();
     }
 
-    NetworkPair network;
     HubUnit unit;
     LogCatcher log;
     std::optional<Receiver> receiver{std::in_place, unit.hub, discoveryGroup, discoveryPort};

@@ -1,5 +1,6 @@
 #include "ServiceDiscovery.h"
 #include "support/Descriptions.h"
+#include "support/LinkedFixture.h"
 #include "support/Listener.h"
 #include "support/LogCatcher.h"
 #include "support/Namespace.h"
@@ -67,15 +68,8 @@ struct Idle
     void onServiceListChanged(ServiceDiscovery::ServiceListEventPayload&) {}
 };
 
-struct LinkedTest : ::testing::Test
-{
-    LinkedTest() { network.link("eth0", "fd00::1", "fd00::2"); }
-
-    NetworkPair network;
-};
-
 /// Another unit speaks and listens on eth0. Most tests make the unit in a process by itself.
-struct ProcessLifeTest : LinkedTest
+struct ProcessLifeTest : LinkedFixture
 {
     /// Ends the process at once, after the unit's whole duty.
     [[noreturn]] void endAfterWork(Unit& unit)

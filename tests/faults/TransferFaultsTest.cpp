@@ -2,6 +2,7 @@
 #include "LogicLayer/SDCommunicationHub.h"
 #include "Multicast/MulticastReceiver.h"
 #include "support/Descriptions.h"
+#include "support/LinkedFixture.h"
 #include "support/Listener.h"
 #include "support/LogCatcher.h"
 #include "support/Namespace.h"
@@ -32,16 +33,13 @@ using ::testing::IsEmpty;
 
 namespace {
 
-struct LinkedTest : ::testing::Test
+struct TransferFaultsTest : LinkedFixture
 {
-    LinkedTest() { network.link("eth0", "fd00::1", "fd00::2"); }
-
-    NetworkPair network;
     HubUnit unit;
 };
 
 /// A hub that is not started, so that nothing but the test announces anything.
-struct SendingFaultsTest : LinkedTest
+struct SendingFaultsTest : TransferFaultsTest
 {
     SendingFaultsTest()
     {
@@ -81,7 +79,7 @@ struct SendingFaultsTest : LinkedTest
 };
 
 /// A receiver whose thread the faults concern.
-struct ReceivingFaultsTest : LinkedTest
+struct ReceivingFaultsTest : TransferFaultsTest
 {
     ReceivingFaultsTest()
     {

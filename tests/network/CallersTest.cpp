@@ -1,4 +1,5 @@
 #include "support/Descriptions.h"
+#include "support/LinkedFixture.h"
 #include "support/Listener.h"
 #include "support/LogCatcher.h"
 #include "support/Namespace.h"
@@ -35,15 +36,8 @@ using ::testing::Not;
 
 namespace {
 
-struct LinkedTest : ::testing::Test
-{
-    LinkedTest() { network.link("eth0", "fd00::1", "fd00::2"); }
-
-    NetworkPair network;
-};
-
 /// A unit on eth0, and another one that speaks and listens there.
-struct CallersTest : LinkedTest
+struct CallersTest : LinkedFixture
 {
     CallersTest() { platform.dispatcher().addInterface("eth0", "fd00::1"); }
 

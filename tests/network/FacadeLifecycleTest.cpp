@@ -1,5 +1,6 @@
 #include "ServiceDiscovery.h"
 #include "support/Descriptions.h"
+#include "support/LinkedFixture.h"
 #include "support/Listener.h"
 #include "support/LogCatcher.h"
 #include "support/Namespace.h"
@@ -27,15 +28,8 @@ using ::testing::Contains;
 
 namespace {
 
-struct LinkedTest : ::testing::Test
-{
-    LinkedTest() { network.link("eth0", "fd00::1", "fd00::2"); }
-
-    NetworkPair network;
-};
-
 /// A unit on eth0, and another one that speaks there.
-struct FacadeLifecycleTest : LinkedTest
+struct FacadeLifecycleTest : LinkedFixture
 {
     FacadeLifecycleTest() { platform.dispatcher().addInterface("eth0", "fd00::1"); }
 
