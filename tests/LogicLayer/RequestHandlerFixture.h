@@ -18,7 +18,7 @@
 
 namespace Nubo::ServiceDiscovery::Testing {
 
-/// The handler's thread. Its end repeats shutdown() until the thread has ended, as the hub does.
+/// The handler's thread. The destructor repeats shutdown() until the thread has ended, as the hub does.
 class HandlerThread
 {
 public:
@@ -35,14 +35,14 @@ private:
     Poco::Thread m_thread;
 };
 
-/// Waits until the handler's thread has handled everything and waits for more. An empty queue does not say
-/// so: what was taken off it last may still be in work, and a shutdown would cut it short.
+/// Waits until the handler's thread has handled everything and is idle. An empty queue is not enough: the
+/// last datagram taken off it may still be being handled, and a shutdown would cut that short.
 inline bool handlesAll(const Poco::NotificationQueue& queue)
 {
     return eventually([&] { return queue.hasIdleThreads(); });
 }
 
-/// Writes down the events that the handler raises: "find Media 120", "offer Media 0", with the entry's TTL.
+/// Records the events that the handler raises: "find #65535 TTL 120", "offer #1 TTL 0".
 class RequestSubscriber
 {
 public:
@@ -103,7 +103,7 @@ struct RequestHandlerFixture : ::testing::Test
         queue.enqueueNotification(new SDMessageNotification(Packets::datagram(bytes)));
     }
 
-    /// Runs the handler until everything that is waiting has been handled.
+    /// Runs the handler until everything in the queue has been handled.
     void handleWaiting()
     {
         const HandlerThread thread(handler);

@@ -28,7 +28,7 @@ namespace {
 
 using SDRequestHandlerDatagramsTest = RequestHandlerFixture;
 
-/// What the log shows of a good packet.
+/// How the log shows a valid packet.
 std::string textOf(const std::string& bytes)
 {
     SOME_IP_SD_Header received(bytes.size());
@@ -37,7 +37,7 @@ std::string textOf(const std::string& bytes)
     return received.toString(0);
 }
 
-/// A handler whose steps a test takes by themselves.
+/// A handler whose single steps a test can call.
 class OpenHandler : public SDRequestHandler
 {
 public:
@@ -55,7 +55,7 @@ struct SDRequestHandlerStepsTest : ::testing::Test
     LogCatcher log;
 };
 
-/// A handler whose splitting of a datagram the test does: into packets that the wire format never yields.
+/// A handler for which the test splits the datagram, into packets that the wire format never yields.
 class OddParser : public SDRequestHandler
 {
 public:
@@ -73,7 +73,7 @@ protected:
 
 struct OddPacketTest : ::testing::Test
 {
-    /// Hands in a datagram of nine bytes, which the parser reads as it likes, and a good packet behind it.
+    /// Handles a datagram of nine bytes, for which `parse` yields packets. One of those must be `good`.
     void handle(const std::function<void(std::vector<SOME_IP_SD_Header::Ptr>&)>& parse)
     {
         handler.parse = parse;
@@ -98,7 +98,7 @@ struct OddPacketTest : ::testing::Test
     RequestSubscriber subscriber{handler};
     LogCatcher log;
     const SOME_IP_SD_Header::Ptr good = read(Packets::find("Media"));
-    const std::string bytes = "01 02 ff 04 05 06 07 08 09"_bytes;  // three groups in a dump
+    const std::string bytes = "01 02 ff 04 05 06 07 08 09"_bytes;  // three groups of a hex dump
 };
 
 }  // namespace
@@ -202,7 +202,7 @@ TEST_F(SDRequestHandlerDatagramsTest, PacketCutShortIsDropped)
                                             "received, but 0 Bytes parsed!"));
 }
 
-// What the wire format never yields
+// Packets that the wire format never yields
 
 TEST_F(OddPacketTest, SplittingThatThrowsIsLoggedWithTheDatagramAndWhatItYieldedIsHandled)
 {

@@ -22,7 +22,7 @@ std::string refusals(const std::string& count)
            " offer(s) of new Services refused, at most 131072 with 67108864 Bytes of text can be known!";
 }
 
-/// An offer that says much about its service.
+/// An offer with `count` categories, which take a kilobyte each.
 SDService::Ptr offeredWithCategories(const std::string& name, std::size_t count)
 {
     NuboServiceDescription description = describe(name, "fd00::2");

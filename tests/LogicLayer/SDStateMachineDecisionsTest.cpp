@@ -1,4 +1,4 @@
-// What the state machine decides where two answers would do for most records.
+// Decisions of the state machine that make no difference for most records.
 
 #include "StateMachineFixture.h"
 
@@ -39,7 +39,7 @@ struct ExceptionCase
 struct SDStateMachineExceptionTest : SDStateMachineDecisionsTest, ::testing::WithParamInterface<ExceptionCase>
 {};
 
-/// Admits everything, and writes down what it was asked about.
+/// Admits everything and records what it was asked about.
 class AskedStateMachine : public TestStateMachine
 {
 public:
@@ -172,7 +172,7 @@ TEST_F(SDStateMachineDecisionsTest, ServiceThatIsSearchedForIsNotAskedAbout)
     EXPECT_THAT(asked.periodic(), SizeIs(1));
 }
 
-// Records that have no business where they are
+// Records in the wrong workload or phase
 
 TEST_F(SDStateMachineDecisionsTest, OfferReportsAKnownInstanceThatIsNotInItsMainPhase)
 {

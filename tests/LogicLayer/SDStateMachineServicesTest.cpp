@@ -61,7 +61,7 @@ TEST_F(SDStateMachineServicesTest, SearchesAnswersAndWhatIsWithdrawnAreNoService
     EXPECT_THAT(machine.getServices(), SizeIs(1));
 }
 
-/// Many callers with long lists must not keep the network waiting, each for the time of a list.
+/// Otherwise many callers with long lists would keep the network waiting, each while its list is made.
 TEST_F(SDStateMachineServicesTest, ServicesAreListedForOneCallerAtATimeAndEventsGoOn)
 {
     std::future<std::size_t> listed;

@@ -23,7 +23,7 @@ using ::testing::SizeIs;
 
 namespace {
 
-/// A state machine that works by its real timers. Each test starts it.
+/// A state machine with its real timers. Each test starts it.
 struct SDStateMachineTimersTest : StateMachineFixture
 {
     ~SDStateMachineTimersTest() override { machine.stop(); }
@@ -34,7 +34,7 @@ struct SDStateMachineTimersTest : StateMachineFixture
     }
 };
 
-/// The names of the threads on which a machine announces a service until it is periodic.
+/// Names of the threads on which a machine announces a service, up to its first periodic offer.
 std::set<std::string> announcingThreads()
 {
     EngineFixture engine;
@@ -91,7 +91,7 @@ TEST_F(SDStateMachineTimersTest, AddedServiceIsSentFourTimesAndThenInOneBatchASe
     const Poco::Clock::ClockDiff earliest[] = {0, 100, 300, 700, 1000, 2000, 3000};
     for (std::size_t i = 0; i < 7; ++i) {
         SCOPED_TRACE(i);
-        // Poco's timer may fire up to a millisecond early in the second.
+        // Poco's timer may fire up to a millisecond early in each second.
         const Poco::Clock::ClockDiff early = i < 4 ? 0 : 10 * millisecond;
         EXPECT_GE(sent[i].time - begin, earliest[i] * millisecond - early);
         EXPECT_EQ(sent[i].isBatch, i >= 4);

@@ -21,13 +21,13 @@ constexpr Poco::Clock::ClockDiff millisecond = 1000;
 constexpr Poco::Clock::ClockDiff second = 1000 * millisecond;
 constexpr Poco::Clock::ClockDiff hour = 3600 * second;
 
-/// The record that a search for that name brings, of this unit's registry or of another unit.
+/// Record of a search for that name, by this unit's registry or by another unit.
 inline SDService::Ptr searched(const std::string& name)
 {
     return new SDService(name);
 }
 
-/// The record that the offer of another unit brings.
+/// Record of another unit's offer.
 inline SDService::Ptr offered(const std::string& name = "Media", const std::string& address = "fd00::2",
                               unsigned short port = 8080, unsigned int ttl = 120)
 {
@@ -36,7 +36,7 @@ inline SDService::Ptr offered(const std::string& name = "Media", const std::stri
     return service;
 }
 
-/// Records of "Media" as the state machine keeps them.
+/// Records of "Media" in the form in which the state machine keeps them.
 inline SDService::Ptr discovered(const std::string& address = "fd00::2", const std::string& uuid = "uuid-0")
 {
     return makeRecord(Type::DISCOVERED, State::MAIN_PHASE, "Media", address, 8080, uuid);
@@ -57,7 +57,7 @@ inline SDService::Ptr announced(State::State_t state, const std::string& address
     return service;
 }
 
-/// A state machine that a test hands events to. Its timers do not run.
+/// A state machine to which a test hands events. Its timers do not run.
 struct StateMachineFixture : ::testing::Test
 {
     bool put(const SDService::Ptr& service) { return machine.handle(Event::HTTP_PUT, service); }
@@ -75,7 +75,7 @@ struct StateMachineFixture : ::testing::Test
     LogCatcher log;
 };
 
-/// The same, marked as running: the test lets intervals of the workers end.
+/// The same, marked as running. The test ends the workers' intervals by hand.
 struct RunningStateMachineFixture : StateMachineFixture
 {
     RunningStateMachineFixture() { machine.run(); }

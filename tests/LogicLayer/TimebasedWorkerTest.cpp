@@ -25,7 +25,7 @@ namespace {
 
 constexpr long parked = 2147483647;
 
-/// What a worker works for: nothing here.
+/// Stands in for the state machine, to which a worker belongs.
 struct Owner
 {
     std::vector<int> workload;
@@ -53,7 +53,7 @@ public:
             work();
     }
 
-    /// Done in every interval. To be set before the start.
+    /// Called in every interval. To be set before the start.
     std::function<void()> work;
     std::atomic<int> intervals{0};
     std::atomic<bool> isOwnTimer{false};

@@ -12,7 +12,7 @@
 
 namespace Nubo::ServiceDiscovery::Testing {
 
-/// How an announcement found its record: "Media ANNOUNCED REPETITION_PHASE #1 run 2".
+/// The records at the moment of their announcement: "Media ANNOUNCED REPETITION_PHASE #1 run 2".
 inline std::vector<std::string> sendings(const std::vector<RecordingHub::Sent>& sent)
 {
     std::vector<std::string> result;
@@ -34,7 +34,7 @@ constexpr auto stoppedMedia =
     "Notice: SD Announcement of Service http://[fd00::1]:8080/Media/ (Media v1.0.X) "
     "stopped, due to shutdown of ServiceRegistry.";
 
-/// A state machine whose workers announce what falls due when the test lets their intervals end.
+/// A state machine whose workers announce due records when the test ends their intervals.
 struct WorkersFixture : RunningStateMachineFixture
 {
     /// Shortest and longest time, in microseconds, after which the record scheduled by `action` is due.
@@ -60,7 +60,7 @@ MATCHER_P(Holds, delay, "")
     return arg.first <= delay * millisecond && arg.second >= delay * millisecond;
 }
 
-/// A record of a kind that has no place in a workload, and how the log names that kind.
+/// A kind of record that does not belong into a workload, and its name in the log.
 struct UnexpectedRecord
 {
     Type::Type_t type;

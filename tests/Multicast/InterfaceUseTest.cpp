@@ -18,7 +18,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-// The sender and the receiver take in interfaces and let go of them by the same rules.
+// The sender and the receiver add and remove interfaces by the same rules.
 namespace Nubo::ServiceDiscovery::Testing {
 
 using Poco::Net::IPAddress;
@@ -46,7 +46,7 @@ struct SenderUse
     {
         return user.isOwnAddress(IPAddress(interface.second));
     }
-    /// That it sends if it uses any interface.
+    /// Checks that it sends if it uses any interface.
     void expectWorksOn(const std::vector<std::string>& interfaces)
     {
         Datagrams datagrams{"01"};
@@ -110,7 +110,7 @@ struct ReceiverUse
         user.leaveGroupOnInterface_byIP(interface, ip);
     }
     bool uses(const Addresses::value_type& interface) const { return user.isJoinedOn(interface.first); }
-    /// That the kernel has joined the group there and nowhere else.
+    /// Checks that the kernel has joined the group on these and no other interfaces.
     void expectWorksOn(const std::vector<std::string>& interfaces)
     {
         EXPECT_THAT(joinedInterfaces(), ElementsAreArray(interfaces));
@@ -193,7 +193,7 @@ struct InterfaceUseTest : ::testing::Test
         return result;
     }
 
-    /// That these interfaces are used, in alphabetical order, and no others.
+    /// Checks that these interfaces, in alphabetical order, and no others are used.
     void expectUsed(const std::vector<std::string>& interfaces)
     {
         EXPECT_EQ(used(), interfaces);

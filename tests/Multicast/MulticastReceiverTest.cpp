@@ -197,7 +197,8 @@ INSTANTIATE_TEST_SUITE_P(
                       Thrown{"Other", [] { throw 42; }, "unknown exception"}),
     [](const auto& row) { return row.param.name; });
 
-/// The kernel gives a socket what comes in for its group, on whatever interface some socket has joined.
+/// The kernel gives a socket all datagrams for its group that arrive on an interface where any socket has
+/// joined the group.
 TEST_F(RunningReceiverTest, DatagramFromAnInterfaceOnWhichOnlyAnotherSocketHasJoinedIsDropped)
 {
     network.link("eth1", "fd01::1", "fd01::2");
@@ -235,7 +236,7 @@ TEST_F(RunningReceiverTest, InterfacesComeAndGoWhileDatagramsArrive)
     EXPECT_THAT(log.complaints(), IsEmpty());
 }
 
-/// A reactor of the test's own raises what the receiver's one raises seldom.
+/// The test has its own reactor, because the receiver's one seldom raises this.
 TEST_F(MulticastReceiverTest, SocketErrorIsReportedAndTakenOffTheSocket)
 {
     Poco::Net::DatagramSocket refused(SocketAddress("::1", 0), false);
@@ -250,7 +251,7 @@ TEST_F(MulticastReceiverTest, SocketErrorIsReportedAndTakenOffTheSocket)
             return refused.sendBytes("x", 1) == 1;
         }
         catch (const Poco::Exception&) {
-            return false;  // the former error was still there
+            return false;  // the previous error was still set
         }
     };
     const std::string line =

@@ -25,7 +25,7 @@ public:
     using MulticastSender::transmit;
 };
 
-/// Datagrams as the sender takes them: it writes into their bytes.
+/// Datagrams in the sender's form. It writes into their bytes.
 class Datagrams
 {
 public:

@@ -36,7 +36,7 @@ public:
     using MulticastReceiver::onSocketError;
 };
 
-/// Writes down what the receiver hands over.
+/// Records the datagrams that the receiver hands over.
 class ReceiverSubscriber
 {
 public:
@@ -62,7 +62,7 @@ public:
         return m_received;
     }
 
-    /// The bytes of each, as hexadecimal text.
+    /// The bytes of each datagram, as hexadecimal text.
     std::vector<std::string> bytes() const
     {
         std::vector<std::string> result;
@@ -71,13 +71,13 @@ public:
         return result;
     }
 
-    /// Waits for that many datagrams in all.
+    /// Waits until it has received that many datagrams in total.
     bool gets(std::size_t count) const
     {
         return eventually([&] { return received().size() >= count; });
     }
 
-    /// Has every further datagram followed by a call, on the receiver's thread.
+    /// Makes every further datagram call the function, on the receiver's thread.
     void onDatagram(std::function<void()> call)
     {
         const std::lock_guard<std::mutex> lock(m_mutex);
@@ -134,7 +134,7 @@ struct ReceiverFixture : LinkedFixture
     std::optional<ReceiverSubscriber> subscriber{std::in_place, *receiver};
 };
 
-/// The same with the receiver started, the group joined, and another unit that speaks on eth0.
+/// The same with the receiver started, the group joined, and another unit that sends on eth0.
 struct RunningReceiverFixture : ReceiverFixture
 {
     RunningReceiverFixture()

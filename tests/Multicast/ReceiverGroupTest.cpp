@@ -72,7 +72,7 @@ TEST_P(RefusedJoinTest, IsSkippedWithAWarning)
 INSTANTIATE_TEST_SUITE_P(Addresses, RefusedJoinTest, ::testing::ValuesIn(unsuitableAddresses),
                          [](const auto& row) { return row.param.name; });
 
-/// The kernel joins nobody to an address that is no group.
+/// The kernel refuses to join an address that is no multicast group.
 TEST_F(ReceiverGroupTest, JoiningThatFailsIsReportedAndTheInterfaceIsNotJoined)
 {
     Receiver misled(unit.hub, "fd00::7", discoveryPort);

@@ -19,13 +19,13 @@ namespace Nubo::ServiceDiscovery::Testing {
 using Poco::Net::IPAddress;
 using Poco::Net::SocketAddress;
 
-// The placeholder, and the addresses of interfaces, as they stand in datagrams.
+// The placeholder and the addresses of interfaces, as bytes in datagrams.
 inline const std::string fd00_1 = "fd 00 00 00 00 00 00 00 00 00 00 00 00 00 00 01";
 inline const std::string fd01_1 = "fd 01 00 00 00 00 00 00 00 00 00 00 00 00 00 01";
 inline const std::string fd02_1 = "fd 02 00 00 00 00 00 00 00 00 00 00 00 00 00 01";
 inline const std::string fe80_1 = "fe 80 00 00 00 00 00 00 00 00 00 00 00 00 00 01";
 
-/// A sender for a unit on fd00::1, as yet without interfaces.
+/// A sender for a unit on fd00::1 that has no interfaces yet.
 struct SenderFixture : ::testing::Test
 {
     SenderFixture() { sender->init(IPAddress("fd00::1")); }
@@ -47,7 +47,7 @@ struct SenderFixture : ::testing::Test
     bool send(Datagrams& forAll) { return sender->sendMulticast(forAll.list(), {}); }
     bool send(Datagrams&& forAll) { return send(forAll); }
 
-    /// Sends a datagram on every interface and returns where the one on that interface came from.
+    /// Sends a datagram on every interface and returns the source of the one that the listener hears.
     SocketAddress ownAddress(Listener& listener)
     {
         listener.clear();

@@ -27,7 +27,7 @@ namespace {
 
 using SenderInterfacesTest = SenderFixture;
 
-/// Leaves no port to be had for that address while it exists.
+/// While it exists, no port is available for that address.
 class NoPorts
 {
 public:
@@ -50,7 +50,7 @@ private:
     Poco::Net::DatagramSocket m_holder{SocketAddress::IPv6};
 };
 
-/// eth0 has been reported with an address that cannot be used: duplicate address detection is running.
+/// eth0 has been reported with an address that cannot be used yet: duplicate address detection is running.
 struct TentativeSenderTest : SenderFixture
 {
     TentativeSenderTest() { sender->addInterface_byIP("eth0", "fd00::1"); }
@@ -64,14 +64,14 @@ struct TentativeSenderTest : SenderFixture
         return Listener(network.there, "eth0");
     }
 
-    /// Lets the address be used.
+    /// Makes the address usable.
     void passCheck() const
     {
         network.here.ip("address delete fd00::1/64 dev eth0");
         network.here.addAddress("eth0", "fd00::1/64");
     }
 
-    /// Adds the interface again, as is done until it can be used.
+    /// Tries again to add the interface, as the engine does until it can be used.
     Multicast::Outcome retry()
     {
         return sender->add("eth0", "fd00::1", *Multicast::InterfaceListing::take(),

@@ -48,7 +48,8 @@ struct LongList
     Sender::MulticastData list;
 };
 
-constexpr auto slow = "qdisc add dev eth0 root tbf rate 20mbit burst 1600 limit 10000000";  // one in 0.5 ms
+constexpr auto slow =
+    "qdisc add dev eth0 root tbf rate 20mbit burst 1600 limit 10000000";  // a datagram every 0.5 ms
 
 }  // namespace
 
@@ -57,7 +58,7 @@ TEST_F(SlowInterfaceBesideAnotherTest, InterfaceThatDoesNotTakeItsDatagramsHolds
     constexpr std::size_t runs = 20;
     std::string bytes(1212, 'x');
     const Sender::MulticastData list(20, {bytes.data(), bytes.size()});
-    network.here.tc("qdisc add dev eth0 root tbf rate 8kbit burst 1600 limit 10000000");  // 1 kB a second
+    network.here.tc("qdisc add dev eth0 root tbf rate 8kbit burst 1600 limit 10000000");  // 1 kB per second
 
     const std::size_t taken = listener0.datagrams().size();
     const auto start = std::chrono::steady_clock::now();
@@ -80,12 +81,13 @@ TEST_F(SlowInterfaceBesideAnotherTest, InterfaceThatDoesNotTakeItsDatagramsHolds
     EXPECT_THAT(log.complaints(), IsEmpty());
 }
 
-/// Each datagram has room within the 20 milliseconds, so that none is worth giving up.
+/// Each datagram gets room within the 20 milliseconds, so that giving up on one alone would not help.
 TEST_F(SlowInterfaceBesideAnotherTest, InterfaceThatTakesItsDatagramsSlowlyHoldsUpNobodyForLong)
 {
     std::string bytes(1212, 'x');
     const Sender::MulticastData list(80, {bytes.data(), bytes.size()});
-    network.here.tc("qdisc add dev eth0 root tbf rate 1mbit burst 1600 limit 10000000");  // one in 10 ms
+    network.here.tc(
+        "qdisc add dev eth0 root tbf rate 1mbit burst 1600 limit 10000000");  // a datagram every 10 ms
 
     const auto start = std::chrono::steady_clock::now();
     for (std::size_t i = 1; i <= 5; ++i) {
@@ -101,7 +103,8 @@ TEST_F(SlowInterfaceBesideAnotherTest, InterfaceThatTakesItsDatagramsSlowlyIsWai
 {
     std::string bytes(1212, 'x');
     const Sender::MulticastData list(400, {bytes.data(), bytes.size()});
-    network.here.tc("qdisc add dev eth0 root tbf rate 2mbit burst 1600 limit 10000000");  // one in 5 ms
+    network.here.tc(
+        "qdisc add dev eth0 root tbf rate 2mbit burst 1600 limit 10000000");  // a datagram every 5 ms
     sender->sendMulticast(list, {});
     const auto taken = [&] {
         const std::size_t lost = log.errors().size();
@@ -142,7 +145,7 @@ TEST_F(SlowInterfacesTest, SlowInterfaceGetsAllOfAListInTurnBesideAnother)
     }));
 }
 
-/// Each would be waited for, and takes a datagram every ten milliseconds.
+/// The sender would wait for each of them: they take a datagram every ten milliseconds.
 TEST_F(SlowInterfacesTest, ManySlowInterfacesHoldUpNobodyForLonger)
 {
     constexpr int interfaces = 8;
@@ -152,12 +155,12 @@ TEST_F(SlowInterfacesTest, ManySlowInterfacesHoldUpNobodyForLonger)
         network.here.tc("qdisc add dev " + name + " root tbf rate 1mbit burst 1600 limit 10000000");
     }
     const LongList datagrams;
-    sender->sendMulticast(datagrams.list, {});  // the queues are full from here on
+    sender->sendMulticast(datagrams.list, {});  // fills the queues
 
     constexpr double longest = 100;
     const Sender::MulticastData few(16, datagrams.list.front());
     const auto send = [&] {
-        std::this_thread::sleep_for(std::chrono::milliseconds(20));  // each takes the first again
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));  // until each has room for one
         SDClock::turn(1000000);
         sender->sendMulticast(few, {});
     };

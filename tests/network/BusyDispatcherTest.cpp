@@ -36,7 +36,7 @@ void ipv6IsOff(const NetworkPair& network)
     network.here.addAddress("eth0", "fd00::1/64");
 }
 
-/// The kernel takes IPv6 off an interface that cannot carry 1280 bytes, and the memberships with it.
+/// The kernel disables IPv6, and drops the memberships, on an interface that cannot carry 1280 bytes.
 void datagramsAreTooShortForIPv6(const NetworkPair& network)
 {
     network.here.ip("link set eth0 mtu 1000");
@@ -61,7 +61,7 @@ void interfaceIsMadeAnewWithItsIndex(const NetworkPair& network)
     network.there.addAddress("eth0", "fd00::2/64");
 }
 
-/// Something that happens to interface eth0 and is over before the dispatcher looks.
+/// A change of interface eth0 that is over before the dispatcher looks.
 struct Interlude
 {
     std::string name;
@@ -104,7 +104,8 @@ INSTANTIATE_TEST_SUITE_P(Interludes, BusyDispatcherTest,
                                           interfaceIsMadeAnewWithItsIndex}),
                          rowName);
 
-/// Its report finds no address, and both its going and its coming back are told to the dispatcher at once.
+/// The first report finds no address. The dispatcher learns of both changes, the removal and the return, at
+/// once.
 TEST_F(LateReportTest, AddressThatWasAwayWhenItWasReportedIsUsedWhenItIsBack)
 {
     Gate gateBefore;

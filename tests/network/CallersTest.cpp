@@ -23,7 +23,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-/// What registries may do to the library, in any order and from any number of threads.
+/// Registries may call the library in any order and from any number of threads.
 namespace Nubo::ServiceDiscovery::Testing {
 
 using std::chrono::milliseconds;
@@ -36,14 +36,14 @@ using ::testing::Not;
 
 namespace {
 
-/// A unit on eth0, and another one that speaks and listens there.
+/// A unit on eth0, and another one that sends and listens there.
 struct CallersTest : LinkedFixture
 {
     CallersTest() { platform.dispatcher().addInterface("eth0", "fd00::1"); }
 
     bool startup() const { return discovery->startup(Poco::Net::IPAddress("fd00::1")); }
 
-    /// Whether the unit still does all that it is there for.
+    /// Checks that the unit still announces, discovers and withdraws.
     void expectToWork()
     {
         if (!discovery->running()) {

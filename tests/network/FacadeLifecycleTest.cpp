@@ -20,7 +20,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-// What a registry may rely on when it shuts down while datagrams come in.
+// Guarantees for a registry that shuts down while datagrams arrive.
 namespace Nubo::ServiceDiscovery::Testing {
 
 using std::chrono::milliseconds;
@@ -28,7 +28,7 @@ using ::testing::Contains;
 
 namespace {
 
-/// A unit on eth0, and another one that speaks there.
+/// A unit on eth0, and another one that sends there.
 struct FacadeLifecycleTest : LinkedFixture
 {
     FacadeLifecycleTest() { platform.dispatcher().addInterface("eth0", "fd00::1"); }
@@ -49,7 +49,7 @@ struct FacadeLifecycleTest : LinkedFixture
     Speaker speaker{network.there, "eth0", "fd00::2"};
 };
 
-/// The packets of one datagram that offer so many services.
+/// A datagram with `count` packets, each of which offers a service.
 std::string offersOf(std::size_t count)
 {
     std::string bytes;
@@ -104,7 +104,7 @@ TEST_F(FacadeLifecycleTest,
     EXPECT_TRUE(discovers("Last"));
 }
 
-/// A log channel holds up the request handler's thread, which holds no lock.
+/// A log channel blocks the request handler's thread, which holds no lock.
 TEST_F(FacadeLifecycleTest, DoesNotSayThatItRunsWhileAStartupWaits)
 {
     LogCatcher log;

@@ -36,7 +36,7 @@ inline const std::string offerOfFar =
 
 constexpr std::size_t atTTL = 16 + 8 + 9;  // in a datagram with one entry
 
-/// A hub that is not started and has no interfaces, and another unit that speaks on eth0.
+/// A hub that is not started and has no interfaces, and another unit that sends on eth0.
 struct HubFixture : LinkedFixture
 {
     ~HubFixture() override
@@ -49,13 +49,13 @@ struct HubFixture : LinkedFixture
     OEMInterface::ManualDispatcher& dispatcher() { return unit->platform.dispatcher(); }
     bool start() { return hub().start(Poco::Net::IPAddress("fd00::1")); }
 
-    /// Waits for that many discoveries of the service that is offered by offerOfFar.
+    /// Waits until the service of offerOfFar has been discovered that often.
     bool discovers(std::size_t count)
     {
         return eventually([&] { return unit->registry.discovered("Far") >= count; });
     }
 
-    /// How many packets with TTL 0 the listener has heard, when each datagram has one packet.
+    /// Number of packets heard with TTL 0, if each datagram has one packet.
     std::size_t stopOffers()
     {
         const auto& heard = listener.datagrams();

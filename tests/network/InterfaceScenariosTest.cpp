@@ -187,7 +187,7 @@ TEST_F(InterfaceScenariosTest, ReportsInQuickSuccessionLeaveNothingBehind)
         EXPECT_THAT(groupUsersIn(unit.network()), IsEmpty());
     }
 
-    // A run of sending may still have a socket.
+    // A sending that has not finished may still hold a socket.
     EXPECT_TRUE(eventually([&] { return openDescriptors() == descriptorsWithout; }));
     unit.addInterface("eth0", "fd00::1");
     EXPECT_TRUE(Testing::meet(unit, "fd00::1", *other, "fd00::2"));

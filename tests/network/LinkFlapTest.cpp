@@ -28,7 +28,7 @@ const std::string thereUp = "ip -n there link set eth0 up;";
 const std::string addressGoes = "ip -n here address delete fd00::1/64 dev eth0;";
 const std::string addressComes = "ip -n here address add fd00::1/64 dev eth0 nodad;";
 
-/// A way for a link to go and to come back, as often as told.
+/// A way for a link to go down and come up again, repeated `times` times.
 struct Flap
 {
     std::string name;
@@ -44,7 +44,7 @@ constexpr auto rowName = [](const auto& row) { return row.param.name; };
 
 struct LinkFlapTest : InterfacesFixture, ::testing::WithParamInterface<Flap>
 {
-    /// Each unit announces services that the other one is to know throughout.
+    /// Makes each unit announce services that the other one must know all the time.
     void startTraffic()
     {
         for (int i = 0; i < services; ++i) {
@@ -54,7 +54,7 @@ struct LinkFlapTest : InterfacesFixture, ::testing::WithParamInterface<Flap>
         ASSERT_TRUE(eventually([&] { return knowsEachService(); }));
     }
 
-    /// Each once, and none gone.
+    /// Whether each service was discovered once and none is gone.
     bool knowsEachService() const
     {
         for (int i = 0; i < services; ++i) {
@@ -70,7 +70,7 @@ struct LinkFlapTest : InterfacesFixture, ::testing::WithParamInterface<Flap>
     static constexpr int services = 20;
 };
 
-/// Goes into the test's XML report.
+/// Writes median and maximum into the test's XML report.
 void record(const std::string& what, std::vector<milliseconds> times)
 {
     ASSERT_FALSE(times.empty());
@@ -79,8 +79,8 @@ void record(const std::string& what, std::vector<milliseconds> times)
     ::testing::Test::RecordProperty(what + "WorstMs", std::to_string(times.back().count()));
 }
 
-/// While it exists, two interfaces go down and come up all the time, by the work of one process: one that is
-/// being made holds every descriptor for a moment.
+/// While it exists, two interfaces go down and up all the time. One process does all of it, because a new
+/// process would hold every descriptor for a moment.
 class Flapping
 {
 public:

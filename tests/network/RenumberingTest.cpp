@@ -15,7 +15,7 @@ using ::testing::Values;
 
 namespace {
 
-/// How an address is replaced by another.
+/// A way to replace an address by another.
 struct Renumbering
 {
     std::string name;
@@ -65,8 +65,8 @@ TEST_P(RenumberingTest, OneInterfaceSendsWhatWasBuiltFromTheNewAddress)
     EXPECT_THAT(groupUsersIn(network.here), ElementsAre(Pair("eth0", 1)));
 }
 
-/// Between the two addresses there is one interface, which sends what was built. That is with its own
-/// address here, or the peer would discover the service a fourth time now and then.
+/// Between the two addresses only one interface is left, which sends packets as they were built. They are
+/// built with its own address here. Otherwise the peer would sometimes discover the service a fourth time.
 TEST_P(RenumberingTest, WithTwoInterfacesOffersCarryTheNewAddress)
 {
     network.link("eth0", "fd00::1", "fd00::2");

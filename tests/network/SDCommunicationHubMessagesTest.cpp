@@ -36,7 +36,7 @@ Multicast::MulticastDataPtr datagram(const std::string& bytes)
                                                            SocketAddress("fd00::2", 1234));
 }
 
-/// A running hub whose request handler is held up at an offer, by what follows its first line.
+/// A running hub whose request handler is held up at an offer, right after its first log line.
 struct HeldHandlerTest : RunningHubFixture
 {
     HeldHandlerTest()
@@ -52,7 +52,7 @@ struct HeldHandlerTest : RunningHubFixture
     ~HeldHandlerTest() override
     {
         gate.open();
-        unit.reset();  // which waits until the gate is passed
+        unit.reset();  // waits until the handler has passed the gate
     }
 
     Gate gate;
@@ -182,7 +182,7 @@ TEST_F(HeldHandlerTest, StopWaitsASecondForTheHandlerAndEndsEverythingElse)
     EXPECT_TRUE(log.has("Debug: SDStateMachine::stop"));
 }
 
-/// Against a thread that waits as often and as long: a busy machine makes both wait longer.
+/// Compares with a thread that waits as often and as long: on a busy machine, both wait longer.
 TEST_F(HeldHandlerTest, StopWaitsFiftyTimesTwentyMillisecondsForTheHandler)
 {
     double reference = 0;

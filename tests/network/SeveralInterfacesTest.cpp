@@ -61,7 +61,7 @@ struct PeersTest : InterfacesFixture, ::testing::WithParamInterface<std::string>
         std::string ours() const { return prefix + "1"; }
         std::string its() const { return prefix + "2"; }
 
-        /// Where it has discovered a service of that name.
+        /// The addresses at which it has discovered a service of that name.
         std::vector<std::string> addresses(const std::string& service) const
         {
             std::vector<std::string> result;
@@ -138,7 +138,7 @@ TEST_F(SegmentTest, UnitWithOneAddressOnTwoPortsIsDiscoveredOnceAndNeverByItself
     EXPECT_THAT(one->registry().events(), IsEmpty());
 }
 
-/// What it sent from one port may come back on the other one when the first is closed already.
+/// A datagram sent from one port may come back on the other one when the first is closed already.
 TEST_F(SegmentTest, UnitNeverDiscoversItselfWhileAPortComesAndGoes)
 {
     network.here.setIPv6("eth1/keep_addr_on_down", "1");

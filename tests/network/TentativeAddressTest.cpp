@@ -20,7 +20,7 @@ bool isTentative(const Namespace& network, const std::string& interface)
                 .empty();
 }
 
-/// Duplicate address detection takes a second or two on interfaces that are made from now on.
+/// Makes duplicate address detection take a second or two on new interfaces.
 void detectDuplicates(const Namespace& network)
 {
     network.setIPv6("default/accept_dad", "1");

@@ -13,7 +13,7 @@
 
 namespace Nubo::ServiceDiscovery::Testing {
 
-/// A timer that has fallen behind: its second interval passed while the first was still being worked on.
+/// A timer that has fallen behind: its second interval passed while the first was still being handled.
 class LateTimer
 {
 public:
