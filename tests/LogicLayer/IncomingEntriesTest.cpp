@@ -120,7 +120,7 @@ const auto rowName = [](const ::testing::TestParamInfo<RefusalCase>& row) { retu
 
 }  // namespace
 
-TEST_F(IncomingEntriesTest, OfferBecomesARecordWithEverythingThatItTells)
+TEST_F(IncomingEntriesTest, OfferBecomesARecordWithAllItsValues)
 {
     const std::string options = ipv6Option("fd 00 00 00 00 00 00 00 00 00 00 00 00 00 00 12") +
                                 configurationOption({"category=audio", "l6proto=nubo", "otherserv=Media",
@@ -206,6 +206,9 @@ TEST_F(IncomingEntriesTest, OptionsThatWereFoundAreListedInAFixedOrder)
     offerWith({loadBalancingOption(), ipv4Option(), media});
     EXPECT_THAT(log.traces(),
                 Contains("Trace: Found Options: IPv4 Option Configuration Option LoadBalancing Option"));
+
+    offerWith({optionOfUnknownType(), media, ipv6Option()});
+    EXPECT_THAT(log.traces(), Contains("Trace: Found Options: IPv6 Option Configuration Option"));
 
     offerWith({ipv6Option(), optionOfUnknownType()});
     EXPECT_THAT(log.traces(), Contains("Trace: Found Options: IPv6 Option"));

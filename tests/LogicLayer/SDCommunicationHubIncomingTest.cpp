@@ -6,6 +6,7 @@
 
 #include <Poco/Exception.h>
 
+#include <cstddef>
 #include <stdexcept>
 #include <string>
 

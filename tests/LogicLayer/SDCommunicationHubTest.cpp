@@ -26,7 +26,6 @@ namespace Nubo::ServiceDiscovery::Testing {
 
 using Type = SDService::Type;
 using Poco::Net::IPAddress;
-using ::testing::Contains;
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 using ::testing::Not;

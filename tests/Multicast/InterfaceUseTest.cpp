@@ -9,7 +9,6 @@
 
 #include <Poco/Net/IPAddress.h>
 
-#include <algorithm>
 #include <map>
 #include <string>
 #include <thread>

@@ -2,7 +2,6 @@
 #include "support/UnsuitableAddress.h"
 
 #include <string>
-#include <thread>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

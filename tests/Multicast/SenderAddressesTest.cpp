@@ -13,7 +13,6 @@
 namespace Nubo::ServiceDiscovery::Testing {
 
 using ::testing::ElementsAre;
-using ::testing::IsEmpty;
 
 namespace {
 

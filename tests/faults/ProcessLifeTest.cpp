@@ -36,7 +36,6 @@ namespace Nubo::ServiceDiscovery::Testing {
 
 using std::chrono::milliseconds;
 using ::testing::Each;
-using ::testing::Gt;
 using ::testing::IsEmpty;
 using ::testing::Not;
 

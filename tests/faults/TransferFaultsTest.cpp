@@ -5,7 +5,6 @@
 #include "support/LinkedFixture.h"
 #include "support/Listener.h"
 #include "support/LogCatcher.h"
-#include "support/Namespace.h"
 #include "support/SystemFaults.h"
 #include "support/TestUnit.h"
 #include "support/Waiting.h"
@@ -27,7 +26,6 @@
 namespace Nubo::ServiceDiscovery::Testing {
 
 using Poco::Net::IPAddress;
-using ::testing::Contains;
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 

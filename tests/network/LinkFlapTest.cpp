@@ -1,5 +1,6 @@
 #include "InterfacesFixture.h"
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <cstddef>

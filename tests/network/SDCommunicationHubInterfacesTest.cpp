@@ -3,6 +3,7 @@
 #include "support/Repeating.h"
 
 #include <atomic>
+#include <string>
 #include <thread>
 
 #include <gmock/gmock.h>
