@@ -46,7 +46,7 @@ struct WorkloadCase
 {
     const char* name;
     void (*put)(TestStateMachine&, const SDService::Ptr&);
-    bool (*remove)(TestStateMachine&, SDService::Ptr);
+    bool (*remove)(TestStateMachine&, const SDService::Ptr&);
     ServicesContainer (*records)(const TestStateMachine&);
 
     friend void PrintTo(const WorkloadCase& row, std::ostream* stream) { *stream << row.name; }
@@ -148,7 +148,7 @@ INSTANTIATE_TEST_SUITE_P(
                                    [](TestStateMachine& machine, const SDService::Ptr& service) {
                                        machine.putPeriodic(service);
                                    },
-                                   [](TestStateMachine& machine, SDService::Ptr service) {
+                                   [](TestStateMachine& machine, const SDService::Ptr& service) {
                                        return machine.unsafe_removePeriodicService(service);
                                    },
                                    [](const TestStateMachine& machine) { return machine.periodic(); }},
@@ -156,7 +156,7 @@ INSTANTIATE_TEST_SUITE_P(
                                    [](TestStateMachine& machine, const SDService::Ptr& service) {
                                        machine.putAperiodic(service);
                                    },
-                                   [](TestStateMachine& machine, SDService::Ptr service) {
+                                   [](TestStateMachine& machine, const SDService::Ptr& service) {
                                        return machine.unsafe_removeAperiodicService(service);
                                    },
                                    [](const TestStateMachine& machine) { return machine.aperiodic(); }}),
