@@ -44,6 +44,7 @@ PROGRAMS = {
     "store": Program("store_tests", shards=4),
     "scripted hub": Program("scripted_hub_tests", shards=2),
     "facade": Program("facade_tests", is_networked=True, shards=6),
+    "transport": Program("transport_tests"),
     "multicast": Program("multicast_tests", is_networked=True, shards=6),
     "network": Program("network_tests", is_networked=True, shards=8),
     "golden": Program("golden_packet_tests", shards=2),
@@ -63,7 +64,7 @@ ORDER = {
     "src/DataLayer/": ("data", "logic", "packets", "datagrams", "machine", "scripted hub", "golden", "zoo", "network"),
     "src/LogicLayer/": ("logic", "scripted hub", "machine", "datagrams", "store", "golden", "network", "facade",
                         "hostile", "system faults", "faults", "hours", "callers"),
-    "src/Multicast/": ("multicast", "network", "logic", "facade", "zoo", "system faults", "faults", "scenarios"),
+    "src/Multicast/": ("transport", "multicast", "network", "logic", "facade", "zoo", "system faults", "faults", "scenarios"),
     "src/": ("scripted hub", "facade", "logic", "network", "faults", "callers"),
 }
 

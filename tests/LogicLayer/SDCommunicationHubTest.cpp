@@ -2,12 +2,15 @@
 #include "LogicLayer/SDCommunicationHub.h"
 #include "support/Descriptions.h"
 #include "support/LogCatcher.h"
+#include "support/MediaOffer.h"
 #include "support/Packets.h"
+#include "support/Process.h"
 #include "support/TestUnit.h"
 
 #include <Poco/Delegate.h>
 #include <Poco/Exception.h>
 
+#include <cstddef>
 #include <cstdint>
 #include <memory>
 #include <ostream>
@@ -23,7 +26,6 @@ namespace Nubo::ServiceDiscovery::Testing {
 
 using Type = SDService::Type;
 using Poco::Net::IPAddress;
-using ::testing::Contains;
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 using ::testing::Not;
@@ -33,20 +35,6 @@ namespace {
 
 constexpr auto missingDispatcher = "Can not start MulticastReceiver, OEM-Dispatcher is not available!";
 constexpr Poco::Clock::ClockDiff second = 1000000;
-
-/// A description whose packet has that size.
-NuboServiceDescription describeInPacketOf(std::size_t bytes)
-{
-    constexpr std::size_t withoutCategories = 126;
-    constexpr std::size_t perCategory = 1 + 9;  // length byte and "category="
-    constexpr std::size_t longestCategory = 255 - 9;
-    NuboServiceDescription description = describe("Media");
-    std::size_t left = bytes - withoutCategories;
-    for (; left > perCategory + longestCategory; left -= perCategory + longestCategory)
-        description.addCategory(std::string(longestCategory, 'x'));
-    description.addCategory(std::string(left - perCategory, 'x'));
-    return description;
-}
 
 struct SDCommunicationHubTest : ::testing::Test
 {
@@ -97,6 +85,7 @@ TEST(SDCommunicationHubConstructionTest, WithoutADispatcherThereIsNoHub)
     const PlatformScope platform;
     ServiceDiscovery facade;
     PlatformScope::withdraw();
+    const std::size_t descriptors = openDescriptors();
 
     try {
         const SDCommunicationHub hub(facade);
@@ -104,7 +93,9 @@ TEST(SDCommunicationHubConstructionTest, WithoutADispatcherThereIsNoHub)
     }
     catch (const Poco::Exception& exception) {
         EXPECT_EQ(exception.message(), missingDispatcher);
+        EXPECT_STREQ(exception.name(), "Exception");
     }
+    EXPECT_EQ(openDescriptors(), descriptors);
 }
 
 TEST(SDCommunicationHubConstructionTest, NullDispatcherIsAnErrorInTheLogAndLeavesAHubWithoutInterfaces)
@@ -352,6 +343,14 @@ TEST_F(SDCommunicationHubTest, RecordWithoutARoleEndsTheAnnouncementUnsent)
                                 "Error: SDCommunicationHub - Exception caught while announcing services! "
                                 "(Runtime exception: Failed to create SD packet"));
     }
+}
+
+TEST_F(SDCommunicationHubTest, RecordWhosePacketIsLargerThanTheMTUIsNotSent)
+{
+    unit.hub.announce(serviceOfSize(1213));
+
+    EXPECT_THAT(log.errors(), ElementsAre("Error: SDCommunicationHub - Exception caught while announcing "
+                                          "services! (Bad data format: SD packet exceeds the MTU"));
 }
 
 TEST_F(SDCommunicationHubTest, ReceivedDatagramIsLoggedWithItsSender)

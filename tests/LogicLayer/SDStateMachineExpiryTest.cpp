@@ -58,7 +58,7 @@ struct SDStateMachineExpiryTest : ::testing::Test
         machine.putPeriodic(makeRecord(Type::ANNOUNCED, State::MAIN_PHASE, "Own"));
     }
 
-    /// Lets so many services be known whose time-to-live runs out in a second.
+    /// Makes `count` services known whose time-to-live runs out in a second.
     void know(std::size_t count)
     {
         for (std::size_t i = 0; i < count; ++i) {
@@ -76,11 +76,11 @@ struct SDStateMachineExpiryTest : ::testing::Test
     TestStateMachine machine{engine.hub};
 };
 
-/// Asks the machine for something over and over on a thread of its own, as callers and the network do.
+/// Calls the machine over and over on a separate thread, as callers and the network do.
 class Caller
 {
 public:
-    /// `progress` is how far the work is that keeps the mutex.
+    /// `progress` returns how far the work that holds the mutex has advanced.
     Caller(const TestStateMachine& machine, std::function<std::size_t()> progress)
         : m_thread([this, &machine, work = std::move(progress)] {
             while (!m_isOver) {
@@ -95,7 +95,7 @@ public:
     Caller(const Caller&) = delete;
     Caller& operator=(const Caller&) = delete;
 
-    /// The most that was worked off during one call.
+    /// Returns the largest progress during one call.
     std::size_t end()
     {
         m_isOver = true;
@@ -194,7 +194,7 @@ TEST_F(SDStateMachineExpiryTest, CallersHaveTheMutexNowAndThenWhileMuchIsWithdra
 
 namespace {
 
-/// A subscriber that keeps nothing.
+/// A subscriber that stores nothing.
 struct CountingRegistry
 {
     explicit CountingRegistry(ServiceDiscovery& facade) : discovery(facade)
@@ -215,7 +215,7 @@ struct CountingRegistry
     std::size_t events = 0;
 };
 
-/// A caller that waits for the mutex while the first of two records is worked on, and whether it has had the
+/// A caller that waits for the mutex while the first of two records is handled. Notes whether it got the
 /// mutex before the second.
 class WaitingCaller
 {
@@ -230,7 +230,7 @@ public:
     WaitingCaller(const WaitingCaller&) = delete;
     WaitingCaller& operator=(const WaitingCaller&) = delete;
 
-    /// Called with the mutex held, for each of the records: the first takes until that long after `begin`.
+    /// Called for each record with the mutex held. The first call returns that long after `begin`.
     void work(const Poco::Clock& begin, Poco::Clock::ClockDiff duration)
     {
         if (++m_records == 1) {
@@ -263,15 +263,14 @@ private:
     bool m_wasServed = false;
 };
 
-/// From what the time that the first record takes is counted: a moment before the work on the records begins,
-/// or one after it has begun.
+/// Start of the time that the first record takes: before the work on the records begins, or after.
 enum class Since
 {
     Before,
     Begun
 };
 
-/// Has the work of an interval done on two services that have run out, the first of which takes so long.
+/// Handles an interval with two services that have run out, the first of which takes that long.
 struct Expiry
 {
     Expiry(Poco::Clock::ClockDiff duration, Since since) : caller(machine)
@@ -355,7 +354,7 @@ TEST(SDStateMachineFullTest, EverythingKnownRunsOutInShortIntervalsWhateverItsHa
         machine.putPeriodic(makeRecord(Type::ANNOUNCED, State::MAIN_PHASE, "Own" + std::to_string(i)));
     SDService::Ptr service;
     for (std::size_t i = 0; i < places; ++i) {
-        if (i % 16 == 0) {  // records take long to make
+        if (i % 16 == 0) {  // making records takes time
             service = makeDiscovered("Foreign" + std::to_string(i / 4096), static_cast<unsigned short>(i), 1,
                                      static_cast<unsigned short>(i % 4096));
             service->setTTL(1);
@@ -378,12 +377,12 @@ TEST(SDStateMachineFullTest, EverythingKnownRunsOutInShortIntervalsWhateverItsHa
 
 namespace {
 
-/// Nothing was received for a while, in which other units went on offering.
+/// Nothing was received for a while, although other units went on offering.
 struct LateIntervalTest : SDStateMachineExpiryTest
 {
     LateIntervalTest()
     {
-        machine.periodicTick();  // the one before
+        machine.periodicTick();  // the previous interval
         EXPECT_TRUE(machine.handle(Event::SOMEIP_OFFER, makeOffer("Foreign", 1, 1, 3)));
     }
 
@@ -471,7 +470,7 @@ TEST_F(LateIntervalTest, IsOneThatBeginsMoreThanATenthOfASecondAfterItsTime)
     EXPECT_EQ(gone(), 1u) << "not the second time";
 }
 
-/// Otherwise a subscriber that is slow every time would keep services for ever.
+/// Otherwise a subscriber that is always slow would keep services forever.
 TEST_F(LateIntervalTest, TakesForGoneWhatHadRunOutBeforeItWasDue)
 {
     tickAfter(1500 * millisecond);
@@ -493,7 +492,7 @@ TEST_F(LateIntervalTest, LeavesWhatHasRunOutToTheNextWhenASubscriberHangsBetween
     engine.hub.onAnnounce = [&] {
         event = std::thread(
             [&] { EXPECT_TRUE(machine.handle(Event::SOMEIP_OFFER, makeOffer("Other", 2, 1, 300))); });
-        Poco::Thread::sleep(100);  // by then it waits for the mutex, and is the next to have it
+        Poco::Thread::sleep(100);  // by then it waits for the mutex, and will get it next
     };
 
     tickAfter(1000 * millisecond);
@@ -504,7 +503,7 @@ TEST_F(LateIntervalTest, LeavesWhatHasRunOutToTheNextWhenASubscriberHangsBetween
 
 namespace {
 
-/// What a machine holds, and what was told of it.
+/// The records of a machine, and the events that it raised.
 struct StateAfterTest : ::testing::TestWithParam<std::string>
 {
     static std::vector<std::string> stateAfter(const std::string& event, bool throws)

@@ -19,16 +19,13 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-// Interfaces that the platform reports in any form and at any time, and that cannot always be used at once.
+// Interfaces that the platform reports in any form and at any time, and that are not always usable at once.
 namespace Nubo::ServiceDiscovery::Testing {
 
 using Poco::Net::IPAddress;
-using ::testing::Contains;
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 using ::testing::IsEmpty;
-using ::testing::Not;
-using ::testing::StartsWith;
 
 namespace {
 
@@ -50,7 +47,7 @@ struct LinkedTest : ::testing::Test
     NetworkPair network;
 };
 
-/// A hub that is not started, and another unit that speaks and listens.
+/// A hub that is not started, and another unit that sends and listens.
 struct InterfaceFaultsTest : LinkedTest
 {
     bool start() { return unit.hub.start(IPAddress(globalAddress)); }
@@ -83,8 +80,8 @@ struct InterfaceFaultsTest : LinkedTest
     int number = 0;
 };
 
-/// A hub that runs, with an interface reported whose address is not there. The listings of the interfaces
-/// that are taken show how often it is looked for.
+/// A running hub with a reported interface whose address does not exist. The number of listings of the
+/// interfaces shows how often the hub looks for it.
 struct RetryTest : InterfaceFaultsTest
 {
     RetryTest()
@@ -102,7 +99,7 @@ struct RetryTest : InterfaceFaultsTest
         return eventually([&] { return watch.calls() >= before + count; });
     }
 
-    /// The milliseconds between two attempts, on the average of so many.
+    /// Average time between two attempts, in milliseconds, over `count` attempts.
     double shortestWait(std::size_t count, double expected) const
     {
         EXPECT_TRUE(retries(1));
@@ -114,7 +111,7 @@ struct RetryTest : InterfaceFaultsTest
     SystemFault watch{{SystemCall::List, SystemFault::forEver}};
 };
 
-/// An interface that is reported with one text and taken back with another.
+/// An interface that is reported with one text and removed with another.
 struct Spelling
 {
     const char* name;
@@ -126,7 +123,7 @@ struct Spelling
 struct SpellingTest : InterfaceFaultsTest, ::testing::WithParamInterface<Spelling>
 {};
 
-/// A call that fails for a while, whose failure may pass.
+/// A call that fails for a while and may succeed later.
 struct PassingFailure
 {
     const char* name;

@@ -1,5 +1,6 @@
 #include "ServiceDiscovery.h"
 #include "support/Descriptions.h"
+#include "support/LinkedFixture.h"
 #include "support/Listener.h"
 #include "support/LogCatcher.h"
 #include "support/Namespace.h"
@@ -29,19 +30,18 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-// How a facade lives in its process: when the process forks, starts programs, ends at an odd moment, was
-// started without standard streams, or has hundreds of interfaces.
+// A facade in a process that forks, starts programs, ends at an odd moment, was started without standard
+// streams, or has hundreds of interfaces.
 namespace Nubo::ServiceDiscovery::Testing {
 
 using std::chrono::milliseconds;
 using ::testing::Each;
-using ::testing::Gt;
 using ::testing::IsEmpty;
 using ::testing::Not;
 
 namespace {
 
-/// What a process reports by its exit code.
+/// Exit codes of a test's process.
 enum Outcome
 {
     works = 10,
@@ -67,17 +67,10 @@ struct Idle
     void onServiceListChanged(ServiceDiscovery::ServiceListEventPayload&) {}
 };
 
-struct LinkedTest : ::testing::Test
+/// Another unit sends and listens on eth0. Most tests make the unit in a separate process.
+struct ProcessLifeTest : LinkedFixture
 {
-    LinkedTest() { network.link("eth0", "fd00::1", "fd00::2"); }
-
-    NetworkPair network;
-};
-
-/// Another unit speaks and listens on eth0. Most tests make the unit in a process by itself.
-struct ProcessLifeTest : LinkedTest
-{
-    /// Ends the process at once, after the unit's whole duty.
+    /// Ends the process at once. The exit code says whether the unit announces and discovers.
     [[noreturn]] void endAfterWork(Unit& unit)
     {
         listener.clear();
@@ -90,7 +83,7 @@ struct ProcessLifeTest : LinkedTest
         ::_exit(isAdded && isHeard && isHearing && unit.discovery.running() ? works : isWrong);
     }
 
-    /// How many packets with a time-to-live of 0 were heard, when each datagram has one packet.
+    /// Number of packets heard with a time-to-live of 0, if each datagram has one packet.
     std::size_t stopOffers()
     {
         const auto& heard = listener.datagrams();
@@ -104,7 +97,7 @@ struct ProcessLifeTest : LinkedTest
     Listener listener{network.there, "eth0"};
 };
 
-/// Of the whole process, so that it goes when the process ends.
+/// Has static storage, so that it is destroyed when the process ends.
 Unit& unitOfTheProcess()
 {
     static Unit unit;
@@ -116,14 +109,14 @@ std::vector<int> openDescriptorNumbers()
     std::vector<int> result;
     for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd"))
         result.push_back(std::stoi(entry.path().filename()));
-    // Without that of the walk.
+    // Without the one that reads the folder.
     result.erase(std::remove_if(result.begin(), result.end(),
                                 [](int descriptor) { return ::fcntl(descriptor, F_GETFD) < 0; }),
                  result.end());
     return result;
 }
 
-/// Those that have been opened since.
+/// The descriptors that have been opened since.
 std::vector<int> openedSince(const std::vector<int>& before)
 {
     std::vector<int> result;
@@ -134,7 +127,7 @@ std::vector<int> openedSince(const std::vector<int>& before)
     return result;
 }
 
-/// A thread at work may hold one of the sanitizer's locks, which a forked child would find locked for ever.
+/// A running thread may hold one of the sanitizer's locks, which would stay locked forever in a forked child.
 bool areOtherThreadsAsleep()
 {
     const std::string own = std::to_string(::getpid());
@@ -149,7 +142,7 @@ bool areOtherThreadsAsleep()
     return true;
 }
 
-/// Forks; the child does that and ends. Whether it ends by itself, with the code for success.
+/// Runs the function in a forked child. Returns whether the child ends by itself, with the code for success.
 template <class Action>
 bool childDoes(Action action)
 {
@@ -210,7 +203,7 @@ TEST_F(ProcessLifeTest, ForkedChildIsRefusedEverythingAndMayDestroyTheFacade)
     EXPECT_EXIT(scenario(), ::testing::ExitedWithCode(works), "");
 }
 
-/// A thread of the parent may hold the event's lock, which a child would find locked for ever.
+/// A thread of the parent may hold the event's lock, which would stay locked forever in a child.
 TEST_F(ProcessLifeTest, ForkedChildLeavesTheEventsSubscribersAsTheyWere)
 {
     const auto scenario = [&] {
@@ -285,7 +278,7 @@ TEST_F(ProcessLifeTest, SubscriberMayEndTheProcessAndTheServicesAreWithdrawn)
 
 namespace {
 
-/// A line that one of the engine's threads writes, and what brings it about.
+/// A line that one of the engine's threads logs, and how to provoke it.
 struct LastLine
 {
     const char* name;
@@ -348,7 +341,7 @@ INSTANTIATE_TEST_SUITE_P(
                                }}),
     ::testing::PrintToStringParamName());
 
-/// A platform may end its thread when the process ends, and wait for its report.
+/// A platform may end its thread when the process ends, and wait for the report that it is making.
 TEST_F(ProcessLifeTest, ProcessMayEndInALineAboutAnInterfaceWhileAnotherIsReported)
 {
     static std::atomic<bool> isEnding{false};
@@ -361,7 +354,7 @@ TEST_F(ProcessLifeTest, ProcessMayEndInALineAboutAnInterfaceWhileAnotherIsReport
         static ServiceDiscovery discovery;
         LogCatcher log;
         auto& dispatcher = scope.dispatcher();
-        dispatcher.addInterface("eth1", "fd01::1");  // is there at the start only
+        dispatcher.addInterface("eth1", "fd01::1");  // only present at the start
         network.link("eth1", "fd01::1", "fd01::2");
         platform = std::thread([&dispatcher] {
             eventually([] { return isEnding.load(); });
@@ -369,7 +362,7 @@ TEST_F(ProcessLifeTest, ProcessMayEndInALineAboutAnInterfaceWhileAnotherIsReport
         });
         log.onLine([](const std::string& line) {
             if (line.find("joining IPv6 Multicast Group") != std::string::npos && !isEnding.exchange(true)) {
-                std::this_thread::sleep_for(milliseconds(200));  // the other report waits by then
+                std::this_thread::sleep_for(milliseconds(200));  // by then, the other report waits
                 std::exit(works);
             }
         });
@@ -380,7 +373,7 @@ TEST_F(ProcessLifeTest, ProcessMayEndInALineAboutAnInterfaceWhileAnotherIsReport
     EXPECT_EXIT(scenario(), ::testing::ExitedWithCode(works), "");
 }
 
-/// Others may be at work when a thread ends the process. They stop after what they are at.
+/// Other threads may be busy when a thread ends the process. Each stops after its current work.
 TEST_F(ProcessLifeTest, WhatComesInAfterTheFacadeIsDestroyedIsNotHandled)
 {
     static std::atomic<int> received{0};

@@ -19,7 +19,7 @@ using ::testing::SizeIs;
 
 namespace {
 
-/// Longer than what a string holds without an allocation.
+/// Too long for a string without an allocation.
 const std::string address = "fd00:1111:2222:3333:4444::1";
 
 struct NetlinkMonitorMemoryTest : NetlinkFollowing

@@ -25,7 +25,7 @@ std::size_t entriesIn(const char* folder)
     return static_cast<std::size_t>(std::distance(std::filesystem::directory_iterator(folder), {}));
 }
 
-/// ThreadSanitizer starts a thread of its own along with the first that the process starts.
+/// ThreadSanitizer starts its background thread along with the first thread of the process.
 void startSanitizersThread()
 {
     std::string task;
@@ -43,9 +43,16 @@ std::size_t runningThreads()
     return entriesIn("/proc/self/task");
 }
 
+std::string threadName()
+{
+    std::string name;
+    std::getline(std::ifstream("/proc/thread-self/comm"), name);
+    return name;
+}
+
 std::size_t openDescriptors()
 {
-    return entriesIn("/proc/self/fd") - 1;  // without the folder's own
+    return entriesIn("/proc/self/fd") - 1;  // without the descriptor of the folder itself
 }
 
 int socketAt(std::uint16_t port)
@@ -63,7 +70,7 @@ int socketAt(std::uint16_t port)
 
 std::size_t heapInUse()
 {
-    // Sanitizers have an allocator of their own.
+    // Sanitizers replace the allocator.
     if constexpr (isSanitized)
         return __sanitizer_get_current_allocated_bytes();
     else
