@@ -54,7 +54,8 @@ teardown() { [ ! -e "$PREFIX.away" ] || mv "$PREFIX.away" "$PREFIX"; }
 
 @test "the public headers are installed, and no others" {
     installed=$(cd "$PREFIX/include" && find . -type f | LC_ALL=C sort)
-    expected='./KELServiceDiscoveryLib/DataLayer/SDService.h
+    expected='./KELServiceDiscoveryLib/DataLayer/NuboServiceDescription.h
+./KELServiceDiscoveryLib/DataLayer/SDService.h
 ./KELServiceDiscoveryLib/DataLayer/ServiceDiscovery_Types.h
 ./KELServiceDiscoveryLib/DataLayer/TextList.h
 ./KELServiceDiscoveryLib/Export.h
