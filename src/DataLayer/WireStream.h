@@ -1,5 +1,7 @@
 #pragma once
 
+#include "DataLayer/Log.h"
+
 #include <Poco/BinaryReader.h>
 #include <Poco/BinaryWriter.h>
 
@@ -68,6 +70,29 @@ public:
 
     std::streamsize count() const { return m_count; }
 
+    /// Whether the reader delivered the expected number of bytes; logs an error otherwise.
+    bool checkRead(const char* what, std::streamsize expected) const
+    {
+        return checkCount(m_count, what, expected, expected);
+    }
+    /// For log lines that name a `size` other than the expected one, or have another `end`.
+    template <class End>
+    bool checkRead(const char* what, std::streamsize expected, std::streamsize size, const End& end) const
+    {
+        return checkCount(m_count, what, expected, size, end);
+    }
+
+    /// The same for bytes that were counted elsewhere.
+    template <class End = const char*>
+    static bool checkCount(std::streamsize count, const char* what, std::streamsize expected,
+                           std::streamsize size, const End& end = "!")
+    {
+        if (count != expected)
+            SD_LOG(Error) << what << " size=" << size << ", but " << count << " read by deserialisation"
+                          << end;
+        return count == expected;
+    }
+
 private:
     template <class Integer>
     static void take(const std::uint8_t*& next, Integer& value)
@@ -89,7 +114,7 @@ private:
     std::streamsize m_count = 0;
 };
 
-/// Writes fields and tells by how many bytes the stream advanced since the writer was made.
+/// Writes fields and counts the bytes by which the stream has advanced since the writer was made.
 class WireWriter
 {
 public:
@@ -116,8 +141,13 @@ public:
 
     std::streamoff written() const { return position() - m_start; }
 
-    /// Logs an error when another number of bytes was written than `what` has on the wire.
-    void checkWritten(const char* what, std::streamoff expected) const;
+    /// Logs an error unless the expected number of bytes was written.
+    void checkWritten(const char* what, std::streamoff expected) const
+    {
+        checkWritten(what, expected, expected);
+    }
+    /// For log lines that name a `size` other than the expected one.
+    void checkWritten(const char* what, std::streamoff expected, std::streamoff size) const;
 
 private:
     static void put(std::uint8_t*& next, std::uint32_t value, std::size_t size)

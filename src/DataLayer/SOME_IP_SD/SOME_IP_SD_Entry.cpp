@@ -84,13 +84,10 @@ std::streamsize SOME_IP_SD_Entry_Pimpl::deserialise(std::istream& stream)
     fields.sndOptionRunNum = numbers & 0x0F;
 
     constexpr std::streamsize withoutType = commonSize - 1;
-    if (reader.count() != withoutType) {
-        SD_LOG(Error) << "SOME_IP_SD_Entry size=" << commonSize << ", but " << reader.count()
-                      << " read by deserialisation";
+    if (reader.checkRead("SOME_IP_SD_Entry", withoutType, commonSize, ""))
+        m_commonFields = fields;
+    else
         setValid(false);
-        return reader.count();
-    }
-    m_commonFields = fields;
     return reader.count();
 }
 

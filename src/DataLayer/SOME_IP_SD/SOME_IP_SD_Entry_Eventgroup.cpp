@@ -53,16 +53,12 @@ public:
         std::uint16_t eventgroupID = 0;
         WireReader reader(stream);
         reader.read(reserved, flagAndCounter, eventgroupID);
-        if (reader.count() == specificSize) {
+        if (reader.checkRead("SOME_IP_SD_Entry_Eventgroup", specificSize)) {
             m_reserved00 = reserved;
             m_initialDataRequest = (flagAndCounter & requestFlag) != 0;
             m_counter = flagAndCounter & largestCounter;
             m_eventgroupID = eventgroupID;
             setValid(true);
-        }
-        else {
-            SD_LOG(Error) << "SOME_IP_SD_Entry_Eventgroup size=" << specificSize << ", but " << reader.count()
-                          << " read by deserialisation!";
         }
         return reader.count();
     }

@@ -36,16 +36,12 @@ public:
         std::uint32_t minorVersion = 0;
         WireReader reader(stream);
         reader.read(minorVersion);
-        if (reader.count() == specificSize) {
+        if (reader.checkRead("SOME_IP_SD_Entry_Service", specificSize)) {
             m_minorVersion = minorVersion;
             const CommonFields& fields = commonFields();
             noteUnusedIndex("1st", fields.fstOptionRunIndex, fields.fstOptionRunNum);
             noteUnusedIndex("2nd", fields.sndOptionRunIndex, fields.sndOptionRunNum);
             setValid(true);
-        }
-        else {
-            SD_LOG(Error) << "SOME_IP_SD_Entry_Service size=" << specificSize << ", but " << reader.count()
-                          << " read by deserialisation!";
         }
         return reader.count();
     }

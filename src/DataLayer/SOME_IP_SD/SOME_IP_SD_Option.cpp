@@ -63,11 +63,8 @@ std::streamsize SOME_IP_SD_Option_Pimpl::deserialise(std::istream& stream)
     constexpr std::streamsize reservedSize = 1;
     WireReader reader(stream);
     reader.read(m_reserved00);
-    if (reader.count() != reservedSize) {
-        SD_LOG(Error) << "SOME_IP_SD_Option size=" << reservedSize << ", but " << reader.count()
-                      << " read by deserialisation";
+    if (!reader.checkRead("SOME_IP_SD_Option", reservedSize, reservedSize, ""))
         setValid(false);
-    }
     return reader.count();
 }
 

@@ -125,11 +125,8 @@ std::streamsize SOME_IP_SD_Option_Configuration_Pimpl::deserialise(std::istream&
     const std::size_t upToZero = std::strlen(asChars(string()));
     std::fill_n(m_configurationString.get() + upToZero, withTerminator - upToZero, std::uint8_t{0});
     const std::streamsize consumed = std::min(static_cast<std::streamsize>(upToZero) + 1, reader.count());
-    if (consumed != specificSize()) {
-        SD_LOG(Error) << "SOME_IP_SD_Configuration_Option size=" << specificSize() << ", but " << consumed
-                      << " read by deserialisation!";
+    if (!WireReader::checkCount(consumed, "SOME_IP_SD_Configuration_Option", specificSize(), specificSize()))
         return consumed;
-    }
 
     setValid(initFromString(string(), n));
     if (!isValid())

@@ -132,14 +132,10 @@ public:
         std::uint16_t port = 0;
         WireReader reader(stream);
         reader.read(address, reserved, protocol, port);
-        if (reader.count() == specificSize()) {
+        if (reader.checkRead(W::readName, specificSize())) {
             m_addressBytes = address;
             const bool good = initCommon(port, static_cast<OptionL4Protocol::L4Protocol_t>(protocol));
             setValid(initAddress() && good);
-        }
-        else {
-            SD_LOG(Error) << W::readName << " size=" << specificSize() << ", but " << reader.count()
-                          << " read by deserialisation!";
         }
         return reader.count();
     }

@@ -33,14 +33,10 @@ public:
         std::uint16_t weight = 0;
         WireReader reader(stream);
         reader.read(priority, weight);
-        if (reader.count() == specificSize()) {
+        if (reader.checkRead("SOME_IP_SD_Option_LoadBalancing", specificSize())) {
             m_priority = priority;
             m_weight = weight;
             setValid(true);
-        }
-        else {
-            SD_LOG(Error) << "SOME_IP_SD_Option_LoadBalancing size=" << specificSize() << ", but "
-                          << reader.count() << " read by deserialisation!";
         }
         return reader.count();
     }
