@@ -1,5 +1,6 @@
 #pragma once
 
+#include "DataLayer/SOME_IP_SD/ImplementedBy.h"
 #include "DataLayer/SOME_IP_SD/SOME_IP_SD_Entry.h"
 
 namespace Nubo::ServiceDiscovery {
@@ -8,7 +9,7 @@ class SOME_IP_SD_Entry_Eventgroup_Pimpl;
 
 /// Entry that subscribes to an eventgroup, or answers that. Its last four bytes: one reserved byte, one
 /// with the initial data request flag (bit 7) and the counter (bits 3 to 0), and the eventgroup ID (2).
-class SOME_IP_SD_Entry_Eventgroup : public SOME_IP_SD_Entry
+class SOME_IP_SD_Entry_Eventgroup : public ImplementedBy<SOME_IP_SD_Entry, SOME_IP_SD_Entry_Eventgroup_Pimpl>
 {
 public:
     using Ptr = Poco::SharedPtr<SOME_IP_SD_Entry_Eventgroup>;
@@ -28,9 +29,6 @@ public:
     /// False, after an error line, for a value above 15; the entry stays as it was.
     bool setCounter(std::uint8_t counter);
     bool setEventgroupID(std::uint16_t eventgroupID);
-
-private:
-    SOME_IP_SD_Entry_Eventgroup_Pimpl* const m_thisImplementation;
 };
 
 }  // namespace Nubo::ServiceDiscovery

@@ -75,18 +75,12 @@ private:
 };
 
 SOME_IP_SD_Entry_Service::SOME_IP_SD_Entry_Service(EntryType::Type_t type)
-    : SOME_IP_SD_Entry(new SOME_IP_SD_Entry_Service_Pimpl(type))
-    , m_thisImplementation(dynamic_cast<SOME_IP_SD_Entry_Service_Pimpl*>(implementation()))
-{
-    logFault(faultOfEmpty("Service Entry", isValid(), m_thisImplementation != nullptr));
-}
+    : ImplementedBy(new SOME_IP_SD_Entry_Service_Pimpl(type), toBeRead("Service Entry"))
+{}
 
 SOME_IP_SD_Entry_Service::SOME_IP_SD_Entry_Service(const CommonFields& fields, std::uint32_t minorVersion)
-    : SOME_IP_SD_Entry(new SOME_IP_SD_Entry_Service_Pimpl(fields, minorVersion))
-    , m_thisImplementation(dynamic_cast<SOME_IP_SD_Entry_Service_Pimpl*>(implementation()))
-{
-    logFault(faultOfValues("", "Service Entry", isValid(), m_thisImplementation != nullptr));
-}
+    : ImplementedBy(new SOME_IP_SD_Entry_Service_Pimpl(fields, minorVersion), ofValues("", "Service Entry"))
+{}
 
 std::uint32_t SOME_IP_SD_Entry_Service::getMinorVersion() const
 {

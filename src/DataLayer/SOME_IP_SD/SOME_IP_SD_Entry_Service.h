@@ -1,5 +1,6 @@
 #pragma once
 
+#include "DataLayer/SOME_IP_SD/ImplementedBy.h"
 #include "DataLayer/SOME_IP_SD/SOME_IP_SD_Entry.h"
 
 namespace Nubo::ServiceDiscovery {
@@ -7,7 +8,7 @@ namespace Nubo::ServiceDiscovery {
 class SOME_IP_SD_Entry_Service_Pimpl;
 
 /// Entry that finds or offers a service. Its last four bytes are the minor version.
-class SOME_IP_SD_Entry_Service : public SOME_IP_SD_Entry
+class SOME_IP_SD_Entry_Service : public ImplementedBy<SOME_IP_SD_Entry, SOME_IP_SD_Entry_Service_Pimpl>
 {
 public:
     using Ptr = Poco::SharedPtr<SOME_IP_SD_Entry_Service>;
@@ -19,9 +20,6 @@ public:
 
     std::uint32_t getMinorVersion() const;
     bool setMinorVersion(std::uint32_t minorVersion);
-
-private:
-    SOME_IP_SD_Entry_Service_Pimpl* const m_thisImplementation;
 };
 
 }  // namespace Nubo::ServiceDiscovery

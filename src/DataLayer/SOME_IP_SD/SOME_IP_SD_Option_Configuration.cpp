@@ -336,26 +336,20 @@ void throwFault(const std::string& fault)
 }  // namespace
 
 SOME_IP_SD_Option_Configuration::SOME_IP_SD_Option_Configuration(std::uint16_t length)
-    : SOME_IP_SD_Option(new SOME_IP_SD_Option_Configuration_Pimpl(length))
-    , m_thisImplementation(dynamic_cast<SOME_IP_SD_Option_Configuration_Pimpl*>(implementation()))
-{
-    throwFault(faultOfEmpty("Configuration Option", isValid(), m_thisImplementation != nullptr));
-}
+    : ImplementedBy(new SOME_IP_SD_Option_Configuration_Pimpl(length),
+                    toBeRead("Configuration Option", throwFault))
+{}
 
 SOME_IP_SD_Option_Configuration::SOME_IP_SD_Option_Configuration(const std::uint8_t* string,
                                                                  std::uint16_t length)
-    : SOME_IP_SD_Option(new SOME_IP_SD_Option_Configuration_Pimpl(string, length))
-    , m_thisImplementation(dynamic_cast<SOME_IP_SD_Option_Configuration_Pimpl*>(implementation()))
-{
-    throwFault(faultOfValues("String ", "Configuration-Option", isValid(), m_thisImplementation != nullptr));
-}
+    : ImplementedBy(new SOME_IP_SD_Option_Configuration_Pimpl(string, length),
+                    ofValues("String ", "Configuration-Option", throwFault))
+{}
 
 SOME_IP_SD_Option_Configuration::SOME_IP_SD_Option_Configuration(const ConfigurationPairs& pairs)
-    : SOME_IP_SD_Option(new SOME_IP_SD_Option_Configuration_Pimpl(pairs))
-    , m_thisImplementation(dynamic_cast<SOME_IP_SD_Option_Configuration_Pimpl*>(implementation()))
-{
-    throwFault(faultOfValues("Pair ", "Configuration-Option", isValid(), m_thisImplementation != nullptr));
-}
+    : ImplementedBy(new SOME_IP_SD_Option_Configuration_Pimpl(pairs),
+                    ofValues("Pair ", "Configuration-Option", throwFault))
+{}
 
 const std::uint8_t* SOME_IP_SD_Option_Configuration::getConfigurationString() const
 {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "DataLayer/SOME_IP_SD/ImplementedBy.h"
 #include "DataLayer/SOME_IP_SD/SOME_IP_SD_Option.h"
 #include "DataLayer/TextList.h"
 
@@ -16,7 +17,8 @@ class SOME_IP_SD_Option_Configuration_Pimpl;
 ///
 /// A text consists of printable ASCII (0x20 to 0x7E), begins neither with a blank nor with "=", and holds
 /// at most one "=". The key "otherserv" always has a value in a received option.
-class SOME_IP_SD_Option_Configuration : public SOME_IP_SD_Option
+class SOME_IP_SD_Option_Configuration
+    : public ImplementedBy<SOME_IP_SD_Option, SOME_IP_SD_Option_Configuration_Pimpl>
 {
 public:
     using Ptr = Poco::SharedPtr<SOME_IP_SD_Option_Configuration>;
@@ -51,9 +53,6 @@ public:
     static ConfigurationPairs::const_iterator findFirstPair(const ConfigurationPairs& pairs,
                                                             const std::string& key,
                                                             const std::vector<std::string>& acceptedValues);
-
-private:
-    SOME_IP_SD_Option_Configuration_Pimpl* const m_thisImplementation;
 };
 
 /// A configuration string for the log: each text as "[length]characters", and "[0]" where a zero byte ends
