@@ -1,12 +1,7 @@
 #include "DataLayer/SOME_IP_SD/SOME_IP_SD.h"
 
 #include "DataLayer/Log.h"
-#include "DataLayer/SOME_IP_SD/SOME_IP_SD_Entry_Eventgroup.h"
-#include "DataLayer/SOME_IP_SD/SOME_IP_SD_Entry_Service.h"
-#include "DataLayer/SOME_IP_SD/SOME_IP_SD_Option_Configuration.h"
-#include "DataLayer/SOME_IP_SD/SOME_IP_SD_Option_IPv4.h"
-#include "DataLayer/SOME_IP_SD/SOME_IP_SD_Option_IPv6.h"
-#include "DataLayer/SOME_IP_SD/SOME_IP_SD_Option_LoadBalancing.h"
+#include "DataLayer/SOME_IP_SD/ElementKinds.h"
 #include "DataLayer/WireStream.h"
 
 #include <algorithm>
@@ -66,56 +61,6 @@ bool addElement(const ArrayWords& words, std::vector<Element>& array, std::uint3
     return true;
 }
 
-/// Whether an object has the class that belongs to its type byte, and whether the type is known at all.
-enum class TypeFit
-{
-    Fits,
-    Mismatch,
-    Unknown
-};
-
-template <class Class, class Base>
-TypeFit fitOf(const Base& object)
-{
-    return dynamic_cast<const Class*>(&object) ? TypeFit::Fits : TypeFit::Mismatch;
-}
-
-TypeFit typeFit(const SOME_IP_SD_Entry& entry)
-{
-    switch (entry.getType()) {
-        case EntryType::FIND_SERVICE:
-        case EntryType::OFFER_SERVICE:
-            return fitOf<SOME_IP_SD_Entry_Service>(entry);
-        case EntryType::SUBSCRIBE:
-        case EntryType::SUBSCRIBE_ACK:
-            return fitOf<SOME_IP_SD_Entry_Eventgroup>(entry);
-        case EntryType::INVALID:
-            break;
-    }
-    return TypeFit::Unknown;
-}
-
-TypeFit typeFit(const SOME_IP_SD_Option& option)
-{
-    switch (option.getType()) {
-        case OptionType::CONFIGURATION:
-            return fitOf<SOME_IP_SD_Option_Configuration>(option);
-        case OptionType::LOAD_BALANCING:
-            return fitOf<SOME_IP_SD_Option_LoadBalancing>(option);
-        case OptionType::IP4_ENDPOINT:
-        case OptionType::IP4_MULTICAST:
-        case OptionType::IP4_SD_ENDPOINT:
-            return fitOf<SOME_IP_SD_Option_IPv4>(option);
-        case OptionType::IP6_ENDPOINT:
-        case OptionType::IP6_MULTICAST:
-        case OptionType::IP6_SD_ENDPOINT:
-            return fitOf<SOME_IP_SD_Option_IPv6>(option);
-        case OptionType::NONE:
-            break;
-    }
-    return TypeFit::Unknown;
-}
-
 template <class Element>
 void serialiseArray(std::ostream& stream, const ArrayWords& words, const std::vector<Element>& array)
 {
@@ -124,20 +69,15 @@ void serialiseArray(std::ostream& stream, const ArrayWords& words, const std::ve
             SD_LOG(Error) << "Failed to serialise " << words.element << " due to unknown type (nullptr)!";
             continue;
         }
-        switch (typeFit(*element)) {
-            case TypeFit::Fits:
-                stream << *element;
-                break;
-            case TypeFit::Mismatch:
-                SD_LOG(Error) << "Failed to serialise " << words.element
-                              << " due to type<>implementation mismatch, type='" << +element->getType()
-                              << "'";
-                break;
-            case TypeFit::Unknown:
-                SD_LOG(Error) << "Failed to serialise " << words.element << " due to unknown type '"
-                              << +element->getType() << "'";
-                break;
-        }
+        const auto* const kind = kindOf(element->getType());
+        if (!kind)
+            SD_LOG(Error) << "Failed to serialise " << words.element << " due to unknown type '"
+                          << +element->getType() << "'";
+        else if (!kind->isOf(*element))
+            SD_LOG(Error) << "Failed to serialise " << words.element
+                          << " due to type<>implementation mismatch, type='" << +element->getType() << "'";
+        else
+            stream << *element;
     }
 }
 
@@ -152,19 +92,44 @@ bool isReadable(const std::istream& stream, const ArrayWords& words, std::stream
     return false;
 }
 
-SOME_IP_SD_Entry::Ptr makeReceivedEntry(EntryType::Type_t type)
+/// Reads one entry, which begins at `position` of its array. Of an unknown type, only the bytes are passed
+/// over.
+void deserialiseEntry(std::istream& stream, SOME_IP_SD::EntryContainer& entries, std::streamsize position)
 {
-    switch (type) {
-        case EntryType::FIND_SERVICE:
-        case EntryType::OFFER_SERVICE:
-            return new SOME_IP_SD_Entry_Service(type);
-        case EntryType::SUBSCRIBE:
-        case EntryType::SUBSCRIBE_ACK:
-            return new SOME_IP_SD_Entry_Eventgroup(type);
-        case EntryType::INVALID:
-            break;
+    std::uint8_t typeByte = 0;
+    WireReader reader(stream);
+    reader.read(typeByte);
+    const auto type = static_cast<EntryType::Type_t>(typeByte);
+    if (const EntryKind* const kind = kindOf(type)) {
+        SOME_IP_SD_Entry::Ptr entry = kind->makeEmpty(type);
+        stream >> *entry;
+        entries.push_back(entry);
     }
-    return nullptr;
+    else if (stream.good()) {
+        SD_LOG(Error) << "Failed to deserialise Entry due to unknown type 0x'" << std::hex << +typeByte
+                      << std::dec << "' @ Byte '" << position << "', trying to skip to next Entry!";
+        reader.skip(std::streamsize{SOME_IP_SD_Entry::EntrySize()} - 1);
+    }
+}
+
+/// Reads what follows an option's type byte. False when the length is too short for the option's fields:
+/// these went into the bytes behind the option then.
+bool deserialiseOption(std::istream& stream, SOME_IP_SD::OptionContainer& options, OptionType::Type_t type,
+                       std::uint16_t length)
+{
+    SOME_IP_SD_Option::Ptr option = SOME_IP_SD_Option::makeReceived(type, length);
+    options.push_back(option);
+    const OptionKind* const kind = kindOf(type);
+    if (!kind) {
+        SD_LOG(Error) << "Failed to deserialise Option due to unknown type 0x'" << std::hex << +type
+                      << "'! (Adding placeholder instead.)";
+        WireReader(stream).skip(length);
+        return true;
+    }
+    stream >> *option;
+    if (length > kind->longestLength)
+        WireReader(stream).skip(length - kind->longestLength);
+    return length >= kind->shortestLength;
 }
 
 }  // namespace
@@ -290,19 +255,7 @@ std::streamsize deserialiseEntries(std::istream& stream, SOME_IP_SD& payload, bo
     payload.m_entries.reserve(static_cast<std::size_t>(length / entrySize));
     std::streamsize done = 0;
     while (done < length) {
-        std::uint8_t type = 0;
-        WireReader reader(stream);
-        reader.read(type);
-        SOME_IP_SD_Entry::Ptr entry = makeReceivedEntry(static_cast<EntryType::Type_t>(type));
-        if (isSet(entry)) {
-            stream >> *entry;
-            payload.m_entries.push_back(entry);
-        }
-        else if (stream.good()) {
-            SD_LOG(Error) << "Failed to deserialise Entry due to unknown type 0x'" << std::hex << +type
-                          << std::dec << "' @ Byte '" << done << "', trying to skip to next Entry!";
-            reader.skip(entrySize - 1);
-        }
+        deserialiseEntry(stream, payload.m_entries, done);
         if (!isReadable(stream, entryWords, done)) {
             error = true;
             break;
@@ -345,25 +298,13 @@ std::streamsize deserialiseOptions(std::istream& stream, SOME_IP_SD& payload, bo
             break;
 
         const auto type = static_cast<OptionType::Type_t>(typeByte);
-        SOME_IP_SD_Option::Ptr option = SOME_IP_SD_Option::makeReceived(type, optionLength);
-        payload.m_options.push_back(option);
-        const std::streamsize fixed = SOME_IP_SD_Option::shortestLength(type);
-        if (option->getType() == OptionType::NONE) {
-            SD_LOG(Error) << "Failed to deserialise Option due to unknown type 0x'" << std::hex << +typeByte
-                          << "'! (Adding placeholder instead.)";
-            reader.skip(optionLength);
-        }
-        else {
-            stream >> *option;
-            if (type != OptionType::CONFIGURATION && optionLength > fixed)
-                reader.skip(optionLength - fixed);
-        }
+        const bool isInStep = deserialiseOption(stream, payload.m_options, type, optionLength);
         if (!isReadable(stream, optionWords, done)) {
             error = true;
             break;
         }
-        if (optionLength < fixed)
-            break;  // the option's fields went into what follows it
+        if (!isInStep)
+            break;
         done += size;
     }
     if (done != length) {

@@ -1,6 +1,7 @@
 #include "DataLayer/SOME_IP_SD/SOME_IP_SD_Entry.h"
 
 #include "DataLayer/Log.h"
+#include "DataLayer/SOME_IP_SD/ElementKinds.h"
 #include "DataLayer/SOME_IP_SD/SOME_IP_SD_Entry_Pimpl.h"
 #include "DataLayer/WireStream.h"
 
@@ -16,18 +17,8 @@ constexpr std::uint8_t largestRun = 15;
 
 std::string typeName(EntryType::Type_t type)
 {
-    switch (type) {
-        case EntryType::FIND_SERVICE:
-            return "FIND_SERVICE";
-        case EntryType::OFFER_SERVICE:
-            return "OFFER_SERVICE";
-        case EntryType::SUBSCRIBE:
-            return "SUBSCRIBE";
-        case EntryType::SUBSCRIBE_ACK:
-            return "SUBSCRIBE_ACK";
-        case EntryType::INVALID:
-            break;
-    }
+    if (const EntryKind* const kind = kindOf(type))
+        return kind->name;
     std::ostringstream text;
     text << "UNKNOWN 0x" << std::hex << +type;
     return text.str();
