@@ -38,6 +38,9 @@ struct HeaderValues
 
 namespace SOME_IP_SD_Types {
 
+/// Size of the largest packet that is sent, in bytes.
+constexpr std::uint32_t largestPacket = 1212;
+
 /// Wildcards and reserved values of entry fields.
 struct EntryValues
 {

@@ -52,7 +52,7 @@ public:
     bool init(const Poco::Net::IPAddress& placeholder);
 
     /// Size in bytes of the largest datagram that may be handed in. It is not checked here.
-    static constexpr std::uint32_t getMTU() { return 1212; }
+    static constexpr std::uint32_t getMTU() { return SOME_IP_SD_Types::largestPacket; }
 
     /// Sends the first list on every interface and the second on those with a link-local address. True when
     /// every datagram went out everywhere; what fails is logged and does not keep the others from going

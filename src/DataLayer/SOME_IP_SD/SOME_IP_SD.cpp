@@ -13,10 +13,9 @@ namespace Nubo::ServiceDiscovery {
 
 namespace {
 
-constexpr std::size_t fixedSize = 12;             // flags, reserved, the two array lengths
 constexpr std::streamsize upToEntries = 8;        // flags, reserved, length of the entries array
 constexpr std::streamsize optionsLengthSize = 4;  // length of the options array
-constexpr std::streamsize optionLengthAndTypeSize = 3;
+constexpr std::streamsize optionPrefixSize = SOME_IP_SD_Option::prefixSize;
 constexpr std::size_t usualOptions = 2;  // endpoint and configuration
 
 template <class Element>
@@ -161,7 +160,7 @@ bool SOME_IP_SD::addOption(const SOME_IP_SD_Option::Ptr& option, bool acceptInva
 
 std::size_t SOME_IP_SD::getSize() const
 {
-    return fixedSize + m_lengthEntries + m_lengthOptions;
+    return emptySize + m_lengthEntries + m_lengthOptions;
 }
 
 std::streamsize SOME_IP_SD::bytesLeft() const
@@ -284,7 +283,7 @@ std::streamsize deserialiseOptions(std::istream& stream, SOME_IP_SD& payload, bo
 
     payload.m_options.reserve(usualOptions);
     std::streamsize done = 0;
-    while (length - done > optionLengthAndTypeSize) {
+    while (length - done > optionPrefixSize) {
         std::uint16_t optionLength = 0;
         std::uint8_t typeByte = 0;
         WireReader reader(stream);
@@ -293,7 +292,7 @@ std::streamsize deserialiseOptions(std::istream& stream, SOME_IP_SD& payload, bo
             error = true;
             break;
         }
-        const std::streamsize size = optionLengthAndTypeSize + optionLength;
+        const std::streamsize size = optionPrefixSize + optionLength;
         if (optionLength == 0 || size > length - done)
             break;
 

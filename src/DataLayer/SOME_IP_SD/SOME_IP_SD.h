@@ -71,6 +71,7 @@ public:
 
     /// Size on the wire in bytes.
     std::size_t getSize() const;
+    static constexpr std::size_t emptySize = 12;  ///< flags, reserved, the two array lengths
 
     /// The payload as several lines for the log, each after `indent` tabs.
     std::string toString(unsigned int indent) const;

@@ -12,7 +12,6 @@ namespace Nubo::ServiceDiscovery {
 
 namespace {
 
-constexpr std::uint32_t lengthAndTypeSize = 3;
 constexpr std::streamsize commonSize = 4;
 
 }  // namespace
@@ -68,7 +67,7 @@ std::uint16_t SOME_IP_SD_Option::getLength() const
 
 std::uint32_t SOME_IP_SD_Option::getSize() const
 {
-    return getLength() + lengthAndTypeSize;
+    return getLength() + prefixSize;
 }
 
 void SOME_IP_SD_Option::setLength(std::uint16_t length)

@@ -37,6 +37,8 @@ public:
     std::uint16_t getLength() const;
     /// Size on the wire in bytes.
     std::uint32_t getSize() const;
+    static constexpr std::uint32_t prefixSize =
+        3;  ///< length field and type, which the length field leaves out
 
     /// The option as one line for the log, after `indent` tabs.
     std::string toString(unsigned int indent) const;

@@ -38,6 +38,33 @@ struct TwoDigits
     }
 };
 
+/// Why an endpoint is refused, as the log line has it.
+template <class Family>
+struct WrongAddress
+{
+    friend std::ostream& operator<<(std::ostream& stream, WrongAddress)
+    {
+        return stream << EndpointWords<Family>::className << EndpointWords<Family>::wrongAddress;
+    }
+};
+
+template <class Family>
+struct WrongProtocol
+{
+    OptionL4Protocol::L4Protocol_t protocol;
+
+    friend std::ostream& operator<<(std::ostream& stream, WrongProtocol wrong)
+    {
+        return stream << EndpointWords<Family>::wrongProtocol << "but 0x" << TwoDigits{wrong.protocol}
+                      << " given!";
+    }
+};
+
+inline bool isEndpointProtocol(OptionL4Protocol::L4Protocol_t protocol)
+{
+    return protocol == OptionL4Protocol::UDP || protocol == OptionL4Protocol::TCP;
+}
+
 /// The data of an endpoint option and the work on its bytes.
 template <class Family>
 class EndpointOptionPimpl : public SOME_IP_SD_Option_Pimpl, private EndpointAddress<Family>
@@ -134,8 +161,8 @@ private:
             SD_LOG(Error) << W::wrongType << "but 0x" << TwoDigits{getType()} << " given!";
             return false;
         }
-        if (protocol != OptionL4Protocol::UDP && protocol != OptionL4Protocol::TCP) {
-            SD_LOG(Error) << W::wrongProtocol << "but 0x" << TwoDigits{protocol} << " given!";
+        if (!isEndpointProtocol(protocol)) {
+            SD_LOG(Error) << WrongProtocol<Family>{protocol};
             return false;
         }
         m_reserved01 = 0;
@@ -173,7 +200,7 @@ private:
         catch (const Poco::Exception&) {
             // logged like an address of the wrong family
         }
-        SD_LOG(Error) << W::className << W::wrongAddress;
+        SD_LOG(Error) << WrongAddress<Family>{};
         return false;
     }
 

@@ -2,6 +2,8 @@
 
 #include "DataLayer/SOME_IP_SD/SOME_IP_SD_Option_Endpoint_Pimpl.h"
 
+#include <sstream>
+
 namespace Nubo::ServiceDiscovery {
 
 template <>
@@ -52,6 +54,22 @@ std::string SOME_IP_SD_Option_IPv6::toByteStream(const Poco::Net::IPAddress& add
     if (address.family() != Poco::Net::IPAddress::IPv6)
         return {};
     return std::string(static_cast<const char*>(address.addr()), IPv6Family::addressLength);
+}
+
+std::string SOME_IP_SD_Option_IPv6::faultOf(const Poco::Net::IPAddress& address)
+{
+    std::ostringstream text;
+    if (address.family() != Poco::Net::IPAddress::IPv6)
+        text << WrongAddress<IPv6Family>{};
+    return text.str();
+}
+
+std::string SOME_IP_SD_Option_IPv6::faultOf(OptionL4Protocol::L4Protocol_t protocol)
+{
+    std::ostringstream text;
+    if (!isEndpointProtocol(protocol))
+        text << WrongProtocol<IPv6Family>{protocol};
+    return text.str();
 }
 
 }  // namespace Nubo::ServiceDiscovery

@@ -1,0 +1,34 @@
+#pragma once
+
+#include <cstddef>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace Nubo::ServiceDiscovery {
+
+class NuboServiceDescription;
+
+/// A reason why a description cannot be announced, for a person to read.
+struct Fault
+{
+    /// The step of adding a service that fails because of it.
+    enum class Step
+    {
+        Record,  ///< no record can be made of the description
+        Packet   ///< no packet can be made of the record
+    };
+
+    std::string
+        field;  ///< "name", "versions", "categories", "address" or "protocol"; empty: all of them together
+    std::optional<std::size_t> element;  ///< index in the field's list; none: the field as a whole
+    std::string text;                    ///< the first line of the log about it, without its level word
+    Step step = Step::Packet;
+};
+
+/// Every reason why the description cannot be announced, in the order of its fields; empty if it can. Writes
+/// nothing to the log. An element of a list has one fault at most. The size of the packet is checked if the
+/// name is good; it counts only good elements.
+std::vector<Fault> faultsOf(const NuboServiceDescription& description);
+
+}  // namespace Nubo::ServiceDiscovery
