@@ -2,6 +2,7 @@
 
 #include "DataLayer/NuboServiceDescription.h"
 #include "DataLayer/ServiceDiscovery_Types.h"
+#include "DataLayer/TextList.h"
 
 #include <Poco/Clock.h>
 #include <Poco/SharedPtr.h>
@@ -81,13 +82,12 @@ public:
     /// Takes in what instanceOf() the same offer went without.
     void complete(const SOME_IP_SD_Option_Configuration& configuration);
 
-    const NuboServiceDescription& getNuboDescription() const { return m_description; }
+    const NuboServiceDescription& getNuboDescription() const { return m_sent->m_description; }
     void setNuboDescription(const NuboServiceDescription& description)
     {
-        m_description = description;
-        m_packet.clear();
+        m_sent.set(&SentFields::m_description, description);
     }
-    void setLocalUuid(std::string localUuid) { m_description.setLocalUuid(std::move(localUuid)); }
+    void setLocalUuid(std::string localUuid) { m_sent.setLocalUuid(std::move(localUuid)); }
 
     /// The address of the unit that sent the offer, 16 bytes in network order, without port and scope; zeros
     /// when it is not known.
@@ -95,12 +95,8 @@ public:
     const SenderAddress& getSender() const { return m_sender; }
     void setSender(const SenderAddress& sender) { m_sender = sender; }
 
-    Type::Type_t getType() const { return m_type; }
-    void setType(Type::Type_t type)
-    {
-        m_type = type;
-        m_packet.clear();
-    }
+    Type::Type_t getType() const { return m_sent->m_type; }
+    void setType(Type::Type_t type) { m_sent.set(&SentFields::m_type, type); }
 
     State::State_t getState() const { return m_state; }
     /// A change of phase restarts the count of sends; setting the same phase again changes nothing.
@@ -112,7 +108,7 @@ public:
     void resetRepetitionRun() { m_repetitionRun = 0; }
 
     /// Time-to-live in seconds.
-    unsigned int getTTL() const { return m_TTL; }
+    unsigned int getTTL() const { return m_sent->m_TTL; }
     /// Sets the time-to-live and moves the deadline to that many seconds from now.
     void setTTL(unsigned int ttl);
     /// Whether the deadline has come.
@@ -122,70 +118,103 @@ public:
     /// Seconds until then, rounded up.
     unsigned int getSecondsLeft() const;
 
-    unsigned short getServiceId() const { return m_serviceID; }
-    void setServiceId(unsigned short serviceID)
-    {
-        m_serviceID = serviceID;
-        m_packet.clear();
-    }
+    unsigned short getServiceId() const { return m_sent->m_serviceID; }
+    void setServiceId(unsigned short serviceID) { m_sent.set(&SentFields::m_serviceID, serviceID); }
 
-    unsigned short getInstanceId() const { return m_instanceID; }
-    void setInstanceId(unsigned short instanceID)
-    {
-        m_instanceID = instanceID;
-        m_packet.clear();
-    }
+    unsigned short getInstanceId() const { return m_sent->m_instanceID; }
+    void setInstanceId(unsigned short instanceID) { m_sent.set(&SentFields::m_instanceID, instanceID); }
 
-    std::uint8_t getMajorVersion() const { return m_majorVersion; }
+    std::uint8_t getMajorVersion() const { return m_sent->m_majorVersion; }
     /// The same widened, so that it prints as a number.
-    unsigned int getMajorVersion_AsUnsigned() const { return m_majorVersion; }
+    unsigned int getMajorVersion_AsUnsigned() const { return m_sent->m_majorVersion; }
     void setMajorVersion(unsigned char majorVersion)
     {
-        m_majorVersion = majorVersion;
-        m_packet.clear();
+        m_sent.set(&SentFields::m_majorVersion, majorVersion);
     }
 
-    unsigned int getMinorVersion() const { return m_minorVersion; }
-    void setMinorVersion(unsigned int minorVersion)
-    {
-        m_minorVersion = minorVersion;
-        m_packet.clear();
-    }
+    unsigned int getMinorVersion() const { return m_sent->m_minorVersion; }
+    void setMinorVersion(unsigned int minorVersion) { m_sent.set(&SentFields::m_minorVersion, minorVersion); }
 
-    const ConfigurationPairs& getConfiguration() const { return m_configuration; }
+    const ConfigurationPairs& getConfiguration() const { return m_sent->m_configuration; }
     void setConfiguration(const ConfigurationPairs& configuration)
     {
-        m_configuration = ConfigurationPairs(configuration);  // copied first: that may throw
-        m_packet.clear();
+        m_sent.set(&SentFields::m_configuration, configuration);
     }
 
-    /// The bytes of the packet that was last made of the record; empty when there was none, or when anything
-    /// that goes into it has been set since.
-    const std::string& getPacket() const { return m_packet; }
-    void setPacket(std::string packet) const { m_packet = std::move(packet); }
+    /// The bytes of the packet that was last made of the record; empty when none was made, or when anything
+    /// that it contains has been set since.
+    const std::string& getPacket() const { return m_sent.packet(); }
+    void setPacket(std::string packet) const { m_sent.keepPacket(std::move(packet)); }
 
 private:
+    /// The fields that a packet is made of.
+    struct SentFields
+    {
+        NuboServiceDescription m_description;
+        std::uint32_t m_TTL = defaultTTL;
+        std::uint16_t m_serviceID = SOME_IP_SD_Types::EntryValues::ServiceID_Non_SOMEIP_SD;
+        std::uint16_t m_instanceID = 0;
+        std::uint8_t m_majorVersion = 0;
+        std::uint32_t m_minorVersion = 0;
+        ConfigurationPairs m_configuration;
+        Type::Type_t m_type = Type::NONE;
+    };
+
+    /// The fields and the packet that was last made of them, which is sent every second for years. No field
+    /// changes without change(), which drops the packet.
+    class Sent
+    {
+    public:
+        Sent() = default;
+        explicit Sent(SentFields fields) : m_fields(std::move(fields)) {}
+
+        const SentFields* operator->() const { return &m_fields; }
+
+        template <class Change>
+        void change(Change change)
+        {
+            change(m_fields);
+            m_packet.clear();
+        }
+
+        /// By value: copying may throw, and nothing has changed then.
+        template <class Value>
+        void set(Value SentFields::*field, Value value)
+        {
+            change([&](SentFields& fields) { fields.*field = std::move(value); });
+        }
+
+        // Parts of the description that are not sent: the packet stays. (Versions and categories are sent
+        // from the configuration.)
+        void setLocalUuid(std::string localUuid)
+        {
+            m_fields.m_description.setLocalUuid(std::move(localUuid));
+        }
+        void setTexts(TextList versions, TextList categories, std::string uri)
+        {
+            m_fields.m_description.shareVersions(std::move(versions));
+            m_fields.m_description.shareCategories(std::move(categories));
+            m_fields.m_description.setUri(std::move(uri));
+        }
+
+        const std::string& packet() const { return m_packet; }
+        void keepPacket(std::string packet) const { m_packet = std::move(packet); }
+
+    private:
+        SentFields m_fields;
+        mutable std::string m_packet;  // follows from the fields
+    };
+
     SDService() = default;
     void fromNuboServiceDescription(const NuboServiceDescription& description);
     bool fromSOMEIP(const SOME_IP_SD_Entry_Service& entry, const SOME_IP_SD_Option_IPv6& ipv6,
                     const SOME_IP_SD_Option_Configuration& configuration);
-    void addVersion(const std::string& name, const std::string& version);
-    void addFixedPairs(const std::string& name);
-    bool addPair(const std::string& key, const std::string& value);
 
-    NuboServiceDescription m_description;
-    std::uint32_t m_TTL = defaultTTL;
-    std::uint16_t m_serviceID = SOME_IP_SD_Types::EntryValues::ServiceID_Non_SOMEIP_SD;
-    std::uint16_t m_instanceID = 0;
-    std::uint8_t m_majorVersion = 0;
-    std::uint32_t m_minorVersion = 0;
-    ConfigurationPairs m_configuration;
-    Type::Type_t m_type = Type::NONE;
+    Sent m_sent;
     State::State_t m_state = State::INITIAL_WAIT_PHASE;
     std::uint8_t m_repetitionRun = 0;
     Poco::Clock m_timeoutTimestamp;
     SenderAddress m_sender{};
-    mutable std::string m_packet;  // follows from the rest
 };
 
 /// The name of the value; "UNKNOWN 0x" and the number in the stream's base for any other.
