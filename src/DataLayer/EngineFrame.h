@@ -4,10 +4,10 @@
 
 namespace Nubo::ServiceDiscovery {
 
-/// Marks the calling thread, while the object exists, as one that works for a part of an engine: it delivers
-/// an event, holds a lock, or is one of the engine's threads. It must not call into any engine of the
-/// process: it would wait for itself, or for another engine that waits for this one. When it ends the
-/// process, from a line of the log say, the engine must not wait for it.
+/// Marks the calling thread, while the object exists, as working for a part of an engine: it delivers an
+/// event, holds a lock, or is one of the engine's threads. Such a thread must not call into any engine of the
+/// process: it would wait for itself, or for another engine that waits for this one. If it ends the process,
+/// for example from a log channel, the engine must not wait for it.
 class EngineFrame
 {
 public:
@@ -31,7 +31,8 @@ public:
         return false;
     }
 
-    /// Gives back what the calling thread holds that others wait for, because it does not come back to it.
+    /// Unlocks what the calling thread holds and others wait for. For a thread that never returns to its
+    /// frames.
     static void releaseThisThread() noexcept
     {
         for (EngineFrame* frame = innermost(); frame; frame = frame->m_outer)
@@ -51,7 +52,7 @@ private:
     EngineFrame* const m_outer;
 };
 
-/// Holds a mutex of a part.
+/// Holds the mutex of a part.
 class EngineLock : public EngineFrame
 {
 public:

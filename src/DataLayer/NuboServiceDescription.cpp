@@ -20,7 +20,7 @@ NuboServiceDescription& NuboServiceDescription::operator=(const NuboServiceDescr
 // NOLINTNEXTLINE(*-noexcept-move*)
 NuboServiceDescription& NuboServiceDescription::operator=(NuboServiceDescription&& other)
 {
-    m_ip6Address = other.m_ip6Address;  // before all that cannot fail
+    m_ip6Address = other.m_ip6Address;  // first: it may throw, the rest cannot
     m_name = std::move(other.m_name);
     m_versions = std::move(other.m_versions);
     m_categories = std::move(other.m_categories);
@@ -41,7 +41,7 @@ const Poco::Net::IPAddress& NuboServiceDescription::getIpAddress() const
 void NuboServiceDescription::setIpAddress(const Poco::Net::IPAddress& address)
 {
     const std::string text = address.toString();
-    std::string shrunkText(text);  // the original has room for more
+    std::string shrunkText(text);  // without the spare capacity of the original
     m_ip6Address = address;
     m_ip6AddressText = std::move(shrunkText);
 }

@@ -15,9 +15,9 @@
 
 namespace Nubo::ServiceDiscovery {
 
-/// The web-interface view of a service: what a registry hands in, and what it gets in every event. A plain
-/// value: a change of a copy leaves its source as it was. Nothing is checked here: a service is checked when
-/// it is added. When memory runs short, std::bad_alloc is thrown and the description stays as it was.
+/// The web-interface view of a service: registries pass it in and receive it in every event. A plain value:
+/// changing a copy leaves its source unchanged. The description checks nothing; a service is checked when it
+/// is added. On std::bad_alloc the description stays unchanged.
 class KEL_SD_EXPORT NuboServiceDescription
 {
 public:
@@ -26,7 +26,7 @@ public:
 
     NuboServiceDescription(const NuboServiceDescription& other) = default;
     NuboServiceDescription& operator=(const NuboServiceDescription& other);
-    // Poco's addresses can only be copied, so moving may throw; nothing has moved then.
+    // Poco's addresses can only be copied, so a move may throw; it has no effect then.
     NuboServiceDescription(NuboServiceDescription&& other);             // NOLINT(*-noexcept-move*)
     NuboServiceDescription& operator=(NuboServiceDescription&& other);  // NOLINT(*-noexcept-move*)
 
@@ -50,30 +50,30 @@ public:
     /// IPv6 address of the endpoint.
     const Poco::Net::IPAddress& getIpAddress() const;
     void setIpAddress(const Poco::Net::IPAddress& address);
-    /// The same as text, without brackets.
+    /// The address as text, without brackets.
     const std::string& getIpAddressString() const { return m_ip6AddressText; }
 
-    /// Port of the endpoint. Services on ports 47000 to 49151 are seen on link-local interfaces only.
+    /// Port of the endpoint. Services on ports 47000 to 49151 are visible on link-local interfaces only.
     unsigned short getPort() const { return m_ip6Port; }
     void setPort(unsigned short port) { m_ip6Port = port; }
 
     OptionL4Protocol::L4Protocol_t getL4Proto() const { return m_l4Proto; }
     void setL4Proto(OptionL4Protocol::L4Protocol_t protocol) { m_l4Proto = protocol; }
 
-    /// The registry's own identifier of the service.
+    /// The registry's identifier for the service.
     const std::string& getLocalUuid() const { return m_localUuid; }
     void setLocalUuid(std::string localUuid) { m_localUuid = std::move(localUuid); }
 
     const std::string& getUri() const { return m_uri; }
     void setUri(std::string uri) { m_uri = std::move(uri); }
 
-    /// The memory that its texts take, in bytes.
+    /// Memory taken by the texts, in bytes.
     std::size_t getTextSize() const;
 
     /// "http://[address]:port/name/", with the texts as given.
     static std::string generateUri(const std::string& name, const std::string& ipAddress,
                                    unsigned short port);
-    /// The same from this description's own name, address and port.
+    /// The URI of this description's name, address and port.
     std::string generateUri() const;
 
 private:
@@ -81,7 +81,7 @@ private:
     TextList m_versions;
     TextList m_categories;
     std::optional<Poco::Net::IPAddress> m_ip6Address;  // none is "::", and takes no memory
-    std::string m_ip6AddressText = "::";               // made once: records are matched by it
+    std::string m_ip6AddressText = "::";               // cached: records are matched by it
     std::uint16_t m_ip6Port = 0;
     OptionL4Protocol::L4Protocol_t m_l4Proto = OptionL4Protocol::TCP;
     std::string m_localUuid;

@@ -22,13 +22,13 @@ namespace {
 
 constexpr Poco::Clock::ClockDiff microsecondsPerSecond = 1000000;
 
-/// A refused version: the reason is in the log already.
+/// The reason has been logged already.
 [[noreturn]] void refuse()
 {
     throw Poco::InvalidArgumentException();
 }
 
-/// A pair that the container does not take.
+/// Refuses a pair that the container did not accept.
 void require(bool isInserted, const std::string& name, const char* what, const std::string& value)
 {
     if (isInserted)
@@ -206,7 +206,7 @@ std::ostream& operator<<(std::ostream& stream, SDService::Type::Type_t type)
         case SDService::Type::ANY:
             return stream << "ANY";
     }
-    // Kept for compatibility: the number follows in the stream's base, decimal on a fresh stream.
+    // Kept for compatibility: the number is written in the stream's base, decimal on a fresh stream.
     return stream << "UNKNOWN 0x" << static_cast<std::uint32_t>(type);
 }
 

@@ -19,9 +19,8 @@ class SOME_IP_SD_Entry_Service;
 class SOME_IP_SD_Option_Configuration;
 class SOME_IP_SD_Option_IPv6;
 
-/// The record of one service inside the engine: the description and its SOME/IP-SD identity, its role, the
-/// phase it is in and its deadline. Records are shared by Ptr and guarded by the lock of the state machine
-/// that holds them.
+/// The record of one service inside the engine: description, SOME/IP-SD identity, role, phase and deadline.
+/// Records are shared by Ptr and guarded by the lock of the state machine that holds them.
 class SDService
 {
 public:
@@ -56,7 +55,7 @@ public:
 
     static constexpr unsigned int defaultTTL = 120;  ///< seconds
 
-    /// A record of the registry's service: versions and configuration pairs come from the description.
+    /// A record of a registry's service: versions and configuration pairs come from the description.
     /// Throws Poco::InvalidArgumentException, after an error line, when its versions cannot be used.
     explicit SDService(const NuboServiceDescription& description);
 
@@ -65,21 +64,22 @@ public:
               unsigned short instanceID, unsigned char majorVersion, unsigned int minorVersion,
               const ConfigurationPairs& configuration, Type::Type_t type);
 
-    /// A record that identifies a service by its name alone. Its deadline has passed from the start.
+    /// A record that identifies a service by its name alone. Its deadline has already passed.
     explicit SDService(const std::string& name);
 
-    /// A record of a received offer. Its instance ID is 0, whatever the entry carried: the state machine
-    /// numbers what it discovers. Throws Poco::InvalidArgumentException, after an error line, when one of
-    /// the three is invalid or the configuration lacks a name or a version.
+    /// A record of a received offer. Its instance ID is 0, whatever the entry contains: the state machine
+    /// assigns the numbers of discovered services. Throws Poco::InvalidArgumentException, after an error
+    /// line, when one of the three is invalid or the configuration lacks a name or a version.
     SDService(const SOME_IP_SD_Entry_Service& entry, const SOME_IP_SD_Option_IPv6& ipv6,
               const SOME_IP_SD_Option_Configuration& configuration);
 
-    /// The same without versions and categories, of which an offer may carry thousands: enough to recognise
-    /// an instance. Null instead of an exception, which costs more than all the rest of a bad offer.
+    /// The same without versions and categories, of which an offer may contain thousands: enough to recognise
+    /// an instance. Returns null instead of throwing, because an exception costs more than the rest of a bad
+    /// offer.
     static Ptr instanceOf(const SOME_IP_SD_Entry_Service& entry, const SOME_IP_SD_Option_IPv6& ipv6,
                           const SOME_IP_SD_Option_Configuration& configuration);
 
-    /// Takes in what instanceOf() the same offer went without.
+    /// Adds what instanceOf() left out of the same offer.
     void complete(const SOME_IP_SD_Option_Configuration& configuration);
 
     const NuboServiceDescription& getNuboDescription() const { return m_sent->m_description; }
@@ -89,8 +89,8 @@ public:
     }
     void setLocalUuid(std::string localUuid) { m_sent.setLocalUuid(std::move(localUuid)); }
 
-    /// The address of the unit that sent the offer, 16 bytes in network order, without port and scope; zeros
-    /// when it is not known.
+    /// Address of the unit that sent the offer: 16 bytes in network order, without port and scope. Zeros: not
+    /// known.
     using SenderAddress = std::array<std::uint8_t, 16>;
     const SenderAddress& getSender() const { return m_sender; }
     void setSender(const SenderAddress& sender) { m_sender = sender; }
@@ -99,7 +99,7 @@ public:
     void setType(Type::Type_t type) { m_sent.set(&SentFields::m_type, type); }
 
     State::State_t getState() const { return m_state; }
-    /// A change of phase restarts the count of sends; setting the same phase again changes nothing.
+    /// Restarts the count of sends, unless the record is in that phase already.
     void setState(const State::State_t& state);
 
     /// Number of sends made in the current phase; wraps at 256.
@@ -111,11 +111,11 @@ public:
     unsigned int getTTL() const { return m_sent->m_TTL; }
     /// Sets the time-to-live and moves the deadline to that many seconds from now.
     void setTTL(unsigned int ttl);
-    /// Whether the deadline has come.
+    /// Whether the deadline has been reached.
     bool isTTLElapsed() const;
-    /// Whether it had come by that instant.
+    /// Whether it had been reached at that instant.
     bool isTTLElapsed(const Poco::Clock& instant) const { return instant >= m_timeoutTimestamp; }
-    /// Seconds until then, rounded up.
+    /// Seconds until the deadline, rounded up.
     unsigned int getSecondsLeft() const;
 
     unsigned short getServiceId() const { return m_sent->m_serviceID; }
@@ -125,7 +125,7 @@ public:
     void setInstanceId(unsigned short instanceID) { m_sent.set(&SentFields::m_instanceID, instanceID); }
 
     std::uint8_t getMajorVersion() const { return m_sent->m_majorVersion; }
-    /// The same widened, so that it prints as a number.
+    /// The major version widened, so that it prints as a number.
     unsigned int getMajorVersion_AsUnsigned() const { return m_sent->m_majorVersion; }
     void setMajorVersion(unsigned char majorVersion)
     {

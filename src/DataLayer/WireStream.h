@@ -12,9 +12,9 @@
 #include <istream>
 #include <ostream>
 
-/// The two types through which every field of the wire format passes. All integers are big-endian. Fields
-/// that follow each other are named in one call, in wire order, and go to the stream, or come from it, as one
-/// block: each step to a stream costs more than all that is done with its bytes.
+/// The two types through which every field of the wire format passes. All integers are big-endian. One call
+/// names consecutive fields in wire order and moves them as one block: a stream operation costs more than all
+/// work on its bytes.
 namespace Nubo::ServiceDiscovery {
 
 /// A 24-bit integer to be written: the low bits of a value.
@@ -29,8 +29,8 @@ inline constexpr std::size_t wireSize = sizeof(Field);
 template <>
 inline constexpr std::size_t wireSize<Low24> = 3;
 
-/// Reads fields and counts the bytes that the stream really delivered for them. After the stream has
-/// failed, every further field is 0 and counts nothing.
+/// Reads fields and counts the bytes that the stream delivered for them. Once the stream has failed, further
+/// fields are 0 and count nothing.
 class WireReader
 {
 public:
@@ -39,7 +39,7 @@ public:
         , m_reader(stream, Poco::BinaryReader::BIG_ENDIAN_BYTE_ORDER)
     {}
 
-    /// Of a field that the stream delivers in part, the missing bytes are 0.
+    /// The missing bytes of a partly delivered field are 0.
     template <class... Fields>
     WireReader& read(Fields&... fields)
     {
@@ -57,15 +57,15 @@ public:
         return *this;
     }
 
-    /// Passes over bytes. (std::istream::ignore also looks at the byte that follows and so takes a stream
-    /// that ends there for one that ended too early.)
+    /// Skips bytes. (std::istream::ignore also peeks at the next byte, so a stream that ends there would
+    /// count as having ended too early.)
     WireReader& skip(std::streamsize size);
 
     /// Reads a 24-bit integer with the stream's formatted input and counts three bytes.
     ///
-    /// Formatted input passes over white space (0x09 to 0x0D, 0x20) while the stream's skipws flag is set,
-    /// so a value that contains such a byte cannot be received: what follows is read out of step. Kept for
-    /// compatibility.
+    /// Formatted input skips white space (0x09 to 0x0D, 0x20) while the stream's skipws flag is set,
+    /// so a value that contains such a byte cannot be received: the following fields are read out of step.
+    /// Kept for compatibility.
     WireReader& readFormatted24(std::uint32_t& value);
 
     std::streamsize count() const { return m_count; }
@@ -170,7 +170,8 @@ private:
         next = std::copy(bytes.begin(), bytes.end(), next);
     }
 
-    /// As the stream's own tellp(), which also readies the stream for output, at the cost of a write.
+    /// The position as tellp() returns it; tellp() also prepares the stream for output, at the cost of a
+    /// write.
     std::streamoff position() const
     {
         return m_stream.fail()

@@ -133,7 +133,7 @@ TEST(WireReaderTest, SkippingBeyondTheEndCountsWhatWasThereAndFails)
     EXPECT_TRUE(stream.fail());
 }
 
-TEST(WireReaderTest, ExpectedNumberOfBytesIsNotWorthALine)
+TEST(WireReaderTest, ExpectedNumberOfBytesIsNotLogged)
 {
     const LogCatcher log;
     std::istringstream stream = streamOf("01 02 03");
@@ -280,7 +280,7 @@ TEST(WireWriterTest, TwentyFourBitsAreTheLowOnesOfTheValue)
     EXPECT_EQ(writer.written(), 3);
 }
 
-TEST(WireWriterTest, RightNumberOfBytesIsNotWorthALine)
+TEST(WireWriterTest, ExpectedNumberOfBytesIsNotLogged)
 {
     const LogCatcher log;
     std::ostringstream stream;

@@ -11,8 +11,8 @@ using SOME_IP_Types::HeaderValues;
 
 namespace {
 
-/// Kept for compatibility: the bound is compared with the length field, which counts 8 header bytes too.
-/// The payload's own checks are exact.
+/// Kept for compatibility: the bound applies to the length field, which includes 8 header bytes. The checks
+/// of the payload are exact.
 constexpr std::uint32_t shortestLength = 12;
 
 constexpr std::size_t sessionIDOffset = 10;

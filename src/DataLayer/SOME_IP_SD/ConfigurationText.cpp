@@ -35,8 +35,9 @@ PartCheck checkPart(const std::string& text)
     if (text.size() > longestText)
         return {false, {}};
     const auto* const bytes = reinterpret_cast<const std::uint8_t*>(text.data());
-    const TextFault fault = faultOfText(bytes, static_cast<std::uint8_t>(text.size()), nullptr);
-    return {!fault && text.find('=') == std::string::npos, fault};
+    std::uint8_t equals = 0;
+    const TextFault fault = faultOfText(bytes, static_cast<std::uint8_t>(text.size()), &equals);
+    return {!fault && equals == 0, fault};
 }
 
 }  // namespace
@@ -115,11 +116,6 @@ std::ostream& operator<<(std::ostream& stream, const PairFault& fault)
                           << lengthOfPair(fault.key, fault.value) << "' exceeds per substring length field!";
     }
     return stream;
-}
-
-std::size_t lengthOfPair(const std::string& key, const std::string& value)
-{
-    return value.empty() ? key.size() : key.size() + sizeof('=') + value.size();
 }
 
 StringFault faultOfStringLength(std::size_t length)

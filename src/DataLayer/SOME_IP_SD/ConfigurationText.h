@@ -5,8 +5,8 @@
 #include <iosfwd>
 #include <string>
 
-/// The rules of the texts in a configuration string. A fault is false when nothing is wrong; streamed, it is
-/// the line of the log.
+/// The rules of the texts in a configuration string. A fault converts to false when nothing is wrong;
+/// streamed, it is the line of the log.
 namespace Nubo::ServiceDiscovery {
 
 /// A character that a text must not contain, or not there.
@@ -59,7 +59,11 @@ std::ostream& operator<<(std::ostream& stream, const PairFault& fault);
 PairFault faultOfPair(const std::string& key, const std::string& value);
 
 /// The length byte of the pair's text. A pair with an empty value is the bare key.
-std::size_t lengthOfPair(const std::string& key, const std::string& value);
+inline std::size_t lengthOfPair(const std::string& key, const std::string& value)
+{
+    return value.empty() ? key.size() : key.size() + sizeof('=') + value.size();
+}
+
 /// What the pair takes in a configuration string, with its length byte.
 inline std::size_t sizeOfPair(const std::string& key, const std::string& value)
 {

@@ -5,7 +5,7 @@
 
 #include <cstdint>
 
-/// The kinds of entries and options, one row per type byte. Whatever depends on the type asks here.
+/// The kinds of entries and options, one row per type byte. All code that depends on the type asks here.
 namespace Nubo::ServiceDiscovery {
 
 struct EntryKind
@@ -19,9 +19,10 @@ struct EntryKind
 struct OptionKind
 {
     OptionType::Type_t type;
-    std::uint16_t shortestLength;  ///< of the length field: the kind's fields need it
-    std::uint16_t
-        longestLength;  ///< of the length field: the kind's reader leaves what exceeds it in the stream
+    /// Of the length field. A shorter option lacks some of its fields; the reader leaves the bytes beyond the
+    /// longest length in the stream.
+    std::uint16_t shortestLength;
+    std::uint16_t longestLength;
     SOME_IP_SD_Option* (*makeEmpty)(OptionType::Type_t type, std::uint16_t length);
     bool (*isOf)(const SOME_IP_SD_Option& option);
 };

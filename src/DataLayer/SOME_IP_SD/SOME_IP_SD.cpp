@@ -30,7 +30,7 @@ bool isValidElement(const Element& element)
     return isSet(element) && element->isValid();
 }
 
-/// The words about the two kinds of array in log lines.
+/// Words for the two kinds of array in log lines.
 struct ArrayWords
 {
     const char* operation;
@@ -80,7 +80,7 @@ void serialiseArray(std::ostream& stream, const ArrayWords& words, const std::ve
     }
 }
 
-/// Whether the stream can be read on; logs what is wrong otherwise.
+/// Whether reading can continue; logs the reason if it cannot.
 bool isReadable(const std::istream& stream, const ArrayWords& words, std::streamsize done)
 {
     if (stream.good())
@@ -91,8 +91,7 @@ bool isReadable(const std::istream& stream, const ArrayWords& words, std::stream
     return false;
 }
 
-/// Reads one entry, which begins at `position` of its array. Of an unknown type, only the bytes are passed
-/// over.
+/// Reads one entry, which begins at `position` of its array. Skips the bytes of an unknown type.
 void deserialiseEntry(std::istream& stream, SOME_IP_SD::EntryContainer& entries, std::streamsize position)
 {
     std::uint8_t typeByte = 0;
@@ -111,8 +110,8 @@ void deserialiseEntry(std::istream& stream, SOME_IP_SD::EntryContainer& entries,
     }
 }
 
-/// Reads what follows an option's type byte. False when the length is too short for the option's fields:
-/// these went into the bytes behind the option then.
+/// Reads the rest of an option behind its type byte. False when the length is too short for the option's
+/// fields: they were then read from the bytes behind the option.
 bool deserialiseOption(std::istream& stream, SOME_IP_SD::OptionContainer& options, OptionType::Type_t type,
                        std::uint16_t length)
 {
@@ -208,7 +207,8 @@ std::istream& operator>>(std::istream& stream, SOME_IP_SD& payload)
     payload.m_entries.clear();
     payload.m_options.clear();
     payload.m_lengthOptions = 0;
-    const bool wasValid = std::exchange(payload.m_valid, false);  // until all is read: memory may run short
+    const bool wasValid =
+        std::exchange(payload.m_valid, false);  // until everything is read: memory may run out
 
     bool error = payload.m_metaData == nullptr;
     WireReader reader(stream);
@@ -225,7 +225,7 @@ std::istream& operator>>(std::istream& stream, SOME_IP_SD& payload)
 
     const std::streamsize read = reader.count() + elements;
     if (read != static_cast<std::streamsize>(payload.getSize())) {
-        error = true;  // what follows would be read out of step
+        error = true;  // the following bytes would be read out of step
         SD_LOG(Error) << "SOME_IP_SD header size>=" << payload.getSize()
                       << " read by deserialisation and length fields contain '" << payload.m_lengthEntries
                       << "|" << payload.m_lengthOptions << "' (Entries|Options)!";
@@ -271,7 +271,7 @@ std::streamsize deserialiseEntries(std::istream& stream, SOME_IP_SD& payload, bo
 
 std::streamsize deserialiseOptions(std::istream& stream, SOME_IP_SD& payload, bool& error)
 {
-    // The metadata counts the entries array among what is left.
+    // The metadata still includes the entries array.
     const std::streamsize left = std::max<std::streamsize>(payload.bytesLeft() - payload.m_lengthEntries, 0);
     const std::streamsize length = payload.m_lengthOptions;
     if (length > left) {

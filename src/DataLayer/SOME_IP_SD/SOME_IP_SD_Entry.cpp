@@ -27,7 +27,7 @@ std::string typeName(EntryType::Type_t type)
 bool setOptionRun(const char* operation, const OptionRun& run, std::uint8_t& index, std::uint8_t& number)
 {
     if (run.second > largestRun) {
-        // Kept for compatibility: the number stands as one raw character.
+        // Kept for compatibility: the number is written as one raw character.
         SD_LOG(Error) << operation << ": OptionRun number '" << static_cast<char>(run.second)
                       << "' too large for 4 Bit!";
         return false;

@@ -63,11 +63,11 @@ private:
             refuseType("Service", "{FIND_SERVICE=0x00, OFFER_SERVICE=0x01}, ");
     }
 
-    /// A sender need not leave the index of an empty run 0; the entry is good all the same.
+    /// Senders need not set the index of an empty run to 0; the entry is valid anyway.
     static void noteUnusedIndex(const char* run, std::uint8_t index, std::uint8_t number)
     {
         if (number == 0 && index != 0) {
-            // Kept for compatibility: the index stands as one raw character.
+            // Kept for compatibility: the index is written as one raw character.
             SD_LOG(Error) << "SOME_IP_SD_Entry_Service syntactically incorrect, " << run
                           << " OptionRun number ==0, but index != 0 (" << static_cast<char>(index) << ")!";
         }

@@ -13,8 +13,8 @@ class SOME_IP_SD_Entry_Service : public ImplementedBy<SOME_IP_SD_Entry, SOME_IP_
 public:
     using Ptr = Poco::SharedPtr<SOME_IP_SD_Entry_Service>;
 
-    /// An entry to be filled by reading. `type` is FIND_SERVICE or OFFER_SERVICE; any other is an error in
-    /// the log and an invalid entry.
+    /// An entry to be filled by reading. `type` is FIND_SERVICE or OFFER_SERVICE; any other logs an error
+    /// and makes the entry invalid.
     explicit SOME_IP_SD_Entry_Service(EntryType::Type_t type);
     SOME_IP_SD_Entry_Service(const CommonFields& fields, std::uint32_t minorVersion);
 

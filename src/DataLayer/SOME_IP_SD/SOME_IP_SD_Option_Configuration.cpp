@@ -83,7 +83,7 @@ std::ostream& SOME_IP_SD_Option_Configuration_Pimpl::serialise(std::ostream& str
 std::streamsize SOME_IP_SD_Option_Configuration_Pimpl::deserialise(std::istream& stream)
 {
     SOME_IP_SD_Option_Pimpl::deserialise(stream);
-    setValid(false);  // until the string is found good
+    setValid(false);  // until the string has been parsed
     const std::uint16_t n = stringLength();
     if (getLength() < OptionLength::MIN + 1) {
         SD_LOG(Error) << "SOME_IP_SD_Configuration_Option string length '" << n
@@ -99,10 +99,10 @@ std::streamsize SOME_IP_SD_Option_Configuration_Pimpl::deserialise(std::istream&
         return specificSize();
     }
 
-    // Read whole, so that the stream is at the option's end whatever the string holds.
+    // The whole string, so that the stream is at the end of the option whatever the string contains.
     WireReader reader(stream);
     reader.readBytes(m_configurationString.get(), withTerminator);
-    m_configurationString[n] = 0;  // kept for compatibility: the terminator's value is not looked at
+    m_configurationString[n] = 0;  // kept for compatibility: the terminator's value does not matter
     const std::size_t upToZero = std::strlen(asChars(string()));
     std::fill_n(m_configurationString.get() + upToZero, withTerminator - upToZero, std::uint8_t{0});
     const std::streamsize consumed = std::min(static_cast<std::streamsize>(upToZero) + 1, reader.count());
@@ -192,7 +192,7 @@ bool SOME_IP_SD_Option_Configuration_Pimpl::insertSubstring(std::string_view sub
 bool SOME_IP_SD_Option_Configuration_Pimpl::isValidSplit(std::size_t length, std::size_t equals)
 {
     if (equals >= length) {
-        // Kept for compatibility: length and position stand as one raw byte each.
+        // Kept for compatibility: length and position are written as one raw byte each.
         SD_LOG(Error) << "initFromString: Error while parsing input string, '=' sign supposedly detecting "
                          "after string-length! length: "
                       << static_cast<char>(length) << " vs. '='-Position: " << static_cast<char>(equals);

@@ -34,8 +34,8 @@ struct IPv6Family
         OptionType::IP6_ENDPOINT, OptionType::IP6_MULTICAST, OptionType::IP6_SD_ENDPOINT};
 };
 
-/// An endpoint, multicast or SD endpoint option of either family. After the four bytes of every option:
-/// the address (4 or 16), one reserved byte, the transport protocol (1) and the port (2).
+/// An endpoint, multicast or SD endpoint option of either family. Fields behind the four bytes of every
+/// option: address (4 or 16), reserved byte, transport protocol (1) and port (2).
 template <class Family>
 class EndpointOption : public ImplementedBy<SOME_IP_SD_Option, typename Family::Implementation>
 {
@@ -43,17 +43,17 @@ public:
     /// An option to be filled by reading.
     explicit EndpointOption(OptionType::Type_t type);
 
-    /// `address` points to the family's 4 or 16 bytes in network order. A type of another kind, or a
-    /// protocol other than TCP and UDP, is an error in the log and an invalid option.
+    /// `address` points to the family's 4 or 16 bytes in network order. A type of another kind or a protocol
+    /// other than TCP and UDP logs an error and makes the option invalid.
     EndpointOption(OptionType::Type_t type, const std::uint8_t* address, std::uint16_t port,
                    OptionL4Protocol::L4Protocol_t protocol);
 
-    /// The same from the address as text; a text that is no address of the family is refused likewise.
+    /// The same from the address as text; a text that is no address of the family is refused, too.
     EndpointOption(OptionType::Type_t type, const std::string& address, std::uint16_t port,
                    OptionL4Protocol::L4Protocol_t protocol);
 
     const Poco::Net::IPAddress& getIP() const;
-    /// The family's 4 or 16 bytes in network order; valid as long as the option.
+    /// The family's 4 or 16 bytes in network order; they live as long as the option.
     const std::uint8_t* getIP_asBytes() const;
     std::uint16_t getPort() const;
     OptionL4Protocol::L4Protocol_t getL4Protocol() const;

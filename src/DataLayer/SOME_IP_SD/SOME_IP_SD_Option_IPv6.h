@@ -4,7 +4,7 @@
 
 namespace Nubo::ServiceDiscovery {
 
-/// IPv6 endpoint, multicast or SD endpoint option. A scope has no place on the wire.
+/// IPv6 endpoint, multicast or SD endpoint option. Scopes are not sent.
 class SOME_IP_SD_Option_IPv6 : public EndpointOption<IPv6Family>
 {
 public:

@@ -7,7 +7,7 @@ namespace Nubo::ServiceDiscovery {
 
 class SOME_IP_SD_Option_LoadBalancing_Pimpl;
 
-/// Load-balancing option. After the four bytes of every option: priority (2) and weight (2).
+/// Load-balancing option. Fields behind the four bytes of every option: priority (2) and weight (2).
 class SOME_IP_SD_Option_LoadBalancing
     : public ImplementedBy<SOME_IP_SD_Option, SOME_IP_SD_Option_LoadBalancing_Pimpl>
 {

@@ -7,8 +7,8 @@ namespace Nubo::ServiceDiscovery {
 
 class SOME_IP_SD_Option_Placeholder_Pimpl;
 
-/// Stands for a received option of an unknown type, so that the indices of the other options stay right.
-/// It is never valid and has no bytes of its own.
+/// Placeholder for a received option of an unknown type. It keeps the indices of the other options right, is
+/// never valid and holds no bytes.
 class SOME_IP_SD_Option_Placeholder
     : public ImplementedBy<SOME_IP_SD_Option, SOME_IP_SD_Option_Placeholder_Pimpl>
 {

@@ -11,7 +11,7 @@
 
 #include <gtest/gtest.h>
 
-/// What the tests of payloads share: elements as hexadecimal text, and a payload.
+/// Shared by the tests of payloads: elements as hexadecimal text, and a fixture.
 namespace Nubo::ServiceDiscovery::Testing {
 
 // Elements on the wire.
@@ -47,10 +47,10 @@ inline std::string sizeLine(std::size_t entries, std::size_t options)
            std::to_string(options) + "' (Entries|Options)!";
 }
 
-/// A payload to be filled, written or read. What it logs is caught.
+/// Fixture with a payload to be filled, written or read. It catches the log.
 struct PayloadTest : ::testing::Test
 {
-    /// Reads a payload that is all that is left of its datagram.
+    /// Reads a payload that fills the rest of its datagram.
     void read(const std::string& hex)
     {
         stream = streamOf(hex);

@@ -116,7 +116,7 @@ TEST_F(SOME_IP_SD_Entry_EventgroupTest, FlagByte0x7FIsCounter15AndNoRequest)
     EXPECT_FALSE(entry.getInitialDataRequest());
 }
 
-TEST_F(SOME_IP_SD_Entry_EventgroupTest, IndexOfAnUnusedRunIsNotWorthALine)
+TEST_F(SOME_IP_SD_Entry_EventgroupTest, IndexOfAnUnusedRunIsNotLogged)
 {
     std::istringstream stream = streamOf("05 06 00 00 01 00 01 01 00 00 03 00 00 00 01");
 

@@ -12,7 +12,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-/// What holds for every kind of entry.
+/// Behaviour of every kind of entry.
 namespace Nubo::ServiceDiscovery::Testing {
 
 using ::testing::ElementsAre;
@@ -155,7 +155,7 @@ struct CutEntry
     std::string kind;
     EntryType::Type_t type;
     MakeEmpty make;
-    std::size_t size;  ///< bytes that are there of the 15
+    std::size_t size;  ///< bytes present, of 15
     std::vector<std::string> lines;
 
     friend void PrintTo(const CutEntry& row, std::ostream* stream) { *stream << row.kind << row.size; }

@@ -207,7 +207,7 @@ TEST_F(SOME_IP_SD_Option_ConfigurationFromStringTest, FirstAndLastPrintableChara
     EXPECT_THAT(optionOf(configText("! =~ ")).getConfigurationPairs(), ElementsAre(Pair("! ", "~ ")));
 }
 
-TEST_F(SOME_IP_SD_Option_ConfigurationFromStringTest, PositionOfTheEqualsSignIsTold)
+TEST_F(SOME_IP_SD_Option_ConfigurationFromStringTest, PositionOfTheEqualsSignIsReturned)
 {
     std::uint8_t position = 99;
 

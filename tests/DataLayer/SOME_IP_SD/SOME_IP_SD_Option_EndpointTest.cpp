@@ -14,7 +14,7 @@ using ::testing::IsEmpty;
 
 namespace {
 
-/// The families as they differ on the wire and in the log.
+/// Differences between the families on the wire and in the log.
 struct IPv4
 {
     using Option = SOME_IP_SD_Option_IPv4;
@@ -93,7 +93,7 @@ struct SOME_IP_SD_Option_EndpointTest : ::testing::Test
 {
     using Option = typename Family::Option;
 
-    /// Reads into an option of a received length what follows the type byte.
+    /// Reads the bytes behind the type byte into an option of a received length.
     Option& read(const std::string& hex, std::uint16_t length = Family::length)
     {
         received = SOME_IP_SD_Option::makeReceived(Family::types[0], length);

@@ -11,7 +11,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-/// What holds for every kind of option whose fields have a fixed length.
+/// Behaviour of every kind of option with fields of a fixed length.
 namespace Nubo::ServiceDiscovery::Testing {
 
 using ::testing::ElementsAre;
@@ -23,8 +23,8 @@ struct Kind
     const char* name;
     OptionType::Type_t type;
     std::uint16_t length;
-    std::string fields;   ///< what follows the reserved byte
-    std::string asEmpty;  ///< what a new option has in their place
+    std::string fields;   ///< bytes behind the reserved byte
+    std::string asEmpty;  ///< the same bytes of a new option
     std::streamsize (*readBytes)(const std::string& hex);
     const char* tooLongLine;
     const char* tooShortLine;
@@ -38,7 +38,7 @@ struct Kind
 
 struct SOME_IP_SD_Option_FixedLengthTest : ::testing::TestWithParam<Kind>
 {
-    /// Reads into an option of a received length what follows the type byte.
+    /// Reads the bytes behind the type byte into an option of a received length.
     SOME_IP_SD_Option::Ptr read(int length, const std::string& hex)
     {
         const auto lengthField = static_cast<std::uint16_t>(length);
@@ -48,7 +48,7 @@ struct SOME_IP_SD_Option_FixedLengthTest : ::testing::TestWithParam<Kind>
         return option;
     }
 
-    /// The option behind its type byte without its last bytes.
+    /// The bytes behind the type byte without the last ones.
     std::string cutBy(std::size_t bytes) const
     {
         constexpr std::size_t digitsAndBlank = 3;

@@ -15,7 +15,7 @@ namespace {
 
 struct SOME_IP_SD_Option_LoadBalancingTest : ::testing::Test
 {
-    /// Reads into an option of a received length what follows the type byte.
+    /// Reads the bytes behind the type byte into an option of a received length.
     SOME_IP_SD_Option::Ptr read(std::uint16_t length, const std::string& hex)
     {
         SOME_IP_SD_Option::Ptr option = SOME_IP_SD_Option::makeReceived(OptionType::LOAD_BALANCING, length);

@@ -161,7 +161,7 @@ TEST_F(SOME_IP_SD_Test, InvalidElementsAreRefusedUnlessTheyAreAccepted)
     EXPECT_EQ(payload.getSize(), 36u);
 }
 
-TEST_F(SOME_IP_SD_Test, NothingIsRefusedWhateverIsAccepted)
+TEST_F(SOME_IP_SD_Test, NullIsRefusedWhateverIsAccepted)
 {
     for (const bool acceptInvalid : {false, true}) {
         EXPECT_FALSE(payload.addEntry(nullptr, acceptInvalid));
