@@ -2,11 +2,13 @@
 
 #include "DataLayer/EngineFrame.h"
 #include "DataLayer/Log.h"
+#include "LogicLayer/Engine.h"
 #include "LogicLayer/SDCommunicationHub.h"
 
 #include <Poco/Exception.h>
 
 #include <mutex>
+#include <utility>
 #include <vector>
 
 namespace Nubo::ServiceDiscovery {
@@ -30,25 +32,24 @@ bool answered(const char* request, Request run)
 }
 
 /// Keeps the engine for ever: its threads still use it, or it shares its sockets with another process.
-void abandon(const Poco::SharedPtr<SDCommunicationHub>& hub)
+void abandon(const Poco::SharedPtr<Engine>& engine)
 {
-    static auto& abandoned = *new std::vector<Poco::SharedPtr<SDCommunicationHub>>;
+    static auto& abandoned = *new std::vector<Poco::SharedPtr<Engine>>;
     static std::mutex mutex;
     const std::lock_guard<std::mutex> lock(mutex);
-    abandoned.push_back(hub);
+    abandoned.push_back(engine);
 }
 
 }  // namespace
 
-ServiceDiscovery::ServiceListEventPayload::ServiceListEventPayload(EventType eventType,
-                                                                   const NuboServiceDescription* service,
-                                                                   const std::string& localUuid)
-    : m_eventType(eventType)
-    , m_service(service)
-    , m_localUuid(localUuid)
+ServiceDiscovery::ServiceDiscovery()
+    : ServiceDiscovery(Poco::SharedPtr<Engine>(new SDCommunicationHub(*this)))
 {}
 
-ServiceDiscovery::ServiceDiscovery() : m_sdHub(new SDCommunicationHub(*this)) {}
+ServiceDiscovery::ServiceDiscovery(Poco::SharedPtr<Engine> engine)
+    : m_sdHub(std::move(engine))
+    , m_isRunning([this] { return m_sdHub->isRunning() && m_sdHub->isOfThisProcess(); })
+{}
 
 ServiceDiscovery::~ServiceDiscovery()
 {
@@ -86,7 +87,7 @@ bool ServiceDiscovery::shutdown()
 
 bool ServiceDiscovery::running() const
 {
-    return m_sdHub->isRunning() && m_sdHub->isOfThisProcess();
+    return m_isRunning();
 }
 
 bool ServiceDiscovery::addService(const NuboServiceDescription& description)

@@ -86,6 +86,9 @@ public:
     /// The same from a thread that must not wait, be it the handler's own.
     void stopFromWithin() noexcept;
 
+    /// Waits for a datagram and handles it; returns also when the handler is shut down.
+    void handleNext();
+
 protected:
     /// Splits a datagram into packets; false when it could not be read to its end.
     virtual bool parsePacket(MulticastDataPtr& msg, std::vector<SOME_IP_SD_Header::Ptr>& out) const;
@@ -94,7 +97,6 @@ protected:
 
 private:
     void warnAboutMissingDelegates() const;
-    void handleNext();
     void handleDatagram(MulticastDataPtr& msg);
     void handlePacket(const SOME_IP_SD_Header& packet, const Poco::Net::SocketAddress& origin,
                       LogLimit& missingOptions);

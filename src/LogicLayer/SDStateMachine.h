@@ -2,10 +2,13 @@
 
 #include "DataLayer/EngineFrame.h"
 #include "DataLayer/SDService.h"
+#include "DataLayer/ServiceEvents.h"
 #include "LogicLayer/DiscoveryBounds.h"
 #include "LogicLayer/DropCounter.h"
+#include "LogicLayer/EventMemory.h"
 #include "LogicLayer/RecordIndex.h"
 #include "LogicLayer/ServiceIdentity.h"
+#include "LogicLayer/ServicesContainer.h"
 #include "LogicLayer/TimebasedWorker.h"
 #include "LogicLayer/Workload.h"
 
@@ -16,8 +19,6 @@
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
-#include <iosfwd>
-#include <map>
 #include <mutex>
 #include <optional>
 #include <string>
@@ -26,12 +27,7 @@
 namespace Nubo::ServiceDiscovery {
 
 class SDCommunicationHub;
-struct ServiceStatus;
-
-/// Records by the time at which they fall due; equal times in the order of insertion.
-using AperiodicServicesContainer = std::multimap<Poco::Clock, SDService::Ptr>;
-/// Records in the order of insertion.
-using ServicesContainer = std::vector<SDService::Ptr>;
+struct Matches;
 
 /// Knows every service that the unit announces, looks for or has learnt of, and drives each through its
 /// phases.
@@ -73,7 +69,7 @@ public:
         std::string localUuid;   ///< for HTTP_DELETE: the registry's identifier
     };
 
-    explicit SDStateMachine(SDCommunicationHub& hub);
+    explicit SDStateMachine(SDCommunicationHub& hub, EventMemory eventMemory = platformEventMemory());
     virtual ~SDStateMachine();
 
     SDStateMachine(const SDStateMachine&) = delete;
@@ -150,6 +146,9 @@ public:
     /// Sets `position` to the first record with that identifier, or to the end; true if there is one.
     bool unsafe_findByUuid(const std::string& localUuid, ServicesContainer& services,
                            ServicesContainer::iterator& position) const;
+
+    const AperiodicWorkload& unsafe_aperiodicWorkload() const { return m_aperiodicWorkload; }
+    const PeriodicWorkload& unsafe_periodicWorkload() const { return m_periodicWorkload; }
 
     bool unsafe_addPeriodicService(const SDService::Ptr& service);
     /// Schedules the record by its type and state and sets the timer. False, after an error line, for a
@@ -244,11 +243,13 @@ protected:
     };
 
     SDCommunicationHub& m_hub;
+    const EventMemory m_eventMemory;
     Poco::Random m_rnd;
     std::atomic<bool> m_running{false};
     mutable Poco::FastMutex m_workloadMutex;
-    mutable std::mutex m_listingMutex;   // taken first
-    std::uint64_t m_addressChanges = 0;  // that have been looked at
+    mutable Poco::FastMutex m_turnMutex;  // held by the thread that gets the workload mutex next
+    mutable std::mutex m_listingMutex;    // taken first
+    std::uint64_t m_addressChanges = 0;   // that have been looked at
     RecordIndex m_index;
     AperiodicWorkload m_aperiodicWorkload{m_index};
     PeriodicWorkload m_periodicWorkload{m_index};
@@ -256,7 +257,6 @@ protected:
     PeriodicWorker m_periodicWorker;
 
 private:
-    struct Matches;
     using Entry = WorkloadEntry;
 
     bool unsafe_schedule(const SDService::Ptr& service, Entry* present);
@@ -287,25 +287,11 @@ private:
     void unsafe_withdraw(WorkloadLock* lock);
     void unsafe_dropAnswers();
 
-    mutable Poco::FastMutex m_turnMutex;  // held by the thread that gets the workload mutex next
-    bool m_isClosed = false;              // nothing is taken from the network
+    bool m_isClosed = false;  // nothing is taken from the network
     std::atomic<std::uint64_t> m_reflectedOffers{0};
     DropCounter m_refusals;
     std::atomic<DiscoveryBounds::Outcome> m_lastRefusal{DiscoveryBounds::Outcome::Refused};
     DropCounter m_displacements;
 };
-
-/// List a container's records for the log: their names, or their names with type and state.
-struct ServicesContainer_Printer
-{
-    const ServicesContainer& services;
-};
-std::ostream& operator<<(std::ostream& stream, const ServicesContainer_Printer& printer);
-
-struct ServicesContainer_TypeAndStatePrinter
-{
-    const ServicesContainer& services;
-};
-std::ostream& operator<<(std::ostream& stream, const ServicesContainer_TypeAndStatePrinter& printer);
 
 }  // namespace Nubo::ServiceDiscovery

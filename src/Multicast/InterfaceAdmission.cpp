@@ -1,9 +1,9 @@
 #include "Multicast/InterfaceAdmission.h"
 
-#include "LogicLayer/SDCommunicationHub.h"
-
 #include <Poco/Exception.h>
+#include <Poco/String.h>
 
+#include <algorithm>
 #include <cstdint>
 #include <cstring>
 #include <memory>
@@ -64,7 +64,7 @@ Admission admitInterface(const std::string& name, const std::string& ip, const I
     if (!IPAddress::tryParse(isOwnScope ? withoutScope(ip) : ip, address) || !isIPv6Unicast(address))
         return Admission::NotAppropriate;
     const NetworkInterface* const interface = listing.find(name);
-    if (!interface || !SDCommunicationHub::containsIP(interface->addressList(), address, name))
+    if (!interface || !containsIP(interface->addressList(), address, name))
         return Admission::NotPresent;
     if (!interface->supportsMulticast())
         return Admission::NoMulticast;
@@ -90,6 +90,18 @@ InterfaceListing::Ptr listingIfAny() noexcept
     }
 }
 
+bool containsIP(const NetworkInterface::AddressList& addresses, const IPAddress& ip,
+                const std::string& interfaceName)
+{
+    const std::string plain = ip.toString();
+    // Poco writes addresses in lower case, the scope included.
+    const std::string scoped = Poco::toLower(plain + "%" + interfaceName);
+    return std::any_of(addresses.begin(), addresses.end(), [&](const auto& entry) {
+        const std::string text = entry.template get<NetworkInterface::IP_ADDRESS>().toString();
+        return text == plain || text == scoped;
+    });
+}
+
 bool isSameAddress(const IPAddress& address, const IPAddress& other)
 {
     return address.family() == other.family() &&
@@ -99,7 +111,7 @@ bool isSameAddress(const IPAddress& address, const IPAddress& other)
 bool isReportedInterface(const NetworkInterface& interface, const NetworkInterface::AddressList& addresses,
                          const std::string& name, const IPAddress& ip)
 {
-    return interface.name() == name && SDCommunicationHub::containsIP(addresses, ip, name);
+    return interface.name() == name && containsIP(addresses, ip, name);
 }
 
 }  // namespace Nubo::ServiceDiscovery::Multicast

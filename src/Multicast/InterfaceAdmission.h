@@ -63,6 +63,10 @@ Admission admitInterface(const std::string& name, const std::string& ip, Admitte
 /// A listing as it is now; an empty one when the system gives none.
 InterfaceListing::Ptr listingIfAny() noexcept;
 
+/// Whether an interface's address list holds the address, with or without the interface as its scope.
+bool containsIP(const Poco::Net::NetworkInterface::AddressList& addresses, const Poco::Net::IPAddress& ip,
+                const std::string& interfaceName);
+
 /// Whether `address` is the address that the text names, whatever their scopes.
 bool isSameAddress(const Poco::Net::IPAddress& address, const Poco::Net::IPAddress& other);
 

@@ -2,7 +2,6 @@
 
 #include "DataLayer/EngineFrame.h"
 #include "DataLayer/Log.h"
-#include "LogicLayer/SDCommunicationHub.h"
 #include "Multicast/CloseOnExec.h"
 #include "Multicast/InterfaceAdmission.h"
 
@@ -108,9 +107,9 @@ struct MulticastReceiver::Service
 
     /// While the members below are made, none of their descriptors becomes a standard stream.
     std::optional<Common::StandardStreamGuard> guard{std::in_place};
-    MulticastSocket socket = openSocket();
-    SocketReactor reactor{Poco::Timespan(0, pollTimeout)};
-    Poco::Thread thread;
+    MulticastSocket m_socket = openSocket();
+    SocketReactor m_socketReactor{Poco::Timespan(0, pollTimeout)};
+    Poco::Thread m_socketReactorThread;
     bool isStarted = false;  ///< the thread may be running
     bool isSpent = false;    ///< a new one is needed for the next run
     std::atomic<bool> isStopping{false};
@@ -143,7 +142,7 @@ MulticastReceiver::MulticastData::MulticastData(Poco::Buffer<MulticastDataType>&
     , origin(sender)
 {}
 
-MulticastReceiver::MulticastReceiver(SDCommunicationHub& parent, const std::string& groupHost,
+MulticastReceiver::MulticastReceiver(const OutgoingAddresses& parent, const std::string& groupHost,
                                      std::uint16_t port)
     : m_parent(parent)
     , m_discoveryAddress(groupHost, port)
@@ -184,7 +183,7 @@ bool MulticastReceiver::start()
         if (m_service->isSpent)
             renewService();
         bind();
-        m_service->thread.start(m_service->reactor);
+        m_service->m_socketReactorThread.start(m_service->m_socketReactor);
         m_service->isStarted = true;
         return true;
     }
@@ -200,7 +199,7 @@ bool MulticastReceiver::start()
 
 void MulticastReceiver::bind()
 {
-    MulticastSocket& socket = m_service->socket;
+    MulticastSocket& socket = m_service->m_socket;
     socket.bind(m_discoveryAddress, false);
     m_service->isSpent = true;
     socket.setLoopback(false);
@@ -211,7 +210,7 @@ void MulticastReceiver::bind()
                   << socket.getReceiveBufferSize() << " got.";
 
     const Observers observers(*this);
-    SocketReactor& reactor = m_service->reactor;
+    SocketReactor& reactor = m_service->m_socketReactor;
     reactor.addEventHandler(socket, observers.readable);
     reactor.addEventHandler(socket, observers.error);
     reactor.addEventHandler(socket, observers.shutdown);
@@ -223,9 +222,9 @@ void MulticastReceiver::stop()
     try {
         if (m_service->isStarted) {
             m_service->isStopping = true;  // from here on the handlers do nothing; they go with the service
-            m_service->reactor.stop();
+            m_service->m_socketReactor.stop();
             // Ends the poll, which would last up to a second. That the socket has no peer does not matter.
-            ::shutdown(m_service->socket.impl()->sockfd(), SHUT_RDWR);
+            ::shutdown(m_service->m_socket.impl()->sockfd(), SHUT_RDWR);
             endThread(joinTime);
         }
         leaveGroupOnInterface_byIP("", "::");
@@ -251,7 +250,7 @@ void MulticastReceiver::release()
     }
     catch (...) {
         const EngineLock lock(this, m_interfacesMutex);
-        m_service->socket.close();
+        m_service->m_socket.close();
         m_joinedInterfaces.clear();
     }
 }
@@ -261,7 +260,7 @@ bool MulticastReceiver::endThread(long milliseconds)
 {
     if (!m_service->isStarted)
         return true;
-    if (!m_service->thread.tryJoin(milliseconds))
+    if (!m_service->m_socketReactorThread.tryJoin(milliseconds))
         return false;
     m_service->isStarted = false;
     return true;
@@ -274,7 +273,7 @@ void MulticastReceiver::renewService()
     const EngineLock lock(this, m_interfacesMutex);
     m_service.swap(service);
     m_joinedInterfaces.clear();
-    service->socket.close();  // a reactor that ran out of memory may have lost a reference to it
+    service->m_socket.close();  // a reactor that ran out of memory may have lost a reference to it
 }
 
 void MulticastReceiver::onSocketReadable(const Poco::AutoPtr<ReadableNotification>& notification)
@@ -399,7 +398,7 @@ Outcome MulticastReceiver::add(const std::string& name, const std::string& ip,
         SD_LOG(Notice) << "ServiceDiscovery joining IPv6 Multicast Group for Interface \"" << name << "\".";
     const auto joined = m_joinedInterfaces.emplace(admitted.interface, admitted.address).first;
     try {
-        m_service->socket.joinGroup(m_discoveryAddress.host(), admitted.interface);
+        m_service->m_socket.joinGroup(m_discoveryAddress.host(), admitted.interface);
     }
     catch (const Poco::Exception& exception) {
         if (exception.code() == EADDRINUSE)
@@ -475,7 +474,7 @@ void MulticastReceiver::unsafe_leaveAll()
 void MulticastReceiver::unsafe_leaveGroup(const NetworkInterface& interface)
 {
     try {
-        m_service->socket.leaveGroup(m_discoveryAddress.host(), interface);
+        m_service->m_socket.leaveGroup(m_discoveryAddress.host(), interface);
     }
     catch (...) {
         // The interface may be gone, and the membership with it.

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "Multicast/InterfaceAdmission.h"
+#include "Multicast/OutgoingAddresses.h"
 
 #include <KELOEMInterfaceLib/OEMDispatcherCalls.h>
 
@@ -28,11 +29,7 @@ class ReadableNotification;
 class ShutdownNotification;
 }  // namespace Poco::Net
 
-namespace Nubo::ServiceDiscovery {
-
-class SDCommunicationHub;
-
-namespace Multicast {
+namespace Nubo::ServiceDiscovery::Multicast {
 
 /// Receives datagrams of the discovery group on every interface that the platform reports, on one socket
 /// that a thread of its own serves, and raises an event for each that another unit sent.
@@ -60,7 +57,7 @@ public:
 
     /// Nothing is bound yet, but interfaces may be joined. Throws Poco::Net::NetException when the system
     /// has no IPv6.
-    MulticastReceiver(SDCommunicationHub& parent, const std::string& groupHost, std::uint16_t port);
+    MulticastReceiver(const OutgoingAddresses& parent, const std::string& groupHost, std::uint16_t port);
     /// Stops first if that was not done, and waits for a subscriber that still runs.
     virtual ~MulticastReceiver();
 
@@ -117,7 +114,7 @@ private:
     void unsafe_leaveAll();
     void unsafe_leaveGroup(const Poco::Net::NetworkInterface& interface);
 
-    SDCommunicationHub& m_parent;
+    const OutgoingAddresses& m_parent;
     const Poco::Net::SocketAddress m_discoveryAddress;
     mutable std::mutex m_interfacesMutex;  // guards what follows
     InterfaceContainer m_joinedInterfaces;
@@ -126,6 +123,4 @@ private:
 
 using MulticastDataPtr = MulticastReceiver::MulticastDataPtr;
 
-}  // namespace Multicast
-
-}  // namespace Nubo::ServiceDiscovery
+}  // namespace Nubo::ServiceDiscovery::Multicast

@@ -61,8 +61,7 @@ MulticastSender::SendData::SendData(const MulticastData& list, const std::string
     , offsets(list.size())
 {}
 
-MulticastSender::MulticastSender(SDCommunicationHub& /*parent*/, const std::string& groupHost,
-                                 std::uint16_t port)
+MulticastSender::MulticastSender(const std::string& groupHost, std::uint16_t port)
     : m_group(groupHost, port)
     , m_interfaces(std::make_shared<InterfaceContainer>())
 {}

@@ -23,11 +23,7 @@
 #include <utility>
 #include <vector>
 
-namespace Nubo::ServiceDiscovery {
-
-class SDCommunicationHub;
-
-namespace Multicast {
+namespace Nubo::ServiceDiscovery::Multicast {
 
 /// Sends datagrams to the discovery group on every interface that the platform reports, from one socket an
 /// interface. The datagrams carry a placeholder, the unit's address given to init(); with several
@@ -40,7 +36,7 @@ public:
     using AdjustmentOffsets = std::vector<std::uint64_t>;  ///< where in a package an address stands
     using AdjustmentData = std::vector<AdjustmentOffsets>;
 
-    MulticastSender(SDCommunicationHub& parent, const std::string& groupHost, std::uint16_t port);
+    MulticastSender(const std::string& groupHost, std::uint16_t port);
     /// Closes all sockets.
     virtual ~MulticastSender();
 
@@ -165,6 +161,8 @@ protected:
                           AdjustmentOffsets& offsets);
     bool transmit(const SocketPtr& socket, const MulticastPackage& package) const;
 
+    mutable std::mutex m_interfacesMutex;
+
 private:
     template <class Send>
     bool sendEach(const InterfaceData_t& interface, List list, std::size_t count, Send send) const;
@@ -182,7 +180,6 @@ private:
 
     const Poco::Net::SocketAddress m_group;
     std::shared_ptr<const InterfaceContainer> m_interfaces;  // replaced as a whole, read with atomic_load
-    mutable std::mutex m_interfacesMutex;
     std::vector<RetiredAddress> m_retiredAddresses;
     std::vector<AwaitedInterface> m_awaited;
     std::atomic<bool> m_isAwaiting{false};  // whether there is any, without the mutex
@@ -193,6 +190,4 @@ private:
     mutable WaitBudget m_waitBudget;                   // the sending thread's
 };
 
-}  // namespace Multicast
-
-}  // namespace Nubo::ServiceDiscovery
+}  // namespace Nubo::ServiceDiscovery::Multicast

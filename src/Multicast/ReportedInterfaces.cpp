@@ -1,7 +1,6 @@
 #include "Multicast/ReportedInterfaces.h"
 
 #include "DataLayer/Log.h"
-#include "LogicLayer/SDCommunicationHub.h"
 #include "Multicast/MulticastReceiver.h"
 #include "Multicast/MulticastSender.h"
 
@@ -152,7 +151,7 @@ void ReportedInterfaces::forget(const std::string& name, const std::string& ip)
     }
     const InterfaceListing::Ptr listing = listingIfAny();
     const auto* const interface = listing->find(name);
-    if (!interface || !SDCommunicationHub::containsIP(interface->addressList(), *address, name))
+    if (!interface || !containsIP(interface->addressList(), *address, name))
         return;
     m_interfaces.erase(std::remove_if(m_interfaces.begin(), m_interfaces.end(),
                                       [&](const Interface& reported) { return reported.name == name; }),

@@ -31,15 +31,6 @@ using ::testing::StartsWith;
 
 namespace {
 
-/// Opens the hub's state machine.
-template <auto member>
-struct StateMachine
-{
-    friend SDStateMachine& stateMachineOf(SDCommunicationHub& hub) { return hub.*member; }
-};
-template struct StateMachine<&SDCommunicationHub::m_statemachine>;
-SDStateMachine& stateMachineOf(SDCommunicationHub& hub);
-
 constexpr auto offerType = "01";
 constexpr auto findType = "00";
 
@@ -210,7 +201,7 @@ TEST_F(SDCommunicationHubIncomingTest, RecordHasTheEntrysTimeToLiveAndTheStateMa
 
     ServicesContainer aperiodic;
     ServicesContainer periodic;
-    stateMachineOf(unit.hub).unsafe_findServices(ServiceIdentity(), aperiodic, periodic);
+    unit.hub.m_statemachine.unsafe_findServices(ServiceIdentity(), aperiodic, periodic);
     EXPECT_THAT(summaries(periodic), ElementsAre("Media DISCOVERED MAIN_PHASE #1"));
     EXPECT_EQ(periodic.front()->getTTL(), 0x102u);
 }
@@ -458,7 +449,7 @@ TEST_F(SDCommunicationHubIncomingTest, FindWithSeveralNamesGoesOnWithTheFirstAnd
 
 TEST_F(SDCommunicationHubIncomingTest, PocoExceptionAtAFindIsCaughtAndLogged)
 {
-    stateMachineOf(unit.hub).unsafe_addPeriodicService(nullptr);
+    unit.hub.m_statemachine.unsafe_addPeriodicService(nullptr);
 
     EXPECT_FALSE(find(Packets::find("Media")));
 

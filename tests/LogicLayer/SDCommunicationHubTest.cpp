@@ -34,15 +34,6 @@ namespace {
 constexpr auto missingDispatcher = "Can not start MulticastReceiver, OEM-Dispatcher is not available!";
 constexpr Poco::Clock::ClockDiff second = 1000000;
 
-/// Opens the hub's session counter, which shows in nothing but the packets on the network.
-template <auto operation>
-struct SessionCounter
-{
-    friend std::uint16_t takeSessionID(SDCommunicationHub& hub) { return (hub.*operation)(); }
-};
-template struct SessionCounter<&SDCommunicationHub::nextSessionID>;
-std::uint16_t takeSessionID(SDCommunicationHub& hub);
-
 /// A description whose packet has that size.
 NuboServiceDescription describeInPacketOf(std::size_t bytes)
 {
@@ -307,10 +298,10 @@ TEST_F(SDCommunicationHubTest, ServiceWithoutANameIsNeitherAddedNorSearchedFor)
 TEST_F(SDCommunicationHubTest, SessionIDsRunFromOneTo0xFFFEAndStartAgainAtOne)
 {
     for (unsigned expected = 1; expected <= 0xfffe; ++expected)
-        ASSERT_EQ(takeSessionID(unit.hub), expected);
+        ASSERT_EQ(unit.hub.m_outgoing.nextSessionID(), expected);
 
-    EXPECT_EQ(takeSessionID(unit.hub), 1);
-    EXPECT_EQ(takeSessionID(unit.hub), 2);
+    EXPECT_EQ(unit.hub.m_outgoing.nextSessionID(), 1);
+    EXPECT_EQ(unit.hub.m_outgoing.nextSessionID(), 2);
 }
 
 TEST_F(SDCommunicationHubTest, TrialPacketsOfAddedAndSearchedServicesTakeNoSessionID)
@@ -319,7 +310,7 @@ TEST_F(SDCommunicationHubTest, TrialPacketsOfAddedAndSearchedServicesTakeNoSessi
     add(describeInPacketOf(1213));
     find("Navi");
 
-    EXPECT_EQ(takeSessionID(unit.hub), 1);
+    EXPECT_EQ(unit.hub.m_outgoing.nextSessionID(), 1);
 }
 
 TEST_F(SDCommunicationHubTest, AnnouncedPacketsTakeASessionIDEach)
@@ -328,7 +319,7 @@ TEST_F(SDCommunicationHubTest, AnnouncedPacketsTakeASessionIDEach)
                        makeRecord(Type::WANTED, SDService::State::REPETITION_PHASE)});
     unit.hub.announce(makeRecord(Type::ANNOUNCED, SDService::State::MAIN_PHASE));
 
-    EXPECT_EQ(takeSessionID(unit.hub), 4);
+    EXPECT_EQ(unit.hub.m_outgoing.nextSessionID(), 4);
 }
 
 TEST_F(SDCommunicationHubTest, SingleAnnouncementIsAListOfOne)

@@ -40,15 +40,6 @@ using ::testing::Le;
 
 namespace {
 
-/// Opens the mutex that is held by the thread that gets the machine's mutex next.
-template <auto member>
-struct TurnMutex
-{
-    friend Poco::FastMutex& turnMutexOf(SDStateMachine& machine) { return machine.*member; }
-};
-template struct TurnMutex<&SDStateMachine::m_turnMutex>;
-Poco::FastMutex& turnMutexOf(SDStateMachine& machine);
-
 constexpr Poco::Clock::ClockDiff millisecond = 1000;
 constexpr Poco::Clock::ClockDiff second = 1000 * millisecond;
 
@@ -259,7 +250,7 @@ public:
 private:
     bool isWaiting()
     {
-        Poco::FastMutex& turn = turnMutexOf(m_machine);
+        Poco::FastMutex& turn = m_machine.m_turnMutex;
         if (!turn.tryLock())
             return true;
         turn.unlock();

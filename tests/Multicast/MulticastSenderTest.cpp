@@ -53,21 +53,13 @@ public:
     using MulticastSender::addInterface_byIP;
     using MulticastSender::adjustIPs;
     using MulticastSender::InterfaceData_t;
+    using MulticastSender::m_interfacesMutex;
     using MulticastSender::MulticastSender;
     using MulticastSender::removeInterface_byIP;
     using MulticastSender::SendData;
     using MulticastSender::sendServices;
     using MulticastSender::transmit;
 };
-
-/// Opens the mutex that the sender's interfaces are guarded by.
-template <auto member>
-struct InterfacesMutex
-{
-    friend std::mutex& interfacesMutexOf(Multicast::MulticastSender& sender) { return sender.*member; }
-};
-template struct InterfacesMutex<&Multicast::MulticastSender::m_interfacesMutex>;
-std::mutex& interfacesMutexOf(Multicast::MulticastSender& sender);
 
 /// Datagrams as the sender takes them: it writes into their bytes.
 class Datagrams
@@ -138,7 +130,7 @@ struct MulticastSenderTest : ::testing::Test
     NetworkPair network;
     HubUnit unit;
     LogCatcher log;
-    std::optional<Sender> sender{std::in_place, unit.hub, discoveryGroup, discoveryPort};
+    std::optional<Sender> sender{std::in_place, discoveryGroup, discoveryPort};
 };
 
 /// Two interfaces whose addresses are not the placeholder, and who listens behind them.
@@ -219,7 +211,7 @@ TEST_F(MulticastSenderTest, WithoutInitNothingIsSent)
 {
     network.link("eth0", "fd00::1");
     Listener listener(network.there, "eth0");
-    Sender fresh(unit.hub, discoveryGroup, discoveryPort);
+    Sender fresh(discoveryGroup, discoveryPort);
     fresh.addInterface_byIP("eth0", "fd00::1");
     log.clear();
 
@@ -1224,7 +1216,7 @@ TEST_F(MulticastSenderTest, SendingDoesNotWaitForAReportThatIsBeingHandled)
 {
     addInterface("eth0", "fd00::1");
     std::atomic<bool> isSent{false};
-    std::mutex& mutex = interfacesMutexOf(*sender);
+    std::mutex& mutex = sender->m_interfacesMutex;
     mutex.lock();
 
     std::thread sending([&] { isSent = send({"01"}); });
@@ -1242,7 +1234,7 @@ TEST_F(MulticastSenderTest, ReportsAndQuestionsForOwnAddressesAreServedOneAfterT
         [&] { sender->removeInterface_byIP("eth0", "fd00::1"); },
         [&] { sender->isOwnOutgoingAddress(SocketAddress("fd00::1", 1)); }};
     std::atomic<int> done{0};
-    std::mutex& mutex = interfacesMutexOf(*sender);
+    std::mutex& mutex = sender->m_interfacesMutex;
     mutex.lock();
     std::vector<std::thread> threads;
     for (const std::function<void()>& call : calls)

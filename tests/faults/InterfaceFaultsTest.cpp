@@ -32,25 +32,6 @@ using ::testing::StartsWith;
 
 namespace {
 
-/// Opens the hub's delegates, for reports that no dispatcher of ours makes.
-template <auto added, auto removed>
-struct Delegates
-{
-    friend void reportAdded(SDCommunicationHub& hub,
-                            OEMInterface::AddServiceDiscoveryInterfacePayload& report)
-    {
-        (hub.*added)(report);
-    }
-    friend void reportRemoved(SDCommunicationHub& hub,
-                              OEMInterface::RemoveServiceDiscoveryInterfacePayload& report)
-    {
-        (hub.*removed)(report);
-    }
-};
-template struct Delegates<&SDCommunicationHub::onInterfaceAdded, &SDCommunicationHub::onInterfaceRemoved>;
-void reportAdded(SDCommunicationHub& hub, OEMInterface::AddServiceDiscoveryInterfacePayload& report);
-void reportRemoved(SDCommunicationHub& hub, OEMInterface::RemoveServiceDiscoveryInterfacePayload& report);
-
 constexpr Poco::Clock::ClockDiff millisecond = 1000;
 constexpr Poco::Clock::ClockDiff second = 1000 * millisecond;
 
@@ -165,7 +146,7 @@ TEST_P(SpellingTest, RemovedInterfaceIsNeitherHeardNorSentOnAfterARestart)
     EXPECT_TRUE(isHearing());
 
     OEMInterface::RemoveServiceDiscoveryInterfacePayload report{{"eth0", GetParam().removed}};
-    reportRemoved(unit.hub, report);
+    unit.hub.onInterfaceRemoved(report);
 
     EXPECT_FALSE(isSending());
     EXPECT_THAT(joinedInterfaces(), IsEmpty());
@@ -267,11 +248,11 @@ TEST_F(InterfaceFaultsTest, ListingOfTheInterfacesServesReportsForATenthOfASecon
     const auto listingsOfASecondReport = [&](const Poco::Clock& since, Poco::Clock::ClockDiff age) {
         SDClock::turn(second);  // the listing of the first one is new
         before = SDClock::now();
-        reportAdded(unit.hub, report);
+        unit.hub.onInterfaceAdded(report);
         after = SDClock::now();
         turnTo(since, age);
         const std::size_t listings = watch.calls();
-        reportAdded(unit.hub, report);
+        unit.hub.onInterfaceAdded(report);
         return watch.calls() - listings;
     };
 
@@ -385,8 +366,8 @@ TEST_F(InterfaceFaultsTest, ReportWithoutANameOrAnAddressIsAnErrorAndChangesNoth
     OEMInterface::AddServiceDiscoveryInterfacePayload nameless{{nullptr, globalAddress}};
     OEMInterface::RemoveServiceDiscoveryInterfacePayload addressless{{"eth0", nullptr}};
 
-    EXPECT_NO_THROW(reportAdded(unit.hub, nameless));
-    EXPECT_NO_THROW(reportRemoved(unit.hub, addressless));
+    EXPECT_NO_THROW(unit.hub.onInterfaceAdded(nameless));
+    EXPECT_NO_THROW(unit.hub.onInterfaceRemoved(addressless));
 
     EXPECT_THAT(
         log.lines(),

@@ -120,8 +120,7 @@ namespace Multicast {
 using Testing::theWire;
 using Ends = Testing::TurnedWireEnds;
 
-MulticastSender::MulticastSender(SDCommunicationHub&, const std::string& groupHost, std::uint16_t port)
-    : m_group(groupHost, port)
+MulticastSender::MulticastSender(const std::string& groupHost, std::uint16_t port) : m_group(groupHost, port)
 {
     Ends::made(this);
 }
@@ -175,7 +174,7 @@ MulticastReceiver::MulticastData::MulticastData(const char* bytes, std::size_t s
     , origin(sender)
 {}
 
-MulticastReceiver::MulticastReceiver(SDCommunicationHub& parent, const std::string& groupHost,
+MulticastReceiver::MulticastReceiver(const OutgoingAddresses& parent, const std::string& groupHost,
                                      std::uint16_t port)
     : m_parent(parent)
     , m_discoveryAddress(groupHost, port)

@@ -2,6 +2,7 @@
 
 #include "DataLayer/SDClock.h"
 #include "LogicLayer/SDCommunicationHub.h"
+#include "ServiceDiscovery.h"
 #include "support/Platform.h"
 #include "support/Registry.h"
 

@@ -32,6 +32,7 @@ public:
     using SDStateMachine::m_periodicWorker;
     using SDStateMachine::m_periodicWorkload;
     using SDStateMachine::m_running;
+    using SDStateMachine::m_turnMutex;
     using SDStateMachine::m_workloadMutex;
     using SDStateMachine::SDStateMachine;
 

@@ -1,8 +1,8 @@
 #pragma once
 
-#include "LogicLayer/SDCommunicationHub.h"
 #include "ServiceDiscovery.h"
 #include "support/Namespace.h"
+#include "support/OpenHub.h"
 #include "support/Platform.h"
 #include "support/Registry.h"
 #include "support/Waiting.h"
@@ -129,7 +129,7 @@ struct HubUnit
     ServiceDiscovery facade;
     Registry registry{facade};
     PlatformScope platform;
-    SDCommunicationHub hub{facade};
+    OpenHub hub{facade};
 };
 
 /// Puts the dispatcher that follows the kernel's interfaces into the service locator while it exists.

@@ -14,15 +14,6 @@ namespace {
 
 using StateMachineEvent = SDStateMachine::ExternalEvent;
 
-/// Opens the hub's state machine.
-template <auto member>
-struct StateMachine
-{
-    friend SDStateMachine& stateMachineOf(SDCommunicationHub& hub) { return hub.*member; }
-};
-template struct StateMachine<&SDCommunicationHub::m_statemachine>;
-SDStateMachine& stateMachineOf(SDCommunicationHub& hub);
-
 /// Lets the handler's run() return when it has been handled.
 class OnlyDatagram : public SDMessageNotification
 {
@@ -42,8 +33,9 @@ private:
 Engine::Engine()
 {
     m_facade.ServiceListChanged += Poco::delegate(this, &Engine::onServiceListChanged);
-    m_handler.OfferService += Poco::delegate(&m_hub, &SDCommunicationHub::onOfferServiceReceived);
-    m_handler.FindService += Poco::delegate(&m_hub, &SDCommunicationHub::onFindServiceReceived);
+    SDCommunicationHub* const hub = &m_hub;
+    m_handler.OfferService += Poco::delegate(hub, &SDCommunicationHub::onOfferServiceReceived);
+    m_handler.FindService += Poco::delegate(hub, &SDCommunicationHub::onFindServiceReceived);
 }
 
 Engine::~Engine()
@@ -84,7 +76,7 @@ void Engine::forget(const NuboServiceDescription& discovered)
     constexpr auto anyID = SOME_IP_SD_Types::EntryValues::ServiceID_Any;
     StateMachineEvent stopOffer(StateMachineEvent::SOMEIP_STOPOFFER,
                                 new SDService(discovered, 0, anyID, 0, 0, 0, {}, SDService::Type::NONE));
-    stateMachineOf(m_hub).onExternalEvent(stopOffer);
+    m_hub.m_statemachine.onExternalEvent(stopOffer);
 }
 
 }  // namespace Nubo::ServiceDiscovery::Testing

@@ -1,9 +1,9 @@
 #pragma once
 
-#include "LogicLayer/SDCommunicationHub.h"
 #include "LogicLayer/SDRequestHandler.h"
 #include "Multicast/MulticastReceiver.h"
 #include "ServiceDiscovery.h"
+#include "support/OpenHub.h"
 #include "support/Platform.h"
 
 #include <Poco/NotificationQueue.h>
@@ -43,7 +43,7 @@ private:
     PlatformScope m_platformOfTheFacade;
     ServiceDiscovery m_facade;
     PlatformScope m_platform;
-    SDCommunicationHub m_hub{m_facade};
+    OpenHub m_hub{m_facade};
     Poco::NotificationQueue m_queue;
     SDRequestHandler m_handler{m_queue};
     std::vector<Event> m_events;

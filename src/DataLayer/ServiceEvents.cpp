@@ -1,4 +1,4 @@
-#include "ServiceDiscovery.h"
+#include "DataLayer/ServiceEvents.h"
 
 #include <atomic>
 #include <memory>
@@ -9,7 +9,7 @@ namespace Nubo::ServiceDiscovery {
 
 namespace {
 
-using Payload = ServiceDiscovery::ServiceListEventPayload;
+using Payload = ServiceListEventPayload;
 using Delegate = Poco::AbstractDelegate<Payload>;
 
 /// Holds the delegate of a subscriber. Poco's delegates hold a lock while the subscriber runs, for which
@@ -46,29 +46,36 @@ private:
 
 }  // namespace
 
-ServiceDiscovery::ServiceListEvent::ServiceListEvent() : m_process(::getpid()) {}
+ServiceListEventPayload::ServiceListEventPayload(EventType eventType, const NuboServiceDescription* service,
+                                                 const std::string& localUuid)
+    : m_eventType(eventType)
+    , m_service(service)
+    , m_localUuid(localUuid)
+{}
 
-void ServiceDiscovery::ServiceListEvent::operator+=(const Delegate& delegate)
+ServiceListEvent::ServiceListEvent() : m_process(::getpid()) {}
+
+void ServiceListEvent::operator+=(const Delegate& delegate)
 {
     if (m_process != ::getpid())
         return;
     BasicEvent::operator+=(UnlockedDelegate(delegate));
 }
 
-void ServiceDiscovery::ServiceListEvent::operator-=(const Delegate& delegate)
+void ServiceListEvent::operator-=(const Delegate& delegate)
 {
     if (m_process != ::getpid())
         return;
     BasicEvent::operator-=(delegate);
 }
 
-void ServiceDiscovery::ServiceListEvent::clear()
+void ServiceListEvent::clear()
 {
     if (m_process == ::getpid())
         BasicEvent::clear();
 }
 
-void ServiceDiscovery::ServiceListEvent::notify(const void* sender, Payload& payload)
+void ServiceListEvent::notify(const void* sender, Payload& payload)
 {
     Poco::ScopedLockWithUnlock<Poco::FastMutex> lock(_mutex);
     if (!_enabled)

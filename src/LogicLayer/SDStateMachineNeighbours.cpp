@@ -1,0 +1,390 @@
+// The handlers of what neighbours send.
+
+#include "LogicLayer/SDStateMachine.h"
+
+#include "DataLayer/Log.h"
+#include "LogicLayer/Matches.h"
+#include "LogicLayer/Records.h"
+#include "LogicLayer/SDCommunicationHub.h"
+
+#include <Common/CurrentException.h>
+
+#include <algorithm>
+#include <functional>
+#include <iterator>
+#include <optional>
+#include <utility>
+#include <vector>
+
+namespace Nubo::ServiceDiscovery {
+
+using State = SDService::State;
+using Type = SDService::Type;
+using Entry = WorkloadEntry;
+
+namespace {
+
+constexpr std::size_t mostAnswersOfOne = 16;    // one-time answers of one announced service
+constexpr std::size_t mostAnswersWaiting = 64;  // of all services
+constexpr unsigned short firstInstance = 1;
+constexpr Poco::Clock::ClockDiff microsecondsPerSecond = 1000000;
+
+bool isExpectedAperiodic(const SDService::Ptr& service)
+{
+    return isWanted(service) || service->getType() == Type::ANNOUNCED;
+}
+
+bool isExpectedPeriodic(const SDService::Ptr& service)
+{
+    return service->getType() == Type::ANNOUNCED ||
+           (service->getType() == Type::DISCOVERED && service->getState() == State::MAIN_PHASE);
+}
+
+template <class Predicate>
+ServicesContainer rejected(const ServicesContainer& services, Predicate predicate)
+{
+    ServicesContainer result;
+    std::copy_if(services.begin(), services.end(), std::back_inserter(result), std::not_fn(predicate));
+    return result;
+}
+
+}  // namespace
+
+bool SDStateMachine::handleFIND(ExternalEvent& event)
+{
+    const WorkloadLock lock(*this);
+    if (m_isClosed)
+        return true;
+    const std::string& name = nameOf(event.service);
+    const Matches matches(m_index, *event.service);
+
+    if (m_index.answers() >= mostAnswersWaiting && matches.hasActive()) {
+        reportWaitingAnswers(name);
+        return true;
+    }
+    bool isKnown = false;
+    bool isActive = false;
+    bool result = true;
+    matches.visitOwn([&](const SDService::Ptr& service) {
+        isKnown = true;
+        if (isShuttingDown(service))
+            return true;
+        isActive = true;
+        // One record is sent per millisecond: a new service must not wait behind answers for long. The
+        // requester will pick this service up from its next cyclic offer.
+        if (m_index.answers() >= mostAnswersWaiting) {
+            reportWaitingAnswers(name);
+            return false;
+        }
+        const auto announced = ServiceIdentity::ofInstance(*service, Type::ANNOUNCED);
+        if (m_index.countInstance(announced, Entry::Role::Answer) < mostAnswersOfOne)
+            result = unsafe_answerOnce(service) && result;
+        return true;
+    });
+    if (!isKnown)
+        SD_LOG(Trace) << "SDStateMachine::handleFIND: SD received FIND_SERVICE for \"" << name
+                      << "\", which is unknown.";
+    else if (!isActive)
+        SD_LOG(Trace) << "SDStateMachine::handleFIND: SD received FIND_SERVICE for \"" << name
+                      << "\", which is in shutdown.";
+    return result;
+}
+
+void SDStateMachine::reportWaitingAnswers(const std::string& name) const
+{
+    SD_LOG(Trace) << "SDStateMachine::handleFIND: SD received FIND_SERVICE for \"" << name << "\", while "
+                  << m_index.answers() << " Services wait.";
+}
+
+bool SDStateMachine::unsafe_answerOnce(const SDService::Ptr& announced)
+{
+    SDService::Ptr answer = new SDService(*announced);
+    answer->setState(State::ONCE);
+    SD_LOG(Trace) << "SDStateMachine::handleFIND: add \"" << nameOf(answer) << "\" #"
+                  << answer->getInstanceId() << " as new Announced|once.";
+    return unsafe_addAperiodicService(answer);
+}
+
+bool SDStateMachine::handleOFFER(ExternalEvent& event)
+{
+    const WorkloadLock lock(*this);
+    SDService::Ptr& service = event.service;
+    const NuboServiceDescription& description = service->getNuboDescription();
+    const std::string& name = description.getName();
+    if (m_isClosed || unsafe_renew(*service))
+        return true;
+    const Matches matches(m_index, *service);
+    if (unsafe_isReflected(*service, matches.name))
+        return true;
+
+    if (Entry* const search = matches.onlySearch()) {
+        if (!unsafe_discover(service, firstInstance, matches, search))
+            return false;
+        SD_LOG(Trace) << "SDStateMachine::handleOFFER: replace Wanted \"" << name << "\" with new Service.";
+        return true;
+    }
+    if (matches.empty()) {
+        if (!checkCapabilities(description)) {
+            SD_LOG(Warning) << "SDStateMachine::handleOFFER: adding \"" << name << "\" not authorized.";
+            writeEventLog(name, description.getIpAddressString(), description.getPort());
+            return false;
+        }
+        if (!unsafe_discover(service, firstInstance, matches))
+            return false;
+        SD_LOG(Trace) << "SDStateMachine::handleOFFER: add \"" << name << "\" as new Service.";
+        return true;
+    }
+    if (matches.name->unexpected != 0 && unsafe_reportUnexpected(matches.identity))
+        return false;
+
+    const std::vector<Entry*> duplicates = m_index.findInstance(
+        ServiceIdentity::ofInstance(*service, Type::DISCOVERED), Entry::Workload::Periodic);
+    if (!duplicates.empty())
+        return reportDuplicates("handleOFFER", duplicates);
+    const unsigned short instanceID = matches.nextInstanceID();
+    if (!unsafe_discover(service, instanceID, matches))
+        return false;
+    SD_LOG(Trace) << "SDStateMachine::handleOFFER: add Discovered \"" << name
+                  << "\" as new Service instance #" << instanceID;
+    return true;
+}
+
+/// Whether there are records of the service that have no business where they are.
+bool SDStateMachine::unsafe_reportUnexpected(const ServiceIdentity& identity) const
+{
+    ServicesContainer aperiodic;
+    ServicesContainer periodic;
+    unsafe_findServices(identity, aperiodic, periodic);
+    const bool inAperiodic =
+        reportUnexpected("handleOFFER", "aperiodic", rejected(aperiodic, isExpectedAperiodic));
+    const bool inPeriodic =
+        reportUnexpected("handleOFFER", "periodic", rejected(periodic, isExpectedPeriodic));
+    return inAperiodic || inPeriodic;
+}
+
+bool SDStateMachine::renew(const SDService& offered)
+{
+    const WorkloadLock lock(*this);
+    return m_isClosed || unsafe_renew(offered);
+}
+
+bool SDStateMachine::unsafe_renew(const SDService& offered)
+{
+    Entry* const known = m_index.findDiscovered(offered);
+    if (!known || known->role != Entry::Role::Discovered || (*known)->getState() != State::MAIN_PHASE)
+        return false;
+    if ((*known)->getTTL() == 0 && unsafe_isReflected(offered, known->name))
+        return true;
+    (*known)->setTTL(offered.getTTL());
+    m_index.renew(*known);
+    SD_LOG(Trace) << "SDStateMachine::handleOFFER: re-set TTL of Discovered \"" << nameOf(*known)
+                  << "\" with instance #" << (*known)->getInstanceId();
+    return true;
+}
+
+/// Whether somebody has sent an offer of this unit back to it.
+bool SDStateMachine::unsafe_isReflected(const SDService& offered, const NameEntries* name)
+{
+    if (!name || (name->periodic.empty() && name->aperiodic.empty()))
+        return false;
+    const NuboServiceDescription& description = offered.getNuboDescription();
+    if (!m_hub.isOwnAddress(description.getIpAddress()))
+        return false;
+    bool isAnnounced = false;
+    for (const NameEntries::List* list : {&name->periodic, &name->aperiodic}) {
+        isAnnounced = isAnnounced || std::any_of(list->begin(), list->end(), [&](const Entry& entry) {
+                          return entry.role == Entry::Role::Own &&
+                                 entry->getNuboDescription().getPort() == description.getPort();
+                      });
+    }
+    if (!isAnnounced)
+        return false;
+    if (m_reflectedOffers++ == 0)
+        SD_LOG(Warning)
+            << "SDStateMachine::handleOFFER: \"" << description.getName() << "\" @ ["
+            << description.getIpAddressString() << "]:" << description.getPort()
+            << " is a Service of this unit, sent back to it. Such offers are not discovered; this "
+               "is not logged again.";
+    return true;
+}
+
+bool SDStateMachine::handleSTOPOFFER(ExternalEvent& event)
+{
+    const WorkloadLock lock(*this);
+    if (m_isClosed)
+        return true;
+    const std::string& name = nameOf(event.service);
+    const auto stopped = ServiceIdentity::ofInstance(*event.service, Type::DISCOVERED);
+    const std::vector<Entry*> aperiodic = m_index.findInstance(stopped, Entry::Workload::Aperiodic);
+    const std::vector<Entry*> periodic = m_index.findInstance(stopped, Entry::Workload::Periodic);
+
+    if (!aperiodic.empty()) {
+        SD_LOG(Error) << "SDStateMachine::handleSTOPOFFER found " << aperiodic.size()
+                      << " aperiodic Service(s) in unexpected State x Type!";
+        return false;
+    }
+    if (periodic.empty())
+        return true;  // an instance that was never known, or is gone already
+    if (periodic.size() > 1)
+        return reportDuplicates("handleSTOPOFFER", periodic);
+
+    Entry& entry = *periodic.front();
+    if (entry->getState() != State::MAIN_PHASE) {
+        SD_LOG(Error) << "SDStateMachine::handleSTOPOFFER found periodic Service \"" << name
+                      << "\" in unexpected State x Type!";
+        return false;
+    }
+    const unsigned short instanceID = entry->getInstanceId();
+    unsafe_tellGone(entry);
+    SD_LOG(Trace) << "SDStateMachine::handleSTOPOFFER: remove Discovered|main \"" << name
+                  << "\" with instance #" << instanceID;
+    return true;
+}
+
+bool SDStateMachine::checkCapabilities(const NuboServiceDescription& /*description*/)
+{
+    return true;
+}
+
+void SDStateMachine::writeEventLog(const std::string& name, const std::string& ip, unsigned short port)
+{
+    SD_LOG(Warning) << "SD Writing 'Ereignisspeicher' for forbidden Service offer regarding \"" << name
+                    << "\" @ [" << ip << "]:" << port << " !";
+    if (!m_eventMemory(name, ip, port))
+        SD_LOG(Error) << "Failed to write Eventlog - OEM Dispatcher missing!";
+}
+
+/// What was discovered of this unit's service before it was added, when somebody sent an old offer of it,
+/// runs out with the next interval: this is the registry's call, in which it is told nothing.
+void SDStateMachine::unsafe_endReflections(const SDService& announced) const noexcept
+{
+    const NuboServiceDescription& own = announced.getNuboDescription();
+    const NameEntries* const name = m_index.find(own.getName());
+    for (Entry& entry : name->discovered) {
+        const NuboServiceDescription& description = entry->getNuboDescription();
+        if (description.getPort() == own.getPort() && m_hub.isOwnAddress(description.getIpAddress()))
+            entry->setTTL(0);
+    }
+}
+
+/// The same for all services of this unit, when it has got an address.
+void SDStateMachine::unsafe_endReflections()
+{
+    const std::uint64_t changes = m_hub.addressChanges();
+    if (std::exchange(m_addressChanges, changes) == changes)
+        return;
+    for (const auto& [due, entry] : m_aperiodicWorkload) {
+        if (entry.role == Entry::Role::Own)
+            unsafe_endReflections(*entry);
+    }
+    m_periodicWorkload.startLocalWalk();
+    while (const Entry* const entry = m_periodicWorkload.walkLocals()) {
+        if (entry->role == Entry::Role::Own)
+            unsafe_endReflections(**entry);
+    }
+}
+
+/// Tells the registry of a discovered service and takes it in under the identifier that it gives back. A
+/// search for the service ends when it was taken in.
+bool SDStateMachine::unsafe_discover(SDService::Ptr& service, unsigned short instanceID,
+                                     const Matches& matches, Entry* search)
+{
+    const DiscoveryBounds::Verdict verdict = DiscoveryBounds::judge(
+        m_index, matches.name, *service, search != nullptr, m_periodicWorker.listeningSince());
+    if (verdict.outcome != DiscoveryBounds::Outcome::Taken) {
+        m_lastRefusal = verdict.outcome;
+        m_refusals.add();
+        reportRefusals();
+        for (Entry* displaced : verdict.displaced)
+            unsafe_displace(*displaced);
+        return false;
+    }
+    setTypeAndState(service, Type::DISCOVERED, State::MAIN_PHASE);
+    service->setInstanceId(instanceID);
+    // There has to be room for it before the registry is told.
+    Entry& entry = m_periodicWorkload.push_back(service);
+    ServiceListEventPayload payload(
+        ServiceListEventPayload::SERVICE_DISCOVERED, &service->getNuboDescription());
+    try {
+        m_hub.notifyServiceRegistry(payload);
+    }
+    catch (...) {
+        m_periodicWorkload.erase(entry);
+        throw;
+    }
+    if (payload.getLocalUuid().empty()) {
+        m_periodicWorkload.erase(entry);
+        SD_LOG(Error)
+            << "Failed to handle OFFER_SERVICE due Service Registry Notification not returning a UUID!";
+        return false;
+    }
+    m_index.identify(entry, std::move(payload).getLocalUuid());
+    if (search)
+        m_aperiodicWorkload.erase(*search);
+    for (Entry* displaced : verdict.displaced)
+        unsafe_displace(*displaced);
+    return true;
+}
+
+void SDStateMachine::reportRefusals()
+{
+    using Outcome = DiscoveryBounds::Outcome;
+    if (const std::uint64_t refused = m_refusals.takeReport()) {
+        const Outcome last = m_lastRefusal;
+        if (last == Outcome::RefusedOfSender)
+            SD_LOG(Warning) << "SDStateMachine::handleOFFER: " << refused
+                            << " offer(s) of new Services refused, their unit has its share of what can be "
+                               "known!";
+        else if (last == Outcome::RefusedOfName)
+            SD_LOG(Warning) << "SDStateMachine::handleOFFER: " << refused
+                            << " offer(s) of new Services refused, at most " << mostInstances
+                            << " of one name can be known!";
+        else
+            SD_LOG(Warning) << "SDStateMachine::handleOFFER: " << refused
+                            << " offer(s) of new Services refused, at most " << largestWorkload << " with "
+                            << mostText << " Bytes of text can be known!";
+    }
+    if (const std::uint64_t displaced = m_displacements.takeReport())
+        SD_LOG(Warning) << "SDStateMachine::handleOFFER: " << displaced
+                        << " Service(s) that had not been offered for "
+                        << DiscoveryBounds::staleAfter / microsecondsPerSecond
+                        << " s displaced by offers of new ones!";
+}
+
+/// What the subscriber throws is logged: the new service has been taken in.
+void SDStateMachine::unsafe_displace(Entry& entry)
+{
+    m_displacements.add();
+    reportRefusals();
+    try {
+        unsafe_tellGone(entry);
+    }
+    catch (...) {
+        SD_LOG(Error) << "SDStateMachine - caught exception: " << Common::currentException;
+    }
+}
+
+/// Tells the registry that a service is gone, and forgets it, even if the subscriber throws; that passes to
+/// the caller. When the registry could not be told for want of memory, the service stays until the next
+/// interval, which tries again.
+void SDStateMachine::unsafe_tellGone(Entry& entry)
+{
+    SDService::Ptr service = entry;
+    const NuboServiceDescription& description = service->getNuboDescription();
+    std::optional<ServiceListEventPayload> payload;
+    try {
+        payload.emplace(ServiceListEventPayload::SERVICE_GONE, &description,
+                        description.getLocalUuid());
+        m_hub.notifyServiceRegistry(*payload);
+    }
+    catch (...) {
+        if (payload && payload->isDelivered())
+            m_periodicWorkload.erase(entry);
+        else
+            service->setTTL(0);
+        throw;
+    }
+    m_periodicWorkload.erase(entry);
+}
+
+}  // namespace Nubo::ServiceDiscovery
