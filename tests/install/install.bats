@@ -57,6 +57,7 @@ teardown() { [ ! -e "$PREFIX.away" ] || mv "$PREFIX.away" "$PREFIX"; }
     expected='./KELServiceDiscoveryLib/DataLayer/NuboServiceDescription.h
 ./KELServiceDiscoveryLib/DataLayer/SDService.h
 ./KELServiceDiscoveryLib/DataLayer/ServiceDiscovery_Types.h
+./KELServiceDiscoveryLib/DataLayer/ServiceEvents.h
 ./KELServiceDiscoveryLib/DataLayer/TextList.h
 ./KELServiceDiscoveryLib/Export.h
 ./KELServiceDiscoveryLib/KELOEMInterfaceLib/Export.h
@@ -69,6 +70,7 @@ teardown() { [ ! -e "$PREFIX.away" ] || mv "$PREFIX.away" "$PREFIX"; }
 ./KELServiceDiscoveryLib/KELUtilLib/DebugUtils.h
 ./KELServiceDiscoveryLib/KELUtilLib/Export.h
 ./KELServiceDiscoveryLib/KELUtilLib/Logging.h
+./KELServiceDiscoveryLib/KnownServices.h
 ./KELServiceDiscoveryLib/ServiceDiscovery.h'
     [ "$installed" = "$expected" ] || fail "installed: $installed"
 }
