@@ -1,7 +1,8 @@
-// A registry: lists the services of the other units whenever they change. KnownServices keeps the table, so no
-// code of the registry runs within ServiceListChanged, for which the library waits.
+// A registry that prints the services of other units whenever they change. KnownServices maintains the table,
+// so no code of the registry runs within ServiceListChanged, which would block the library.
 //
-//     bin/example-registry ADDRESS SECONDS     (this unit's IPv6 address; exits after SECONDS without a change)
+//     bin/example-registry ADDRESS SECONDS     (this unit's IPv6 address; exits after SECONDS without a
+//     change)
 //
 // and on another unit: nubo-sd announce Media --port 8080 --version 1.2.0
 

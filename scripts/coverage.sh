@@ -1,12 +1,12 @@
 #!/bin/sh
-# Reports how much of src/ the tests have covered since the counters were deleted: scripts/coverage.sh JOBS. Exit
-# code 1 below the goal.
+# Reports the coverage of src/ since the counters were deleted: scripts/coverage.sh JOBS. The exit code is 1 below the
+# goal.
 set -eu
 cd "$(dirname "$0")/.."
 jobs=$1
 
-# Only branches in the source count, not those that the compiler adds for exceptions. A log line has only such: its
-# level is tested once for all.
+# Counts only branches in the source, not those that the compiler adds for exceptions. Excludes log lines, whose only
+# other branch is the test of the level, which is the same for all.
 gcovr --root . --filter src/ --exclude-throw-branches --exclude-unreachable-branches \
     --exclude-branches-by-pattern ' *(SD_LOG\(|<<).*' -j "$jobs" \
     --csv build-coverage/coverage.csv --html-details build-coverage/coverage.html build-coverage

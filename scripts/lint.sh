@@ -1,12 +1,12 @@
 #!/bin/sh
 # Checks the code with clang-format, shellcheck, cppcheck and clang-tidy: scripts/lint.sh JOBS [PATTERN]. clang-tidy
-# checks only files whose paths match the regular expression PATTERN; without one it skips tests/, which would take as
+# checks only files whose paths match the regular expression PATTERN. Without PATTERN it skips tests/, which takes as
 # long as everything else.
 set -eu
 cd "$(dirname "$0")/.."
 jobs=$1 pattern=${2-}
 
-# check TOOL ARGUMENT...: collects the findings. Every tool ends a finding with the name of its rule.
+# check TOOL ARGUMENT...: runs the tool and collects its findings, which all tools end with the name of the rule.
 check() {
     echo "$1 ..."
     "$@" >build-lint/output.txt 2>&1 || uncoloured build-lint/output.txt |
@@ -36,7 +36,7 @@ folders='src platform tools examples bench fuzz'
     check run-clang-tidy -j "$jobs" -quiet -p build-lint \
         "^$PWD/${pattern:-($(echo "$folders" | tr ' ' '|'))/}"
 }
-# A finding in a header is reported for each file that includes it.
+# clang-tidy reports a finding in a header once per file that includes it.
 sed "s,^$PWD/,," build-lint/all.txt | sort -u >build-lint/findings.txt
 cat build-lint/findings.txt
 if [ -s build-lint/findings.txt ]; then

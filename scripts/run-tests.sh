@@ -1,15 +1,15 @@
 #!/bin/sh
-# Runs the tests of a finished build and prints a summary: scripts/run-tests.sh PRESET JOBS [PATTERN]. Twice as many
-# tests as JOBS run at a time, since most of them wait. PATTERN is a regular expression for the tests' names.
+# Runs the tests of a finished build and prints a summary: scripts/run-tests.sh PRESET JOBS [PATTERN]. Runs twice as
+# many tests as JOBS at a time, because most of them wait. PATTERN is a regular expression for the names of tests.
 set -eu
 cd "$(dirname "$0")/.."
 form=$1 jobs=$2 pattern=${3-}
 
-# Prints the last lines of each failed test again, at the very end.
+# Prints the last 50 lines of each failed test again, at the end of the output.
 repeat_failures() {
     awk '
         sub(/^[0-9]+\/[0-9]+ Testing: /, "") { name = $0 }
-        $0 == "Output:" { count = -1; next } # a line of dashes comes before what it printed
+        $0 == "Output:" { count = -1; next } # skips the line of dashes before the output
         $0 == "<end of output>" { end = count }
         $0 == "Test Failed." {
             print "\n--- " name
@@ -19,14 +19,14 @@ repeat_failures() {
         END { print "" }' "build-$form/Testing/Temporary/LastTest.log"
 }
 
-# count ATTRIBUTE: a number from the first element of the results.
+# count ATTRIBUTE: prints a number from the first element of the results.
 count() { sed -n "s/.*<testsuite .*$1=\"\([0-9]*\)\".*/\1/p;/^\t$1=\"/s/.*\"\([0-9]*\)\".*/\1/p" "$results" | head -n 1; }
 
 results=$PWD/build-$form/test-results.xml
 # ThreadSanitizer does not work with address space randomisation.
 run=
 [ "$form" != tsan ] || run="setarch --addr-no-randomize"
-# One moving line on a terminal, one line per test in a log.
+# Updates a single line on a terminal; prints one line per test to a log.
 progress=
 [ ! -t 1 ] || progress=--progress
 status=0

@@ -17,7 +17,7 @@ using Payload = ServiceListEventPayload;
 using Delegate = Poco::AbstractDelegate<Payload>;
 using ServicePtr = std::shared_ptr<const KnownServices::Service>;
 
-/// What distinguishes one instance from another, and their order.
+/// Identity of an instance, and sort key of the table.
 using Key = std::tuple<std::string, std::string, unsigned short, int>;
 
 Key keyOf(const NuboServiceDescription& description)
@@ -47,7 +47,7 @@ struct ByName
 
 }  // namespace
 
-/// Shared with the delegate, which may be called a last time after it has been removed.
+/// Shared with the delegate, which may still be called once after it has been removed.
 class KnownServices::Table
 {
 public:
@@ -104,8 +104,8 @@ private:
     using Services = std::map<Key, ServicePtr>;
     using Uuids = std::map<std::string, Services::iterator>;
 
-    /// Returns the identifier; an empty one when the service is not taken in. Either all of the table changes
-    /// or nothing does.
+    /// Returns the identifier, or an empty one when the service is not added. If it throws, the table is
+    /// unchanged.
     std::string add(const NuboServiceDescription& description)
     {
         std::string uuid = m_identify(description);
@@ -118,7 +118,7 @@ private:
             const std::lock_guard<std::mutex> lock(m_mutex);
             const auto named = m_byUuid.find(uuid);
             if (named != m_byUuid.end() && named->second != m_services.find(key))
-                return {};  // another service has it
+                return {};  // another service has this identifier
             service->revision = m_revision + 1;
             insert(std::move(key), std::move(service));
             ++m_revision;
@@ -127,8 +127,8 @@ private:
         return uuid;
     }
 
-    /// Replaces a service of the same key: the engine lets one go without an event when another subscriber
-    /// throws.
+    /// Replaces a service with the same key: the engine discards a service without an event when another
+    /// subscriber throws.
     void insert(Key&& key, ServicePtr&& service)
     {
         const auto [entry, isNew] = m_services.try_emplace(std::move(key));
@@ -160,12 +160,12 @@ private:
     }
 
     const Identify m_identify;
-    mutable std::mutex m_mutex;  // guards what follows
+    mutable std::mutex m_mutex;  // guards the members below
     mutable std::condition_variable m_changed;
     Services m_services;
     Uuids m_byUuid;
     std::uint64_t m_revision = 0;
-    mutable std::shared_ptr<const Snapshot> m_snapshot;  // the last one
+    mutable std::shared_ptr<const Snapshot> m_snapshot;  // the last one returned; null before
 };
 
 namespace {
@@ -189,7 +189,7 @@ public:
         return delegate && delegate->m_table == m_table;
     }
     Delegate* clone() const override { return new TableDelegate(*this); }
-    void disable() override {}  // the event's own wrapper is switched off
+    void disable() override {}  // the event disables its wrapper around this delegate
 
 private:
     const std::function<void(Payload&)> m_call;

@@ -15,7 +15,7 @@ namespace Nubo::ServiceDiscovery {
 
 class ServiceDiscovery;
 
-/// The services of other units that a ServiceDiscovery knows at the moment: a registry's table, kept by its
+/// The services of other units that a ServiceDiscovery currently knows: a registry's table, updated by
 /// ServiceListChanged.
 ///
 ///     ServiceDiscovery discovery;
@@ -26,29 +26,28 @@ class ServiceDiscovery;
 ///             std::cout << service->description.getUri() << std::endl;
 ///     }
 ///
-/// Made before startup(), it holds every service. It gives each its identifier, so no other subscriber may.
-/// All operations may be called from any thread, within ServiceListChanged as well, and none calls into the
-/// engine. The object may be destroyed at any time before the ServiceDiscovery is: an event that is being
-/// delivered meanwhile does no harm.
+/// Create it before startup() to include every service. It assigns the identifiers, so no other subscriber
+/// may do so. All operations are thread-safe and may be called within ServiceListChanged; none calls into the
+/// engine. The object may be destroyed at any time before the ServiceDiscovery, even while an event is being
+/// delivered.
 class KEL_SD_EXPORT KnownServices
 {
 public:
     struct Service
     {
-        std::string uuid;                    ///< the identifier that the service got
-        NuboServiceDescription description;  ///< with that identifier
-        std::uint64_t revision;              ///< of the table, when the service was discovered
+        std::string uuid;                    ///< the identifier assigned to the service
+        NuboServiceDescription description;  ///< including that identifier
+        std::uint64_t revision;              ///< revision of the table since which it contains the service
     };
 
-    /// What was known at one moment, ordered by name, then by address, port and protocol. It does not change
-    /// any more.
+    /// Immutable copy of the table, sorted by name, address, port and protocol.
     class KEL_SD_EXPORT Snapshot
     {
     public:
         using List = std::vector<std::shared_ptr<const Service>>;
         using const_iterator = List::const_iterator;
 
-        /// Services of one name.
+        /// The services of one name. Valid as long as the snapshot.
         struct Range
         {
             const_iterator begin() const { return first; }
@@ -74,30 +73,30 @@ public:
         const std::uint64_t m_revision;
     };
 
-    /// Makes the identifier of a discovered service. With an empty one, or one that another service has, the
-    /// service is not taken in, and its next offer asks again. Called on a thread of the engine, by one
-    /// thread at a time.
+    /// Returns the identifier of a discovered service. If it is empty or belongs to another service, the
+    /// service is not added, and its next offer calls this again. Called on threads of the engine, one call
+    /// at a time. It must return promptly.
     using Identify = std::function<std::string(const NuboServiceDescription& description)>;
 
-    /// Subscribes. Without `identify`, services are called "service-1", "service-2", …
+    /// Subscribes to ServiceListChanged. Without `identify`, the identifiers are "service-1", "service-2", …
     explicit KnownServices(ServiceDiscovery& discovery, Identify identify = {});
     ~KnownServices();
 
     KnownServices(const KnownServices&) = delete;
     KnownServices& operator=(const KnownServices&) = delete;
 
-    /// Takes O(n) after a change, and no time without one.
+    /// Returns the current table. O(n) after a change, otherwise O(1).
     std::shared_ptr<const Snapshot> snapshot() const;
 
-    /// Null when none has that identifier.
+    /// Returns the service with that identifier, or null.
     std::shared_ptr<const Service> find(const std::string& uuid) const;
 
     std::size_t size() const;
 
-    /// Grows with every service that is discovered or gone; 0 before the first.
+    /// Increases with every service that is discovered or gone; 0 before the first.
     std::uint64_t revision() const;
 
-    /// Waits until the revision is another one, at most for so long; returns it.
+    /// Waits until the revision differs from `seen`, or until the time is over. Returns the revision.
     std::uint64_t waitForChange(std::uint64_t seen, std::chrono::milliseconds atMost) const;
 
 private:

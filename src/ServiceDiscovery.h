@@ -15,21 +15,21 @@ namespace Nubo::ServiceDiscovery {
 
 class Engine;
 
-/// Announces the services of this unit on the vehicle network and learns of those of the other units.
+/// Announces the services of this unit on the vehicle network and discovers those of other units.
 ///
 ///     ServiceDiscovery discovery;
 ///     discovery.ServiceListChanged += Poco::delegate(&registry, &Registry::onServiceListChanged);
 ///     discovery.startup(Poco::Net::IPAddress("fd00::12"));
 ///     discovery.addService(description);
 ///
-/// Before that, the process puts the platform's dispatcher into the service locator: it tells which network
-/// interfaces to use. Services may be added and searched for before startup(); they are sent then.
+/// Before that, the process must put the platform's dispatcher into the service locator: it reports the
+/// network interfaces to use. You can add and search for services before startup(), which then sends them.
 ///
-/// The operations may be called from any thread, but not from within ServiceListChanged, nor by a log channel
-/// that writes a line of the library: such a call is refused. When memory is short, requests throw
-/// std::bad_alloc and change nothing; startup() and shutdown() never throw.
+/// All operations are thread-safe. A call from within ServiceListChanged, or from a log channel that is
+/// writing a line of the library, is refused. When memory is short, requests throw std::bad_alloc and change
+/// nothing; startup() and shutdown() never throw.
 ///
-/// The object belongs to the process that has made it: in a forked child every operation is refused.
+/// The object belongs to the process that created it: in a forked child every operation is refused.
 class KEL_SD_EXPORT ServiceDiscovery
 {
 public:
@@ -40,52 +40,56 @@ public:
     /// Raised for every service of another unit that is discovered or gone; never after shutdown() has
     /// returned.
     ///
-    /// The subscriber runs on a thread of the library, which waits for it: it has to return promptly. It
-    /// must not call this object or another of its class (a call is refused with an error in the log), nor
-    /// wait for a thread that does. What it throws is logged; the library goes on.
+    /// Subscribers run on a thread of the library and must return promptly, because that thread waits for
+    /// them. They must not call this object or another one of its class, nor wait for a thread that does; a
+    /// call is refused with an error in the log. The library logs what they throw and continues.
     ServiceListEvent ServiceListChanged;
 
     /// Throws Poco::Exception when the service locator has no platform dispatcher.
     ServiceDiscovery();
-    /// Shuts down first if that was not done. Not to be called from within ServiceListChanged.
+    /// Shuts down if necessary. Must not be called from within ServiceListChanged.
     virtual ~ServiceDiscovery();
 
     ServiceDiscovery(const ServiceDiscovery&) = delete;
     ServiceDiscovery& operator=(const ServiceDiscovery&) = delete;
 
-    /// Starts on the unit's IPv6 address. A description that carries this address is announced on each
-    /// interface with that interface's own address, once the unit has several. False when it is no address
-    /// of IPv6, the wildcard or a multicast address, or when the discovery port cannot be bound; the reason
-    /// is in the log, and a later call tries again. True when it runs already.
+    /// Starts on the unit's IPv6 address. If the unit uses several interfaces, a description with this
+    /// address is announced on each of them with the address of the interface. Returns true when it is
+    /// running, including when it already was. Logs the reason and returns false when the address is not
+    /// IPv6, is the wildcard or a multicast address, or when the engine cannot start, for example because the
+    /// discovery port is taken; a later call tries again.
     bool startup(const Poco::Net::IPAddress& address);
 
-    /// Withdraws the announced services and stops; returns true. Takes about a second at most.
+    /// Withdraws the announced services and stops. Returns true, or false when the call is refused. Takes
+    /// about 1 s at most, or longer while a subscriber does not return.
     ///
-    /// A service is withdrawn once its announcement has settled, 700 ms after it was added; one that is
-    /// younger stays known to the others until its offer runs out after 120 s, and is announced on at the
-    /// next startup(). To withdraw it too, remove it first.
+    /// Only services added at least 700 ms ago are withdrawn, because their announcement has then settled. A
+    /// more recent one remains known to other units until its offer expires after 120 s, and its announcement
+    /// continues at the next startup(). To withdraw it as well, remove it first.
     bool shutdown();
 
     bool running() const;
 
-    /// Announces a service until it is removed, or until shutdown(). False, and nothing is announced, when
-    /// the description cannot be used or the very service is announced already; the reason is in the log.
+    /// Announces a service until it is removed or shutdown() is called. Logs the reason and returns false,
+    /// without announcing anything, when the description is unusable or the same service is already
+    /// announced.
     bool addService(const NuboServiceDescription& description);
 
-    /// Searches for all services of the description's name, for 700 ms. What is found is told by
-    /// ServiceListChanged, as is everything else that is offered.
+    /// Searches for 700 ms for all services with the description's name. ServiceListChanged reports the
+    /// results, along with every other service that is offered. Returns false, with the reason in the log,
+    /// when the name is unusable.
     bool findService(const NuboServiceDescription& description);
 
-    /// Withdraws the service that was added with this identifier. False when there is none.
+    /// Withdraws the service that was added with this identifier. Returns false when there is none.
     bool removeService(const std::string& localUuid);
 
-    /// The services that are announced, and those of other units that are known, in no particular order. A
-    /// registry that has lost track compares its list with this one. Everything else waits while it is
-    /// copied: not to be asked in place of ServiceListChanged.
+    /// Returns the announced services and the known services of other units, in no particular order. For a
+    /// registry that has to resynchronise its list. Everything else waits while the list is copied, so do not
+    /// poll it instead of using ServiceListChanged.
     std::vector<ServiceStatus> getServices() const;
 
 protected:
-    /// Works with that engine instead of the library's.
+    /// Uses the given engine instead of the library's.
     explicit ServiceDiscovery(Poco::SharedPtr<Engine> engine);
 
 private:

@@ -1,4 +1,4 @@
-// A received datagram, through hub and request handler to the state machine.
+// Input: a received datagram, which passes through hub and request handler to the state machine.
 
 #include "common/Invariants.h"
 #include "support/Descriptions.h"
@@ -13,13 +13,13 @@ namespace Nubo::ServiceDiscovery::Fuzzing {
 
 namespace {
 
-/// A unit that offers a service and another one twice, and searches for a third. It is not started: nothing
-/// touches the network, and nothing happens but what the target does. Its threads take long to make, so it
-/// serves all inputs.
+/// A unit that offers one service and two instances of another, and searches for a third. It is not started,
+/// so it uses no network and does nothing by itself. All inputs share it, because creating its threads takes
+/// long.
 class Unit
 {
 public:
-    /// As if it were new.
+    /// Restores the initial state.
     void reset()
     {
         removeRecords(m_machine, workloads());
@@ -73,7 +73,7 @@ private:
 void tryInput(std::string_view input)
 {
     if (input.empty())
-        return;  // the hub queues nothing
+        return;  // the hub does not queue empty datagrams
     static Unit unit;
     unit.reset();
     unit.receive(input);

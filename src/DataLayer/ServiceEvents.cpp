@@ -12,9 +12,10 @@ namespace {
 using Payload = ServiceListEventPayload;
 using Delegate = Poco::AbstractDelegate<Payload>;
 
-/// Holds the delegate of a subscriber. Poco's delegates hold a lock while the subscriber runs, for which
-/// their removal waits with the lock of the event held: a subscriber that removes itself, and a thread that
-/// removes it meanwhile, would wait for each other for ever. This one is switched off without waiting.
+/// Wraps the delegate of a subscriber so that it can be disabled without waiting. Poco's delegates hold a
+/// lock while the subscriber runs, and their removal waits for that lock while holding the lock of the
+/// event. A subscriber that removes itself and another thread that removes it at the same time would
+/// deadlock.
 class UnlockedDelegate : public Delegate
 {
 public:

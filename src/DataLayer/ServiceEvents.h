@@ -14,32 +14,32 @@
 
 namespace Nubo::ServiceDiscovery {
 
-/// A service that is announced or known at the moment.
+/// A service that this unit currently announces or knows.
 struct ServiceStatus
 {
     enum class Role
     {
         ANNOUNCED,  ///< a service of this unit
-        DISCOVERED  ///< one of another unit
+        DISCOVERED  ///< a service of another unit
     };
 
-    NuboServiceDescription description;  ///< with the registry's own identifier
+    NuboServiceDescription description;  ///< including the registry's identifier
     Role role = Role::DISCOVERED;
-    unsigned short instanceId = 0;  ///< this unit's number of it, among those of its name
+    unsigned short instanceId = 0;  ///< the number that this unit gave it among the services of its name
 
-    /// The seconds until a discovered service is gone, unless it is offered again before. None for an
-    /// announced one, which stays.
+    /// Seconds until a discovered service expires unless it is offered again. Empty for an announced service,
+    /// which does not expire.
     std::optional<unsigned int> secondsLeft;
 };
 
-/// What ServiceListChanged reports.
+/// Argument of ServiceListChanged. The engine owns it; valid only while the event is delivered.
 class KEL_SD_EXPORT ServiceListEventPayload
 {
 public:
     enum EventType : std::uint32_t
     {
         SERVICE_DISCOVERED = 0,  ///< a service of another unit was offered
-        SERVICE_GONE = 1         ///< it was withdrawn, or was not heard of any more
+        SERVICE_GONE = 1         ///< it was withdrawn, its offer expired, or newer services displaced it
     };
 
     ServiceListEventPayload(EventType eventType, const NuboServiceDescription* service,
@@ -47,17 +47,17 @@ public:
 
     EventType getEventType() const { return m_eventType; }
 
-    /// The service concerned; valid only while the event is delivered.
+    /// Returns the service concerned, which is valid only while the event is delivered.
     const NuboServiceDescription* getServiceDescription() const { return m_service; }
 
-    /// The registry's own identifier of the service. For a discovered service the subscriber sets it;
-    /// a service without one is not taken in, and its next offer raises the event anew. It comes back
-    /// when the service is gone.
+    /// The registry's identifier of the service. The subscriber sets it for a discovered service and gets it
+    /// back when the service is gone. A service without one is not stored, so its next offer raises the event
+    /// again.
     const std::string& getLocalUuid() const& { return m_localUuid; }
     std::string getLocalUuid() && { return std::move(m_localUuid); }
     void setLocalUuid(std::string localUuid) { m_localUuid = std::move(localUuid); }
 
-    /// Whether subscribers have been called with it.
+    /// Whether delivery to the subscribers has begun.
     bool isDelivered() const { return m_isDelivered; }
 
 private:
@@ -69,14 +69,15 @@ private:
     bool m_isDelivered = false;
 };
 
-/// An event to which any number of delegates can be added (`+=`) and from which they can be removed
-/// (`-=`), from any thread, also from within the event.
+/// An event to which any number of delegates can be added (`+=`) and from which they can be removed (`-=`),
+/// from any thread and from within the event.
 ///
-/// Removing never waits for the event: one that is being delivered at that moment may still call the
-/// delegate, or be inside it; none that begins afterwards does. Before a subscriber is destroyed, make
-/// sure that no event is in it: shutdown() has returned, or the subscriber's own lock says so.
+/// Removal does not wait: an event that is being delivered at that moment may still call the delegate, or be
+/// executing it; later events do not. Before you destroy a subscriber, make sure that no event is executing
+/// it: wait until shutdown() has returned, or use a lock in the subscriber.
 ///
-/// In a forked child all of this does nothing: a thread of the parent may have held the event's lock.
+/// In a forked child, adding and removing do nothing, because another thread of the parent may have held the
+/// event's lock.
 class KEL_SD_EXPORT ServiceListEvent : public Poco::BasicEvent<ServiceListEventPayload, Poco::FastMutex>
 {
 public:
@@ -86,8 +87,8 @@ public:
     void operator-=(const Poco::AbstractDelegate<ServiceListEventPayload>& delegate);
     void clear();
 
-    /// Calls the delegates one after the other. What one of them throws passes to the caller, and those
-    /// after it are not called.
+    /// Calls the delegates one after the other. Passes on what one of them throws; the remaining ones are not
+    /// called then.
     void notify(const void* sender, ServiceListEventPayload& payload);
 
 private:

@@ -10,7 +10,7 @@
 
 namespace Nubo::ServiceDiscovery {
 
-/// What the facade asks of the engine behind it.
+/// Interface of the engine behind the facade.
 class Engine
 {
 public:
@@ -20,24 +20,25 @@ public:
     Engine(const Engine&) = delete;
     Engine& operator=(const Engine&) = delete;
 
-    /// True when the engine runs on the unit's address, now or already. False, with the reason in the log,
-    /// when the receiver cannot be bound, when a subscriber still holds up what runs or ran, or when memory
-    /// or threads are short; then nothing runs. Never throws.
+    /// Starts the engine on the unit's address. Returns true when it runs, including when it already ran.
+    /// Logs the reason and returns false when the receiver cannot be bound, when a subscriber still blocks an
+    /// earlier run, or when the system is short of memory or threads. A failed start leaves nothing running.
+    /// Never throws.
     virtual bool start(const Poco::Net::IPAddress& localAddress) = 0;
-    /// Whatever fails on the way, the engine has stopped when it returns. Never throws.
+    /// Stops the engine, even if single steps fail. Never throws.
     virtual void stop() = 0;
-    /// The same for a thread that delivers an event, or writes a line of the log, and must not wait for
-    /// itself: withdraws the services. The threads stay.
+    /// Variant for a thread that is delivering an event or writing a log line and must not wait for itself:
+    /// withdraws the services but leaves the engine's threads running.
     virtual void stopFromWithin() noexcept = 0;
     virtual bool isRunning() const = 0;
     virtual bool isStopping() const = 0;
 
-    /// Whether the calling thread works for this engine, or holds a lock of it.
+    /// Whether the calling thread works for this engine or holds one of its locks.
     virtual bool isOnThisThread() const = 0;
-    /// Whether the engine was made by this process, not by one that was forked from.
+    /// Whether this process created the engine; false in a forked child.
     virtual bool isOfThisProcess() const = 0;
 
-    /// Requests of the registry. False, after an error line, for a record that cannot be put on the wire.
+    /// Requests of the registry. They return false, after logging an error, for a record that cannot be sent.
     virtual bool addService(SDService::Ptr& service) = 0;
     virtual bool findService(SDService::Ptr& service) = 0;
     virtual bool removeService(const std::string& localUuid) = 0;

@@ -5,11 +5,12 @@
 
 namespace Nubo::ServiceDiscovery {
 
-/// Writes an entry into the unit's event memory: a service of that name, at that address and port, was
-/// offered and is not allowed. False when the unit has no event memory.
+/// Writes an entry to the unit's event memory: a service with this name, address and port was offered but is
+/// not allowed. Returns false when the unit has no event memory.
 using EventMemory = std::function<bool(const std::string& name, const std::string& ip, unsigned short port)>;
 
-/// That of the platform's dispatcher, which is looked up with each entry.
+/// Returns a writer to the event memory of the platform's dispatcher. It looks the dispatcher up for each
+/// entry, so that one registered later is found.
 EventMemory platformEventMemory();
 
 }  // namespace Nubo::ServiceDiscovery

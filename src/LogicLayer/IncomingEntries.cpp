@@ -17,7 +17,7 @@ using SOME_IP_SD_Types::OptionKeywords;
 
 namespace {
 
-/// Puts the option into `slot` if it has the slot's class; a later one replaces an earlier one.
+/// Stores the option in `slot` if it has the slot's class. A later option replaces an earlier one.
 template <class Option>
 bool take(const SOME_IP_SD_Option::Ptr& option, Poco::SharedPtr<Option>& slot)
 {
@@ -34,8 +34,9 @@ std::size_t countSet(const Poco::SharedPtr<Options>&... slots)
     return (std::size_t{0} + ... + (slots.isNull() ? 0u : 1u));
 }
 
-/// The values that a configuration has for one key, where they lie: a neighbour may send thousands of them,
-/// and refer to them from thousands of entries.
+/// View of the values that a configuration has for one key. It copies nothing, because a neighbour may send
+/// thousands of values and refer to them from thousands of entries. The configuration and the key must
+/// outlive it.
 class ValuesOf
 {
 public:
@@ -48,7 +49,7 @@ public:
     bool empty() const { return !isOfKey(m_first); }
     bool isOne() const { return !empty() && !isOfKey(std::next(m_first)); }
     const std::string& first() const { return m_first->second; }
-    std::size_t count() const { return m_pairs.count(m_key); }  ///< takes time for each
+    std::size_t count() const { return m_pairs.count(m_key); }  ///< O(n)
 
 private:
     bool isOfKey(ConfigurationPairs::const_iterator pair) const
@@ -76,7 +77,8 @@ bool isOnly(const ValuesOf& values, const std::string& expected, const char* wha
     return true;
 }
 
-/// Also when it is one of IPv4 in the form of IPv6 (RFC 4291, 2.5.5.2), which leads to this unit as well.
+/// Whether the address is a loopback address, IPv4-mapped ones included (RFC 4291 section 2.5.5.2):
+/// ::ffff:127.0.0.0/104 reaches this unit, too.
 bool isLoopback(const Poco::Net::IPAddress& ip)
 {
     if (!ip.isIPv4Mapped())
@@ -86,8 +88,8 @@ bool isLoopback(const Poco::Net::IPAddress& ip)
     return static_cast<const std::uint8_t*>(ip.addr())[firstOfIPv4] == loopbackNet;
 }
 
-/// Zeros stand for no sender, but a datagram can come from "::": then a multicast address stands for it, from
-/// which none can come.
+/// An all-zero sender means "unknown", yet a datagram can have the source address "::". Such a sender gets a
+/// multicast address instead, which is never a source address (RFC 4291 section 2.7).
 SDService::SenderAddress senderOf(const Poco::Net::SocketAddress& origin)
 {
     SDService::SenderAddress sender{};
@@ -167,7 +169,7 @@ bool IncomingEntries::extractOfferServiceOptions(
 {
     const std::size_t n = options.size();
     if (n < 2 || n > 4) {
-        // Kept for compatibility: the text says 1.
+        // Kept for compatibility: the text gives 1 as the minimum.
         SD_LOG(Error) << "Failed to handle OFFER_SERVICE due to invalid amount of Options: " << n
                       << "/[1-4]!";
         return false;
@@ -187,8 +189,7 @@ bool IncomingEntries::extractOfferServiceOptions(
 }
 
 bool IncomingEntries::extractFindServiceOptions(
-    const std::vector<SOME_IP_SD_Option::Ptr>& options,
-    SOME_IP_SD_Option_Configuration::Ptr& config,
+    const std::vector<SOME_IP_SD_Option::Ptr>& options, SOME_IP_SD_Option_Configuration::Ptr& config,
     Poco::SharedPtr<SOME_IP_SD_Option_LoadBalancing>& loadBalancing)
 {
     const std::size_t n = options.size();

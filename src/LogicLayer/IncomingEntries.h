@@ -16,28 +16,28 @@ class SOME_IP_SD_Option_IPv4;
 class SOME_IP_SD_Option_IPv6;
 class SOME_IP_SD_Option_LoadBalancing;
 
-/// The instance that an entry offers. Null members: the entry was passed over.
+/// The instance that an entry offers. Both members are null when the entry was skipped.
 struct IncomingOffer
 {
     SDService::Ptr service;  ///< without versions and categories: see SDService::complete()
-    SOME_IP_SD_Option_Configuration::Ptr configuration;  ///< from which it can be completed
+    SOME_IP_SD_Option_Configuration::Ptr configuration;  ///< the argument for SDService::complete()
 };
 
-/// Reads received entries with their options. The reason why an entry is passed over goes into the log.
+/// Reads received entries with their options. Logs the reason for every entry that it skips.
 class IncomingEntries
 {
 public:
     static constexpr auto failedToAdd = "ServiceDiscovery failed to add Service due to ";
 
-    /// The service that a FIND looks for; null when the entry is passed over. Throws Poco::Exception for a
-    /// name that cannot be used.
+    /// Returns the service that a FIND looks for, or null when the entry is skipped. Throws Poco::Exception
+    /// for an unusable name.
     static SDService::Ptr readFind(const SOME_IP_SD_Header::EntryData& data);
 
-    /// The instance that an OFFER or a stop-offer is about. `origin` is the sender of the datagram.
+    /// Returns the instance that an OFFER or a stop-offer concerns. `origin` is the sender of the datagram.
     static IncomingOffer readOffer(const SOME_IP_SD_Header::EntryData& data,
                                    const Poco::Net::SocketAddress& origin);
 
-    /// Entry and options as log lines have them.
+    /// Formats the entry and its options for log lines.
     static std::string toText(const SOME_IP_SD_Header::EntryData& data);
 
 private:

@@ -9,7 +9,7 @@
 
 namespace Nubo::ServiceDiscovery {
 
-/// The records of one service in both workloads.
+/// The records of one service in both workloads. Use it within one event, under the workload mutex.
 struct Matches
 {
     using Entry = WorkloadEntry;
@@ -21,7 +21,7 @@ struct Matches
 
     bool empty() const { return !name || name->count(identity.serviceID) == 0; }
 
-    /// The search, if there is nothing but one.
+    /// Returns the search if it is the only record, otherwise null.
     Entry* onlySearch() const
     {
         if (empty() || name->count(identity.serviceID) != 1)
@@ -29,7 +29,7 @@ struct Matches
         return firstSearch();
     }
 
-    /// The search that falls due first, if there is any.
+    /// Returns the search that is due first, or null when there is none.
     Entry* firstSearch() const
     {
         Entry* first = nullptr;
@@ -42,8 +42,9 @@ struct Matches
         return first;
     }
 
-    /// Calls `visit` with each service of this unit until it returns false: those of the aperiodic workload
-    /// by their due times, then those of the periodic one.
+    /// Calls `visit` with each service of this unit until it returns false: first those in the aperiodic
+    /// workload by due time, then those in the periodic workload. `visit` may add records to the aperiodic
+    /// workload.
     template <class Visit>
     void visitOwn(Visit visit) const
     {
@@ -70,7 +71,7 @@ struct Matches
         return entry.role == Entry::Role::Own && identity.matches(*entry);
     }
 
-    /// Whether a service of this unit is not being withdrawn.
+    /// Whether this unit has a matching service that is not being withdrawn.
     bool hasActive() const
     {
         const auto isActive = [&](const Entry& entry) { return isOwn(entry) && !isShuttingDown(entry); };
@@ -78,7 +79,8 @@ struct Matches
                         std::any_of(name->aperiodic.begin(), name->aperiodic.end(), isActive));
     }
 
-    /// The number of a further instance.
+    /// Returns the number for a further instance, one above the highest in use; 0 when that overflows.
+    /// Requires a non-null `name`.
     unsigned short nextInstanceID() const
     {
         return static_cast<unsigned short>(name->highestInstance(identity.serviceID) + 1);

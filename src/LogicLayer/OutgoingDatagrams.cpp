@@ -36,7 +36,7 @@ SOME_IP_SD_Entry_Service::Ptr makeEntry(const SDService& service, EntryType::Typ
 SOME_IP_SD_Option::Ptr makeEndpoint(const NuboServiceDescription& description)
 {
     const Poco::Net::IPAddress& ip = description.getIpAddress();
-    // From the bytes: a text would bring a scope along, which need not exist any more.
+    // Uses the bytes: the text includes the scope, whose interface may no longer exist.
     if (ip.family() == Poco::Net::IPAddress::IPv6)
         return new SOME_IP_SD_Option_IPv6(OptionType::IP6_ENDPOINT,
                                           static_cast<const std::uint8_t*>(ip.addr()), description.getPort(),
@@ -51,7 +51,7 @@ void require(bool added)
         throw Poco::InvalidArgumentException();
 }
 
-/// The packet that offers a service of this unit or finds a wanted one. Its session ID is still to be set.
+/// Builds the packet that offers a service or finds a wanted one. The caller sets the session ID.
 SOME_IP_SD_Header createSDPacket(const SDService& service, Type::Type_t type)
 {
     try {
@@ -76,7 +76,7 @@ SOME_IP_SD_Header createSDPacket(const SDService& service, Type::Type_t type)
             case Type::ANY:
                 throw Poco::InvalidArgumentException();
         }
-        // The configuration is always the entry's second run, whether there is a first or not.
+        // The configuration is always the entry's second run, even without a first one.
         entry->setSndOptionRun({configurationIndex, 1});
         require(packet.addOption(new SOME_IP_SD_Option_Configuration(service.getConfiguration()), false));
         return packet;
@@ -91,7 +91,7 @@ std::string bytesOf(const SOME_IP_SD_Header& packet)
 {
     std::string bytes(packet.getSize(), '\0');
     Poco::MemoryStreamBuf buffer(bytes.data(), static_cast<std::streamsize>(bytes.size()));
-    std::ostream stream(&buffer);  // Poco::MemoryOutputStream would be set up twice
+    std::ostream stream(&buffer);  // cheaper than Poco::MemoryOutputStream, which initialises itself twice
     stream << packet;
     return bytes;
 }
@@ -140,14 +140,14 @@ void OutgoingDatagrams::add(const SDService& service)
 
 std::uint16_t OutgoingDatagrams::nextSessionID()
 {
-    // 0 and 0xFFFF are never sent.
+    // 0 and 0xFFFF are never sent: IDs wrap from 0xFFFE to 1.
     if (m_senderSessionID == 0xFFFF)
         m_senderSessionID = 1;
     return m_senderSessionID++;
 }
 
-/// The bytes of the record's packet, all but its session ID. They are made once, because what is offered
-/// every second is the same for years.
+/// Returns the bytes of the record's packet; the caller overwrites the session ID. The bytes are cached in
+/// the record, because the offer sent every second stays the same for years.
 const std::string& OutgoingDatagrams::packetOf(const SDService& service)
 {
     if (service.getPacket().empty())
@@ -155,7 +155,7 @@ const std::string& OutgoingDatagrams::packetOf(const SDService& service)
     return service.getPacket();
 }
 
-/// Appends the record's packet to the last datagram if it fits there, else to a new one.
+/// Appends the record's packet to the last datagram if it fits, otherwise to a new one.
 void OutgoingDatagrams::storeServiceInBuffer(const SDService& service, Datagrams& buffers)
 {
     const std::string& packet = packetOf(service);

@@ -12,45 +12,46 @@
 
 namespace Nubo::ServiceDiscovery {
 
-/// Turns records into packets, and packs those into as few datagrams as possible. Not thread-safe.
+/// Turns records into packets and packs these into as few datagrams as possible. Not thread-safe.
 class OutgoingDatagrams
 {
 public:
-    /// Bytes in a block that belongs to this object, and their number.
+    /// Pointer to a block that this object owns, and the number of bytes used in it.
     using Datagram = std::pair<char*, std::size_t>;
     using Datagrams = std::vector<Datagram>;
 
-    /// A closed range of ports.
+    /// A range of ports, both boundaries included.
     struct InternalPortRange_t
     {
         std::uint32_t lowerBoundary;
         std::uint32_t upperBoundary;
     };
 
-    /// Services on these ports are announced on interfaces with link-local addresses only.
+    /// Services on these ports are announced only on interfaces with link-local addresses.
     static constexpr InternalPortRange_t s_internalPortRange{47000, 49151};
 
-    /// No datagram gets larger than `mtu` bytes.
+    /// Limits datagrams to `mtu` bytes.
     explicit OutgoingDatagrams(std::size_t mtu);
     ~OutgoingDatagrams();
 
     OutgoingDatagrams(const OutgoingDatagrams&) = delete;
     OutgoingDatagrams& operator=(const OutgoingDatagrams&) = delete;
 
-    /// Whether the record can be sent as one of that type, tried by building its packet; the reason why not
-    /// is in the log.
+    /// Checks, by building its packet, whether the record can be sent as one of that type. Logs the reason
+    /// when it cannot.
     bool isSendable(const SDService& service, SDService::Type::Type_t type) const;
 
-    /// Adds an OFFER for a service of this unit, or a FIND for a wanted one. Throws Poco::Exception, and adds
-    /// nothing, for a record that cannot be sent.
+    /// Adds an OFFER for a service of this unit, or a FIND for a wanted one. For a record that cannot be sent
+    /// it adds nothing and throws Poco::Exception.
     void add(const SDService& service);
 
-    /// What was added since the last reset, by where it goes.
+    /// The datagrams since the last reset: for every interface, and for link-local ones only. The blocks are
+    /// valid until resetBuffers().
     const Datagrams& externals() const { return m_bufferExternals; }
     const Datagrams& internals() const { return m_bufferInternals; }
     void resetBuffers();
 
-    /// The ID of the next packet: 1 to 0xFFFE, then 1 again.
+    /// Returns the session ID of the next packet: 1 to 0xFFFE, then 1 again.
     std::uint16_t nextSessionID();
 
 private:

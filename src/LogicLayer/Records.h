@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-/// What the rules of the state machine ask of records, and how they report them.
+/// Helpers with which the state machine examines records and reports them.
 namespace Nubo::ServiceDiscovery {
 
 inline const std::string& nameOf(const SDService::Ptr& service)
@@ -52,13 +52,13 @@ struct ServiceLabel
     }
 };
 
-/// Appends the entries' records.
+/// Appends the records of the entries.
 void append(const std::vector<WorkloadEntry*>& entries, ServicesContainer& services);
 
-/// Logs records that a handler found where they have no business; true if there are any.
+/// Logs records that a handler found in a workload where they do not belong. Returns whether there are any.
 bool reportUnexpected(const char* handler, const char* workload, const ServicesContainer& unexpected);
 
-/// Logs records of one instance of which there may be only one; returns false.
+/// Logs several records of one instance, where only one is allowed. Returns false, the handler's result.
 bool reportDuplicates(const char* handler, const std::vector<WorkloadEntry*>& duplicates);
 
 }  // namespace Nubo::ServiceDiscovery

@@ -22,13 +22,13 @@ namespace {
 constexpr auto discoveryGroup = "ff14::4:0";
 constexpr std::uint16_t discoveryPort = 30491;
 
-// How long stop() waits for the request handler, and how often it wakes it meanwhile, in milliseconds.
+// stop() waits this long for the request handler, and wakes it this often meanwhile; in milliseconds.
 constexpr long handlerJoinTime = 1000;
 constexpr long handlerWakeInterval = 20;
-/// After which start() takes a stop() that another thread is in for one that is held up.
+/// After this time start() assumes that a subscriber blocks the stop() of another thread; in milliseconds.
 constexpr long longestStop = 3000;
 
-/// Null when the platform has put a null one into the service locator.
+/// Returns null when the platform has put a null dispatcher into the service locator.
 Poco::SharedPtr<OEMInterface::OEMDispatcher> findDispatcher()
 {
     Poco::Any found;
@@ -37,7 +37,7 @@ Poco::SharedPtr<OEMInterface::OEMDispatcher> findDispatcher()
     return Poco::AnyCast<Poco::SharedPtr<OEMInterface::OEMDispatcher>>(found);
 }
 
-/// Takes a step of stopping: the others follow, whatever becomes of it.
+/// Runs one step of stopping and logs what it throws, so that the remaining steps still run.
 template <class Step>
 void guarded(Step step) noexcept
 {
@@ -72,7 +72,8 @@ void SDCommunicationHub::bindReports()
         SD_LOG(Error) << "SDCommunicationHub - OEM Dispatcher missing, no interface will be reported!";
         return;
     }
-    // Removals first: an interface that goes while the standing ones are being reported must not be missed.
+    // Removals first: binding the other response reports the present interfaces, and a removal meanwhile must
+    // not be missed.
     m_multicastRemoveIfBinding =
         dispatcher->bindResponse(Poco::delegate(this, &SDCommunicationHub::onInterfaceRemoved));
     m_multicastAddIfBinding =
@@ -85,7 +86,7 @@ SDCommunicationHub::~SDCommunicationHub()
     m_multicastRemoveIfBinding.reset();
     if (m_running)
         stop();
-    // A subscriber may hold the thread up for longer than stop() waits; the parts must outlive it.
+    // A subscriber may block the thread for longer than stop() waits; the members must outlive the thread.
     while (m_requestHandlerThread)
         stopRequestHandler();
 
@@ -94,16 +95,16 @@ SDCommunicationHub::~SDCommunicationHub()
     m_requestHandler.FindService -= Poco::delegate(this, &SDCommunicationHub::onFindServiceReceived);
 }
 
-/// Holds the lifecycle mutex.
+/// Scoped lock of the lifecycle mutex.
 class SDCommunicationHub::LifecycleLock
 {
 public:
-    /// Waits for as long as it takes.
+    /// Waits without a time limit.
     explicit LifecycleLock(SDCommunicationHub& hub) : m_frame(&hub), m_mutex(hub.m_lifecycleMutex)
     {
         m_mutex.lock();
     }
-    /// Waits for so many milliseconds at most.
+    /// Waits for at most `atMost` milliseconds; see isHeld().
     LifecycleLock(SDCommunicationHub& hub, long atMost)
         : m_frame(&hub)
         , m_mutex(hub.m_lifecycleMutex)
@@ -143,7 +144,7 @@ bool SDCommunicationHub::start(const Poco::Net::IPAddress& localAddress)
         m_sender.init(localAddress);
         if (!m_receiver.start())
             return false;
-        m_running = true;  // nothing that follows waits for a subscriber
+        m_running = true;  // the following steps never wait for a subscriber
         m_requestHandlerThread = std::make_unique<Poco::Thread>();
         m_requestHandlerThread->start(m_requestHandler);
         m_reportedInterfaces.start();
@@ -167,7 +168,7 @@ void SDCommunicationHub::stop()
     m_isStopping = true;
     stopReceiving();
     guarded([this] { m_statemachine.stop(); });
-    m_running = false;  // while m_isStopping still is set: a start() in between must not take it for running
+    m_running = false;  // before m_isStopping: startup() must not take the engine for running in between
     m_isStopping = false;
 }
 
@@ -176,7 +177,7 @@ void SDCommunicationHub::stopReceiving() noexcept
     guarded([this] { stopRequestHandler(); });
     m_reportedInterfaces.stop();
     m_receiver.stop();
-    m_requestHandlerQueue.clear();  // what was received before must not be handled after a restart
+    m_requestHandlerQueue.clear();  // old datagrams must not be handled after a restart
 }
 
 void SDCommunicationHub::stopFromWithin() noexcept
@@ -206,7 +207,7 @@ bool SDCommunicationHub::isOfThisProcess() const
     return ::getpid() == m_process;
 }
 
-/// Whether the thread of an earlier run has ended.
+/// Returns whether the thread of an earlier run has ended; tries to end it first.
 bool SDCommunicationHub::isRequestHandlerFree()
 {
     stopRequestHandler();
@@ -215,7 +216,7 @@ bool SDCommunicationHub::isRequestHandlerFree()
     return !m_requestHandlerThread;
 }
 
-/// Ends the request handler's thread, unless it takes longer than handlerJoinTime; then the thread stays.
+/// Ends the request handler's thread. If this takes longer than handlerJoinTime, the thread is left running.
 void SDCommunicationHub::stopRequestHandler()
 {
     for (long waited = 0; m_requestHandlerThread && waited < handlerJoinTime; waited += handlerWakeInterval) {

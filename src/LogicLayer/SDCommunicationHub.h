@@ -32,28 +32,28 @@
 
 namespace Nubo::ServiceDiscovery {
 
-/// Holds the engine together: owns its parts, connects their events, turns the facade's requests and the
-/// received entries into events of the state machine, and the state machine's decisions into packets.
+/// Owns the engine's parts and connects their events. Translates the facade's requests and received entries
+/// into events of the state machine, and the state machine's decisions into packets.
 class SDCommunicationHub : public Engine, public Multicast::OutgoingAddresses
 {
 public:
     using SDMessageNotification = Nubo::ServiceDiscovery::SDMessageNotification;
 
-    /// Delivers an event to the registry's subscribers. What they throw passes to the caller.
+    /// Delivers an event to the registry's subscribers. Passes on what they throw.
     using RegistryCallback = std::function<void(ServiceListEventPayload& payload)>;
 
     using InternalPortRange_t = OutgoingDatagrams::InternalPortRange_t;
     static constexpr InternalPortRange_t s_internalPortRange = OutgoingDatagrams::s_internalPortRange;
 
-    /// At most so many received datagrams wait for the request handler, and so many bytes of them; more are
-    /// dropped: while they are handled, nothing newer is heard.
+    /// Limits of the queue of received datagrams that wait for the request handler: number and bytes. Further
+    /// datagrams are dropped, because newer ones would have to wait for a longer queue.
     static constexpr int longestQueue = 10000;
     static constexpr std::size_t largestQueue = std::size_t{4} * 1024 * 1024;
 
-    /// Throws Poco::Exception when the service locator has no platform dispatcher. One that is null is an
-    /// error in the log, and no interface is ever reported.
+    /// Throws Poco::Exception when the service locator has no platform dispatcher. If the dispatcher is null,
+    /// logs an error; no interface is ever reported then.
     explicit SDCommunicationHub(RegistryCallback serviceDiscovery);
-    /// Raises the facade's ServiceListChanged.
+    /// Delivers events through the facade's ServiceListChanged. The facade must outlive the hub.
     template <class Facade, class = decltype(std::declval<Facade&>().ServiceListChanged)>
     explicit SDCommunicationHub(Facade& facade)
         : SDCommunicationHub(RegistryCallback([&facade](ServiceListEventPayload& payload) {
@@ -62,9 +62,8 @@ public:
     {}
     ~SDCommunicationHub() override;
 
-    /// Sends packets for one service, or for several in one go: an OFFER for a service of this unit, a FIND
-    /// for a wanted one. Not to be called by two threads at once: the state machine calls with its mutex
-    /// held.
+    /// Send packets for one service, or for several at once: an OFFER for a service of this unit, a FIND for
+    /// a wanted one. Not thread-safe: the state machine holds its mutex when it calls them.
     virtual void announce(const SDService::Ptr& service);
     virtual void announce(const std::vector<SDService::Ptr>& services);
 
@@ -81,27 +80,27 @@ public:
     bool removeService(const std::string& localUuid) override;
     std::vector<ServiceStatus> getServices() const override;
 
-    /// A datagram was received: queues it. Runs on the receiver's thread.
+    /// Queues a received datagram. Called on the receiver's thread.
     void onMessageReceived(MulticastDataPtr& msg);
 
-    /// An entry was received. Run on the request handler's thread.
+    /// Handle a received entry. Called on the request handler's thread.
     void onFindServiceReceived(SDRequestHandler::FindServicePayload& payload);
     void onOfferServiceReceived(SDRequestHandler::OfferServicePayload& payload);
 
-    /// Raises the facade's event. Called by the state machine with its mutex held.
+    /// Raises the facade's event. The state machine holds its mutex when it calls this.
     void notifyServiceRegistry(ServiceListEventPayload& payload) const;
 
-    /// Writes the counted warnings that are due.
+    /// Logs the number of dropped datagrams when a report is due.
     void reportDrops();
 
-    /// Whether it is one of the addresses at which this unit offers services.
+    /// Whether this unit offers services at the address.
     bool isOwnAddress(const Poco::Net::IPAddress& address) const;
-    /// Grows with every change of these addresses.
+    /// Increases with every change of these addresses.
     std::uint64_t addressChanges() const { return m_sender.addressChanges(); }
-    /// Whether the address is that of one of this unit's sending sockets.
+    /// Whether one of this unit's sending sockets has the address.
     bool isOwnOutgoingAddress(const Poco::Net::SocketAddress& address) const override;
 
-    /// Whether an interface's address list holds the address, with or without the interface as its scope.
+    /// Whether an interface's address list contains the address, with or without the interface as its scope.
     static bool containsIP(const Poco::Net::NetworkInterface::AddressList& addressList,
                            const Poco::Net::IPAddress& ip, const std::string& interfaceName);
 
@@ -126,7 +125,7 @@ protected:
     OEMInterface::ResponseBindingPtr m_multicastRemoveIfBinding;
     Multicast::MulticastSender m_sender;
     Multicast::MulticastReceiver m_receiver;
-    std::atomic<std::size_t> m_waitingBytes{0};  // of the queue
+    std::atomic<std::size_t> m_waitingBytes{0};  // size of the datagrams in the queue
     Poco::NotificationQueue m_requestHandlerQueue;
     SDRequestHandler m_requestHandler;
     std::unique_ptr<Poco::Thread> m_requestHandlerThread;  // a new one for each start
@@ -135,7 +134,7 @@ protected:
     Multicast::ReportedInterfaces m_reportedInterfaces{m_receiver, m_sender};
     Poco::FastMutex m_lifecycleMutex;  // serialises start and stop
     std::atomic<bool> m_isStopping{false};
-    const pid_t m_process = ::getpid();  // that the engine belongs to
+    const pid_t m_process = ::getpid();  // the process that created the engine
     DropCounter m_drops;
 };
 

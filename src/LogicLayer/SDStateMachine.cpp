@@ -19,10 +19,10 @@ using Entry = WorkloadEntry;
 
 namespace {
 
-constexpr double initialWaitRange = 0.0;  // milliseconds; where a random initial wait would be set
-constexpr long oneTimeAnswer = 50;        // milliseconds after the FIND that it answers
+constexpr double initialWaitRange = 0.0;  // milliseconds; above 0 it adds a random initial wait
+constexpr long oneTimeAnswer = 50;        // milliseconds from a FIND to its answer
 constexpr Poco::Clock::ClockDiff microsecondsPerMillisecond = 1000;
-constexpr Poco::Clock::ClockDiff longestSlice = 10'000;  // of work under the mutex, in microseconds
+constexpr Poco::Clock::ClockDiff longestSlice = 10'000;  // work under the mutex at a time, in microseconds
 
 const SDService::Ptr& recordOf(const SDService::Ptr& service)
 {
@@ -79,7 +79,7 @@ SDStateMachine::SDStateMachine(SDCommunicationHub& hub, EventMemory eventMemory)
 SDStateMachine::~SDStateMachine()
 {
     {
-        // An interval that has begun must not set the timer again once it is being stopped.
+        // A running interval must not restart the timer while stop() waits for it.
         const WorkloadLock lock(*this);
         m_running = false;
     }
@@ -159,7 +159,7 @@ bool SDStateMachine::onExternalEvent(ExternalEvent& event)
 
 std::vector<ServiceStatus> SDStateMachine::getServices() const
 {
-    // One list at a time: they are long, and each would hold up the events for a while.
+    // One list at a time: the lists are long, and each one holds up the events for a while.
     const std::lock_guard<std::mutex> oneAtATime(m_listingMutex);
     struct Known
     {
@@ -188,7 +188,8 @@ std::vector<ServiceStatus> SDStateMachine::getServices() const
             note(entry);
     }
 
-    // Copying the texts takes longest, and a record in a workload keeps its description.
+    // Copies the texts, which takes longest, without the mutex: a record's description does not change while
+    // the record is in a workload.
     std::vector<ServiceStatus> result;
     result.reserve(known.size());
     for (const Known& one : known)
@@ -204,7 +205,7 @@ bool SDStateMachine::removeAllAnnouncedServices()
     return true;
 }
 
-/// Gives the mutex back now and then, if there is a lock: each of the services takes a call of the sender.
+/// Yields the mutex now and then, if there is a lock, because each service requires a call of the sender.
 void SDStateMachine::unsafe_withdraw(WorkloadLock* lock)
 {
     Poco::Clock begin = SDClock::now();
@@ -225,7 +226,7 @@ void SDStateMachine::unsafe_withdraw(WorkloadLock* lock)
     }
 }
 
-/// Sent after a restart, the answers that wait would offer what has been withdrawn.
+/// Drops waiting answers: after a restart they would offer services that have been withdrawn.
 void SDStateMachine::unsafe_dropAnswers()
 {
     for (auto entry = m_aperiodicWorkload.begin(); entry != m_aperiodicWorkload.end();) {
@@ -332,7 +333,7 @@ bool SDStateMachine::unsafe_addAperiodicService(const SDService::Ptr& service)
     return unsafe_schedule(service, nullptr);
 }
 
-/// `present` is where the record is in the aperiodic workload, if it is there already.
+/// `present` is the record's entry in the aperiodic workload, or null when it is not there yet.
 bool SDStateMachine::unsafe_schedule(const SDService::Ptr& service, Entry* present)
 {
     SD_LOG(Trace) << "AperiodicWorker::unsafe_addAperiodicService";
@@ -397,7 +398,7 @@ void SDStateMachine::unsafe_erase(Entry& entry)
         m_periodicWorkload.erase(entry);
 }
 
-/// Nothing that goes wrong with one announcement may keep the others from being made.
+/// Logs all exceptions, because a failed announcement must not prevent the others.
 void SDStateMachine::unsafe_sendSafely(const ServicesContainer& services)
 {
     try {

@@ -1,11 +1,10 @@
-// The handlers of what neighbours send.
-
-#include "LogicLayer/SDStateMachine.h"
+// Handlers of the entries that neighbours send.
 
 #include "DataLayer/Log.h"
 #include "LogicLayer/Matches.h"
 #include "LogicLayer/Records.h"
 #include "LogicLayer/SDCommunicationHub.h"
+#include "LogicLayer/SDStateMachine.h"
 
 #include <Common/CurrentException.h>
 
@@ -24,8 +23,8 @@ using Entry = WorkloadEntry;
 
 namespace {
 
-constexpr std::size_t mostAnswersOfOne = 16;    // one-time answers of one announced service
-constexpr std::size_t mostAnswersWaiting = 64;  // of all services
+constexpr std::size_t mostAnswersOfOne = 16;    // waiting one-time answers of one announced service
+constexpr std::size_t mostAnswersWaiting = 64;  // waiting one-time answers of all services
 constexpr unsigned short firstInstance = 1;
 constexpr Poco::Clock::ClockDiff microsecondsPerSecond = 1000000;
 
@@ -70,8 +69,8 @@ bool SDStateMachine::handleFIND(ExternalEvent& event)
         if (isShuttingDown(service))
             return true;
         isActive = true;
-        // One record is sent per millisecond: a new service must not wait behind answers for long. The
-        // requester will pick this service up from its next cyclic offer.
+        // One record is sent per millisecond, and a new service must not wait long behind answers. The
+        // requester will pick up this service from its next cyclic offer.
         if (m_index.answers() >= mostAnswersWaiting) {
             reportWaitingAnswers(name);
             return false;
@@ -149,7 +148,7 @@ bool SDStateMachine::handleOFFER(ExternalEvent& event)
     return true;
 }
 
-/// Whether there are records of the service that have no business where they are.
+/// Logs records of the service that do not belong in their workload. Returns whether there are any.
 bool SDStateMachine::unsafe_reportUnexpected(const ServiceIdentity& identity) const
 {
     ServicesContainer aperiodic;
@@ -182,7 +181,8 @@ bool SDStateMachine::unsafe_renew(const SDService& offered)
     return true;
 }
 
-/// Whether somebody has sent an offer of this unit back to it.
+/// Whether the offer is one of this unit's own that another unit sent back. Counts such offers and logs the
+/// first.
 bool SDStateMachine::unsafe_isReflected(const SDService& offered, const NameEntries* name)
 {
     if (!name || (name->periodic.empty() && name->aperiodic.empty()))
@@ -224,7 +224,7 @@ bool SDStateMachine::handleSTOPOFFER(ExternalEvent& event)
         return false;
     }
     if (periodic.empty())
-        return true;  // an instance that was never known, or is gone already
+        return true;  // the instance was never known or is already gone
     if (periodic.size() > 1)
         return reportDuplicates("handleSTOPOFFER", periodic);
 
@@ -254,8 +254,9 @@ void SDStateMachine::writeEventLog(const std::string& name, const std::string& i
         SD_LOG(Error) << "Failed to write Eventlog - OEM Dispatcher missing!";
 }
 
-/// What was discovered of this unit's service before it was added, when somebody sent an old offer of it,
-/// runs out with the next interval: this is the registry's call, in which it is told nothing.
+/// Lets discovered records of this unit's own service expire with the next interval. They exist when another
+/// unit sent an old offer of the service back before it was added. They are not removed here, because this
+/// runs within the registry's call, during which no event may be raised.
 void SDStateMachine::unsafe_endReflections(const SDService& announced) const noexcept
 {
     const NuboServiceDescription& own = announced.getNuboDescription();
@@ -267,7 +268,7 @@ void SDStateMachine::unsafe_endReflections(const SDService& announced) const noe
     }
 }
 
-/// The same for all services of this unit, when it has got an address.
+/// The same for all services of this unit, after its addresses have changed.
 void SDStateMachine::unsafe_endReflections()
 {
     const std::uint64_t changes = m_hub.addressChanges();
@@ -284,8 +285,8 @@ void SDStateMachine::unsafe_endReflections()
     }
 }
 
-/// Tells the registry of a discovered service and takes it in under the identifier that it gives back. A
-/// search for the service ends when it was taken in.
+/// Reports a discovered service to the registry and stores it under the identifier that the registry returns.
+/// Then ends the search for the service, if there is one.
 bool SDStateMachine::unsafe_discover(SDService::Ptr& service, unsigned short instanceID,
                                      const Matches& matches, Entry* search)
 {
@@ -301,10 +302,10 @@ bool SDStateMachine::unsafe_discover(SDService::Ptr& service, unsigned short ins
     }
     setTypeAndState(service, Type::DISCOVERED, State::MAIN_PHASE);
     service->setInstanceId(instanceID);
-    // There has to be room for it before the registry is told.
+    // The record must be stored before the registry learns of it: memory may be short.
     Entry& entry = m_periodicWorkload.push_back(service);
-    ServiceListEventPayload payload(
-        ServiceListEventPayload::SERVICE_DISCOVERED, &service->getNuboDescription());
+    ServiceListEventPayload payload(ServiceListEventPayload::SERVICE_DISCOVERED,
+                                    &service->getNuboDescription());
     try {
         m_hub.notifyServiceRegistry(payload);
     }
@@ -351,7 +352,7 @@ void SDStateMachine::reportRefusals()
                         << " s displaced by offers of new ones!";
 }
 
-/// What the subscriber throws is logged: the new service has been taken in.
+/// Logs what the subscriber throws, because the new service has already been stored.
 void SDStateMachine::unsafe_displace(Entry& entry)
 {
     m_displacements.add();
@@ -364,17 +365,16 @@ void SDStateMachine::unsafe_displace(Entry& entry)
     }
 }
 
-/// Tells the registry that a service is gone, and forgets it, even if the subscriber throws; that passes to
-/// the caller. When the registry could not be told for want of memory, the service stays until the next
-/// interval, which tries again.
+/// Reports to the registry that a service is gone, and removes it even if the subscriber throws; passes the
+/// exception on. If memory was too short to call the subscriber, the service stays, and the next interval
+/// tries again.
 void SDStateMachine::unsafe_tellGone(Entry& entry)
 {
     SDService::Ptr service = entry;
     const NuboServiceDescription& description = service->getNuboDescription();
     std::optional<ServiceListEventPayload> payload;
     try {
-        payload.emplace(ServiceListEventPayload::SERVICE_GONE, &description,
-                        description.getLocalUuid());
+        payload.emplace(ServiceListEventPayload::SERVICE_GONE, &description, description.getLocalUuid());
         m_hub.notifyServiceRegistry(*payload);
     }
     catch (...) {

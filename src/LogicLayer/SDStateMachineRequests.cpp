@@ -1,10 +1,9 @@
-// The handlers of the registry's requests.
-
-#include "LogicLayer/SDStateMachine.h"
+// Handlers of the registry's requests.
 
 #include "DataLayer/Log.h"
 #include "LogicLayer/Matches.h"
 #include "LogicLayer/Records.h"
+#include "LogicLayer/SDStateMachine.h"
 
 #include <algorithm>
 #include <vector>
@@ -19,8 +18,8 @@ using Entry = WorkloadEntry;
 namespace {
 
 constexpr unsigned short firstInstance = 1;
-constexpr unsigned short lastInstance = 0xFFFE;     // 0 is reserved, 0xFFFF stands for any
-constexpr std::size_t mostForeignInstances = 1000;  // from which own services are numbered by themselves
+constexpr unsigned short lastInstance = 0xFFFE;     // 0 is reserved, 0xFFFF means any
+constexpr std::size_t mostForeignInstances = 1000;  // above it, own services are numbered separately
 
 }  // namespace
 
@@ -60,7 +59,7 @@ bool SDStateMachine::handlePUT(ExternalEvent& event)
     return reportDuplicates("handlePUT", duplicates);
 }
 
-/// The very service in both workloads, without the answers that wait for it.
+/// Returns the records of the same instance in both workloads, except for its waiting answers.
 std::vector<Entry*> SDStateMachine::unsafe_announcedDuplicates(const SDService& service,
                                                                const Matches& matches) const
 {
@@ -74,14 +73,14 @@ std::vector<Entry*> SDStateMachine::unsafe_announcedDuplicates(const SDService& 
     return duplicates;
 }
 
-/// 0 when every number is in use.
+/// Returns 0 when every number is in use.
 unsigned short SDStateMachine::unsafe_nextOwnInstance(const Matches& matches) const
 {
     const unsigned short next = matches.nextInstanceID();
     const bool isUsable = next >= firstInstance && next <= lastInstance;
     if (isUsable && matches.name->discoveredCount <= mostForeignInstances)
         return next;
-    // What neighbours offer must not use up this unit's numbers.
+    // Offers of neighbours must not use up this unit's numbers.
     return matches.name->ownNumbers().lowestFree(lastInstance);
 }
 
@@ -116,7 +115,7 @@ bool SDStateMachine::handleDELETE(ExternalEvent& event)
     return done != 0;
 }
 
-/// Shuts the service down; false if it is not one that can be.
+/// Begins the shutdown of an announced service in its main phase. Returns false for any other record.
 bool SDStateMachine::unsafe_removePeriodic(Entry& entry)
 {
     if (entry->getType() != Type::ANNOUNCED || entry->getState() != State::MAIN_PHASE)
@@ -143,7 +142,7 @@ bool SDStateMachine::unsafe_removeAperiodic(Entry& entry)
     }
     if (state != State::INITIAL_WAIT_PHASE && state != State::REPETITION_PHASE)
         return false;
-    unsafe_addPeriodicService(service);  // first of all: there may be no memory for it
+    unsafe_addPeriodicService(service);  // first, because it throws when memory is short
     entry->setState(State::SHUTDOWN_PHASE);
     entry->setTTL(0);
     m_aperiodicWorkload.erase(entry);
@@ -167,7 +166,7 @@ bool SDStateMachine::handleGET(ExternalEvent& event)
     return unsafe_addAperiodicService(service);
 }
 
-/// Announces the service in place of an entry, if there is one, which stays when that fails.
+/// Announces the service, and then removes the entry that it replaces, if any. On failure the entry stays.
 bool SDStateMachine::unsafe_announce(SDService::Ptr& service, unsigned short instanceID, Entry* replaced)
 {
     setTypeAndState(service, Type::ANNOUNCED, State::INITIAL_WAIT_PHASE);

@@ -10,12 +10,12 @@
 
 namespace Nubo::ServiceDiscovery {
 
-/// Records by the time at which they fall due; equal times in the order of insertion.
+/// Records by due time; those with equal times in the order of insertion.
 using AperiodicServicesContainer = std::multimap<Poco::Clock, SDService::Ptr>;
 /// Records in the order of insertion.
 using ServicesContainer = std::vector<SDService::Ptr>;
 
-/// List a container's records for the log: their names, or their names with type and state.
+/// Stream a container's records for the log: their names, or their names with type and state.
 struct ServicesContainer_Printer
 {
     const ServicesContainer& services;

@@ -21,7 +21,8 @@ bool isIPv6Unicast(const IPAddress& address)
            !address.isMulticast();
 }
 
-/// Shares nothing with the other one: that is its listing's, which other threads let go.
+/// A copy that shares no state with the original. Copies of a NetworkInterface share their implementation,
+/// and other threads may release the listing that the original belongs to.
 struct OwnCopy : NetworkInterface
 {
     explicit OwnCopy(const NetworkInterface& other)
@@ -41,7 +42,7 @@ std::string withoutScope(const std::string& ip)
 std::optional<IPAddress> parseAddress(const std::string& ip)
 {
     try {
-        return IPAddress(withoutScope(ip));  // IPAddress::tryParse() does not take "::"
+        return IPAddress(withoutScope(ip));  // IPAddress::tryParse() rejects "::"
     }
     catch (const Poco::Exception&) {
         return std::nullopt;
@@ -57,7 +58,7 @@ bool isLinkLocal(const IPAddress& address)
 Admission admitInterface(const std::string& name, const std::string& ip, const InterfaceListing& listing,
                          AdmittedInterface& admitted)
 {
-    // The interface as the scope says nothing more, and cannot be parsed before the interface exists.
+    // A scope that names the interface itself is redundant, and cannot be parsed before the interface exists.
     const bool isOwnScope = ip.size() > name.size() && ip.find('%') == ip.size() - name.size() - 1 &&
                             ip.compare(ip.size() - name.size(), name.size(), name) == 0;
     IPAddress address;

@@ -43,9 +43,9 @@ using Poco::Net::SocketReactor;
 namespace {
 
 constexpr long pollTimeout = 1000000;  // of the reactor, in microseconds
-constexpr long joinTime = 2000;        // that stop() waits for the reactor's thread, in ms
-constexpr int mostAtOnce = 64;         // datagrams, before other sockets and the stop have their turn
-constexpr int receiveBuffer = 4 * 1024 * 1024;  // a tick of 1,000 services is 125 datagrams at once
+constexpr long joinTime = 2000;        // time that stop() waits for the reactor's thread, in milliseconds
+constexpr int mostAtOnce = 64;         // datagrams read before the reactor checks other sockets and the stop
+constexpr int receiveBuffer = 4 * 1024 * 1024;  // bytes; a tick of 1,000 services is a burst of 125 datagrams
 
 /// Drops the next datagram.
 void discard(DatagramSocket& socket)
@@ -55,7 +55,7 @@ void discard(DatagramSocket& socket)
     socket.receiveFrom(&byte, 1, sender);
 }
 
-/// Takes an empty datagram off the socket; one with content that has come meanwhile stays.
+/// Removes an empty datagram from the socket, but not one with content that has arrived meanwhile.
 void discardEmptyDatagram(DatagramSocket& socket)
 {
     char byte = 0;
@@ -64,8 +64,8 @@ void discardEmptyDatagram(DatagramSocket& socket)
         discard(socket);
 }
 
-/// The index of the interface on which the next datagram has come (RFC 3542, section 6.2). 0 if the system
-/// does not say.
+/// Returns the index of the interface on which the next datagram arrived (RFC 3542 section 6.2), or 0 if the
+/// system does not report it.
 unsigned interfaceOfNext(const DatagramSocket& socket)
 {
     alignas(cmsghdr) std::array<char, CMSG_SPACE(sizeof(in6_pktinfo))> control{};
@@ -92,26 +92,26 @@ Poco::Buffer<char> allocateFrame(DatagramSocket& socket, int size)
         return Poco::Buffer<char>(static_cast<std::size_t>(size));
     }
     catch (const std::bad_alloc&) {
-        discard(socket);  // so that it does not come up again at once
+        discard(socket);  // otherwise the reactor would report it again at once
         throw Poco::OutOfMemoryException("Failed to allocate SocketFrame buffer");
     }
 }
 
 }  // namespace
 
-/// Per-run state. None of it is reusable: a stopped reactor does not run, a bound socket cannot be bound, a
-/// joined thread cannot be waited for with a limit.
+/// Per-run state. None of it is reusable: a stopped reactor does not run again, a bound socket cannot be
+/// bound again, and a joined thread cannot be joined with a time limit again.
 struct MulticastReceiver::Service
 {
     Service() { guard.reset(); }
 
-    /// While the members below are made, none of their descriptors becomes a standard stream.
+    /// Prevents the descriptors of the members below from becoming standard streams.
     std::optional<Common::StandardStreamGuard> guard{std::in_place};
     MulticastSocket m_socket = openSocket();
     SocketReactor m_socketReactor{Poco::Timespan(0, pollTimeout)};
     Poco::Thread m_socketReactorThread;
     bool isStarted = false;  ///< the thread may be running
-    bool isSpent = false;    ///< a new one is needed for the next run
+    bool isSpent = false;    ///< the next run needs a new Service
     std::atomic<bool> isStopping{false};
 };
 
@@ -203,7 +203,8 @@ void MulticastReceiver::bind()
     socket.bind(m_discoveryAddress, false);
     m_service->isSpent = true;
     socket.setLoopback(false);
-    socket.setBlocking(false);  // a datagram with a bad checksum is announced, but not there to be read
+    socket.setBlocking(
+        false);  // a datagram with a bad checksum makes the socket readable but is not delivered
     socket.setReceiveBufferSize(receiveBuffer);
     socket.setOption(IPPROTO_IPV6, IPV6_RECVPKTINFO, 1);
     SD_LOG(Debug) << "MulticastReceiver receive buffer: " << receiveBuffer << " Bytes asked for, "
@@ -221,9 +222,9 @@ void MulticastReceiver::stop()
 {
     try {
         if (m_service->isStarted) {
-            m_service->isStopping = true;  // from here on the handlers do nothing; they go with the service
+            m_service->isStopping = true;  // disables the handlers, which are destroyed with the service
             m_service->m_socketReactor.stop();
-            // Ends the poll, which would last up to a second. That the socket has no peer does not matter.
+            // Ends the poll, which would last up to a second. The error for a missing peer does not matter.
             ::shutdown(m_service->m_socket.impl()->sockfd(), SHUT_RDWR);
             endThread(joinTime);
         }
@@ -240,7 +241,8 @@ void MulticastReceiver::stopFromWithin() noexcept
     m_service->isStopping = true;
 }
 
-/// Gives the port back, unless the thread still runs. Without memory for a new socket, the start makes one.
+/// Releases the port unless the thread is still running. Without memory for a new socket, only closes the old
+/// one; the next start() opens a new one.
 void MulticastReceiver::release()
 {
     if (!m_service->isSpent || m_service->isStarted)
@@ -255,7 +257,7 @@ void MulticastReceiver::release()
     }
 }
 
-/// Waits for the thread to end, if there is one; false when it has not.
+/// Waits for the thread to end, if there is one. Returns false when it is still running.
 bool MulticastReceiver::endThread(long milliseconds)
 {
     if (!m_service->isStarted)
@@ -266,20 +268,21 @@ bool MulticastReceiver::endThread(long milliseconds)
     return true;
 }
 
-/// Gives back socket and port and gets a new socket, which has joined nothing.
+/// Replaces the socket, which releases the port. The new socket is joined on no interface.
 void MulticastReceiver::renewService()
 {
     auto service = std::make_unique<Service>();
     const EngineLock lock(this, m_interfacesMutex);
     m_service.swap(service);
     m_joinedInterfaces.clear();
-    service->m_socket.close();  // a reactor that ran out of memory may have lost a reference to it
+    service->m_socket
+        .close();  // explicitly: a reactor that ran out of memory may have leaked a reference to it
 }
 
 void MulticastReceiver::onSocketReadable(const Poco::AutoPtr<ReadableNotification>& notification)
 {
     SD_LOG(Trace) << "MulticastReceiver onSocketReadable";
-    // Once per process, whatever number of receivers it has.
+    // Only the first such thread of the process gets the name.
     static const bool named =
         (DebugUtils::setThreadName("SdSockReact", "MulticastReceiver::onSocketReadable"), true);
     static_cast<void>(named);
@@ -291,7 +294,7 @@ void MulticastReceiver::onSocketReadable(const Poco::AutoPtr<ReadableNotificatio
         discardEmptyDatagram(socket);
         return;
     }
-    // What has come meanwhile is taken along: a round of the reactor would take longer than the datagram.
+    // Also reads datagrams that arrive meanwhile: a round of the reactor takes longer than a datagram.
     for (int taken = 1; true; ++taken) {
         receive(socket, available);
         available = socket.available();
@@ -303,8 +306,8 @@ void MulticastReceiver::onSocketReadable(const Poco::AutoPtr<ReadableNotificatio
 
 void MulticastReceiver::receive(DatagramSocket& socket, int size)
 {
-    // Other sockets of the unit may have joined the group elsewhere, and the kernel gives this one what comes
-    // there.
+    // Other sockets of the unit may have joined the group on further interfaces, and the kernel also delivers
+    // datagrams from those interfaces to this socket.
     const unsigned interface = interfaceOfNext(socket);
     if (interface != 0 && !isJoined(interface)) {
         discard(socket);
@@ -325,7 +328,7 @@ void MulticastReceiver::onSocketError(const Poco::AutoPtr<ErrorNotification>& no
 {
     SD_LOG(Error) << "MulticastReceiver encountered Socket-Error \"" << notification->name() << "\" from \""
                   << notification->socket().address().toString() << "\"";
-    notification->socket().impl()->socketError();  // taken off, or it would be reported again at once
+    notification->socket().impl()->socketError();  // clears the error, which would be reported again at once
 }
 
 void MulticastReceiver::onReactorShutdown(const Poco::AutoPtr<ShutdownNotification>& notification)
@@ -402,7 +405,7 @@ Outcome MulticastReceiver::add(const std::string& name, const std::string& ip,
     }
     catch (const Poco::Exception& exception) {
         if (exception.code() == EADDRINUSE)
-            return Outcome::InUse;  // leaving has failed before: the socket is a member still
+            return Outcome::InUse;  // leaving failed before, so the socket is still a member
         m_joinedInterfaces.erase(joined);
         if (attempt == Attempt::Report)
             SD_LOG(Error) << "ServiceDiscovery failed to join IPv6 Multicast Group on Interface " << quoted
@@ -477,7 +480,7 @@ void MulticastReceiver::unsafe_leaveGroup(const NetworkInterface& interface)
         m_service->m_socket.leaveGroup(m_discoveryAddress.host(), interface);
     }
     catch (...) {
-        // The interface may be gone, and the membership with it.
+        // The interface may have been removed, along with the membership.
         SD_LOG(Debug) << "MulticastReceiver - leaving the group on \"" << interface.name()
                       << "\": " << Common::currentException;
     }

@@ -29,18 +29,18 @@ namespace {
 
 constexpr unsigned hopLimit = 255;
 
-/// A datagram that came back over another port has been received by then, or never will be.
+/// Within this time a datagram that returns through another port arrives, if it does at all.
 constexpr Poco::Clock::ClockDiff retirement = 5'000'000;  // microseconds
 
-/// How long a datagram may wait for room in an interface's queue, in microseconds.
+/// Maximum time that a datagram waits for room in an interface's queue, in microseconds.
 constexpr long sendTimeout = 20000;
-constexpr Poco::Clock::ClockDiff shortestWait = 1000;  // what takes longer has waited
+constexpr Poco::Clock::ClockDiff shortestWait = 1000;  // microseconds; a send that takes longer has waited
 constexpr Poco::Clock::ClockDiff microsecondsPerSecond = 1'000'000;
 
-/// In a full datagram.
+/// Typical number of packets in a full datagram.
 constexpr std::size_t usualPackets = 10;
 
-/// The system knows the address, as its admission has shown, but does not let a socket have it.
+/// Whether the system refuses to bind a socket to an address that it listed when the interface was admitted.
 bool isNotUsableYet(const Poco::Exception& exception)
 {
     return exception.code() == EADDRNOTAVAIL;
@@ -89,7 +89,8 @@ void MulticastSender::unsafe_replaceInterfaces(InterfaceContainer interfaces)
     ++m_addressChanges;
 }
 
-/// Its socket closes when the last run of sendMulticast() that knows it is over.
+/// Remembers the local address of the interface's socket. The socket closes when the last sendMulticast()
+/// that uses it has returned.
 void MulticastSender::unsafe_retire(const InterfaceData_t& interface)
 {
     const Poco::Clock now = SDClock::now();
@@ -101,7 +102,7 @@ void MulticastSender::unsafe_retire(const InterfaceData_t& interface)
         m_retiredAddresses.push_back({interface.localAddress, now + retirement});
     }
     catch (const std::bad_alloc&) {
-        // Then a datagram of its own that comes back is taken for one of another unit.
+        // Without the entry, a returning datagram of this unit is taken for one of another unit.
     }
 }
 
@@ -208,7 +209,7 @@ void MulticastSender::unsafe_await(const std::string& name, const IPAddress& add
     m_isAwaiting = true;
 }
 
-/// Whether the interface was awaited.
+/// Returns whether the interface was awaited.
 bool MulticastSender::unsafe_stopAwaiting(const std::string& name, const IPAddress& address)
 {
     const auto kept =
@@ -321,8 +322,8 @@ bool MulticastSender::sendAdjusted(const InterfaceData_t& interface, SendData& d
     return result;
 }
 
-/// Calls `send` for each of the datagrams, from the one on that was lost first the last time; whether all
-/// were sent.
+/// Calls `send` once per datagram, starting with the first that was lost last time. Returns whether all were
+/// sent.
 template <class Send>
 bool MulticastSender::sendEach(const InterfaceData_t& interface, List list, std::size_t count,
                                Send send) const
@@ -354,7 +355,8 @@ bool MulticastSender::WaitBudget::isLeft(const Poco::Clock& now)
     return m_spent < sendTimeout;
 }
 
-/// Sends a datagram, and waits for room only if the interface is worth it.
+/// Sends a datagram. Waits for room in the queue only if the interface is not stalled and the budget allows
+/// it.
 template <class Send>
 bool MulticastSender::sendPaced(const InterfaceData_t& interface, Send send) const
 {
@@ -391,7 +393,8 @@ bool MulticastSender::sendServices(const InterfaceData_t& interface, SendData& d
         return false;
     }
     return sendEach(interface, list, data.packages.size(), [&](std::size_t i) {
-        // A package in which nothing was replaced yet may hold an interface's address in its own right.
+        // A package in which nothing was replaced yet may contain the address of an interface as its content,
+        // so only the placeholder is searched for.
         const std::string& oldIP = data.offsets[i].empty() ? m_ipToReplace : data.ipToReplaceNext;
         const bool adjusted = adjustIPs(data.packages[i], oldIP, data.ipReplacement, data.offsets[i]);
         const bool sent = transmit(interface.socketPtr, data.packages[i]);
@@ -421,7 +424,7 @@ bool MulticastSender::adjustIPs(MulticastPackage& package, const std::string& ol
             SD_LOG(Error) << "adjustIPs: found offset that lies beyond package boundary! (offset:" << offset
                           << "), (package-size:" << package.second << "), (new IP size:" << newIP.size()
                           << ")";
-            break;  // the package is sent all the same
+            break;  // the package is sent anyway
         }
         std::copy(newIP.begin(), newIP.end(), begin + offset);
     }
@@ -443,7 +446,7 @@ bool MulticastSender::transmit(const SocketPtr& socket, const MulticastPackage& 
                         << package.second << " Byte(s) sent.";
     }
     catch (const Poco::Exception& exception) {
-        // Each datagram on each interface has its own try: one that fails does not keep back the others.
+        // One failed datagram must not prevent the others from being sent.
         SD_LOG(Error) << "sendMulticast caught exception: " << exception.displayText();
     }
     return false;

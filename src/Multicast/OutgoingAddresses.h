@@ -4,7 +4,7 @@
 
 namespace Nubo::ServiceDiscovery::Multicast {
 
-/// Knows the addresses from which this unit sends, by which its own datagrams are told from others.
+/// Knows the addresses from which this unit sends, so that the receiver can ignore this unit's own datagrams.
 class OutgoingAddresses
 {
 public:

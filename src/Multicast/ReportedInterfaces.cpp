@@ -23,9 +23,9 @@ namespace {
 // In microseconds.
 constexpr Poco::Clock::ClockDiff shortestWait = 50'000;
 constexpr Poco::Clock::ClockDiff longestWait = 1'000'000;
-constexpr Poco::Clock::ClockDiff waitShare = 8;  // of the time for which an interface has been pending
-/// Reports often come one after the other for many interfaces. What is asked of a listing that is older than
-/// this, or says that something is not there, is asked of a new one.
+constexpr Poco::Clock::ClockDiff waitShare = 8;  // waits 1/8 of the time that an interface has been pending
+/// A listing older than this is replaced, and so is one that lacks a reported interface. Until then it is
+/// reused, because platforms often report many interfaces in succession.
 constexpr Poco::Clock::ClockDiff listingAge = 100'000;
 
 Outcome combined(Outcome one, Outcome other)
@@ -35,7 +35,8 @@ Outcome combined(Outcome one, Outcome other)
     return one == Outcome::InUse ? one : other;
 }
 
-/// Repeats what has failed for want of memory, a few times: the platform does not repeat its report.
+/// Repeats an action a few times if it fails, for example when memory is short: the platform does not repeat
+/// its report.
 template <class Action>
 void persist(Action action) noexcept
 {
@@ -52,7 +53,8 @@ void persist(Action action) noexcept
     }
 }
 
-/// Whether the listing shows an interface that can be used, and still has that index.
+/// Whether the listing contains a usable interface of that name, and the interface still has the listed
+/// index.
 bool shows(const InterfaceListing& listing, const std::string& name, const std::string& ip)
 {
     AdmittedInterface admitted;
@@ -101,7 +103,7 @@ void ReportedInterfaces::take(const std::string& name, const std::string& ip)
     const std::optional<IPAddress> address = parseAddress(ip);
     if (!address) {
         Interface unusable{name, ip};
-        serve(unusable, Attempt::Report);  // which says so in the log
+        serve(unusable, Attempt::Report);  // logs that the address is not usable
         return;
     }
     auto interface = find(name, *address);
@@ -125,7 +127,7 @@ void ReportedInterfaces::giveBack(const std::string& name, const std::string& ip
     persist([&] { m_receiver.onInterfaceRemoved(payload); });
     persist([&] { m_sender.onInterfaceRemoved(payload); });
 
-    // The interface may stand reported with another address as well.
+    // The interface may also be reported with another address.
     for (Interface& interface : m_interfaces) {
         if (interface.name == name)
             serve(interface, Attempt::Again);
@@ -133,7 +135,7 @@ void ReportedInterfaces::giveBack(const std::string& name, const std::string& ip
     startRetrying();
 }
 
-/// The wildcard address means every interface; otherwise any address of an interface means it, as it does for
+/// The wildcard address refers to all interfaces. Otherwise each address of an interface refers to it, as in
 /// sender and receiver.
 void ReportedInterfaces::forget(const std::string& name, const std::string& ip)
 {
@@ -166,13 +168,13 @@ std::vector<ReportedInterfaces::Interface>::iterator ReportedInterfaces::find(co
     });
 }
 
-/// Never throws: what has failed is pending.
+/// Never throws; a failed interface is pending.
 Outcome ReportedInterfaces::serve(Interface& interface, Attempt attempt)
 {
     Outcome outcome = Outcome::Pending;
     try {
-        // A report may be about what has come since the listing; a round of further attempts makes do with
-        // one.
+        // A report may concern an interface that is newer than the listing. A round of further attempts uses
+        // one listing.
         const bool isNews = attempt == Attempt::Report;
         if (!m_listing || m_listing->isOlderThan(listingAge) ||
             (isNews && !shows(*m_listing, interface.name, interface.ip)))
@@ -216,7 +218,7 @@ void ReportedInterfaces::stop() noexcept
 
 void ReportedInterfaces::stopFromWithin() noexcept
 {
-    m_isRunning = false;  // without the mutex, which this thread may hold; a wait ends by itself
+    m_isRunning = false;  // without the mutex, which this thread may hold; a wait ends with its timeout
 }
 
 bool ReportedInterfaces::hasPending() const
@@ -225,7 +227,8 @@ bool ReportedInterfaces::hasPending() const
                        [](const Interface& interface) { return interface.isPending; });
 }
 
-/// Until the next attempt, in microseconds: the longer an interface has been pending, the longer.
+/// Returns the time until the next attempt, in microseconds. It grows with the time that an interface has
+/// been pending.
 Poco::Clock::ClockDiff ReportedInterfaces::wait() const
 {
     const Poco::Clock now = SDClock::now();
@@ -242,7 +245,7 @@ void ReportedInterfaces::startRetrying()
     if (!m_isRunning || m_isRetrying || !hasPending())
         return;
     if (m_thread.joinable())
-        m_thread.join();  // it has given the mutex back for the last time
+        m_thread.join();  // does not block: m_isRetrying is false, so the thread is done with the mutex
     try {
         m_thread = std::thread(&ReportedInterfaces::retry, this);
         m_isRetrying = true;

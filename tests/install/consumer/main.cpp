@@ -36,5 +36,6 @@ int main()
     const bool added = discovery.addService(media);
 
     std::cout << media.generateUri() << std::endl;
-    return added && !discovery.running() && services.size() == 0 && dispatcher->interfaces().size() == 1 ? 0 : 1;
+    return added && !discovery.running() && services.size() == 0 && dispatcher->interfaces().size() == 1 ? 0
+                                                                                                         : 1;
 }
