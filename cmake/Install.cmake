@@ -60,9 +60,8 @@ kel_sd_install_library(KELServiceDiscoveryLib EXPORT_NAME ServiceDiscovery RUNTI
   DESCRIPTION "${PROJECT_DESCRIPTION}" POCO "-lPocoNet -lPocoFoundation")
 
 # The public headers; all others are internal.
-foreach(header KnownServices.h ServiceDiscovery.h Export.h DataLayer/SDService.h DataLayer/ServiceDiscovery_Types.h
-    DataLayer/ServiceEvents.h
-    DataLayer/TextList.h)
+foreach(header KnownServices.h ServiceDiscovery.h Export.h DataLayer/NuboServiceDescription.h DataLayer/SDService.h
+    DataLayer/ServiceDiscovery_Types.h DataLayer/ServiceEvents.h DataLayer/TextList.h)
   get_filename_component(folder ${header} DIRECTORY)
   install(FILES src/${header} DESTINATION ${include_root}/${folder} COMPONENT Dev)
 endforeach()

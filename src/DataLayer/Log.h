@@ -4,7 +4,7 @@
 
 #include <cstddef>
 
-/// Opens a line of the log; what is streamed into it follows the level word, and the line ends by itself:
+/// Opens a line of the log. Streamed values follow the level word; the line end is added:
 ///
 ///     SD_LOG(Error) << "SDRequestHandler - failed to handle Entry #" << number << '.';
 ///
@@ -30,19 +30,19 @@ enum class LogLevel
     Trace = Poco::Message::PRIO_TRACE
 };
 
-/// Bounds how many errors and warnings a thread logs while it reads what a neighbour has sent: 16 bytes could
-/// ask for thirty lines.
+/// Bounds how many errors and warnings a thread logs while it reads received data: 16 bytes could cause
+/// thirty lines.
 class LogLimit
 {
 public:
-    /// Nothing is limited yet.
+    /// Takes effect with the first Scope.
     explicit LogLimit(std::size_t lines) : m_linesLeft(lines) {}
 
     LogLimit(const LogLimit&) = delete;
     LogLimit& operator=(const LogLimit&) = delete;
 
-    /// Lets the calling thread's errors and warnings count while it exists; those beyond the limit are left
-    /// out.
+    /// Counts the calling thread's errors and warnings while it exists, and suppresses those beyond the
+    /// limit.
     class Scope
     {
     public:
@@ -58,7 +58,7 @@ public:
 
     std::size_t leftOut() const { return m_leftOut; }
 
-    /// Whether the calling thread may log one more error or warning, which then counts.
+    /// Whether the calling thread may log one more error or warning; counts it.
     static bool takeLine();
 
 private:
@@ -66,7 +66,7 @@ private:
     std::size_t m_leftOut = 0;
 };
 
-/// Whether a line of that level is to be written; one that a LogLimit bounds counts as written then.
+/// Whether a line of that level is to be written. If so, it counts towards the LogLimit.
 inline bool isLogged(LogLevel level)
 {
     return Logging::Log::IsLogLevelActive(static_cast<Poco::Message::Priority>(level)) &&

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "DataLayer/SDService.h"
+#include "DataLayer/NuboServiceDescription.h"
 #include "Export.h"
 
 #include <Poco/AbstractDelegate.h>

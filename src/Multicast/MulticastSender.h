@@ -49,7 +49,7 @@ public:
     bool init(const Poco::Net::IPAddress& placeholder);
 
     /// Size in bytes of the largest datagram that callers may pass. It is not checked here.
-    static constexpr std::uint32_t getMTU() { return 1212; }
+    static constexpr std::uint32_t getMTU() { return SOME_IP_SD_Types::largestPacket; }
 
     /// Sends the first list on every interface and the second on those with a link-local address. Logs each
     /// failure and continues with the next datagram; returns true when all were sent on all interfaces.

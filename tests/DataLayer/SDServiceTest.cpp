@@ -282,7 +282,7 @@ TEST(SDServiceTest, TTLHasElapsedAtTheDeadlineItself)
 {
     SDService service("Media");
 
-    // Most of these look at the clock within the very microsecond of the deadline.
+    // Most of these checks run within the very microsecond of the deadline.
     for (int i = 0; i < 1000; ++i) {
         service.setTTL(0);
         ASSERT_TRUE(service.isTTLElapsed());
@@ -415,7 +415,7 @@ TEST(SDServiceTest, AnotherDescriptionChangesNothingElse)
 
 namespace {
 
-/// What goes into the packet of a record.
+/// A setter of a field that is sent.
 struct PacketCase
 {
     const char* name;

@@ -1,66 +1,31 @@
-#include "DataLayer/SOME_IP_SD/SOME_IP_SD_Option_Endpoint.h"
+#pragma once
 
 #include "DataLayer/Log.h"
 #include "DataLayer/SOME_IP_SD/ConstructionCheck.h"
+#include "DataLayer/SOME_IP_SD/SOME_IP_SD_Option_Endpoint.h"
 #include "DataLayer/SOME_IP_SD/SOME_IP_SD_Option_Pimpl.h"
 #include "DataLayer/WireStream.h"
 
 #include <Poco/Exception.h>
 
 #include <algorithm>
+#include <array>
 #include <iomanip>
 #include <optional>
 #include <ostream>
+#include <string>
 
+/// What the implementations of both families of endpoint options share. Only the sources of the families
+/// include it; each specialises EndpointWords and EndpointAddress and instantiates EndpointOption.
 namespace Nubo::ServiceDiscovery {
 
-using Poco::Net::IPAddress;
-
-namespace {
-
-/// The words of the families in log lines.
+/// The family's words in log lines.
 template <class Family>
-struct Words;
+struct EndpointWords;
 
-template <>
-struct Words<IPv4Family>
-{
-    static constexpr auto kind = "IPv4 Option";
-    static constexpr auto brief = "IP4-Option";
-    static constexpr auto textKind = "IPv4 Option: ";
-    static constexpr auto openAddress = "IP4(";
-    static constexpr auto closeAddress = "";
-    static constexpr auto className = "SOME_IP_SD_Option_IPv4";
-    static constexpr auto readName = "SOME_IP_SD_IPv4_Option";
-    static constexpr auto wrongType =
-        "IPv4 SOME_IP_SD_Option need to be of type {SOME_IP_SD_Types::OptionType::IP4_ENDPOINT=0x04, "
-        "SOME_IP_SD_Types::OptionType::IP4_MULTICAST=0x14, "
-        "SOME_IP_SD_Types::OptionType::IP4_SD_ENDPOINT=0x24}, ";
-    static constexpr auto wrongProtocol =
-        "IPv4 SOME_IP_SD_Option needs L4-Protocol UDP (0x11) or TCP (0x06), ";
-    static constexpr auto wrongAddress = ": given IP is not a IPv4 address!";
-    static constexpr auto family = IPAddress::IPv4;
-};
-
-template <>
-struct Words<IPv6Family>
-{
-    static constexpr auto kind = "IPv6 Option";
-    static constexpr auto brief = "IP6-Option";
-    static constexpr auto textKind = "IPv6 Option: ";
-    static constexpr auto openAddress = "IP6([";
-    static constexpr auto closeAddress = "]";
-    static constexpr auto className = "SOME_IP_SD_Option_IPv6";
-    static constexpr auto readName = "SOME_IP_SD_IPv6_Option";
-    static constexpr auto wrongType =
-        "IPv6 SOME_IP_SD_Option need to be of type {SOME_IP_SD_Types::OptionType::IP6_ENDPOINT=0x06, "
-        "SOME_IP_SD_Types::OptionType::IP6_MULTICAST=0x16, "
-        "SOME_IP_SD_Types::OptionType::IP6_SD_ENDPOINT=0x26}, ";
-    static constexpr auto wrongProtocol =
-        "IPv6 SOME_IP_SD_Option needs L4-Protocol UDP (0x11) or TCP (0x06), ";
-    static constexpr auto wrongAddress = ": given IP is not a IPv6 address!";
-    static constexpr auto family = IPAddress::IPv6;
-};
+/// The family's address, as an object (none is the unspecified address) and as bytes.
+template <class Family>
+struct EndpointAddress;
 
 /// Streams a byte as two hexadecimal digits.
 struct TwoDigits
@@ -73,20 +38,40 @@ struct TwoDigits
     }
 };
 
+/// Why an endpoint is refused, as the log line has it.
 template <class Family>
-const IPAddress& unspecified()
+struct WrongAddress
 {
-    static const IPAddress address(Words<Family>::family);
-    return address;
+    friend std::ostream& operator<<(std::ostream& stream, WrongAddress)
+    {
+        return stream << EndpointWords<Family>::className << EndpointWords<Family>::wrongAddress;
+    }
+};
+
+template <class Family>
+struct WrongProtocol
+{
+    OptionL4Protocol::L4Protocol_t protocol;
+
+    friend std::ostream& operator<<(std::ostream& stream, WrongProtocol wrong)
+    {
+        return stream << EndpointWords<Family>::wrongProtocol << "but 0x" << TwoDigits{wrong.protocol}
+                      << " given!";
+    }
+};
+
+inline bool isEndpointProtocol(OptionL4Protocol::L4Protocol_t protocol)
+{
+    return protocol == OptionL4Protocol::UDP || protocol == OptionL4Protocol::TCP;
 }
 
-}  // namespace
-
+/// The data of an endpoint option and the work on its bytes.
 template <class Family>
-class EndpointOptionPimpl : public SOME_IP_SD_Option_Pimpl
+class EndpointOptionPimpl : public SOME_IP_SD_Option_Pimpl, private EndpointAddress<Family>
 {
 public:
-    using W = Words<Family>;
+    using W = EndpointWords<Family>;
+    using IPAddress = Poco::Net::IPAddress;
     using AddressBytes = std::array<std::uint8_t, Family::addressLength>;
 
     explicit EndpointOptionPimpl(OptionType::Type_t type)
@@ -101,7 +86,7 @@ public:
     {
         if (!address)
             return;
-        std::copy_n(address, m_addressBytes.size(), m_addressBytes.begin());
+        std::copy_n(address, this->addressBytes().size(), this->addressBytes().begin());
         setValid(initCommon(port, protocol) && initAddress());
     }
 
@@ -118,7 +103,7 @@ public:
     {
         SOME_IP_SD_Option_Pimpl::serialise(stream);
         WireWriter writer(stream);
-        writer.write(m_addressBytes, m_reserved01, static_cast<std::uint8_t>(m_l4Proto), m_portNumber);
+        writer.write(getAddressBytes(), m_reserved01, static_cast<std::uint8_t>(m_l4Proto), m_portNumber);
         writer.checkWritten(W::className, specificSize());
         return stream;
     }
@@ -132,14 +117,10 @@ public:
         std::uint16_t port = 0;
         WireReader reader(stream);
         reader.read(address, reserved, protocol, port);
-        if (reader.count() == specificSize()) {
-            m_addressBytes = address;
+        if (reader.checkRead(W::readName, specificSize())) {
+            this->addressBytes() = address;
             const bool good = initCommon(port, static_cast<OptionL4Protocol::L4Protocol_t>(protocol));
             setValid(initAddress() && good);
-        }
-        else {
-            SD_LOG(Error) << W::readName << " size=" << specificSize() << ", but " << reader.count()
-                          << " read by deserialisation!";
         }
         return reader.count();
     }
@@ -151,7 +132,7 @@ public:
         static constexpr const char* names[] = {"ENDPOINT", "MULTICAST", "SD_ENDPOINT"};
         const auto type = std::find(Family::types.begin(), Family::types.end(), getType());
         stream << "Type(" << (type == Family::types.end() ? "<UNKNOWN>" : names[type - Family::types.begin()])
-               << "), " << W::openAddress << address().toString() << W::closeAddress << ":" << m_portNumber
+               << "), " << W::openAddress << getAddress().toString() << W::closeAddress << ":" << m_portNumber
                << "), ";
         if (m_l4Proto == OptionL4Protocol::TCP)
             stream << "L4(TCP)";
@@ -161,22 +142,27 @@ public:
             stream << "L4(0x" << std::hex << +m_l4Proto << "=UNKNOWN)";
     }
 
-    const IPAddress& address() const { return m_address ? *m_address : unspecified<Family>(); }
-    const AddressBytes& addressBytes() const { return m_addressBytes; }
-    std::uint16_t port() const { return m_portNumber; }
-    OptionL4Protocol::L4Protocol_t protocol() const { return m_l4Proto; }
+    const IPAddress& getAddress() const
+    {
+        static const IPAddress unspecified(W::family);
+        const std::optional<IPAddress>& address = EndpointAddress<Family>::address();
+        return address ? *address : unspecified;
+    }
+    const AddressBytes& getAddressBytes() const { return EndpointAddress<Family>::addressBytes(); }
+    std::uint16_t getPort() const { return m_portNumber; }
+    OptionL4Protocol::L4Protocol_t getProtocol() const { return m_l4Proto; }
 
 private:
-    /// Takes port and protocol over; false, after an error line, when type or protocol do not fit: then
-    /// neither is kept.
+    /// Takes over port and protocol. False, after an error line, when type or protocol do not fit; neither is
+    /// kept then.
     bool initCommon(std::uint16_t port, OptionL4Protocol::L4Protocol_t protocol)
     {
         if (std::find(Family::types.begin(), Family::types.end(), getType()) == Family::types.end()) {
             SD_LOG(Error) << W::wrongType << "but 0x" << TwoDigits{getType()} << " given!";
             return false;
         }
-        if (protocol != OptionL4Protocol::UDP && protocol != OptionL4Protocol::TCP) {
-            SD_LOG(Error) << W::wrongProtocol << "but 0x" << TwoDigits{protocol} << " given!";
+        if (!isEndpointProtocol(protocol)) {
+            SD_LOG(Error) << WrongProtocol<Family>{protocol};
             return false;
         }
         m_reserved01 = 0;
@@ -188,8 +174,9 @@ private:
     /// Makes the address from its bytes.
     bool initAddress()
     {
+        const AddressBytes& bytes = getAddressBytes();
         try {
-            m_address.emplace(m_addressBytes.data(), static_cast<poco_socklen_t>(m_addressBytes.size()));
+            this->address().emplace(bytes.data(), static_cast<poco_socklen_t>(bytes.size()));
             return true;
         }
         catch (const Poco::InvalidArgumentException&) {
@@ -204,21 +191,19 @@ private:
         try {
             const IPAddress parsed(text);
             if (parsed.family() == W::family) {
-                m_address.emplace(parsed);
-                std::copy_n(static_cast<const std::uint8_t*>(parsed.addr()), m_addressBytes.size(),
-                            m_addressBytes.begin());
+                this->address().emplace(parsed);
+                std::copy_n(static_cast<const std::uint8_t*>(parsed.addr()), Family::addressLength,
+                            this->addressBytes().begin());
                 return true;
             }
         }
         catch (const Poco::Exception&) {
-            // told like an address of the wrong family
+            // logged like an address of the wrong family
         }
-        SD_LOG(Error) << W::className << W::wrongAddress;
+        SD_LOG(Error) << WrongAddress<Family>{};
         return false;
     }
 
-    std::optional<IPAddress> m_address;  // none is the unspecified one
-    AddressBytes m_addressBytes{};
     std::uint8_t m_reserved01 = 0;
     OptionL4Protocol::L4Protocol_t m_l4Proto = OptionL4Protocol::NONE;
     std::uint16_t m_portNumber = 0;
@@ -226,55 +211,46 @@ private:
 
 template <class Family>
 EndpointOption<Family>::EndpointOption(OptionType::Type_t type)
-    : SOME_IP_SD_Option(new EndpointOptionPimpl<Family>(type))
-    , m_thisImplementation(dynamic_cast<EndpointOptionPimpl<Family>*>(implementation()))
-{
-    logFault(faultOfEmpty(Words<Family>::kind, isValid(), m_thisImplementation != nullptr));
-}
+    : EndpointOption::ImplementedBy(new typename Family::Implementation(type),
+                                    toBeRead(EndpointWords<Family>::kind))
+{}
 
 template <class Family>
 EndpointOption<Family>::EndpointOption(OptionType::Type_t type, const std::uint8_t* address,
                                        std::uint16_t port, OptionL4Protocol::L4Protocol_t protocol)
-    : SOME_IP_SD_Option(new EndpointOptionPimpl<Family>(type, address, port, protocol))
-    , m_thisImplementation(dynamic_cast<EndpointOptionPimpl<Family>*>(implementation()))
-{
-    logFault(faultOfValues("Array ", Words<Family>::brief, isValid(), m_thisImplementation != nullptr));
-}
+    : EndpointOption::ImplementedBy(new typename Family::Implementation(type, address, port, protocol),
+                                    ofValues("Array ", EndpointWords<Family>::brief))
+{}
 
 template <class Family>
 EndpointOption<Family>::EndpointOption(OptionType::Type_t type, const std::string& address,
                                        std::uint16_t port, OptionL4Protocol::L4Protocol_t protocol)
-    : SOME_IP_SD_Option(new EndpointOptionPimpl<Family>(type, address, port, protocol))
-    , m_thisImplementation(dynamic_cast<EndpointOptionPimpl<Family>*>(implementation()))
-{
-    logFault(faultOfValues("String ", Words<Family>::brief, isValid(), m_thisImplementation != nullptr));
-}
+    : EndpointOption::ImplementedBy(new typename Family::Implementation(type, address, port, protocol),
+                                    ofValues("String ", EndpointWords<Family>::brief))
+{}
 
 template <class Family>
-const IPAddress& EndpointOption<Family>::getIP() const
+const Poco::Net::IPAddress& EndpointOption<Family>::getIP() const
 {
-    return m_thisImplementation->address();
+    return this->m_thisImplementation->getAddress();
 }
 
 template <class Family>
 const std::uint8_t* EndpointOption<Family>::getIP_asBytes() const
 {
-    return m_thisImplementation->addressBytes().data();
+    return this->m_thisImplementation->getAddressBytes().data();
 }
 
 template <class Family>
 std::uint16_t EndpointOption<Family>::getPort() const
 {
-    return m_thisImplementation->port();
+    return this->m_thisImplementation->getPort();
 }
 
 template <class Family>
 OptionL4Protocol::L4Protocol_t EndpointOption<Family>::getL4Protocol() const
 {
-    return m_thisImplementation->protocol();
+    return this->m_thisImplementation->getProtocol();
 }
-
-template class EndpointOption<IPv4Family>;
-template class EndpointOption<IPv6Family>;
 
 }  // namespace Nubo::ServiceDiscovery
