@@ -51,7 +51,8 @@ struct ServiceStatus
 /// that writes a line of the library: such a call is refused. When memory is short, requests throw
 /// std::bad_alloc and change nothing; startup() and shutdown() never throw.
 ///
-/// The object belongs to the process that has made it: in a forked child every operation is refused.
+/// The object belongs to the process that has made it: in a forked child every operation is refused. A child
+/// that is forked within ServiceListChanged, and returns from it, ends there with exit code 0.
 class KEL_SD_EXPORT ServiceDiscovery
 {
 public:
@@ -117,7 +118,7 @@ public:
         void notify(const void* sender, ServiceListEventPayload& payload);
 
     private:
-        const int m_process;
+        const std::uint64_t m_process;
     };
 
     /// Raised for every service of another unit that is discovered or gone; never after shutdown() has

@@ -1,9 +1,9 @@
 #include "ServiceDiscovery.h"
 
+#include <Common/OwnProcess.h>
+
 #include <atomic>
 #include <memory>
-
-#include <unistd.h>
 
 namespace Nubo::ServiceDiscovery {
 
@@ -46,25 +46,25 @@ private:
 
 }  // namespace
 
-ServiceDiscovery::ServiceListEvent::ServiceListEvent() : m_process(::getpid()) {}
+ServiceDiscovery::ServiceListEvent::ServiceListEvent() : m_process(Common::OwnProcess::mark()) {}
 
 void ServiceDiscovery::ServiceListEvent::operator+=(const Delegate& delegate)
 {
-    if (m_process != ::getpid())
+    if (m_process != Common::OwnProcess::mark())
         return;
     BasicEvent::operator+=(UnlockedDelegate(delegate));
 }
 
 void ServiceDiscovery::ServiceListEvent::operator-=(const Delegate& delegate)
 {
-    if (m_process != ::getpid())
+    if (m_process != Common::OwnProcess::mark())
         return;
     BasicEvent::operator-=(delegate);
 }
 
 void ServiceDiscovery::ServiceListEvent::clear()
 {
-    if (m_process == ::getpid())
+    if (m_process == Common::OwnProcess::mark())
         BasicEvent::clear();
 }
 

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <Common/OwnProcess.h>
+
 #include <mutex>
 
 namespace Nubo::ServiceDiscovery {
@@ -49,6 +51,20 @@ private:
 
     const void* const m_part;
     EngineFrame* const m_outer;
+};
+
+/// Marks a thread of the engine while it works. A child that is forked meanwhile, by a subscriber or a log
+/// channel that returns in it, ends when the work is done: it must not go on with that of the parent.
+class EngineThread : public EngineFrame
+{
+public:
+    explicit EngineThread(const void* part) : EngineFrame(part) {}
+    ~EngineThread() override { endChild(); }
+
+    void endChild() const { m_process.endChild(); }
+
+private:
+    const Common::OwnProcess m_process;
 };
 
 /// Holds a mutex of a part.

@@ -391,7 +391,7 @@ bool SDCommunicationHub::isOnThisThread() const
 
 bool SDCommunicationHub::isOfThisProcess() const
 {
-    return ::getpid() == m_process;
+    return m_process.isThis();
 }
 
 /// Whether the thread of an earlier run has ended.
@@ -632,6 +632,7 @@ void SDCommunicationHub::notifyServiceRegistry(ServiceDiscovery::ServiceListEven
 {
     const EngineFrame frame(this);
     m_serviceDiscovery.ServiceListChanged.notify(&m_serviceDiscovery, payload);
+    m_process.endChild();
 }
 
 bool SDCommunicationHub::isOwnAddress(const Poco::Net::IPAddress& address) const

@@ -9,6 +9,7 @@
 #include "Multicast/ReportedInterfaces.h"
 #include "ServiceDiscovery.h"
 
+#include <Common/OwnProcess.h>
 #include <KELOEMInterfaceLib/OEMDispatcherCalls.h>
 
 #include <Poco/MemoryPool.h>
@@ -24,8 +25,6 @@
 #include <string>
 #include <utility>
 #include <vector>
-
-#include <unistd.h>
 
 namespace Nubo::ServiceDiscovery {
 
@@ -163,7 +162,7 @@ private:
     Multicast::ReportedInterfaces m_reportedInterfaces{m_receiver, m_sender};
     Poco::FastMutex m_lifecycleMutex;  // serialises start and stop
     std::atomic<bool> m_isStopping{false};
-    const pid_t m_process = ::getpid();  // that the engine belongs to
+    const Common::OwnProcess m_process;
     DropCounter m_drops;
 };
 

@@ -51,7 +51,7 @@ SDRequestHandler::~SDRequestHandler() = default;
 
 void SDRequestHandler::run()
 {
-    const EngineFrame frame(this);
+    const EngineThread frame(this);
     m_isShutDown = false;
     m_running = true;
     // Once per process: a handler that is run again leaves its new thread unnamed.
@@ -66,6 +66,7 @@ void SDRequestHandler::run()
         catch (...) {
             SD_LOG(Error) << "SDRequestHandler - caught exception: " << Common::currentException;
         }
+        frame.endChild();
     }
 }
 

@@ -4,6 +4,7 @@
 #include "DataLayer/Log.h"
 #include "LogicLayer/SDCommunicationHub.h"
 #include "Multicast/CloseOnExec.h"
+#include "Multicast/ClosedInChildren.h"
 #include "Multicast/InterfaceAdmission.h"
 
 #include <Common/CurrentException.h>
@@ -109,6 +110,7 @@ struct MulticastReceiver::Service
     /// While the members below are made, none of their descriptors becomes a standard stream.
     std::optional<Common::StandardStreamGuard> guard{std::in_place};
     MulticastSocket socket = openSocket();
+    ClosedInChildren inChildren{socket.impl()->sockfd()};
     SocketReactor reactor{Poco::Timespan(0, pollTimeout)};
     Poco::Thread thread;
     bool isStarted = false;  ///< the thread may be running
@@ -161,7 +163,7 @@ MulticastReceiver::~MulticastReceiver()
 template <class Notification, void (MulticastReceiver::*handler)(const Poco::AutoPtr<Notification>&)>
 void MulticastReceiver::guarded(const Poco::AutoPtr<Notification>& notification)
 {
-    const EngineFrame frame(this);
+    const EngineThread frame(this);
     if (m_service->isStopping)
         return;
     try {
@@ -251,6 +253,7 @@ void MulticastReceiver::release()
     }
     catch (...) {
         const EngineLock lock(this, m_interfacesMutex);
+        m_service->inChildren.giveUp();
         m_service->socket.close();
         m_joinedInterfaces.clear();
     }
@@ -274,6 +277,7 @@ void MulticastReceiver::renewService()
     const EngineLock lock(this, m_interfacesMutex);
     m_service.swap(service);
     m_joinedInterfaces.clear();
+    service->inChildren.giveUp();
     service->socket.close();  // a reactor that ran out of memory may have lost a reference to it
 }
 

@@ -255,7 +255,7 @@ void ReportedInterfaces::startRetrying()
 
 void ReportedInterfaces::retry()
 {
-    const EngineFrame frame(this);
+    const EngineThread frame(this);
     DebugUtils::setThreadName("SdIfRetry", "ReportedInterfaces::retry");
     EngineLock lock(this, m_mutex);
     while (m_isRunning && hasPending()) {
