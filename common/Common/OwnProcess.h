@@ -9,6 +9,8 @@ namespace Common {
 class OwnProcess
 {
 public:
+    OwnProcess() : m_mark(mark()) {}
+
     bool isThis() const { return m_mark == mark(); }
 
     /// For the end of what a thread did for a subscriber, a delegate or a log channel: a child that was
@@ -20,7 +22,7 @@ public:
     static std::uint64_t mark();
 
 private:
-    const std::uint64_t m_mark = mark();
+    const std::uint64_t m_mark;
 };
 
 }  // namespace Common
