@@ -63,7 +63,8 @@ public:
         SDClock::turn(-m_elapsed);
         m_elapsed = 0;
         m_lastSecond = SDClock::now();
-        m_heardAt = Poco::Clock(Poco::Clock::ClockVal{0});
+        m_heardAt = m_lastSecond + hearing;
+        m_machine.listenFromNowOn();
         m_machine.run();
     }
 
@@ -171,8 +172,8 @@ public:
     static constexpr Microseconds second = 1000000;
 
 private:
-    /// Real time passes as well. After a longer second the machine takes nothing for gone that it may have
-    /// missed; so long, and up to the end of the second in which that ends.
+    /// Real time passes as well. After a longer second, and after a start, the machine takes nothing for gone
+    /// that it may have missed; so long, and up to the end of the second in which that ends.
     static constexpr Microseconds longestSecond = second + 50000;
     static constexpr Microseconds hearing = 2200000;
 
@@ -265,7 +266,7 @@ private:
     const Workloads m_workloads{m_machine.m_aperiodicWorkload, m_machine.m_periodicWorkload};
     Microseconds m_elapsed = 0;
     Poco::Clock m_lastSecond;
-    Poco::Clock m_heardAt{Poco::Clock::ClockVal{0}};
+    Poco::Clock m_heardAt;
     std::map<Instance, Deadline> m_deadlines;  ///< of what is discovered, and more
 };
 

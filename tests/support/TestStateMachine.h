@@ -41,6 +41,13 @@ public:
         m_aperiodicWorker.*TimerAccess<AperiodicWorker>::isInitialized() = true;  // as if the timer ran
     }
 
+    /// The same as a start for the periodic worker's notion of time.
+    void listenFromNowOn()
+    {
+        m_periodicWorker.*TimerAccess<PeriodicWorker>::isInitialized() = true;
+        m_periodicWorker.start();
+    }
+
     /// What the workers wait with: their intervals are what they were set to last, in milliseconds.
     const Poco::Timer& aperiodicTimer() const
     {
