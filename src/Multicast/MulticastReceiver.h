@@ -109,13 +109,14 @@ private:
     void guarded(const Poco::AutoPtr<Notification>& notification);
 
     void receive(Poco::Net::DatagramSocket& socket, int size);
-    bool isJoined(unsigned index) const;
     void bind();
     void release();
     void renewService();
     bool endThread(long milliseconds);
     void unsafe_leaveAll();
     void unsafe_leaveGroup(const Poco::Net::NetworkInterface& interface);
+    void unsafe_filter();
+    void unsafe_renewFilter();
 
     SDCommunicationHub& m_parent;
     const Poco::Net::SocketAddress m_discoveryAddress;

@@ -942,6 +942,38 @@ TEST_F(HungSubscriberTest, DatagramsThatWaitAreTakenTogetherInTheirOrder)
     EXPECT_EQ(log.count("Trace: MulticastReceiver onSocketReadable"), sent.size() - 1) << "one each";
 }
 
+TEST_F(HungSubscriberTest, DatagramsOnAnInterfaceThatIsNotJoinedTakeNoRoom)
+{
+    network.link("eth1", "fd01::1", "fd01::2");
+    Poco::Net::MulticastSocket otherProgram(SocketAddress::IPv6);
+    otherProgram.joinGroup(IPAddress(discoveryGroup), Poco::Net::NetworkInterface::forName("eth1"));
+    Speaker flooding(network.there, "eth1", "fd01::2");
+
+    for (int i = 0; i < 2000; ++i)  // twice the room that is asked for
+        flooding.send(std::string(8000, 'x'));
+    speaker.send("02"_bytes);
+    gate.open();
+
+    EXPECT_TRUE(subscriber->gets(2));
+    EXPECT_THAT(subscriber->bytes(), ElementsAre("01", "02"));
+    EXPECT_EQ(lostDatagrams(network.here), 0u);
+}
+
+TEST_F(RunningReceiverTest, InterfaceThatOnlyOthersHaveJoinedIsNotHeardAfterARestart)
+{
+    Poco::Net::MulticastSocket otherProgram(SocketAddress::IPv6);
+    otherProgram.joinGroup(IPAddress(discoveryGroup), Poco::Net::NetworkInterface::forName("eth0"));
+    receiver->stop();
+    EXPECT_TRUE(receiver->start());
+
+    speaker.send("01"_bytes);
+    join();
+    speaker.send("02"_bytes);
+
+    EXPECT_TRUE(subscriber->gets(1));
+    EXPECT_THAT(subscriber->bytes(), ElementsAre("02"));
+}
+
 TEST_F(HungSubscriberTest, DestructionWaitsForTheSubscriber)
 {
     std::atomic<bool> isDestroyed{false};
