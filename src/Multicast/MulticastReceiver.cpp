@@ -373,31 +373,27 @@ Outcome MulticastReceiver::add(const std::string& name, const std::string& ip,
         case Admission::Good:
             break;
     }
-    const auto present = m_joinedInterfaces.find(admitted.interface);
-    if (present != m_joinedInterfaces.end()) {
-        if (attempt == Attempt::Report)
-            SD_LOG(Warning) << "ServiceDiscovery failed to join IPv6 Multicast Group on Interface " << quoted
-                            << ", already joined on \"" << present->first.name() << "\"";
+    const auto [joined, isNew] = m_joinedInterfaces.emplace(admitted.interface, admitted.address);
+    if (!isNew && attempt == Attempt::Again)
         return Outcome::InUse;
-    }
-
-    if (attempt == Attempt::Report)
+    if (!isNew)
+        SD_LOG(Warning) << "ServiceDiscovery failed to join IPv6 Multicast Group on Interface " << quoted
+                        << ", already joined on \"" << joined->first.name() << "\"";
+    else if (attempt == Attempt::Report)
         SD_LOG(Notice) << "ServiceDiscovery joining IPv6 Multicast Group for Interface \"" << name << "\".";
-    const auto joined = m_joinedInterfaces.emplace(admitted.interface, admitted.address).first;
-    bool isFiltered = false;
-    const auto forget = [&] {
-        m_joinedInterfaces.erase(joined);
+    bool isFiltered = !isNew;
+    const auto forget = [&, entry = joined] {
+        m_joinedInterfaces.erase(entry);
         if (isFiltered)
             unsafe_renewFilter();
     };
     try {
-        unsafe_filter();
+        if (isNew)
+            unsafe_filter();
         isFiltered = true;
-        m_service->socket.joinGroup(m_discoveryAddress.host(), admitted.interface);
+        unsafe_joinGroup(admitted.interface);
     }
     catch (const Poco::Exception& exception) {
-        if (exception.code() == EADDRINUSE)
-            return Outcome::InUse;  // leaving has failed before: the socket is a member still
         forget();
         if (attempt == Attempt::Report)
             SD_LOG(Error) << "ServiceDiscovery failed to join IPv6 Multicast Group on Interface " << quoted
@@ -466,6 +462,21 @@ void MulticastReceiver::unsafe_leaveAll()
         m_joinedInterfaces.erase(m_joinedInterfaces.begin());
     }
     unsafe_renewFilter();
+}
+
+/// The kernel keeps a membership on the socket's list when its interface goes, and then takes another one
+/// with the same index for joined already.
+void MulticastReceiver::unsafe_joinGroup(const NetworkInterface& interface)
+{
+    try {
+        m_service->socket.joinGroup(m_discoveryAddress.host(), interface);
+    }
+    catch (const Poco::Exception& exception) {
+        if (exception.code() != EADDRINUSE)
+            throw;
+        unsafe_leaveGroup(interface);
+        m_service->socket.joinGroup(m_discoveryAddress.host(), interface);
+    }
 }
 
 void MulticastReceiver::unsafe_leaveGroup(const NetworkInterface& interface)

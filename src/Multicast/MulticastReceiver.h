@@ -85,7 +85,8 @@ public:
     Outcome onInterfaceAdded(OEMInterface::AddServiceDiscoveryInterfacePayload& payload);
     void onInterfaceRemoved(OEMInterface::RemoveServiceDiscoveryInterfacePayload& payload);
 
-    /// Joins the group on the interface unless that has been done. Throws nothing but std::bad_alloc.
+    /// Joins the group on the interface unless that has been done; at a report once more, as the membership
+    /// may have gone with a former interface of that index. Throws nothing but std::bad_alloc.
     Outcome add(const std::string& name, const std::string& ip, const InterfaceListing& listing,
                 Attempt attempt);
 
@@ -114,6 +115,7 @@ private:
     void renewService();
     bool endThread(long milliseconds);
     void unsafe_leaveAll();
+    void unsafe_joinGroup(const Poco::Net::NetworkInterface& interface);
     void unsafe_leaveGroup(const Poco::Net::NetworkInterface& interface);
     void unsafe_filter();
     void unsafe_renewFilter();

@@ -48,6 +48,7 @@ using Poco::Net::SocketAddress;
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 using ::testing::IsSupersetOf;
+using ::testing::Pair;
 
 namespace {
 
@@ -179,6 +180,13 @@ struct MulticastReceiverTest : ::testing::Test
     void leave(const std::string& interface = "eth0", const std::string& address = "fd00::1")
     {
         receiver->leaveGroupOnInterface_byIP(interface, address);
+    }
+
+    void makeWithIndex77() const
+    {
+        network.here.ip("link add eth7 index 77 type veth peer name eth7 netns there");
+        network.here.ip("link set eth7 up");
+        network.here.addAddress("eth7", "fd07::1/64");
     }
 
     /// Ends the subscription and the receiver.
@@ -513,6 +521,32 @@ TEST_F(MulticastReceiverTest, InterfaceThatHasBeenRenamedSinceIsTheSame)
     EXPECT_THAT(log.lines(),
                 ElementsAre("Warning: ServiceDiscovery failed to join IPv6 Multicast Group on Interface "
                             "\"eth9\" with IP \"fd00::1\", already joined on \"eth0\""));
+}
+
+/// As of an interface that was made anew and never taken back: the socket's membership went with the former
+/// one.
+TEST_F(MulticastReceiverTest, InterfaceMadeAnewWithItsIndexIsJoinedWhenItIsReported)
+{
+    makeWithIndex77();
+    join("eth7", "fd07::1");
+    network.here.ip("link delete eth7");
+    makeWithIndex77();
+    log.clear();
+
+    join("eth7", "fd07::1");
+
+    EXPECT_THAT(groupUsers(), ElementsAre(Pair("eth7", 1u)));
+    EXPECT_THAT(log.lines(),
+                ElementsAre("Warning: ServiceDiscovery failed to join IPv6 Multicast Group on Interface "
+                            "\"eth7\" with IP \"fd07::1\", already joined on \"eth7\""));
+}
+
+TEST_F(MulticastReceiverTest, FurtherReportLeavesOneMembership)
+{
+    join();
+    join();
+
+    EXPECT_THAT(groupUsers(), ElementsAre(Pair("eth0", 1u)));
 }
 
 TEST_F(MulticastReceiverTest, LinkLocalAddressIsTakenWithAndWithoutScope)
