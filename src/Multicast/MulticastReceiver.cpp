@@ -373,6 +373,7 @@ Outcome MulticastReceiver::add(const std::string& name, const std::string& ip,
         case Admission::Good:
             break;
     }
+    unsafe_leaveReplaced(admitted.interface, listing);
     const auto [joined, isNew] = m_joinedInterfaces.emplace(admitted.interface, admitted.address);
     if (!isNew && attempt == Attempt::Again)
         return Outcome::InUse;
@@ -381,15 +382,14 @@ Outcome MulticastReceiver::add(const std::string& name, const std::string& ip,
                         << ", already joined on \"" << joined->first.name() << "\"";
     else if (attempt == Attempt::Report)
         SD_LOG(Notice) << "ServiceDiscovery joining IPv6 Multicast Group for Interface \"" << name << "\".";
-    bool isFiltered = !isNew;
+    bool isFiltered = !isNew;  // the filter in force may let the interface in
     const auto forget = [&, entry = joined] {
         m_joinedInterfaces.erase(entry);
         if (isFiltered)
             unsafe_renewFilter();
     };
     try {
-        if (isNew)
-            unsafe_filter();
+        unsafe_filter();
         isFiltered = true;
         unsafe_joinGroup(admitted.interface);
     }
@@ -445,6 +445,20 @@ void MulticastReceiver::leaveGroupOnInterface_byIP(const std::string& name, cons
     unsafe_leaveGroup(found->first);
     m_joinedInterfaces.erase(found);
     unsafe_renewFilter();
+}
+
+/// A platform may report an interface that was made anew without taking the former one back.
+void MulticastReceiver::unsafe_leaveReplaced(const NetworkInterface& interface,
+                                             const InterfaceListing& listing)
+{
+    for (auto former = m_joinedInterfaces.begin(); former != m_joinedInterfaces.end();) {
+        if (!isReplaced(former->first, interface, listing)) {
+            ++former;
+            continue;
+        }
+        unsafe_leaveGroup(former->first);
+        former = m_joinedInterfaces.erase(former);
+    }
 }
 
 void MulticastReceiver::unsafe_leaveAll()

@@ -115,6 +115,7 @@ private:
     void renewService();
     bool endThread(long milliseconds);
     void unsafe_leaveAll();
+    void unsafe_leaveReplaced(const Poco::Net::NetworkInterface& interface, const InterfaceListing& listing);
     void unsafe_joinGroup(const Poco::Net::NetworkInterface& interface);
     void unsafe_leaveGroup(const Poco::Net::NetworkInterface& interface);
     void unsafe_filter();

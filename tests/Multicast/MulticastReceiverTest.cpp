@@ -541,6 +541,22 @@ TEST_F(MulticastReceiverTest, InterfaceMadeAnewWithItsIndexIsJoinedWhenItIsRepor
                             "\"eth7\" with IP \"fd07::1\", already joined on \"eth7\""));
 }
 
+TEST_F(MulticastReceiverTest, InterfaceMadeAnewTakesThePlaceOfTheFormerOne)
+{
+    for (int i = 0; i < 3; ++i) {
+        join();
+        network.here.ip("link delete eth0");
+        network.link("eth0", "fd00::1", "fd00::2");
+    }
+    join();
+    log.clear();
+
+    leave();
+
+    EXPECT_THAT(log.lines(), ElementsAre(leaving0ForIP)) << "none of those without an address is left";
+    EXPECT_FALSE(receiver->isJoinedOn("eth0"));
+}
+
 TEST_F(MulticastReceiverTest, FurtherReportLeavesOneMembership)
 {
     join();
