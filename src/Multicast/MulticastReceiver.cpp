@@ -413,6 +413,7 @@ void MulticastReceiver::leaveGroupOnInterface_byIP(const std::string& name, cons
 {
     const QuotedInterface quoted{name, ip};
     const EngineLock lock(this, m_interfacesMutex);
+    const EngineFrame leaving(&m_interfacesMutex);
     IPAddress address;
     try {
         address = IPAddress(withoutScope(ip));

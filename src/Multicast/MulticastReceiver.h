@@ -1,5 +1,6 @@
 #pragma once
 
+#include "DataLayer/EngineFrame.h"
 #include "Multicast/InterfaceAdmission.h"
 
 #include <KELOEMInterfaceLib/OEMDispatcherCalls.h>
@@ -79,6 +80,10 @@ public:
 
     /// Whether the group is joined on the interface of that name.
     bool isJoinedOn(const std::string& name) const;
+
+    /// Whether the calling thread is leaving interfaces: in a line of the log about it, a report waits for
+    /// itself.
+    bool isLeavingOnThisThread() const { return EngineFrame::isOnThisThread(&m_interfacesMutex); }
 
     /// The platform's reports. Join and leave the group on the interface. One that cannot be joined yet is to
     /// be added again later.

@@ -217,7 +217,8 @@ TEST_F(InterfaceAdmissionTest, InterfaceIsReplacedByOneOfItsNameOnceItHasGone)
 
     network.here.ip("link set eth0 down");
     network.here.ip("link set eth0 name eth9");
-    network.link("eth0", "fd00::7");
+    network.here.ip("link add eth0 type bridge");
+    network.here.addAddress("eth0", "fd00::7/64");
     EXPECT_FALSE(isReplacedNow("eth0")) << "it has another name";
     network.here.ip("link delete eth9");
     EXPECT_TRUE(isReplacedNow("eth0"));
