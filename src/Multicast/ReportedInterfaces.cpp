@@ -189,7 +189,7 @@ bool ReportedInterfaces::displaceLongestPending()
     const Interface displaced = *longest;
     SD_LOG(Error) << "SDCommunicationHub - Interface " << QuotedInterface{displaced.name, displaced.ip}
                   << " is not waited for any longer: " << mostInterfaces << " others stand reported.";
-    if (displaced.isPartlyUsed)
+    if (displaced.wasUsed)
         giveBack(displaced.name, displaced.ip);
     else
         m_interfaces.erase(longest);
@@ -265,7 +265,7 @@ Outcome ReportedInterfaces::serve(Interface& interface, Attempt attempt)
         const Outcome received = m_receiver.add(interface.name, interface.ip, *m_listing, attempt);
         const Outcome sent = m_sender.add(interface.name, interface.ip, *m_listing, attempt);
         outcome = combined(received, sent);
-        interface.isPartlyUsed = received == Outcome::InUse || sent == Outcome::InUse;
+        interface.wasUsed |= received == Outcome::InUse || sent == Outcome::InUse;
     }
     catch (...) {
         if (attempt == Attempt::Report)

@@ -63,8 +63,8 @@ private:
         Poco::Net::IPAddress address{};  ///< without scope
         bool isPending = false;
         Poco::Clock pendingSince = SDClock::now();
-        bool isPartlyUsed = false;  ///< by the receiver or the sender at least
-        unsigned index = 0;         ///< that it was served with last
+        bool wasUsed = false;  ///< by the receiver or the sender at least, which may have it still
+        unsigned index = 0;    ///< that it was served with last
     };
 
     using Handler = void (ReportedInterfaces::*)(const std::string& name, const std::string& ip);
