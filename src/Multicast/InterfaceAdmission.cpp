@@ -96,6 +96,12 @@ bool isSameAddress(const IPAddress& address, const IPAddress& other)
            std::memcmp(address.addr(), other.addr(), static_cast<std::size_t>(address.length())) == 0;
 }
 
+bool isReplaced(const NetworkInterface& former, const NetworkInterface& interface,
+                const InterfaceListing& listing)
+{
+    return former.index() != interface.index() && former.name() == interface.name() && !listing.has(former);
+}
+
 bool isReportedInterface(const NetworkInterface& interface, const NetworkInterface::AddressList& addresses,
                          const std::string& name, const IPAddress& ip)
 {

@@ -71,6 +71,10 @@ bool isReportedInterface(const Poco::Net::NetworkInterface& interface,
                          const Poco::Net::NetworkInterface::AddressList& addresses, const std::string& name,
                          const Poco::Net::IPAddress& ip);
 
+/// Whether `former` has gone, and `interface` was made in its place.
+bool isReplaced(const Poco::Net::NetworkInterface& former, const Poco::Net::NetworkInterface& interface,
+                const InterfaceListing& listing);
+
 /// Finds the interface that a report wants removed in `table`, an ordered map from network interface to
 /// whatever is kept of it; `addressOf` gives the address that an entry was admitted with, `noAddresses` is
 /// told of every interface on the way that has no address at present. Returns the entry or the end.

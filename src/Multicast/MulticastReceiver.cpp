@@ -21,13 +21,13 @@
 #include <Poco/Timespan.h>
 
 #include <algorithm>
-#include <array>
 #include <cerrno>
-#include <cstring>
+#include <cstdint>
 #include <new>
 #include <optional>
+#include <vector>
 
-#include <netinet/in.h>
+#include <linux/filter.h>
 #include <sys/socket.h>
 
 namespace Nubo::ServiceDiscovery::Multicast {
@@ -66,26 +66,23 @@ void discardEmptyDatagram(DatagramSocket& socket)
         discard(socket);
 }
 
-/// The index of the interface on which the next datagram has come (RFC 3542, section 6.2). 0 if the system
-/// does not say.
-unsigned interfaceOfNext(const DatagramSocket& socket)
+/// Has the kernel drop what comes in on any other interface, before it takes room on the socket: other
+/// sockets of the unit may have joined the group there. Jumps reach 255 instructions only, so each index is
+/// followed by its own end.
+void passOnly(const MulticastSocket& socket, const std::vector<unsigned>& indices)
 {
-    alignas(cmsghdr) std::array<char, CMSG_SPACE(sizeof(in6_pktinfo))> control{};
-    msghdr message{};
-    message.msg_control = control.data();
-    message.msg_controllen = control.size();
-    if (::recvmsg(socket.impl()->sockfd(), &message, MSG_PEEK | MSG_DONTWAIT) < 0)
-        return 0;
-    for (const cmsghdr* part = CMSG_FIRSTHDR(&message); part;
-         part = CMSG_NXTHDR(&message, const_cast<cmsghdr*>(part)))
-    {
-        if (part->cmsg_level != IPPROTO_IPV6 || part->cmsg_type != IPV6_PKTINFO)
-            continue;
-        in6_pktinfo info{};
-        std::memcpy(&info, CMSG_DATA(part), sizeof(info));
-        return info.ipi6_ifindex;
+    constexpr auto interfaceIndex = static_cast<std::uint32_t>(SKF_AD_OFF + SKF_AD_IFINDEX);
+    constexpr std::uint32_t whole = 0xffffffff;
+    std::vector<sock_filter> program{BPF_STMT(BPF_LD | BPF_W | BPF_ABS, interfaceIndex)};
+    for (const unsigned index : indices) {
+        program.push_back(BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, index, 0, 1));
+        program.push_back(BPF_STMT(BPF_RET | BPF_K, whole));
     }
-    return 0;
+    program.push_back(BPF_STMT(BPF_RET | BPF_K, 0));
+    if (program.size() > BPF_MAXINSNS)
+        throw Poco::RangeException("too many interfaces to filter");
+    const sock_fprog filter{static_cast<unsigned short>(program.size()), program.data()};
+    socket.impl()->setRawOption(SOL_SOCKET, SO_ATTACH_FILTER, &filter, sizeof(filter));
 }
 
 Poco::Buffer<char> allocateFrame(DatagramSocket& socket, int size)
@@ -203,12 +200,15 @@ bool MulticastReceiver::start()
 void MulticastReceiver::bind()
 {
     MulticastSocket& socket = m_service->socket;
+    {
+        const EngineLock lock(this, m_interfacesMutex);
+        unsafe_filter();
+    }
     socket.bind(m_discoveryAddress, false);
     m_service->isSpent = true;
     socket.setLoopback(false);
     socket.setBlocking(false);  // a datagram with a bad checksum is announced, but not there to be read
     socket.setReceiveBufferSize(receiveBuffer);
-    socket.setOption(IPPROTO_IPV6, IPV6_RECVPKTINFO, 1);
     SD_LOG(Debug) << "MulticastReceiver receive buffer: " << receiveBuffer << " Bytes asked for, "
                   << socket.getReceiveBufferSize() << " got.";
 
@@ -308,13 +308,6 @@ void MulticastReceiver::onSocketReadable(const Poco::AutoPtr<ReadableNotificatio
 
 void MulticastReceiver::receive(DatagramSocket& socket, int size)
 {
-    // Other sockets of the unit may have joined the group elsewhere, and the kernel gives this one what comes
-    // there.
-    const unsigned interface = interfaceOfNext(socket);
-    if (interface != 0 && !isJoined(interface)) {
-        discard(socket);
-        return;
-    }
     Poco::Buffer<char> frame = allocateFrame(socket, size);
     SocketAddress sender;
     const int received = socket.receiveFrom(frame.begin(), size, sender, 0);
@@ -337,13 +330,6 @@ void MulticastReceiver::onReactorShutdown(const Poco::AutoPtr<ShutdownNotificati
 {
     SD_LOG(Error) << "MulticastReceiver encountered Reactor Shutdown \"" << notification->name()
                   << "\" from \"" << notification->socket().address().toString() << "\"";
-}
-
-bool MulticastReceiver::isJoined(unsigned index) const
-{
-    const EngineLock lock(this, m_interfacesMutex);
-    return std::any_of(m_joinedInterfaces.begin(), m_joinedInterfaces.end(),
-                       [&](const auto& joined) { return joined.first.index() == index; });
 }
 
 bool MulticastReceiver::isJoinedOn(const std::string& name) const
@@ -391,31 +377,35 @@ Outcome MulticastReceiver::add(const std::string& name, const std::string& ip,
         case Admission::Good:
             break;
     }
-    const auto present = m_joinedInterfaces.find(admitted.interface);
-    if (present != m_joinedInterfaces.end()) {
-        if (attempt == Attempt::Report)
-            SD_LOG(Warning) << "ServiceDiscovery failed to join IPv6 Multicast Group on Interface " << quoted
-                            << ", already joined on \"" << present->first.name() << "\"";
+    unsafe_leaveReplaced(admitted.interface, listing);
+    const auto [joined, isNew] = m_joinedInterfaces.emplace(admitted.interface, admitted.address);
+    if (!isNew && attempt == Attempt::Again)
         return Outcome::InUse;
-    }
-
-    if (attempt == Attempt::Report)
+    if (!isNew)
+        SD_LOG(Warning) << "ServiceDiscovery failed to join IPv6 Multicast Group on Interface " << quoted
+                        << ", already joined on \"" << joined->first.name() << "\"";
+    else if (attempt == Attempt::Report)
         SD_LOG(Notice) << "ServiceDiscovery joining IPv6 Multicast Group for Interface \"" << name << "\".";
-    const auto joined = m_joinedInterfaces.emplace(admitted.interface, admitted.address).first;
+    bool isFiltered = !isNew;  // the filter in force may let the interface in
+    const auto forget = [&, entry = joined] {
+        m_joinedInterfaces.erase(entry);
+        if (isFiltered)
+            unsafe_renewFilter();
+    };
     try {
-        m_service->socket.joinGroup(m_discoveryAddress.host(), admitted.interface);
+        unsafe_filter();
+        isFiltered = true;
+        unsafe_joinGroup(admitted.interface);
     }
     catch (const Poco::Exception& exception) {
-        if (exception.code() == EADDRINUSE)
-            return Outcome::InUse;  // leaving has failed before: the socket is a member still
-        m_joinedInterfaces.erase(joined);
+        forget();
         if (attempt == Attempt::Report)
             SD_LOG(Error) << "ServiceDiscovery failed to join IPv6 Multicast Group on Interface " << quoted
                           << ": " << exception.displayText();
         return Outcome::Pending;
     }
     catch (...) {
-        m_joinedInterfaces.erase(joined);
+        forget();
         throw;
     }
     if (attempt == Attempt::Again)
@@ -427,6 +417,7 @@ void MulticastReceiver::leaveGroupOnInterface_byIP(const std::string& name, cons
 {
     const QuotedInterface quoted{name, ip};
     const EngineLock lock(this, m_interfacesMutex);
+    const EngineFrame leaving(&m_interfacesMutex);
     IPAddress address;
     try {
         address = IPAddress(withoutScope(ip));
@@ -458,6 +449,21 @@ void MulticastReceiver::leaveGroupOnInterface_byIP(const std::string& name, cons
                    << "\" for given IP \"" << ip << "\".";
     unsafe_leaveGroup(found->first);
     m_joinedInterfaces.erase(found);
+    unsafe_renewFilter();
+}
+
+/// A platform may report an interface that was made anew without taking the former one back.
+void MulticastReceiver::unsafe_leaveReplaced(const NetworkInterface& interface,
+                                             const InterfaceListing& listing)
+{
+    for (auto former = m_joinedInterfaces.begin(); former != m_joinedInterfaces.end();) {
+        if (!isReplaced(former->first, interface, listing)) {
+            ++former;
+            continue;
+        }
+        unsafe_leaveGroup(former->first);
+        former = m_joinedInterfaces.erase(former);
+    }
 }
 
 void MulticastReceiver::unsafe_leaveAll()
@@ -474,6 +480,22 @@ void MulticastReceiver::unsafe_leaveAll()
         unsafe_leaveGroup(interface);
         m_joinedInterfaces.erase(m_joinedInterfaces.begin());
     }
+    unsafe_renewFilter();
+}
+
+/// The kernel keeps a membership on the socket's list when its interface goes, and then takes another one
+/// with the same index for joined already.
+void MulticastReceiver::unsafe_joinGroup(const NetworkInterface& interface)
+{
+    try {
+        m_service->socket.joinGroup(m_discoveryAddress.host(), interface);
+    }
+    catch (const Poco::Exception& exception) {
+        if (exception.code() != EADDRINUSE)
+            throw;
+        unsafe_leaveGroup(interface);
+        m_service->socket.joinGroup(m_discoveryAddress.host(), interface);
+    }
 }
 
 void MulticastReceiver::unsafe_leaveGroup(const NetworkInterface& interface)
@@ -485,6 +507,33 @@ void MulticastReceiver::unsafe_leaveGroup(const NetworkInterface& interface)
         // The interface may be gone, and the membership with it.
         SD_LOG(Debug) << "MulticastReceiver - leaving the group on \"" << interface.name()
                       << "\": " << Common::currentException;
+    }
+}
+
+/// Lets datagrams of the joined interfaces in, and no others. Throws when the kernel does not take the
+/// filter; the former one is in force then.
+void MulticastReceiver::unsafe_filter()
+{
+    std::vector<unsigned> indices;
+    for (const auto& joined : m_joinedInterfaces)
+        indices.push_back(joined.first.index());
+    passOnly(m_service->socket, indices);
+}
+
+/// The same after an interface has been left. A filter that cannot be renewed lets in what others join there.
+void MulticastReceiver::unsafe_renewFilter()
+{
+    constexpr int attempts = 3;
+    for (int attempt = 1; attempt <= attempts; ++attempt) {
+        try {
+            unsafe_filter();
+            return;
+        }
+        catch (...) {
+            if (attempt == attempts)
+                SD_LOG(Error) << "MulticastReceiver - failed to renew the filter: "
+                              << Common::currentException;
+        }
     }
 }
 

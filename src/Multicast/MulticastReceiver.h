@@ -1,5 +1,6 @@
 #pragma once
 
+#include "DataLayer/EngineFrame.h"
 #include "Multicast/InterfaceAdmission.h"
 
 #include <KELOEMInterfaceLib/OEMDispatcherCalls.h>
@@ -80,12 +81,17 @@ public:
     /// Whether the group is joined on the interface of that name.
     bool isJoinedOn(const std::string& name) const;
 
+    /// Whether the calling thread is leaving interfaces: in a line of the log about it, a report waits for
+    /// itself.
+    bool isLeavingOnThisThread() const { return EngineFrame::isOnThisThread(&m_interfacesMutex); }
+
     /// The platform's reports. Join and leave the group on the interface. One that cannot be joined yet is to
     /// be added again later.
     Outcome onInterfaceAdded(OEMInterface::AddServiceDiscoveryInterfacePayload& payload);
     void onInterfaceRemoved(OEMInterface::RemoveServiceDiscoveryInterfacePayload& payload);
 
-    /// Joins the group on the interface unless that has been done. Throws nothing but std::bad_alloc.
+    /// Joins the group on the interface unless that has been done; at a report once more, as the membership
+    /// may have gone with a former interface of that index. Throws nothing but std::bad_alloc.
     Outcome add(const std::string& name, const std::string& ip, const InterfaceListing& listing,
                 Attempt attempt);
 
@@ -109,13 +115,16 @@ private:
     void guarded(const Poco::AutoPtr<Notification>& notification);
 
     void receive(Poco::Net::DatagramSocket& socket, int size);
-    bool isJoined(unsigned index) const;
     void bind();
     void release();
     void renewService();
     bool endThread(long milliseconds);
     void unsafe_leaveAll();
+    void unsafe_leaveReplaced(const Poco::Net::NetworkInterface& interface, const InterfaceListing& listing);
+    void unsafe_joinGroup(const Poco::Net::NetworkInterface& interface);
     void unsafe_leaveGroup(const Poco::Net::NetworkInterface& interface);
+    void unsafe_filter();
+    void unsafe_renewFilter();
 
     SDCommunicationHub& m_parent;
     const Poco::Net::SocketAddress m_discoveryAddress;

@@ -145,6 +145,7 @@ Outcome MulticastSender::add(const std::string& name, const std::string& ip, con
         case Admission::Good:
             break;
     }
+    unsafe_removeReplaced(admitted.interface, listing);
     return unsafe_add(admitted, ip, attempt);
 }
 
@@ -260,6 +261,21 @@ void MulticastSender::removeInterface_byIP(const std::string& name, const std::s
     unsafe_retire(found->second);
     changed.erase(found);
     unsafe_replaceInterfaces(std::move(changed));
+}
+
+/// A platform may report an interface that was made anew without taking the former one back.
+void MulticastSender::unsafe_removeReplaced(const NetworkInterface& interface,
+                                            const InterfaceListing& listing)
+{
+    const std::shared_ptr<const InterfaceContainer> present = interfaces();
+    for (const auto& [former, data] : *present) {
+        if (!isReplaced(former, interface, listing))
+            continue;
+        InterfaceContainer changed = *interfaces();
+        unsafe_retire(data);
+        changed.erase(former);
+        unsafe_replaceInterfaces(std::move(changed));
+    }
 }
 
 void MulticastSender::unsafe_removeAll()

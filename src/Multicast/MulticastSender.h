@@ -178,6 +178,7 @@ private:
     void unsafe_retire(const InterfaceData_t& interface);
     void unsafe_await(const std::string& name, const Poco::Net::IPAddress& address);
     bool unsafe_stopAwaiting(const std::string& name, const Poco::Net::IPAddress& address);
+    void unsafe_removeReplaced(const Poco::Net::NetworkInterface& interface, const InterfaceListing& listing);
     void unsafe_removeAll();
 
     const Poco::Net::SocketAddress m_group;

@@ -11,6 +11,7 @@
 #include <atomic>
 #include <condition_variable>
 #include <cstddef>
+#include <deque>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -31,7 +32,8 @@ class MulticastSender;
 class ReportedInterfaces
 {
 public:
-    /// No more are used, however many a platform reports and does not take back.
+    /// No more are used, however many a platform reports and does not take back. A further one displaces the
+    /// one that could not be used for the longest time.
     static constexpr std::size_t mostInterfaces = 1024;
 
     ReportedInterfaces(MulticastReceiver& receiver, MulticastSender& sender);
@@ -41,7 +43,8 @@ public:
     ReportedInterfaces(const ReportedInterfaces&) = delete;
     ReportedInterfaces& operator=(const ReportedInterfaces&) = delete;
 
-    /// The platform's reports; either text may be null. Never throw.
+    /// The platform's reports; either text may be null. Never throw. One that is made from within a line of
+    /// the log about another one is handled after that.
     void add(const char* name, const char* ip) noexcept;
     void remove(const char* name, const char* ip) noexcept;
 
@@ -60,8 +63,25 @@ private:
         Poco::Net::IPAddress address{};  ///< without scope
         bool isPending = false;
         Poco::Clock pendingSince = SDClock::now();
+        bool wasUsed = false;  ///< by the receiver or the sender at least, which may have it still
+        unsigned index = 0;    ///< that it was served with last
     };
 
+    using Handler = void (ReportedInterfaces::*)(const std::string& name, const std::string& ip);
+    struct Report
+    {
+        Handler handler;
+        std::string name;
+        std::string ip;
+    };
+
+    void report(Handler handler, const char* name, const char* ip) noexcept;
+    bool isAtWorkOnThisThread() const;
+    void queue(Report report, bool isNested);
+    template <class Action>
+    void work(Action action);
+    void handleReports() noexcept;
+    bool displaceLongestPending();
     void take(const std::string& name, const std::string& ip);
     void giveBack(const std::string& name, const std::string& ip);
     std::vector<Interface>::iterator find(const std::string& name, const Poco::Net::IPAddress& address);
@@ -81,6 +101,11 @@ private:
     bool m_isRetrying = false;  // the thread has not ended
     std::thread m_thread;
     std::condition_variable m_changed;
+
+    std::mutex m_reportsMutex;  // guards what follows; nothing is logged under it
+    std::deque<Report> m_reports;
+    std::size_t m_nested = 0;   // of the present work: reports from within
+    std::size_t m_dropped = 0;  // beyond mostInterfaces of these
 };
 
 }  // namespace Nubo::ServiceDiscovery::Multicast

@@ -48,6 +48,7 @@ using Poco::Net::SocketAddress;
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 using ::testing::IsSupersetOf;
+using ::testing::Pair;
 
 namespace {
 
@@ -179,6 +180,13 @@ struct MulticastReceiverTest : ::testing::Test
     void leave(const std::string& interface = "eth0", const std::string& address = "fd00::1")
     {
         receiver->leaveGroupOnInterface_byIP(interface, address);
+    }
+
+    void makeWithIndex77() const
+    {
+        network.here.ip("link add eth7 index 77 type veth peer name eth7 netns there");
+        network.here.ip("link set eth7 up");
+        network.here.addAddress("eth7", "fd07::1/64");
     }
 
     /// Ends the subscription and the receiver.
@@ -513,6 +521,48 @@ TEST_F(MulticastReceiverTest, InterfaceThatHasBeenRenamedSinceIsTheSame)
     EXPECT_THAT(log.lines(),
                 ElementsAre("Warning: ServiceDiscovery failed to join IPv6 Multicast Group on Interface "
                             "\"eth9\" with IP \"fd00::1\", already joined on \"eth0\""));
+}
+
+/// As of an interface that was made anew and never taken back: the socket's membership went with the former
+/// one.
+TEST_F(MulticastReceiverTest, InterfaceMadeAnewWithItsIndexIsJoinedWhenItIsReported)
+{
+    makeWithIndex77();
+    join("eth7", "fd07::1");
+    network.here.ip("link delete eth7");
+    makeWithIndex77();
+    log.clear();
+
+    join("eth7", "fd07::1");
+
+    EXPECT_THAT(groupUsers(), ElementsAre(Pair("eth7", 1u)));
+    EXPECT_THAT(log.lines(),
+                ElementsAre("Warning: ServiceDiscovery failed to join IPv6 Multicast Group on Interface "
+                            "\"eth7\" with IP \"fd07::1\", already joined on \"eth7\""));
+}
+
+TEST_F(MulticastReceiverTest, InterfaceMadeAnewTakesThePlaceOfTheFormerOne)
+{
+    for (int i = 0; i < 3; ++i) {
+        join();
+        network.here.ip("link delete eth0");
+        network.link("eth0", "fd00::1", "fd00::2");
+    }
+    join();
+    log.clear();
+
+    leave();
+
+    EXPECT_THAT(log.lines(), ElementsAre(leaving0ForIP)) << "none of those without an address is left";
+    EXPECT_FALSE(receiver->isJoinedOn("eth0"));
+}
+
+TEST_F(MulticastReceiverTest, FurtherReportLeavesOneMembership)
+{
+    join();
+    join();
+
+    EXPECT_THAT(groupUsers(), ElementsAre(Pair("eth0", 1u)));
 }
 
 TEST_F(MulticastReceiverTest, LinkLocalAddressIsTakenWithAndWithoutScope)
@@ -940,6 +990,38 @@ TEST_F(HungSubscriberTest, DatagramsThatWaitAreTakenTogetherInTheirOrder)
     ASSERT_TRUE(subscriber->gets(sent.size()));
     EXPECT_EQ(subscriber->bytes(), sent);
     EXPECT_EQ(log.count("Trace: MulticastReceiver onSocketReadable"), sent.size() - 1) << "one each";
+}
+
+TEST_F(HungSubscriberTest, DatagramsOnAnInterfaceThatIsNotJoinedTakeNoRoom)
+{
+    network.link("eth1", "fd01::1", "fd01::2");
+    Poco::Net::MulticastSocket otherProgram(SocketAddress::IPv6);
+    otherProgram.joinGroup(IPAddress(discoveryGroup), Poco::Net::NetworkInterface::forName("eth1"));
+    Speaker flooding(network.there, "eth1", "fd01::2");
+
+    for (int i = 0; i < 2000; ++i)  // twice the room that is asked for
+        flooding.send(std::string(8000, 'x'));
+    speaker.send("02"_bytes);
+    gate.open();
+
+    EXPECT_TRUE(subscriber->gets(2));
+    EXPECT_THAT(subscriber->bytes(), ElementsAre("01", "02"));
+    EXPECT_EQ(lostDatagrams(network.here), 0u);
+}
+
+TEST_F(RunningReceiverTest, InterfaceThatOnlyOthersHaveJoinedIsNotHeardAfterARestart)
+{
+    Poco::Net::MulticastSocket otherProgram(SocketAddress::IPv6);
+    otherProgram.joinGroup(IPAddress(discoveryGroup), Poco::Net::NetworkInterface::forName("eth0"));
+    receiver->stop();
+    EXPECT_TRUE(receiver->start());
+
+    speaker.send("01"_bytes);
+    join();
+    speaker.send("02"_bytes);
+
+    EXPECT_TRUE(subscriber->gets(1));
+    EXPECT_THAT(subscriber->bytes(), ElementsAre("02"));
 }
 
 TEST_F(HungSubscriberTest, DestructionWaitsForTheSubscriber)

@@ -1148,6 +1148,22 @@ TEST_F(MulticastSenderTest, RemovalClosesTheSocket)
     EXPECT_EQ(openDescriptors(), before);
 }
 
+TEST_F(MulticastSenderTest, InterfaceMadeAnewTakesThePlaceOfTheFormerOne)
+{
+    const std::size_t before = openDescriptors();
+    for (int i = 0; i < 3; ++i) {
+        addInterface("eth0", "fd00::1");
+        network.here.ip("link delete eth0");
+    }
+    Listener listener = addListenedInterface("eth0", "fd00::1");
+
+    EXPECT_EQ(openDescriptors(), before + 2) << "the socket and the listener's one";
+    log.clear();
+    EXPECT_TRUE(send({"01"}));
+    EXPECT_TRUE(listener.hears(1));
+    EXPECT_THAT(log.complaints(), IsEmpty());
+}
+
 TEST_F(MulticastSenderTest, DestructionClosesEverySocket)
 {
     const std::size_t before = openDescriptors();
