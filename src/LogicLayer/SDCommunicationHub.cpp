@@ -143,14 +143,17 @@ bool isOnly(const ValuesOf& values, const std::string& expected, const char* wha
     return true;
 }
 
-/// Also when it is one of IPv4 in the form of IPv6 (RFC 4291, 2.5.5.2), which leads to this unit as well.
-bool isLoopback(const Poco::Net::IPAddress& ip)
+/// Whether a connection to the wildcard or loopback address leads to the unit that makes it. Some of IPv4 in
+/// the form of IPv6 (RFC 4291, 2.5.5.2) do as well: 0.0.0.0/8, "this network", and 127.0.0.0/8.
+bool leadsBack(const Poco::Net::IPAddress& ip)
 {
     if (!ip.isIPv4Mapped())
-        return ip.isLoopback();
+        return ip.isWildcard() || ip.isLoopback();
     constexpr std::size_t firstOfIPv4 = 12;
+    constexpr std::uint8_t thisNet = 0;
     constexpr std::uint8_t loopbackNet = 127;
-    return static_cast<const std::uint8_t*>(ip.addr())[firstOfIPv4] == loopbackNet;
+    const std::uint8_t net = static_cast<const std::uint8_t*>(ip.addr())[firstOfIPv4];
+    return net == thisNet || net == loopbackNet;
 }
 
 /// Zeros stand for no sender, but a datagram can come from "::": then a multicast address stands for it, from
@@ -561,7 +564,7 @@ void SDCommunicationHub::onOfferServiceReceived(SDRequestHandler::OfferServicePa
             return;
         }
         const Poco::Net::IPAddress& ip = service->getNuboDescription().getIpAddress();
-        if (ip.isWildcard() || isLoopback(ip)) {
+        if (leadsBack(ip)) {
             SD_LOG(Error) << "Failed to handle OFFER_SERVICE due to invalid IP address \"" << ip.toString()
                           << "\".";
             return;
