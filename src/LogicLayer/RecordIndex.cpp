@@ -152,6 +152,18 @@ std::uint16_t NameEntries::highestInstance(std::uint16_t serviceID) const
     return 0;
 }
 
+std::uint16_t NameEntries::lowestFreeInstance(std::uint16_t serviceID, std::uint16_t last) const
+{
+    if (several && isMatchedByName(serviceID))
+        return several->numbers.lowestFree(last);
+    if (several) {
+        const auto found = several->byServiceID.find(serviceID);
+        if (found != several->byServiceID.end())
+            return found->second.lowestFree(last);
+    }
+    return highestInstance(serviceID) == 1 ? 2 : 1;
+}
+
 std::size_t NameEntries::discoveredOf(const Sender* sender) const
 {
     if (!several)

@@ -118,6 +118,9 @@ struct NameEntries
     std::size_t count(std::uint16_t serviceID) const;
     std::uint16_t highestInstance(std::uint16_t serviceID) const;
 
+    /// The lowest instance number up to `last` that none of them has; 0 when there is none.
+    std::uint16_t lowestFreeInstance(std::uint16_t serviceID, std::uint16_t last) const;
+
     /// Discovered services of the name that this unit offered first.
     std::size_t discoveredOf(const Sender* sender) const;
 

@@ -51,6 +51,11 @@ struct ServiceLabel
     }
 };
 
+bool isUsable(unsigned short instanceID)
+{
+    return instanceID >= firstInstance && instanceID <= lastInstance;
+}
+
 const std::string& nameOf(const SDService::Ptr& service)
 {
     return service->getNuboDescription().getName();
@@ -214,10 +219,21 @@ struct SDStateMachine::Matches
                         std::any_of(name->aperiodic.begin(), name->aperiodic.end(), isActive));
     }
 
-    /// The number of a further instance.
+    /// The number of a further instance, which may be a reserved one.
     unsigned short nextInstanceID() const
     {
         return static_cast<unsigned short>(name->highestInstance(identity.serviceID) + 1);
+    }
+
+    /// The same for one that was discovered: never a reserved one. If they are all in use, the last is used
+    /// twice.
+    unsigned short nextDiscoveredInstance() const
+    {
+        const unsigned short next = nextInstanceID();
+        if (isUsable(next))
+            return next;
+        const unsigned short free = name->lowestFreeInstance(identity.serviceID, lastInstance);
+        return free == 0 ? lastInstance : free;
     }
 
     const ServiceIdentity identity;
@@ -386,8 +402,7 @@ std::vector<Entry*> SDStateMachine::unsafe_announcedDuplicates(const SDService& 
 unsigned short SDStateMachine::unsafe_nextOwnInstance(const Matches& matches) const
 {
     const unsigned short next = matches.nextInstanceID();
-    const bool isUsable = next >= firstInstance && next <= lastInstance;
-    if (isUsable && matches.name->discoveredCount <= mostForeignInstances)
+    if (isUsable(next) && matches.name->discoveredCount <= mostForeignInstances)
         return next;
     // What neighbours offer must not use up this unit's numbers.
     return matches.name->ownNumbers().lowestFree(lastInstance);
@@ -566,7 +581,7 @@ bool SDStateMachine::handleOFFER(ExternalEvent& event)
         ServiceIdentity::ofInstance(*service, Type::DISCOVERED), Entry::Workload::Periodic);
     if (!duplicates.empty())
         return reportDuplicates("handleOFFER", duplicates);
-    const unsigned short instanceID = matches.nextInstanceID();
+    const unsigned short instanceID = matches.nextDiscoveredInstance();
     if (!unsafe_discover(service, instanceID, matches))
         return false;
     SD_LOG(Trace) << "SDStateMachine::handleOFFER: add Discovered \"" << name
