@@ -117,6 +117,10 @@ bool SDCommunicationHub::isOwnOutgoingAddress(const Poco::Net::SocketAddress&) c
 {
     return false;
 }
+Poco::Net::IPAddress SDCommunicationHub::unitAddress() const
+{
+    return {};
+}
 bool SDCommunicationHub::containsIP(const Poco::Net::NetworkInterface::AddressList&,
                                     const Poco::Net::IPAddress&, const std::string&)
 {

@@ -658,6 +658,11 @@ bool SDCommunicationHub::containsIP(const Poco::Net::NetworkInterface::AddressLi
         const std::string text = entry.template get<Poco::Net::NetworkInterface::IP_ADDRESS>().toString();
         return text == plain || text == scoped;
     });
+Poco::Net::IPAddress SDCommunicationHub::unitAddress() const
+{
+    return m_sender.unitAddress();
+}
+
 }
 
 std::uint16_t SDCommunicationHub::nextSessionID()

@@ -111,6 +111,8 @@ public:
     std::uint64_t addressChanges() const { return m_sender.addressChanges(); }
     /// Whether the address is that of one of this unit's sending sockets.
     bool isOwnOutgoingAddress(const Poco::Net::SocketAddress& address) const;
+    /// The one that the unit was started on, with no scope; the wildcard before that.
+    Poco::Net::IPAddress unitAddress() const;
 
     /// Whether an interface's address list holds the address, with or without the interface as its scope.
     static bool containsIP(const Poco::Net::NetworkInterface::AddressList& addressList,

@@ -14,6 +14,7 @@
 #include <Poco/Random.h>
 
 #include <atomic>
+#include <bitset>
 #include <cstddef>
 #include <cstdint>
 #include <iosfwd>
@@ -261,6 +262,7 @@ private:
 
     bool unsafe_schedule(const SDService::Ptr& service, Entry* present);
     std::optional<long> firstDelay(const SDService& service);
+    using Ports = std::bitset<65536>;
 
     bool unsafe_announce(SDService::Ptr& service, unsigned short instanceID, Entry* replaced = nullptr);
     std::vector<Entry*> unsafe_announcedDuplicates(const SDService& service, const Matches& matches) const;
@@ -280,6 +282,7 @@ private:
     bool unsafe_reportUnexpected(const ServiceIdentity& identity) const;
     void unsafe_displace(Entry& entry);
     void unsafe_tellGone(Entry& entry);
+    void unsafe_endReflections(const Entry& own, Ports& ports) const;
 
     void unsafe_sendSafely(const SDService::Ptr& service);
     void unsafe_sendSafely(const ServicesContainer& services);
