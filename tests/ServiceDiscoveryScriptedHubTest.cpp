@@ -109,17 +109,21 @@ void SDCommunicationHub::announce(const std::vector<SDService::Ptr>&) {}
 void SDCommunicationHub::notifyServiceRegistry(ServiceDiscovery::ServiceListEventPayload&) const {}
 void SDCommunicationHub::stopFromWithin() noexcept {}
 void SDCommunicationHub::reportDrops() {}
-bool SDCommunicationHub::isOwnAddress(const Poco::Net::IPAddress&) const
+bool SDCommunicationHub::letIncomingBeHandled(long) const
 {
-    return false;
+    return true;
 }
-bool SDCommunicationHub::isOwnOutgoingAddress(const Poco::Net::SocketAddress&) const
+bool SDCommunicationHub::isOwnAddress(const Poco::Net::IPAddress&) const
 {
     return false;
 }
 Poco::Net::IPAddress SDCommunicationHub::unitAddress() const
 {
     return {};
+}
+bool SDCommunicationHub::isOwnOutgoingAddress(const Poco::Net::SocketAddress&) const
+{
+    return false;
 }
 bool SDCommunicationHub::containsIP(const Poco::Net::NetworkInterface::AddressList&,
                                     const Poco::Net::IPAddress&, const std::string&)

@@ -21,7 +21,9 @@
 
 #include <algorithm>
 #include <array>
+#include <chrono>
 #include <cstring>
+#include <thread>
 
 namespace Nubo::ServiceDiscovery {
 
@@ -485,6 +487,19 @@ void SDCommunicationHub::onMessageReceived(MulticastDataPtr& msg)
     reportDrops();
 }
 
+bool SDCommunicationHub::letIncomingBeHandled(long atMostMilliseconds) const
+{
+    using std::chrono::steady_clock;
+    const auto end = steady_clock::now() + std::chrono::milliseconds(atMostMilliseconds);
+    // In the order in which a datagram passes them: one that moves on meanwhile is seen further on.
+    while (m_receiver.hasWaiting() || m_waitingBytes != 0) {
+        if (steady_clock::now() >= end)
+            return false;
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    return true;
+}
+
 void SDCommunicationHub::reportDrops()
 {
     if (const std::uint64_t dropped = m_drops.takeReport())
@@ -643,6 +658,11 @@ bool SDCommunicationHub::isOwnAddress(const Poco::Net::IPAddress& address) const
     return m_sender.isOwnAddress(address);
 }
 
+Poco::Net::IPAddress SDCommunicationHub::unitAddress() const
+{
+    return m_sender.unitAddress();
+}
+
 bool SDCommunicationHub::isOwnOutgoingAddress(const Poco::Net::SocketAddress& address) const
 {
     return m_sender.isOwnOutgoingAddress(address);
@@ -658,11 +678,6 @@ bool SDCommunicationHub::containsIP(const Poco::Net::NetworkInterface::AddressLi
         const std::string text = entry.template get<Poco::Net::NetworkInterface::IP_ADDRESS>().toString();
         return text == plain || text == scoped;
     });
-Poco::Net::IPAddress SDCommunicationHub::unitAddress() const
-{
-    return m_sender.unitAddress();
-}
-
 }
 
 std::uint16_t SDCommunicationHub::nextSessionID()

@@ -205,6 +205,11 @@ bool MulticastReceiver::start()
 
 void MulticastReceiver::stopFromWithin() noexcept {}
 
+bool MulticastReceiver::hasWaiting() const
+{
+    return false;
+}
+
 void MulticastReceiver::stop()
 {
     Ends::portOf(this).isListening = false;
