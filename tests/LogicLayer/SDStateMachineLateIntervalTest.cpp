@@ -132,6 +132,18 @@ TEST_F(LateIntervalTest, IsAlsoTheFirstOneAfterAStart)
     EXPECT_EQ(gone(), 0u);
 }
 
+/// Between the start and the second interval there is no whole cycle with the time that an offer may be late.
+TEST_F(LateIntervalTest, IsAlsoTheSecondOneAfterAStart)
+{
+    SDClock::turn(10 * second);
+
+    machine.start();
+    EXPECT_TRUE(eventually([&] { return offersOfOwn() == 3; }));
+    EXPECT_TRUE(keeps([&] { return gone() == 0; }, std::chrono::milliseconds(300)));
+    EXPECT_TRUE(eventually([&] { return gone() == 1; }));
+    machine.stop();
+}
+
 TEST_F(LateIntervalTest, IsOneThatBeginsMoreThanATenthOfASecondAfterItsTime)
 {
     for (int i = 0; i < 3; ++i)
