@@ -109,9 +109,17 @@ void SDCommunicationHub::announce(const std::vector<SDService::Ptr>&) {}
 void SDCommunicationHub::notifyServiceRegistry(ServiceDiscovery::ServiceListEventPayload&) const {}
 void SDCommunicationHub::stopFromWithin() noexcept {}
 void SDCommunicationHub::reportDrops() {}
+bool SDCommunicationHub::letIncomingBeHandled(long) const
+{
+    return true;
+}
 bool SDCommunicationHub::isOwnAddress(const Poco::Net::IPAddress&) const
 {
     return false;
+}
+Poco::Net::IPAddress SDCommunicationHub::unitAddress() const
+{
+    return {};
 }
 bool SDCommunicationHub::isOwnOutgoingAddress(const Poco::Net::SocketAddress&) const
 {

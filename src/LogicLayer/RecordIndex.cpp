@@ -49,6 +49,11 @@ bool isMatchedByName(std::uint16_t serviceID)
     return serviceID == EntryValues::ServiceID_Non_SOMEIP_SD || serviceID == EntryValues::ServiceID_Any;
 }
 
+std::string_view withoutScope(std::string_view ip)
+{
+    return ip.substr(0, ip.find('%'));
+}
+
 const std::string& nameOf(const Entry& entry)
 {
     return entry->getNuboDescription().getName();
@@ -152,12 +157,35 @@ std::uint16_t NameEntries::highestInstance(std::uint16_t serviceID) const
     return 0;
 }
 
+std::uint16_t NameEntries::lowestFreeInstance(std::uint16_t serviceID, std::uint16_t last) const
+{
+    if (several && isMatchedByName(serviceID))
+        return several->numbers.lowestFree(last);
+    if (several) {
+        const auto found = several->byServiceID.find(serviceID);
+        if (found != several->byServiceID.end())
+            return found->second.lowestFree(last);
+    }
+    return highestInstance(serviceID) == 1 ? 2 : 1;
+}
+
 std::size_t NameEntries::discoveredOf(const Sender* sender) const
 {
     if (!several)
         return !discovered.empty() && discovered.front()->sender == sender ? 1 : 0;
     const auto found = several->discoveredBySender.find(sender);
     return found == several->discoveredBySender.end() ? 0 : found->second;
+}
+
+const Entry* NameEntries::firstOwn() const
+{
+    for (const List* list : {&periodic, &aperiodic}) {
+        for (const Entry& entry : *list) {
+            if (entry.role == Entry::Role::Own)
+                return &entry;
+        }
+    }
+    return nullptr;
 }
 
 InstanceNumbers NameEntries::ownNumbers() const
@@ -425,6 +453,21 @@ Entry* RecordIndex::findDiscovered(const SDService& offered) const
     return count == 1 ? only : nullptr;
 }
 
+bool RecordIndex::hasOwn(const std::string& name, const Poco::Net::IPAddress& address,
+                         std::uint16_t port) const
+{
+    const std::string ip = address.toString();
+    const auto isThere = [&](OptionL4Protocol::L4Protocol_t protocol) {
+        return m_instances.find(hashOfInstance(name, ip, port, protocol), [&](const Entry& entry) {
+            const NuboServiceDescription& own = entry->getNuboDescription();
+            return entry.role == Entry::Role::Own && own.getPort() == port && own.getName() == name &&
+                   withoutScope(own.getIpAddressString()) == withoutScope(ip);
+        }) != nullptr;
+    };
+    return isThere(OptionL4Protocol::TCP) || isThere(OptionL4Protocol::UDP) ||
+           isThere(OptionL4Protocol::NONE);
+}
+
 std::size_t RecordIndex::countInstance(const ServiceIdentity& identity, Entry::Role role) const
 {
     refuseNulls();
@@ -474,10 +517,11 @@ Entry* RecordIndex::find(const SDService::Ptr& record, Entry::Workload workload)
 }
 
 /// The length of the name parts it from the address, so that nothing can be moved from the one into the
-/// other.
-std::uint64_t RecordIndex::hashOfInstance(std::string_view name, std::string_view ip, std::uint16_t port,
+/// other. The scope of the address is left out: some look for a record whatever its scope.
+std::uint64_t RecordIndex::hashOfInstance(std::string_view name, std::string_view scoped, std::uint16_t port,
                                           std::uint8_t protocol) const
 {
+    const std::string_view ip = withoutScope(scoped);
     const std::array<std::uint64_t, 2> numbers{name.size(), std::uint64_t{port} << 8 | protocol};
     std::array<char, 512> bytes;  // an instance that can be on the wire fits
     const std::size_t size = sizeof numbers + name.size() + ip.size();

@@ -8,6 +8,7 @@
 #include "LogicLayer/ServiceIdentity.h"
 
 #include <Poco/Clock.h>
+#include <Poco/Net/IPAddress.h>
 
 #include <cstddef>
 #include <cstdint>
@@ -118,8 +119,14 @@ struct NameEntries
     std::size_t count(std::uint16_t serviceID) const;
     std::uint16_t highestInstance(std::uint16_t serviceID) const;
 
+    /// The lowest instance number up to `last` that none of them has; 0 when there is none.
+    std::uint16_t lowestFreeInstance(std::uint16_t serviceID, std::uint16_t last) const;
+
     /// Discovered services of the name that this unit offered first.
     std::size_t discoveredOf(const Sender* sender) const;
+
+    /// One of this unit's own services, the same one each time; null when there is none.
+    const WorkloadEntry* firstOwn() const;
 
     /// The numbers of this unit's own services.
     InstanceNumbers ownNumbers() const;
@@ -179,6 +186,10 @@ public:
     /// there is none, or when there are several.
     Entry* findDiscovered(const SDService& offered) const;
 
+    /// Whether this unit has a service of that name at the address and port, whatever its protocol. Scopes
+    /// are left out.
+    bool hasOwn(const std::string& name, const Poco::Net::IPAddress& address, std::uint16_t port) const;
+
     /// How many such records have that role.
     std::size_t countInstance(const ServiceIdentity& identity, Entry::Role role) const;
 
@@ -205,7 +216,7 @@ private:
     using Names = HashTable<NameEntries, &NameEntries::byName>;
     using Senders = HashTable<Sender, &Sender::byAddress>;
 
-    std::uint64_t hashOfInstance(std::string_view name, std::string_view ip, std::uint16_t port,
+    std::uint64_t hashOfInstance(std::string_view name, std::string_view scoped, std::uint16_t port,
                                  std::uint8_t protocol) const;
     std::uint64_t hashOfInstance(const ServiceIdentity& identity) const;
     std::uint64_t hashOfInstance(const SDService& record) const;

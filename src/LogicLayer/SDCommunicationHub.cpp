@@ -21,7 +21,9 @@
 
 #include <algorithm>
 #include <array>
+#include <chrono>
 #include <cstring>
+#include <thread>
 
 namespace Nubo::ServiceDiscovery {
 
@@ -143,14 +145,17 @@ bool isOnly(const ValuesOf& values, const std::string& expected, const char* wha
     return true;
 }
 
-/// Also when it is one of IPv4 in the form of IPv6 (RFC 4291, 2.5.5.2), which leads to this unit as well.
-bool isLoopback(const Poco::Net::IPAddress& ip)
+/// Whether a connection to the wildcard or loopback address leads to the unit that makes it. Some of IPv4 in
+/// the form of IPv6 (RFC 4291, 2.5.5.2) do as well: 0.0.0.0/8, "this network", and 127.0.0.0/8.
+bool leadsBack(const Poco::Net::IPAddress& ip)
 {
     if (!ip.isIPv4Mapped())
-        return ip.isLoopback();
+        return ip.isWildcard() || ip.isLoopback();
     constexpr std::size_t firstOfIPv4 = 12;
+    constexpr std::uint8_t thisNet = 0;
     constexpr std::uint8_t loopbackNet = 127;
-    return static_cast<const std::uint8_t*>(ip.addr())[firstOfIPv4] == loopbackNet;
+    const std::uint8_t net = static_cast<const std::uint8_t*>(ip.addr())[firstOfIPv4];
+    return net == thisNet || net == loopbackNet;
 }
 
 /// Zeros stand for no sender, but a datagram can come from "::": then a multicast address stands for it, from
@@ -482,6 +487,19 @@ void SDCommunicationHub::onMessageReceived(MulticastDataPtr& msg)
     reportDrops();
 }
 
+bool SDCommunicationHub::letIncomingBeHandled(long atMostMilliseconds) const
+{
+    using std::chrono::steady_clock;
+    const auto end = steady_clock::now() + std::chrono::milliseconds(atMostMilliseconds);
+    // In the order in which a datagram passes them: one that moves on meanwhile is seen further on.
+    while (m_receiver.hasWaiting() || m_waitingBytes != 0) {
+        if (steady_clock::now() >= end)
+            return false;
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    return true;
+}
+
 void SDCommunicationHub::reportDrops()
 {
     if (const std::uint64_t dropped = m_drops.takeReport())
@@ -561,7 +579,7 @@ void SDCommunicationHub::onOfferServiceReceived(SDRequestHandler::OfferServicePa
             return;
         }
         const Poco::Net::IPAddress& ip = service->getNuboDescription().getIpAddress();
-        if (ip.isWildcard() || isLoopback(ip)) {
+        if (leadsBack(ip)) {
             SD_LOG(Error) << "Failed to handle OFFER_SERVICE due to invalid IP address \"" << ip.toString()
                           << "\".";
             return;
@@ -638,6 +656,11 @@ void SDCommunicationHub::notifyServiceRegistry(ServiceDiscovery::ServiceListEven
 bool SDCommunicationHub::isOwnAddress(const Poco::Net::IPAddress& address) const
 {
     return m_sender.isOwnAddress(address);
+}
+
+Poco::Net::IPAddress SDCommunicationHub::unitAddress() const
+{
+    return m_sender.unitAddress();
 }
 
 bool SDCommunicationHub::isOwnOutgoingAddress(const Poco::Net::SocketAddress& address) const

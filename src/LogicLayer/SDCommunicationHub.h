@@ -102,11 +102,17 @@ public:
     /// Raises the facade's event. Called by the state machine with its mutex held.
     void notifyServiceRegistry(ServiceDiscovery::ServiceListEventPayload& payload) const;
 
+    /// Waits until everything that was received is handled; false when that takes longer. Not to be called
+    /// with a mutex of the engine held.
+    bool letIncomingBeHandled(long atMostMilliseconds) const;
+
     /// Writes the counted warnings that are due.
     void reportDrops();
 
     /// Whether it is one of the addresses at which this unit offers services.
     bool isOwnAddress(const Poco::Net::IPAddress& address) const;
+    /// The one that the unit was started on, with no scope; the wildcard before that.
+    Poco::Net::IPAddress unitAddress() const;
     /// Grows with every change of these addresses.
     std::uint64_t addressChanges() const { return m_sender.addressChanges(); }
     /// Whether the address is that of one of this unit's sending sockets.

@@ -51,6 +51,11 @@ struct ServiceLabel
     }
 };
 
+bool isUsable(unsigned short instanceID)
+{
+    return instanceID >= firstInstance && instanceID <= lastInstance;
+}
+
 const std::string& nameOf(const SDService::Ptr& service)
 {
     return service->getNuboDescription().getName();
@@ -214,10 +219,21 @@ struct SDStateMachine::Matches
                         std::any_of(name->aperiodic.begin(), name->aperiodic.end(), isActive));
     }
 
-    /// The number of a further instance.
+    /// The number of a further instance, which may be a reserved one.
     unsigned short nextInstanceID() const
     {
         return static_cast<unsigned short>(name->highestInstance(identity.serviceID) + 1);
+    }
+
+    /// The same for one that was discovered: never a reserved one. If they are all in use, the last is used
+    /// twice.
+    unsigned short nextDiscoveredInstance() const
+    {
+        const unsigned short next = nextInstanceID();
+        if (isUsable(next))
+            return next;
+        const unsigned short free = name->lowestFreeInstance(identity.serviceID, lastInstance);
+        return free == 0 ? lastInstance : free;
     }
 
     const ServiceIdentity identity;
@@ -386,8 +402,7 @@ std::vector<Entry*> SDStateMachine::unsafe_announcedDuplicates(const SDService& 
 unsigned short SDStateMachine::unsafe_nextOwnInstance(const Matches& matches) const
 {
     const unsigned short next = matches.nextInstanceID();
-    const bool isUsable = next >= firstInstance && next <= lastInstance;
-    if (isUsable && matches.name->discoveredCount <= mostForeignInstances)
+    if (isUsable(next) && matches.name->discoveredCount <= mostForeignInstances)
         return next;
     // What neighbours offer must not use up this unit's numbers.
     return matches.name->ownNumbers().lowestFree(lastInstance);
@@ -566,7 +581,7 @@ bool SDStateMachine::handleOFFER(ExternalEvent& event)
         ServiceIdentity::ofInstance(*service, Type::DISCOVERED), Entry::Workload::Periodic);
     if (!duplicates.empty())
         return reportDuplicates("handleOFFER", duplicates);
-    const unsigned short instanceID = matches.nextInstanceID();
+    const unsigned short instanceID = matches.nextDiscoveredInstance();
     if (!unsafe_discover(service, instanceID, matches))
         return false;
     SD_LOG(Trace) << "SDStateMachine::handleOFFER: add Discovered \"" << name
@@ -615,14 +630,9 @@ bool SDStateMachine::unsafe_isReflected(const SDService& offered, const NameEntr
     const NuboServiceDescription& description = offered.getNuboDescription();
     if (!m_hub.isOwnAddress(description.getIpAddress()))
         return false;
-    bool isAnnounced = false;
-    for (const NameEntries::List* list : {&name->periodic, &name->aperiodic}) {
-        isAnnounced = isAnnounced || std::any_of(list->begin(), list->end(), [&](const Entry& entry) {
-                          return entry.role == Entry::Role::Own &&
-                                 entry->getNuboDescription().getPort() == description.getPort();
-                      });
-    }
-    if (!isAnnounced)
+    // A service at the unit's address is offered at that of each interface.
+    if (!m_index.hasOwn(description.getName(), description.getIpAddress(), description.getPort()) &&
+        !m_index.hasOwn(description.getName(), m_hub.unitAddress(), description.getPort()))
         return false;
     if (m_reflectedOffers++ == 0)
         SD_LOG(Warning)
@@ -950,15 +960,34 @@ void SDStateMachine::unsafe_endReflections()
     const std::uint64_t changes = m_hub.addressChanges();
     if (std::exchange(m_addressChanges, changes) == changes)
         return;
-    for (const auto& [due, entry] : m_aperiodicWorkload) {
-        if (entry.role == Entry::Role::Own)
-            unsafe_endReflections(*entry);
-    }
+    Ports ports;
+    for (const auto& [due, entry] : m_aperiodicWorkload)
+        unsafe_endReflections(entry, ports);
     m_periodicWorkload.startLocalWalk();
-    while (const Entry* const entry = m_periodicWorkload.walkLocals()) {
-        if (entry->role == Entry::Role::Own)
-            unsafe_endReflections(**entry);
+    while (const Entry* const entry = m_periodicWorkload.walkLocals())
+        unsafe_endReflections(*entry, ports);
+}
+
+/// The same for all services of a name, at the first of them; no port is set before and afterwards.
+void SDStateMachine::unsafe_endReflections(const Entry& own, Ports& ports) const
+{
+    if (own.role != Entry::Role::Own || own.name->firstOwn() != &own || own.name->discovered.empty())
+        return;
+    const auto setPorts = [&](bool isOwn) {
+        for (const NameEntries::List* list : {&own.name->periodic, &own.name->aperiodic}) {
+            for (const Entry& entry : *list) {
+                if (entry.role == Entry::Role::Own)
+                    ports.set(entry->getNuboDescription().getPort(), isOwn);
+            }
+        }
+    };
+    setPorts(true);
+    for (Entry& entry : own.name->discovered) {
+        const NuboServiceDescription& description = entry->getNuboDescription();
+        if (ports.test(description.getPort()) && m_hub.isOwnAddress(description.getIpAddress()))
+            entry->setTTL(0);
     }
+    setPorts(false);
 }
 
 void SDStateMachine::unsafe_erase(Entry& entry)

@@ -14,6 +14,7 @@
 #include <Poco/Random.h>
 
 #include <atomic>
+#include <bitset>
 #include <cstddef>
 #include <cstdint>
 #include <iosfwd>
@@ -231,15 +232,18 @@ protected:
         /// Whether the record stays in the workload; what is to be sent of it goes into the batch.
         static bool handleLocal(const SDService::Ptr& entry, ServicesContainer& batch);
         static bool handleAnnounced(SDService::Ptr service, ServicesContainer& batch);
-        void hearFirst(const Poco::Clock& heldUpSince, long milliseconds);
+        void hearFirst(const Poco::Clock& heldUpSince, const Poco::Clock& now);
+        void hearAgain();
         bool isOver(const Poco::Clock& now) const;
         void expire(WorkloadLock& lock);
-        /// Whether the record has run out.
-        bool expire(WorkloadEntry& entry);
+        /// Whether the record had run out by then.
+        bool expire(WorkloadEntry& entry, const Poco::Clock& heardUntil);
 
-        Poco::Clock m_begin{Poco::Clock::ClockVal{0}};    // of the last interval
+        Poco::Clock m_begin{Poco::Clock::ClockVal{0}};        // of the last interval
+        Poco::Clock m_beginBefore{Poco::Clock::ClockVal{0}};  // of the one before; 0: none since the start
         Poco::Clock m_heardAt{Poco::Clock::ClockVal{0}};  // before, only what had run out by then is gone:
         Poco::Clock m_heldUpSince{Poco::Clock::ClockVal{0}};
+        Poco::Clock m_hearingSince{Poco::Clock::ClockVal{0}};
         Poco::Clock m_listeningSince{Poco::Clock::ClockVal{0}};
     };
 
@@ -258,6 +262,7 @@ protected:
 private:
     struct Matches;
     using Entry = WorkloadEntry;
+    using Ports = std::bitset<65536>;
 
     bool unsafe_schedule(const SDService::Ptr& service, Entry* present);
     std::optional<long> firstDelay(const SDService& service);
@@ -277,6 +282,7 @@ private:
     bool unsafe_isReflected(const SDService& offered, const NameEntries* name);
     void unsafe_endReflections(const SDService& announced) const noexcept;
     void unsafe_endReflections();
+    void unsafe_endReflections(const Entry& own, Ports& ports) const;
     bool unsafe_reportUnexpected(const ServiceIdentity& identity) const;
     void unsafe_displace(Entry& entry);
     void unsafe_tellGone(Entry& entry);

@@ -85,6 +85,20 @@ void passOnly(const MulticastSocket& socket, const std::vector<unsigned>& indice
     socket.impl()->setRawOption(SOL_SOCKET, SO_ATTACH_FILTER, &filter, sizeof(filter));
 }
 
+/// Sets a mark while it exists.
+class Taking
+{
+public:
+    explicit Taking(std::atomic<bool>& mark) : m_mark(mark) { m_mark = true; }
+    ~Taking() { m_mark = false; }
+
+    Taking(const Taking&) = delete;
+    Taking& operator=(const Taking&) = delete;
+
+private:
+    std::atomic<bool>& m_mark;
+};
+
 Poco::Buffer<char> allocateFrame(DatagramSocket& socket, int size)
 {
     try {
@@ -289,6 +303,7 @@ void MulticastReceiver::onSocketReadable(const Poco::AutoPtr<ReadableNotificatio
         (DebugUtils::setThreadName("SdSockReact", "MulticastReceiver::onSocketReadable"), true);
     static_cast<void>(named);
 
+    const Taking taking(m_isTaking);
     DatagramSocket socket(notification->socket());
     int available = socket.available();
     if (available == 0) {
@@ -330,6 +345,21 @@ void MulticastReceiver::onReactorShutdown(const Poco::AutoPtr<ShutdownNotificati
 {
     SD_LOG(Error) << "MulticastReceiver encountered Reactor Shutdown \"" << notification->name()
                   << "\" from \"" << notification->socket().address().toString() << "\"";
+}
+
+bool MulticastReceiver::hasWaiting() const
+{
+    const std::unique_lock<std::mutex> lock(m_interfacesMutex, std::try_to_lock);
+    if (!lock)
+        return true;
+    if (m_service->isStopping)
+        return false;
+    try {
+        return m_service->socket.available() > 0 || m_isTaking;
+    }
+    catch (const Poco::Exception&) {
+        return false;  // closed for want of memory
+    }
 }
 
 bool MulticastReceiver::isJoinedOn(const std::string& name) const

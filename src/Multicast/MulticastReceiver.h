@@ -78,6 +78,10 @@ public:
     /// From here on no event begins. For a thread that must not wait, be it the receiver's own.
     void stopFromWithin() noexcept;
 
+    /// Whether datagrams wait on the socket, or one is being taken off it; false when the receiver does not
+    /// run. Never waits: when interfaces are being joined, it says that there may be some.
+    bool hasWaiting() const;
+
     /// Whether the group is joined on the interface of that name.
     bool isJoinedOn(const std::string& name) const;
 
@@ -131,6 +135,7 @@ private:
     mutable std::mutex m_interfacesMutex;  // guards what follows
     InterfaceContainer m_joinedInterfaces;
     std::unique_ptr<Service> m_service;
+    std::atomic<bool> m_isTaking{false};  // datagrams off the socket
 };
 
 using MulticastDataPtr = MulticastReceiver::MulticastDataPtr;

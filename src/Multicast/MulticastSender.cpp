@@ -480,6 +480,14 @@ bool MulticastSender::isOwnOutgoingAddress(const SocketAddress& origin) const
                        });
 }
 
+IPAddress MulticastSender::unitAddress() const
+{
+    const std::shared_ptr<const std::string> unit = std::atomic_load(&m_unitAddress);
+    if (!unit || unit->size() != sizeof(in6_addr))
+        return IPAddress(IPAddress::IPv6);
+    return IPAddress(unit->data(), sizeof(in6_addr));
+}
+
 bool MulticastSender::isOwnAddress(const IPAddress& address) const
 {
     if (address.family() != IPAddress::IPv6)

@@ -72,6 +72,8 @@ public:
 
     /// Whether it is the placeholder, or the address of an interface that is in use; the scope is left out.
     bool isOwnAddress(const Poco::Net::IPAddress& address) const;
+    /// The placeholder, with no scope; the wildcard before init().
+    Poco::Net::IPAddress unitAddress() const;
     /// Grows with every change of these addresses.
     std::uint64_t addressChanges() const { return m_addressChanges; }
 

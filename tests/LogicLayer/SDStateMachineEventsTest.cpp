@@ -12,6 +12,7 @@
 #include <mutex>
 #include <ostream>
 #include <thread>
+#include <vector>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -213,7 +214,23 @@ TEST_F(SDStateMachineEventsTest, HighestNumberOfAPutMayStandInTheAperiodicWorklo
     EXPECT_EQ(service->getInstanceId(), 8);
 }
 
-TEST_F(SDStateMachineEventsTest, NumberOfADiscoveredInstanceIsCutToSixteenBits)
+TEST_F(SDStateMachineEventsTest, DiscoveredInstanceAfterTheHighestNumberGetsTheLowestFreeOne)
+{
+    SDService::Ptr known = discovered();
+    known->setInstanceId(0xfffd);
+    machine.putPeriodic(known);
+
+    std::vector<unsigned short> numbers;
+    for (const char* address : {"fd00::3", "fd00::4", "fd00::5"}) {
+        SDService::Ptr service = offered("Media", address);
+        EXPECT_TRUE(offer(service));
+        numbers.push_back(service->getInstanceId());
+    }
+
+    EXPECT_THAT(numbers, ElementsAre(0xfffe, 1, 2));
+}
+
+TEST_F(SDStateMachineEventsTest, DiscoveredInstanceIsNotNumberedAfterAReservedNumber)
 {
     SDService::Ptr known = discovered();
     known->setInstanceId(0xffff);
@@ -222,7 +239,19 @@ TEST_F(SDStateMachineEventsTest, NumberOfADiscoveredInstanceIsCutToSixteenBits)
 
     EXPECT_TRUE(offer(service));
 
-    EXPECT_EQ(service->getInstanceId(), 0);
+    EXPECT_EQ(service->getInstanceId(), 1);
+}
+
+TEST_F(SDStateMachineEventsTest, DiscoveredInstanceSharesTheLastNumberWhenNoneIsFree)
+{
+    for (unsigned number = 1; number <= 0xfffe; ++number)
+        machine.putPeriodic(announced(State::MAIN_PHASE, "fd00::1", static_cast<unsigned short>(number),
+                                      static_cast<unsigned short>(number)));
+    SDService::Ptr service = offered("Media", "fd00::3");
+
+    EXPECT_TRUE(offer(service));
+
+    EXPECT_EQ(service->getInstanceId(), 0xfffe);
 }
 
 TEST_F(SDStateMachineEventsTest, FurtherInstanceIsNumberOneWhenTheHighestNumberIsZero)
@@ -740,18 +769,6 @@ TEST_F(SDStateMachineEventsTest, FurtherInstanceIsNumberedAfterAllRecordsOfTheSe
 
     EXPECT_EQ(service->getInstanceId(), 7);
     EXPECT_THAT(aperiodic(), SizeIs(2)) << "the search goes on";
-}
-
-TEST_F(SDStateMachineEventsTest, NumberOfADiscoveredServiceIsCutToSixteenBits)
-{
-    SDService::Ptr last = discovered("fd00::3");
-    last->setInstanceId(0xffff);
-    machine.putPeriodic(last);
-    SDService::Ptr service = offered("Media");
-
-    EXPECT_TRUE(offer(service));
-
-    EXPECT_EQ(service->getInstanceId(), 0);
 }
 
 TEST_F(SDStateMachineEventsTest, OfferOfALocalServicesEndpointIsAFurtherInstance)

@@ -1024,6 +1024,31 @@ TEST_F(RunningReceiverTest, InterfaceThatOnlyOthersHaveJoinedIsNotHeardAfterARes
     EXPECT_THAT(subscriber->bytes(), ElementsAre("02"));
 }
 
+TEST_F(HungSubscriberTest, DatagramsWaitUntilTheLastOneIsHandedOver)
+{
+    EXPECT_TRUE(receiver->hasWaiting()) << "the one that is being handed over";
+    speaker.send("02"_bytes);
+
+    gate.open();
+
+    EXPECT_TRUE(eventually([&] { return !receiver->hasWaiting(); }));
+    EXPECT_THAT(subscriber->bytes(), ElementsAre("01", "02"));
+}
+
+TEST_F(HungSubscriberTest, NothingWaitsAfterTheStop)
+{
+    speaker.send("02"_bytes);
+
+    receiver->stop();
+
+    EXPECT_FALSE(receiver->hasWaiting());
+}
+
+TEST_F(MulticastReceiverTest, NothingWaitsBeforeTheStart)
+{
+    EXPECT_FALSE(receiver->hasWaiting());
+}
+
 TEST_F(HungSubscriberTest, DestructionWaitsForTheSubscriber)
 {
     std::atomic<bool> isDestroyed{false};
