@@ -437,14 +437,16 @@ TEST_F(InterfaceFaultsTest, ReportFromWithinALineOfTheRetryingThreadIsHandledAft
     network.here.ip("address delete fd00::1/64 dev eth0");
     unit.platform.dispatcher().addInterface("eth0", globalAddress);
     ASSERT_TRUE(start());
+    OEMInterface::AddServiceDiscoveryInterfacePayload report{{"eth1", "fd01::1"}};
     log.onLine([&](const std::string& line) {
         if (line == "Notice: ServiceDiscovery joining IPv6 Multicast Group for Interface \"eth0\".")
-            unit.platform.dispatcher().addInterface("eth1", "fd01::1");
+            reportAdded(unit.hub, report);
     });
 
     network.here.addAddress("eth0", "fd00::1/64");
 
     EXPECT_TRUE(eventually([] { return joinedInterfaces().size() == 2; }));
+    log.onLine(nullptr);
 }
 
 TEST_F(InterfaceFaultsTest, ReportFromWithinALineOfTheStopIsHandledAtTheNextStart)
@@ -452,9 +454,10 @@ TEST_F(InterfaceFaultsTest, ReportFromWithinALineOfTheStopIsHandledAtTheNextStar
     network.link("eth1", "fd01::1");
     unit.platform.dispatcher().addInterface("eth0", globalAddress);
     ASSERT_TRUE(start());
+    OEMInterface::AddServiceDiscoveryInterfacePayload report{{"eth1", "fd01::1"}};
     log.onLine([&](const std::string& line) {
         if (line == "Notice: ServiceDiscovery leaving IPv6 Multicast Group for all joined Interfaces.")
-            unit.platform.dispatcher().addInterface("eth1", "fd01::1");
+            reportAdded(unit.hub, report);
     });
 
     unit.hub.stop();
@@ -462,6 +465,7 @@ TEST_F(InterfaceFaultsTest, ReportFromWithinALineOfTheStopIsHandledAtTheNextStar
     ASSERT_TRUE(start());
 
     EXPECT_THAT(joinedInterfaces(), ElementsAre("eth0", "eth1"));
+    log.onLine(nullptr);
 }
 
 TEST_F(InterfaceFaultsTest, ReportsFromWithinEveryLineOfTheLogComeToAnEnd)
