@@ -40,8 +40,16 @@ public:
             frame->release();
     }
 
+    /// Ends the process if it was forked while this thread, one of an engine, worked.
+    static void endChild()
+    {
+        for (const EngineFrame* frame = innermost(); frame; frame = frame->m_outer)
+            frame->endIfChild();
+    }
+
 private:
     virtual void release() noexcept {}
+    virtual void endIfChild() const {}
 
     static EngineFrame*& innermost()
     {
@@ -53,17 +61,16 @@ private:
     EngineFrame* const m_outer;
 };
 
-/// Marks a thread of the engine while it works. A child that is forked meanwhile, by a subscriber or a log
-/// channel that returns in it, ends when the work is done: it must not go on with that of the parent.
+/// Marks a thread of the engine while it works. A child that is forked meanwhile, by a log channel that
+/// returns in it, ends at once: it must not go on with the work of the parent.
 class EngineThread : public EngineFrame
 {
 public:
     explicit EngineThread(const void* part) : EngineFrame(part) {}
-    ~EngineThread() override { endChild(); }
-
-    void endChild() const { m_process.endChild(); }
 
 private:
+    void endIfChild() const override { m_process.endChild(); }
+
     const Common::OwnProcess m_process;
 };
 

@@ -92,6 +92,13 @@ public:
     std::ostream& stream() { return m_stream; }
 
 private:
+    /// Looks, once the line is written, whether the channel has forked and returned in the child.
+    struct AfterTheLine
+    {
+        ~AfterTheLine();
+    };
+
+    AfterTheLine m_afterTheLine;
     Logging::LogStream m_stream;
 };
 

@@ -66,7 +66,6 @@ void SDRequestHandler::run()
         catch (...) {
             SD_LOG(Error) << "SDRequestHandler - caught exception: " << Common::currentException;
         }
-        frame.endChild();
     }
 }
 
