@@ -29,7 +29,8 @@ class Engine;
 /// writing a line of the library, is refused. When memory is short, requests throw std::bad_alloc and change
 /// nothing; startup() and shutdown() never throw.
 ///
-/// The object belongs to the process that created it: in a forked child every operation is refused.
+/// The object belongs to the process that created it: in a forked child every operation is refused. A child
+/// that is forked within ServiceListChanged and returns from it ends there with exit code 0.
 class KEL_SD_EXPORT ServiceDiscovery
 {
 public:

@@ -92,6 +92,14 @@ public:
     std::ostream& stream() { return m_stream; }
 
 private:
+    /// Ends a forked child in which the channel returns. Declared before the stream, so that its destructor
+    /// runs after the line has been written.
+    struct AfterTheLine
+    {
+        ~AfterTheLine();
+    };
+
+    AfterTheLine m_afterTheLine;
     Logging::LogStream m_stream;
 };
 

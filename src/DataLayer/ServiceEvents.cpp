@@ -1,9 +1,9 @@
 #include "DataLayer/ServiceEvents.h"
 
+#include <Common/OwnProcess.h>
+
 #include <atomic>
 #include <memory>
-
-#include <unistd.h>
 
 namespace Nubo::ServiceDiscovery {
 
@@ -54,25 +54,25 @@ ServiceListEventPayload::ServiceListEventPayload(EventType eventType, const Nubo
     , m_localUuid(localUuid)
 {}
 
-ServiceListEvent::ServiceListEvent() : m_process(::getpid()) {}
+ServiceListEvent::ServiceListEvent() : m_process(Common::OwnProcess::mark()) {}
 
 void ServiceListEvent::operator+=(const Delegate& delegate)
 {
-    if (m_process != ::getpid())
+    if (m_process != Common::OwnProcess::mark())
         return;
     BasicEvent::operator+=(UnlockedDelegate(delegate));
 }
 
 void ServiceListEvent::operator-=(const Delegate& delegate)
 {
-    if (m_process != ::getpid())
+    if (m_process != Common::OwnProcess::mark())
         return;
     BasicEvent::operator-=(delegate);
 }
 
 void ServiceListEvent::clear()
 {
-    if (m_process == ::getpid())
+    if (m_process == Common::OwnProcess::mark())
         BasicEvent::clear();
 }
 

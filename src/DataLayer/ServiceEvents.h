@@ -92,7 +92,7 @@ public:
     void notify(const void* sender, ServiceListEventPayload& payload);
 
 private:
-    const int m_process;
+    const std::uint64_t m_process;
 };
 
 }  // namespace Nubo::ServiceDiscovery

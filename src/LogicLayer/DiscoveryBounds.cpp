@@ -75,8 +75,7 @@ public:
                 return refused();
             if (!m_displaced.empty() && stalest == m_displaced.front())
                 continue;  // already displaced as an instance of the same name
-            const std::size_t takenByItsSender = stalest->sender ? stalest->sender->records : 0;
-            if (!isDisplaceable(*stalest, m_isNearlyFull, takenByItsSender > m_records.takenBySender))
+            if (!isDisplaceable(*stalest, m_isNearlyFull, hasMoreOfWhatLacks(stalest->sender)))
                 return refused();
             displace(*stalest);
         }
@@ -87,6 +86,15 @@ private:
     std::size_t inName(const Sender* sender) const
     {
         return m_name && sender ? m_name->discoveredOf(sender) : 0;
+    }
+
+    /// Whether the other unit has more places than the offering one, or more bytes if only bytes are short.
+    bool hasMoreOfWhatLacks(const Sender* other) const
+    {
+        if (!other)
+            return false;
+        return hasRoom(m_records, 1) ? other->text > m_text.takenBySender
+                                     : other->records > m_records.takenBySender;
     }
 
     bool hasRoom(const Tally& tally, std::size_t amount) const

@@ -77,15 +77,18 @@ bool isOnly(const ValuesOf& values, const std::string& expected, const char* wha
     return true;
 }
 
-/// Whether the address is a loopback address, IPv4-mapped ones included (RFC 4291 section 2.5.5.2):
-/// ::ffff:127.0.0.0/104 reaches this unit, too.
-bool isLoopback(const Poco::Net::IPAddress& ip)
+/// Whether a connection to the address leads back to the connecting unit. This holds for the wildcard and the
+/// loopback address, and for two networks of IPv4-mapped addresses (RFC 4291 section 2.5.5.2): 0.0.0.0/8,
+/// "this network", and 127.0.0.0/8.
+bool leadsBack(const Poco::Net::IPAddress& ip)
 {
     if (!ip.isIPv4Mapped())
-        return ip.isLoopback();
+        return ip.isWildcard() || ip.isLoopback();
     constexpr std::size_t firstOfIPv4 = 12;
+    constexpr std::uint8_t thisNet = 0;
     constexpr std::uint8_t loopbackNet = 127;
-    return static_cast<const std::uint8_t*>(ip.addr())[firstOfIPv4] == loopbackNet;
+    const std::uint8_t net = static_cast<const std::uint8_t*>(ip.addr())[firstOfIPv4];
+    return net == thisNet || net == loopbackNet;
 }
 
 /// An all-zero sender means "unknown", yet a datagram can have the source address "::". Such a sender gets a
@@ -153,7 +156,7 @@ IncomingOffer IncomingEntries::readOffer(const SOME_IP_SD_Header::EntryData& dat
         return {};
     }
     const Poco::Net::IPAddress& ip = service->getNuboDescription().getIpAddress();
-    if (ip.isWildcard() || isLoopback(ip)) {
+    if (leadsBack(ip)) {
         SD_LOG(Error) << "Failed to handle OFFER_SERVICE due to invalid IP address \"" << ip.toString()
                       << "\".";
         return {};

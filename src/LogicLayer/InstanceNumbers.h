@@ -7,6 +7,15 @@
 
 namespace Nubo::ServiceDiscovery {
 
+/// Range of the numbers that an instance can have: 0 is reserved, 0xFFFF means any.
+constexpr unsigned short firstInstance = 1;
+constexpr unsigned short lastInstance = 0xFFFE;
+
+constexpr bool isUsableInstance(unsigned short number)
+{
+    return number >= firstInstance && number <= lastInstance;
+}
+
 /// The instance numbers in use by the records of one service, duplicates included. Not thread-safe.
 class InstanceNumbers
 {

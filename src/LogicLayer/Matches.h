@@ -1,5 +1,6 @@
 #pragma once
 
+#include "LogicLayer/InstanceNumbers.h"
 #include "LogicLayer/RecordIndex.h"
 #include "LogicLayer/Records.h"
 #include "LogicLayer/ServiceIdentity.h"
@@ -79,11 +80,22 @@ struct Matches
                         std::any_of(name->aperiodic.begin(), name->aperiodic.end(), isActive));
     }
 
-    /// Returns the number for a further instance, one above the highest in use; 0 when that overflows.
+    /// Returns the number for a further instance, one above the highest in use, even if it is a reserved one.
     /// Requires a non-null `name`.
     unsigned short nextInstanceID() const
     {
         return static_cast<unsigned short>(name->highestInstance(identity.serviceID) + 1);
+    }
+
+    /// Returns the number for a further discovered instance, never a reserved one. If all numbers are in use,
+    /// the last one is used twice. Requires a non-null `name`.
+    unsigned short nextDiscoveredInstance() const
+    {
+        const unsigned short next = nextInstanceID();
+        if (isUsableInstance(next))
+            return next;
+        const unsigned short free = name->lowestFreeInstance(identity.serviceID, lastInstance);
+        return free == 0 ? lastInstance : free;
     }
 
     const ServiceIdentity identity;

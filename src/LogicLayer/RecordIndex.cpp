@@ -1,5 +1,6 @@
 #include "LogicLayer/RecordIndex.h"
 
+#include "DataLayer/AddressText.h"
 #include "DataLayer/SDClock.h"
 
 #include <Poco/Exception.h>
@@ -153,12 +154,35 @@ std::uint16_t NameEntries::highestInstance(std::uint16_t serviceID) const
     return 0;
 }
 
+std::uint16_t NameEntries::lowestFreeInstance(std::uint16_t serviceID, std::uint16_t last) const
+{
+    if (several && isMatchedByName(serviceID))
+        return several->numbers.lowestFree(last);
+    if (several) {
+        const auto found = several->byServiceID.find(serviceID);
+        if (found != several->byServiceID.end())
+            return found->second.lowestFree(last);
+    }
+    return highestInstance(serviceID) == 1 ? 2 : 1;
+}
+
 std::size_t NameEntries::discoveredOf(const Sender* sender) const
 {
     if (!several)
         return !discovered.empty() && discovered.front()->sender == sender ? 1 : 0;
     const auto found = several->discoveredBySender.find(sender);
     return found == several->discoveredBySender.end() ? 0 : found->second;
+}
+
+const Entry* NameEntries::firstOwn() const
+{
+    for (const List* list : {&periodic, &aperiodic}) {
+        for (const Entry& entry : *list) {
+            if (entry.role == Entry::Role::Own)
+                return &entry;
+        }
+    }
+    return nullptr;
 }
 
 InstanceNumbers NameEntries::ownNumbers() const
@@ -426,6 +450,21 @@ Entry* RecordIndex::findDiscovered(const SDService& offered) const
     return count == 1 ? only : nullptr;
 }
 
+bool RecordIndex::hasOwn(const std::string& name, const Poco::Net::IPAddress& address,
+                         std::uint16_t port) const
+{
+    const std::string ip = address.toString();
+    const auto isThere = [&](OptionL4Protocol::L4Protocol_t protocol) {
+        return m_instances.find(hashOfInstance(name, ip, port, protocol), [&](const Entry& entry) {
+            const NuboServiceDescription& own = entry->getNuboDescription();
+            return entry.role == Entry::Role::Own && own.getPort() == port && own.getName() == name &&
+                   withoutScope(own.getIpAddressString()) == withoutScope(ip);
+        }) != nullptr;
+    };
+    return isThere(OptionL4Protocol::TCP) || isThere(OptionL4Protocol::UDP) ||
+           isThere(OptionL4Protocol::NONE);
+}
+
 std::size_t RecordIndex::countInstance(const ServiceIdentity& identity, Entry::Role role) const
 {
     refuseNulls();
@@ -474,10 +513,12 @@ Entry* RecordIndex::find(const SDService::Ptr& record, Entry::Workload workload)
     return found;
 }
 
-/// The hash includes the length of the name, so that shifting bytes between name and address changes it.
-std::uint64_t RecordIndex::hashOfInstance(std::string_view name, std::string_view ip, std::uint16_t port,
+/// The hash includes the length of the name, so that shifting bytes between name and address changes it. It
+/// ignores the scope of the address, because some callers look for a record regardless of its scope.
+std::uint64_t RecordIndex::hashOfInstance(std::string_view name, std::string_view scoped, std::uint16_t port,
                                           std::uint8_t protocol) const
 {
+    const std::string_view ip = withoutScope(scoped);
     const std::array<std::uint64_t, 2> numbers{name.size(), std::uint64_t{port} << 8 | protocol};
     std::array<char, 512> bytes;  // fits every instance that can be sent
     const std::size_t size = sizeof numbers + name.size() + ip.size();

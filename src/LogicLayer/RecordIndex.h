@@ -8,6 +8,7 @@
 #include "LogicLayer/ServiceIdentity.h"
 
 #include <Poco/Clock.h>
+#include <Poco/Net/IPAddress.h>
 
 #include <cstddef>
 #include <cstdint>
@@ -119,8 +120,15 @@ struct NameEntries
     std::size_t count(std::uint16_t serviceID) const;
     std::uint16_t highestInstance(std::uint16_t serviceID) const;
 
+    /// Returns the lowest instance number up to `last` that no matching record has, or 0 when there is none.
+    std::uint16_t lowestFreeInstance(std::uint16_t serviceID, std::uint16_t last) const;
+
     /// Returns the number of discovered services of the name that `sender` was the first to offer.
     std::size_t discoveredOf(const Sender* sender) const;
+
+    /// Returns one of this unit's own services, the same one in every call until they change, or null when
+    /// there is none.
+    const WorkloadEntry* firstOwn() const;
 
     /// Returns the instance numbers of this unit's own services. Throws std::bad_alloc.
     InstanceNumbers ownNumbers() const;
@@ -181,6 +189,10 @@ public:
     /// when there are none or several.
     Entry* findDiscovered(const SDService& offered) const;
 
+    /// Whether this unit has a service of that name at the address and port, regardless of protocol and
+    /// scope.
+    bool hasOwn(const std::string& name, const Poco::Net::IPAddress& address, std::uint16_t port) const;
+
     /// Returns the number of matching records in that role. The identity must have a name and an endpoint.
     std::size_t countInstance(const ServiceIdentity& identity, Entry::Role role) const;
 
@@ -207,7 +219,7 @@ private:
     using Names = HashTable<NameEntries, &NameEntries::byName>;
     using Senders = HashTable<Sender, &Sender::byAddress>;
 
-    std::uint64_t hashOfInstance(std::string_view name, std::string_view ip, std::uint16_t port,
+    std::uint64_t hashOfInstance(std::string_view name, std::string_view scoped, std::uint16_t port,
                                  std::uint8_t protocol) const;
     std::uint64_t hashOfInstance(const ServiceIdentity& identity) const;
     std::uint64_t hashOfInstance(const SDService& record) const;

@@ -12,6 +12,9 @@
 #include <Poco/Delegate.h>
 #include <Poco/Exception.h>
 
+#include <chrono>
+#include <thread>
+
 namespace Nubo::ServiceDiscovery {
 
 using Event = SDStateMachine::ExternalEvent;
@@ -204,7 +207,7 @@ bool SDCommunicationHub::isOnThisThread() const
 
 bool SDCommunicationHub::isOfThisProcess() const
 {
-    return ::getpid() == m_process;
+    return m_process.isThis();
 }
 
 /// Returns whether the thread of an earlier run has ended; tries to end it first.
@@ -271,6 +274,19 @@ void SDCommunicationHub::onMessageReceived(MulticastDataPtr& msg)
     reportDrops();
 }
 
+bool SDCommunicationHub::letIncomingBeHandled(long atMostMilliseconds) const
+{
+    using std::chrono::steady_clock;
+    const auto end = steady_clock::now() + std::chrono::milliseconds(atMostMilliseconds);
+    // Checked in the order in which a datagram passes them, so that none slips by between the two checks.
+    while (m_receiver.hasWaiting() || m_waitingBytes != 0) {
+        if (steady_clock::now() >= end)
+            return false;
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    return true;
+}
+
 void SDCommunicationHub::reportDrops()
 {
     if (const std::uint64_t dropped = m_drops.takeReport())
@@ -333,11 +349,17 @@ void SDCommunicationHub::notifyServiceRegistry(ServiceListEventPayload& payload)
 {
     const EngineFrame frame(this);
     m_serviceDiscovery(payload);
+    m_process.endChild();
 }
 
 bool SDCommunicationHub::isOwnAddress(const Poco::Net::IPAddress& address) const
 {
     return m_sender.isOwnAddress(address);
+}
+
+Poco::Net::IPAddress SDCommunicationHub::unitAddress() const
+{
+    return m_sender.unitAddress();
 }
 
 bool SDCommunicationHub::isOwnOutgoingAddress(const Poco::Net::SocketAddress& address) const

@@ -12,6 +12,7 @@
 #include "Multicast/OutgoingAddresses.h"
 #include "Multicast/ReportedInterfaces.h"
 
+#include <Common/OwnProcess.h>
 #include <KELOEMInterfaceLib/OEMDispatcherCalls.h>
 
 #include <Poco/Mutex.h>
@@ -27,8 +28,6 @@
 #include <string>
 #include <utility>
 #include <vector>
-
-#include <unistd.h>
 
 namespace Nubo::ServiceDiscovery {
 
@@ -90,11 +89,17 @@ public:
     /// Raises the facade's event. The state machine holds its mutex when it calls this.
     void notifyServiceRegistry(ServiceListEventPayload& payload) const;
 
+    /// Waits until all received datagrams have been handled. Returns false if that takes longer. The caller
+    /// must hold no mutex of the engine.
+    bool letIncomingBeHandled(long atMostMilliseconds) const;
+
     /// Logs the number of dropped datagrams when a report is due.
     void reportDrops();
 
     /// Whether this unit offers services at the address.
     bool isOwnAddress(const Poco::Net::IPAddress& address) const;
+    /// Returns the address on which the unit was started, without a scope, or the wildcard before a start.
+    Poco::Net::IPAddress unitAddress() const;
     /// Increases with every change of these addresses.
     std::uint64_t addressChanges() const { return m_sender.addressChanges(); }
     /// Whether one of this unit's sending sockets has the address.
@@ -134,7 +139,7 @@ protected:
     Multicast::ReportedInterfaces m_reportedInterfaces{m_receiver, m_sender};
     Poco::FastMutex m_lifecycleMutex;  // serialises start and stop
     std::atomic<bool> m_isStopping{false};
-    const pid_t m_process = ::getpid();  // the process that created the engine
+    const Common::OwnProcess m_process;  // the process that created the engine
     DropCounter m_drops;
 };
 

@@ -51,7 +51,7 @@ SDRequestHandler::~SDRequestHandler() = default;
 
 void SDRequestHandler::run()
 {
-    const EngineFrame frame(this);
+    const EngineThread frame(this);
     m_isShutDown = false;
     m_running = true;
     // Only the first thread of the process gets the name; later ones stay unnamed.

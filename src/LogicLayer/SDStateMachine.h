@@ -17,6 +17,7 @@
 #include <Poco/Random.h>
 
 #include <atomic>
+#include <bitset>
 #include <cstddef>
 #include <cstdint>
 #include <mutex>
@@ -231,15 +232,18 @@ protected:
         /// Adds the record to the batch if it is to be sent. Returns whether it stays in the workload.
         static bool handleLocal(const SDService::Ptr& entry, ServicesContainer& batch);
         static bool handleAnnounced(SDService::Ptr service, ServicesContainer& batch);
-        void hearFirst(const Poco::Clock& heldUpSince, long milliseconds);
+        void hearFirst(const Poco::Clock& heldUpSince, const Poco::Clock& now);
+        void hearAgain();
         bool isOver(const Poco::Clock& now) const;
         void expire(WorkloadLock& lock);
-        /// Removes the record if it has expired. Returns whether it had.
-        bool expire(WorkloadEntry& entry);
+        /// Removes the record if it had expired at that time. Returns whether it had.
+        bool expire(WorkloadEntry& entry, const Poco::Clock& heardUntil);
 
-        Poco::Clock m_begin{Poco::Clock::ClockVal{0}};    // start of the last interval
-        Poco::Clock m_heardAt{Poco::Clock::ClockVal{0}};  // until then expiry is judged at m_heldUpSince
+        Poco::Clock m_begin{Poco::Clock::ClockVal{0}};        // start of the last interval
+        Poco::Clock m_beginBefore{Poco::Clock::ClockVal{0}};  // of the one before it; 0: none since the start
+        Poco::Clock m_heardAt{Poco::Clock::ClockVal{0}};      // until then expiry is judged at m_heldUpSince
         Poco::Clock m_heldUpSince{Poco::Clock::ClockVal{0}};
+        Poco::Clock m_hearingSince{Poco::Clock::ClockVal{0}};  // when the wait until m_heardAt began
         Poco::Clock m_listeningSince{Poco::Clock::ClockVal{0}};
     };
 
@@ -259,6 +263,7 @@ protected:
 
 private:
     using Entry = WorkloadEntry;
+    using Ports = std::bitset<65536>;
 
     bool unsafe_schedule(const SDService::Ptr& service, Entry* present);
     std::optional<long> firstDelay(const SDService& service);
@@ -278,6 +283,7 @@ private:
     bool unsafe_isReflected(const SDService& offered, const NameEntries* name);
     void unsafe_endReflections(const SDService& announced) const noexcept;
     void unsafe_endReflections();
+    void unsafe_endReflections(const Entry& own, Ports& ports) const;
     bool unsafe_reportUnexpected(const ServiceIdentity& identity) const;
     void unsafe_displace(Entry& entry);
     void unsafe_tellGone(Entry& entry);

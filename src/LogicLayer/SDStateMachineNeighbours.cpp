@@ -25,7 +25,6 @@ namespace {
 
 constexpr std::size_t mostAnswersOfOne = 16;    // waiting one-time answers of one announced service
 constexpr std::size_t mostAnswersWaiting = 64;  // waiting one-time answers of all services
-constexpr unsigned short firstInstance = 1;
 constexpr Poco::Clock::ClockDiff microsecondsPerSecond = 1000000;
 
 bool isExpectedAperiodic(const SDService::Ptr& service)
@@ -140,7 +139,7 @@ bool SDStateMachine::handleOFFER(ExternalEvent& event)
         ServiceIdentity::ofInstance(*service, Type::DISCOVERED), Entry::Workload::Periodic);
     if (!duplicates.empty())
         return reportDuplicates("handleOFFER", duplicates);
-    const unsigned short instanceID = matches.nextInstanceID();
+    const unsigned short instanceID = matches.nextDiscoveredInstance();
     if (!unsafe_discover(service, instanceID, matches))
         return false;
     SD_LOG(Trace) << "SDStateMachine::handleOFFER: add Discovered \"" << name
@@ -190,14 +189,9 @@ bool SDStateMachine::unsafe_isReflected(const SDService& offered, const NameEntr
     const NuboServiceDescription& description = offered.getNuboDescription();
     if (!m_hub.isOwnAddress(description.getIpAddress()))
         return false;
-    bool isAnnounced = false;
-    for (const NameEntries::List* list : {&name->periodic, &name->aperiodic}) {
-        isAnnounced = isAnnounced || std::any_of(list->begin(), list->end(), [&](const Entry& entry) {
-                          return entry.role == Entry::Role::Own &&
-                                 entry->getNuboDescription().getPort() == description.getPort();
-                      });
-    }
-    if (!isAnnounced)
+    // A service at the unit's address is offered at the address of each interface.
+    if (!m_index.hasOwn(description.getName(), description.getIpAddress(), description.getPort()) &&
+        !m_index.hasOwn(description.getName(), m_hub.unitAddress(), description.getPort()))
         return false;
     if (m_reflectedOffers++ == 0)
         SD_LOG(Warning)
@@ -274,15 +268,35 @@ void SDStateMachine::unsafe_endReflections()
     const std::uint64_t changes = m_hub.addressChanges();
     if (std::exchange(m_addressChanges, changes) == changes)
         return;
-    for (const auto& [due, entry] : m_aperiodicWorkload) {
-        if (entry.role == Entry::Role::Own)
-            unsafe_endReflections(*entry);
-    }
+    Ports ports;
+    for (const auto& [due, entry] : m_aperiodicWorkload)
+        unsafe_endReflections(entry, ports);
     m_periodicWorkload.startLocalWalk();
-    while (const Entry* const entry = m_periodicWorkload.walkLocals()) {
-        if (entry->role == Entry::Role::Own)
-            unsafe_endReflections(**entry);
+    while (const Entry* const entry = m_periodicWorkload.walkLocals())
+        unsafe_endReflections(*entry, ports);
+}
+
+/// The same for all services of a name, if `own` is the first of them. All bits of `ports` must be clear;
+/// they are clear again afterwards.
+void SDStateMachine::unsafe_endReflections(const Entry& own, Ports& ports) const
+{
+    if (own.role != Entry::Role::Own || own.name->firstOwn() != &own || own.name->discovered.empty())
+        return;
+    const auto setPorts = [&](bool isOwn) {
+        for (const NameEntries::List* list : {&own.name->periodic, &own.name->aperiodic}) {
+            for (const Entry& entry : *list) {
+                if (entry.role == Entry::Role::Own)
+                    ports.set(entry->getNuboDescription().getPort(), isOwn);
+            }
+        }
+    };
+    setPorts(true);
+    for (Entry& entry : own.name->discovered) {
+        const NuboServiceDescription& description = entry->getNuboDescription();
+        if (ports.test(description.getPort()) && m_hub.isOwnAddress(description.getIpAddress()))
+            entry->setTTL(0);
     }
+    setPorts(false);
 }
 
 /// Reports a discovered service to the registry and stores it under the identifier that the registry returns.

@@ -17,8 +17,6 @@ using Entry = WorkloadEntry;
 
 namespace {
 
-constexpr unsigned short firstInstance = 1;
-constexpr unsigned short lastInstance = 0xFFFE;     // 0 is reserved, 0xFFFF means any
 constexpr std::size_t mostForeignInstances = 1000;  // above it, own services are numbered separately
 
 }  // namespace
@@ -77,8 +75,7 @@ std::vector<Entry*> SDStateMachine::unsafe_announcedDuplicates(const SDService& 
 unsigned short SDStateMachine::unsafe_nextOwnInstance(const Matches& matches) const
 {
     const unsigned short next = matches.nextInstanceID();
-    const bool isUsable = next >= firstInstance && next <= lastInstance;
-    if (isUsable && matches.name->discoveredCount <= mostForeignInstances)
+    if (isUsableInstance(next) && matches.name->discoveredCount <= mostForeignInstances)
         return next;
     // Offers of neighbours must not use up this unit's numbers.
     return matches.name->ownNumbers().lowestFree(lastInstance);

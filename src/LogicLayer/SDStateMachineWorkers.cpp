@@ -18,14 +18,15 @@ using Type = SDService::Type;
 namespace {
 
 // In milliseconds.
-constexpr long firstRepetition = 100;  // delay after the first send; it doubles with each further one
-constexpr long cycle = 1000;           // period of the main phase
-constexpr long parked = 2147483647;    // interval of a timer with nothing to do
-constexpr long shortestDelay = 1;      // between two records of the aperiodic workload
-constexpr long late = 100;             // an interval that starts more than this behind schedule is late
-constexpr long pause = 2000;           // a longer gap between two intervals means the unit did not listen
-constexpr long hearing = 1100;         // every unit repeats its offers within this time
-constexpr long firstHearing = 900;     // the same after a start; ends before the second interval
+constexpr long firstRepetition = 100;   // delay after the first send; it doubles with each further one
+constexpr long cycle = 1000;            // period of the main phase
+constexpr long parked = 2147483647;     // interval of a timer with nothing to do
+constexpr long shortestDelay = 1;       // between two records of the aperiodic workload
+constexpr long late = 100;              // an interval that starts more than this behind schedule is late
+constexpr long pause = 2000;            // a longer gap between two intervals means the unit did not listen
+constexpr long hearing = 1100;          // every unit repeats its offers within this time
+constexpr long longestHearing = 10000;  // limit when the unit is held up again and again
+constexpr long longestHandling = 50;    // wait for received datagrams to be handled before records expire
 
 constexpr std::uint8_t repetitions = 3;    // sends in the repetition phase
 constexpr std::uint8_t shutdownSends = 3;  // stop-offers of a removed service
@@ -179,9 +180,10 @@ void SDStateMachine::PeriodicWorker::start()
 {
     {
         const WorkloadLock lock(m_parent);
-        m_begin = Poco::Clock(Poco::Clock::ClockVal{0});
+        const Poco::Clock never(Poco::Clock::ClockVal{0});
+        m_begin = never;
         m_listeningSince = SDClock::now();
-        hearFirst(m_begin, firstHearing);  // no offer was received while the machine was stopped
+        hearFirst(never, m_listeningSince);  // no offer was received while the machine was stopped
     }
     TimebasedWorker::start();
 }
@@ -212,33 +214,49 @@ void SDStateMachine::PeriodicWorker::onInterval(Poco::Timer& timer)
             SD_LOG(Warning) << "SDStateMachine - " << timer.skipped() << " skipped announcement timer events";
         if (m_parent.m_isClosed)
             return;
-        begin();
         m_parent.unsafe_endReflections();
+        begin();
         offerOwn();
     }
+    const bool isHeard = m_parent.m_hub.letIncomingBeHandled(longestHandling);
     WorkloadLock lock(m_parent);
+    if (!isHeard)
+        hearAgain();
     expire(lock);
 }
 
 /// Checks whether the interval is late, because the process was suspended or a subscriber blocked the mutex.
 void SDStateMachine::PeriodicWorker::begin()
 {
-    const Poco::Clock now = SDClock::now();
-    const Poco::Clock before = std::exchange(m_begin, now);
-    if (before.raw() == 0)
+    m_beginBefore = std::exchange(m_begin, SDClock::now());
+    if (m_beginBefore.raw() == 0)
         return;
-    if (now - before > pause * microsecondsPerMillisecond)
-        m_listeningSince = now;
-    if (now - before > (cycle + late) * microsecondsPerMillisecond)
-        hearFirst(before + cycle * microsecondsPerMillisecond, hearing);
+    if (m_begin - m_beginBefore > pause * microsecondsPerMillisecond)
+        m_listeningSince = m_begin;
+    if (m_begin - m_beginBefore > (cycle + late) * microsecondsPerMillisecond)
+        hearAgain();
 }
 
-/// Until `milliseconds` from now, expires only records that had already expired at `heldUpSince`. Units that
-/// kept offering since then thus get the chance to be heard first.
-void SDStateMachine::PeriodicWorker::hearFirst(const Poco::Clock& heldUpSince, long milliseconds)
+/// Until the unit has listened for `hearing` from `now` on, expires only records that had already expired at
+/// `heldUpSince`. Units that kept offering since then thus get the chance to be heard first.
+void SDStateMachine::PeriodicWorker::hearFirst(const Poco::Clock& heldUpSince, const Poco::Clock& now)
 {
     m_heldUpSince = heldUpSince;
-    m_heardAt = SDClock::now() + milliseconds * microsecondsPerMillisecond;
+    m_hearingSince = now;
+    m_heardAt = now + hearing * microsecondsPerMillisecond;
+}
+
+/// The unit has heard nothing since the start of the previous interval. If it was still catching up then, it
+/// continues to judge expiry at the time when it was held up first, but for a limited time only: a unit that
+/// is held up all the time would otherwise keep every service.
+void SDStateMachine::PeriodicWorker::hearAgain()
+{
+    const bool goesOn = m_beginBefore < m_heardAt &&
+                        m_beginBefore - m_hearingSince <= longestHearing * microsecondsPerMillisecond;
+    if (goesOn)
+        m_heardAt = m_begin + hearing * microsecondsPerMillisecond;
+    else
+        hearFirst(m_beginBefore, m_begin);
 }
 
 Poco::Clock SDStateMachine::PeriodicWorker::listeningSince() const
@@ -301,9 +319,12 @@ void SDStateMachine::PeriodicWorker::expire(WorkloadLock& lock)
         return;
     if (!m_workload.isWalking())
         m_workload.startWalk();
+    // Offers that arrived before the interval started have been handled, but the process may have been
+    // suspended at any time since.
+    const Poco::Clock heardUntil = m_begin < m_heardAt ? m_heldUpSince : m_begin;
     unsigned visited = 0;
     while (WorkloadEntry* const entry = m_workload.walk()) {
-        const bool isGone = entry->role == WorkloadEntry::Role::Discovered && expire(*entry);
+        const bool isGone = entry->role == WorkloadEntry::Role::Discovered && expire(*entry, heardUntil);
         if (!isGone && ++visited % recordsPerLook != 0)
             continue;
         const Poco::Clock now = SDClock::now();
@@ -324,10 +345,9 @@ bool SDStateMachine::PeriodicWorker::isOver(const Poco::Clock& now) const
     return now - m_begin >= longestExpiry;
 }
 
-bool SDStateMachine::PeriodicWorker::expire(WorkloadEntry& entry)
+bool SDStateMachine::PeriodicWorker::expire(WorkloadEntry& entry, const Poco::Clock& heardUntil)
 {
-    const Poco::Clock now = SDClock::now();
-    if (!entry->isTTLElapsed(now < m_heardAt ? m_heldUpSince : now))
+    if (!entry->isTTLElapsed(heardUntil))
         return false;
     SD_LOG(Notice) << "SDStateMachine - TTL of service timed out: " << entry->getNuboDescription().getName();
     try {

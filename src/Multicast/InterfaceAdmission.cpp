@@ -1,5 +1,7 @@
 #include "Multicast/InterfaceAdmission.h"
 
+#include "DataLayer/AddressText.h"
+
 #include <Poco/Exception.h>
 #include <Poco/String.h>
 
@@ -34,15 +36,10 @@ const InterfaceListing::Ptr emptyListing = std::make_shared<InterfaceListing>();
 
 }  // namespace
 
-std::string withoutScope(const std::string& ip)
-{
-    return ip.substr(0, ip.find('%'));
-}
-
 std::optional<IPAddress> parseAddress(const std::string& ip)
 {
     try {
-        return IPAddress(withoutScope(ip));  // IPAddress::tryParse() rejects "::"
+        return IPAddress(std::string(withoutScope(ip)));  // IPAddress::tryParse() rejects "::"
     }
     catch (const Poco::Exception&) {
         return std::nullopt;
@@ -62,7 +59,8 @@ Admission admitInterface(const std::string& name, const std::string& ip, const I
     const bool isOwnScope = ip.size() > name.size() && ip.find('%') == ip.size() - name.size() - 1 &&
                             ip.compare(ip.size() - name.size(), name.size(), name) == 0;
     IPAddress address;
-    if (!IPAddress::tryParse(isOwnScope ? withoutScope(ip) : ip, address) || !isIPv6Unicast(address))
+    if (!IPAddress::tryParse(isOwnScope ? std::string(withoutScope(ip)) : ip, address) ||
+        !isIPv6Unicast(address))
         return Admission::NotAppropriate;
     const NetworkInterface* const interface = listing.find(name);
     if (!interface || !containsIP(interface->addressList(), address, name))
@@ -107,6 +105,12 @@ bool isSameAddress(const IPAddress& address, const IPAddress& other)
 {
     return address.family() == other.family() &&
            std::memcmp(address.addr(), other.addr(), static_cast<std::size_t>(address.length())) == 0;
+}
+
+bool isReplaced(const NetworkInterface& former, const NetworkInterface& interface,
+                const InterfaceListing& listing)
+{
+    return former.index() != interface.index() && former.name() == interface.name() && !listing.has(former);
 }
 
 bool isReportedInterface(const NetworkInterface& interface, const NetworkInterface::AddressList& addresses,

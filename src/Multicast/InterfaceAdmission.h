@@ -46,11 +46,8 @@ enum class Attempt
     Again    ///< at a start, or after a temporary failure
 };
 
-/// Returns the text without its "%scope": the report names the interface anyway, and the scope may name one
-/// that no longer exists.
-std::string withoutScope(const std::string& ip);
-
-/// Parses the address without its scope. Returns none when the text is not an address.
+/// Parses the address without its scope: the report names the interface anyway, and the scope may name one
+/// that no longer exists. Returns none when the text is not an address.
 std::optional<Poco::Net::IPAddress> parseAddress(const std::string& ip);
 
 /// Whether the address is link-local unicast, fe80::/10 (RFC 4291 section 2.4).
@@ -76,6 +73,10 @@ bool isSameAddress(const Poco::Net::IPAddress& address, const Poco::Net::IPAddre
 bool isReportedInterface(const Poco::Net::NetworkInterface& interface,
                          const Poco::Net::NetworkInterface::AddressList& addresses, const std::string& name,
                          const Poco::Net::IPAddress& ip);
+
+/// Whether `former` no longer exists and `interface` has taken its name.
+bool isReplaced(const Poco::Net::NetworkInterface& former, const Poco::Net::NetworkInterface& interface,
+                const InterfaceListing& listing);
 
 /// Finds the interface to which a removal report refers, in `table`, an ordered map with network interfaces
 /// as keys. `addressOf` returns the address with which an entry was admitted. `noAddresses` is called for

@@ -1,8 +1,10 @@
 #include "Multicast/MulticastReceiver.h"
 
+#include "DataLayer/AddressText.h"
 #include "DataLayer/EngineFrame.h"
 #include "DataLayer/Log.h"
 #include "Multicast/CloseOnExec.h"
+#include "Multicast/ClosedInChildren.h"
 #include "Multicast/InterfaceAdmission.h"
 
 #include <Common/CurrentException.h>
@@ -19,13 +21,13 @@
 #include <Poco/Timespan.h>
 
 #include <algorithm>
-#include <array>
 #include <cerrno>
-#include <cstring>
+#include <cstdint>
 #include <new>
 #include <optional>
+#include <vector>
 
-#include <netinet/in.h>
+#include <linux/filter.h>
 #include <sys/socket.h>
 
 namespace Nubo::ServiceDiscovery::Multicast {
@@ -64,27 +66,38 @@ void discardEmptyDatagram(DatagramSocket& socket)
         discard(socket);
 }
 
-/// Returns the index of the interface on which the next datagram arrived (RFC 3542 section 6.2), or 0 if the
-/// system does not report it.
-unsigned interfaceOfNext(const DatagramSocket& socket)
+/// Lets the kernel drop datagrams from all other interfaces before they take buffer space: other sockets of
+/// the unit may have joined the group there. Each index is followed by its own return, because jumps reach
+/// only 255 instructions.
+void passOnly(const MulticastSocket& socket, const std::vector<unsigned>& indices)
 {
-    alignas(cmsghdr) std::array<char, CMSG_SPACE(sizeof(in6_pktinfo))> control{};
-    msghdr message{};
-    message.msg_control = control.data();
-    message.msg_controllen = control.size();
-    if (::recvmsg(socket.impl()->sockfd(), &message, MSG_PEEK | MSG_DONTWAIT) < 0)
-        return 0;
-    for (const cmsghdr* part = CMSG_FIRSTHDR(&message); part;
-         part = CMSG_NXTHDR(&message, const_cast<cmsghdr*>(part)))
-    {
-        if (part->cmsg_level != IPPROTO_IPV6 || part->cmsg_type != IPV6_PKTINFO)
-            continue;
-        in6_pktinfo info{};
-        std::memcpy(&info, CMSG_DATA(part), sizeof(info));
-        return info.ipi6_ifindex;
+    constexpr auto interfaceIndex = static_cast<std::uint32_t>(SKF_AD_OFF + SKF_AD_IFINDEX);
+    constexpr std::uint32_t whole = 0xffffffff;
+    std::vector<sock_filter> program{BPF_STMT(BPF_LD | BPF_W | BPF_ABS, interfaceIndex)};
+    for (const unsigned index : indices) {
+        program.push_back(BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, index, 0, 1));
+        program.push_back(BPF_STMT(BPF_RET | BPF_K, whole));
     }
-    return 0;
+    program.push_back(BPF_STMT(BPF_RET | BPF_K, 0));
+    if (program.size() > BPF_MAXINSNS)
+        throw Poco::RangeException("too many interfaces to filter");
+    const sock_fprog filter{static_cast<unsigned short>(program.size()), program.data()};
+    socket.impl()->setRawOption(SOL_SOCKET, SO_ATTACH_FILTER, &filter, sizeof(filter));
 }
+
+/// Sets the mark for its lifetime.
+class Taking
+{
+public:
+    explicit Taking(std::atomic<bool>& mark) : m_mark(mark) { m_mark = true; }
+    ~Taking() { m_mark = false; }
+
+    Taking(const Taking&) = delete;
+    Taking& operator=(const Taking&) = delete;
+
+private:
+    std::atomic<bool>& m_mark;
+};
 
 Poco::Buffer<char> allocateFrame(DatagramSocket& socket, int size)
 {
@@ -108,6 +121,7 @@ struct MulticastReceiver::Service
     /// Prevents the descriptors of the members below from becoming standard streams.
     std::optional<Common::StandardStreamGuard> guard{std::in_place};
     MulticastSocket m_socket = openSocket();
+    ClosedInChildren inChildren{m_socket.impl()->sockfd()};
     SocketReactor m_socketReactor{Poco::Timespan(0, pollTimeout)};
     Poco::Thread m_socketReactorThread;
     bool isStarted = false;  ///< the thread may be running
@@ -160,7 +174,7 @@ MulticastReceiver::~MulticastReceiver()
 template <class Notification, void (MulticastReceiver::*handler)(const Poco::AutoPtr<Notification>&)>
 void MulticastReceiver::guarded(const Poco::AutoPtr<Notification>& notification)
 {
-    const EngineFrame frame(this);
+    const EngineThread frame(this);
     if (m_service->isStopping)
         return;
     try {
@@ -200,13 +214,16 @@ bool MulticastReceiver::start()
 void MulticastReceiver::bind()
 {
     MulticastSocket& socket = m_service->m_socket;
+    {
+        const EngineLock lock(this, m_interfacesMutex);
+        unsafe_filter();
+    }
     socket.bind(m_discoveryAddress, false);
     m_service->isSpent = true;
     socket.setLoopback(false);
     socket.setBlocking(
         false);  // a datagram with a bad checksum makes the socket readable but is not delivered
     socket.setReceiveBufferSize(receiveBuffer);
-    socket.setOption(IPPROTO_IPV6, IPV6_RECVPKTINFO, 1);
     SD_LOG(Debug) << "MulticastReceiver receive buffer: " << receiveBuffer << " Bytes asked for, "
                   << socket.getReceiveBufferSize() << " got.";
 
@@ -252,6 +269,7 @@ void MulticastReceiver::release()
     }
     catch (...) {
         const EngineLock lock(this, m_interfacesMutex);
+        m_service->inChildren.giveUp();
         m_service->m_socket.close();
         m_joinedInterfaces.clear();
     }
@@ -275,8 +293,9 @@ void MulticastReceiver::renewService()
     const EngineLock lock(this, m_interfacesMutex);
     m_service.swap(service);
     m_joinedInterfaces.clear();
-    service->m_socket
-        .close();  // explicitly: a reactor that ran out of memory may have leaked a reference to it
+    service->inChildren.giveUp();
+    // Closed explicitly, because a reactor that ran out of memory may have leaked a reference to it.
+    service->m_socket.close();
 }
 
 void MulticastReceiver::onSocketReadable(const Poco::AutoPtr<ReadableNotification>& notification)
@@ -287,6 +306,7 @@ void MulticastReceiver::onSocketReadable(const Poco::AutoPtr<ReadableNotificatio
         (DebugUtils::setThreadName("SdSockReact", "MulticastReceiver::onSocketReadable"), true);
     static_cast<void>(named);
 
+    const Taking taking(m_isTaking);
     DatagramSocket socket(notification->socket());
     int available = socket.available();
     if (available == 0) {
@@ -306,13 +326,6 @@ void MulticastReceiver::onSocketReadable(const Poco::AutoPtr<ReadableNotificatio
 
 void MulticastReceiver::receive(DatagramSocket& socket, int size)
 {
-    // Other sockets of the unit may have joined the group on further interfaces, and the kernel also delivers
-    // datagrams from those interfaces to this socket.
-    const unsigned interface = interfaceOfNext(socket);
-    if (interface != 0 && !isJoined(interface)) {
-        discard(socket);
-        return;
-    }
     Poco::Buffer<char> frame = allocateFrame(socket, size);
     SocketAddress sender;
     const int received = socket.receiveFrom(frame.begin(), size, sender, 0);
@@ -337,11 +350,19 @@ void MulticastReceiver::onReactorShutdown(const Poco::AutoPtr<ShutdownNotificati
                   << "\" from \"" << notification->socket().address().toString() << "\"";
 }
 
-bool MulticastReceiver::isJoined(unsigned index) const
+bool MulticastReceiver::hasWaiting() const
 {
-    const EngineLock lock(this, m_interfacesMutex);
-    return std::any_of(m_joinedInterfaces.begin(), m_joinedInterfaces.end(),
-                       [&](const auto& joined) { return joined.first.index() == index; });
+    const std::unique_lock<std::mutex> lock(m_interfacesMutex, std::try_to_lock);
+    if (!lock)
+        return true;
+    if (m_service->isStopping)
+        return false;
+    try {
+        return m_service->m_socket.available() > 0 || m_isTaking;
+    }
+    catch (const Poco::Exception&) {
+        return false;  // closed because memory was short
+    }
 }
 
 bool MulticastReceiver::isJoinedOn(const std::string& name) const
@@ -389,31 +410,35 @@ Outcome MulticastReceiver::add(const std::string& name, const std::string& ip,
         case Admission::Good:
             break;
     }
-    const auto present = m_joinedInterfaces.find(admitted.interface);
-    if (present != m_joinedInterfaces.end()) {
-        if (attempt == Attempt::Report)
-            SD_LOG(Warning) << "ServiceDiscovery failed to join IPv6 Multicast Group on Interface " << quoted
-                            << ", already joined on \"" << present->first.name() << "\"";
+    unsafe_leaveReplaced(admitted.interface, listing);
+    const auto [joined, isNew] = m_joinedInterfaces.emplace(admitted.interface, admitted.address);
+    if (!isNew && attempt == Attempt::Again)
         return Outcome::InUse;
-    }
-
-    if (attempt == Attempt::Report)
+    if (!isNew)
+        SD_LOG(Warning) << "ServiceDiscovery failed to join IPv6 Multicast Group on Interface " << quoted
+                        << ", already joined on \"" << joined->first.name() << "\"";
+    else if (attempt == Attempt::Report)
         SD_LOG(Notice) << "ServiceDiscovery joining IPv6 Multicast Group for Interface \"" << name << "\".";
-    const auto joined = m_joinedInterfaces.emplace(admitted.interface, admitted.address).first;
+    bool isFiltered = !isNew;  // whether the present filter may pass the interface
+    const auto forget = [&, entry = joined] {
+        m_joinedInterfaces.erase(entry);
+        if (isFiltered)
+            unsafe_renewFilter();
+    };
     try {
-        m_service->m_socket.joinGroup(m_discoveryAddress.host(), admitted.interface);
+        unsafe_filter();
+        isFiltered = true;
+        unsafe_joinGroup(admitted.interface);
     }
     catch (const Poco::Exception& exception) {
-        if (exception.code() == EADDRINUSE)
-            return Outcome::InUse;  // leaving failed before, so the socket is still a member
-        m_joinedInterfaces.erase(joined);
+        forget();
         if (attempt == Attempt::Report)
             SD_LOG(Error) << "ServiceDiscovery failed to join IPv6 Multicast Group on Interface " << quoted
                           << ": " << exception.displayText();
         return Outcome::Pending;
     }
     catch (...) {
-        m_joinedInterfaces.erase(joined);
+        forget();
         throw;
     }
     if (attempt == Attempt::Again)
@@ -425,9 +450,10 @@ void MulticastReceiver::leaveGroupOnInterface_byIP(const std::string& name, cons
 {
     const QuotedInterface quoted{name, ip};
     const EngineLock lock(this, m_interfacesMutex);
+    const EngineFrame leaving(&m_interfacesMutex);
     IPAddress address;
     try {
-        address = IPAddress(withoutScope(ip));
+        address = IPAddress(std::string(withoutScope(ip)));
     }
     catch (const Poco::Exception& exception) {
         SD_LOG(Error) << "ServiceDiscovery failed to leave IPv6 Multicast Group on Interface " << quoted
@@ -456,6 +482,21 @@ void MulticastReceiver::leaveGroupOnInterface_byIP(const std::string& name, cons
                    << "\" for given IP \"" << ip << "\".";
     unsafe_leaveGroup(found->first);
     m_joinedInterfaces.erase(found);
+    unsafe_renewFilter();
+}
+
+/// A platform may report an interface that was created anew without withdrawing the former one.
+void MulticastReceiver::unsafe_leaveReplaced(const NetworkInterface& interface,
+                                             const InterfaceListing& listing)
+{
+    for (auto former = m_joinedInterfaces.begin(); former != m_joinedInterfaces.end();) {
+        if (!isReplaced(former->first, interface, listing)) {
+            ++former;
+            continue;
+        }
+        unsafe_leaveGroup(former->first);
+        former = m_joinedInterfaces.erase(former);
+    }
 }
 
 void MulticastReceiver::unsafe_leaveAll()
@@ -472,6 +513,22 @@ void MulticastReceiver::unsafe_leaveAll()
         unsafe_leaveGroup(interface);
         m_joinedInterfaces.erase(m_joinedInterfaces.begin());
     }
+    unsafe_renewFilter();
+}
+
+/// When an interface disappears, the kernel keeps its membership on the socket's list. It then regards a new
+/// interface with the same index as already joined.
+void MulticastReceiver::unsafe_joinGroup(const NetworkInterface& interface)
+{
+    try {
+        m_service->m_socket.joinGroup(m_discoveryAddress.host(), interface);
+    }
+    catch (const Poco::Exception& exception) {
+        if (exception.code() != EADDRINUSE)
+            throw;
+        unsafe_leaveGroup(interface);
+        m_service->m_socket.joinGroup(m_discoveryAddress.host(), interface);
+    }
 }
 
 void MulticastReceiver::unsafe_leaveGroup(const NetworkInterface& interface)
@@ -483,6 +540,34 @@ void MulticastReceiver::unsafe_leaveGroup(const NetworkInterface& interface)
         // The interface may have been removed, along with the membership.
         SD_LOG(Debug) << "MulticastReceiver - leaving the group on \"" << interface.name()
                       << "\": " << Common::currentException;
+    }
+}
+
+/// Lets the kernel pass only datagrams from the joined interfaces. When the kernel rejects the filter, throws
+/// and leaves the former one in force.
+void MulticastReceiver::unsafe_filter()
+{
+    std::vector<unsigned> indices;
+    for (const auto& joined : m_joinedInterfaces)
+        indices.push_back(joined.first.index());
+    passOnly(m_service->m_socket, indices);
+}
+
+/// The same after leaving an interface. Does not throw: if it fails, datagrams still arrive from an interface
+/// on which another socket has joined the group.
+void MulticastReceiver::unsafe_renewFilter()
+{
+    constexpr int attempts = 3;
+    for (int attempt = 1; attempt <= attempts; ++attempt) {
+        try {
+            unsafe_filter();
+            return;
+        }
+        catch (...) {
+            if (attempt == attempts)
+                SD_LOG(Error) << "MulticastReceiver - failed to renew the filter: "
+                              << Common::currentException;
+        }
     }
 }
 

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "DataLayer/EngineFrame.h"
 #include "Multicast/InterfaceAdmission.h"
 #include "Multicast/OutgoingAddresses.h"
 
@@ -74,15 +75,25 @@ public:
     /// Prevents further events. For threads that must not wait, such as the receiver's own.
     void stopFromWithin() noexcept;
 
+    /// Whether datagrams wait on the socket or one is being read from it; false when the receiver does not
+    /// run. Never waits: returns true while another thread joins or leaves interfaces.
+    bool hasWaiting() const;
+
     /// Whether the group is joined on the interface of that name.
     bool isJoinedOn(const std::string& name) const;
+
+    /// Whether the calling thread is leaving interfaces. A report from within a log line about that must be
+    /// handled later, or it would wait for itself.
+    bool isLeavingOnThisThread() const { return EngineFrame::isOnThisThread(&m_interfacesMutex); }
 
     /// Handle the platform's reports: join or leave the group on the interface. On Outcome::Pending the
     /// caller adds the interface again later.
     Outcome onInterfaceAdded(OEMInterface::AddServiceDiscoveryInterfacePayload& payload);
     void onInterfaceRemoved(OEMInterface::RemoveServiceDiscoveryInterfacePayload& payload);
 
-    /// Joins the group on the interface unless it is already joined. Throws only std::bad_alloc.
+    /// Joins the group on the interface unless it is already joined. Upon a report joins once more, because
+    /// the membership may have disappeared with a former interface of the same index. Throws only
+    /// std::bad_alloc.
     Outcome add(const std::string& name, const std::string& ip, const InterfaceListing& listing,
                 Attempt attempt);
 
@@ -106,19 +117,23 @@ private:
     void guarded(const Poco::AutoPtr<Notification>& notification);
 
     void receive(Poco::Net::DatagramSocket& socket, int size);
-    bool isJoined(unsigned index) const;
     void bind();
     void release();
     void renewService();
     bool endThread(long milliseconds);
     void unsafe_leaveAll();
+    void unsafe_leaveReplaced(const Poco::Net::NetworkInterface& interface, const InterfaceListing& listing);
+    void unsafe_joinGroup(const Poco::Net::NetworkInterface& interface);
     void unsafe_leaveGroup(const Poco::Net::NetworkInterface& interface);
+    void unsafe_filter();
+    void unsafe_renewFilter();
 
     const OutgoingAddresses& m_parent;
     const Poco::Net::SocketAddress m_discoveryAddress;
     mutable std::mutex m_interfacesMutex;  // guards the members below
     InterfaceContainer m_joinedInterfaces;
     std::unique_ptr<Service> m_service;
+    std::atomic<bool> m_isTaking{false};  // reads datagrams from the socket
 };
 
 using MulticastDataPtr = MulticastReceiver::MulticastDataPtr;

@@ -1,5 +1,6 @@
 #include "Multicast/MulticastSender.h"
 
+#include "DataLayer/AddressText.h"
 #include "DataLayer/EngineFrame.h"
 #include "DataLayer/Log.h"
 #include "DataLayer/SDClock.h"
@@ -136,7 +137,7 @@ Outcome MulticastSender::add(const std::string& name, const std::string& ip, con
             if (attempt == Attempt::Report)
                 SD_LOG(Debug) << "ServiceDiscovery did not add Interface " << quoted
                               << " for sending: not present.";
-            unsafe_stopAwaiting(name, IPAddress(withoutScope(ip)));
+            unsafe_stopAwaiting(name, IPAddress(std::string(withoutScope(ip))));
             return Outcome::Pending;
         case Admission::NoMulticast:
             SD_LOG(Warning) << "ServiceDiscovery failed to add Interface " << quoted
@@ -145,6 +146,7 @@ Outcome MulticastSender::add(const std::string& name, const std::string& ip, con
         case Admission::Good:
             break;
     }
+    unsafe_removeReplaced(admitted.interface, listing);
     return unsafe_add(admitted, ip, attempt);
 }
 
@@ -228,7 +230,7 @@ void MulticastSender::removeInterface_byIP(const std::string& name, const std::s
     const EngineLock lock(this, m_interfacesMutex);
     IPAddress address;
     try {
-        address = IPAddress(withoutScope(ip));
+        address = IPAddress(std::string(withoutScope(ip)));
     }
     catch (const Poco::Exception& exception) {
         SD_LOG(Error) << "ServiceDiscovery failed to remove Interface " << quoted
@@ -260,6 +262,21 @@ void MulticastSender::removeInterface_byIP(const std::string& name, const std::s
     unsafe_retire(found->second);
     changed.erase(found);
     unsafe_replaceInterfaces(std::move(changed));
+}
+
+/// A platform may report an interface that was created anew without withdrawing the former one.
+void MulticastSender::unsafe_removeReplaced(const NetworkInterface& interface,
+                                            const InterfaceListing& listing)
+{
+    const std::shared_ptr<const InterfaceContainer> present = interfaces();
+    for (const auto& [former, data] : *present) {
+        if (!isReplaced(former, interface, listing))
+            continue;
+        InterfaceContainer changed = *interfaces();
+        unsafe_retire(data);
+        changed.erase(former);
+        unsafe_replaceInterfaces(std::move(changed));
+    }
 }
 
 void MulticastSender::unsafe_removeAll()
@@ -464,6 +481,14 @@ bool MulticastSender::isOwnOutgoingAddress(const SocketAddress& origin) const
                        [&](const RetiredAddress& retired) {
                            return now < retired.until && isSameEndpoint(retired.address, origin);
                        });
+}
+
+IPAddress MulticastSender::unitAddress() const
+{
+    const std::shared_ptr<const std::string> unit = std::atomic_load(&m_unitAddress);
+    if (!unit || unit->size() != sizeof(in6_addr))
+        return IPAddress(IPAddress::IPv6);
+    return IPAddress(unit->data(), sizeof(in6_addr));
 }
 
 bool MulticastSender::isOwnAddress(const IPAddress& address) const

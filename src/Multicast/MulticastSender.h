@@ -70,6 +70,8 @@ public:
     /// Whether the address is the placeholder or belongs to an interface in use, regardless of the scope.
     /// Thread-safe.
     bool isOwnAddress(const Poco::Net::IPAddress& address) const;
+    /// Returns the placeholder without a scope, or the wildcard before init().
+    Poco::Net::IPAddress unitAddress() const;
     /// Increases with every change of these addresses.
     std::uint64_t addressChanges() const { return m_addressChanges; }
 
@@ -178,6 +180,7 @@ private:
     void unsafe_retire(const InterfaceData_t& interface);
     void unsafe_await(const std::string& name, const Poco::Net::IPAddress& address);
     bool unsafe_stopAwaiting(const std::string& name, const Poco::Net::IPAddress& address);
+    void unsafe_removeReplaced(const Poco::Net::NetworkInterface& interface, const InterfaceListing& listing);
     void unsafe_removeAll();
 
     const Poco::Net::SocketAddress m_group;

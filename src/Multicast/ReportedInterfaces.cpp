@@ -10,7 +10,9 @@
 #include <algorithm>
 #include <chrono>
 #include <optional>
+#include <set>
 #include <system_error>
+#include <utility>
 
 #include <net/if.h>
 
@@ -80,10 +82,7 @@ void ReportedInterfaces::add(const char* name, const char* ip) noexcept
         SD_LOG(Error) << "SDCommunicationHub - an interface without a name or an address was reported.";
         return;
     }
-    persist([&] {
-        const EngineLock lock(this, m_mutex);
-        take(name, ip);
-    });
+    report(&ReportedInterfaces::take, name, ip);
 }
 
 void ReportedInterfaces::remove(const char* name, const char* ip) noexcept
@@ -92,10 +91,69 @@ void ReportedInterfaces::remove(const char* name, const char* ip) noexcept
         SD_LOG(Error) << "SDCommunicationHub - an interface without a name or an address was taken back.";
         return;
     }
-    persist([&] {
-        const EngineLock lock(this, m_mutex);
-        giveBack(name, ip);
-    });
+    report(&ReportedInterfaces::giveBack, name, ip);
+}
+
+/// A platform may report from within a log line that is written here, or while the receiver leaves its
+/// interfaces. The calling thread then holds the locks that the report needs, and handles it later.
+void ReportedInterfaces::report(Handler handler, const char* name, const char* ip) noexcept
+{
+    const bool isNested = isAtWorkOnThisThread();
+    persist([&] { queue({handler, name, ip}, isNested); });
+    if (!isNested)
+        work([] {});
+}
+
+bool ReportedInterfaces::isAtWorkOnThisThread() const
+{
+    return EngineFrame::isOnThisThread(&m_mutex) || m_receiver.isLeavingOnThisThread();
+}
+
+void ReportedInterfaces::queue(Report report, bool isNested)
+{
+    const std::lock_guard<std::mutex> lock(m_reportsMutex);
+    if (isNested && m_nested == mostInterfaces) {
+        ++m_dropped;  // not logged here, because the log line might cause the next report
+        return;
+    }
+    m_reports.push_back(std::move(report));
+    if (isNested)
+        ++m_nested;
+}
+
+template <class Action>
+void ReportedInterfaces::work(Action action)
+{
+    const EngineLock lock(this, m_mutex);
+    const EngineFrame atWork(&m_mutex);
+    action();
+    handleReports();
+}
+
+/// Handles the queued reports, including those that are added meanwhile.
+void ReportedInterfaces::handleReports() noexcept
+{
+    const auto next = [this]() -> std::optional<Report> {
+        const std::lock_guard<std::mutex> lock(m_reportsMutex);
+        if (m_reports.empty())
+            return std::nullopt;
+        Report report = std::move(m_reports.front());
+        m_reports.pop_front();
+        return report;
+    };
+    while (const std::optional<Report> report = next())
+        persist([&] { (this->*report->handler)(report->name, report->ip); });
+
+    std::unique_lock<std::mutex> lock(m_reportsMutex);
+    if (const std::size_t dropped = m_dropped) {
+        lock.unlock();
+        SD_LOG(Error) << "SDCommunicationHub - " << dropped
+                      << " reports of interfaces are dropped: " << mostInterfaces
+                      << " others were made from within lines of the log.";
+        lock.lock();
+    }
+    m_nested = 0;
+    m_dropped = 0;
 }
 
 void ReportedInterfaces::take(const std::string& name, const std::string& ip)
@@ -108,28 +166,52 @@ void ReportedInterfaces::take(const std::string& name, const std::string& ip)
     }
     auto interface = find(name, *address);
     if (interface == m_interfaces.end()) {
-        if (m_interfaces.size() == mostInterfaces) {
+        if (m_interfaces.size() == mostInterfaces && !displaceLongestPending()) {
             SD_LOG(Error) << "SDCommunicationHub - Interface " << QuotedInterface{name, ip}
                           << " is not used: " << mostInterfaces << " others stand reported already.";
             return;
         }
-        interface = m_interfaces.insert(interface, {name, ip, *address});
+        interface = m_interfaces.insert(m_interfaces.end(), {name, ip, *address});
     }
     if (serve(*interface, Attempt::Report) == Outcome::Refused)
         m_interfaces.erase(interface);
     startRetrying();
 }
 
+/// Makes room for an interface that may be usable. Returns false when no interface is pending.
+bool ReportedInterfaces::displaceLongestPending()
+{
+    const auto longest = std::min_element(
+        m_interfaces.begin(), m_interfaces.end(), [](const Interface& one, const Interface& other) {
+            return one.isPending && (!other.isPending || one.pendingSince < other.pendingSince);
+        });
+    if (longest == m_interfaces.end() || !longest->isPending)
+        return false;
+    const Interface displaced = *longest;
+    SD_LOG(Error) << "SDCommunicationHub - Interface " << QuotedInterface{displaced.name, displaced.ip}
+                  << " is not waited for any longer: " << mostInterfaces << " others stand reported.";
+    if (displaced.wasUsed)
+        giveBack(displaced.name, displaced.ip);
+    else
+        m_interfaces.erase(longest);
+    return true;
+}
+
 void ReportedInterfaces::giveBack(const std::string& name, const std::string& ip)
 {
+    std::set<unsigned> indices;
+    for (const Interface& interface : m_interfaces) {
+        if (interface.name == name && interface.index != 0)
+            indices.insert(interface.index);
+    }
     forget(name, ip);
     OEMInterface::RemoveServiceDiscoveryInterfacePayload payload{{name.c_str(), ip.c_str()}};
     persist([&] { m_receiver.onInterfaceRemoved(payload); });
     persist([&] { m_sender.onInterfaceRemoved(payload); });
 
-    // The interface may also be reported with another address.
+    // The interface may also be reported with another address, or under its present name.
     for (Interface& interface : m_interfaces) {
-        if (interface.name == name)
+        if (interface.name == name || indices.count(interface.index) != 0)
             serve(interface, Attempt::Again);
     }
     startRetrying();
@@ -179,9 +261,12 @@ Outcome ReportedInterfaces::serve(Interface& interface, Attempt attempt)
         if (!m_listing || m_listing->isOlderThan(listingAge) ||
             (isNews && !shows(*m_listing, interface.name, interface.ip)))
             m_listing = InterfaceListing::take();
+        if (const auto* const present = m_listing->find(interface.name))
+            interface.index = present->index();
         const Outcome received = m_receiver.add(interface.name, interface.ip, *m_listing, attempt);
         const Outcome sent = m_sender.add(interface.name, interface.ip, *m_listing, attempt);
         outcome = combined(received, sent);
+        interface.wasUsed |= received == Outcome::InUse || sent == Outcome::InUse;
     }
     catch (...) {
         if (attempt == Attempt::Report)
@@ -197,12 +282,13 @@ Outcome ReportedInterfaces::serve(Interface& interface, Attempt attempt)
 
 void ReportedInterfaces::start()
 {
-    const EngineLock lock(this, m_mutex);
-    m_isRunning = true;
-    m_listing.reset();
-    for (Interface& interface : m_interfaces)
-        serve(interface, Attempt::Again);
-    startRetrying();
+    work([this] {
+        m_isRunning = true;
+        m_listing.reset();
+        for (Interface& interface : m_interfaces)
+            serve(interface, Attempt::Again);
+        startRetrying();
+    });
 }
 
 void ReportedInterfaces::stop() noexcept
@@ -257,18 +343,20 @@ void ReportedInterfaces::startRetrying()
 
 void ReportedInterfaces::retry()
 {
-    const EngineFrame frame(this);
+    const EngineThread frame(this);
     DebugUtils::setThreadName("SdIfRetry", "ReportedInterfaces::retry");
     EngineLock lock(this, m_mutex);
     while (m_isRunning && hasPending()) {
         m_changed.wait_for(lock.lock, std::chrono::microseconds(wait()));
         if (!m_isRunning)
             break;
+        const EngineFrame atWork(&m_mutex);
         m_listing.reset();
         for (Interface& interface : m_interfaces) {
             if (interface.isPending)
                 serve(interface, Attempt::Again);
         }
+        handleReports();
     }
     m_isRetrying = false;
 }

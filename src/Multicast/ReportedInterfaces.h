@@ -11,6 +11,7 @@
 #include <atomic>
 #include <condition_variable>
 #include <cstddef>
+#include <deque>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -30,7 +31,8 @@ class MulticastSender;
 class ReportedInterfaces
 {
 public:
-    /// Limit of the interfaces in use, in case a platform reports ever more without withdrawing any.
+    /// Limit of the interfaces in use, in case a platform reports ever more without withdrawing any. A
+    /// further interface displaces the one that has been unusable for the longest time.
     static constexpr std::size_t mostInterfaces = 1024;
 
     /// Receiver and sender must outlive this object.
@@ -41,7 +43,8 @@ public:
     ReportedInterfaces(const ReportedInterfaces&) = delete;
     ReportedInterfaces& operator=(const ReportedInterfaces&) = delete;
 
-    /// Handle the platform's reports. Log an error if either text is null. Never throw.
+    /// Handle the platform's reports. Log an error if either text is null. A report from within a log line
+    /// about another report is handled after that one. Never throw.
     void add(const char* name, const char* ip) noexcept;
     void remove(const char* name, const char* ip) noexcept;
 
@@ -60,8 +63,25 @@ private:
         Poco::Net::IPAddress address{};  ///< without scope
         bool isPending = false;
         Poco::Clock pendingSince = SDClock::now();
+        bool wasUsed = false;  ///< receiver or sender have used it and may still do so
+        unsigned index = 0;    ///< system's index when it was last served; 0: none
     };
 
+    using Handler = void (ReportedInterfaces::*)(const std::string& name, const std::string& ip);
+    struct Report
+    {
+        Handler handler;
+        std::string name;
+        std::string ip;
+    };
+
+    void report(Handler handler, const char* name, const char* ip) noexcept;
+    bool isAtWorkOnThisThread() const;
+    void queue(Report report, bool isNested);
+    template <class Action>
+    void work(Action action);
+    void handleReports() noexcept;
+    bool displaceLongestPending();
     void take(const std::string& name, const std::string& ip);
     void giveBack(const std::string& name, const std::string& ip);
     std::vector<Interface>::iterator find(const std::string& name, const Poco::Net::IPAddress& address);
@@ -81,6 +101,11 @@ private:
     bool m_isRetrying = false;  // the thread has not ended
     std::thread m_thread;
     std::condition_variable m_changed;
+
+    std::mutex m_reportsMutex;  // guards the members below; never log while holding it
+    std::deque<Report> m_reports;
+    std::size_t m_nested = 0;   // reports from within log lines since the queue was last empty
+    std::size_t m_dropped = 0;  // those beyond mostInterfaces
 };
 
 }  // namespace Nubo::ServiceDiscovery::Multicast

@@ -386,6 +386,30 @@ TEST_F(DiscoveryBoundsTogetherTest, TextBeyondAllBoundsDisplacesNothing)
     EXPECT_THAT(verdict.displaced, IsEmpty());
 }
 
+TEST_F(DiscoveryBoundsTogetherTest, UnitWithItsShareOfTheTextDisplacesNoneOfAUnitThatHasLessOfIt)
+{
+    know(makeDiscovered("Other", 1, 2));
+    know(makeDiscovered("Other", 2, 2));
+    know(withText(makeDiscovered("Service", 1, 1), 32 * megabyte));
+    pass(stale);
+
+    const auto verdict = judge(withText(makeOffer("New", 1, 1), megabyte));
+
+    EXPECT_EQ(verdict.outcome, Outcome::RefusedOfSender);
+    EXPECT_THAT(verdict.displaced, IsEmpty()) << "though it has more services";
+}
+
+TEST_F(DiscoveryBoundsTogetherTest, UnitWithItsShareOfTheTextDisplacesOneOfAUnitThatHasMoreOfIt)
+{
+    Entry& large = know(withText(makeDiscovered("Large", 1, 2), 30 * megabyte));
+    know(withText(makeDiscovered("Service", 1, 1), 10 * megabyte));
+    know(withText(makeDiscovered("Service", 2, 1), 10 * megabyte));
+    pass(stale);
+
+    EXPECT_THAT(judge(withText(makeOffer("New", 1, 1), megabyte)).displaced, ElementsAre(&large))
+        << "though it has fewer services";
+}
+
 /// The registry's identifier is added after a service has been taken, and its length is not judged.
 TEST_F(DiscoveryBoundsTogetherTest, TextThatHasGrownBeyondItsBoundLeavesNoRoom)
 {

@@ -198,7 +198,14 @@ INSTANTIATE_TEST_SUITE_P(
                     "Error: Failed to handle OFFER_SERVICE due to invalid IP address \"::1\"."},
         RefusalCase{"LoopbackAddressOfIPv4",
                     {ipv6Option("00 00 00 00 00 00 00 00 00 00 ff ff 7f 01 02 03"), media},
-                    "Error: Failed to handle OFFER_SERVICE due to invalid IP address \"::ffff:127.1.2.3\"."}),
+                    "Error: Failed to handle OFFER_SERVICE due to invalid IP address \"::ffff:127.1.2.3\"."},
+        // Poco leaves out the IPv4 address when its first byte is 0.
+        RefusalCase{"UnspecifiedAddressOfIPv4",
+                    {ipv6Option("00 00 00 00 00 00 00 00 00 00 ff ff 00 00 00 00"), media},
+                    "Error: Failed to handle OFFER_SERVICE due to invalid IP address \"::ffff:\"."},
+        RefusalCase{"AddressOfThisNetworkOfIPv4",
+                    {ipv6Option("00 00 00 00 00 00 00 00 00 00 ff ff 00 01 02 03"), media},
+                    "Error: Failed to handle OFFER_SERVICE due to invalid IP address \"::ffff:\"."}),
     rowName);
 
 TEST_F(IncomingEntriesTest, OptionsThatWereFoundAreListedInAFixedOrder)

@@ -293,15 +293,19 @@ protected:
         ServiceIdentity identity;
         identity.serviceID = serviceID;
         identity.name = text;
-        std::uint16_t highest = 0;
+        std::set<std::uint16_t> numbers{0};
         const std::size_t count = m_model.count([&](const Entry& entry) {
             const bool isMatch = identity.matches(*entry);
             if (isMatch && entry.role != Entry::Role::Search)
-                highest = std::max(highest, entry->getInstanceId());
+                numbers.insert(entry->getInstanceId());
             return isMatch;
         });
+        std::uint16_t free = 1;
+        while (numbers.count(free) != 0)
+            ++free;
         ASSERT_EQ(name.count(serviceID), count);
-        ASSERT_EQ(name.highestInstance(serviceID), highest);
+        ASSERT_EQ(name.highestInstance(serviceID), *numbers.rbegin());
+        ASSERT_EQ(name.lowestFreeInstance(serviceID, 0xfffe), free);
     }
 
     void compareDiscovered(const NameEntries& name, const std::vector<Entry*>& expected)

@@ -3,6 +3,7 @@
 #include <Poco/Exception.h>
 
 #include <string>
+#include <vector>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -96,16 +97,44 @@ TEST_F(SDStateMachineOfferTest, FurtherInstanceIsNumberedAfterAllRecordsOfTheSer
     EXPECT_THAT(aperiodic(), SizeIs(2)) << "the search goes on";
 }
 
-TEST_F(SDStateMachineOfferTest, NumberOfADiscoveredServiceIsCutToSixteenBits)
+TEST_F(SDStateMachineOfferTest, DiscoveredInstanceAfterTheHighestNumberGetsTheLowestFreeOne)
 {
-    SDService::Ptr last = discovered("fd00::3");
-    last->setInstanceId(0xffff);
-    machine.putPeriodic(last);
-    SDService::Ptr service = offered("Media");
+    SDService::Ptr known = discovered();
+    known->setInstanceId(0xfffd);
+    machine.putPeriodic(known);
+
+    std::vector<unsigned short> numbers;
+    for (const char* address : {"fd00::3", "fd00::4", "fd00::5"}) {
+        SDService::Ptr service = offered("Media", address);
+        EXPECT_TRUE(offer(service));
+        numbers.push_back(service->getInstanceId());
+    }
+
+    EXPECT_THAT(numbers, ElementsAre(0xfffe, 1, 2));
+}
+
+TEST_F(SDStateMachineOfferTest, DiscoveredInstanceIsNotNumberedAfterAReservedNumber)
+{
+    SDService::Ptr known = discovered();
+    known->setInstanceId(0xffff);
+    machine.putPeriodic(known);
+    SDService::Ptr service = offered("Media", "fd00::3");
 
     EXPECT_TRUE(offer(service));
 
-    EXPECT_EQ(service->getInstanceId(), 0);
+    EXPECT_EQ(service->getInstanceId(), 1);
+}
+
+TEST_F(SDStateMachineOfferTest, DiscoveredInstanceSharesTheLastNumberWhenNoneIsFree)
+{
+    for (unsigned number = 1; number <= 0xfffe; ++number)
+        machine.putPeriodic(announced(State::MAIN_PHASE, "fd00::1", static_cast<unsigned short>(number),
+                                      static_cast<unsigned short>(number)));
+    SDService::Ptr service = offered("Media", "fd00::3");
+
+    EXPECT_TRUE(offer(service));
+
+    EXPECT_EQ(service->getInstanceId(), 0xfffe);
 }
 
 TEST_F(SDStateMachineOfferTest, OfferOfALocalServicesEndpointIsAFurtherInstance)

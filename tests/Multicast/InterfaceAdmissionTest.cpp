@@ -204,6 +204,28 @@ TEST_F(InterfaceAdmissionTest, SameAddressIsToldByItsBytesAlone)
     EXPECT_FALSE(Multicast::isSameAddress(IPAddress("10.0.0.1"), IPAddress("::ffff:10.0.0.1")));
 }
 
+TEST_F(InterfaceAdmissionTest, InterfaceIsReplacedByOneOfItsNameOnceItHasGone)
+{
+    ASSERT_EQ(admit("eth0", "fd00::1"), Admission::Good);
+    const NetworkInterface former = admitted.interface;
+    const auto isReplacedNow = [&](const std::string& name) {
+        EXPECT_EQ(admit(name, "fd00::7"), Admission::Good);
+        return Multicast::isReplaced(former, admitted.interface, *Multicast::InterfaceListing::take());
+    };
+    network.here.addAddress("eth0", "fd00::7/64");
+    EXPECT_FALSE(isReplacedNow("eth0")) << "it is the same";
+
+    network.here.ip("link set eth0 down");
+    network.here.ip("link set eth0 name eth9");
+    network.here.ip("link add eth0 type bridge");
+    network.here.addAddress("eth0", "fd00::7/64");
+    EXPECT_FALSE(isReplacedNow("eth0")) << "it has another name";
+    network.here.ip("link delete eth9");
+    EXPECT_TRUE(isReplacedNow("eth0"));
+    network.link("eth9", "fd00::7");
+    EXPECT_FALSE(isReplacedNow("eth9")) << "its name was another one";
+}
+
 TEST_F(RemovalTest, EntryIsFoundByNameAndAddress)
 {
     EXPECT_EQ(find("eth0", "fd00::1"), "eth0");

@@ -10,10 +10,20 @@ namespace Nubo::ServiceDiscovery::Testing {
 
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
+using ::testing::Pair;
 
 namespace {
 
-using ReceiverGroupTest = ReceiverFixture;
+struct ReceiverGroupTest : ReceiverFixture
+{
+    void makeWithIndex77() const
+    {
+        network.here.ip("link add eth7 index 77 type veth peer name eth7 netns there");
+        network.here.ip("link set eth7 up");
+        network.here.addAddress("eth7", "fd07::1/64");
+    }
+};
+
 using RunningReceiverGroupTest = RunningReceiverFixture;
 
 struct RefusedJoinTest : ReceiverFixture, ::testing::WithParamInterface<UnsuitableAddress>
@@ -114,6 +124,48 @@ TEST_F(ReceiverGroupTest, InterfaceThatHasBeenRenamedSinceIsTheSame)
     EXPECT_THAT(log.lines(),
                 ElementsAre("Warning: ServiceDiscovery failed to join IPv6 Multicast Group on Interface "
                             "\"eth9\" with IP \"fd00::1\", already joined on \"eth0\""));
+}
+
+/// The report of an interface that was created anew without being withdrawn: the socket's membership
+/// disappeared with the former interface.
+TEST_F(ReceiverGroupTest, InterfaceMadeAnewWithItsIndexIsJoinedWhenItIsReported)
+{
+    makeWithIndex77();
+    join("eth7", "fd07::1");
+    network.here.ip("link delete eth7");
+    makeWithIndex77();
+    log.clear();
+
+    join("eth7", "fd07::1");
+
+    EXPECT_THAT(groupUsers(), ElementsAre(Pair("eth7", 1u)));
+    EXPECT_THAT(log.lines(),
+                ElementsAre("Warning: ServiceDiscovery failed to join IPv6 Multicast Group on Interface "
+                            "\"eth7\" with IP \"fd07::1\", already joined on \"eth7\""));
+}
+
+TEST_F(ReceiverGroupTest, InterfaceMadeAnewTakesThePlaceOfTheFormerOne)
+{
+    for (int i = 0; i < 3; ++i) {
+        join();
+        network.here.ip("link delete eth0");
+        network.link("eth0", "fd00::1", "fd00::2");
+    }
+    join();
+    log.clear();
+
+    leave();
+
+    EXPECT_THAT(log.lines(), ElementsAre(leaving0ForIP)) << "none of those without an address is left";
+    EXPECT_FALSE(receiver->isJoinedOn("eth0"));
+}
+
+TEST_F(ReceiverGroupTest, FurtherReportLeavesOneMembership)
+{
+    join();
+    join();
+
+    EXPECT_THAT(groupUsers(), ElementsAre(Pair("eth0", 1u)));
 }
 
 TEST_F(RunningReceiverGroupTest, InterfaceThatComesBackUnderItsNameIsHeardAgain)

@@ -5,6 +5,8 @@
 
 #include <Poco/Exception.h>
 #include <Poco/Net/DatagramSocket.h>
+#include <Poco/Net/MulticastSocket.h>
+#include <Poco/Net/NetworkInterface.h>
 
 #include <atomic>
 #include <chrono>
@@ -21,6 +23,7 @@
 
 namespace Nubo::ServiceDiscovery::Testing {
 
+using Poco::Net::IPAddress;
 using Poco::Net::SocketAddress;
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
@@ -207,6 +210,21 @@ TEST_F(RunningReceiverLifecycleTest, NothingIsHandedOverAfterTheStop)
     EXPECT_THAT(subscriber->bytes(), ElementsAre("02"));
 }
 
+TEST_F(RunningReceiverLifecycleTest, InterfaceThatOnlyOthersHaveJoinedIsNotHeardAfterARestart)
+{
+    Poco::Net::MulticastSocket otherProgram(SocketAddress::IPv6);
+    otherProgram.joinGroup(IPAddress(discoveryGroup), Poco::Net::NetworkInterface::forName("eth0"));
+    receiver->stop();
+    EXPECT_TRUE(receiver->start());
+
+    speaker.send("01"_bytes);
+    join();
+    speaker.send("02"_bytes);
+
+    EXPECT_TRUE(subscriber->gets(1));
+    EXPECT_THAT(subscriber->bytes(), ElementsAre("02"));
+}
+
 TEST_F(RunningReceiverLifecycleTest, ReceiverHearsAfterEveryRestart)
 {
     for (std::size_t i = 1; i <= 5; ++i) {
@@ -332,6 +350,48 @@ TEST_F(HungSubscriberTest, DatagramsThatWaitAreTakenTogetherInTheirOrder)
     ASSERT_TRUE(subscriber->gets(sent.size()));
     EXPECT_EQ(subscriber->bytes(), sent);
     EXPECT_EQ(log.count("Trace: MulticastReceiver onSocketReadable"), sent.size() - 1) << "one each";
+}
+
+TEST_F(HungSubscriberTest, DatagramsOnAnInterfaceThatIsNotJoinedTakeNoRoom)
+{
+    network.link("eth1", "fd01::1", "fd01::2");
+    Poco::Net::MulticastSocket otherProgram(SocketAddress::IPv6);
+    otherProgram.joinGroup(IPAddress(discoveryGroup), Poco::Net::NetworkInterface::forName("eth1"));
+    Speaker flooding(network.there, "eth1", "fd01::2");
+
+    for (int i = 0; i < 2000; ++i)  // twice the room that is asked for
+        flooding.send(std::string(8000, 'x'));
+    speaker.send("02"_bytes);
+    gate.open();
+
+    EXPECT_TRUE(subscriber->gets(2));
+    EXPECT_THAT(subscriber->bytes(), ElementsAre("01", "02"));
+    EXPECT_EQ(lostDatagrams(network.here), 0u);
+}
+
+TEST_F(HungSubscriberTest, DatagramsWaitUntilTheLastOneIsHandedOver)
+{
+    EXPECT_TRUE(receiver->hasWaiting()) << "the one that is being handed over";
+    speaker.send("02"_bytes);
+
+    gate.open();
+
+    EXPECT_TRUE(eventually([&] { return !receiver->hasWaiting(); }));
+    EXPECT_THAT(subscriber->bytes(), ElementsAre("01", "02"));
+}
+
+TEST_F(HungSubscriberTest, NothingWaitsAfterTheStop)
+{
+    speaker.send("02"_bytes);
+
+    receiver->stop();
+
+    EXPECT_FALSE(receiver->hasWaiting());
+}
+
+TEST_F(ReceiverLifecycleTest, NothingWaitsBeforeTheStart)
+{
+    EXPECT_FALSE(receiver->hasWaiting());
 }
 
 TEST_F(HungSubscriberTest, DestructionWaitsForTheSubscriber)

@@ -270,6 +270,22 @@ TEST_F(SenderInterfacesTest, RemovalClosesTheSocket)
     EXPECT_EQ(openDescriptors(), before);
 }
 
+TEST_F(SenderInterfacesTest, InterfaceMadeAnewTakesThePlaceOfTheFormerOne)
+{
+    const std::size_t before = openDescriptors();
+    for (int i = 0; i < 3; ++i) {
+        addInterface("eth0", "fd00::1");
+        network.here.ip("link delete eth0");
+    }
+    Listener listener = addListenedInterface("eth0", "fd00::1");
+
+    EXPECT_EQ(openDescriptors(), before + 2) << "the socket and the listener's one";
+    log.clear();
+    EXPECT_TRUE(send({"01"}));
+    EXPECT_TRUE(listener.hears(1));
+    EXPECT_THAT(log.complaints(), IsEmpty());
+}
+
 TEST_F(SenderInterfacesTest, DestructionClosesEverySocket)
 {
     const std::size_t before = openDescriptors();

@@ -5,6 +5,7 @@
 #include "support/LogCatcher.h"
 #include "support/Namespace.h"
 #include "support/Packets.h"
+#include "support/Process.h"
 #include "support/SystemFaults.h"
 #include "support/TestUnit.h"
 #include "support/Times.h"
@@ -337,23 +338,128 @@ TEST_F(InterfaceFaultsTest, OwnServiceThatWasDiscoveredAtAnAddressOfALaterInterf
     EXPECT_EQ(unit.registry.discovered("Own"), 1u);
 }
 
-TEST_F(InterfaceFaultsTest, AtMostAThousandAndTwentyFourStandReported)
+TEST_F(InterfaceFaultsTest, BeyondAThousandAndTwentyFourTheOneThatHasBeenPendingLongestIsDisplaced)
 {
     auto& dispatcher = unit.platform.dispatcher();
-    for (int i = 0; i < 1024; ++i)
+    dispatcher.addInterface("eth0", globalAddress);
+    for (int i = 1; i < 1024; ++i)
         dispatcher.addInterface("missing" + std::to_string(i), globalAddress);
     EXPECT_THAT(log.errors(), IsEmpty());
 
-    dispatcher.addInterface("eth0", globalAddress);
+    network.link("eth1", "fd01::1");
+    dispatcher.addInterface("eth1", "fd01::1");
 
-    EXPECT_THAT(log.errors(),
-                ElementsAre("Error: SDCommunicationHub - Interface \"eth0\" with IP \"fd00::1\" is "
-                            "not used: 1024 others stand reported already."));
-    dispatcher.removeInterface("missing0", globalAddress);
-    dispatcher.addInterface("eth0", globalAddress);
+    EXPECT_THAT(log.errors(), ElementsAre("Error: SDCommunicationHub - Interface \"missing1\" with IP "
+                                          "\"fd00::1\" is not waited for any longer: 1024 others stand "
+                                          "reported."));
     EXPECT_TRUE(start());
+    EXPECT_THAT(joinedInterfaces(), ElementsAre("eth0", "eth1"));
     EXPECT_TRUE(isHearing());
     EXPECT_TRUE(isSending());
+}
+
+TEST_F(InterfaceFaultsTest, InterfaceWhoseNewNameIsReportedBeforeTheOldOneIsTakenBackIsUsed)
+{
+    network.here.setIPv6("eth0/keep_addr_on_down", "1");
+    unit.platform.dispatcher().addInterface("eth0", globalAddress);
+    ASSERT_TRUE(start());
+
+    network.here.ip("link set eth0 down");
+    network.here.ip("link set eth0 name eth9 up");
+    unit.platform.dispatcher().addInterface("eth9", globalAddress);
+    unit.platform.dispatcher().removeInterface("eth0", globalAddress);
+
+    EXPECT_THAT(joinedInterfaces(), ElementsAre("eth9"));
+    EXPECT_TRUE(eventually([&] { return isHearing(); })) << "the link takes up to a second";
+    EXPECT_TRUE(eventually([&] { return isSending(); }));
+    unit.platform.dispatcher().removeInterface("eth9", globalAddress);
+    EXPECT_THAT(joinedInterfaces(), IsEmpty());
+}
+
+TEST_F(InterfaceFaultsTest, InterfacesMadeAnewAndNeverTakenBackCostNothing)
+{
+    ASSERT_TRUE(start());
+    unit.platform.dispatcher().addInterface("eth0", globalAddress);
+    const std::size_t before = openDescriptors();
+
+    for (int i = 0; i < 5; ++i) {
+        network.here.ip("link delete eth0");
+        network.link("eth0", globalAddress, "fd00::2");
+        unit.platform.dispatcher().addInterface("eth0", globalAddress);
+    }
+
+    EXPECT_TRUE(eventually([&] { return openDescriptors() == before; })) << openDescriptors();
+    EXPECT_THAT(groupUsers(), ElementsAre(::testing::Pair("eth0", 1u)));
+}
+
+TEST_F(InterfaceFaultsTest, ReportsFromWithinALineOfTheLogAreHandledAfterIt)
+{
+    network.link("eth1", "fd01::1");
+    unit.platform.dispatcher().addInterface("eth1", "fd01::1");
+    log.onLine([&](const std::string& line) {
+        if (line != "Notice: ServiceDiscovery joining IPv6 Multicast Group for Interface \"eth0\".")
+            return;
+        unit.platform.dispatcher().removeInterface("eth1", "fd01::1");
+        unit.platform.dispatcher().addInterface("eth2", "fd02::1");
+    });
+    network.link("eth2", "fd02::1");
+
+    unit.platform.dispatcher().addInterface("eth0", globalAddress);
+
+    EXPECT_THAT(joinedInterfaces(), ElementsAre("eth0", "eth2"));
+}
+
+TEST_F(InterfaceFaultsTest, ReportFromWithinALineOfTheRetryingThreadIsHandledAfterIt)
+{
+    network.link("eth1", "fd01::1");
+    network.here.ip("address delete fd00::1/64 dev eth0");
+    unit.platform.dispatcher().addInterface("eth0", globalAddress);
+    ASSERT_TRUE(start());
+    OEMInterface::AddServiceDiscoveryInterfacePayload report{{"eth1", "fd01::1"}};
+    log.onLine([&](const std::string& line) {
+        if (line == "Notice: ServiceDiscovery joining IPv6 Multicast Group for Interface \"eth0\".")
+            unit.hub.onInterfaceAdded(report);
+    });
+
+    network.here.addAddress("eth0", "fd00::1/64");
+
+    EXPECT_TRUE(eventually([] { return joinedInterfaces().size() == 2; }));
+    log.onLine(nullptr);
+}
+
+TEST_F(InterfaceFaultsTest, ReportFromWithinALineOfTheStopIsHandledAtTheNextStart)
+{
+    network.link("eth1", "fd01::1");
+    unit.platform.dispatcher().addInterface("eth0", globalAddress);
+    ASSERT_TRUE(start());
+    OEMInterface::AddServiceDiscoveryInterfacePayload report{{"eth1", "fd01::1"}};
+    log.onLine([&](const std::string& line) {
+        if (line == "Notice: ServiceDiscovery leaving IPv6 Multicast Group for all joined Interfaces.")
+            unit.hub.onInterfaceAdded(report);
+    });
+
+    unit.hub.stop();
+    EXPECT_THAT(joinedInterfaces(), IsEmpty());
+    ASSERT_TRUE(start());
+
+    EXPECT_THAT(joinedInterfaces(), ElementsAre("eth0", "eth1"));
+    log.onLine(nullptr);
+}
+
+TEST_F(InterfaceFaultsTest, ReportsFromWithinEveryLineOfTheLogComeToAnEnd)
+{
+    OEMInterface::AddServiceDiscoveryInterfacePayload report{{"missing", globalAddress}};
+    log.onLine([&](const std::string&) { unit.hub.onInterfaceAdded(report); });
+
+    unit.hub.onInterfaceAdded(report);
+    unit.hub.onInterfaceAdded(report);
+    log.onLine(nullptr);
+
+    EXPECT_THAT(log.errors(),
+                ElementsAre("Error: SDCommunicationHub - 1026 reports of interfaces are dropped: 1024 others "
+                            "were made from within lines of the log.",
+                            "Error: SDCommunicationHub - 1026 reports of interfaces are dropped: 1024 others "
+                            "were made from within lines of the log."));
 }
 
 TEST_F(InterfaceFaultsTest, ReportWithoutANameOrAnAddressIsAnErrorAndChangesNothing)

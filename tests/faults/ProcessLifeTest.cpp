@@ -225,6 +225,105 @@ TEST_F(ProcessLifeTest, ForkedChildLeavesTheEventsSubscribersAsTheyWere)
     EXPECT_EXIT(scenario(), ::testing::ExitedWithCode(works), "");
 }
 
+TEST_F(ProcessLifeTest, ForkedChildThatLivesOnDoesNotHoldThePort)
+{
+    const auto scenario = [&] {
+        Unit& unit = unitOfTheProcess();
+        if (!unit.startup())
+            ::_exit(isWrong);
+        const pid_t child = ::fork();
+        if (child == 0) {
+            ::alarm(20);
+            ::pause();
+            ::_exit(works);
+        }
+
+        const bool isStartedAgain = unit.discovery.shutdown() && unit.startup();
+
+        const bool isAlive = ::waitpid(child, nullptr, WNOHANG) == 0;
+        ::kill(child, SIGKILL);
+        ::waitpid(child, nullptr, 0);
+        if (!isStartedAgain || !isAlive)
+            ::_exit(isWrong);
+        endAfterWork(unit);
+    };
+
+    EXPECT_EXIT(scenario(), ::testing::ExitedWithCode(works), "");
+}
+
+namespace {
+
+/// A place in which one of the engine's threads runs code of the process, and that code forks.
+struct ForkingPlace
+{
+    const char* name;
+    const char* line;      ///< log line in which it forks; null: it forks in an event
+    const char* provoked;  ///< the datagram that leads there
+
+    friend void PrintTo(const ForkingPlace& place, std::ostream* stream) { *stream << place.name; }
+};
+
+struct ForkingPlaceTest : ProcessLifeTest, ::testing::WithParamInterface<ForkingPlace>
+{};
+
+}  // namespace
+
+TEST_P(ForkingPlaceTest, ChildThatReturnsEndsAtOnceAndTheParentGoesOn)
+{
+    static std::atomic<pid_t> child{0};
+    static bool isChild = false;
+    const auto scenario = [&] {
+        LogCatcher log;
+        Unit& unit = unitOfTheProcess();
+        const auto forkOnce = [] {
+            pid_t none = 0;
+            if (!child.compare_exchange_strong(none, -1))
+                return;
+            const pid_t forked = ::fork();
+            if (forked == 0) {
+                ::alarm(20);
+                isChild = true;
+            }
+            else
+                child = forked;
+        };
+        const char* const line = GetParam().line;
+        log.onLine([&](const std::string& text) {
+            if (isChild)
+                ::_exit(isWrong);  // the child continues the parent's work
+            if (line && text.find(line) != std::string::npos)
+                forkOnce();
+        });
+        unit.registry.onEvent = [&](auto&) {
+            if (!line)
+                forkOnce();
+        };
+        if (!unit.startup())
+            ::_exit(isWrong);
+        speaker.send(GetParam().provoked == std::string("junk") ? "no packet, but as long as one"
+                                                                : Packets::offer("Short", "00 00 01"));
+        const bool isForked = eventually([] { return child > 0; });
+        int status = 0;
+        const bool isEnded = eventually([&] { return ::waitpid(child, &status, WNOHANG) == child; });
+        if (!isEnded)
+            ::kill(child, SIGKILL);
+        if (!isForked || !isEnded || !WIFEXITED(status) || WEXITSTATUS(status) != EXIT_SUCCESS)
+            ::_exit(isWrong);
+        endAfterWork(unit);
+    };
+
+    EXPECT_EXIT(scenario(), ::testing::ExitedWithCode(works), "");
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    In, ForkingPlaceTest,
+    ::testing::Values(ForkingPlace{"Event", nullptr, "offer"},
+                      ForkingPlace{"Expiry", "TTL of service timed out", "offer"},
+                      ForkingPlace{"Interval", "AperiodicWorker::onInterval - 0 services", "junk"},
+                      ForkingPlace{"RequestHandler", "SDRequestHandler - ", "junk"},
+                      ForkingPlace{"Receiver", "MulticastReceiver onSocketReadable", "junk"}),
+    ::testing::PrintToStringParamName());
+
 TEST_F(ProcessLifeTest, StartedProgramInheritsNoDescriptor)
 {
     const std::vector<int> before = openDescriptorNumbers();
@@ -386,7 +485,9 @@ TEST_F(ProcessLifeTest, WhatComesInAfterTheFacadeIsDestroyedIsNotHandled)
             isDestroyed = true;  // the handler goes on
             neighbour.send("no packet, but as long as one");
             const bool isSilent = keeps([&] { return received == receivedBefore; }, milliseconds(200));
-            ::_exit(isSilent && handled == 1 ? works : isWrong);
+            if (isSilent && handled == 1)
+                ::raise(SIGKILL);  // upon an exit, ThreadSanitizer reports that nobody joins the threads
+            ::_exit(isWrong);
         });
         LogCatcher log;
         Unit& unit = unitOfTheProcess();
@@ -409,7 +510,7 @@ TEST_F(ProcessLifeTest, WhatComesInAfterTheFacadeIsDestroyedIsNotHandled)
         unit.platform.dispatcher().addInterface("eth0", "nonsense");
     };
 
-    EXPECT_EXIT(scenario(), ::testing::ExitedWithCode(works), "");
+    EXPECT_EXIT(scenario(), ::testing::KilledBySignal(SIGKILL), "");
 }
 
 TEST(ManyInterfacesTest, TwoHundredAndFortyAreServedInAThirdOfASecond)

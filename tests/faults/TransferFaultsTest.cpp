@@ -145,7 +145,7 @@ TEST_F(SendingFaultsTest, DatagramThatIsNotTakenWholeIsWarnedOf)
 
 TEST_F(ReceivingFaultsTest, BufferIsAsLongAsWhatWasReceived)
 {
-    const SystemFault fault({SystemCall::Receive, 2, 1, 3});  // the first call asks for the interface
+    const SystemFault fault({SystemCall::Receive, 1, 1, 3});
 
     speaker.send("01 02 03 04 05"_bytes);
 
@@ -156,7 +156,7 @@ TEST_F(ReceivingFaultsTest, BufferIsAsLongAsWhatWasReceived)
 TEST_F(ReceivingFaultsTest, ReadOfNothingRaisesNoEvent)
 {
     const LogCatcher log;
-    std::optional<SystemFault> fault{std::in_place, SystemFault::Plan{SystemCall::Receive, 2, 1, 0}};
+    std::optional<SystemFault> fault{std::in_place, SystemFault::Plan{SystemCall::Receive, 1, 1, 0}};
 
     speaker.send("01 02 03 04 05"_bytes);
     EXPECT_TRUE(eventually([&] { return fault->happened(); }));

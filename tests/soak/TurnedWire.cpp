@@ -154,6 +154,11 @@ bool MulticastSender::isOwnAddress(const Poco::Net::IPAddress& address) const
     return address.toString() == Ends::portOf(this).address;
 }
 
+Poco::Net::IPAddress MulticastSender::unitAddress() const
+{
+    return Poco::Net::IPAddress(Ends::portOf(this).address);
+}
+
 Outcome MulticastSender::add(const std::string&, const std::string&, const InterfaceListing&, Attempt)
 {
     Ends::portOf(this).isSending = true;
@@ -198,6 +203,11 @@ bool MulticastReceiver::start()
 }
 
 void MulticastReceiver::stopFromWithin() noexcept {}
+
+bool MulticastReceiver::hasWaiting() const
+{
+    return false;
+}
 
 void MulticastReceiver::stop()
 {

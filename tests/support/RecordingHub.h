@@ -25,6 +25,8 @@ public:
         SDService record;
     };
 
+    using SDCommunicationHub::m_requestHandlerQueue;
+    using SDCommunicationHub::m_sender;
     using SDCommunicationHub::SDCommunicationHub;
 
     /// Called for every announcement before it is recorded, on the announcing thread. To be set before the

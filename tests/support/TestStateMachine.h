@@ -42,6 +42,13 @@ public:
         m_aperiodicWorker.*TimerAccess<AperiodicWorker>::isInitialized() = true;  // as if the timer ran
     }
 
+    /// Makes the periodic worker regard the present as its start.
+    void listenFromNowOn()
+    {
+        m_periodicWorker.*TimerAccess<PeriodicWorker>::isInitialized() = true;
+        m_periodicWorker.start();
+    }
+
     /// The workers' timers. Their intervals are the last ones set, in milliseconds.
     const Poco::Timer& aperiodicTimer() const
     {

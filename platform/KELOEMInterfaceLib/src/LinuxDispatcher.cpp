@@ -1,4 +1,5 @@
 #include <Common/CurrentException.h>
+#include <Common/OwnProcess.h>
 #include <KELOEMInterfaceLib/LinuxDispatcher.h>
 #include <KELUtilLib/Logging.h>
 
@@ -12,7 +13,6 @@
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
-#include <unistd.h>
 
 namespace OEMInterface {
 
@@ -153,7 +153,7 @@ struct LinuxDispatcher::State
                            [&](const Interface& one) { return isSame(one, name, ip); });
     }
 
-    const pid_t process = ::getpid();
+    const Common::OwnProcess process;
 
     mutable std::mutex eventMemoryMutex;
     std::deque<LogEntry> eventMemory;
@@ -185,7 +185,7 @@ public:
     ~DelegateBinding() override
     {
         std::unique_lock<std::recursive_mutex> lock(m_state->delivery, std::defer_lock);
-        if (m_state->process == ::getpid())
+        if (m_state->process.isThis())
             lock.lock();
         else if (!lock.try_lock())
             return;  // a forked child: the delivering thread exists in the parent only

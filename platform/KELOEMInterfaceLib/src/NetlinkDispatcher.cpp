@@ -2,6 +2,7 @@
 #include "ReportedInterfaces.h"
 
 #include <Common/CurrentException.h>
+#include <Common/OwnProcess.h>
 #include <Common/StandardStreamGuard.h>
 #include <KELOEMInterfaceLib/NetlinkDispatcher.h>
 #include <KELUtilLib/DebugUtils.h>
@@ -74,7 +75,7 @@ public:
     ~Follower()
     {
         // The thread does not exist in a forked child, which shares the descriptor with its parent.
-        if (m_process != ::getpid()) {
+        if (!m_process.isThis()) {
             m_thread.detach();
             return;
         }
@@ -97,6 +98,7 @@ private:
             try {
                 m_monitor.update();
                 report();
+                m_process.endChild();
                 waitForNews();
             }
             catch (...) {
@@ -162,7 +164,7 @@ private:
 
     NetlinkDispatcher& m_dispatcher;
     const std::vector<std::string> m_interfaceNames;
-    const pid_t m_process = ::getpid();
+    const Common::OwnProcess m_process;
     NetlinkMonitor m_monitor;
     ReportedInterfaces m_reported;
     const EventDescriptor m_wake;
