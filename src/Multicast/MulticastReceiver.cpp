@@ -79,8 +79,6 @@ void passOnly(const MulticastSocket& socket, const std::vector<unsigned>& indice
         program.push_back(BPF_STMT(BPF_RET | BPF_K, whole));
     }
     program.push_back(BPF_STMT(BPF_RET | BPF_K, 0));
-    if (program.size() > BPF_MAXINSNS)
-        throw Poco::RangeException("too many interfaces to filter");
     const sock_fprog filter{static_cast<unsigned short>(program.size()), program.data()};
     socket.impl()->setRawOption(SOL_SOCKET, SO_ATTACH_FILTER, &filter, sizeof(filter));
 }
