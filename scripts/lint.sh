@@ -32,7 +32,8 @@ folders='src platform tools examples bench fuzz'
     check cppcheck -j "$jobs" --quiet --template=gcc --error-exitcode=1 --std=c++17 \
         --enable=warning,performance,portability --inline-suppr --suppressions-list=.cppcheck-suppressions \
         --library=googletest,posix \
-        -I src -I platform/KELUtilLib/include -I platform/KELOEMInterfaceLib/include -I tests $folders tests
+        -I src -I platform/KELUtilLib/include -I platform/KELOEMInterfaceLib/include \
+        -I tools/common -I tools/nubo-sd -I tests $folders tests
     check run-clang-tidy -j "$jobs" -quiet -p build-lint \
         "^$PWD/${pattern:-($(echo "$folders" | tr ' ' '|'))/}"
 }
