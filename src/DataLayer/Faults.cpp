@@ -78,7 +78,7 @@ private:
     void findInName()
     {
         if (m_description.getName().empty())
-            add("name", {}, "SDCommunicationHub - a Service without a name cannot be put on the wire!");
+            add("name", {}, namelessFault);
         else
             findInPair("name", {}, OptionKeywords::NuBo_Servicename, m_description.getName());
         m_isNameGood = m_faults.empty();
@@ -130,9 +130,7 @@ private:
             add("", {}, textOf(fault));
         else if (size > SOME_IP_SD_Types::largestPacket)
             add("", {},
-                textOf("SDCommunicationHub - Service \"", m_description.getName(),
-                       "\" cannot be put on the wire: its packet of ", size, " Bytes exceeds the MTU of ",
-                       SOME_IP_SD_Types::largestPacket, " Bytes!"));
+                textOf(OversizeFault{m_description.getName(), size, SOME_IP_SD_Types::largestPacket}));
     }
 
     void findInPair(const char* field, std::optional<std::size_t> element, const std::string& key,
@@ -157,6 +155,13 @@ private:
 std::vector<Fault> faultsOf(const NuboServiceDescription& description)
 {
     return FaultFinder(description).find();
+}
+
+std::ostream& operator<<(std::ostream& stream, const OversizeFault& fault)
+{
+    return stream << "SDCommunicationHub - Service \"" << fault.name
+                  << "\" cannot be put on the wire: its packet of " << fault.size
+                  << " Bytes exceeds the MTU of " << fault.mtu << " Bytes!";
 }
 
 }  // namespace Nubo::ServiceDiscovery

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstddef>
+#include <iosfwd>
 #include <optional>
 #include <string>
 #include <vector>
@@ -30,5 +31,18 @@ struct Fault
 /// nothing to the log. An element of a list has at most one fault. Faulty elements do not count in the size
 /// of the packet, which is not checked if the name is faulty.
 std::vector<Fault> faultsOf(const NuboServiceDescription& description);
+
+/// Text about a service without a name.
+constexpr auto namelessFault = "SDCommunicationHub - a Service without a name cannot be put on the wire!";
+
+/// Streams the text about a service whose packet exceeds the MTU. Refers to the name.
+struct OversizeFault
+{
+    const std::string& name;
+    std::size_t size;  ///< bytes of the packet
+    std::size_t mtu;
+};
+
+std::ostream& operator<<(std::ostream& stream, const OversizeFault& fault);
 
 }  // namespace Nubo::ServiceDiscovery

@@ -1,5 +1,6 @@
 #include "LogicLayer/OutgoingDatagrams.h"
 
+#include "DataLayer/Faults.h"
 #include "DataLayer/Log.h"
 #include "DataLayer/SOME_IP/SOME_IP.h"
 #include "DataLayer/SOME_IP_SD/SOME_IP_SD_Entry_Service.h"
@@ -112,16 +113,14 @@ bool OutgoingDatagrams::isSendable(const SDService& service, Type::Type_t type) 
 {
     const std::string& name = service.getNuboDescription().getName();
     if (name.empty()) {
-        SD_LOG(Error) << "SDCommunicationHub - a Service without a name cannot be put on the wire!";
+        SD_LOG(Error) << namelessFault;
         return false;
     }
     try {
         const std::size_t size = createSDPacket(service, type).getSize();
         if (size <= m_mtu)
             return true;
-        SD_LOG(Error) << "SDCommunicationHub - Service \"" << name
-                      << "\" cannot be put on the wire: its packet of " << size
-                      << " Bytes exceeds the MTU of " << m_mtu << " Bytes!";
+        SD_LOG(Error) << OversizeFault{name, size, m_mtu};
     }
     catch (const Poco::Exception& exception) {
         SD_LOG(Error) << "SDCommunicationHub - Service \"" << name

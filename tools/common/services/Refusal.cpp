@@ -5,6 +5,11 @@
 #include "text/Text.h"
 #include "unit/LogOutput.h"
 
+#include <cstddef>
+#include <utility>
+
+#include <DataLayer/Faults.h>
+
 namespace NuboSd {
 
 using Nubo::ServiceDiscovery::NuboServiceDescription;
@@ -14,39 +19,48 @@ namespace {
 
 constexpr auto goodVersion = "1.0.0";
 
+/// The message about a service that cannot be announced.
+std::string message(const std::string& name, const std::string& reason)
+{
+    return "\"" + printable(name) + "\" cannot be announced: " + printable(reason);
+}
+
 std::string announce(ServiceDiscovery& discovery, const NuboServiceDescription& description,
                      ErrorCatcher::Others others)
 {
     const ErrorCatcher errors(others);
     if (discovery.addService(description))
         return {};
-    return "\"" + printable(description.getName()) +
-           "\" cannot be announced: " + printable(errors.firstError());
+    return message(description.getName(), errors.firstError());
 }
 
-/// Tries the service on a library that has no other one.
-std::string refusalOf(const ServiceEntry& service)
+/// Returns the library's faults in one field of the service.
+std::vector<Fault> faultsIn(const char* field, const ServiceEntry& service)
 {
-    ServiceDiscovery discovery;
-    return refusal(discovery, service);
+    NuboServiceDescription description;
+    description.setName(service.name);
+    description.setVersions(service.versions);
+    description.setCategories(service.categories);
+    std::vector<Fault> faults;
+    for (const auto& fault : Nubo::ServiceDiscovery::faultsOf(description)) {
+        if (fault.field == field)
+            faults.push_back({field, fault.element, message(service.name, fault.text)});
+    }
+    return faults;
 }
 
-/// Tries the elements of a list one by one, each as the only element of that list in `part`. Returns the good
-/// ones.
-std::vector<std::string> goodElements(const std::vector<std::string>& elements, const char* key,
-                                      ServiceEntry& part, std::vector<std::string> ServiceEntry::*list,
-                                      std::vector<Fault>& faults)
+/// Removes the elements that have a fault. The faults are in the order of the list.
+void removeFaulty(std::vector<std::string>& elements, const std::vector<Fault>& faults)
 {
     std::vector<std::string> good;
+    auto fault = faults.begin();
     for (std::size_t i = 0; i < elements.size(); ++i) {
-        part.*list = {elements[i]};
-        const std::string reason = refusalOf(part);
-        if (reason.empty())
-            good.push_back(elements[i]);
+        if (fault != faults.end() && fault->element == i)
+            ++fault;
         else
-            faults.push_back({key, i, reason});
+            good.push_back(std::move(elements[i]));
     }
-    return good;
+    elements = std::move(good);
 }
 
 }  // namespace
@@ -65,30 +79,20 @@ std::string refusal(ServiceDiscovery& discovery, const ServiceEntry& service)
 std::vector<Fault> takeRefusedParts(ServiceEntry& service)
 {
     std::vector<Fault> faults;
-    const auto isRefused = [&](const ServiceEntry& part, const char* key) {
-        const std::string reason = refusalOf(part);
-        if (!reason.empty())
-            faults.push_back({key, {}, reason});
-        return !reason.empty();
+    if (!service.name.empty())
+        faults = faultsIn(ServiceKey::name, service);
+    if (service.name.empty() || !faults.empty())
+        service.name = "?";
+
+    const auto takeElements = [&](const char* field, std::vector<std::string>& elements) {
+        const std::vector<Fault> found = faultsIn(field, service);
+        removeFaulty(elements, found);
+        faults.insert(faults.end(), found.begin(), found.end());
     };
-
-    ServiceEntry part;
-    part.port = 1;
-    part.name = service.name;
-    part.versions = {goodVersion};
-    if (part.name.empty() || isRefused(part, ServiceKey::name))
-        part.name = service.name = "?";
-
-    std::vector<std::string> good =
-        goodElements(service.versions, ServiceKey::versions, part, &ServiceEntry::versions, faults);
-    part.versions.clear();
+    takeElements(ServiceKey::versions, service.versions);
+    takeElements(ServiceKey::categories, service.categories);
     if (service.versions.empty())
-        isRefused(part, ServiceKey::versions);
-    part.versions = {goodVersion};
-    service.versions = good.empty() ? part.versions : good;
-
-    service.categories =
-        goodElements(service.categories, ServiceKey::categories, part, &ServiceEntry::categories, faults);
+        service.versions = {goodVersion};
     return faults;
 }
 

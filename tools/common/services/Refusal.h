@@ -7,8 +7,8 @@
 
 #include <ServiceDiscovery.h>
 
-/// Why the library refuses to announce a service. Only its log has the reason, and only for the first fault:
-/// so the log is caught, and parts are tried one by one.
+/// Why the library refuses to announce a service. For reasons that depend on the engine's state, such as a
+/// duplicate, only the log has them, so it is caught.
 namespace NuboSd {
 
 struct ServiceEntry;
