@@ -110,6 +110,7 @@ bool ServiceDiscovery::findService(const NuboServiceDescription& description)
         SDService::Ptr service = new SDService(description.getName());
         service->setInstanceId(EntryValues::InstanceID_Any);
         service->setMajorVersion(EntryValues::MajorVersion_Any);
+        service->setMinorVersion(EntryValues::MinorVersion_Any);
         return m_sdHub->findService(service);
     });
 }

@@ -274,6 +274,7 @@ TEST_F(ServiceDiscoveryTest, SearchIsForAnyInstanceAndVersionOfTheName)
     EXPECT_EQ(search.getMinorVersion(), 0xffffffff);
     EXPECT_EQ(search.getConfiguration(),
               (ConfigurationPairs{{"l6proto", "nubo"}, {"otherserv", "Media"}, {"txtvers", "1"}}));
+    EXPECT_NE(search.getPacket(), "") << "of the trial";
     EXPECT_THAT(log.complaints(), IsEmpty());
 }
 

@@ -11,6 +11,7 @@
 #include <cstdint>
 #include <iosfwd>
 #include <string>
+#include <type_traits>
 #include <utility>
 
 namespace Nubo::ServiceDiscovery {
@@ -141,8 +142,8 @@ public:
         m_sent.set(&SentFields::m_configuration, configuration);
     }
 
-    /// The bytes of the packet that was last made of the record; empty when none was made, or when anything
-    /// that it contains has been set since.
+    /// The bytes of the packet that was last made of the record; empty when none was made, or when a setter
+    /// has changed anything that it contains.
     const std::string& getPacket() const { return m_sent.packet(); }
     void setPacket(std::string packet) const { m_sent.keepPacket(std::move(packet)); }
 
@@ -177,10 +178,15 @@ private:
             m_packet.clear();
         }
 
-        /// By value: copying may throw, and nothing has changed then.
+        /// Keeps the packet if a number keeps its value. Takes `value` by value, so that nothing has changed
+        /// when copying throws.
         template <class Value>
         void set(Value SentFields::*field, Value value)
         {
+            if constexpr (std::is_scalar_v<Value>) {
+                if (m_fields.*field == value)
+                    return;
+            }
             change([&](SentFields& fields) { fields.*field = std::move(value); });
         }
 

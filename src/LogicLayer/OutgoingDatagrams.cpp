@@ -53,14 +53,14 @@ void require(bool added)
 }
 
 /// Builds the packet that offers a service or finds a wanted one. The caller sets the session ID.
-SOME_IP_SD_Header createSDPacket(const SDService& service, Type::Type_t type)
+SOME_IP_SD_Header createSDPacket(const SDService& service)
 {
     try {
         SOME_IP_SD_Header packet(0);
         SOME_IP_SD_Option::Ptr configuration;
         std::uint8_t configurationIndex = 0;
         SOME_IP_SD_Entry_Service::Ptr entry;
-        switch (type) {
+        switch (service.getType()) {
             case Type::ANNOUNCED:
             case Type::DISCOVERED:
                 entry = makeEntry(service, EntryType::OFFER_SERVICE);
@@ -109,7 +109,7 @@ OutgoingDatagrams::~OutgoingDatagrams()
     resetBuffers();
 }
 
-bool OutgoingDatagrams::isSendable(const SDService& service, Type::Type_t type) const
+bool OutgoingDatagrams::isSendable(const SDService& service) const
 {
     const std::string& name = service.getNuboDescription().getName();
     if (name.empty()) {
@@ -117,7 +117,7 @@ bool OutgoingDatagrams::isSendable(const SDService& service, Type::Type_t type) 
         return false;
     }
     try {
-        const std::size_t size = createSDPacket(service, type).getSize();
+        const std::size_t size = packetOf(service).size();
         if (size <= m_mtu)
             return true;
         SD_LOG(Error) << OversizeFault{name, size, m_mtu};
@@ -150,7 +150,7 @@ std::uint16_t OutgoingDatagrams::nextSessionID()
 const std::string& OutgoingDatagrams::packetOf(const SDService& service)
 {
     if (service.getPacket().empty())
-        service.setPacket(bytesOf(createSDPacket(service, service.getType())));
+        service.setPacket(bytesOf(createSDPacket(service)));
     return service.getPacket();
 }
 

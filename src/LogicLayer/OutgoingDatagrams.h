@@ -37,9 +37,9 @@ public:
     OutgoingDatagrams(const OutgoingDatagrams&) = delete;
     OutgoingDatagrams& operator=(const OutgoingDatagrams&) = delete;
 
-    /// Checks, by building its packet, whether the record can be sent as one of that type. Logs the reason
-    /// when it cannot.
-    bool isSendable(const SDService& service, SDService::Type::Type_t type) const;
+    /// Checks, by building its packet, whether the record can be sent. Logs the reason when it cannot. The
+    /// record keeps the packet for add().
+    bool isSendable(const SDService& service) const;
 
     /// Adds an OFFER for a service of this unit, or a FIND for a wanted one. For a record that cannot be sent
     /// it adds nothing and throws Poco::Exception.

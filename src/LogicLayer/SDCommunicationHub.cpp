@@ -3,6 +3,7 @@
 #include "DataLayer/EngineFrame.h"
 #include "DataLayer/Log.h"
 #include "LogicLayer/IncomingEntries.h"
+#include "LogicLayer/InstanceNumbers.h"
 
 #include <Common/CurrentException.h>
 #include <KELOEMInterfaceLib/OEMDispatcher.h>
@@ -231,16 +232,24 @@ void SDCommunicationHub::stopRequestHandler()
 
 bool SDCommunicationHub::addService(SDService::Ptr& service)
 {
-    if (!service.isNull() && !m_outgoing.isSendable(*service, Type::ANNOUNCED))
-        return false;
+    if (!service.isNull()) {
+        // Most services become the first instance. The packet of the trial is then the one that is sent.
+        service->setType(Type::ANNOUNCED);
+        service->setInstanceId(firstInstance);
+        if (!m_outgoing.isSendable(*service))
+            return false;
+    }
     Event event(Event::HTTP_PUT, service);
     return m_statemachine.onExternalEvent(event);
 }
 
 bool SDCommunicationHub::findService(SDService::Ptr& service)
 {
-    if (!service.isNull() && !m_outgoing.isSendable(*service, Type::WANTED))
-        return false;
+    if (!service.isNull()) {
+        service->setType(Type::WANTED);
+        if (!m_outgoing.isSendable(*service))
+            return false;
+    }
     Event event(Event::HTTP_GET, service);
     return m_statemachine.onExternalEvent(event);
 }

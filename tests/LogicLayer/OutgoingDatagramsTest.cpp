@@ -49,9 +49,10 @@ struct OutgoingDatagramsTest : ::testing::Test
             outgoing.add(*service);
     }
 
-    bool isSendable(const SDService::Ptr& service, Type::Type_t type = Type::ANNOUNCED)
+    bool isSendable(SDService::Ptr service, Type::Type_t type = Type::ANNOUNCED)
     {
-        return outgoing.isSendable(*service, type);
+        service->setType(type);
+        return outgoing.isSendable(*service);
     }
 
     /// The datagrams for every interface, as hexadecimal texts.
@@ -396,6 +397,19 @@ TEST_F(OutgoingDatagramsTest, SearchWithANameTooLongForThePacketIsNotSendable)
     EXPECT_THAT(log.errors(), Contains("Error: SDCommunicationHub - Service \"" + name +
                                        "\" cannot be put on the wire: Runtime exception: Failed to create SD "
                                        "packet"));
+}
+
+TEST_F(OutgoingDatagramsTest, PacketOfTheTrialIsTheOneThatIsSent)
+{
+    const SDService::Ptr service = media();
+    EXPECT_TRUE(isSendable(service));
+    ASSERT_NE(service->getPacket(), "");
+    const char* const bytes = service->getPacket().data();
+
+    add({service});
+
+    EXPECT_EQ(service->getPacket().data(), bytes) << "it was not built again";
+    EXPECT_THAT(externals(), ElementsAre(offerOfMedia("00 01")));
 }
 
 TEST_F(OutgoingDatagramsTest, TrialTakesNoNumber)

@@ -203,6 +203,19 @@ TEST_F(SDCommunicationHubTest, RequestsWithoutARecordOrAnIdentifierAreRefused)
                     "Error: SDStateMachine::onExternalEvent: received nullptr Service or empty UUID."));
 }
 
+TEST_F(SDCommunicationHubTest, PacketOfTheTrialIsKeptForTheFirstInstance)
+{
+    SDService::Ptr first = makeService("Media");
+    SDService::Ptr second = makeService("Media", "fd00::1", 9000);
+
+    EXPECT_TRUE(unit.hub.addService(first));
+    EXPECT_TRUE(unit.hub.addService(second));
+
+    EXPECT_NE(first->getPacket(), "");
+    EXPECT_EQ(second->getInstanceId(), 2);
+    EXPECT_EQ(second->getPacket(), "") << "it has another number now";
+}
+
 TEST_F(SDCommunicationHubTest, ServiceWhosePacketFillsTheMTUIsAdded)
 {
     EXPECT_TRUE(add(describeInPacketOf(1212)));
