@@ -89,7 +89,7 @@ SDCommunicationHub::~SDCommunicationHub()
     m_multicastAddIfBinding.reset();
     m_multicastRemoveIfBinding.reset();
     if (m_running)
-        stop();
+        SDCommunicationHub::stop();
     // A subscriber may block the thread for longer than stop() waits; the members must outlive the thread.
     while (m_requestHandlerThread)
         stopRequestHandler();
