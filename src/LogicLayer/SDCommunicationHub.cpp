@@ -335,7 +335,8 @@ void SDCommunicationHub::onOfferServiceReceived(SDRequestHandler::OfferServicePa
     SD_LOG(Trace) << "onOfferServiceReceived - origin(" << payload.origin.toString()
                   << ")  OfferService: " << IncomingEntries::toText(payload.entryData);
     try {
-        auto [service, configuration] = IncomingEntries::readOffer(payload.entryData, payload.origin);
+        const IncomingOffer offer = IncomingEntries::readOffer(payload.entryData, payload.origin);
+        SDService::Ptr service = offer.service;
         if (service.isNull())
             return;
         if (service->getTTL() == 0) {
@@ -343,7 +344,7 @@ void SDCommunicationHub::onOfferServiceReceived(SDRequestHandler::OfferServicePa
             m_statemachine.onExternalEvent(event);
         }
         else if (!m_statemachine.renew(*service)) {
-            service->complete(*configuration);
+            service->complete(*offer.configuration);
             Event event(Event::SOMEIP_OFFER, service);
             m_statemachine.onExternalEvent(event);
         }
