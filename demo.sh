@@ -64,7 +64,7 @@ waited_for=15 # seconds to wait for a step
 now() { echo "${EPOCHREALTIME/[.,]/}"; } # microseconds
 
 # Prints a line with the time since the start.
-tell() {
+report() {
     local micros=$(($(now) - start))
     printf '%3d.%03d s  %s\n' $((micros / 1000000)) $((micros / 1000 % 1000)) "$*"
 }
@@ -82,7 +82,7 @@ finish() {
 }
 
 trap 'finish 1' EXIT
-trap 'echo; tell "interrupted"; finish 130' INT TERM
+trap 'echo; report "interrupted"; finish 130' INT TERM
 
 # unit NAME ADDRESS: creates a namespace with one interface on the bridge.
 unit() {
@@ -119,7 +119,7 @@ next_event() {
     announced)
         announced_at[$name]=$(now)
         joined_at[$unit]=${announced_at[$name]}
-        tell "$unit announces $name at $uri"
+        report "$unit announces $name at $uri"
         ;;
     discovered)
         local offered=${announced_at[$name]:-0} joined=${joined_at[$unit]:-0}
@@ -130,9 +130,9 @@ next_event() {
         else
             after=", $((($(now) - offered) / 1000)) ms after it was announced"
         fi
-        tell "${green}$unit found $name${plain} at $uri$after"
+        report "${green}$unit found $name${plain} at $uri$after"
         ;;
-    gone) tell "${red}$unit lost $name${plain}" ;;
+    gone) report "${red}$unit lost $name${plain}" ;;
     esac
 }
 
@@ -147,7 +147,7 @@ expect() {
         left=$((deadline - $(now)))
         if [ "$left" -le 0 ] || ! next_event "$(printf '%d.%06d' $((left / 1000000)) $((left % 1000000)))"; then
             [ "$(now)" -lt "$deadline" ] && continue
-            for event in "${!missing[@]}"; do tell "${red}NOT SEEN: $event${plain}"; done
+            for event in "${!missing[@]}"; do report "${red}NOT SEEN: $event${plain}"; done
             failures=$((failures + 1))
             return 1
         fi
@@ -160,7 +160,7 @@ expect_nothing() {
     local deadline=$(($(now) + $1 * 1000000)) left
     while left=$((deadline - $(now))) && [ "$left" -gt 0 ]; do
         if next_event "$(printf '%d.%06d' $((left / 1000000)) $((left % 1000000)))"; then
-            tell "${red}NOT EXPECTED: $seen${plain}"
+            report "${red}NOT EXPECTED: $seen${plain}"
             failures=$((failures + 1))
             return 1
         fi
@@ -176,7 +176,7 @@ chapter "Three units on one network"
         unit cockpit fd00::1 && unit media fd00::2 && unit telematics fd00::3
 } || finish 1
 for name in cockpit media telematics; do
-    tell "$name has eth0 with ${address_of[$name]}"
+    report "$name has eth0 with ${address_of[$name]}"
 done
 
 chapter "Each unit announces a service and discovers those of the others"
@@ -190,54 +190,54 @@ expect $waited_for \
     "telematics discovered Navigation" "telematics discovered Radio"
 
 chapter "A service is stopped"
-tell "media shuts its registry down"
+report "media shuts its registry down"
 kill -TERM "${pid_of[media]}"
 wait "${pid_of[media]}" || {
-    tell "${red}media's registry ended with exit code $?${plain}"
+    report "${red}media's registry ended with exit code $?${plain}"
     failures=$((failures + 1))
 }
 unset "pid_of[media]" "announced_at[Radio]" "joined_at[media]"
 expect $waited_for "cockpit gone Radio" "telematics gone Radio"
 
 chapter "A link flaps"
-on telematics ip link set eth0 down && tell "telematics's link is down"
+on telematics ip link set eth0 down && report "telematics's link is down"
 sleep 1
-link_up telematics && tell "telematics's link is up again"
-expect_nothing 2 && tell "no unit lost Traffic meanwhile"
-tell "media restarts its registry"
+link_up telematics && report "telematics's link is up again"
+expect_nothing 2 && report "no unit lost Traffic meanwhile"
+report "media restarts its registry"
 start_registry media Radio 8081
 expect $waited_for \
     "media announced Radio" "cockpit discovered Radio" "telematics discovered Radio" \
     "media discovered Navigation" "media discovered Traffic" &&
-    tell "telematics sends and receives as before"
+    report "telematics sends and receives as before"
 
 chapter "A unit dies without withdrawing its service"
 disown "${pid_of[telematics]}" # the shell need not report it
-kill -KILL "${pid_of[telematics]}" && tell "telematics is dead"
+kill -KILL "${pid_of[telematics]}" && report "telematics is dead"
 unset "pid_of[telematics]"
 died=$(now)
 if [ "$full" = yes ]; then
-    tell "its offer of Traffic is valid for 120 s; the others keep the service until then"
+    report "its offer of Traffic is valid for 120 s; the others keep the service until then"
     while left=$((died / 1000000 + 115 - $(now) / 1000000)) && [ "$left" -gt 0 ]; do
         [ -t 1 ] && printf '\r           %3d s left ' "$left"
         if next_event 1; then
-            tell "${red}NOT EXPECTED: $seen${plain}"
+            report "${red}NOT EXPECTED: $seen${plain}"
             failures=$((failures + 1))
         fi
     done
     [ -t 1 ] && printf '\r%40s\r' ''
     expect $waited_for "cockpit gone Traffic" "media gone Traffic" &&
-        tell "$((($(now) - died) / 1000000)) s after telematics died, both have dropped Traffic"
+        report "$((($(now) - died) / 1000000)) s after telematics died, both have dropped Traffic"
 else
-    expect_nothing 2 && tell "the others keep Traffic, because its offer is valid for 120 s"
-    tell "To wait until it expires, run ./demo.sh --full."
+    expect_nothing 2 && report "the others keep Traffic, because its offer is valid for 120 s"
+    report "To wait until it expires, run ./demo.sh --full."
 fi
 
 chapter "Result"
 if [ "$failures" -gt 0 ]; then
-    tell "${red}$failures step(s) failed${plain}; logs of the registries:"
+    report "${red}$failures step(s) failed${plain}; logs of the registries:"
     tail -n 20 /run/*.log
     finish 1
 fi
-tell "${green}every step was seen${plain}"
+report "${green}every step was observed${plain}"
 finish 0

@@ -182,7 +182,7 @@ def run(options):
                 record = attempt(races if fault.kind == "lock" else workshop, fault, fault.key() in equivalents)
                 with open(results, "a", encoding="utf-8") as file:
                     file.write(json.dumps(record) + "\n")
-                tell(record, count + 1, options.count or len(faults))
+                print_result(record, count + 1, options.count or len(faults))
             tried.append(record)
             count += record["outcome"] in (NOTICED, SURVIVED, EQUAL)
     print_table(tried)
@@ -204,7 +204,7 @@ def read(results):
     return [json.loads(line) for line in results.read_text().splitlines()]
 
 
-def tell(record, number, count):
+def print_result(record, number, count):
     by = f" by {record['by']}" if record["outcome"] == NOTICED else ""
     print(f"{number}/{count} {record['path']}:{record['line']}: {record['group']}, {record['kind']}: "
           f"{record['outcome']}{by} ({record['seconds']:.0f} s)", flush=True)

@@ -6,7 +6,7 @@
 #include <stdexcept>
 #include <thread>
 
-// What is defined in a program is not taken from the library: here it is the engine's sender and receiver.
+// The definitions in this file replace those of the library: the engine's sender and receiver.
 
 namespace Nubo::ServiceDiscovery {
 
@@ -14,7 +14,7 @@ namespace Testing {
 
 namespace {
 
-constexpr double doubled = 0.005;  // a share of what is carried
+constexpr double doubled = 0.005;  // share of datagrams that are delivered twice
 constexpr std::chrono::seconds longestHandling{30};
 
 TurnedWire* theWire = nullptr;
@@ -22,7 +22,7 @@ TurnedWire::Port* nextPort = nullptr;
 
 }  // namespace
 
-/// Which port belongs to a sender or a receiver.
+/// Finds the port of a sender or receiver.
 struct TurnedWireEnds
 {
     static std::map<const void*, TurnedWire::Port*>& ports()
@@ -103,7 +103,7 @@ void TurnedWire::settle()
 {
     const auto end = std::chrono::steady_clock::now() + longestHandling;
     for (const UnderWay& one : m_underWay) {
-        while (one.data.referenceCount() > 1) {  // the engine has it still
+        while (one.data.referenceCount() > 1) {  // the engine still holds it
             if (std::chrono::steady_clock::now() > end)
                 throw std::runtime_error("a unit does not handle what it received");
             std::this_thread::yield();
@@ -146,7 +146,7 @@ bool MulticastSender::sendMulticast(const MulticastData& packagesForAll, const M
 
 bool MulticastSender::isOwnOutgoingAddress(const Poco::Net::SocketAddress&) const
 {
-    return false;  // nothing comes back
+    return false;  // the wire does not return a sender's own datagrams
 }
 
 bool MulticastSender::isOwnAddress(const Poco::Net::IPAddress& address) const

@@ -14,7 +14,7 @@ namespace {
 
 using StateMachineEvent = SDStateMachine::ExternalEvent;
 
-/// Lets the handler's run() return when it has been handled.
+/// Makes the handler's run() return after this datagram.
 class OnlyDatagram : public SDMessageNotification
 {
 public:
@@ -70,7 +70,7 @@ void Engine::onServiceListChanged(ServiceDiscovery::ServiceListEventPayload& pay
     m_events.push_back({payload.getEventType(), *payload.getServiceDescription()});
 }
 
-/// By a stop-offer that fits whatever service ID it was offered with. One that is gone stays so.
+/// Sends a stop-offer that matches any service ID. Has no effect on a service that is gone already.
 void Engine::forget(const NuboServiceDescription& discovered)
 {
     constexpr auto anyID = SOME_IP_SD_Types::EntryValues::ServiceID_Any;
