@@ -52,7 +52,8 @@ struct ServiceStatus
 /// std::bad_alloc and change nothing; startup() and shutdown() never throw.
 ///
 /// The object belongs to the process that has made it: in a forked child every operation is refused. A child
-/// that is forked within ServiceListChanged, and returns from it, ends there with exit code 0.
+/// that is forked within ServiceListChanged, or by a log channel that writes a line of the library, ends with
+/// exit code 0 when it returns from there or throws.
 class KEL_SD_EXPORT ServiceDiscovery
 {
 public:

@@ -13,16 +13,27 @@ public:
 
     bool isThis() const { return m_mark == mark(); }
 
-    /// For the end of what a thread did for a subscriber, a delegate or a log channel: a child that was
-    /// forked there and has returned must not go on with the parent's work. It ends, without the handlers of
-    /// exit().
-    void endChild() const;
-
     /// Differs between a process and all that are forked from it, unless memory was short at the first call.
     static std::uint64_t mark();
 
 private:
     const std::uint64_t m_mark;
+};
+
+/// Stands around code of others: a subscriber, a delegate, a log channel. A child that they fork, and that
+/// returns from them or throws, must not go on with the parent's work: it ends with the object, with exit
+/// code 0 and without the handlers of exit().
+class NoReturnInChildren
+{
+public:
+    NoReturnInChildren() = default;
+    ~NoReturnInChildren();
+
+    NoReturnInChildren(const NoReturnInChildren&) = delete;
+    NoReturnInChildren& operator=(const NoReturnInChildren&) = delete;
+
+private:
+    const OwnProcess m_process;
 };
 
 }  // namespace Common

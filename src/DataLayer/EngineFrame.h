@@ -1,7 +1,5 @@
 #pragma once
 
-#include <Common/OwnProcess.h>
-
 #include <mutex>
 
 namespace Nubo::ServiceDiscovery {
@@ -40,16 +38,8 @@ public:
             frame->release();
     }
 
-    /// Ends the process if it was forked while this thread, one of an engine, worked.
-    static void endChild()
-    {
-        for (const EngineFrame* frame = innermost(); frame; frame = frame->m_outer)
-            frame->endIfChild();
-    }
-
 private:
     virtual void release() noexcept {}
-    virtual void endIfChild() const {}
 
     static EngineFrame*& innermost()
     {
@@ -59,19 +49,6 @@ private:
 
     const void* const m_part;
     EngineFrame* const m_outer;
-};
-
-/// Marks a thread of the engine while it works. A child that is forked meanwhile, by a log channel that
-/// returns in it, ends at once: it must not go on with the work of the parent.
-class EngineThread : public EngineFrame
-{
-public:
-    explicit EngineThread(const void* part) : EngineFrame(part) {}
-
-private:
-    void endIfChild() const override { m_process.endChild(); }
-
-    const Common::OwnProcess m_process;
 };
 
 /// Holds a mutex of a part.

@@ -1,7 +1,5 @@
 #include "DataLayer/Log.h"
 
-#include "DataLayer/EngineFrame.h"
-
 #include <utility>
 
 namespace Nubo::ServiceDiscovery {
@@ -58,11 +56,6 @@ LogLine::LogLine(LogLevel level, const char* file, int line)
 LogLine::~LogLine()
 {
     m_stream << '\n';
-}
-
-LogLine::AfterTheLine::~AfterTheLine()
-{
-    EngineFrame::endChild();
 }
 
 }  // namespace Nubo::ServiceDiscovery

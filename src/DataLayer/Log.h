@@ -1,5 +1,6 @@
 #pragma once
 
+#include <Common/OwnProcess.h>
 #include <KELUtilLib/Logging.h>
 
 #include <cstddef>
@@ -92,13 +93,7 @@ public:
     std::ostream& stream() { return m_stream; }
 
 private:
-    /// Looks, once the line is written, whether the channel has forked and returned in the child.
-    struct AfterTheLine
-    {
-        ~AfterTheLine();
-    };
-
-    AfterTheLine m_afterTheLine;
+    const Common::NoReturnInChildren m_whenWritten;  // a log channel may fork
     Logging::LogStream m_stream;
 };
 

@@ -649,8 +649,8 @@ bool SDCommunicationHub::extractFindServiceOptions(
 void SDCommunicationHub::notifyServiceRegistry(ServiceDiscovery::ServiceListEventPayload& payload) const
 {
     const EngineFrame frame(this);
+    const Common::NoReturnInChildren whenDelivered;
     m_serviceDiscovery.ServiceListChanged.notify(&m_serviceDiscovery, payload);
-    m_process.endChild();
 }
 
 bool SDCommunicationHub::isOwnAddress(const Poco::Net::IPAddress& address) const

@@ -51,7 +51,7 @@ SDRequestHandler::~SDRequestHandler() = default;
 
 void SDRequestHandler::run()
 {
-    const EngineThread frame(this);
+    const EngineFrame frame(this);
     m_isShutDown = false;
     m_running = true;
     // Once per process: a handler that is run again leaves its new thread unnamed.

@@ -91,7 +91,7 @@ private:
     /// The outermost frame of the timer's thread: what is thrown ends here.
     void onTimer(Poco::Timer& timer)
     {
-        const EngineThread frame(&m_parent);
+        const EngineFrame frame(&m_parent);
         // Poco::Timer is, by up to a millisecond: it waits for whole ones.
         const Poco::Clock::ClockDiff early = m_notBefore - SDClock::now().raw();
         if (early > 0)

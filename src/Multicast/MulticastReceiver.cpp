@@ -22,9 +22,11 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <cstdint>
 #include <new>
 #include <optional>
+#include <thread>
 #include <vector>
 
 #include <linux/filter.h>
@@ -81,6 +83,25 @@ void passOnly(const MulticastSocket& socket, const std::vector<unsigned>& indice
     program.push_back(BPF_STMT(BPF_RET | BPF_K, 0));
     const sock_fprog filter{static_cast<unsigned short>(program.size()), program.data()};
     socket.impl()->setRawOption(SOL_SOCKET, SO_ATTACH_FILTER, &filter, sizeof(filter));
+}
+
+/// A child that another thread forks holds the port for the moment until it has closed its copy of the
+/// former socket.
+void bindPatiently(MulticastSocket& socket, const SocketAddress& address)
+{
+    constexpr int attempts = 20;
+    constexpr std::chrono::milliseconds wait{10};
+    for (int attempt = 1; true; ++attempt) {
+        try {
+            socket.bind(address, false);
+            return;
+        }
+        catch (const Poco::Exception& exception) {
+            if (exception.code() != EADDRINUSE || attempt == attempts)
+                throw;
+        }
+        std::this_thread::sleep_for(wait);
+    }
 }
 
 /// Sets a mark while it exists.
@@ -172,7 +193,7 @@ MulticastReceiver::~MulticastReceiver()
 template <class Notification, void (MulticastReceiver::*handler)(const Poco::AutoPtr<Notification>&)>
 void MulticastReceiver::guarded(const Poco::AutoPtr<Notification>& notification)
 {
-    const EngineThread frame(this);
+    const EngineFrame frame(this);
     if (m_service->isStopping)
         return;
     try {
@@ -216,7 +237,7 @@ void MulticastReceiver::bind()
         const EngineLock lock(this, m_interfacesMutex);
         unsafe_filter();
     }
-    socket.bind(m_discoveryAddress, false);
+    bindPatiently(socket, m_discoveryAddress);
     m_service->isSpent = true;
     socket.setLoopback(false);
     socket.setBlocking(false);  // a datagram with a bad checksum is announced, but not there to be read

@@ -341,7 +341,7 @@ void ReportedInterfaces::startRetrying()
 
 void ReportedInterfaces::retry()
 {
-    const EngineThread frame(this);
+    const EngineFrame frame(this);
     DebugUtils::setThreadName("SdIfRetry", "ReportedInterfaces::retry");
     EngineLock lock(this, m_mutex);
     while (m_isRunning && hasPending()) {

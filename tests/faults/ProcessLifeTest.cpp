@@ -9,6 +9,10 @@
 #include "support/Waiting.h"
 #include "support/Wire.h"
 
+#include <KELUtilLib/Logging.h>
+
+#include <Poco/Message.h>
+
 #include <algorithm>
 #include <atomic>
 #include <chrono>
@@ -19,6 +23,7 @@
 #include <functional>
 #include <iostream>
 #include <memory>
+#include <stdexcept>
 #include <string>
 #include <thread>
 #include <vector>
@@ -260,12 +265,18 @@ TEST_F(ProcessLifeTest, ForkedChildThatLivesOnDoesNotHoldThePort)
 
 namespace {
 
-/// What makes a thread of the engine run code of the process, which forks.
+/// What makes the library run code of the process, which forks.
 struct ForkingPlace
 {
     const char* name;
     const char* line;  ///< of the log, in which it forks; null: in an event
-    const char* provoked;
+    enum
+    {
+        Offer,
+        Junk,
+        Restart
+    } provokedBy;
+    bool throwsInChild = false;
 
     friend void PrintTo(const ForkingPlace& place, std::ostream* stream) { *stream << place.name; }
 };
@@ -304,11 +315,19 @@ TEST_P(ForkingPlaceTest, ChildThatReturnsEndsAtOnceAndTheParentGoesOn)
         unit.registry.onEvent = [&](auto&) {
             if (!line)
                 forkOnce();
+            if (isChild && GetParam().throwsInChild)
+                throw std::runtime_error("in the child");
         };
         if (!unit.startup())
             ::_exit(isWrong);
-        speaker.send(GetParam().provoked == std::string("junk") ? "no packet, but as long as one"
-                                                                : Packets::offer("Short", "00 00 01"));
+        if (GetParam().throwsInChild)
+            Logging::Log::Logger().setLevel(Poco::Message::PRIO_FATAL);  // what is caught is not logged
+        if (GetParam().provokedBy == ForkingPlace::Offer)
+            speaker.send(Packets::offer("Short", "00 00 01"));
+        else if (GetParam().provokedBy == ForkingPlace::Junk)
+            speaker.send("no packet, but as long as one");
+        else if (!unit.discovery.shutdown() || !unit.startup())
+            ::_exit(isWrong);
         const bool isForked = eventually([] { return child > 0; });
         int status = 0;
         const bool isEnded = eventually([&] { return ::waitpid(child, &status, WNOHANG) == child; });
@@ -324,11 +343,14 @@ TEST_P(ForkingPlaceTest, ChildThatReturnsEndsAtOnceAndTheParentGoesOn)
 
 INSTANTIATE_TEST_SUITE_P(
     In, ForkingPlaceTest,
-    ::testing::Values(ForkingPlace{"Event", nullptr, "offer"},
-                      ForkingPlace{"Expiry", "TTL of service timed out", "offer"},
-                      ForkingPlace{"Interval", "AperiodicWorker::onInterval - 0 services", "junk"},
-                      ForkingPlace{"RequestHandler", "SDRequestHandler - ", "junk"},
-                      ForkingPlace{"Receiver", "MulticastReceiver onSocketReadable", "junk"}),
+    ::testing::Values(ForkingPlace{"Event", nullptr, ForkingPlace::Offer},
+                      ForkingPlace{"EventThatThrows", nullptr, ForkingPlace::Offer, true},
+                      ForkingPlace{"Expiry", "TTL of service timed out", ForkingPlace::Offer},
+                      ForkingPlace{"Interval", "AperiodicWorker::onInterval - 0 services",
+                                   ForkingPlace::Junk},
+                      ForkingPlace{"RequestHandler", "SDRequestHandler - ", ForkingPlace::Junk},
+                      ForkingPlace{"Receiver", "MulticastReceiver onSocketReadable", ForkingPlace::Junk},
+                      ForkingPlace{"Shutdown", "SDCommunicationHub::stop", ForkingPlace::Restart}),
     ::testing::PrintToStringParamName());
 
 TEST_F(ProcessLifeTest, StartedProgramInheritsNoDescriptor)
