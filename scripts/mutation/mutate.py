@@ -60,7 +60,8 @@ PROGRAMS = {
 }
 # In what order they try a fault in a file whose path begins so; those that are not there are passed over.
 ORDER = {
-    "src/DataLayer/": ("data", "logic", "packets", "datagrams", "machine", "scripted hub", "golden", "zoo", "network"),
+    "src/DataLayer/": ("data", "logic", "packets", "datagrams", "machine", "scripted hub", "golden", "zoo", "faults",
+                       "network"),
     "src/LogicLayer/": ("logic", "scripted hub", "machine", "datagrams", "store", "golden", "network", "facade",
                         "hostile", "system faults", "faults", "hours", "callers"),
     "src/Multicast/": ("multicast", "network", "logic", "facade", "zoo", "system faults", "faults", "scenarios"),

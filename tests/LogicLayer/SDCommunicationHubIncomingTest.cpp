@@ -40,6 +40,15 @@ struct StateMachine
 template struct StateMachine<&SDCommunicationHub::m_statemachine>;
 SDStateMachine& stateMachineOf(SDCommunicationHub& hub);
 
+/// Opens what the state machine knows.
+template <auto member>
+struct Index
+{
+    friend const RecordIndex& indexOf(const SDStateMachine& machine) { return machine.*member; }
+};
+template struct Index<&SDStateMachine::m_index>;
+const RecordIndex& indexOf(const SDStateMachine& machine);
+
 constexpr auto offerType = "01";
 constexpr auto findType = "00";
 
@@ -181,6 +190,20 @@ TEST_F(SDCommunicationHubIncomingTest, UnspecifiedAddressIsASenderWithAShareLike
     }
 
     EXPECT_EQ(unit.registry.discovered("Media"), share);
+}
+
+TEST_F(SDCommunicationHubIncomingTest, UnspecifiedAddressIsNoUnitsAddress)
+{
+    SDRequestHandler::OfferServicePayload payload{Packets::firstEntryOf(Packets::offer("Media")),
+                                                  Poco::Net::SocketAddress("[::]:30491"), false};
+
+    unit.hub.onOfferServiceReceived(payload);
+
+    const RecordIndex& index = indexOf(stateMachineOf(unit.hub));
+    const NameEntries* const media = index.find("Media");
+    ASSERT_TRUE(media);
+    const SDService::SenderAddress sender = (*media->discovered.front())->getSender();
+    EXPECT_EQ(sender.front(), 0xff) << "of multicast, from which nothing can come";
 }
 
 TEST_F(SDCommunicationHubIncomingTest, OfferIsLoggedWithItsOriginAndEntry)

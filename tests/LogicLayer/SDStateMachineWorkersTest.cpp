@@ -733,9 +733,13 @@ TEST_F(SDStateMachineWorkersTest, RegistryIsToldOfAnExpiryWithTheWorkloadMutexHe
     EXPECT_FALSE(couldLock);
 }
 
-TEST_F(SDStateMachineWorkersTest, ExpiredServiceGoesAndTheOthersHaveTheirTurnEvenIfTheSubscriberThrows)
+TEST_F(SDStateMachineWorkersTest, ExpiredServiceGoesAndTheOthersHaveTheirTurnWhateverTheSubscriberThrows)
 {
-    engine.registry.onEvent = [](auto&) { throw std::runtime_error("registry is gone"); };
+    engine.registry.onEvent = [](auto& payload) {
+        if (payload.getServiceDescription()->getName() == "First")
+            throw 42;
+        throw std::runtime_error("registry is gone");
+    };
     for (const char* name : {"First", "Second"}) {
         SDService::Ptr service = makeRecord(Type::DISCOVERED, State::MAIN_PHASE, name);
         service->setTTL(0);
@@ -748,7 +752,7 @@ TEST_F(SDStateMachineWorkersTest, ExpiredServiceGoesAndTheOthersHaveTheirTurnEve
     EXPECT_THAT(periodic(), ElementsAre("Media ANNOUNCED MAIN_PHASE #1"));
     EXPECT_THAT(names(engine.hub.sent()), ElementsAre("Media"));
     EXPECT_THAT(log.complaints(),
-                ElementsAre("Error: SDStateMachine - \"PeriodicWorker\" caught exception: registry is gone",
+                ElementsAre("Error: SDStateMachine - \"PeriodicWorker\" caught exception: unknown exception",
                             "Error: SDStateMachine - \"PeriodicWorker\" caught exception: registry is gone"));
 }
 
@@ -834,6 +838,16 @@ TEST_F(SDStateMachineWorkersTest, RemovalOfAllSendsOneStopOfferForEveryAnnounced
                 ElementsAre(stoppedMedia,
                             "Notice: SD Announcement of Service http://[fd00::1]:8080/Navi/ (Navi "
                             "v1.0.X) stopped, due to shutdown of ServiceRegistry."));
+}
+
+TEST_F(SDStateMachineWorkersTest, RemovalOfAllLeavesALocalRecordThatIsNotAnnounced)
+{
+    machine.putPeriodic(makeRecord(Type::WANTED, State::MAIN_PHASE));
+
+    machine.removeAllAnnouncedServices();
+
+    EXPECT_THAT(sent(), IsEmpty());
+    EXPECT_THAT(periodic(), ElementsAre("Media WANTED MAIN_PHASE #1"));
 }
 
 TEST_F(SDStateMachineWorkersTest, RemovalOfAllRaisesANullPointerExceptionAtANullEntry)

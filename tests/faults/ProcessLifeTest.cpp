@@ -501,6 +501,41 @@ TEST_F(ProcessLifeTest, ProcessMayEndInALineAboutAnInterfaceWhileAnotherIsReport
     EXPECT_EXIT(scenario(), ::testing::ExitedWithCode(works), "");
 }
 
+/// The subscriber waits for the thread that ends the process, which waits for the event.
+TEST_F(ProcessLifeTest, ProcessMayEndInALineAboutAnInterfaceWhileASubscriberReportsAnother)
+{
+    static std::atomic<bool> isEnding{false};
+    static std::atomic<bool> isReporting{false};
+    const auto scenario = [&] {
+        ::alarm(20);
+        // Once the facade is destroyed: ThreadSanitizer would miss that somebody joins the threads.
+        std::atexit([] { ::raise(SIGKILL); });
+        LogCatcher log;
+        Unit& unit = unitOfTheProcess();
+        unit.registry.onEvent = [&](auto&) {
+            isReporting = true;
+            unit.platform.dispatcher().addInterface("eth2", "fd02::1");
+        };
+        log.onLine([&](const std::string& line) {
+            if (line.find("joining IPv6 Multicast Group for Interface \"eth1\"") == std::string::npos ||
+                isEnding.exchange(true))
+                return;
+            speaker.send(Packets::offer("Far"));
+            eventually([] { return isReporting.load(); });
+            std::this_thread::sleep_for(milliseconds(200));  // the subscriber waits by then
+            std::exit(isWrong);
+        });
+        if (!unit.startup())
+            ::_exit(isWrong);
+        unit.platform.dispatcher().addInterface("eth1", "fd01::1");
+        network.link("eth1", "fd01::1", "fd01::2");
+        eventually([] { return false; });
+        ::_exit(isWrong);
+    };
+
+    EXPECT_EXIT(scenario(), ::testing::KilledBySignal(SIGKILL), "");
+}
+
 /// Others may be at work when a thread ends the process. They stop after what they are at.
 TEST_F(ProcessLifeTest, WhatComesInAfterTheFacadeIsDestroyedIsNotHandled)
 {
