@@ -1,5 +1,9 @@
 #include "DataLayer/SDClock.h"
 #include "LogicLayer/SDCommunicationHub.h"
+#include "Multicast/InterfaceAdmission.h"
+#include "Multicast/InterfaceListing.h"
+#include "Multicast/MulticastReceiver.h"
+#include "Multicast/MulticastSender.h"
 #include "support/Descriptions.h"
 #include "support/Listener.h"
 #include "support/LogCatcher.h"
@@ -14,6 +18,7 @@
 #include <algorithm>
 #include <chrono>
 #include <cstddef>
+#include <new>
 #include <ostream>
 #include <string>
 
@@ -244,6 +249,23 @@ TEST_F(RetryTest, TakesOneListingHoweverManyInterfacesAreMissing)
     EXPECT_GE(shortestWait(1, 1080), 930) << "between two listings";
 }
 
+TEST_F(RetryTest, EndsWithTheStopWithoutAFurtherAttempt)
+{
+    const auto endsAtOnce = [&] {
+        {
+            const InMarkedThread marked;
+            EXPECT_TRUE(start());
+        }
+        turnTo(reported, 4 * second);  // the stop comes within the wait, of half a second
+        EXPECT_TRUE(retries(1));
+        const std::size_t before = watch.calls();
+        unit.hub.stop();
+        return watch.calls() == before;
+    };
+
+    EXPECT_TRUE(inSomeRun(endsAtOnce, 5));
+}
+
 TEST_F(RetryTest, WaitsAnEighthOfTheTimeForWhichTheAddressHasBeenMissed)
 {
     double ratio = 0;
@@ -321,6 +343,81 @@ INSTANTIATE_TEST_SUITE_P(Calls, PassingFailureTest,
                                            PassingFailure{"Control", SystemCall::Control}),
                          [](const auto& row) { return row.param.name; });
 
+TEST_F(InterfaceFaultsTest, ReportWhoseInterfaceCannotBeLookedForIsAnError)
+{
+    const InMarkedThread marked;
+    const SystemFault fault({SystemCall::List, 1, SystemFault::forEver});
+
+    unit.platform.dispatcher().addInterface("eth0", globalAddress);
+
+    EXPECT_THAT(log.complaints(),
+                ElementsAre(StartsWith("Error: SDCommunicationHub - failed to use Interface "
+                                       "\"eth0\" with IP \"fd00::1\": ")));
+}
+
+TEST_F(InterfaceFaultsTest, ReportIsGivenUpAfterAFewAttemptsWithoutMemory)
+{
+    const auto longerThanAStringsOwnRoom = "fd00:0000:0000:0000:0000:0000:0000:0001";
+    OEMInterface::AddServiceDiscoveryInterfacePayload report{{"eth0", longerThanAStringsOwnRoom}};
+    {
+        const InMarkedThread marked;
+        const SystemFault shortage({SystemCall::Allocate, 1, 1000});
+        reportAdded(unit.hub, report);
+    }
+    EXPECT_THAT(joinedInterfaces(), IsEmpty());
+
+    reportAdded(unit.hub, report);
+    EXPECT_THAT(joinedInterfaces(), ElementsAre("eth0"));
+}
+
+TEST_F(InterfaceFaultsTest, JoiningThatFailsForWantOfMemoryCanBeRepeated)
+{
+    Multicast::MulticastReceiver receiver(unit.hub, discoveryGroup, discoveryPort);
+    const auto listing = Multicast::InterfaceListing::take();
+    const auto join = [&] {
+        return receiver.add("eth0", globalAddress, *listing, Multicast::Attempt::Again);
+    };
+    OEMInterface::RemoveServiceDiscoveryInterfacePayload removal{{"eth0", globalAddress}};
+
+    bool isShort = true;
+    for (std::size_t place = 1; isShort; ++place) {
+        SCOPED_TRACE("place " + std::to_string(place));
+        {
+            const InMarkedThread marked;
+            const SystemFault shortage({SystemCall::Allocate, place});
+            try {
+                join();
+            }
+            catch (const std::bad_alloc&) {
+            }
+            isShort = shortage.happened();
+        }
+        EXPECT_EQ(join(), Multicast::Outcome::InUse);
+        EXPECT_THAT(joinedInterfaces(), ElementsAre("eth0"));
+        receiver.onInterfaceRemoved(removal);
+    }
+}
+
+TEST_F(InterfaceFaultsTest, InterfaceThatGoesWhileItIsAddedForSendingIsAwaited)
+{
+    Multicast::MulticastSender sender(unit.hub, discoveryGroup, discoveryPort);
+    const std::string adding =
+        "Notice: ServiceDiscovery adding Interface \"eth0\" with IP \"fd00::1\" for sending.";
+    log.onLine([&](const std::string& line) {
+        if (line == adding)
+            network.here.ip("link delete eth0");
+    });
+
+    const auto outcome =
+        sender.add("eth0", globalAddress, *Multicast::InterfaceListing::take(), Multicast::Attempt::Report);
+
+    log.onLine(nullptr);
+    EXPECT_EQ(outcome, Multicast::Outcome::Pending);
+    EXPECT_THAT(log.lines(), ElementsAre(adding,
+                                         "Debug: ServiceDiscovery waits until Interface \"eth0\" with IP "
+                                         "\"fd00::1\" can be used for sending."));
+}
+
 TEST_F(InterfaceFaultsTest, RefusedReportIsWarnedOfOnceAndNotAtEveryStart)
 {
     unit.platform.dispatcher().addInterface("eth0", "10.0.0.1");
@@ -378,6 +475,26 @@ TEST_F(InterfaceFaultsTest, BeyondAThousandAndTwentyFourTheOneThatHasBeenPending
     EXPECT_THAT(joinedInterfaces(), ElementsAre("eth0", "eth1"));
     EXPECT_TRUE(isHearing());
     EXPECT_TRUE(isSending());
+}
+
+TEST_F(InterfaceFaultsTest, DisplacedInterfaceThatWasUsedIsLeft)
+{
+    auto& dispatcher = unit.platform.dispatcher();
+    dispatcher.addInterface("eth0", globalAddress);
+    network.here.ip("address delete fd00::1/64 dev eth0");
+    SDClock::turn(second);  // a new listing is taken
+    dispatcher.addInterface("eth0", globalAddress);
+    for (int i = 1; i < 1024; ++i)
+        dispatcher.addInterface("missing" + std::to_string(i), globalAddress);
+    EXPECT_THAT(joinedInterfaces(), ElementsAre("eth0"));
+
+    network.link("eth1", "fd01::1");
+    dispatcher.addInterface("eth1", "fd01::1");
+
+    EXPECT_THAT(log.errors(),
+                ElementsAre("Error: SDCommunicationHub - Interface \"eth0\" with IP \"fd00::1\" is "
+                            "not waited for any longer: 1024 others stand reported."));
+    EXPECT_THAT(joinedInterfaces(), ElementsAre("eth1"));
 }
 
 TEST_F(InterfaceFaultsTest, InterfaceWhoseNewNameIsReportedBeforeTheOldOneIsTakenBackIsUsed)
@@ -482,6 +599,22 @@ TEST_F(InterfaceFaultsTest, ReportsFromWithinEveryLineOfTheLogComeToAnEnd)
                             "were made from within lines of the log.",
                             "Error: SDCommunicationHub - 1026 reports of interfaces are dropped: 1024 others "
                             "were made from within lines of the log."));
+}
+
+TEST_F(InterfaceFaultsTest, RemovalWithAnAddressThatCannotBeParsedChangesNothing)
+{
+    unit.platform.dispatcher().addInterface("eth0", globalAddress);
+    log.clear();
+    OEMInterface::RemoveServiceDiscoveryInterfacePayload report{{"eth0", "nonsense"}};
+
+    reportRemoved(unit.hub, report);
+
+    EXPECT_THAT(log.lines(),
+                ElementsAre(StartsWith("Error: ServiceDiscovery failed to leave IPv6 Multicast Group "
+                                       "on Interface \"eth0\" with IP \"nonsense\": "),
+                            StartsWith("Error: ServiceDiscovery failed to remove Interface \"eth0\" "
+                                       "with IP \"nonsense\" for sending: ")));
+    EXPECT_THAT(joinedInterfaces(), ElementsAre("eth0"));
 }
 
 TEST_F(InterfaceFaultsTest, ReportWithoutANameOrAnAddressIsAnErrorAndChangesNothing)
