@@ -6,8 +6,10 @@
 #include <cerrno>
 #include <cstdarg>
 #include <cstdlib>
+#include <functional>
 #include <new>
 #include <stdexcept>
+#include <utility>
 
 #include <dlfcn.h>
 #include <ifaddrs.h>
@@ -15,6 +17,7 @@
 #include <sys/epoll.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
+#include <unistd.h>
 
 namespace Nubo::ServiceDiscovery::Testing {
 
@@ -31,6 +34,10 @@ constexpr ssize_t noResult = -2;
 std::atomic<ssize_t> plannedResult{noResult};
 
 std::atomic<std::size_t> callsMade{0};
+
+constexpr int none = -1;
+std::atomic<int> closedOne{none};  // that a call follows
+std::function<void()> afterClose;
 
 /// Whether this call is one of those that the plan is about. Counts it.
 bool isHit(SystemCall call) noexcept
@@ -139,6 +146,17 @@ bool SystemFault::happened() const
     return callsMade >= m_first;
 }
 
+AfterClose::AfterClose(int descriptor, std::function<void()> call)
+{
+    afterClose = std::move(call);
+    closedOne = descriptor;
+}
+
+AfterClose::~AfterClose()
+{
+    closedOne = none;
+}
+
 }  // namespace Nubo::ServiceDiscovery::Testing
 
 // In place of the C library's.
@@ -243,6 +261,16 @@ int pthread_create(pthread_t* thread, const pthread_attr_t* attributes, void* (*
     const int result = make(thread, attributes, &Testing::runMarked, start);
     if (result != 0)
         std::free(start);
+    return result;
+}
+
+int close(int descriptor)
+{
+    static const auto make = Testing::original("close", &::close);
+    const int result = make(descriptor);
+    int one = descriptor;
+    if (result == 0 && Testing::closedOne.compare_exchange_strong(one, Testing::none))
+        Testing::afterClose();
     return result;
 }
 

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstddef>
+#include <functional>
 #include <optional>
 
 #include <sys/types.h>
@@ -72,6 +73,18 @@ public:
 
 private:
     const std::size_t m_first;
+};
+
+/// While it exists, the first close() of that descriptor is followed by a call, before it returns. One at a
+/// time in a program.
+class AfterClose
+{
+public:
+    AfterClose(int descriptor, std::function<void()> call);
+    ~AfterClose();
+
+    AfterClose(const AfterClose&) = delete;
+    AfterClose& operator=(const AfterClose&) = delete;
 };
 
 }  // namespace Nubo::ServiceDiscovery::Testing
