@@ -1,9 +1,5 @@
 #include "DataLayer/SDClock.h"
 #include "LogicLayer/SDCommunicationHub.h"
-#include "Multicast/InterfaceAdmission.h"
-#include "Multicast/InterfaceListing.h"
-#include "Multicast/MulticastReceiver.h"
-#include "Multicast/MulticastSender.h"
 #include "support/Descriptions.h"
 #include "support/Listener.h"
 #include "support/LogCatcher.h"
@@ -16,9 +12,9 @@
 #include "support/Waiting.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <chrono>
 #include <cstddef>
-#include <new>
 #include <ostream>
 #include <string>
 
@@ -204,6 +200,18 @@ TEST_F(InterfaceFaultsTest, AddressThatComesBeforeTheFirstStartIsHeardAndSentOn)
     EXPECT_TRUE(isSending());
 }
 
+TEST_F(InterfaceFaultsTest, StartGoesByANewListing)
+{
+    network.here.ip("address delete fd00::1/64 dev eth0");
+    unit.platform.dispatcher().addInterface("eth0", globalAddress);
+    network.here.addAddress("eth0", "fd00::1/64");
+    SDClock::turn(-10 * second);  // the report's listing does not grow old
+
+    ASSERT_TRUE(start());
+
+    EXPECT_THAT(joinedInterfaces(), ElementsAre("eth0")) << "a retry would come 50 ms later";
+}
+
 TEST_F(InterfaceFaultsTest, AddressThatComesAfterTheStartIsHeardAndSentOnWithinASecond)
 {
     network.here.ip("address delete fd00::1/64 dev eth0");
@@ -370,52 +378,37 @@ TEST_F(InterfaceFaultsTest, ReportIsGivenUpAfterAFewAttemptsWithoutMemory)
     EXPECT_THAT(joinedInterfaces(), ElementsAre("eth0"));
 }
 
-TEST_F(InterfaceFaultsTest, JoiningThatFailsForWantOfMemoryCanBeRepeated)
+TEST_F(InterfaceFaultsTest, AddressThatTheSystemTakesForWrongIsAnErrorOfTheSender)
 {
-    Multicast::MulticastReceiver receiver(unit.hub, discoveryGroup, discoveryPort);
-    const auto listing = Multicast::InterfaceListing::take();
-    const auto join = [&] {
-        return receiver.add("eth0", globalAddress, *listing, Multicast::Attempt::Again);
-    };
-    OEMInterface::RemoveServiceDiscoveryInterfacePayload removal{{"eth0", globalAddress}};
+    const InMarkedThread marked;
+    SystemFault::Plan plan{SystemCall::Bind};
+    plan.error = EINVAL;
+    const SystemFault fault(plan);
 
-    bool isShort = true;
-    for (std::size_t place = 1; isShort; ++place) {
-        SCOPED_TRACE("place " + std::to_string(place));
-        {
-            const InMarkedThread marked;
-            const SystemFault shortage({SystemCall::Allocate, place});
-            try {
-                join();
-            }
-            catch (const std::bad_alloc&) {
-            }
-            isShort = shortage.happened();
-        }
-        EXPECT_EQ(join(), Multicast::Outcome::InUse);
-        EXPECT_THAT(joinedInterfaces(), ElementsAre("eth0"));
-        receiver.onInterfaceRemoved(removal);
-    }
+    unit.platform.dispatcher().addInterface("eth0", globalAddress);
+
+    EXPECT_THAT(log.complaints(), ElementsAre("Error: ServiceDiscovery failed to add Interface \"eth0\" with "
+                                              "IP \"fd00::1\" for sending: Invalid argument"));
 }
 
-TEST_F(InterfaceFaultsTest, InterfaceThatGoesWhileItIsAddedForSendingIsAwaited)
+TEST_F(InterfaceFaultsTest, InterfaceThatNoThreadCanRetryIsRetriedAfterTheNextReport)
 {
-    Multicast::MulticastSender sender(unit.hub, discoveryGroup, discoveryPort);
-    const std::string adding =
-        "Notice: ServiceDiscovery adding Interface \"eth0\" with IP \"fd00::1\" for sending.";
-    log.onLine([&](const std::string& line) {
-        if (line == adding)
-            network.here.ip("link delete eth0");
-    });
+    ASSERT_TRUE(start());
+    network.here.ip("address delete fd00::1/64 dev eth0");
+    {
+        const InMarkedThread marked;
+        const SystemFault fault({SystemCall::Thread});
+        unit.platform.dispatcher().addInterface("eth0", globalAddress);
+    }
+    EXPECT_THAT(
+        log.errors(),
+        ElementsAre(
+            "Error: SDCommunicationHub - no thread to retry interfaces: Resource temporarily unavailable"));
 
-    const auto outcome =
-        sender.add("eth0", globalAddress, *Multicast::InterfaceListing::take(), Multicast::Attempt::Report);
+    unit.platform.dispatcher().addInterface("missing", globalAddress);
+    network.here.addAddress("eth0", "fd00::1/64");
 
-    log.onLine(nullptr);
-    EXPECT_EQ(outcome, Multicast::Outcome::Pending);
-    EXPECT_THAT(log.lines(), ElementsAre(adding,
-                                         "Debug: ServiceDiscovery waits until Interface \"eth0\" with IP "
-                                         "\"fd00::1\" can be used for sending."));
+    EXPECT_TRUE(eventually([] { return !joinedInterfaces().empty(); }));
 }
 
 TEST_F(InterfaceFaultsTest, RefusedReportIsWarnedOfOnceAndNotAtEveryStart)

@@ -32,6 +32,7 @@ std::atomic<std::size_t> firstFailure{0};
 std::atomic<std::size_t> failures{0};
 constexpr ssize_t noResult = -2;
 std::atomic<ssize_t> plannedResult{noResult};
+std::atomic<int> plannedError{0};
 
 std::atomic<std::size_t> callsMade{0};
 
@@ -127,6 +128,7 @@ SystemFault::SystemFault(const Plan& plan) : m_first(plan.first)
     firstFailure = plan.first;
     failures = plan.count;
     plannedResult = plan.result.value_or(noResult);
+    plannedError = plan.error.value_or(0);
     callsMade = 0;
     isArmed = true;
 }
@@ -178,7 +180,8 @@ int socket(int domain, int type, int protocol) noexcept
 int bind(int descriptor, const sockaddr* address, socklen_t size) noexcept
 {
     static const auto make = Testing::original("bind", &::bind);
-    if (Testing::fails(Testing::kindOn(descriptor, SystemCall::Bind), ENOMEM))
+    if (Testing::fails(Testing::kindOn(descriptor, SystemCall::Bind),
+                       Testing::plannedError != 0 ? Testing::plannedError.load() : ENOMEM))
         return -1;
     return make(descriptor, address, size);
 }

@@ -58,6 +58,8 @@ public:
         std::size_t count = 1;
         /// What is returned instead, behind a call that is made; sending and receiving only.
         std::optional<ssize_t> result = std::nullopt;
+        /// Why it fails, instead of the reason that is usual for the call; bind() only.
+        std::optional<int> error = std::nullopt;
     };
 
     explicit SystemFault(const Plan& plan);
