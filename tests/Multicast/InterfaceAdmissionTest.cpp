@@ -142,6 +142,7 @@ TEST_F(InterfaceAdmissionTest, InterfaceMustSupportMulticast)
     network.here.ip("link set eth0 multicast off");
 
     EXPECT_EQ(admit("eth0", "fd00::1"), Admission::NoMulticast);
+    EXPECT_EQ(admitted.interface.name(), "") << "only what can be used is filled in";
 }
 
 TEST_P(UnsuitableAddressTest, IsNotAppropriate)

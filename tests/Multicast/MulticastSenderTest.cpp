@@ -456,6 +456,11 @@ TEST_F(TentativeSenderTest, RemovalOfEverythingEndsTheWaiting)
 
     EXPECT_FALSE(send({"01"}));
     EXPECT_THAT(log.complaints(), ElementsAre(noInterfaces));
+    log.clear();
+    sender->removeInterface_byIP("eth0", "fd00::1");
+    EXPECT_THAT(log.lines(),
+                ElementsAre("Warning: Failed to remove Interface \"eth0\" with IP \"fd00::1\" for "
+                            "sending: not connected(?)"));
 }
 
 TEST_F(TentativeSenderTest, OtherInterfacesAreUsedMeanwhile)
@@ -1194,6 +1199,14 @@ TEST_F(MulticastSenderTest, AddressWithAnotherPortOrHostIsNotAnOwnOne)
     EXPECT_FALSE(sender->isOwnOutgoingAddress(SocketAddress("fd01::2", own.port())));
     EXPECT_FALSE(sender->isOwnOutgoingAddress(SocketAddress("127.0.0.1", own.port())));
     EXPECT_FALSE(sender->isOwnOutgoingAddress(SocketAddress("/tmp/socket")));
+}
+
+TEST_F(TwoInterfacesSenderTest, PlaceholderAndAddressesInUseAreOwnOnes)
+{
+    EXPECT_TRUE(sender->isOwnAddress(IPAddress("fd00::1")));
+    EXPECT_TRUE(sender->isOwnAddress(IPAddress("fd02::1")));
+    EXPECT_FALSE(sender->isOwnAddress(IPAddress("fd03::1")));
+    EXPECT_FALSE(sender->isOwnAddress(IPAddress("10.0.0.1")));
 }
 
 TEST_F(MulticastSenderTest, OwnAddressIsKnownWithAnyScope)

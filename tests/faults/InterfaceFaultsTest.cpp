@@ -12,6 +12,7 @@
 #include "support/Waiting.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <chrono>
 #include <cstddef>
 #include <ostream>
@@ -199,6 +200,18 @@ TEST_F(InterfaceFaultsTest, AddressThatComesBeforeTheFirstStartIsHeardAndSentOn)
     EXPECT_TRUE(isSending());
 }
 
+TEST_F(InterfaceFaultsTest, StartGoesByANewListing)
+{
+    network.here.ip("address delete fd00::1/64 dev eth0");
+    unit.platform.dispatcher().addInterface("eth0", globalAddress);
+    network.here.addAddress("eth0", "fd00::1/64");
+    SDClock::turn(-10 * second);  // the report's listing does not grow old
+
+    ASSERT_TRUE(start());
+
+    EXPECT_THAT(joinedInterfaces(), ElementsAre("eth0")) << "a retry would come 50 ms later";
+}
+
 TEST_F(InterfaceFaultsTest, AddressThatComesAfterTheStartIsHeardAndSentOnWithinASecond)
 {
     network.here.ip("address delete fd00::1/64 dev eth0");
@@ -242,6 +255,23 @@ TEST_F(RetryTest, TakesOneListingHoweverManyInterfacesAreMissing)
     SDClock::turn(1000 * second);
 
     EXPECT_GE(shortestWait(1, 1080), 930) << "between two listings";
+}
+
+TEST_F(RetryTest, EndsWithTheStopWithoutAFurtherAttempt)
+{
+    const auto endsAtOnce = [&] {
+        {
+            const InMarkedThread marked;
+            EXPECT_TRUE(start());
+        }
+        turnTo(reported, 4 * second);  // the stop comes within the wait, of half a second
+        EXPECT_TRUE(retries(1));
+        const std::size_t before = watch.calls();
+        unit.hub.stop();
+        return watch.calls() == before;
+    };
+
+    EXPECT_TRUE(inSomeRun(endsAtOnce, 5));
 }
 
 TEST_F(RetryTest, WaitsAnEighthOfTheTimeForWhichTheAddressHasBeenMissed)
@@ -321,6 +351,66 @@ INSTANTIATE_TEST_SUITE_P(Calls, PassingFailureTest,
                                            PassingFailure{"Control", SystemCall::Control}),
                          [](const auto& row) { return row.param.name; });
 
+TEST_F(InterfaceFaultsTest, ReportWhoseInterfaceCannotBeLookedForIsAnError)
+{
+    const InMarkedThread marked;
+    const SystemFault fault({SystemCall::List, 1, SystemFault::forEver});
+
+    unit.platform.dispatcher().addInterface("eth0", globalAddress);
+
+    EXPECT_THAT(log.complaints(),
+                ElementsAre(StartsWith("Error: SDCommunicationHub - failed to use Interface "
+                                       "\"eth0\" with IP \"fd00::1\": ")));
+}
+
+TEST_F(InterfaceFaultsTest, ReportIsGivenUpAfterAFewAttemptsWithoutMemory)
+{
+    const auto longerThanAStringsOwnRoom = "fd00:0000:0000:0000:0000:0000:0000:0001";
+    OEMInterface::AddServiceDiscoveryInterfacePayload report{{"eth0", longerThanAStringsOwnRoom}};
+    {
+        const InMarkedThread marked;
+        const SystemFault shortage({SystemCall::Allocate, 1, 1000});
+        reportAdded(unit.hub, report);
+    }
+    EXPECT_THAT(joinedInterfaces(), IsEmpty());
+
+    reportAdded(unit.hub, report);
+    EXPECT_THAT(joinedInterfaces(), ElementsAre("eth0"));
+}
+
+TEST_F(InterfaceFaultsTest, AddressThatTheSystemTakesForWrongIsAnErrorOfTheSender)
+{
+    const InMarkedThread marked;
+    SystemFault::Plan plan{SystemCall::Bind};
+    plan.error = EINVAL;
+    const SystemFault fault(plan);
+
+    unit.platform.dispatcher().addInterface("eth0", globalAddress);
+
+    EXPECT_THAT(log.complaints(), ElementsAre("Error: ServiceDiscovery failed to add Interface \"eth0\" with "
+                                              "IP \"fd00::1\" for sending: Invalid argument"));
+}
+
+TEST_F(InterfaceFaultsTest, InterfaceThatNoThreadCanRetryIsRetriedAfterTheNextReport)
+{
+    ASSERT_TRUE(start());
+    network.here.ip("address delete fd00::1/64 dev eth0");
+    {
+        const InMarkedThread marked;
+        const SystemFault fault({SystemCall::Thread});
+        unit.platform.dispatcher().addInterface("eth0", globalAddress);
+    }
+    EXPECT_THAT(
+        log.errors(),
+        ElementsAre(
+            "Error: SDCommunicationHub - no thread to retry interfaces: Resource temporarily unavailable"));
+
+    unit.platform.dispatcher().addInterface("missing", globalAddress);
+    network.here.addAddress("eth0", "fd00::1/64");
+
+    EXPECT_TRUE(eventually([] { return !joinedInterfaces().empty(); }));
+}
+
 TEST_F(InterfaceFaultsTest, RefusedReportIsWarnedOfOnceAndNotAtEveryStart)
 {
     unit.platform.dispatcher().addInterface("eth0", "10.0.0.1");
@@ -378,6 +468,26 @@ TEST_F(InterfaceFaultsTest, BeyondAThousandAndTwentyFourTheOneThatHasBeenPending
     EXPECT_THAT(joinedInterfaces(), ElementsAre("eth0", "eth1"));
     EXPECT_TRUE(isHearing());
     EXPECT_TRUE(isSending());
+}
+
+TEST_F(InterfaceFaultsTest, DisplacedInterfaceThatWasUsedIsLeft)
+{
+    auto& dispatcher = unit.platform.dispatcher();
+    dispatcher.addInterface("eth0", globalAddress);
+    network.here.ip("address delete fd00::1/64 dev eth0");
+    SDClock::turn(second);  // a new listing is taken
+    dispatcher.addInterface("eth0", globalAddress);
+    for (int i = 1; i < 1024; ++i)
+        dispatcher.addInterface("missing" + std::to_string(i), globalAddress);
+    EXPECT_THAT(joinedInterfaces(), ElementsAre("eth0"));
+
+    network.link("eth1", "fd01::1");
+    dispatcher.addInterface("eth1", "fd01::1");
+
+    EXPECT_THAT(log.errors(),
+                ElementsAre("Error: SDCommunicationHub - Interface \"eth0\" with IP \"fd00::1\" is "
+                            "not waited for any longer: 1024 others stand reported."));
+    EXPECT_THAT(joinedInterfaces(), ElementsAre("eth1"));
 }
 
 TEST_F(InterfaceFaultsTest, InterfaceWhoseNewNameIsReportedBeforeTheOldOneIsTakenBackIsUsed)
@@ -482,6 +592,22 @@ TEST_F(InterfaceFaultsTest, ReportsFromWithinEveryLineOfTheLogComeToAnEnd)
                             "were made from within lines of the log.",
                             "Error: SDCommunicationHub - 1026 reports of interfaces are dropped: 1024 others "
                             "were made from within lines of the log."));
+}
+
+TEST_F(InterfaceFaultsTest, RemovalWithAnAddressThatCannotBeParsedChangesNothing)
+{
+    unit.platform.dispatcher().addInterface("eth0", globalAddress);
+    log.clear();
+    OEMInterface::RemoveServiceDiscoveryInterfacePayload report{{"eth0", "nonsense"}};
+
+    reportRemoved(unit.hub, report);
+
+    EXPECT_THAT(log.lines(),
+                ElementsAre(StartsWith("Error: ServiceDiscovery failed to leave IPv6 Multicast Group "
+                                       "on Interface \"eth0\" with IP \"nonsense\": "),
+                            StartsWith("Error: ServiceDiscovery failed to remove Interface \"eth0\" "
+                                       "with IP \"nonsense\" for sending: ")));
+    EXPECT_THAT(joinedInterfaces(), ElementsAre("eth0"));
 }
 
 TEST_F(InterfaceFaultsTest, ReportWithoutANameOrAnAddressIsAnErrorAndChangesNothing)

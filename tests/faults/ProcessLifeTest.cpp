@@ -5,7 +5,9 @@
 #include "support/Namespace.h"
 #include "support/Packets.h"
 #include "support/Platform.h"
+#include "support/Process.h"
 #include "support/Registry.h"
+#include "support/SystemFaults.h"
 #include "support/Waiting.h"
 #include "support/Wire.h"
 
@@ -258,6 +260,27 @@ TEST_F(ProcessLifeTest, ForkedChildThatLivesOnDoesNotHoldThePort)
         if (!isStartedAgain || !isAlive)
             ::_exit(isWrong);
         endAfterWork(unit);
+    };
+
+    EXPECT_EXIT(scenario(), ::testing::ExitedWithCode(works), "");
+}
+
+TEST_F(ProcessLifeTest, ForkedChildKeepsADescriptorThatHasTheNumberOfASocketJustClosed)
+{
+    const auto scenario = [&] {
+        Unit& unit = unitOfTheProcess();
+        if (!unit.startup())
+            ::_exit(isWrong);
+        const int number = socketAt(discoveryPort);
+        bool isKept = false;
+        const AfterClose reuse(number, [&] {
+            isKept = ::fcntl(STDERR_FILENO, F_DUPFD, number) == number &&
+                     childDoes([=] { ::_exit(::fcntl(number, F_GETFD) >= 0 ? works : isWrong); });
+        });
+
+        const bool isStopped = unit.discovery.shutdown();
+
+        ::_exit(isStopped && isKept ? works : isWrong);
     };
 
     EXPECT_EXIT(scenario(), ::testing::ExitedWithCode(works), "");

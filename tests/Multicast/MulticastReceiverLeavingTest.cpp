@@ -1,0 +1,140 @@
+#include "TestReceiver.h"
+#include "support/Listener.h"
+#include "support/LogCatcher.h"
+#include "support/Namespace.h"
+#include "support/Process.h"
+#include "support/Wire.h"
+
+#include <Poco/Net/IPAddress.h>
+#include <Poco/Net/MulticastSocket.h>
+#include <Poco/Net/NetworkInterface.h>
+#include <Poco/Net/SocketAddress.h>
+
+#include <cerrno>
+#include <string>
+#include <thread>
+
+#include <arpa/inet.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+
+// What the receiver has not joined, or has left, it does not hear, whatever others have joined there.
+namespace Nubo::ServiceDiscovery::Testing {
+
+using Poco::Net::IPAddress;
+using Poco::Net::MulticastSocket;
+using Poco::Net::NetworkInterface;
+using Poco::Net::SocketAddress;
+using ::testing::ElementsAre;
+
+namespace {
+
+/// Another program of the unit that has joined the group on an interface.
+MulticastSocket joinElsewhere(const std::string& interface)
+{
+    MulticastSocket socket(SocketAddress::IPv6);
+    socket.joinGroup(IPAddress(discoveryGroup), NetworkInterface::forName(interface));
+    return socket;
+}
+
+}  // namespace
+
+/// The kernel gives a socket what comes in for its group, on whatever interface some socket has joined.
+TEST_F(RunningReceiverTest, DatagramFromAnInterfaceOnWhichOnlyAnotherSocketHasJoinedIsDropped)
+{
+    network.link("eth1", "fd01::1", "fd01::2");
+    const MulticastSocket other = joinElsewhere("eth1");
+    Speaker elsewhere(network.there, "eth1", "fd01::2");
+
+    elsewhere.send("01"_bytes);
+    speaker.send("02"_bytes);
+    EXPECT_TRUE(subscriber->gets(1));
+    EXPECT_THAT(subscriber->bytes(), ElementsAre("02"));
+
+    join("eth1", "fd01::1");
+    elsewhere.send("03"_bytes);
+    EXPECT_TRUE(subscriber->gets(2));
+    EXPECT_THAT(subscriber->bytes(), ElementsAre("02", "03"));
+}
+
+TEST_F(RunningReceiverTest, InterfaceThatOnlyOthersHaveJoinedIsNotHeardAfterARestart)
+{
+    const MulticastSocket other = joinElsewhere("eth0");
+    receiver->stop();
+    EXPECT_TRUE(receiver->start());
+
+    speaker.send("01"_bytes);
+    join();
+    speaker.send("02"_bytes);
+
+    EXPECT_TRUE(subscriber->gets(1));
+    EXPECT_THAT(subscriber->bytes(), ElementsAre("02"));
+}
+
+TEST_F(RunningReceiverTest, InterfaceThatOnlyOthersHaveJoinedIsNotHeardAfterItWasLeft)
+{
+    network.link("eth1", "fd01::1", "fd01::2");
+    join("eth1", "fd01::1");
+    const MulticastSocket other = joinElsewhere("eth0");
+    Speaker elsewhere(network.there, "eth1", "fd01::2");
+    leave();
+
+    speaker.send("01"_bytes);
+    elsewhere.send("02"_bytes);
+
+    EXPECT_TRUE(subscriber->gets(1));
+    EXPECT_THAT(subscriber->bytes(), ElementsAre("02"));
+}
+
+TEST_F(RunningReceiverTest, InterfaceThatOnlyOthersHaveJoinedIsNotHeardAfterEveryOneWasLeft)
+{
+    const MulticastSocket other = joinElsewhere("eth0");
+    Listener arriving(network.here, "eth0");
+    leave("", "::");
+
+    speaker.send("01"_bytes);
+    EXPECT_TRUE(arriving.hears(1));
+    join();
+    speaker.send("02"_bytes);
+
+    EXPECT_TRUE(subscriber->gets(1));
+    EXPECT_THAT(subscriber->bytes(), ElementsAre("02"));
+}
+
+/// The kernel lets a socket keep so many memberships only.
+TEST_F(RunningReceiverTest, MembershipOfAnInterfaceThatWasMadeAnewIsGivenBack)
+{
+    makeWithIndex77();
+    join("eth7", "fd07::1");
+    network.here.ip("link delete eth7");
+    network.link("eth7", "fd07::1");
+    join("eth7", "fd07::1");
+
+    ipv6_mreq former{};
+    former.ipv6mr_interface = 77;
+    ASSERT_EQ(::inet_pton(AF_INET6, discoveryGroup, &former.ipv6mr_multiaddr), 1);
+    const int left =
+        ::setsockopt(socketAt(discoveryPort), IPPROTO_IPV6, IPV6_LEAVE_GROUP, &former, sizeof former);
+
+    EXPECT_EQ(left, -1);
+    EXPECT_EQ(errno, EADDRNOTAVAIL);
+}
+
+TEST_F(RunningReceiverTest, DatagramsMayWaitWhileInterfacesAreBeingLeft)
+{
+    bool mayWait = false;
+    log.onLine([&](const std::string& line) {
+        if (line == "Notice: ServiceDiscovery leaving IPv6 Multicast Group for all joined Interfaces.")
+            std::thread([&] { mayWait = receiver->hasWaiting(); }).join();
+    });
+
+    receiver->stop();
+
+    log.onLine(nullptr);
+    EXPECT_TRUE(mayWait);
+    EXPECT_FALSE(receiver->hasWaiting());
+}
+
+}  // namespace Nubo::ServiceDiscovery::Testing
