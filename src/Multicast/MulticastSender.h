@@ -61,8 +61,9 @@ public:
     ///
     /// An interface that does not take its datagrams at once is waited for, each time for 20 ms at most, and
     /// all of them together for less than 40 ms in any second; one that took none in such a time, not until
-    /// it takes one again. What it does not take then is lost. The next such list begins there with the first
-    /// datagram that was lost, so that a slow interface gets all of them in turn.
+    /// it takes one again. Signals that the thread gets make no wait longer. What is not taken then is lost.
+    /// The next such list begins there with the first datagram that was lost, so that a slow interface gets
+    /// all of them in turn.
     bool sendMulticast(const MulticastData& packagesForAll, const MulticastData& packagesForInternal);
 
     /// Whether a datagram from that address was sent by this unit: from one of the sockets, or from one
@@ -103,6 +104,7 @@ protected:
     struct Pace
     {
         bool isStalled = false;                  ///< it took none after a whole wait, and none since
+        bool isWaitedFor = true;                 ///< the datagram at hand may wait for room
         std::array<std::size_t, 2> firstLost{};  ///< of the last run of each list of several datagrams
     };
 
@@ -165,7 +167,7 @@ protected:
     /// else wherever it stands, and notes the offsets.
     static bool adjustIPs(MulticastPackage& package, const std::string& oldIP, const std::string& newIP,
                           AdjustmentOffsets& offsets);
-    bool transmit(const SocketPtr& socket, const MulticastPackage& package) const;
+    bool transmit(const SocketPtr& socket, const MulticastPackage& package, bool isWaitedFor = true) const;
 
 private:
     template <class Send>

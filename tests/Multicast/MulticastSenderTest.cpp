@@ -5,6 +5,7 @@
 #include "support/Namespace.h"
 #include "support/Process.h"
 #include "support/TestUnit.h"
+#include "support/ThreadSignals.h"
 #include "support/Times.h"
 #include "support/UnsuitableAddress.h"
 #include "support/Waiting.h"
@@ -30,8 +31,6 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <sys/socket.h>
-#include <sys/time.h>
 
 namespace Nubo::ServiceDiscovery::Testing {
 
@@ -639,16 +638,94 @@ TEST_F(MulticastSenderTest, ManySlowInterfacesHoldUpNobodyForLonger)
     EXPECT_LT(shortestTime(send, longest), longest) << "not 20 milliseconds for each";
 }
 
-TEST_F(MulticastSenderTest, DatagramWaitsTwentyMillisecondsForRoom)
+namespace {
+
+/// The socket of an interface that takes its datagrams slowly, or none.
+struct FullQueueTest : MulticastSenderTest
 {
-    Listener listener = addListenedInterface("eth0", "fd00::1");
+    FullQueueTest()
+    {
+        network.link("eth0", "fd00::1");
+        socket = new Poco::Net::MulticastSocket(SocketAddress("fd00::1", 0), false);
+        socket->setInterface(Poco::Net::NetworkInterface::forName("eth0", true));
+        socket->setSendBufferSize(4608);  // twice that is room for four datagrams
+    }
 
-    timeval wait{};
-    socklen_t size = sizeof wait;
-    ASSERT_EQ(::getsockopt(socketAt(ownAddress(listener).port()), SOL_SOCKET, SO_SNDTIMEO, &wait, &size), 0);
+    /// Leaves no room for a further datagram.
+    void fill(const std::string& rate)
+    {
+        network.here.tc("qdisc add dev eth0 root tbf rate " + rate + " burst 1600 limit 10000000");
+        fill();
+    }
+    void fill()
+    {
+        int taken = 0;
+        while (taken < 1000 && transmit(false))
+            ++taken;
+        EXPECT_LT(taken, 1000);
+    }
 
-    EXPECT_EQ(wait.tv_sec, 0);
-    EXPECT_EQ(wait.tv_usec, 20000);
+    bool transmit(bool isWaitedFor = true)
+    {
+        return sender->transmit(socket, {bytes.data(), bytes.size()}, isWaitedFor);
+    }
+
+    std::string bytes = std::string(1212, 'x');
+    Poco::SharedPtr<Poco::Net::MulticastSocket> socket;
+};
+
+constexpr auto takesNone = "64bit";
+constexpr double wholeWait = 19.9;  // milliseconds; less than the 20 by what clocks round
+
+}  // namespace
+
+TEST_F(FullQueueTest, DatagramWaitsTwentyMillisecondsForRoom)
+{
+    fill(takesNone);
+    log.clear();
+
+    constexpr double longest = 39;
+    const double time = shortestTime([&] { EXPECT_FALSE(transmit()); }, longest);
+
+    EXPECT_GE(time, wholeWait);
+    EXPECT_LT(time, longest);
+    EXPECT_THAT(log.lines(), Each("Error: sendMulticast caught exception: I/O error: Operation would block"));
+}
+
+TEST_F(FullQueueTest, DatagramWaitsNoLongerThanUntilThereIsRoom)
+{
+    fill("5mbit");  // one in 2 ms
+
+    EXPECT_TRUE(inSomeRun([&] {
+        fill();
+        const auto begin = std::chrono::steady_clock::now();
+        const bool isSent = transmit();
+        return isSent && std::chrono::steady_clock::now() - begin < std::chrono::milliseconds(15);
+    }));
+}
+
+TEST_F(FullQueueTest, DatagramThatIsNotWaitedForIsLostAtOnce)
+{
+    fill(takesNone);
+
+    EXPECT_LT(shortestTime([&] { EXPECT_FALSE(transmit(false)); }, wholeWait), wholeWait);
+}
+
+TEST_F(FullQueueTest, SignalsMakeTheWaitNeitherLongerNorShorter)
+{
+    fill(takesNone);
+    log.clear();
+
+    constexpr int most = 3000;
+    const ThreadSignals signals(most);
+    const auto begin = std::chrono::steady_clock::now();
+    EXPECT_FALSE(transmit());
+    const std::chrono::duration<double, std::milli> time = std::chrono::steady_clock::now() - begin;
+
+    EXPECT_GE(time.count(), wholeWait);
+    EXPECT_LT(signals.count(), most / 2) << "the wait begins anew with each";
+    EXPECT_THAT(log.lines(),
+                ElementsAre("Error: sendMulticast caught exception: I/O error: Operation would block"));
 }
 
 TEST_F(MulticastSenderTest, LinkLocalAddressIsTakenWithAndWithoutScope)
