@@ -4,6 +4,8 @@
 #include <KELUtilLib/Logging.h>
 
 #include <cstddef>
+#include <list>
+#include <optional>
 
 /// Opens a line of the log; what is streamed into it follows the level word, and the line ends by itself:
 ///
@@ -74,7 +76,26 @@ inline bool isLogged(LogLevel level)
            (level > LogLevel::Warning || LogLimit::takeLine());
 }
 
-/// One line of the log, written when the object ends. Use SD_LOG.
+/// Has the calling thread's lines written when the object ends. Made before a mutex is locked, it keeps a log
+/// channel that calls into the platform, or waits, from doing so with the mutex held.
+class LogAfterwards
+{
+public:
+    LogAfterwards();
+    ~LogAfterwards();
+
+    LogAfterwards(const LogAfterwards&) = delete;
+    LogAfterwards& operator=(const LogAfterwards&) = delete;
+
+    /// Makes a line that is written afterwards; null when lines are written at once, or memory is short.
+    static Logging::LogStream* open(LogLevel level);
+
+private:
+    LogAfterwards* const m_outer;
+    std::list<Logging::LogStream> m_lines;
+};
+
+/// One line of the log, written when the object ends, or afterwards. Use SD_LOG.
 class LogLine
 {
 public:
@@ -93,8 +114,11 @@ public:
     std::ostream& stream() { return m_stream; }
 
 private:
+    Logging::LogStream& open(LogLevel level);
+
     const Common::NoReturnInChildren m_whenWritten;  // a log channel may fork
-    Logging::LogStream m_stream;
+    std::optional<Logging::LogStream> m_own;         // unless it is written afterwards
+    Logging::LogStream& m_stream;
 };
 
 }  // namespace Nubo::ServiceDiscovery

@@ -368,7 +368,6 @@ void SDCommunicationHub::stopReceiving() noexcept
 {
     guarded([this] { stopRequestHandler(); });
     m_reportedInterfaces.stop();
-    m_receiver.stop();
     m_requestHandlerQueue.clear();  // what was received before must not be handled after a restart
 }
 

@@ -9,6 +9,7 @@
 #include <cstdint>
 #include <optional>
 #include <ostream>
+#include <set>
 #include <string>
 
 /// How an interface that the platform reports is taken in and let go: the same for sending and receiving,
@@ -71,9 +72,10 @@ bool isReportedInterface(const Poco::Net::NetworkInterface& interface,
                          const Poco::Net::NetworkInterface::AddressList& addresses, const std::string& name,
                          const Poco::Net::IPAddress& ip);
 
-/// Whether `former` has gone, and `interface` was made in its place.
-bool isReplaced(const Poco::Net::NetworkInterface& former, const Poco::Net::NetworkInterface& interface,
-                const InterfaceListing& listing);
+/// Whether the interface still is there, under a name that is one of these. Another one may have got its name
+/// or its index.
+bool isStillOneOf(const std::set<std::string>& names, const Poco::Net::NetworkInterface& interface,
+                  const InterfaceListing& listing);
 
 /// Finds the interface that a report wants removed in `table`, an ordered map from network interface to
 /// whatever is kept of it; `addressOf` gives the address that an entry was admitted with, `noAddresses` is

@@ -24,11 +24,8 @@ public:
     /// The interface of that name, if it has IPv6; null when there is none.
     const Poco::Net::NetworkInterface* find(const std::string& name) const;
 
-    /// Whether there is an interface with that one's index.
-    bool has(const Poco::Net::NetworkInterface& interface) const
-    {
-        return m_interfaces.count(interface.index()) != 0;
-    }
+    /// Whether the interface of that index has that name.
+    bool has(const std::string& name, unsigned index) const;
 
     /// The addresses of the interface with that one's index; none when it is gone.
     Poco::Net::NetworkInterface::AddressList addressesOf(const Poco::Net::NetworkInterface& interface) const;

@@ -407,6 +407,7 @@ Outcome MulticastReceiver::add(const std::string& name, const std::string& ip,
                                const InterfaceListing& listing, Attempt attempt)
 {
     const QuotedInterface quoted{name, ip};
+    const LogAfterwards afterwards;
     const EngineLock lock(this, m_interfacesMutex);
     AdmittedInterface admitted;
     switch (admitInterface(name, ip, listing, admitted)) {
@@ -426,7 +427,6 @@ Outcome MulticastReceiver::add(const std::string& name, const std::string& ip,
         case Admission::Good:
             break;
     }
-    unsafe_leaveReplaced(admitted.interface, listing);
     const auto [joined, isNew] = m_joinedInterfaces.emplace(admitted.interface, admitted.address);
     if (!isNew && attempt == Attempt::Again)
         return Outcome::InUse;
@@ -465,8 +465,8 @@ Outcome MulticastReceiver::add(const std::string& name, const std::string& ip,
 void MulticastReceiver::leaveGroupOnInterface_byIP(const std::string& name, const std::string& ip)
 {
     const QuotedInterface quoted{name, ip};
+    const LogAfterwards afterwards;
     const EngineLock lock(this, m_interfacesMutex);
-    const EngineFrame leaving(&m_interfacesMutex);
     IPAddress address;
     try {
         address = IPAddress(withoutScope(ip));
@@ -501,18 +501,21 @@ void MulticastReceiver::leaveGroupOnInterface_byIP(const std::string& name, cons
     unsafe_renewFilter();
 }
 
-/// A platform may report an interface that was made anew without taking the former one back.
-void MulticastReceiver::unsafe_leaveReplaced(const NetworkInterface& interface,
-                                             const InterfaceListing& listing)
+void MulticastReceiver::keepOnly(const std::set<std::string>& names, const InterfaceListing& listing)
 {
-    for (auto former = m_joinedInterfaces.begin(); former != m_joinedInterfaces.end();) {
-        if (!isReplaced(former->first, interface, listing)) {
-            ++former;
+    const LogAfterwards afterwards;
+    const EngineLock lock(this, m_interfacesMutex);
+    const std::size_t before = m_joinedInterfaces.size();
+    for (auto joined = m_joinedInterfaces.begin(); joined != m_joinedInterfaces.end();) {
+        if (isStillOneOf(names, joined->first, listing)) {
+            ++joined;
             continue;
         }
-        unsafe_leaveGroup(former->first);
-        former = m_joinedInterfaces.erase(former);
+        unsafe_leaveGroup(joined->first);
+        joined = m_joinedInterfaces.erase(joined);
     }
+    if (m_joinedInterfaces.size() != before)
+        unsafe_renewFilter();
 }
 
 void MulticastReceiver::unsafe_leaveAll()

@@ -1,6 +1,5 @@
 #pragma once
 
-#include "DataLayer/EngineFrame.h"
 #include "Multicast/InterfaceAdmission.h"
 
 #include <KELOEMInterfaceLib/OEMDispatcherCalls.h>
@@ -20,6 +19,7 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <set>
 #include <string>
 
 namespace Poco::Net {
@@ -85,10 +85,6 @@ public:
     /// Whether the group is joined on the interface of that name.
     bool isJoinedOn(const std::string& name) const;
 
-    /// Whether the calling thread is leaving interfaces: in a line of the log about it, a report waits for
-    /// itself.
-    bool isLeavingOnThisThread() const { return EngineFrame::isOnThisThread(&m_interfacesMutex); }
-
     /// The platform's reports. Join and leave the group on the interface. One that cannot be joined yet is to
     /// be added again later.
     Outcome onInterfaceAdded(OEMInterface::AddServiceDiscoveryInterfacePayload& payload);
@@ -98,6 +94,8 @@ public:
     /// may have gone with a former interface of that index. Throws nothing but std::bad_alloc.
     Outcome add(const std::string& name, const std::string& ip, const InterfaceListing& listing,
                 Attempt attempt);
+    /// Leaves every interface that is not there any more under one of these names.
+    void keepOnly(const std::set<std::string>& names, const InterfaceListing& listing);
 
 protected:
     void onSocketReadable(const Poco::AutoPtr<Poco::Net::ReadableNotification>& notification);
@@ -124,7 +122,6 @@ private:
     void renewService();
     bool endThread(long milliseconds);
     void unsafe_leaveAll();
-    void unsafe_leaveReplaced(const Poco::Net::NetworkInterface& interface, const InterfaceListing& listing);
     void unsafe_joinGroup(const Poco::Net::NetworkInterface& interface);
     void unsafe_leaveGroup(const Poco::Net::NetworkInterface& interface);
     void unsafe_filter();

@@ -164,6 +164,7 @@ Outcome MulticastSender::add(const std::string& name, const std::string& ip, con
                              Attempt attempt)
 {
     const QuotedInterface quoted{name, ip};
+    const LogAfterwards afterwards;
     const EngineLock lock(this, m_interfacesMutex);
     AdmittedInterface admitted;
     switch (admitInterface(name, ip, listing, admitted)) {
@@ -184,7 +185,6 @@ Outcome MulticastSender::add(const std::string& name, const std::string& ip, con
         case Admission::Good:
             break;
     }
-    unsafe_removeReplaced(admitted.interface, listing);
     return unsafe_add(admitted, ip, attempt);
 }
 
@@ -264,6 +264,7 @@ bool MulticastSender::unsafe_stopAwaiting(const std::string& name, const IPAddre
 void MulticastSender::removeInterface_byIP(const std::string& name, const std::string& ip)
 {
     const QuotedInterface quoted{name, ip};
+    const LogAfterwards afterwards;
     const EngineLock lock(this, m_interfacesMutex);
     IPAddress address;
     try {
@@ -301,19 +302,25 @@ void MulticastSender::removeInterface_byIP(const std::string& name, const std::s
     unsafe_replaceInterfaces(std::move(changed));
 }
 
-/// A platform may report an interface that was made anew without taking the former one back.
-void MulticastSender::unsafe_removeReplaced(const NetworkInterface& interface,
-                                            const InterfaceListing& listing)
+void MulticastSender::keepOnly(const std::set<std::string>& names, const InterfaceListing& listing)
 {
-    const std::shared_ptr<const InterfaceContainer> present = interfaces();
-    for (const auto& [former, data] : *present) {
-        if (!isReplaced(former, interface, listing))
+    const EngineLock lock(this, m_interfacesMutex);
+    InterfaceContainer changed = *interfaces();
+    for (auto used = changed.begin(); used != changed.end();) {
+        if (isStillOneOf(names, used->first, listing)) {
+            ++used;
             continue;
-        InterfaceContainer changed = *interfaces();
-        unsafe_retire(data);
-        changed.erase(former);
-        unsafe_replaceInterfaces(std::move(changed));
+        }
+        unsafe_retire(used->second);
+        used = changed.erase(used);
     }
+    if (changed.size() != interfaces()->size())
+        unsafe_replaceInterfaces(std::move(changed));
+    m_awaited.erase(
+        std::remove_if(m_awaited.begin(), m_awaited.end(),
+                       [&](const AwaitedInterface& awaited) { return names.count(awaited.name) == 0; }),
+        m_awaited.end());
+    m_isAwaiting = !m_awaited.empty();
 }
 
 void MulticastSender::unsafe_removeAll()

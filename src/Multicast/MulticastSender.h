@@ -19,6 +19,7 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <set>
 #include <string>
 #include <utility>
 #include <vector>
@@ -89,6 +90,8 @@ public:
     /// Opens the interface's socket unless that has been done. Throws nothing but std::bad_alloc.
     Outcome add(const std::string& name, const std::string& ip, const InterfaceListing& listing,
                 Attempt attempt);
+    /// Closes the socket of every interface that is not there any more under one of these names.
+    void keepOnly(const std::set<std::string>& names, const InterfaceListing& listing);
 
 protected:
     using SocketPtr = Poco::SharedPtr<Poco::Net::MulticastSocket>;
@@ -182,7 +185,6 @@ private:
     void unsafe_retire(const InterfaceData_t& interface);
     void unsafe_await(const std::string& name, const Poco::Net::IPAddress& address);
     bool unsafe_stopAwaiting(const std::string& name, const Poco::Net::IPAddress& address);
-    void unsafe_removeReplaced(const Poco::Net::NetworkInterface& interface, const InterfaceListing& listing);
     void unsafe_removeAll();
 
     const Poco::Net::SocketAddress m_group;

@@ -1,9 +1,9 @@
 #pragma once
 
-#include "DataLayer/EngineFrame.h"
 #include "DataLayer/SDClock.h"
 #include "Multicast/InterfaceAdmission.h"
 #include "Multicast/InterfaceListing.h"
+#include "Multicast/ReportQueue.h"
 
 #include <Poco/Clock.h>
 #include <Poco/Net/IPAddress.h>
@@ -11,8 +11,6 @@
 #include <atomic>
 #include <condition_variable>
 #include <cstddef>
-#include <deque>
-#include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
@@ -43,16 +41,15 @@ public:
     ReportedInterfaces(const ReportedInterfaces&) = delete;
     ReportedInterfaces& operator=(const ReportedInterfaces&) = delete;
 
-    /// The platform's reports; either text may be null. Never throw. One that is made from within a line of
-    /// the log about another one is handled after that.
+    /// The platform's reports; either text may be null. Never throw, and never wait for another thread.
     void add(const char* name, const char* ip) noexcept;
     void remove(const char* name, const char* ip) noexcept;
 
     /// Has receiver and sender use everything that stands reported, and retries from now on.
     void start();
-    /// Ends the retrying.
+    /// Ends the retrying and stops the receiver. What is reported meanwhile is handled after that.
     void stop() noexcept;
-    /// The same from a thread that must not wait, be it the one that retries.
+    /// Ends the retrying, for a thread that must not wait, be it the one that retries.
     void stopFromWithin() noexcept;
 
 private:
@@ -63,49 +60,39 @@ private:
         Poco::Net::IPAddress address{};  ///< without scope
         bool isPending = false;
         Poco::Clock pendingSince = SDClock::now();
-        bool wasUsed = false;  ///< by the receiver or the sender at least, which may have it still
-        unsigned index = 0;    ///< that it was served with last
+        unsigned index = 0;  ///< that it had when it was last there
     };
 
-    using Handler = void (ReportedInterfaces::*)(const std::string& name, const std::string& ip);
-    struct Report
-    {
-        Handler handler;
-        std::string name;
-        std::string ip;
-    };
-
-    void report(Handler handler, const char* name, const char* ip) noexcept;
-    bool isAtWorkOnThisThread() const;
-    void queue(Report report, bool isNested);
-    template <class Action>
-    void work(Action action);
-    void handleReports() noexcept;
+    void report(bool isTakenBack, const char* name, const char* ip) noexcept;
+    void handle(const ReportQueue::Report& report) noexcept;
     bool displaceLongestPending();
     void take(const std::string& name, const std::string& ip);
     void giveBack(const std::string& name, const std::string& ip);
     std::vector<Interface>::iterator find(const std::string& name, const Poco::Net::IPAddress& address);
     void forget(const std::string& name, const std::string& ip);
+    bool isGone(const Interface& interface) const;
+    void look(const Interface& interface, Attempt attempt);
+    void letGo();
     Outcome serve(Interface& interface, Attempt attempt);
+    static void setPending(Interface& interface, bool isPending);
     bool hasPending() const;
     Poco::Clock::ClockDiff wait() const;
     void startRetrying();
     void retry();
+    bool awaitRound();
+    void endRetrying();
 
     MulticastReceiver& m_receiver;
     MulticastSender& m_sender;
-    std::mutex m_mutex;  // guards what follows
+    ReportQueue m_reports;
+    // The following belongs to the one at work; while nobody is, to the holder of m_reports.idle().
     std::vector<Interface> m_interfaces;
     InterfaceListing::Ptr m_listing;
-    std::atomic<bool> m_isRunning{false};
     bool m_isRetrying = false;  // the thread has not ended
     std::thread m_thread;
-    std::condition_variable m_changed;
 
-    std::mutex m_reportsMutex;  // guards what follows; nothing is logged under it
-    std::deque<Report> m_reports;
-    std::size_t m_nested = 0;   // of the present work: reports from within
-    std::size_t m_dropped = 0;  // beyond mostInterfaces of these
+    std::atomic<bool> m_isRunning{false};
+    std::condition_variable m_stopped;
 };
 
 }  // namespace Nubo::ServiceDiscovery::Multicast

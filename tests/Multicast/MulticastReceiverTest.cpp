@@ -411,20 +411,22 @@ TEST_F(MulticastReceiverTest, InterfaceMadeAnewWithItsIndexIsJoinedWhenItIsRepor
                             "\"eth7\" with IP \"fd07::1\", already joined on \"eth7\""));
 }
 
-TEST_F(MulticastReceiverTest, InterfaceMadeAnewTakesThePlaceOfTheFormerOne)
+TEST_F(MulticastReceiverTest, KeepsOnlyWhatIsThereUnderOneOfTheNames)
 {
-    for (int i = 0; i < 3; ++i) {
-        join();
-        network.here.ip("link delete eth0");
-        network.link("eth0", "fd00::1", "fd00::2");
+    for (const std::string number : {"1", "2", "3"}) {
+        network.link("eth" + number, "fd0" + number + "::1");
+        join("eth" + number, "fd0" + number + "::1");
     }
     join();
-    log.clear();
+    network.here.ip("link delete eth1");
+    network.here.ip("link set eth2 down");
+    network.here.ip("link set eth2 name eth9 up");
 
-    leave();
+    receiver->keepOnly({"eth0", "eth1", "eth2", "eth9"}, *Multicast::InterfaceListing::take());
 
-    EXPECT_THAT(log.lines(), ElementsAre(leaving0ForIP)) << "none of those without an address is left";
-    EXPECT_FALSE(receiver->isJoinedOn("eth0"));
+    EXPECT_THAT(joinedInterfaces(), ElementsAre("eth0"));
+    for (const std::string name : {"eth1", "eth2", "eth3", "eth9"})
+        EXPECT_FALSE(receiver->isJoinedOn(name)) << name;
 }
 
 TEST_F(MulticastReceiverTest, FurtherReportLeavesOneMembership)

@@ -1,5 +1,6 @@
 #include "DataLayer/SDClock.h"
 #include "LogicLayer/SDCommunicationHub.h"
+#include "faults/HubDelegates.h"
 #include "support/Descriptions.h"
 #include "support/Listener.h"
 #include "support/LogCatcher.h"
@@ -33,25 +34,6 @@ using ::testing::Not;
 using ::testing::StartsWith;
 
 namespace {
-
-/// Opens the hub's delegates, for reports that no dispatcher of ours makes.
-template <auto added, auto removed>
-struct Delegates
-{
-    friend void reportAdded(SDCommunicationHub& hub,
-                            OEMInterface::AddServiceDiscoveryInterfacePayload& report)
-    {
-        (hub.*added)(report);
-    }
-    friend void reportRemoved(SDCommunicationHub& hub,
-                              OEMInterface::RemoveServiceDiscoveryInterfacePayload& report)
-    {
-        (hub.*removed)(report);
-    }
-};
-template struct Delegates<&SDCommunicationHub::onInterfaceAdded, &SDCommunicationHub::onInterfaceRemoved>;
-void reportAdded(SDCommunicationHub& hub, OEMInterface::AddServiceDiscoveryInterfacePayload& report);
-void reportRemoved(SDCommunicationHub& hub, OEMInterface::RemoveServiceDiscoveryInterfacePayload& report);
 
 constexpr Poco::Clock::ClockDiff millisecond = 1000;
 constexpr Poco::Clock::ClockDiff second = 1000 * millisecond;
@@ -252,6 +234,11 @@ TEST_F(RetryTest, TakesOneListingHoweverManyInterfacesAreMissing)
         for (int i = 0; i < 20; ++i)
             unit.platform.dispatcher().addInterface("missing" + std::to_string(i), globalAddress);
     }
+    EXPECT_TRUE(eventually([&] {
+        return log.has(
+            "Debug: ServiceDiscovery did not add Interface \"missing19\" with IP \"fd00::1\" for "
+            "sending: not present.");
+    })) << "the retrying thread handles those that came while it waited for its turn";
     SDClock::turn(1000 * second);
 
     EXPECT_GE(shortestWait(1, 1080), 930) << "between two listings";
@@ -524,6 +511,138 @@ TEST_F(InterfaceFaultsTest, InterfacesMadeAnewAndNeverTakenBackCostNothing)
     EXPECT_THAT(groupUsers(), ElementsAre(::testing::Pair("eth0", 1u)));
 }
 
+TEST_F(InterfaceFaultsTest, InterfacesThatGoAndAreNeverTakenBackCostNothing)
+{
+    ASSERT_TRUE(start());
+    const std::size_t before = openDescriptors();
+    for (int i = 1; i <= 5; ++i) {
+        const std::string name = "ppp" + std::to_string(i);
+        network.link(name, "fd01::1");
+        unit.platform.dispatcher().addInterface(name, "fd01::1");
+        EXPECT_THAT(joinedInterfaces(), ElementsAre(name));
+        network.here.ip("link delete " + name);
+    }
+
+    unit.platform.dispatcher().addInterface("eth0", globalAddress);
+
+    EXPECT_TRUE(eventually([&] { return openDescriptors() == before + 1; }))
+        << openDescriptors() << ": the socket of eth0 is to be left";
+    EXPECT_THAT(groupUsers(), ElementsAre(::testing::Pair("eth0", 1u)));
+}
+
+TEST_F(InterfaceFaultsTest, InterfaceThatHasGoneIsUsedWithinASecondOfItsReturn)
+{
+    network.link("eth1", "fd01::1");
+    ASSERT_TRUE(start());
+    unit.platform.dispatcher().addInterface("eth0", globalAddress);
+    unit.platform.dispatcher().addInterface("eth1", "fd01::1");
+    network.here.ip("link delete eth1");
+    unit.platform.dispatcher().addInterface("eth2", "fd02::1");
+
+    network.link("eth1", "fd01::1");
+
+    EXPECT_TRUE(eventually([] { return joinedInterfaces().size() == 2; }));
+}
+
+TEST_F(InterfaceFaultsTest, InterfaceThatHasGoneMakesRoomForAnother)
+{
+    auto& dispatcher = unit.platform.dispatcher();
+    network.link("ppp1", "fd01::1");
+    dispatcher.addInterface("ppp1", "fd01::1");
+    network.here.ip("link delete ppp1");
+    for (int i = 1; i < 1024; ++i)
+        dispatcher.addInterface("missing" + std::to_string(i), globalAddress);
+
+    dispatcher.addInterface("eth0", globalAddress);
+
+    EXPECT_THAT(log.errors(), ElementsAre("Error: SDCommunicationHub - Interface \"ppp1\" with IP "
+                                          "\"fd01::1\" is not waited for any longer: 1024 others stand "
+                                          "reported."));
+    EXPECT_THAT(joinedInterfaces(), ElementsAre("eth0"));
+}
+
+TEST_F(InterfaceFaultsTest, InterfaceThatWasLetGoIsTakenBackWithoutAWarning)
+{
+    network.link("eth1", "fd01::1");
+    unit.platform.dispatcher().addInterface("eth1", "fd01::1");
+    network.here.ip("link delete eth1");
+    unit.platform.dispatcher().addInterface("eth0", globalAddress);
+    unit.platform.dispatcher().addInterface("eth2", "fd02::1");
+
+    unit.platform.dispatcher().removeInterface("eth1", "fd01::1");
+
+    EXPECT_THAT(log.complaints(), IsEmpty());
+}
+
+TEST_F(InterfaceFaultsTest, InterfaceThatTookTheIndexOfAReportedOneIsNotUsed)
+{
+    const auto make = [&](const std::string& name, int index, const std::string& address) {
+        network.here.ip("link add " + name + " index " + std::to_string(index) + " type veth peer name " +
+                        name + " netns there");
+        network.here.ip("link set " + name + " up");
+        network.there.ip("link set " + name + " up");
+        network.here.addAddress(name, address + "/64");
+    };
+    ASSERT_TRUE(start());
+    make("eth7", 77, "fd07::1");
+    unit.platform.dispatcher().addInterface("eth7", "fd07::1");
+    network.here.ip("link delete eth7");
+    make("lan7", 77, "fd08::1");
+    make("eth7", 78, "fd07::1");
+
+    unit.platform.dispatcher().addInterface("eth7", "fd07::1");
+
+    EXPECT_THAT(joinedInterfaces(), ElementsAre("eth7"));
+    Listener onReported(network.there, "eth7");
+    Listener onOther(network.there, "lan7");
+    SDService::Ptr service = makeService("Own", globalAddress, 8080, "own");
+    ASSERT_TRUE(unit.hub.addService(service));
+    EXPECT_TRUE(onReported.hears(3));
+    EXPECT_THAT(onOther.datagrams(), IsEmpty());
+    unit.platform.dispatcher().removeInterface("eth7", "fd07::1");
+    EXPECT_THAT(joinedInterfaces(), IsEmpty());
+}
+
+TEST_F(InterfaceFaultsTest, InterfaceThatGaveItsNameToAnotherIsNotUsed)
+{
+    network.here.setIPv6("eth0/keep_addr_on_down", "1");
+    ASSERT_TRUE(start());
+    unit.platform.dispatcher().addInterface("eth0", globalAddress);
+    network.here.ip("link set eth0 down");
+    network.here.ip("link set eth0 name lan0 up");
+    network.here.ip("address delete fd00::1/64 dev lan0");
+    network.here.addAddress("lan0", "fd05::1/64");
+    network.there.ip("link set eth0 down");
+    network.there.ip("link set eth0 name lan0 up");
+    network.link("eth0", globalAddress, "fd00::3");
+
+    unit.platform.dispatcher().addInterface("eth0", globalAddress);
+
+    EXPECT_THAT(joinedInterfaces(), ElementsAre("eth0"));
+    Listener onReported(network.there, "eth0");
+    Listener onOther(network.there, "lan0");
+    SDService::Ptr service = makeService("Own", globalAddress, 8080, "own");
+    ASSERT_TRUE(unit.hub.addService(service));
+    EXPECT_TRUE(onReported.hears(3));
+    EXPECT_THAT(onOther.datagrams(), IsEmpty());
+}
+
+TEST_F(InterfaceFaultsTest, InterfaceThatWasRenamedIsNotUsedUntilItsNewNameIsReported)
+{
+    network.here.setIPv6("eth0/keep_addr_on_down", "1");
+    ASSERT_TRUE(start());
+    unit.platform.dispatcher().addInterface("eth0", globalAddress);
+    network.here.ip("link set eth0 down");
+    network.here.ip("link set eth0 name lan0 up");
+
+    unit.platform.dispatcher().addInterface("eth2", "fd02::1");
+
+    EXPECT_THAT(joinedInterfaces(), IsEmpty());
+    unit.platform.dispatcher().addInterface("lan0", globalAddress);
+    EXPECT_TRUE(eventually([&] { return isSending(); })) << "the link takes up to a second";
+    EXPECT_THAT(joinedInterfaces(), ElementsAre("lan0"));
+}
+
 TEST_F(InterfaceFaultsTest, ReportsFromWithinALineOfTheLogAreHandledAfterIt)
 {
     network.link("eth1", "fd01::1");
@@ -547,35 +666,31 @@ TEST_F(InterfaceFaultsTest, ReportFromWithinALineOfTheRetryingThreadIsHandledAft
     network.here.ip("address delete fd00::1/64 dev eth0");
     unit.platform.dispatcher().addInterface("eth0", globalAddress);
     ASSERT_TRUE(start());
-    OEMInterface::AddServiceDiscoveryInterfacePayload report{{"eth1", "fd01::1"}};
     log.onLine([&](const std::string& line) {
         if (line == "Notice: ServiceDiscovery joining IPv6 Multicast Group for Interface \"eth0\".")
-            reportAdded(unit.hub, report);
+            unit.platform.dispatcher().addInterface("eth1", "fd01::1");
     });
 
     network.here.addAddress("eth0", "fd00::1/64");
 
     EXPECT_TRUE(eventually([] { return joinedInterfaces().size() == 2; }));
-    log.onLine(nullptr);
 }
 
-TEST_F(InterfaceFaultsTest, ReportFromWithinALineOfTheStopIsHandledAtTheNextStart)
+TEST_F(InterfaceFaultsTest, ReportFromWithinALineOfTheStopIsHandledAfterIt)
 {
     network.link("eth1", "fd01::1");
     unit.platform.dispatcher().addInterface("eth0", globalAddress);
     ASSERT_TRUE(start());
-    OEMInterface::AddServiceDiscoveryInterfacePayload report{{"eth1", "fd01::1"}};
     log.onLine([&](const std::string& line) {
         if (line == "Notice: ServiceDiscovery leaving IPv6 Multicast Group for all joined Interfaces.")
-            reportAdded(unit.hub, report);
+            unit.platform.dispatcher().addInterface("eth1", "fd01::1");
     });
 
     unit.hub.stop();
-    EXPECT_THAT(joinedInterfaces(), IsEmpty());
+    EXPECT_THAT(joinedInterfaces(), ElementsAre("eth1"));
     ASSERT_TRUE(start());
 
     EXPECT_THAT(joinedInterfaces(), ElementsAre("eth0", "eth1"));
-    log.onLine(nullptr);
 }
 
 TEST_F(InterfaceFaultsTest, ReportsFromWithinEveryLineOfTheLogComeToAnEnd)
