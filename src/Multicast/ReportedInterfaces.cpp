@@ -126,7 +126,7 @@ void ReportedInterfaces::take(const std::string& name, const std::string& ip)
     }
     if (serve(*interface, Attempt::Report) == Outcome::Refused)
         m_interfaces.erase(interface);
-    startRetrying();
+    startRetrying(hasPending());
 }
 
 /// Makes room for an interface that may be usable; whether there was one that is not.
@@ -163,7 +163,7 @@ void ReportedInterfaces::giveBack(const std::string& name, const std::string& ip
         if (interface.name == name)
             serve(interface, Attempt::Again);
     }
-    startRetrying();
+    startRetrying(hasPending());
 }
 
 /// The wildcard address means every interface; otherwise any address of an interface means it, as it does for
@@ -268,8 +268,17 @@ void ReportedInterfaces::start()
         m_listing.reset();
         for (Interface& interface : m_interfaces)
             serve(interface, Attempt::Again);
-        startRetrying();
+        startRetrying(hasPending());
     });
+    leaveRestToThread();
+}
+
+/// When reports came without a pause, some wait still.
+void ReportedInterfaces::leaveRestToThread()
+{
+    const LogAfterwards afterwards;
+    const std::unique_lock<std::mutex> idle = m_reports.idle();
+    startRetrying(m_reports.unsafe_areWaiting());
 }
 
 void ReportedInterfaces::stop() noexcept
@@ -301,9 +310,9 @@ Poco::Clock::ClockDiff ReportedInterfaces::wait() const
     return wait;
 }
 
-void ReportedInterfaces::startRetrying()
+void ReportedInterfaces::startRetrying(bool isNeeded)
 {
-    if (!m_isRunning || m_isRetrying || !hasPending())
+    if (!isNeeded || !m_isRunning || m_isRetrying)
         return;
     if (m_thread.joinable())
         m_thread.join();  // it has had its last turn

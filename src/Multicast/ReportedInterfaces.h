@@ -77,7 +77,8 @@ private:
     static void setPending(Interface& interface, bool isPending);
     bool hasPending() const;
     Poco::Clock::ClockDiff wait() const;
-    void startRetrying();
+    void leaveRestToThread();
+    void startRetrying(bool isNeeded);
     void retry();
     bool awaitRound();
     void endRetrying();

@@ -34,6 +34,7 @@ namespace {
 constexpr std::chrono::seconds atMost{5};
 constexpr auto globalAddress = "fd00::1";
 constexpr auto joining0 = "Notice: ServiceDiscovery joining IPv6 Multicast Group for Interface \"eth0\".";
+constexpr auto joining1 = "Notice: ServiceDiscovery joining IPv6 Multicast Group for Interface \"eth1\".";
 constexpr auto leavingAll =
     "Notice: ServiceDiscovery leaving IPv6 Multicast Group for all joined Interfaces.";
 
@@ -74,6 +75,27 @@ struct BusyPlaceTest : ReportingThreadsTest, ::testing::WithParamInterface<BusyP
 {};
 
 }  // namespace
+
+/// Start and stop handle reports for half a second, when they come without a pause.
+TEST_F(ReportingThreadsTest, ReportsThatAStartHasNoTimeForAreHandledAllTheSame)
+{
+    auto& dispatcher = unit.platform.dispatcher();
+    dispatcher.addInterface("eth0", globalAddress);
+    start();
+    unit.hub.stop();
+    log.onLine([&](const std::string& line) {
+        if (line == joining0)
+            dispatcher.addInterface("eth1", "fd01::1");
+        if (line == joining1) {
+            dispatcher.addInterface("eth2", "fd02::1");
+            std::this_thread::sleep_for(std::chrono::milliseconds(600));
+        }
+    });
+
+    start();
+
+    EXPECT_TRUE(eventually([] { return joinedInterfaces().size() == 3; }));
+}
 
 TEST_P(BusyPlaceTest, ReportsFromThereAndFromAnotherThreadWaitForNobodyAndAreHandled)
 {

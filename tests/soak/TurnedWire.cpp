@@ -3,7 +3,9 @@
 #include <algorithm>
 #include <chrono>
 #include <map>
+#include <set>
 #include <stdexcept>
+#include <string>
 #include <thread>
 
 // What is defined in a program is not taken from the library: here it is the engine's sender and receiver.
@@ -166,6 +168,8 @@ Outcome MulticastSender::add(const std::string&, const std::string&, const Inter
     return Outcome::InUse;
 }
 
+void MulticastSender::keepOnly(const std::set<std::string>&, const InterfaceListing&) {}
+
 void MulticastSender::onInterfaceRemoved(OEMInterface::RemoveServiceDiscoveryInterfacePayload&)
 {
     Ends::portOf(this).isSending = false;
@@ -221,6 +225,8 @@ Outcome MulticastReceiver::add(const std::string&, const std::string&, const Int
     Ends::portOf(this).isJoined = true;
     return Outcome::InUse;
 }
+
+void MulticastReceiver::keepOnly(const std::set<std::string>&, const InterfaceListing&) {}
 
 void MulticastReceiver::onInterfaceRemoved(OEMInterface::RemoveServiceDiscoveryInterfacePayload&)
 {
