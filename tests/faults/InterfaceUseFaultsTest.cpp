@@ -88,23 +88,4 @@ TEST_F(InterfaceUseFaultsTest, ReceiverThatStopsWithoutMemoryCanBeStartedAgain)
     }
 }
 
-TEST_F(InterfaceUseFaultsTest, InterfaceThatGoesWhileItIsAddedForSendingIsAwaited)
-{
-    const std::string adding =
-        "Notice: ServiceDiscovery adding Interface \"eth0\" with IP \"fd00::1\" for sending.";
-    log.onLine([&](const std::string& line) {
-        if (line == adding)
-            network.here.ip("link delete eth0");
-    });
-
-    const auto outcome =
-        sender.add("eth0", globalAddress, *Multicast::InterfaceListing::take(), Multicast::Attempt::Report);
-
-    log.onLine(nullptr);
-    EXPECT_EQ(outcome, Multicast::Outcome::Pending);
-    EXPECT_THAT(log.lines(), ElementsAre(adding,
-                                         "Debug: ServiceDiscovery waits until Interface \"eth0\" with IP "
-                                         "\"fd00::1\" can be used for sending."));
-}
-
 }  // namespace Nubo::ServiceDiscovery::Testing
