@@ -1,5 +1,6 @@
 #include "LogicLayer/RecordIndex.h"
 
+#include "DataLayer/AddressText.h"
 #include "DataLayer/SDClock.h"
 
 #include <Poco/Exception.h>
@@ -47,11 +48,6 @@ bool isMisplaced(const SDService::Ptr& record, Entry::Role role)
 bool isMatchedByName(std::uint16_t serviceID)
 {
     return serviceID == EntryValues::ServiceID_Non_SOMEIP_SD || serviceID == EntryValues::ServiceID_Any;
-}
-
-std::string_view withoutScope(std::string_view ip)
-{
-    return ip.substr(0, ip.find('%'));
 }
 
 const std::string& nameOf(const Entry& entry)

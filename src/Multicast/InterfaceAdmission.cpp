@@ -1,5 +1,6 @@
 #include "Multicast/InterfaceAdmission.h"
 
+#include "DataLayer/AddressText.h"
 #include "LogicLayer/SDCommunicationHub.h"
 
 #include <Poco/Exception.h>
@@ -33,15 +34,10 @@ const InterfaceListing::Ptr emptyListing = std::make_shared<InterfaceListing>();
 
 }  // namespace
 
-std::string withoutScope(const std::string& ip)
-{
-    return ip.substr(0, ip.find('%'));
-}
-
 std::optional<IPAddress> parseAddress(const std::string& ip)
 {
     try {
-        return IPAddress(withoutScope(ip));  // IPAddress::tryParse() does not take "::"
+        return IPAddress(std::string(withoutScope(ip)));  // IPAddress::tryParse() does not take "::"
     }
     catch (const Poco::Exception&) {
         return std::nullopt;
@@ -61,7 +57,8 @@ Admission admitInterface(const std::string& name, const std::string& ip, const I
     const bool isOwnScope = ip.size() > name.size() && ip.find('%') == ip.size() - name.size() - 1 &&
                             ip.compare(ip.size() - name.size(), name.size(), name) == 0;
     IPAddress address;
-    if (!IPAddress::tryParse(isOwnScope ? withoutScope(ip) : ip, address) || !isIPv6Unicast(address))
+    if (!IPAddress::tryParse(isOwnScope ? std::string(withoutScope(ip)) : ip, address) ||
+        !isIPv6Unicast(address))
         return Admission::NotAppropriate;
     const NetworkInterface* const interface = listing.find(name);
     if (!interface || !SDCommunicationHub::containsIP(interface->addressList(), address, name))

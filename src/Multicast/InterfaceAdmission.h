@@ -46,9 +46,6 @@ enum class Attempt
     Again    ///< at a start, or after a failure that may pass
 };
 
-/// The text without a "%scope": the report names the interface anyway, and the name may not exist any more.
-std::string withoutScope(const std::string& ip);
-
 /// The address without its scope; none when the text is no address.
 std::optional<Poco::Net::IPAddress> parseAddress(const std::string& ip);
 

@@ -1,5 +1,6 @@
 #include "Multicast/MulticastReceiver.h"
 
+#include "DataLayer/AddressText.h"
 #include "DataLayer/EngineFrame.h"
 #include "DataLayer/Log.h"
 #include "LogicLayer/SDCommunicationHub.h"
@@ -469,7 +470,7 @@ void MulticastReceiver::leaveGroupOnInterface_byIP(const std::string& name, cons
     const EngineLock lock(this, m_interfacesMutex);
     IPAddress address;
     try {
-        address = IPAddress(withoutScope(ip));
+        address = IPAddress(std::string(withoutScope(ip)));
     }
     catch (const Poco::Exception& exception) {
         SD_LOG(Error) << "ServiceDiscovery failed to leave IPv6 Multicast Group on Interface " << quoted

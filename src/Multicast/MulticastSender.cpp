@@ -1,5 +1,6 @@
 #include "Multicast/MulticastSender.h"
 
+#include "DataLayer/AddressText.h"
 #include "DataLayer/EngineFrame.h"
 #include "DataLayer/Log.h"
 #include "DataLayer/SDClock.h"
@@ -176,7 +177,7 @@ Outcome MulticastSender::add(const std::string& name, const std::string& ip, con
             if (attempt == Attempt::Report)
                 SD_LOG(Debug) << "ServiceDiscovery did not add Interface " << quoted
                               << " for sending: not present.";
-            unsafe_stopAwaiting(name, IPAddress(withoutScope(ip)));
+            unsafe_stopAwaiting(name, IPAddress(std::string(withoutScope(ip))));
             return Outcome::Pending;
         case Admission::NoMulticast:
             SD_LOG(Warning) << "ServiceDiscovery failed to add Interface " << quoted
@@ -268,7 +269,7 @@ void MulticastSender::removeInterface_byIP(const std::string& name, const std::s
     const EngineLock lock(this, m_interfacesMutex);
     IPAddress address;
     try {
-        address = IPAddress(withoutScope(ip));
+        address = IPAddress(std::string(withoutScope(ip)));
     }
     catch (const Poco::Exception& exception) {
         SD_LOG(Error) << "ServiceDiscovery failed to remove Interface " << quoted

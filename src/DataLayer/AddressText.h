@@ -1,0 +1,14 @@
+#pragma once
+
+#include <string_view>
+
+namespace Nubo::ServiceDiscovery {
+
+/// Returns the text of an address without its "%scope", whose interface may not exist any more. Valid as long
+/// as `ip`.
+inline std::string_view withoutScope(std::string_view ip)
+{
+    return ip.substr(0, ip.find('%'));
+}
+
+}  // namespace Nubo::ServiceDiscovery
