@@ -30,7 +30,8 @@ class Engine;
 /// nothing; startup() and shutdown() never throw.
 ///
 /// The object belongs to the process that created it: in a forked child every operation is refused. A child
-/// that is forked within ServiceListChanged and returns from it ends there with exit code 0.
+/// that is forked within ServiceListChanged, or by a log channel that is writing a line of the library, ends
+/// there with exit code 0 when it returns or throws.
 class KEL_SD_EXPORT ServiceDiscovery
 {
 public:

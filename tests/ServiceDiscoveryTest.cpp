@@ -162,9 +162,11 @@ TEST_F(ServiceDiscoveryTest, SecondStartupIsWarnedOfAndLeavesTheHubAlone)
     log.clear();
 
     EXPECT_TRUE(discovery.startup(address));
+    EXPECT_TRUE(discovery.startup(Poco::Net::IPAddress("::"))) << "on whatever address";
 
     EXPECT_TRUE(discovery.running());
-    EXPECT_THAT(log.complaints(), ElementsAre("Warning: ServiceDiscovery is already running."));
+    const auto line = "Warning: ServiceDiscovery is already running.";
+    EXPECT_THAT(log.complaints(), ElementsAre(line, line));
     EXPECT_THAT(log.debugs(), Not(Contains("Debug: SDCommunicationHub::start")));
 }
 
@@ -345,6 +347,11 @@ TEST_F(ServiceDiscoveryTest, ServicesAreToldWithTheRegistrysIdentifiers)
     EXPECT_EQ(services[1].description.getLocalUuid(), registry.events().front().uuid);
     EXPECT_EQ(services[1].role, ServiceStatus::Role::DISCOVERED);
     EXPECT_THAT(log.complaints(), IsEmpty());
+}
+
+TEST(ServiceStatusTest, HasNoInstanceNumberUntilItIsGivenOne)
+{
+    EXPECT_EQ(ServiceStatus{}.instanceId, 0);
 }
 
 TEST_P(ServiceDiscoveryReentryTest, CallFromWithinTheEventIsRefused)

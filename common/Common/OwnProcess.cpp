@@ -21,9 +21,9 @@ std::uint64_t OwnProcess::mark()
     return std::uint64_t{forks} << 32 | static_cast<std::uint32_t>(::getpid());
 }
 
-void OwnProcess::endChild() const
+NoReturnInChildren::~NoReturnInChildren()
 {
-    if (!isThis())
+    if (!m_process.isThis())
         ::_exit(EXIT_SUCCESS);
 }
 

@@ -61,7 +61,8 @@ PROGRAMS = {
 }
 # Order in which programs try a fault, by the beginning of the file's path. Programs that do not exist are skipped.
 ORDER = {
-    "src/DataLayer/": ("data", "logic", "packets", "datagrams", "machine", "scripted hub", "golden", "zoo", "network"),
+    "src/DataLayer/": ("data", "logic", "packets", "datagrams", "machine", "scripted hub", "golden", "zoo", "faults",
+                       "network"),
     "src/LogicLayer/": ("logic", "scripted hub", "machine", "datagrams", "store", "golden", "network", "facade",
                         "hostile", "system faults", "faults", "hours", "callers"),
     "src/Multicast/": ("transport", "multicast", "network", "logic", "facade", "zoo", "system faults", "faults", "scenarios"),

@@ -1,7 +1,5 @@
 #pragma once
 
-#include <Common/OwnProcess.h>
-
 #include <mutex>
 
 namespace Nubo::ServiceDiscovery {
@@ -41,16 +39,8 @@ public:
             frame->release();
     }
 
-    /// Ends the process if it was forked while the calling thread worked as one of the engine's threads.
-    static void endChild()
-    {
-        for (const EngineFrame* frame = innermost(); frame; frame = frame->m_outer)
-            frame->endIfChild();
-    }
-
 private:
     virtual void release() noexcept {}
-    virtual void endIfChild() const {}
 
     static EngineFrame*& innermost()
     {
@@ -60,19 +50,6 @@ private:
 
     const void* const m_part;
     EngineFrame* const m_outer;
-};
-
-/// Marks one of the engine's threads while it works. If a log channel forks there and returns in the child,
-/// the child ends at once: it must not continue the parent's work.
-class EngineThread : public EngineFrame
-{
-public:
-    explicit EngineThread(const void* part) : EngineFrame(part) {}
-
-private:
-    void endIfChild() const override { m_process.endChild(); }
-
-    const Common::OwnProcess m_process;
 };
 
 /// Scoped lock of a part's mutex, which releaseThisThread() can unlock early.

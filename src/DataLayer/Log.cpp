@@ -1,7 +1,6 @@
 #include "DataLayer/Log.h"
 
-#include "DataLayer/EngineFrame.h"
-
+#include <new>
 #include <utility>
 
 namespace Nubo::ServiceDiscovery {
@@ -26,6 +25,7 @@ const char* levelWord(LogLevel level)
 }
 
 thread_local LogLimit* currentLimit = nullptr;
+thread_local LogAfterwards* currentAfterwards = nullptr;
 
 }  // namespace
 
@@ -48,21 +48,46 @@ bool LogLimit::takeLine()
     return true;
 }
 
-LogLine::LogLine(LogLevel level, const char* file, int line)
-    : m_stream(Logging::Log::Logger(), static_cast<Poco::Message::Priority>(level))
+LogAfterwards::LogAfterwards() : m_outer(std::exchange(currentAfterwards, this)) {}
+
+LogAfterwards::~LogAfterwards()
+{
+    currentAfterwards = m_outer;
+    while (!m_lines.empty()) {
+        const Common::NoReturnInChildren whenWritten;
+        m_lines.pop_front();
+    }
+}
+
+Logging::LogStream* LogAfterwards::open(LogLevel level)
+{
+    if (!currentAfterwards)
+        return nullptr;
+    try {
+        return &currentAfterwards->m_lines.emplace_back(Logging::Log::Logger(),
+                                                        static_cast<Poco::Message::Priority>(level));
+    }
+    catch (const std::bad_alloc&) {
+        return nullptr;
+    }
+}
+
+LogLine::LogLine(LogLevel level, const char* file, int line) : m_stream(open(level))
 {
     m_stream.addDefaultOutput(file, line);
     m_stream << levelWord(level);
 }
 
+Logging::LogStream& LogLine::open(LogLevel level)
+{
+    if (Logging::LogStream* const afterwards = LogAfterwards::open(level))
+        return *afterwards;
+    return m_own.emplace(Logging::Log::Logger(), static_cast<Poco::Message::Priority>(level));
+}
+
 LogLine::~LogLine()
 {
     m_stream << '\n';
-}
-
-LogLine::AfterTheLine::~AfterTheLine()
-{
-    EngineFrame::endChild();
 }
 
 }  // namespace Nubo::ServiceDiscovery

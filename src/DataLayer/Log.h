@@ -1,8 +1,11 @@
 #pragma once
 
+#include <Common/OwnProcess.h>
 #include <KELUtilLib/Logging.h>
 
 #include <cstddef>
+#include <list>
+#include <optional>
 
 /// Opens a line of the log. Streamed values follow the level word; the line end is added:
 ///
@@ -73,7 +76,28 @@ inline bool isLogged(LogLevel level)
            (level > LogLevel::Warning || LogLimit::takeLine());
 }
 
-/// One line of the log, written when the object ends. Use SD_LOG.
+/// Delays the calling thread's log lines until the object is destroyed. Create it before locking a mutex: a
+/// log channel may wait, or call into the platform, and must not do so while the mutex is held.
+class LogAfterwards
+{
+public:
+    LogAfterwards();
+    ~LogAfterwards();
+
+    LogAfterwards(const LogAfterwards&) = delete;
+    LogAfterwards& operator=(const LogAfterwards&) = delete;
+
+    /// Creates a line that is written afterwards. Returns null if lines are written at once or memory is
+    /// short.
+    static Logging::LogStream* open(LogLevel level);
+
+private:
+    LogAfterwards* const m_outer;
+    std::list<Logging::LogStream> m_lines;
+};
+
+/// One line of the log, written when the object is destroyed, or later if LogAfterwards is active. Use
+/// SD_LOG.
 class LogLine
 {
 public:
@@ -92,15 +116,11 @@ public:
     std::ostream& stream() { return m_stream; }
 
 private:
-    /// Ends a forked child in which the channel returns. Declared before the stream, so that its destructor
-    /// runs after the line has been written.
-    struct AfterTheLine
-    {
-        ~AfterTheLine();
-    };
+    Logging::LogStream& open(LogLevel level);
 
-    AfterTheLine m_afterTheLine;
-    Logging::LogStream m_stream;
+    const Common::NoReturnInChildren m_whenWritten;  // a log channel may fork
+    std::optional<Logging::LogStream> m_own;         // unset if the line is written afterwards
+    Logging::LogStream& m_stream;
 };
 
 }  // namespace Nubo::ServiceDiscovery

@@ -179,8 +179,7 @@ void SDCommunicationHub::stop()
 void SDCommunicationHub::stopReceiving() noexcept
 {
     guarded([this] { stopRequestHandler(); });
-    m_reportedInterfaces.stop();
-    m_receiver.stop();
+    m_reportedInterfaces.stop();    // also stops the receiver
     m_requestHandlerQueue.clear();  // old datagrams must not be handled after a restart
 }
 
@@ -358,8 +357,8 @@ void SDCommunicationHub::onOfferServiceReceived(SDRequestHandler::OfferServicePa
 void SDCommunicationHub::notifyServiceRegistry(ServiceListEventPayload& payload) const
 {
     const EngineFrame frame(this);
+    const Common::NoReturnInChildren whenDelivered;
     m_serviceDiscovery(payload);
-    m_process.endChild();
 }
 
 bool SDCommunicationHub::isOwnAddress(const Poco::Net::IPAddress& address) const

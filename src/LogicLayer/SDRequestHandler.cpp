@@ -51,7 +51,7 @@ SDRequestHandler::~SDRequestHandler() = default;
 
 void SDRequestHandler::run()
 {
-    const EngineThread frame(this);
+    const EngineFrame frame(this);
     m_isShutDown = false;
     m_running = true;
     // Only the first thread of the process gets the name; later ones stay unnamed.

@@ -347,7 +347,8 @@ bool SDStateMachine::PeriodicWorker::isOver(const Poco::Clock& now) const
 
 bool SDStateMachine::PeriodicWorker::expire(WorkloadEntry& entry, const Poco::Clock& heardUntil)
 {
-    if (!entry->isTTLElapsed(heardUntil))
+    const bool isReflected = entry->getTTL() == 0;  // no one is to be heard first
+    if (!entry->isTTLElapsed(isReflected ? m_begin : heardUntil))
         return false;
     SD_LOG(Notice) << "SDStateMachine - TTL of service timed out: " << entry->getNuboDescription().getName();
     try {

@@ -91,7 +91,7 @@ private:
     /// Outermost function of the engine on the timer's thread; catches all exceptions.
     void onTimer(Poco::Timer& timer)
     {
-        const EngineThread frame(&m_parent);
+        const EngineFrame frame(&m_parent);
         // Poco::Timer waits in whole milliseconds and can fire up to one millisecond early.
         const Poco::Clock::ClockDiff early = m_notBefore - SDClock::now().raw();
         if (early > 0)

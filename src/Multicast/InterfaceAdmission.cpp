@@ -107,10 +107,10 @@ bool isSameAddress(const IPAddress& address, const IPAddress& other)
            std::memcmp(address.addr(), other.addr(), static_cast<std::size_t>(address.length())) == 0;
 }
 
-bool isReplaced(const NetworkInterface& former, const NetworkInterface& interface,
-                const InterfaceListing& listing)
+bool isStillOneOf(const std::set<std::string>& names, const NetworkInterface& interface,
+                  const InterfaceListing& listing)
 {
-    return former.index() != interface.index() && former.name() == interface.name() && !listing.has(former);
+    return names.count(interface.name()) != 0 && listing.has(interface.name(), interface.index());
 }
 
 bool isReportedInterface(const NetworkInterface& interface, const NetworkInterface::AddressList& addresses,

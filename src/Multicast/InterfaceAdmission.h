@@ -9,6 +9,7 @@
 #include <cstdint>
 #include <optional>
 #include <ostream>
+#include <set>
 #include <string>
 
 /// Admission and removal of the interfaces that the platform reports. Sender and receiver share these rules
@@ -74,9 +75,10 @@ bool isReportedInterface(const Poco::Net::NetworkInterface& interface,
                          const Poco::Net::NetworkInterface::AddressList& addresses, const std::string& name,
                          const Poco::Net::IPAddress& ip);
 
-/// Whether `former` no longer exists and `interface` has taken its name.
-bool isReplaced(const Poco::Net::NetworkInterface& former, const Poco::Net::NetworkInterface& interface,
-                const InterfaceListing& listing);
+/// Whether the interface still exists under one of the names. Another interface may have taken its name or
+/// its index.
+bool isStillOneOf(const std::set<std::string>& names, const Poco::Net::NetworkInterface& interface,
+                  const InterfaceListing& listing);
 
 /// Finds the interface to which a removal report refers, in `table`, an ordered map with network interfaces
 /// as keys. `addressOf` returns the address with which an entry was admitted. `noAddresses` is called for

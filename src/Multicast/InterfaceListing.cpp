@@ -23,6 +23,12 @@ const NetworkInterface* InterfaceListing::find(const std::string& name) const
     return found == m_interfaces.end() ? nullptr : &found->second;
 }
 
+bool InterfaceListing::has(const std::string& name, unsigned index) const
+{
+    const auto found = m_interfaces.find(index);
+    return found != m_interfaces.end() && found->second.name() == name;
+}
+
 NetworkInterface::AddressList InterfaceListing::addressesOf(const NetworkInterface& interface) const
 {
     const auto found = m_interfaces.find(interface.index());

@@ -23,11 +23,8 @@ public:
     /// Returns the interface of that name if it supports IPv6, otherwise null. Valid as long as the listing.
     const Poco::Net::NetworkInterface* find(const std::string& name) const;
 
-    /// Whether an interface with the same index exists.
-    bool has(const Poco::Net::NetworkInterface& interface) const
-    {
-        return m_interfaces.count(interface.index()) != 0;
-    }
+    /// Whether the interface with that index has that name.
+    bool has(const std::string& name, unsigned index) const;
 
     /// Returns the addresses of the interface with the same index; none when there is no such interface.
     Poco::Net::NetworkInterface::AddressList addressesOf(const Poco::Net::NetworkInterface& interface) const;

@@ -22,9 +22,11 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <cstdint>
 #include <new>
 #include <optional>
+#include <thread>
 #include <vector>
 
 #include <linux/filter.h>
@@ -81,6 +83,25 @@ void passOnly(const MulticastSocket& socket, const std::vector<unsigned>& indice
     program.push_back(BPF_STMT(BPF_RET | BPF_K, 0));
     const sock_fprog filter{static_cast<unsigned short>(program.size()), program.data()};
     socket.impl()->setRawOption(SOL_SOCKET, SO_ATTACH_FILTER, &filter, sizeof(filter));
+}
+
+/// Retries for 0.2 s while the port is in use: a child that another thread has just forked holds the port
+/// until it has closed its copy of the former socket.
+void bindPatiently(MulticastSocket& socket, const SocketAddress& address)
+{
+    constexpr int attempts = 20;
+    constexpr std::chrono::milliseconds wait{10};
+    for (int attempt = 1; true; ++attempt) {
+        try {
+            socket.bind(address, false);
+            return;
+        }
+        catch (const Poco::Exception& exception) {
+            if (exception.code() != EADDRINUSE || attempt == attempts)
+                throw;
+        }
+        std::this_thread::sleep_for(wait);
+    }
 }
 
 /// Sets the mark for its lifetime.
@@ -172,7 +193,7 @@ MulticastReceiver::~MulticastReceiver()
 template <class Notification, void (MulticastReceiver::*handler)(const Poco::AutoPtr<Notification>&)>
 void MulticastReceiver::guarded(const Poco::AutoPtr<Notification>& notification)
 {
-    const EngineThread frame(this);
+    const EngineFrame frame(this);
     if (m_service->isStopping)
         return;
     try {
@@ -216,7 +237,7 @@ void MulticastReceiver::bind()
         const EngineLock lock(this, m_interfacesMutex);
         unsafe_filter();
     }
-    socket.bind(m_discoveryAddress, false);
+    bindPatiently(socket, m_discoveryAddress);
     m_service->isSpent = true;
     socket.setLoopback(false);
     socket.setBlocking(
@@ -389,6 +410,7 @@ Outcome MulticastReceiver::add(const std::string& name, const std::string& ip,
                                const InterfaceListing& listing, Attempt attempt)
 {
     const QuotedInterface quoted{name, ip};
+    const LogAfterwards afterwards;
     const EngineLock lock(this, m_interfacesMutex);
     AdmittedInterface admitted;
     switch (admitInterface(name, ip, listing, admitted)) {
@@ -408,7 +430,6 @@ Outcome MulticastReceiver::add(const std::string& name, const std::string& ip,
         case Admission::Good:
             break;
     }
-    unsafe_leaveReplaced(admitted.interface, listing);
     const auto [joined, isNew] = m_joinedInterfaces.emplace(admitted.interface, admitted.address);
     if (!isNew && attempt == Attempt::Again)
         return Outcome::InUse;
@@ -447,8 +468,8 @@ Outcome MulticastReceiver::add(const std::string& name, const std::string& ip,
 void MulticastReceiver::leaveGroupOnInterface_byIP(const std::string& name, const std::string& ip)
 {
     const QuotedInterface quoted{name, ip};
+    const LogAfterwards afterwards;
     const EngineLock lock(this, m_interfacesMutex);
-    const EngineFrame leaving(&m_interfacesMutex);
     IPAddress address;
     try {
         address = IPAddress(std::string(withoutScope(ip)));
@@ -483,18 +504,21 @@ void MulticastReceiver::leaveGroupOnInterface_byIP(const std::string& name, cons
     unsafe_renewFilter();
 }
 
-/// A platform may report an interface that was created anew without withdrawing the former one.
-void MulticastReceiver::unsafe_leaveReplaced(const NetworkInterface& interface,
-                                             const InterfaceListing& listing)
+void MulticastReceiver::keepOnly(const std::set<std::string>& names, const InterfaceListing& listing)
 {
-    for (auto former = m_joinedInterfaces.begin(); former != m_joinedInterfaces.end();) {
-        if (!isReplaced(former->first, interface, listing)) {
-            ++former;
+    const LogAfterwards afterwards;
+    const EngineLock lock(this, m_interfacesMutex);
+    const std::size_t before = m_joinedInterfaces.size();
+    for (auto joined = m_joinedInterfaces.begin(); joined != m_joinedInterfaces.end();) {
+        if (isStillOneOf(names, joined->first, listing)) {
+            ++joined;
             continue;
         }
-        unsafe_leaveGroup(former->first);
-        former = m_joinedInterfaces.erase(former);
+        unsafe_leaveGroup(joined->first);
+        joined = m_joinedInterfaces.erase(joined);
     }
+    if (m_joinedInterfaces.size() != before)
+        unsafe_renewFilter();
 }
 
 void MulticastReceiver::unsafe_leaveAll()

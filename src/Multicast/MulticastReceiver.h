@@ -1,6 +1,5 @@
 #pragma once
 
-#include "DataLayer/EngineFrame.h"
 #include "Multicast/InterfaceAdmission.h"
 #include "Multicast/OutgoingAddresses.h"
 
@@ -21,6 +20,7 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <set>
 #include <string>
 
 namespace Poco::Net {
@@ -82,10 +82,6 @@ public:
     /// Whether the group is joined on the interface of that name.
     bool isJoinedOn(const std::string& name) const;
 
-    /// Whether the calling thread is leaving interfaces. A report from within a log line about that must be
-    /// handled later, or it would wait for itself.
-    bool isLeavingOnThisThread() const { return EngineFrame::isOnThisThread(&m_interfacesMutex); }
-
     /// Handle the platform's reports: join or leave the group on the interface. On Outcome::Pending the
     /// caller adds the interface again later.
     Outcome onInterfaceAdded(OEMInterface::AddServiceDiscoveryInterfacePayload& payload);
@@ -96,6 +92,8 @@ public:
     /// std::bad_alloc.
     Outcome add(const std::string& name, const std::string& ip, const InterfaceListing& listing,
                 Attempt attempt);
+    /// Leaves every interface that is not there any more under one of these names.
+    void keepOnly(const std::set<std::string>& names, const InterfaceListing& listing);
 
 protected:
     void onSocketReadable(const Poco::AutoPtr<Poco::Net::ReadableNotification>& notification);
@@ -122,7 +120,6 @@ private:
     void renewService();
     bool endThread(long milliseconds);
     void unsafe_leaveAll();
-    void unsafe_leaveReplaced(const Poco::Net::NetworkInterface& interface, const InterfaceListing& listing);
     void unsafe_joinGroup(const Poco::Net::NetworkInterface& interface);
     void unsafe_leaveGroup(const Poco::Net::NetworkInterface& interface);
     void unsafe_filter();

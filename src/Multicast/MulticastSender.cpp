@@ -12,12 +12,16 @@
 
 #include <Poco/Exception.h>
 #include <Poco/Net/NetException.h>
+#include <Poco/Net/SocketImpl.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <new>
 #include <optional>
 #include <string_view>
+
+#include <poll.h>
+#include <sys/socket.h>
 
 namespace Nubo::ServiceDiscovery::Multicast {
 
@@ -34,9 +38,10 @@ constexpr unsigned hopLimit = 255;
 constexpr Poco::Clock::ClockDiff retirement = 5'000'000;  // microseconds
 
 /// Maximum time that a datagram waits for room in an interface's queue, in microseconds.
-constexpr long sendTimeout = 20000;
+constexpr Poco::Clock::ClockDiff sendTimeout = 20000;
 constexpr Poco::Clock::ClockDiff shortestWait = 1000;  // microseconds; a send that takes longer has waited
 constexpr Poco::Clock::ClockDiff microsecondsPerSecond = 1'000'000;
+constexpr long nanosecondsPerMicrosecond = 1000;
 
 /// Typical number of packets in a full datagram.
 constexpr std::size_t usualPackets = 10;
@@ -52,6 +57,40 @@ bool isSameEndpoint(const SocketAddress& one, const SocketAddress& other)
     if (other.family() == SocketAddress::UNIX_LOCAL)
         return one.toString() == other.toString();
     return one.port() == other.port() && isSameAddress(one.host(), other.host());
+}
+
+/// Opens what throws the exception of an error number.
+struct SocketErrors : Poco::Net::SocketImpl
+{
+    using SocketImpl::error;
+};
+
+/// Returns when the socket has room, when a signal has come in, or after that many microseconds.
+void waitForRoom(int socket, Poco::Clock::ClockDiff microseconds)
+{
+    pollfd watched{socket, POLLOUT, 0};
+    const timespec time{0, static_cast<long>(microseconds) * nanosecondsPerMicrosecond};
+    ::ppoll(&watched, 1, &time, nullptr);
+}
+
+/// Sends a datagram, waits for room for that many microseconds at most, and returns how many bytes were
+/// taken. The kernel's own timeout would begin anew with each signal that the thread gets.
+ssize_t sendWithin(Poco::Clock::ClockDiff patience, int socket,
+                   const MulticastSender::MulticastPackage& package, const SocketAddress& to)
+{
+    const Poco::Clock begin;  // of the time that passes, whatever a test turns SDClock to
+    while (true) {
+        const ssize_t sent =
+            ::sendto(socket, package.first, package.second, MSG_DONTWAIT, to.addr(), to.length());
+        if (sent >= 0)
+            return sent;
+        const int error = errno;
+        const Poco::Clock::ClockDiff left = patience - begin.elapsed();
+        if (error == EAGAIN && left > 0)
+            waitForRoom(socket, left);
+        else if (error != EINTR)
+            SocketErrors::error(error);
+    }
 }
 
 }  // namespace
@@ -126,6 +165,7 @@ Outcome MulticastSender::add(const std::string& name, const std::string& ip, con
                              Attempt attempt)
 {
     const QuotedInterface quoted{name, ip};
+    const LogAfterwards afterwards;
     const EngineLock lock(this, m_interfacesMutex);
     AdmittedInterface admitted;
     switch (admitInterface(name, ip, listing, admitted)) {
@@ -146,7 +186,6 @@ Outcome MulticastSender::add(const std::string& name, const std::string& ip, con
         case Admission::Good:
             break;
     }
-    unsafe_removeReplaced(admitted.interface, listing);
     return unsafe_add(admitted, ip, attempt);
 }
 
@@ -194,7 +233,6 @@ void MulticastSender::unsafe_open(const AdmittedInterface& admitted)
     socket->setInterface(admitted.interface);
     socket->setTimeToLive(hopLimit);
     socket->setLoopback(false);
-    socket->setSendTimeout(Poco::Timespan(0, sendTimeout));
     const SocketAddress localAddress = socket->address();
 
     InterfaceContainer changed = *interfaces();
@@ -227,6 +265,7 @@ bool MulticastSender::unsafe_stopAwaiting(const std::string& name, const IPAddre
 void MulticastSender::removeInterface_byIP(const std::string& name, const std::string& ip)
 {
     const QuotedInterface quoted{name, ip};
+    const LogAfterwards afterwards;
     const EngineLock lock(this, m_interfacesMutex);
     IPAddress address;
     try {
@@ -264,19 +303,25 @@ void MulticastSender::removeInterface_byIP(const std::string& name, const std::s
     unsafe_replaceInterfaces(std::move(changed));
 }
 
-/// A platform may report an interface that was created anew without withdrawing the former one.
-void MulticastSender::unsafe_removeReplaced(const NetworkInterface& interface,
-                                            const InterfaceListing& listing)
+void MulticastSender::keepOnly(const std::set<std::string>& names, const InterfaceListing& listing)
 {
-    const std::shared_ptr<const InterfaceContainer> present = interfaces();
-    for (const auto& [former, data] : *present) {
-        if (!isReplaced(former, interface, listing))
+    const EngineLock lock(this, m_interfacesMutex);
+    InterfaceContainer changed = *interfaces();
+    for (auto used = changed.begin(); used != changed.end();) {
+        if (isStillOneOf(names, used->first, listing)) {
+            ++used;
             continue;
-        InterfaceContainer changed = *interfaces();
-        unsafe_retire(data);
-        changed.erase(former);
-        unsafe_replaceInterfaces(std::move(changed));
+        }
+        unsafe_retire(used->second);
+        used = changed.erase(used);
     }
+    if (changed.size() != interfaces()->size())
+        unsafe_replaceInterfaces(std::move(changed));
+    m_awaited.erase(
+        std::remove_if(m_awaited.begin(), m_awaited.end(),
+                       [&](const AwaitedInterface& awaited) { return names.count(awaited.name) == 0; }),
+        m_awaited.end());
+    m_isAwaiting = !m_awaited.empty();
 }
 
 void MulticastSender::unsafe_removeAll()
@@ -355,7 +400,7 @@ bool MulticastSender::sendEach(const InterfaceData_t& interface, List list, std:
         if (sendPaced(interface, [&] { return send(at); }))
             continue;
         result = false;
-        if (!lost && !interface.socketPtr.isNull() && !interface.socketPtr->getBlocking())
+        if (!lost && !interface.pace->isWaitedFor)
             lost = at;
     }
     if (count > 1)
@@ -379,19 +424,16 @@ bool MulticastSender::sendPaced(const InterfaceData_t& interface, Send send) con
 {
     if (interface.socketPtr.isNull())
         return send();
-    Poco::Net::MulticastSocket socket = *interface.socketPtr;
     Pace& pace = *interface.pace;
     const Poco::Clock begin = SDClock::now();
-    const bool waits = !pace.isStalled && m_waitBudget.isLeft(begin);
-    if (socket.getBlocking() != waits)
-        socket.setBlocking(waits);
+    pace.isWaitedFor = !pace.isStalled && m_waitBudget.isLeft(begin);
     const bool isSent = send();
     const Poco::Clock::ClockDiff duration = SDClock::now() - begin;
     if (duration >= shortestWait)
         m_waitBudget.spend(duration);
     if (isSent)
         pace.isStalled = false;
-    else if (waits && duration >= shortestWait)
+    else if (pace.isWaitedFor && duration >= shortestWait)
         pace.isStalled = true;
     return isSent;
 }
@@ -399,8 +441,9 @@ bool MulticastSender::sendPaced(const InterfaceData_t& interface, Send send) con
 bool MulticastSender::sendServices(const InterfaceData_t& interface, const MulticastData& packages,
                                    List list) const
 {
-    return sendEach(interface, list, packages.size(),
-                    [&](std::size_t i) { return transmit(interface.socketPtr, packages[i]); });
+    return sendEach(interface, list, packages.size(), [&](std::size_t i) {
+        return transmit(interface.socketPtr, packages[i], interface.pace->isWaitedFor);
+    });
 }
 
 bool MulticastSender::sendServices(const InterfaceData_t& interface, SendData& data, List list) const
@@ -414,7 +457,7 @@ bool MulticastSender::sendServices(const InterfaceData_t& interface, SendData& d
         // so only the placeholder is searched for.
         const std::string& oldIP = data.offsets[i].empty() ? m_ipToReplace : data.ipToReplaceNext;
         const bool adjusted = adjustIPs(data.packages[i], oldIP, data.ipReplacement, data.offsets[i]);
-        const bool sent = transmit(interface.socketPtr, data.packages[i]);
+        const bool sent = transmit(interface.socketPtr, data.packages[i], interface.pace->isWaitedFor);
         return adjusted && sent;
     });
 }
@@ -448,15 +491,16 @@ bool MulticastSender::adjustIPs(MulticastPackage& package, const std::string& ol
     return true;
 }
 
-bool MulticastSender::transmit(const SocketPtr& socket, const MulticastPackage& package) const
+bool MulticastSender::transmit(const SocketPtr& socket, const MulticastPackage& package,
+                               bool isWaitedFor) const
 {
     if (socket.isNull()) {
         SD_LOG(Warning) << "MulticastSender failed to send package: SocketPtr was Null!";
         return false;
     }
-    SocketPtr sending = socket;
     try {
-        const int sent = sending->sendTo(package.first, static_cast<int>(package.second), m_group, 0);
+        const ssize_t sent =
+            sendWithin(isWaitedFor ? sendTimeout : 0, socket->impl()->sockfd(), package, m_group);
         if (static_cast<std::size_t>(sent) == package.second)
             return true;
         SD_LOG(Warning) << "MulticastSender failed to send complete package: " << sent << "/"

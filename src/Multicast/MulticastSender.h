@@ -19,6 +19,7 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <set>
 #include <string>
 #include <utility>
 #include <vector>
@@ -57,9 +58,10 @@ public:
     /// interfaces present when it begins. Only one thread at a time may call it.
     ///
     /// If an interface's queue is full, waits for at most 20 ms per datagram, and for less than 40 ms per
-    /// second in total. An interface that accepted nothing during such a wait is not waited for again until
-    /// it accepts a datagram. Datagrams that it does not accept are lost. The next list of that kind starts
-    /// with the first datagram that was lost there, so that a slow interface gets all of them in turn.
+    /// second in total, even if the thread receives signals. An interface that accepted nothing during such a
+    /// wait is not waited for again until it accepts a datagram. Datagrams that it does not accept are lost.
+    /// The next list of that kind starts with the first datagram that was lost there, so that a slow
+    /// interface gets all of them in turn.
     bool sendMulticast(const MulticastData& packagesForAll, const MulticastData& packagesForInternal);
 
     /// Whether this unit sent a datagram with that source: from one of its sockets, or from one that was
@@ -86,6 +88,8 @@ public:
     /// Opens the interface's socket unless it is already open. Throws only std::bad_alloc.
     Outcome add(const std::string& name, const std::string& ip, const InterfaceListing& listing,
                 Attempt attempt);
+    /// Closes the socket of every interface that is not there any more under one of these names.
+    void keepOnly(const std::set<std::string>& names, const InterfaceListing& listing);
 
 protected:
     using SocketPtr = Poco::SharedPtr<Poco::Net::MulticastSocket>;
@@ -100,7 +104,8 @@ protected:
     /// How fast an interface accepts datagrams.
     struct Pace
     {
-        bool isStalled = false;                  ///< it accepted none during a wait, and none since
+        bool isStalled = false;                  ///< it accepted none during a whole wait, and none since
+        bool isWaitedFor = true;                 ///< the present datagram may wait for room
         std::array<std::size_t, 2> firstLost{};  ///< first lost index per kind, in the last list of several
     };
 
@@ -163,7 +168,7 @@ protected:
     /// occurrence, whose offsets it stores. Returns false when the addresses differ in size.
     static bool adjustIPs(MulticastPackage& package, const std::string& oldIP, const std::string& newIP,
                           AdjustmentOffsets& offsets);
-    bool transmit(const SocketPtr& socket, const MulticastPackage& package) const;
+    bool transmit(const SocketPtr& socket, const MulticastPackage& package, bool isWaitedFor = true) const;
 
     mutable std::mutex m_interfacesMutex;
 
@@ -180,7 +185,6 @@ private:
     void unsafe_retire(const InterfaceData_t& interface);
     void unsafe_await(const std::string& name, const Poco::Net::IPAddress& address);
     bool unsafe_stopAwaiting(const std::string& name, const Poco::Net::IPAddress& address);
-    void unsafe_removeReplaced(const Poco::Net::NetworkInterface& interface, const InterfaceListing& listing);
     void unsafe_removeAll();
 
     const Poco::Net::SocketAddress m_group;

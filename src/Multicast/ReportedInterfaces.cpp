@@ -1,5 +1,6 @@
 #include "Multicast/ReportedInterfaces.h"
 
+#include "DataLayer/EngineFrame.h"
 #include "DataLayer/Log.h"
 #include "Multicast/MulticastReceiver.h"
 #include "Multicast/MulticastSender.h"
@@ -69,11 +70,12 @@ bool shows(const InterfaceListing& listing, const std::string& name, const std::
 ReportedInterfaces::ReportedInterfaces(MulticastReceiver& receiver, MulticastSender& sender)
     : m_receiver(receiver)
     , m_sender(sender)
+    , m_reports(this, [this](const ReportQueue::Report& report) { handle(report); })
 {}
 
 ReportedInterfaces::~ReportedInterfaces()
 {
-    stop();
+    endRetrying();
 }
 
 void ReportedInterfaces::add(const char* name, const char* ip) noexcept
@@ -82,7 +84,7 @@ void ReportedInterfaces::add(const char* name, const char* ip) noexcept
         SD_LOG(Error) << "SDCommunicationHub - an interface without a name or an address was reported.";
         return;
     }
-    report(&ReportedInterfaces::take, name, ip);
+    report(false, name, ip);
 }
 
 void ReportedInterfaces::remove(const char* name, const char* ip) noexcept
@@ -91,69 +93,17 @@ void ReportedInterfaces::remove(const char* name, const char* ip) noexcept
         SD_LOG(Error) << "SDCommunicationHub - an interface without a name or an address was taken back.";
         return;
     }
-    report(&ReportedInterfaces::giveBack, name, ip);
+    report(true, name, ip);
 }
 
-/// A platform may report from within a log line that is written here, or while the receiver leaves its
-/// interfaces. The calling thread then holds the locks that the report needs, and handles it later.
-void ReportedInterfaces::report(Handler handler, const char* name, const char* ip) noexcept
+void ReportedInterfaces::report(bool isTakenBack, const char* name, const char* ip) noexcept
 {
-    const bool isNested = isAtWorkOnThisThread();
-    persist([&] { queue({handler, name, ip}, isNested); });
-    if (!isNested)
-        work([] {});
+    persist([&] { m_reports.report({isTakenBack, name, ip}); });
 }
 
-bool ReportedInterfaces::isAtWorkOnThisThread() const
+void ReportedInterfaces::handle(const ReportQueue::Report& report) noexcept
 {
-    return EngineFrame::isOnThisThread(&m_mutex) || m_receiver.isLeavingOnThisThread();
-}
-
-void ReportedInterfaces::queue(Report report, bool isNested)
-{
-    const std::lock_guard<std::mutex> lock(m_reportsMutex);
-    if (isNested && m_nested == mostInterfaces) {
-        ++m_dropped;  // not logged here, because the log line might cause the next report
-        return;
-    }
-    m_reports.push_back(std::move(report));
-    if (isNested)
-        ++m_nested;
-}
-
-template <class Action>
-void ReportedInterfaces::work(Action action)
-{
-    const EngineLock lock(this, m_mutex);
-    const EngineFrame atWork(&m_mutex);
-    action();
-    handleReports();
-}
-
-/// Handles the queued reports, including those that are added meanwhile.
-void ReportedInterfaces::handleReports() noexcept
-{
-    const auto next = [this]() -> std::optional<Report> {
-        const std::lock_guard<std::mutex> lock(m_reportsMutex);
-        if (m_reports.empty())
-            return std::nullopt;
-        Report report = std::move(m_reports.front());
-        m_reports.pop_front();
-        return report;
-    };
-    while (const std::optional<Report> report = next())
-        persist([&] { (this->*report->handler)(report->name, report->ip); });
-
-    std::unique_lock<std::mutex> lock(m_reportsMutex);
-    if (const std::size_t dropped = m_dropped) {
-        lock.unlock();
-        SD_LOG(Error) << "SDCommunicationHub - " << dropped
-                      << " reports of interfaces are dropped: " << mostInterfaces
-                      << " others were made from within lines of the log.";
-        lock.lock();
-    }
-    m_nested = 0;
-    m_dropped = 0;
+    persist([&] { report.isTakenBack ? giveBack(report.name, report.ip) : take(report.name, report.ip); });
 }
 
 void ReportedInterfaces::take(const std::string& name, const std::string& ip)
@@ -166,6 +116,8 @@ void ReportedInterfaces::take(const std::string& name, const std::string& ip)
     }
     auto interface = find(name, *address);
     if (interface == m_interfaces.end()) {
+        if (m_interfaces.size() == mostInterfaces)
+            persist([&] { look({name, ip, *address}, Attempt::Report); });
         if (m_interfaces.size() == mostInterfaces && !displaceLongestPending()) {
             SD_LOG(Error) << "SDCommunicationHub - Interface " << QuotedInterface{name, ip}
                           << " is not used: " << mostInterfaces << " others stand reported already.";
@@ -175,7 +127,7 @@ void ReportedInterfaces::take(const std::string& name, const std::string& ip)
     }
     if (serve(*interface, Attempt::Report) == Outcome::Refused)
         m_interfaces.erase(interface);
-    startRetrying();
+    startRetrying(hasPending());
 }
 
 /// Makes room for an interface that may be usable. Returns false when no interface is pending.
@@ -187,34 +139,32 @@ bool ReportedInterfaces::displaceLongestPending()
         });
     if (longest == m_interfaces.end() || !longest->isPending)
         return false;
-    const Interface displaced = *longest;
-    SD_LOG(Error) << "SDCommunicationHub - Interface " << QuotedInterface{displaced.name, displaced.ip}
+    SD_LOG(Error) << "SDCommunicationHub - Interface " << QuotedInterface{longest->name, longest->ip}
                   << " is not waited for any longer: " << mostInterfaces << " others stand reported.";
-    if (displaced.wasUsed)
-        giveBack(displaced.name, displaced.ip);
-    else
-        m_interfaces.erase(longest);
+    m_interfaces.erase(longest);
+    letGo();
     return true;
 }
 
 void ReportedInterfaces::giveBack(const std::string& name, const std::string& ip)
 {
-    std::set<unsigned> indices;
-    for (const Interface& interface : m_interfaces) {
-        if (interface.name == name && interface.index != 0)
-            indices.insert(interface.index);
-    }
+    const std::optional<IPAddress> address = parseAddress(ip);
+    const auto exact = address ? find(name, *address) : m_interfaces.end();
+    const bool isLetGo = exact != m_interfaces.end() && isGone(*exact);
     forget(name, ip);
-    OEMInterface::RemoveServiceDiscoveryInterfacePayload payload{{name.c_str(), ip.c_str()}};
-    persist([&] { m_receiver.onInterfaceRemoved(payload); });
-    persist([&] { m_sender.onInterfaceRemoved(payload); });
+    if (!isLetGo) {
+        OEMInterface::RemoveServiceDiscoveryInterfacePayload payload{{name.c_str(), ip.c_str()}};
+        persist([&] { m_receiver.onInterfaceRemoved(payload); });
+        persist([&] { m_sender.onInterfaceRemoved(payload); });
+    }
+    persist([&] { letGo(); });
 
-    // The interface may also be reported with another address, or under its present name.
+    // The interface may also be reported with another address.
     for (Interface& interface : m_interfaces) {
-        if (interface.name == name || indices.count(interface.index) != 0)
+        if (interface.name == name)
             serve(interface, Attempt::Again);
     }
-    startRetrying();
+    startRetrying(hasPending());
 }
 
 /// The wildcard address refers to all interfaces. Otherwise each address of an interface refers to it, as in
@@ -250,23 +200,52 @@ std::vector<ReportedInterfaces::Interface>::iterator ReportedInterfaces::find(co
     });
 }
 
+/// Whether it existed and no longer does, or another interface has its name or index.
+bool ReportedInterfaces::isGone(const Interface& interface) const
+{
+    return interface.index != 0 && m_listing && !m_listing->has(interface.name, interface.index);
+}
+
+/// Renews the listing if it is old or does not show the interface.
+void ReportedInterfaces::look(const Interface& interface, Attempt attempt)
+{
+    // A report may concern an interface that is newer than the listing. A round of further attempts uses
+    // one listing.
+    const bool isNews = attempt == Attempt::Report;
+    if (m_listing && !m_listing->isOlderThan(listingAge) &&
+        !(isNews && !shows(*m_listing, interface.name, interface.ip)))
+        return;
+    m_listing = InterfaceListing::take();
+    letGo();
+}
+
+/// Makes receiver and sender release the interfaces that are gone or no longer reported. Those still reported
+/// become pending.
+void ReportedInterfaces::letGo()
+{
+    std::set<std::string> names;
+    for (Interface& interface : m_interfaces) {
+        names.insert(interface.name);
+        if (isGone(interface))
+            setPending(interface, true);
+    }
+    if (!m_listing)
+        return;
+    m_receiver.keepOnly(names, *m_listing);
+    m_sender.keepOnly(names, *m_listing);
+}
+
 /// Never throws; a failed interface is pending.
 Outcome ReportedInterfaces::serve(Interface& interface, Attempt attempt)
 {
     Outcome outcome = Outcome::Pending;
     try {
-        // A report may concern an interface that is newer than the listing. A round of further attempts uses
-        // one listing.
-        const bool isNews = attempt == Attempt::Report;
-        if (!m_listing || m_listing->isOlderThan(listingAge) ||
-            (isNews && !shows(*m_listing, interface.name, interface.ip)))
-            m_listing = InterfaceListing::take();
+        look(interface, attempt);
         if (const auto* const present = m_listing->find(interface.name))
             interface.index = present->index();
         const Outcome received = m_receiver.add(interface.name, interface.ip, *m_listing, attempt);
         const Outcome sent = m_sender.add(interface.name, interface.ip, *m_listing, attempt);
         outcome = combined(received, sent);
-        interface.wasUsed |= received == Outcome::InUse || sent == Outcome::InUse;
     }
     catch (...) {
         if (attempt == Attempt::Report)
@@ -274,37 +253,46 @@ Outcome ReportedInterfaces::serve(Interface& interface, Attempt attempt)
                           << QuotedInterface{interface.name, interface.ip} << ": "
                           << Common::currentException;
     }
-    if (outcome == Outcome::Pending && !interface.isPending)
-        interface.pendingSince = SDClock::now();
-    interface.isPending = outcome == Outcome::Pending;
+    setPending(interface, outcome == Outcome::Pending);
     return outcome;
+}
+
+void ReportedInterfaces::setPending(Interface& interface, bool isPending)
+{
+    if (isPending && !interface.isPending)
+        interface.pendingSince = SDClock::now();
+    interface.isPending = isPending;
 }
 
 void ReportedInterfaces::start()
 {
-    work([this] {
+    m_reports.work([this] {
         m_isRunning = true;
         m_listing.reset();
         for (Interface& interface : m_interfaces)
             serve(interface, Attempt::Again);
-        startRetrying();
+        startRetrying(hasPending());
     });
+    leaveRestToThread();
+}
+
+/// Some reports may still be waiting if they came without a pause.
+void ReportedInterfaces::leaveRestToThread()
+{
+    const LogAfterwards afterwards;
+    const std::unique_lock<std::mutex> idle = m_reports.idle();
+    startRetrying(m_reports.unsafe_areWaiting());
 }
 
 void ReportedInterfaces::stop() noexcept
 {
-    {
-        const EngineLock lock(this, m_mutex);
-        m_isRunning = false;
-    }
-    m_changed.notify_all();
-    if (m_thread.joinable())
-        m_thread.join();
+    endRetrying();
+    m_reports.work([this] { m_receiver.stop(); });
 }
 
 void ReportedInterfaces::stopFromWithin() noexcept
 {
-    m_isRunning = false;  // without the mutex, which this thread may hold; a wait ends with its timeout
+    m_isRunning = false;  // a wait ends with its timeout
 }
 
 bool ReportedInterfaces::hasPending() const
@@ -326,12 +314,12 @@ Poco::Clock::ClockDiff ReportedInterfaces::wait() const
     return wait;
 }
 
-void ReportedInterfaces::startRetrying()
+void ReportedInterfaces::startRetrying(bool isNeeded)
 {
-    if (!m_isRunning || m_isRetrying || !hasPending())
+    if (!isNeeded || !m_isRunning || m_isRetrying)
         return;
     if (m_thread.joinable())
-        m_thread.join();  // does not block: m_isRetrying is false, so the thread is done with the mutex
+        m_thread.join();  // does not block: m_isRetrying is false, so the thread is about to end
     try {
         m_thread = std::thread(&ReportedInterfaces::retry, this);
         m_isRetrying = true;
@@ -343,22 +331,44 @@ void ReportedInterfaces::startRetrying()
 
 void ReportedInterfaces::retry()
 {
-    const EngineThread frame(this);
+    const EngineFrame frame(this);
     DebugUtils::setThreadName("SdIfRetry", "ReportedInterfaces::retry");
-    EngineLock lock(this, m_mutex);
-    while (m_isRunning && hasPending()) {
-        m_changed.wait_for(lock.lock, std::chrono::microseconds(wait()));
-        if (!m_isRunning)
-            break;
-        const EngineFrame atWork(&m_mutex);
-        m_listing.reset();
-        for (Interface& interface : m_interfaces) {
-            if (interface.isPending)
-                serve(interface, Attempt::Again);
-        }
-        handleReports();
+    while (awaitRound()) {
+        m_reports.work([this] {
+            m_listing.reset();
+            for (Interface& interface : m_interfaces) {
+                if (interface.isPending)
+                    serve(interface, Attempt::Again);
+            }
+        });
     }
-    m_isRetrying = false;
+}
+
+/// Waits for the next round, which may also handle reports that were left to this thread. Returns whether
+/// there is one.
+bool ReportedInterfaces::awaitRound()
+{
+    std::unique_lock<std::mutex> idle = m_reports.idle();
+    const bool areWaiting = m_reports.unsafe_areWaiting();
+    m_isRetrying = m_isRunning && (areWaiting || hasPending());
+    if (m_isRetrying && !areWaiting)
+        m_stopped.wait_for(idle, std::chrono::microseconds(wait()), [this] { return !m_isRunning; });
+    return m_isRetrying && m_isRunning;
+}
+
+/// Waits for the thread only after the lock is released, because the thread may be about to begin a round.
+void ReportedInterfaces::endRetrying()
+{
+    std::thread ended;
+    {
+        const std::unique_lock<std::mutex> idle = m_reports.idle();
+        m_isRunning = false;
+        m_isRetrying = false;
+        ended.swap(m_thread);
+    }
+    m_stopped.notify_all();
+    if (ended.joinable())
+        ended.join();
 }
 
 }  // namespace Nubo::ServiceDiscovery::Multicast

@@ -1,9 +1,9 @@
 #pragma once
 
-#include "DataLayer/EngineFrame.h"
 #include "DataLayer/SDClock.h"
 #include "Multicast/InterfaceAdmission.h"
 #include "Multicast/InterfaceListing.h"
+#include "Multicast/ReportQueue.h"
 
 #include <Poco/Clock.h>
 #include <Poco/Net/IPAddress.h>
@@ -11,8 +11,6 @@
 #include <atomic>
 #include <condition_variable>
 #include <cstddef>
-#include <deque>
-#include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
@@ -43,14 +41,14 @@ public:
     ReportedInterfaces(const ReportedInterfaces&) = delete;
     ReportedInterfaces& operator=(const ReportedInterfaces&) = delete;
 
-    /// Handle the platform's reports. Log an error if either text is null. A report from within a log line
-    /// about another report is handled after that one. Never throw.
+    /// Handle the platform's reports. Log an error if either text is null. Never throw, and never wait for
+    /// another thread.
     void add(const char* name, const char* ip) noexcept;
     void remove(const char* name, const char* ip) noexcept;
 
     /// Adds all reported interfaces to receiver and sender, and retries from now on.
     void start();
-    /// Ends retrying and waits for the thread.
+    /// Ends retrying and stops the receiver. Reports that arrive meanwhile are handled after that.
     void stop() noexcept;
     /// Ends retrying without waiting. For threads that must not wait, such as the retrying one.
     void stopFromWithin() noexcept;
@@ -63,49 +61,40 @@ private:
         Poco::Net::IPAddress address{};  ///< without scope
         bool isPending = false;
         Poco::Clock pendingSince = SDClock::now();
-        bool wasUsed = false;  ///< receiver or sender have used it and may still do so
-        unsigned index = 0;    ///< system's index when it was last served; 0: none
+        unsigned index = 0;  ///< system's index when it was last listed; 0: none
     };
 
-    using Handler = void (ReportedInterfaces::*)(const std::string& name, const std::string& ip);
-    struct Report
-    {
-        Handler handler;
-        std::string name;
-        std::string ip;
-    };
-
-    void report(Handler handler, const char* name, const char* ip) noexcept;
-    bool isAtWorkOnThisThread() const;
-    void queue(Report report, bool isNested);
-    template <class Action>
-    void work(Action action);
-    void handleReports() noexcept;
+    void report(bool isTakenBack, const char* name, const char* ip) noexcept;
+    void handle(const ReportQueue::Report& report) noexcept;
     bool displaceLongestPending();
     void take(const std::string& name, const std::string& ip);
     void giveBack(const std::string& name, const std::string& ip);
     std::vector<Interface>::iterator find(const std::string& name, const Poco::Net::IPAddress& address);
     void forget(const std::string& name, const std::string& ip);
+    bool isGone(const Interface& interface) const;
+    void look(const Interface& interface, Attempt attempt);
+    void letGo();
     Outcome serve(Interface& interface, Attempt attempt);
+    static void setPending(Interface& interface, bool isPending);
     bool hasPending() const;
     Poco::Clock::ClockDiff wait() const;
-    void startRetrying();
+    void leaveRestToThread();
+    void startRetrying(bool isNeeded);
     void retry();
+    bool awaitRound();
+    void endRetrying();
 
     MulticastReceiver& m_receiver;
     MulticastSender& m_sender;
-    std::mutex m_mutex;  // guards the members below
+    ReportQueue m_reports;
+    // The members below belong to the thread at work; if none is, to the holder of the lock of idle().
     std::vector<Interface> m_interfaces;
     InterfaceListing::Ptr m_listing;
-    std::atomic<bool> m_isRunning{false};
     bool m_isRetrying = false;  // the thread has not ended
     std::thread m_thread;
-    std::condition_variable m_changed;
 
-    std::mutex m_reportsMutex;  // guards the members below; never log while holding it
-    std::deque<Report> m_reports;
-    std::size_t m_nested = 0;   // reports from within log lines since the queue was last empty
-    std::size_t m_dropped = 0;  // those beyond mostInterfaces
+    std::atomic<bool> m_isRunning{false};
+    std::condition_variable m_stopped;
 };
 
 }  // namespace Nubo::ServiceDiscovery::Multicast

@@ -1,5 +1,6 @@
 #include <Common/OwnProcess.h>
 
+#include <memory>
 #include <thread>
 
 #include <gtest/gtest.h>
@@ -78,17 +79,26 @@ TEST(OwnProcessTest, ChildWithTheSameNumberIsAnother)
     EXPECT_EQ(code, isAnother);
 }
 
-TEST(OwnProcessTest, OnlyAChildEnds)
+TEST(NoReturnInChildrenTest, OnlyAChildEnds)
 {
-    const OwnProcess process;
+    {
+        const NoReturnInChildren inParent;
+    }
 
-    process.endChild();
-
-    EXPECT_EQ(exitCodeOfChild([&] {
-                  process.endChild();
+    EXPECT_EQ(exitCodeOfChild([forked = std::make_unique<NoReturnInChildren>()]() mutable {
+                  forked.reset();
                   return isThis;
               }),
               EXIT_SUCCESS);
+}
+
+TEST(NoReturnInChildrenTest, ChildThatMakesItGoesOn)
+{
+    EXPECT_EQ(exitCodeOfChild([] {
+                  const NoReturnInChildren inChild;
+                  return isThis;
+              }),
+              isThis);
 }
 
 }  // namespace Common::Testing

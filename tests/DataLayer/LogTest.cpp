@@ -3,6 +3,7 @@
 
 #include <KELUtilLib/Logging.h>
 
+#include <string>
 #include <thread>
 
 #include <gmock/gmock.h>
@@ -11,6 +12,7 @@
 namespace Nubo::ServiceDiscovery::Testing {
 
 using ::testing::ElementsAre;
+using ::testing::IsEmpty;
 
 TEST(LogTest, EveryLevelHasItsWordAndItsPriority)
 {
@@ -123,6 +125,56 @@ TEST(LogLimitTest, LimitContinuesWhereItsLastScopeEnded)
 
     EXPECT_THAT(log.errors(), ElementsAre("Error: 0", "Error: 1"));
     EXPECT_EQ(limit.leftOut(), 1u);
+}
+
+TEST(LogAfterwardsTest, LinesAreWrittenInTheirOrderWhenItEnds)
+{
+    LogCatcher log;
+    bool isLocked = true;
+    log.onLine([&](const std::string& line) { EXPECT_FALSE(isLocked) << line; });
+
+    {
+        const LogAfterwards afterwards;
+        SD_LOG(Notice) << "one";
+        SD_LOG(Error) << "two";
+        EXPECT_THAT(log.lines(), IsEmpty());
+        isLocked = false;
+    }
+
+    EXPECT_THAT(log.lines(), ElementsAre("Notice: one", "Error: two"));
+}
+
+TEST(LogAfterwardsTest, LineFromWithinALineIsWrittenAtOnce)
+{
+    LogCatcher log;
+    log.onLine([&](const std::string& line) {
+        if (line == "Notice: one")
+            SD_LOG(Notice) << "within";
+    });
+
+    {
+        const LogAfterwards afterwards;
+        SD_LOG(Notice) << "one";
+        SD_LOG(Notice) << "two";
+    }
+    SD_LOG(Notice) << "three";
+
+    EXPECT_THAT(log.lines(), ElementsAre("Notice: one", "Notice: within", "Notice: two", "Notice: three"));
+}
+
+TEST(LogAfterwardsTest, OtherThreadsAndOuterOnesAreNotConcerned)
+{
+    const LogCatcher log;
+    const LogAfterwards outer;
+    SD_LOG(Notice) << "outer";
+
+    {
+        const LogAfterwards inner;
+        SD_LOG(Notice) << "inner";
+    }
+    std::thread([] { SD_LOG(Notice) << "other"; }).join();
+
+    EXPECT_THAT(log.lines(), ElementsAre("Notice: inner", "Notice: other"));
 }
 
 TEST(LogLimitTest, NothingIsLimitedOutsideOfAScopeAndOnOtherThreads)

@@ -347,6 +347,31 @@ TEST_F(DiscoveryBoundsTogetherTest, InstanceThatGoesForTheNameIsNotCountedTwiceF
                 ElementsAre(&instance, &other));
 }
 
+TEST_F(DiscoveryBoundsTogetherTest, InstanceThatGoesForTheNameGoesOnceThoughItIsTheStalestOfAll)
+{
+    Entry& instance = know(withText(makeDiscovered("Media", 1), megabyte));
+    Entry& other = know(withText(makeDiscovered("Service", 1), megabyte));
+    know(makeDiscovered("Media"), 4095);
+    know(withText(makeDiscovered("Service", 2), 61 * megabyte));
+    pass(stale);
+
+    EXPECT_THAT(judge(withText(makeOffer("Media", 2, 2), 2 * megabyte)).displaced,
+                ElementsAre(&instance, &other));
+}
+
+TEST_F(DiscoveryBoundsTogetherTest, NameWhoseInstancesAreOfferedAgainAndAgainDisplacesNone)
+{
+    know(makeDiscovered("Media"), 4096);
+    pass(stale);
+    for (Entry& entry : periodic)
+        index.renew(entry);
+
+    const auto verdict = judge(makeOffer("Media", 1, 2));
+
+    EXPECT_EQ(verdict.outcome, Outcome::RefusedOfName);
+    EXPECT_THAT(verdict.displaced, IsEmpty());
+}
+
 TEST_F(DiscoveryBoundsTogetherTest, AtMostFourAreDisplacedHoweverLongTheText)
 {
     constexpr std::size_t kilobytes = 4;
@@ -408,6 +433,18 @@ TEST_F(DiscoveryBoundsTogetherTest, UnitWithItsShareOfTheTextDisplacesOneOfAUnit
 
     EXPECT_THAT(judge(withText(makeOffer("New", 1, 1), megabyte)).displaced, ElementsAre(&large))
         << "though it has fewer services";
+}
+
+TEST_F(DiscoveryBoundsTogetherTest, UnitWithItsShareOfTheTextDisplacesAsManyOfItsOwnAsTheNewOneTakes)
+{
+    Entry& first = know(withText(makeDiscovered("Service", 1, 1), megabyte));
+    Entry& second = know(withText(makeDiscovered("Service", 2, 1), megabyte));
+    pass(stale);
+    know(withText(makeDiscovered("Service", 3, 1), 30 * megabyte));
+
+    EXPECT_THAT(judge(withText(makeOffer("New", 1, 1), 2 * megabyte)).displaced, ElementsAre(&first));
+    EXPECT_THAT(judge(withText(makeOffer("New", 1, 1), 3 * megabyte)).displaced,
+                ElementsAre(&first, &second));
 }
 
 /// The registry's identifier is added after a service has been taken, and its length is not judged.

@@ -208,6 +208,15 @@ INSTANTIATE_TEST_SUITE_P(
                     "Error: Failed to handle OFFER_SERVICE due to invalid IP address \"::ffff:\"."}),
     rowName);
 
+TEST_F(IncomingEntriesTest, UnspecifiedAddressIsNoUnitsAddress)
+{
+    const IncomingOffer read = IncomingEntries::readOffer(Packets::firstEntryOf(Packets::offer("Media")),
+                                                          SocketAddress("[::]:30491"));
+
+    ASSERT_FALSE(read.service.isNull());
+    EXPECT_EQ(read.service->getSender().front(), 0xff) << "a multicast address, from which nothing can come";
+}
+
 TEST_F(IncomingEntriesTest, OptionsThatWereFoundAreListedInAFixedOrder)
 {
     offerWith({loadBalancingOption(), ipv4Option(), media});

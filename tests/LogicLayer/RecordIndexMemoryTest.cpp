@@ -221,9 +221,9 @@ TEST(RecordIndexChurnTest, HundredThousandInstancesOfANameThatComeAndGoLeaveNoth
             store.periodic.erase(*known.front());
             known.pop_front();
         }
-        const auto number = static_cast<std::uint32_t>(i);
+        const auto sender = static_cast<std::uint32_t>(i / 2);
         known.push_back(&store.periodic.push_back(withServiceID(
-            makeDiscovered("Media", static_cast<unsigned short>(i), number, static_cast<unsigned short>(i)),
+            makeDiscovered("Media", static_cast<unsigned short>(i), sender, static_cast<unsigned short>(i)),
             static_cast<unsigned short>(i % 3000))));
     }
     const std::size_t memoryAtMost = heapInUse();

@@ -1,5 +1,7 @@
 #include "IntervalFixture.h"
+#include "support/Times.h"
 
+#include <Poco/Clock.h>
 #include <Poco/Net/IPAddress.h>
 
 #include <algorithm>
@@ -15,6 +17,7 @@ namespace Nubo::ServiceDiscovery::Testing {
 namespace {
 
 constexpr unsigned short firstPort = 1000;
+constexpr Poco::Clock::ClockDiff longAfterATTL = 200'000'000;  // microseconds
 
 double threadMicroseconds()
 {
@@ -175,6 +178,21 @@ TEST_F(ReflectedOffersTest, OfAllServicesEndInTheIntervalAfterAnAddressCame)
         EXPECT_EQ(engine.registry.gone(name), 2u);
         EXPECT_EQ(machine.m_index.find(name)->discoveredCount, 4u);
     }
+}
+
+TEST_F(ReflectedOffersTest, FromBeforeTheServiceWasAddedEndEvenInALateInterval)
+{
+    machine.periodicTick();
+    const Poco::Clock last = SDClock::now();
+    EXPECT_FALSE(isReflected("Own", "fd00::1", port(0)));
+    EXPECT_FALSE(isReflected("Foreign", "fd00::2", port(0)));
+    EXPECT_TRUE(machine.handle(Event::HTTP_PUT, makeService("Own", "fd00::1", port(0))));
+
+    turnTo(last, longAfterATTL);
+    machine.periodicTick();
+
+    EXPECT_EQ(engine.registry.gone("Own"), 1u);
+    EXPECT_EQ(engine.registry.gone("Foreign"), 0u);
 }
 
 TEST_F(ReflectedOffersTest, EndAtACostThatGrowsWithTheNumberOfServices)

@@ -6,6 +6,7 @@
 #include "support/Packets.h"
 #include "support/Process.h"
 #include "support/TestUnit.h"
+#include "support/Times.h"
 
 #include <Poco/Delegate.h>
 #include <Poco/Exception.h>
@@ -110,6 +111,26 @@ TEST(SDCommunicationHubConstructionTest, NullDispatcherIsAnErrorInTheLogAndLeave
     EXPECT_THAT(
         log.lines(),
         ElementsAre("Error: SDCommunicationHub - OEM Dispatcher missing, no interface will be reported!"));
+}
+
+TEST(SDCommunicationHubConstructionTest, InterfaceThatGoesWhileTheStandingOnesAreReportedIsTakenBack)
+{
+    PlatformScope platformOfTheFacade;
+    ServiceDiscovery facade;
+    PlatformScope platform;
+    platform.dispatcher().addInterface("absent0", "fd00::1");
+    LogCatcher log;
+    log.onLine([&](const std::string& line) {
+        if (line.find("did not join") != std::string::npos)
+            platform.dispatcher().removeInterface("absent0", "fd00::1");
+    });
+
+    const SDCommunicationHub hub(facade);
+
+    EXPECT_THAT(log.warnings(), ElementsAre("Warning: Failed to leave IPv6 Multicast Group on Interface "
+                                            "\"absent0\" with IP \"fd00::1\": not joined(?)",
+                                            "Warning: Failed to remove Interface \"absent0\" with IP "
+                                            "\"fd00::1\" for sending: not connected(?)"));
 }
 
 TEST(SDCommunicationHubConstructionTest, InterfacesThatStandReportedReachReceiverAndSender)
@@ -234,6 +255,15 @@ TEST_F(SDCommunicationHubTest, ServiceWhosePacketExceedsTheMTUIsRefused)
                 ElementsAre("Error: SDCommunicationHub - Service \"Media\" cannot be put on the wire: its "
                             "packet of 1213 Bytes exceeds the MTU of 1212 Bytes!"));
     EXPECT_FALSE(unit.hub.removeService("id")) << "it was not added";
+}
+
+TEST_F(SDCommunicationHubTest, ServiceWithTheLongestConfigurationIsRefusedToo)
+{
+    EXPECT_FALSE(add(describeInPacketOf(65600)));
+
+    EXPECT_THAT(log.lines(),
+                ElementsAre("Error: SDCommunicationHub - Service \"Media\" cannot be put on the wire: its "
+                            "packet of 65600 Bytes exceeds the MTU of 1212 Bytes!"));
 }
 
 TEST_P(SDCommunicationHubUnsendableTest, ServiceThatNoPacketCanHoldIsNotAdded)
@@ -403,6 +433,23 @@ TEST_F(SDCommunicationHubTest, MessagesBeyondTenThousandAreDroppedAndCountedOnce
                                               "at most 10000 with 4194304 Bytes can wait!",
                                               "Warning: SDCommunicationHub - dropped 7 received Message(s), "
                                               "at most 10000 with 4194304 Bytes can wait!"));
+}
+
+TEST_F(SDCommunicationHubTest, DroppedMessagesAreReportedNoSoonerThanASecondAfterThoseBefore)
+{
+    receiveMany(10000);
+
+    EXPECT_TRUE(inSomeRun([&] {
+        SDClock::turn(second);
+        receiveMany(1);
+        const Poco::Clock reported = SDClock::now();
+        EXPECT_THAT(log.complaints(), SizeIs(1));
+        log.clear();
+
+        turnTo(reported, 9 * second / 10);
+        receiveMany(1);
+        return log.complaints().empty();
+    }));
 }
 
 TEST_F(SDCommunicationHubTest, NotificationRaisesTheFacadesEventOnTheCallingThread)

@@ -208,7 +208,7 @@ TEST_F(OddPacketTest, SplittingThatThrowsIsLoggedWithTheDatagramAndWhatItYielded
 {
     handle([&](auto& out) {
         out.push_back(good);
-        throw Poco::IOException("no more");
+        throw Poco::InvalidArgumentException("no more");
     });
 
     EXPECT_THAT(log.errors(), ElementsAre("Error: SDRequestHandler - failed to parse message: \"no more\"."));

@@ -116,11 +116,25 @@ INSTANTIATE_TEST_SUITE_P(Kinds, SDRequestHandlerEventgroupTest,
                                            RequestCase{"SubscribeNack", "07", "00 00 00"}),
                          [](const auto& row) { return row.param.name; });
 
+/// A datagram may have 65527 bytes.
+TEST_F(SDRequestHandlerTest, PacketOfFourThousandEntriesIsHandled)
+{
+    constexpr std::size_t count = 4000;
+    std::string entries;
+    for (std::size_t i = 0; i < count; ++i)
+        entries += entryOf("00 01");
+
+    handle(packet(entries, ""));
+
+    EXPECT_EQ(subscriber.events, std::vector<std::string>(count, "offer #1 TTL 120"));
+    EXPECT_THAT(log.errors(), IsEmpty());
+}
+
 TEST_F(SDRequestHandlerTest, EntryWithTheReservedInstanceIDIsSkippedBeforeAnyEvent)
 {
-    handle(packet(entryOf("00 01") + entryOf("00 00") + entryOf("00 03"), ""));
+    handle(packet(entryOf("00 01") + entryOf("00 00") + entryOf("01 00"), ""));
 
-    EXPECT_THAT(subscriber.events, ElementsAre("offer #1 TTL 120", "offer #3 TTL 120"));
+    EXPECT_THAT(subscriber.events, ElementsAre("offer #1 TTL 120", "offer #256 TTL 120"));
     EXPECT_THAT(
         log.debugs(),
         Contains("Debug: SDRequestHandler - found Entry with reserved Instance-ID 0x0, Entry #2 skipped!"));

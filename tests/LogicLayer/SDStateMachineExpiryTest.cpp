@@ -23,6 +23,7 @@
 #include <stdexcept>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include <gmock/gmock.h>
@@ -197,6 +198,16 @@ struct CountingRegistry
     std::size_t events = 0;
 };
 
+/// Whether a thread waits for the machine's mutex.
+bool isAwaited(TestStateMachine& machine)
+{
+    Poco::FastMutex& turn = machine.m_turnMutex;
+    if (!turn.tryLock())
+        return true;
+    turn.unlock();
+    return false;
+}
+
 /// A caller that waits for the mutex while the first of two records is handled. Notes whether it got the
 /// mutex before the second.
 class WaitingCaller
@@ -218,7 +229,7 @@ public:
         if (++m_records == 1) {
             m_thread = std::thread(
                 [this] { EXPECT_TRUE(m_machine.handle(Event::HTTP_GET, new SDService("Wanted"))); });
-            EXPECT_TRUE(eventually([&] { return isWaiting(); }));
+            EXPECT_TRUE(eventually([&] { return isAwaited(m_machine); }));
             turnTo(begin, duration);
         }
         else {
@@ -230,15 +241,6 @@ public:
     int records() const { return m_records; }
 
 private:
-    bool isWaiting()
-    {
-        Poco::FastMutex& turn = m_machine.m_turnMutex;
-        if (!turn.tryLock())
-            return true;
-        turn.unlock();
-        return false;
-    }
-
     TestStateMachine& m_machine;
     std::thread m_thread;
     int m_records = 0;
@@ -282,6 +284,46 @@ struct Expiry
     WaitingCaller caller;
 };
 
+/// A caller whose offer keeps the registry busy for `duration` while the other threads wait for the mutex.
+class SlowOffer
+{
+public:
+    SlowOffer(EngineFixture& engine, TestStateMachine& machine, Poco::Clock::ClockDiff duration)
+        : m_machine(machine)
+    {
+        engine.registry.onEvent = [this, duration](const auto& payload) {
+            if (payload.getEventType() == ServiceDiscovery::EventType::SERVICE_GONE) {
+                ++gone;
+                begin();
+                return;
+            }
+            EXPECT_TRUE(eventually([&] { return isAwaited(m_machine); }));
+            SDClock::turn(duration);
+        };
+    }
+    ~SlowOffer() { m_thread.join(); }
+
+    SlowOffer(const SlowOffer&) = delete;
+    SlowOffer& operator=(const SlowOffer&) = delete;
+
+    /// Call it with the mutex held: the offer comes in when the mutex is unlocked, which happens after 10 ms.
+    void begin()
+    {
+        if (m_thread.joinable())
+            return;
+        m_thread =
+            std::thread([this] { EXPECT_TRUE(m_machine.handle(Event::SOMEIP_OFFER, makeOffer("Slow"))); });
+        EXPECT_TRUE(eventually([&] { return isAwaited(m_machine); }));
+        SDClock::turn(10 * millisecond);
+    }
+
+    int gone = 0;
+
+private:
+    TestStateMachine& m_machine;
+    std::thread m_thread;
+};
+
 /// The same for two services that are withdrawn.
 struct Withdrawal
 {
@@ -314,6 +356,46 @@ TEST(SDStateMachineSliceTest, MutexIsKeptForTenMillisecondsWhileMuchIsWithdrawn)
 {
     EXPECT_TRUE(inSomeRun([] { return !Withdrawal(9 * millisecond, Since::Before).caller.wasServed(); }));
     EXPECT_FALSE(inSomeRun([] { return !Withdrawal(10 * millisecond, Since::Begun).caller.wasServed(); }));
+}
+
+/// Three services are withdrawn; after the first one, a caller keeps the mutex for 10 ms.
+TEST(SDStateMachineSliceTest, TimeInWhichOthersHaveTheMutexIsNotCounted)
+{
+    EXPECT_TRUE(inSomeRun([] {
+        EngineFixture engine;
+        TestStateMachine machine{engine.hub};
+        machine.run();
+        for (const char* name : {"First", "Second", "Third"})
+            machine.putPeriodic(makeRecord(Type::ANNOUNCED, State::MAIN_PHASE, name));
+        SlowOffer slow(engine, machine, 10 * millisecond);
+        WaitingCaller next(machine);
+        bool isFirst = true;
+        engine.hub.onAnnounce = [&] {
+            if (std::exchange(isFirst, false))
+                slow.begin();
+            else
+                next.work(SDClock::now(), 0);
+        };
+
+        machine.removeAllAnnouncedServices();
+
+        return !next.wasServed();
+    }));
+}
+
+TEST(SDStateMachineSliceTest, NothingMoreIsToldAfterTheTimeWhenOthersHaveKeptTheMutexUntilThen)
+{
+    EngineFixture engine;
+    TestStateMachine machine{engine.hub};
+    machine.run();
+    for (unsigned short port = 1; port <= 2; ++port)
+        machine.putPeriodic(Expiry::makeOfferedBefore(port));
+    SDClock::turn(2 * second);
+    SlowOffer slow(engine, machine, 900 * millisecond);
+
+    machine.periodicTick();
+
+    EXPECT_EQ(slow.gone, 1);
 }
 
 TEST(SDStateMachineSliceTest, RestIsLeftToTheNextIntervalAfter900Milliseconds)

@@ -1,6 +1,7 @@
 #include "DataLayer/SDClock.h"
 #include "support/Descriptions.h"
 #include "support/FailingAllocations.h"
+#include "support/LogCatcher.h"
 #include "support/OfferedRecords.h"
 #include "support/Platform.h"
 #include "support/RecordingHub.h"
@@ -198,6 +199,39 @@ TEST_F(SDStateMachineMemoryTest, OwnServiceComesThroughItsPhasesWhicheverInterva
     }
 }
 
+TEST_F(SDStateMachineMemoryTest, IntervalThatRanShortIsLogged)
+{
+    const LogCatcher log;
+
+    failEach(
+        [](Unit& unit) {
+            unit.put();
+            for (int i = 0; i < 3; ++i)
+                unit.tick();
+        },
+        [](Unit& unit) { unit.tick(); }, [](Unit& /*unit*/) {});
+
+    EXPECT_TRUE(log.has("Error: SDStateMachine - \"AperiodicWorker\" caught exception: std::bad_alloc"));
+}
+
+TEST_F(SDStateMachineMemoryTest, StopOfferIsCountedOnlyWhenItIsMade)
+{
+    int made = 0;
+    hub.onAnnounce = [&] { ++made; };
+
+    failEach(
+        [&](Unit& unit) {
+            for (const char* name : {"First", "Second", "Third"})
+                unit.machine.putPeriodic(makeRecord(Type::ANNOUNCED, State::SHUTDOWN_PHASE, name));
+            made = 0;
+        },
+        [](Unit& unit) { unit.machine.periodicTick(); },
+        [&](Unit& unit) {
+            for (const SDService::Ptr& service : unit.machine.periodic())
+                EXPECT_EQ(service->getRepetitionRun(), made);
+        });
+}
+
 TEST_F(SDStateMachineMemoryTest, CyclicOffersAreMadeAgainAfterAnIntervalThatRanShort)
 {
     failEach([](Unit& unit) { unit.machine.putPeriodic(makeRecord(Type::ANNOUNCED, State::MAIN_PHASE)); },
@@ -301,6 +335,68 @@ TEST_F(SDStateMachineMemoryTest, ServiceThatIsRemovedEndsAsItWouldOtherwise)
                                                               "Media ANNOUNCED SHUTDOWN_PHASE #1"));
             EXPECT_THAT(unit.aperiodic(), IsEmpty());
         });
+}
+
+TEST_F(SDStateMachineMemoryTest, MachineThatCannotBeStartedDoesNotRun)
+{
+    std::size_t n = 1;
+    for (bool hasFailed = true; hasFailed; ++n) {
+        SCOPED_TRACE("allocation " + std::to_string(n));
+        TestStateMachine machine(hub);
+        machine.putAperiodic(makeRecord(Type::WANTED, State::REPETITION_PHASE), 3600 * second);
+        bool isStarted = false;
+
+        hasFailed = failsAtAllocation(n, [&] {
+            machine.start();
+            isStarted = true;
+        });
+
+        EXPECT_EQ(machine.isRunning(), isStarted);
+        ASSERT_FALSE(HasFailure());
+    }
+    EXPECT_GT(n, 3u) << "something was allocated";
+}
+
+/// The first record starts the timer.
+TEST_F(SDStateMachineMemoryTest, FirstServiceAfterAStartIsAddedWhollyOrNotAtAll)
+{
+    std::size_t n = 1;
+    for (bool hasFailed = true; hasFailed; ++n) {
+        SCOPED_TRACE("allocation " + std::to_string(n));
+        TestStateMachine machine(hub);
+        machine.m_running = true;
+        bool isAdded = false;
+
+        hasFailed = failsAtAllocation(n, [&] {
+            isAdded = machine.handle(Event::HTTP_PUT, makeService("Media", "fd00::1", 8080, "own"));
+        });
+
+        machine.stop();
+        EXPECT_EQ(machine.m_index.size(), isAdded ? 1u : 0u);
+        ASSERT_FALSE(HasFailure());
+    }
+    EXPECT_GT(n, 3u) << "something was allocated";
+}
+
+/// Otherwise a flood of them would take time for each instance.
+TEST_F(SDStateMachineMemoryTest, FindNeedsAsLittleMemoryForManyInstancesAsForOneWhileSixtyFourAnswersWait)
+{
+    const auto allocationsForInstances = [&](unsigned short count) {
+        Unit unit(*this);
+        for (unsigned short port = 1; port <= count; ++port)
+            unit.machine.putAperiodic(
+                makeRecord(Type::ANNOUNCED, State::REPETITION_PHASE, "Media", "fd00::1", port));
+        for (int i = 0; i < 64; ++i)
+            unit.machine.putAperiodic(makeRecord(Type::ANNOUNCED, State::ONCE));
+        const SDService::Ptr search = new SDService("Media");
+        std::size_t n = 1;
+        while (failsAtAllocation(n, [&] { EXPECT_TRUE(unit.machine.handle(Event::SOMEIP_FIND, search)); }))
+            ++n;
+        EXPECT_EQ(unit.machine.m_aperiodicWorkload.size(), count + 64u);
+        return n - 1;
+    };
+
+    EXPECT_EQ(allocationsForInstances(50), allocationsForInstances(1));
 }
 
 TEST_F(SDStateMachineMemoryTest, SearchThatIsBegunAgainStays)

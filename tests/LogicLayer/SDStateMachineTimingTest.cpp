@@ -151,6 +151,19 @@ TEST_F(SDStateMachineIntervalsTest, FurtherRecordThatIsDueWaitsAMillisecondForIt
     EXPECT_EQ(machine.aperiodicTimer().getPeriodicInterval(), parked) << "nothing is left to do";
 }
 
+TEST_F(SDStateMachineIntervalsTest, TimerIsSetToAMillisecondForASearchThatIsBegunAnew)
+{
+    {
+        const std::lock_guard<Poco::FastMutex> lock(machine.m_workloadMutex);
+        machine.putAperiodic(makeRecord(Type::WANTED, State::REPETITION_PHASE), hour);
+    }
+
+    EXPECT_TRUE(machine.handle(Event::HTTP_GET, new SDService("Media")));
+
+    const std::lock_guard<Poco::FastMutex> lock(machine.m_workloadMutex);
+    EXPECT_EQ(intervals.front(), 1);
+}
+
 TEST_F(SDStateMachineTimingTest, StopHasClearedTheFlagWhenItWithdraws)
 {
     TestStateMachine machine(engine.hub);

@@ -15,6 +15,7 @@
 namespace Nubo::ServiceDiscovery::Testing {
 
 using ::testing::ElementsAre;
+using ::testing::IsEmpty;
 using ::testing::SizeIs;
 
 namespace {
@@ -108,6 +109,16 @@ TEST_F(SDStateMachineWorkersTest, RemovalOfAllSendsOneStopOfferForEveryAnnounced
                 ElementsAre(stoppedMedia,
                             "Notice: SD Announcement of Service http://[fd00::1]:8080/Navi/ (Navi "
                             "v1.0.X) stopped, due to shutdown of ServiceRegistry."));
+}
+
+TEST_F(SDStateMachineWorkersTest, RemovalOfAllLeavesALocalRecordThatIsNotAnnounced)
+{
+    machine.putPeriodic(makeRecord(Type::WANTED, State::MAIN_PHASE));
+
+    machine.removeAllAnnouncedServices();
+
+    EXPECT_THAT(sent(), IsEmpty());
+    EXPECT_THAT(periodic(), ElementsAre("Media WANTED MAIN_PHASE #1"));
 }
 
 TEST_F(SDStateMachineWorkersTest, RemovalOfAllRaisesANullPointerExceptionAtANullEntry)

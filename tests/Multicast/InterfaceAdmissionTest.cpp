@@ -6,6 +6,7 @@
 
 #include <map>
 #include <ostream>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -142,6 +143,7 @@ TEST_F(InterfaceAdmissionTest, InterfaceMustSupportMulticast)
     network.here.ip("link set eth0 multicast off");
 
     EXPECT_EQ(admit("eth0", "fd00::1"), Admission::NoMulticast);
+    EXPECT_EQ(admitted.interface.name(), "") << "only what can be used is filled in";
 }
 
 TEST_P(UnsuitableAddressTest, IsNotAppropriate)
@@ -204,26 +206,25 @@ TEST_F(InterfaceAdmissionTest, SameAddressIsToldByItsBytesAlone)
     EXPECT_FALSE(Multicast::isSameAddress(IPAddress("10.0.0.1"), IPAddress("::ffff:10.0.0.1")));
 }
 
-TEST_F(InterfaceAdmissionTest, InterfaceIsReplacedByOneOfItsNameOnceItHasGone)
+TEST_F(InterfaceAdmissionTest, InterfaceIsStillThereUnderItsNameAndIndexOnly)
 {
     ASSERT_EQ(admit("eth0", "fd00::1"), Admission::Good);
     const NetworkInterface former = admitted.interface;
-    const auto isReplacedNow = [&](const std::string& name) {
-        EXPECT_EQ(admit(name, "fd00::7"), Admission::Good);
-        return Multicast::isReplaced(former, admitted.interface, *Multicast::InterfaceListing::take());
+    const auto isStillOneOf = [&](const std::set<std::string>& names) {
+        return Multicast::isStillOneOf(names, former, *Multicast::InterfaceListing::take());
     };
-    network.here.addAddress("eth0", "fd00::7/64");
-    EXPECT_FALSE(isReplacedNow("eth0")) << "it is the same";
+    EXPECT_TRUE(isStillOneOf({"eth0", "eth9"}));
+    EXPECT_FALSE(isStillOneOf({"eth1", "eth9"})) << "it is not among the names";
 
     network.here.ip("link set eth0 down");
     network.here.ip("link set eth0 name eth9");
-    network.here.ip("link add eth0 type bridge");
-    network.here.addAddress("eth0", "fd00::7/64");
-    EXPECT_FALSE(isReplacedNow("eth0")) << "it has another name";
+    EXPECT_FALSE(isStillOneOf({"eth0", "eth9"})) << "it has another name";
+    network.link("eth5", "fd00::1");
+    network.here.ip("link set eth5 down");
+    network.here.ip("link set eth5 name eth0");
+    EXPECT_FALSE(isStillOneOf({"eth0", "eth9"})) << "another one has its name";
     network.here.ip("link delete eth9");
-    EXPECT_TRUE(isReplacedNow("eth0"));
-    network.link("eth9", "fd00::7");
-    EXPECT_FALSE(isReplacedNow("eth9")) << "its name was another one";
+    EXPECT_FALSE(isStillOneOf({"eth0", "eth9"})) << "it has gone";
 }
 
 TEST_F(RemovalTest, EntryIsFoundByNameAndAddress)

@@ -197,26 +197,6 @@ INSTANTIATE_TEST_SUITE_P(
                       Thrown{"Other", [] { throw 42; }, "unknown exception"}),
     [](const auto& row) { return row.param.name; });
 
-/// The kernel gives a socket all datagrams for its group that arrive on an interface where any socket has
-/// joined the group.
-TEST_F(RunningReceiverTest, DatagramFromAnInterfaceOnWhichOnlyAnotherSocketHasJoinedIsDropped)
-{
-    network.link("eth1", "fd01::1", "fd01::2");
-    Poco::Net::MulticastSocket other(SocketAddress::IPv6);
-    other.joinGroup(IPAddress(discoveryGroup), Poco::Net::NetworkInterface::forName("eth1"));
-    Speaker elsewhere(network.there, "eth1", "fd01::2");
-
-    elsewhere.send("01"_bytes);
-    speaker.send("02"_bytes);
-    EXPECT_TRUE(subscriber->gets(1));
-    EXPECT_THAT(subscriber->bytes(), ElementsAre("02"));
-
-    join("eth1", "fd01::1");
-    elsewhere.send("03"_bytes);
-    EXPECT_TRUE(subscriber->gets(2));
-    EXPECT_THAT(subscriber->bytes(), ElementsAre("02", "03"));
-}
-
 TEST_F(RunningReceiverTest, InterfacesComeAndGoWhileDatagramsArrive)
 {
     network.link("eth1", "fd01::1");

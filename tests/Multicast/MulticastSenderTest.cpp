@@ -14,8 +14,6 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <sys/socket.h>
-#include <sys/time.h>
 
 namespace Nubo::ServiceDiscovery::Testing {
 
@@ -96,18 +94,6 @@ TEST_F(MulticastSenderTest, SocketDoesNotShareItsAddress)
     const SocketAddress taken = ownAddress(listener);
 
     EXPECT_THROW(Poco::Net::DatagramSocket(taken, true), Poco::Exception);
-}
-
-TEST_F(MulticastSenderTest, DatagramWaitsTwentyMillisecondsForRoom)
-{
-    Listener listener = addListenedInterface("eth0", "fd00::1");
-
-    timeval wait{};
-    socklen_t size = sizeof wait;
-    ASSERT_EQ(::getsockopt(socketAt(ownAddress(listener).port()), SOL_SOCKET, SO_SNDTIMEO, &wait, &size), 0);
-
-    EXPECT_EQ(wait.tv_sec, 0);
-    EXPECT_EQ(wait.tv_usec, 20000);
 }
 
 TEST_F(MulticastSenderTest, LinkLocalAddressIsTakenWithAndWithoutScope)

@@ -121,6 +121,13 @@ struct ReceiverFixture : LinkedFixture
         receiver->leaveGroupOnInterface_byIP(interface, address);
     }
 
+    void makeWithIndex77() const
+    {
+        network.here.ip("link add eth7 index 77 type veth peer name eth7 netns there");
+        network.here.ip("link set eth7 up");
+        network.here.addAddress("eth7", "fd07::1/64");
+    }
+
     /// Ends the subscription and the receiver.
     void destroyReceiver()
     {

@@ -1,3 +1,4 @@
+#include "Multicast/InterfaceListing.h"
 #include "ReceiverFixture.h"
 #include "support/UnsuitableAddress.h"
 
@@ -14,16 +15,7 @@ using ::testing::Pair;
 
 namespace {
 
-struct ReceiverGroupTest : ReceiverFixture
-{
-    void makeWithIndex77() const
-    {
-        network.here.ip("link add eth7 index 77 type veth peer name eth7 netns there");
-        network.here.ip("link set eth7 up");
-        network.here.addAddress("eth7", "fd07::1/64");
-    }
-};
-
+using ReceiverGroupTest = ReceiverFixture;
 using RunningReceiverGroupTest = RunningReceiverFixture;
 
 struct RefusedJoinTest : ReceiverFixture, ::testing::WithParamInterface<UnsuitableAddress>
@@ -144,20 +136,22 @@ TEST_F(ReceiverGroupTest, InterfaceMadeAnewWithItsIndexIsJoinedWhenItIsReported)
                             "\"eth7\" with IP \"fd07::1\", already joined on \"eth7\""));
 }
 
-TEST_F(ReceiverGroupTest, InterfaceMadeAnewTakesThePlaceOfTheFormerOne)
+TEST_F(ReceiverGroupTest, KeepsOnlyWhatIsThereUnderOneOfTheNames)
 {
-    for (int i = 0; i < 3; ++i) {
-        join();
-        network.here.ip("link delete eth0");
-        network.link("eth0", "fd00::1", "fd00::2");
+    for (const std::string number : {"1", "2", "3"}) {
+        network.link("eth" + number, "fd0" + number + "::1");
+        join("eth" + number, "fd0" + number + "::1");
     }
     join();
-    log.clear();
+    network.here.ip("link delete eth1");
+    network.here.ip("link set eth2 down");
+    network.here.ip("link set eth2 name eth9 up");
 
-    leave();
+    receiver->keepOnly({"eth0", "eth1", "eth2", "eth9"}, *Multicast::InterfaceListing::take());
 
-    EXPECT_THAT(log.lines(), ElementsAre(leaving0ForIP)) << "none of those without an address is left";
-    EXPECT_FALSE(receiver->isJoinedOn("eth0"));
+    EXPECT_THAT(joinedInterfaces(), ElementsAre("eth0"));
+    for (const std::string name : {"eth1", "eth2", "eth3", "eth9"})
+        EXPECT_FALSE(receiver->isJoinedOn(name)) << name;
 }
 
 TEST_F(ReceiverGroupTest, FurtherReportLeavesOneMembership)

@@ -164,6 +164,14 @@ TEST_F(SenderAddressesTest, AddressWithAnotherPortOrHostIsNotAnOwnOne)
     EXPECT_FALSE(sender->isOwnOutgoingAddress(SocketAddress("/tmp/socket")));
 }
 
+TEST_F(TwoInterfacesSenderTest, PlaceholderAndAddressesInUseAreOwnOnes)
+{
+    EXPECT_TRUE(sender->isOwnAddress(IPAddress("fd00::1")));
+    EXPECT_TRUE(sender->isOwnAddress(IPAddress("fd02::1")));
+    EXPECT_FALSE(sender->isOwnAddress(IPAddress("fd03::1")));
+    EXPECT_FALSE(sender->isOwnAddress(IPAddress("10.0.0.1")));
+}
+
 TEST_F(SenderAddressesTest, OwnAddressIsKnownWithAnyScope)
 {
     addInterface("eth0", "fe80::1");

@@ -1,3 +1,4 @@
+#include "Multicast/InterfaceListing.h"
 #include "SenderFixture.h"
 #include "support/Process.h"
 #include "support/UnsuitableAddress.h"
@@ -194,6 +195,11 @@ TEST_F(TentativeSenderTest, RemovalOfEverythingEndsTheWaiting)
 
     EXPECT_FALSE(send({"01"}));
     EXPECT_THAT(log.complaints(), ElementsAre(noInterfaces));
+    log.clear();
+    sender->removeInterface_byIP("eth0", "fd00::1");
+    EXPECT_THAT(log.lines(),
+                ElementsAre("Warning: Failed to remove Interface \"eth0\" with IP \"fd00::1\" for "
+                            "sending: not connected(?)"));
 }
 
 TEST_F(TentativeSenderTest, OtherInterfacesAreUsedMeanwhile)
@@ -270,20 +276,29 @@ TEST_F(SenderInterfacesTest, RemovalClosesTheSocket)
     EXPECT_EQ(openDescriptors(), before);
 }
 
-TEST_F(SenderInterfacesTest, InterfaceMadeAnewTakesThePlaceOfTheFormerOne)
+TEST_F(SenderInterfacesTest, KeepsOnlyWhatIsThereUnderOneOfTheNames)
 {
     const std::size_t before = openDescriptors();
-    for (int i = 0; i < 3; ++i) {
-        addInterface("eth0", "fd00::1");
-        network.here.ip("link delete eth0");
-    }
-    Listener listener = addListenedInterface("eth0", "fd00::1");
+    for (const std::string number : {"0", "1", "2", "3"})
+        addInterface("eth" + number, "fd0" + number + "::1");
+    network.here.ip("link delete eth1");
+    network.here.ip("link set eth2 down");
+    network.here.ip("link set eth2 name eth9 up");
 
-    EXPECT_EQ(openDescriptors(), before + 2) << "the socket and the listener's one";
-    log.clear();
+    sender->keepOnly({"eth0", "eth1", "eth2", "eth9"}, *Multicast::InterfaceListing::take());
+
+    EXPECT_EQ(openDescriptors(), before + 1);
+    Listener listener(network.there, "eth0");
     EXPECT_TRUE(send({"01"}));
     EXPECT_TRUE(listener.hears(1));
-    EXPECT_THAT(log.complaints(), IsEmpty());
+}
+
+TEST_F(TentativeSenderTest, AddressOfAnInterfaceThatIsNotKeptIsNotAwaited)
+{
+    sender->keepOnly({"eth1"}, *Multicast::InterfaceListing::take());
+
+    EXPECT_FALSE(send({"01"}));
+    EXPECT_THAT(log.complaints(), ElementsAre(noInterfaces));
 }
 
 TEST_F(SenderInterfacesTest, DestructionClosesEverySocket)

@@ -1,7 +1,12 @@
 #include "DataLayer/SDClock.h"
 #include "SenderFixture.h"
+#include "support/ThreadSignals.h"
 #include "support/Times.h"
 #include "support/Waiting.h"
+
+#include <Poco/Net/MulticastSocket.h>
+#include <Poco/Net/NetworkInterface.h>
+#include <Poco/SharedPtr.h>
 
 #include <chrono>
 #include <cstddef>
@@ -16,6 +21,7 @@
 namespace Nubo::ServiceDiscovery::Testing {
 
 using ::testing::Each;
+using ::testing::ElementsAre;
 using ::testing::Gt;
 using ::testing::IsEmpty;
 using ::testing::SizeIs;
@@ -50,6 +56,43 @@ struct LongList
 
 constexpr auto slow =
     "qdisc add dev eth0 root tbf rate 20mbit burst 1600 limit 10000000";  // a datagram every 0.5 ms
+
+/// A socket on an interface that accepts datagrams slowly or not at all.
+struct FullQueueTest : SenderFixture
+{
+    FullQueueTest()
+    {
+        network.link("eth0", "fd00::1");
+        socket = new Poco::Net::MulticastSocket(SocketAddress("fd00::1", 0), false);
+        socket->setInterface(Poco::Net::NetworkInterface::forName("eth0", true));
+        socket->setSendBufferSize(4608);  // the kernel doubles it: room for four datagrams
+    }
+
+    /// Fills the queue, so that it has no room for a further datagram.
+    void fill(const std::string& rate)
+    {
+        network.here.tc("qdisc add dev eth0 root tbf rate " + rate + " burst 1600 limit 10000000");
+        fill();
+    }
+    void fill()
+    {
+        int taken = 0;
+        while (taken < 1000 && transmit(false))
+            ++taken;
+        EXPECT_LT(taken, 1000);
+    }
+
+    bool transmit(bool isWaitedFor = true)
+    {
+        return sender->transmit(socket, {bytes.data(), bytes.size()}, isWaitedFor);
+    }
+
+    std::string bytes = std::string(1212, 'x');
+    Poco::SharedPtr<Poco::Net::MulticastSocket> socket;
+};
+
+constexpr auto takesNone = "64bit";
+constexpr double wholeWait = 19.9;  // milliseconds; 20 less what clocks round
 
 }  // namespace
 
@@ -166,6 +209,55 @@ TEST_F(SlowInterfacesTest, ManySlowInterfacesHoldUpNobodyForLonger)
     };
 
     EXPECT_LT(shortestTime(send, longest), longest) << "not 20 milliseconds for each";
+}
+
+TEST_F(FullQueueTest, DatagramWaitsTwentyMillisecondsForRoom)
+{
+    fill(takesNone);
+    log.clear();
+
+    constexpr double longest = 39;
+    const double time = shortestTime([&] { EXPECT_FALSE(transmit()); }, longest);
+
+    EXPECT_GE(time, wholeWait);
+    EXPECT_LT(time, longest);
+    EXPECT_THAT(log.lines(), Each("Error: sendMulticast caught exception: I/O error: Operation would block"));
+}
+
+TEST_F(FullQueueTest, DatagramWaitsNoLongerThanUntilThereIsRoom)
+{
+    fill("5mbit");  // a datagram every 2 ms
+
+    EXPECT_TRUE(inSomeRun([&] {
+        fill();
+        const auto begin = std::chrono::steady_clock::now();
+        const bool isSent = transmit();
+        return isSent && std::chrono::steady_clock::now() - begin < std::chrono::milliseconds(15);
+    }));
+}
+
+TEST_F(FullQueueTest, DatagramThatIsNotWaitedForIsLostAtOnce)
+{
+    fill(takesNone);
+
+    EXPECT_LT(shortestTime([&] { EXPECT_FALSE(transmit(false)); }, wholeWait), wholeWait);
+}
+
+TEST_F(FullQueueTest, SignalsMakeTheWaitNeitherLongerNorShorter)
+{
+    fill(takesNone);
+    log.clear();
+
+    constexpr int most = 3000;
+    const ThreadSignals signals(most);
+    const auto begin = std::chrono::steady_clock::now();
+    EXPECT_FALSE(transmit());
+    const std::chrono::duration<double, std::milli> time = std::chrono::steady_clock::now() - begin;
+
+    EXPECT_GE(time.count(), wholeWait);
+    EXPECT_LT(signals.count(), most / 2) << "the wait begins anew with each";
+    EXPECT_THAT(log.lines(),
+                ElementsAre("Error: sendMulticast caught exception: I/O error: Operation would block"));
 }
 
 }  // namespace Nubo::ServiceDiscovery::Testing

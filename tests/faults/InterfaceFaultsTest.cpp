@@ -1,5 +1,6 @@
 #include "DataLayer/SDClock.h"
 #include "LogicLayer/SDCommunicationHub.h"
+#include "faults/HubDelegates.h"
 #include "support/Descriptions.h"
 #include "support/Listener.h"
 #include "support/LogCatcher.h"
@@ -12,6 +13,7 @@
 #include "support/Waiting.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <chrono>
 #include <cstddef>
 #include <ostream>
@@ -27,6 +29,7 @@ using Poco::Net::IPAddress;
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 using ::testing::IsEmpty;
+using ::testing::StartsWith;
 
 namespace {
 
@@ -177,6 +180,18 @@ TEST_F(InterfaceFaultsTest, AddressThatComesBeforeTheFirstStartIsHeardAndSentOn)
     EXPECT_TRUE(isSending());
 }
 
+TEST_F(InterfaceFaultsTest, StartGoesByANewListing)
+{
+    network.here.ip("address delete fd00::1/64 dev eth0");
+    unit.platform.dispatcher().addInterface("eth0", globalAddress);
+    network.here.addAddress("eth0", "fd00::1/64");
+    SDClock::turn(-10 * second);  // the report's listing does not grow old
+
+    ASSERT_TRUE(start());
+
+    EXPECT_THAT(joinedInterfaces(), ElementsAre("eth0")) << "a retry would come 50 ms later";
+}
+
 TEST_F(InterfaceFaultsTest, AddressThatComesAfterTheStartIsHeardAndSentOnWithinASecond)
 {
     network.here.ip("address delete fd00::1/64 dev eth0");
@@ -217,9 +232,31 @@ TEST_F(RetryTest, TakesOneListingHoweverManyInterfacesAreMissing)
         for (int i = 0; i < 20; ++i)
             unit.platform.dispatcher().addInterface("missing" + std::to_string(i), globalAddress);
     }
+    EXPECT_TRUE(eventually([&] {
+        return log.has(
+            "Debug: ServiceDiscovery did not add Interface \"missing19\" with IP \"fd00::1\" for "
+            "sending: not present.");
+    })) << "the retrying thread handles those that came while it waited for its turn";
     SDClock::turn(1000 * second);
 
     EXPECT_GE(shortestWait(1, 1080), 930) << "between two listings";
+}
+
+TEST_F(RetryTest, EndsWithTheStopWithoutAFurtherAttempt)
+{
+    const auto endsAtOnce = [&] {
+        {
+            const InMarkedThread marked;
+            EXPECT_TRUE(start());
+        }
+        turnTo(reported, 4 * second);  // the stop comes within the wait, of half a second
+        EXPECT_TRUE(retries(1));
+        const std::size_t before = watch.calls();
+        unit.hub.stop();
+        return watch.calls() == before;
+    };
+
+    EXPECT_TRUE(inSomeRun(endsAtOnce, 5));
 }
 
 TEST_F(RetryTest, WaitsAnEighthOfTheTimeForWhichTheAddressHasBeenMissed)
@@ -299,6 +336,66 @@ INSTANTIATE_TEST_SUITE_P(Calls, PassingFailureTest,
                                            PassingFailure{"Control", SystemCall::Control}),
                          [](const auto& row) { return row.param.name; });
 
+TEST_F(InterfaceFaultsTest, ReportWhoseInterfaceCannotBeLookedForIsAnError)
+{
+    const InMarkedThread marked;
+    const SystemFault fault({SystemCall::List, 1, SystemFault::forEver});
+
+    unit.platform.dispatcher().addInterface("eth0", globalAddress);
+
+    EXPECT_THAT(log.complaints(),
+                ElementsAre(StartsWith("Error: SDCommunicationHub - failed to use Interface "
+                                       "\"eth0\" with IP \"fd00::1\": ")));
+}
+
+TEST_F(InterfaceFaultsTest, ReportIsGivenUpAfterAFewAttemptsWithoutMemory)
+{
+    const auto longerThanAStringsOwnRoom = "fd00:0000:0000:0000:0000:0000:0000:0001";
+    OEMInterface::AddServiceDiscoveryInterfacePayload report{{"eth0", longerThanAStringsOwnRoom}};
+    {
+        const InMarkedThread marked;
+        const SystemFault shortage({SystemCall::Allocate, 1, 1000});
+        reportAdded(unit.hub, report);
+    }
+    EXPECT_THAT(joinedInterfaces(), IsEmpty());
+
+    reportAdded(unit.hub, report);
+    EXPECT_THAT(joinedInterfaces(), ElementsAre("eth0"));
+}
+
+TEST_F(InterfaceFaultsTest, AddressThatTheSystemTakesForWrongIsAnErrorOfTheSender)
+{
+    const InMarkedThread marked;
+    SystemFault::Plan plan{SystemCall::Bind};
+    plan.error = EINVAL;
+    const SystemFault fault(plan);
+
+    unit.platform.dispatcher().addInterface("eth0", globalAddress);
+
+    EXPECT_THAT(log.complaints(), ElementsAre("Error: ServiceDiscovery failed to add Interface \"eth0\" with "
+                                              "IP \"fd00::1\" for sending: Invalid argument"));
+}
+
+TEST_F(InterfaceFaultsTest, InterfaceThatNoThreadCanRetryIsRetriedAfterTheNextReport)
+{
+    ASSERT_TRUE(start());
+    network.here.ip("address delete fd00::1/64 dev eth0");
+    {
+        const InMarkedThread marked;
+        const SystemFault fault({SystemCall::Thread});
+        unit.platform.dispatcher().addInterface("eth0", globalAddress);
+    }
+    EXPECT_THAT(
+        log.errors(),
+        ElementsAre(
+            "Error: SDCommunicationHub - no thread to retry interfaces: Resource temporarily unavailable"));
+
+    unit.platform.dispatcher().addInterface("missing", globalAddress);
+    network.here.addAddress("eth0", "fd00::1/64");
+
+    EXPECT_TRUE(eventually([] { return !joinedInterfaces().empty(); }));
+}
+
 TEST_F(InterfaceFaultsTest, RefusedReportIsWarnedOfOnceAndNotAtEveryStart)
 {
     unit.platform.dispatcher().addInterface("eth0", "10.0.0.1");
@@ -358,6 +455,26 @@ TEST_F(InterfaceFaultsTest, BeyondAThousandAndTwentyFourTheOneThatHasBeenPending
     EXPECT_TRUE(isSending());
 }
 
+TEST_F(InterfaceFaultsTest, DisplacedInterfaceThatWasUsedIsLeft)
+{
+    auto& dispatcher = unit.platform.dispatcher();
+    dispatcher.addInterface("eth0", globalAddress);
+    network.here.ip("address delete fd00::1/64 dev eth0");
+    SDClock::turn(second);  // a new listing is taken
+    dispatcher.addInterface("eth0", globalAddress);
+    for (int i = 1; i < 1024; ++i)
+        dispatcher.addInterface("missing" + std::to_string(i), globalAddress);
+    EXPECT_THAT(joinedInterfaces(), ElementsAre("eth0"));
+
+    network.link("eth1", "fd01::1");
+    dispatcher.addInterface("eth1", "fd01::1");
+
+    EXPECT_THAT(log.errors(),
+                ElementsAre("Error: SDCommunicationHub - Interface \"eth0\" with IP \"fd00::1\" is "
+                            "not waited for any longer: 1024 others stand reported."));
+    EXPECT_THAT(joinedInterfaces(), ElementsAre("eth1"));
+}
+
 TEST_F(InterfaceFaultsTest, InterfaceWhoseNewNameIsReportedBeforeTheOldOneIsTakenBackIsUsed)
 {
     network.here.setIPv6("eth0/keep_addr_on_down", "1");
@@ -392,6 +509,138 @@ TEST_F(InterfaceFaultsTest, InterfacesMadeAnewAndNeverTakenBackCostNothing)
     EXPECT_THAT(groupUsers(), ElementsAre(::testing::Pair("eth0", 1u)));
 }
 
+TEST_F(InterfaceFaultsTest, InterfacesThatGoAndAreNeverTakenBackCostNothing)
+{
+    ASSERT_TRUE(start());
+    const std::size_t before = openDescriptors();
+    for (int i = 1; i <= 5; ++i) {
+        const std::string name = "ppp" + std::to_string(i);
+        network.link(name, "fd01::1");
+        unit.platform.dispatcher().addInterface(name, "fd01::1");
+        EXPECT_THAT(joinedInterfaces(), ElementsAre(name));
+        network.here.ip("link delete " + name);
+    }
+
+    unit.platform.dispatcher().addInterface("eth0", globalAddress);
+
+    EXPECT_TRUE(eventually([&] { return openDescriptors() == before + 1; }))
+        << openDescriptors() << ": the socket of eth0 is to be left";
+    EXPECT_THAT(groupUsers(), ElementsAre(::testing::Pair("eth0", 1u)));
+}
+
+TEST_F(InterfaceFaultsTest, InterfaceThatHasGoneIsUsedWithinASecondOfItsReturn)
+{
+    network.link("eth1", "fd01::1");
+    ASSERT_TRUE(start());
+    unit.platform.dispatcher().addInterface("eth0", globalAddress);
+    unit.platform.dispatcher().addInterface("eth1", "fd01::1");
+    network.here.ip("link delete eth1");
+    unit.platform.dispatcher().addInterface("eth2", "fd02::1");
+
+    network.link("eth1", "fd01::1");
+
+    EXPECT_TRUE(eventually([] { return joinedInterfaces().size() == 2; }));
+}
+
+TEST_F(InterfaceFaultsTest, InterfaceThatHasGoneMakesRoomForAnother)
+{
+    auto& dispatcher = unit.platform.dispatcher();
+    network.link("ppp1", "fd01::1");
+    dispatcher.addInterface("ppp1", "fd01::1");
+    network.here.ip("link delete ppp1");
+    for (int i = 1; i < 1024; ++i)
+        dispatcher.addInterface("missing" + std::to_string(i), globalAddress);
+
+    dispatcher.addInterface("eth0", globalAddress);
+
+    EXPECT_THAT(log.errors(), ElementsAre("Error: SDCommunicationHub - Interface \"ppp1\" with IP "
+                                          "\"fd01::1\" is not waited for any longer: 1024 others stand "
+                                          "reported."));
+    EXPECT_THAT(joinedInterfaces(), ElementsAre("eth0"));
+}
+
+TEST_F(InterfaceFaultsTest, InterfaceThatWasLetGoIsTakenBackWithoutAWarning)
+{
+    network.link("eth1", "fd01::1");
+    unit.platform.dispatcher().addInterface("eth1", "fd01::1");
+    network.here.ip("link delete eth1");
+    unit.platform.dispatcher().addInterface("eth0", globalAddress);
+    unit.platform.dispatcher().addInterface("eth2", "fd02::1");
+
+    unit.platform.dispatcher().removeInterface("eth1", "fd01::1");
+
+    EXPECT_THAT(log.complaints(), IsEmpty());
+}
+
+TEST_F(InterfaceFaultsTest, InterfaceThatTookTheIndexOfAReportedOneIsNotUsed)
+{
+    const auto make = [&](const std::string& name, int index, const std::string& address) {
+        network.here.ip("link add " + name + " index " + std::to_string(index) + " type veth peer name " +
+                        name + " netns there");
+        network.here.ip("link set " + name + " up");
+        network.there.ip("link set " + name + " up");
+        network.here.addAddress(name, address + "/64");
+    };
+    ASSERT_TRUE(start());
+    make("eth7", 77, "fd07::1");
+    unit.platform.dispatcher().addInterface("eth7", "fd07::1");
+    network.here.ip("link delete eth7");
+    make("lan7", 77, "fd08::1");
+    make("eth7", 78, "fd07::1");
+
+    unit.platform.dispatcher().addInterface("eth7", "fd07::1");
+
+    EXPECT_THAT(joinedInterfaces(), ElementsAre("eth7"));
+    Listener onReported(network.there, "eth7");
+    Listener onOther(network.there, "lan7");
+    SDService::Ptr service = makeService("Own", globalAddress, 8080, "own");
+    ASSERT_TRUE(unit.hub.addService(service));
+    EXPECT_TRUE(onReported.hears(3));
+    EXPECT_THAT(onOther.datagrams(), IsEmpty());
+    unit.platform.dispatcher().removeInterface("eth7", "fd07::1");
+    EXPECT_THAT(joinedInterfaces(), IsEmpty());
+}
+
+TEST_F(InterfaceFaultsTest, InterfaceThatGaveItsNameToAnotherIsNotUsed)
+{
+    network.here.setIPv6("eth0/keep_addr_on_down", "1");
+    ASSERT_TRUE(start());
+    unit.platform.dispatcher().addInterface("eth0", globalAddress);
+    network.here.ip("link set eth0 down");
+    network.here.ip("link set eth0 name lan0 up");
+    network.here.ip("address delete fd00::1/64 dev lan0");
+    network.here.addAddress("lan0", "fd05::1/64");
+    network.there.ip("link set eth0 down");
+    network.there.ip("link set eth0 name lan0 up");
+    network.link("eth0", globalAddress, "fd00::3");
+
+    unit.platform.dispatcher().addInterface("eth0", globalAddress);
+
+    EXPECT_THAT(joinedInterfaces(), ElementsAre("eth0"));
+    Listener onReported(network.there, "eth0");
+    Listener onOther(network.there, "lan0");
+    SDService::Ptr service = makeService("Own", globalAddress, 8080, "own");
+    ASSERT_TRUE(unit.hub.addService(service));
+    EXPECT_TRUE(onReported.hears(3));
+    EXPECT_THAT(onOther.datagrams(), IsEmpty());
+}
+
+TEST_F(InterfaceFaultsTest, InterfaceThatWasRenamedIsNotUsedUntilItsNewNameIsReported)
+{
+    network.here.setIPv6("eth0/keep_addr_on_down", "1");
+    ASSERT_TRUE(start());
+    unit.platform.dispatcher().addInterface("eth0", globalAddress);
+    network.here.ip("link set eth0 down");
+    network.here.ip("link set eth0 name lan0 up");
+
+    unit.platform.dispatcher().addInterface("eth2", "fd02::1");
+
+    EXPECT_THAT(joinedInterfaces(), IsEmpty());
+    unit.platform.dispatcher().addInterface("lan0", globalAddress);
+    EXPECT_TRUE(eventually([&] { return isSending(); })) << "the link takes up to a second";
+    EXPECT_THAT(joinedInterfaces(), ElementsAre("lan0"));
+}
+
 TEST_F(InterfaceFaultsTest, ReportsFromWithinALineOfTheLogAreHandledAfterIt)
 {
     network.link("eth1", "fd01::1");
@@ -415,35 +664,31 @@ TEST_F(InterfaceFaultsTest, ReportFromWithinALineOfTheRetryingThreadIsHandledAft
     network.here.ip("address delete fd00::1/64 dev eth0");
     unit.platform.dispatcher().addInterface("eth0", globalAddress);
     ASSERT_TRUE(start());
-    OEMInterface::AddServiceDiscoveryInterfacePayload report{{"eth1", "fd01::1"}};
     log.onLine([&](const std::string& line) {
         if (line == "Notice: ServiceDiscovery joining IPv6 Multicast Group for Interface \"eth0\".")
-            unit.hub.onInterfaceAdded(report);
+            unit.platform.dispatcher().addInterface("eth1", "fd01::1");
     });
 
     network.here.addAddress("eth0", "fd00::1/64");
 
     EXPECT_TRUE(eventually([] { return joinedInterfaces().size() == 2; }));
-    log.onLine(nullptr);
 }
 
-TEST_F(InterfaceFaultsTest, ReportFromWithinALineOfTheStopIsHandledAtTheNextStart)
+TEST_F(InterfaceFaultsTest, ReportFromWithinALineOfTheStopIsHandledAfterIt)
 {
     network.link("eth1", "fd01::1");
     unit.platform.dispatcher().addInterface("eth0", globalAddress);
     ASSERT_TRUE(start());
-    OEMInterface::AddServiceDiscoveryInterfacePayload report{{"eth1", "fd01::1"}};
     log.onLine([&](const std::string& line) {
         if (line == "Notice: ServiceDiscovery leaving IPv6 Multicast Group for all joined Interfaces.")
-            unit.hub.onInterfaceAdded(report);
+            unit.platform.dispatcher().addInterface("eth1", "fd01::1");
     });
 
     unit.hub.stop();
-    EXPECT_THAT(joinedInterfaces(), IsEmpty());
+    EXPECT_THAT(joinedInterfaces(), ElementsAre("eth1"));
     ASSERT_TRUE(start());
 
     EXPECT_THAT(joinedInterfaces(), ElementsAre("eth0", "eth1"));
-    log.onLine(nullptr);
 }
 
 TEST_F(InterfaceFaultsTest, ReportsFromWithinEveryLineOfTheLogComeToAnEnd)
@@ -460,6 +705,22 @@ TEST_F(InterfaceFaultsTest, ReportsFromWithinEveryLineOfTheLogComeToAnEnd)
                             "were made from within lines of the log.",
                             "Error: SDCommunicationHub - 1026 reports of interfaces are dropped: 1024 others "
                             "were made from within lines of the log."));
+}
+
+TEST_F(InterfaceFaultsTest, RemovalWithAnAddressThatCannotBeParsedChangesNothing)
+{
+    unit.platform.dispatcher().addInterface("eth0", globalAddress);
+    log.clear();
+    OEMInterface::RemoveServiceDiscoveryInterfacePayload report{{"eth0", "nonsense"}};
+
+    reportRemoved(unit.hub, report);
+
+    EXPECT_THAT(log.lines(),
+                ElementsAre(StartsWith("Error: ServiceDiscovery failed to leave IPv6 Multicast Group "
+                                       "on Interface \"eth0\" with IP \"nonsense\": "),
+                            StartsWith("Error: ServiceDiscovery failed to remove Interface \"eth0\" "
+                                       "with IP \"nonsense\" for sending: ")));
+    EXPECT_THAT(joinedInterfaces(), ElementsAre("eth0"));
 }
 
 TEST_F(InterfaceFaultsTest, ReportWithoutANameOrAnAddressIsAnErrorAndChangesNothing)

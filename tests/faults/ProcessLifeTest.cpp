@@ -6,9 +6,15 @@
 #include "support/Namespace.h"
 #include "support/Packets.h"
 #include "support/Platform.h"
+#include "support/Process.h"
 #include "support/Registry.h"
+#include "support/SystemFaults.h"
 #include "support/Waiting.h"
 #include "support/Wire.h"
+
+#include <KELUtilLib/Logging.h>
+
+#include <Poco/Message.h>
 
 #include <algorithm>
 #include <atomic>
@@ -20,6 +26,7 @@
 #include <functional>
 #include <iostream>
 #include <memory>
+#include <stdexcept>
 #include <string>
 #include <thread>
 #include <vector>
@@ -251,14 +258,41 @@ TEST_F(ProcessLifeTest, ForkedChildThatLivesOnDoesNotHoldThePort)
     EXPECT_EXIT(scenario(), ::testing::ExitedWithCode(works), "");
 }
 
+TEST_F(ProcessLifeTest, ForkedChildKeepsADescriptorThatHasTheNumberOfASocketJustClosed)
+{
+    const auto scenario = [&] {
+        Unit& unit = unitOfTheProcess();
+        if (!unit.startup())
+            ::_exit(isWrong);
+        const int number = socketAt(discoveryPort);
+        bool isKept = false;
+        const AfterClose reuse(number, [&] {
+            isKept = ::fcntl(STDERR_FILENO, F_DUPFD, number) == number &&
+                     childDoes([=] { ::_exit(::fcntl(number, F_GETFD) >= 0 ? works : isWrong); });
+        });
+
+        const bool isStopped = unit.discovery.shutdown();
+
+        ::_exit(isStopped && isKept ? works : isWrong);
+    };
+
+    EXPECT_EXIT(scenario(), ::testing::ExitedWithCode(works), "");
+}
+
 namespace {
 
-/// A place in which one of the engine's threads runs code of the process, and that code forks.
+/// What makes the library run code of the process, which forks.
 struct ForkingPlace
 {
     const char* name;
-    const char* line;      ///< log line in which it forks; null: it forks in an event
-    const char* provoked;  ///< the datagram that leads there
+    const char* line;  ///< of the log, in which it forks; null: in an event
+    enum
+    {
+        Offer,
+        Junk,
+        Restart
+    } provokedBy;
+    bool throwsInChild = false;
 
     friend void PrintTo(const ForkingPlace& place, std::ostream* stream) { *stream << place.name; }
 };
@@ -297,11 +331,19 @@ TEST_P(ForkingPlaceTest, ChildThatReturnsEndsAtOnceAndTheParentGoesOn)
         unit.registry.onEvent = [&](auto&) {
             if (!line)
                 forkOnce();
+            if (isChild && GetParam().throwsInChild)
+                throw std::runtime_error("in the child");
         };
         if (!unit.startup())
             ::_exit(isWrong);
-        speaker.send(GetParam().provoked == std::string("junk") ? "no packet, but as long as one"
-                                                                : Packets::offer("Short", "00 00 01"));
+        if (GetParam().throwsInChild)
+            Logging::Log::Logger().setLevel(Poco::Message::PRIO_FATAL);  // what is caught is not logged
+        if (GetParam().provokedBy == ForkingPlace::Offer)
+            speaker.send(Packets::offer("Short", "00 00 01"));
+        else if (GetParam().provokedBy == ForkingPlace::Junk)
+            speaker.send("no packet, but as long as one");
+        else if (!unit.discovery.shutdown() || !unit.startup())
+            ::_exit(isWrong);
         const bool isForked = eventually([] { return child > 0; });
         int status = 0;
         const bool isEnded = eventually([&] { return ::waitpid(child, &status, WNOHANG) == child; });
@@ -317,11 +359,14 @@ TEST_P(ForkingPlaceTest, ChildThatReturnsEndsAtOnceAndTheParentGoesOn)
 
 INSTANTIATE_TEST_SUITE_P(
     In, ForkingPlaceTest,
-    ::testing::Values(ForkingPlace{"Event", nullptr, "offer"},
-                      ForkingPlace{"Expiry", "TTL of service timed out", "offer"},
-                      ForkingPlace{"Interval", "AperiodicWorker::onInterval - 0 services", "junk"},
-                      ForkingPlace{"RequestHandler", "SDRequestHandler - ", "junk"},
-                      ForkingPlace{"Receiver", "MulticastReceiver onSocketReadable", "junk"}),
+    ::testing::Values(ForkingPlace{"Event", nullptr, ForkingPlace::Offer},
+                      ForkingPlace{"EventThatThrows", nullptr, ForkingPlace::Offer, true},
+                      ForkingPlace{"Expiry", "TTL of service timed out", ForkingPlace::Offer},
+                      ForkingPlace{"Interval", "AperiodicWorker::onInterval - 0 services",
+                                   ForkingPlace::Junk},
+                      ForkingPlace{"RequestHandler", "SDRequestHandler - ", ForkingPlace::Junk},
+                      ForkingPlace{"Receiver", "MulticastReceiver onSocketReadable", ForkingPlace::Junk},
+                      ForkingPlace{"Shutdown", "SDCommunicationHub::stop", ForkingPlace::Restart}),
     ::testing::PrintToStringParamName());
 
 TEST_F(ProcessLifeTest, StartedProgramInheritsNoDescriptor)
@@ -472,7 +517,42 @@ TEST_F(ProcessLifeTest, ProcessMayEndInALineAboutAnInterfaceWhileAnotherIsReport
     EXPECT_EXIT(scenario(), ::testing::ExitedWithCode(works), "");
 }
 
-/// Other threads may be busy when a thread ends the process. Each stops after its current work.
+/// The subscriber waits for the thread that ends the process, which waits for the event.
+TEST_F(ProcessLifeTest, ProcessMayEndInALineAboutAnInterfaceWhileASubscriberReportsAnother)
+{
+    static std::atomic<bool> isEnding{false};
+    static std::atomic<bool> isReporting{false};
+    const auto scenario = [&] {
+        ::alarm(20);
+        // Once the facade is destroyed: ThreadSanitizer would miss that somebody joins the threads.
+        std::atexit([] { ::raise(SIGKILL); });
+        LogCatcher log;
+        Unit& unit = unitOfTheProcess();
+        unit.registry.onEvent = [&](auto&) {
+            isReporting = true;
+            unit.platform.dispatcher().addInterface("eth2", "fd02::1");
+        };
+        log.onLine([&](const std::string& line) {
+            if (line.find("joining IPv6 Multicast Group for Interface \"eth1\"") == std::string::npos ||
+                isEnding.exchange(true))
+                return;
+            speaker.send(Packets::offer("Far"));
+            eventually([] { return isReporting.load(); });
+            std::this_thread::sleep_for(milliseconds(200));  // the subscriber waits by then
+            std::exit(isWrong);
+        });
+        if (!unit.startup())
+            ::_exit(isWrong);
+        unit.platform.dispatcher().addInterface("eth1", "fd01::1");
+        network.link("eth1", "fd01::1", "fd01::2");
+        eventually([] { return false; });
+        ::_exit(isWrong);
+    };
+
+    EXPECT_EXIT(scenario(), ::testing::KilledBySignal(SIGKILL), "");
+}
+
+/// Others may be at work when a thread ends the process. They stop after what they are at.
 TEST_F(ProcessLifeTest, WhatComesInAfterTheFacadeIsDestroyedIsNotHandled)
 {
     static std::atomic<int> received{0};

@@ -44,7 +44,7 @@ constexpr std::size_t sample = 5;
 
 std::size_t stepThrough(std::size_t places)
 {
-    return std::getenv("KEL_SD_ALL_FAULTS") ? 1 : places / sample + 1;
+    return std::getenv("KEL_SD_ALL_FAULTS") ? 1 : (places + sample - 1) / sample;
 }
 
 }  // namespace

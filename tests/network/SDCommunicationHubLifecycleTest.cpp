@@ -1,9 +1,11 @@
 #include "HubFixture.h"
 #include "support/Descriptions.h"
 #include "support/Process.h"
+#include "support/Times.h"
 
 #include <Poco/Exception.h>
 #include <Poco/Net/DatagramSocket.h>
+#include <Poco/Thread.h>
 
 #include <chrono>
 #include <cstddef>
@@ -14,6 +16,7 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <poll.h>
 
 namespace Nubo::ServiceDiscovery::Testing {
 
@@ -152,6 +155,22 @@ TEST_F(SDCommunicationHubLifecycleTest, PortInUseMakesTheStartFail)
     EXPECT_THAT(log.errors(), ElementsAre("Error: MultiCast binding failed: Net Exception: Address already "
                                           "in use: [ff14::4:0]:30491"));
     EXPECT_THAT(log.debugs(), Not(Contains("Debug: SDStateMachine::start")));
+}
+
+TEST_F(SDCommunicationHubLifecycleTest, PortThatIsHeldForAMomentIsWaitedFor)
+{
+    const auto startsBesideAHolder = [&] {
+        std::optional<DatagramSocket> holder{std::in_place, SocketAddress("::", discoveryPort), false};
+        std::thread end([&] {
+            Poco::Thread::sleep(30);
+            holder.reset();
+        });
+        const bool isStarted = start();
+        end.join();
+        return isStarted;
+    };
+
+    EXPECT_TRUE(inSomeRun(startsBesideAHolder));
 }
 
 TEST_F(SDCommunicationHubLifecycleTest, FailedStartLeavesTheSenderInitialised)

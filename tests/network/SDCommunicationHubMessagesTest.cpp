@@ -1,6 +1,7 @@
 #include "DataLayer/SDClock.h"
 #include "HubFixture.h"
 #include "support/Packets.h"
+#include "support/Process.h"
 #include "support/Times.h"
 
 #include <Poco/Event.h>
@@ -14,6 +15,7 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <poll.h>
 
 namespace Nubo::ServiceDiscovery::Testing {
 
@@ -249,6 +251,31 @@ TEST_F(HeldHandlerTest, NothingThatWaitsAtTheStopIsHandledAfterTheNextStart)
 
     EXPECT_TRUE(discovers(1));
     EXPECT_EQ(unit->registry.discovered("Waiting"), 0u);
+}
+
+TEST_F(RunningHubMessagesTest, DatagramThatIsBeingHandedOverAtTheStopIsNotHandledAfterTheNextStart)
+{
+    const int socket = socketAt(discoveryPort);
+    Gate gate;
+    log.onLine([&](const std::string& line) {
+        if (line.rfind("Trace: SDCommunicationHub::onMessageReceived", 0) == 0)
+            gate.pass();
+    });
+    speaker.send(fromHex(offerOfFar));
+    ASSERT_TRUE(eventually([&] { return gate.isReached(); }));
+
+    std::thread stopping([&] { hub().stop(); });
+    EXPECT_TRUE(eventually([&] {
+        pollfd state{socket, 0, 0};
+        return ::poll(&state, 1, 0) == 1 && (state.revents & POLLHUP) != 0;
+    })) << "the receiver is being stopped";
+    gate.open();
+    stopping.join();
+    ASSERT_TRUE(start());
+    speaker.send(Packets::offer("Later"));
+
+    EXPECT_TRUE(eventually([&] { return unit->registry.discovered("Later") == 1; }));
+    EXPECT_EQ(unit->registry.discovered("Far"), 0u);
 }
 
 TEST_F(HeldHandlerTest, DestructionWaitsForTheHandler)

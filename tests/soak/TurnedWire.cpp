@@ -3,7 +3,9 @@
 #include <algorithm>
 #include <chrono>
 #include <map>
+#include <set>
 #include <stdexcept>
+#include <string>
 #include <thread>
 
 // The definitions in this file replace those of the library: the engine's sender and receiver.
@@ -165,6 +167,8 @@ Outcome MulticastSender::add(const std::string&, const std::string&, const Inter
     return Outcome::InUse;
 }
 
+void MulticastSender::keepOnly(const std::set<std::string>&, const InterfaceListing&) {}
+
 void MulticastSender::onInterfaceRemoved(OEMInterface::RemoveServiceDiscoveryInterfacePayload&)
 {
     Ends::portOf(this).isSending = false;
@@ -220,6 +224,8 @@ Outcome MulticastReceiver::add(const std::string&, const std::string&, const Int
     Ends::portOf(this).isJoined = true;
     return Outcome::InUse;
 }
+
+void MulticastReceiver::keepOnly(const std::set<std::string>&, const InterfaceListing&) {}
 
 void MulticastReceiver::onInterfaceRemoved(OEMInterface::RemoveServiceDiscoveryInterfacePayload&)
 {

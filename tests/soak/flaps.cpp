@@ -22,6 +22,7 @@
 #include <cstdio>
 #include <exception>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include <CLI/CLI.hpp>
@@ -141,6 +142,21 @@ bool isAtWork(Unit& unit, Listener& listener, Speaker& speaker, Result& result)
     return unit.discovery().removeService("ours") && hears && announces && loses;
 }
 
+/// What is in use when no send or listing is under way, which only add to it: the least of some looks.
+Resources settled()
+{
+    constexpr int looks = 40;
+    Resources result = Resources::current();
+    for (int look = 1; look < looks; ++look) {
+        std::this_thread::sleep_for(milliseconds(10));
+        const Resources now = Resources::current();
+        result.descriptors = std::min(result.descriptors, now.descriptors);
+        result.threads = std::min(result.threads, now.threads);
+        result.allocated = now.allocated;
+    }
+    return result;
+}
+
 template <class Unit, class Flap>
 Result repeat(int times, const NetworkPair& network, Unit& unit, Flap flap)
 {
@@ -152,7 +168,7 @@ Result repeat(int times, const NetworkPair& network, Unit& unit, Flap flap)
     for (int i = -warmUp; i < times; ++i) {
         if (i == 0) {
             listener.clear();
-            result.before = Resources::current();
+            result.before = settled();
         }
         flap();
         result.failures += isAtWork(unit, listener, speaker, result) ? 0 : 1;
@@ -163,7 +179,7 @@ Result repeat(int times, const NetworkPair& network, Unit& unit, Flap flap)
     flap();
     listener.clear();
     eventually([&] { return memory() <= result.before.allocated; }, milliseconds(4000));
-    result.after = Resources::current();
+    result.after = settled();
     return result;
 }
 

@@ -6,8 +6,10 @@
 #include <cerrno>
 #include <cstdarg>
 #include <cstdlib>
+#include <functional>
 #include <new>
 #include <stdexcept>
+#include <utility>
 
 #include <dlfcn.h>
 #include <ifaddrs.h>
@@ -15,6 +17,7 @@
 #include <sys/epoll.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
+#include <unistd.h>
 
 namespace Nubo::ServiceDiscovery::Testing {
 
@@ -29,10 +32,15 @@ std::atomic<std::size_t> firstFailure{0};
 std::atomic<std::size_t> failures{0};
 constexpr ssize_t noResult = -2;
 std::atomic<ssize_t> plannedResult{noResult};
+std::atomic<int> plannedError{0};
 
 std::atomic<std::size_t> callsMade{0};
 
-/// Counts the call and returns whether the plan concerns it.
+constexpr int none = -1;
+std::atomic<int> closedOne{none};  // that a call follows
+std::function<void()> afterClose;
+
+/// Whether this call is one of those that the plan is about. Counts it.
 bool isHit(SystemCall call) noexcept
 {
     if (!isThreadMarked || !isArmed || plannedCall != call)
@@ -120,6 +128,7 @@ SystemFault::SystemFault(const Plan& plan) : m_first(plan.first)
     firstFailure = plan.first;
     failures = plan.count;
     plannedResult = plan.result.value_or(noResult);
+    plannedError = plan.error.value_or(0);
     callsMade = 0;
     isArmed = true;
 }
@@ -137,6 +146,17 @@ std::size_t SystemFault::calls() const
 bool SystemFault::happened() const
 {
     return callsMade >= m_first;
+}
+
+AfterClose::AfterClose(int descriptor, std::function<void()> call)
+{
+    afterClose = std::move(call);
+    closedOne = descriptor;
+}
+
+AfterClose::~AfterClose()
+{
+    closedOne = none;
 }
 
 }  // namespace Nubo::ServiceDiscovery::Testing
@@ -160,7 +180,8 @@ int socket(int domain, int type, int protocol) noexcept
 int bind(int descriptor, const sockaddr* address, socklen_t size) noexcept
 {
     static const auto make = Testing::original("bind", &::bind);
-    if (Testing::fails(Testing::kindOn(descriptor, SystemCall::Bind), ENOMEM))
+    if (Testing::fails(Testing::kindOn(descriptor, SystemCall::Bind),
+                       Testing::plannedError != 0 ? Testing::plannedError.load() : ENOMEM))
         return -1;
     return make(descriptor, address, size);
 }
@@ -243,6 +264,16 @@ int pthread_create(pthread_t* thread, const pthread_attr_t* attributes, void* (*
     const int result = make(thread, attributes, &Testing::runMarked, start);
     if (result != 0)
         std::free(start);
+    return result;
+}
+
+int close(int descriptor)
+{
+    static const auto make = Testing::original("close", &::close);
+    const int result = make(descriptor);
+    int one = descriptor;
+    if (result == 0 && Testing::closedOne.compare_exchange_strong(one, Testing::none))
+        Testing::afterClose();
     return result;
 }
 

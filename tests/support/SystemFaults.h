@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstddef>
+#include <functional>
 #include <optional>
 
 #include <sys/types.h>
@@ -57,6 +58,8 @@ public:
         std::size_t count = 1;
         /// Returned in place of the result of a call that is made; for sending and receiving only.
         std::optional<ssize_t> result = std::nullopt;
+        /// Why it fails, instead of the reason that is usual for the call; bind() only.
+        std::optional<int> error = std::nullopt;
     };
 
     explicit SystemFault(const Plan& plan);
@@ -72,6 +75,18 @@ public:
 
 private:
     const std::size_t m_first;
+};
+
+/// While it exists, the first close() of that descriptor is followed by a call, before it returns. One at a
+/// time in a program.
+class AfterClose
+{
+public:
+    AfterClose(int descriptor, std::function<void()> call);
+    ~AfterClose();
+
+    AfterClose(const AfterClose&) = delete;
+    AfterClose& operator=(const AfterClose&) = delete;
 };
 
 }  // namespace Nubo::ServiceDiscovery::Testing

@@ -16,6 +16,7 @@
 #include <system_error>
 #include <thread>
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <linux/netlink.h>
 #include <sys/socket.h>
@@ -171,6 +172,22 @@ TEST(SystemFaultsTest, NoThreadIsStarted)
 
     EXPECT_THROW(std::thread([] {}), std::system_error);
     std::thread([] {}).join();
+}
+
+TEST(SystemFaultsTest, CallFollowsTheCloseOfADescriptorOnce)
+{
+    const int descriptor = ::dup(STDERR_FILENO);
+    int calls = 0;
+    const AfterClose following(descriptor, [&] {
+        ++calls;
+        EXPECT_EQ(::fcntl(STDERR_FILENO, F_DUPFD, descriptor), descriptor) << "it is free again";
+    });
+
+    EXPECT_EQ(::close(-1), -1);
+    EXPECT_EQ(calls, 0);
+    EXPECT_EQ(::close(descriptor), 0);
+    EXPECT_EQ(::close(descriptor), 0);
+    EXPECT_EQ(calls, 1);
 }
 
 TEST(SystemFaultsTest, CountFromZeroAndASecondFaultAreRefused)

@@ -96,9 +96,7 @@ private:
         DebugUtils::setThreadName("OEMNetlink", "NetlinkDispatcher::run");
         while (!m_isToEnd) {
             try {
-                m_monitor.update();
-                report();
-                m_process.endChild();
+                followKernel();
                 waitForNews();
             }
             catch (...) {
@@ -106,6 +104,13 @@ private:
                 pause();
             }
         }
+    }
+
+    void followKernel()
+    {
+        const Common::NoReturnInChildren whenReported;
+        m_monitor.update();
+        report();
     }
 
     /// Blocks until the kernel has sent notices or the follower is woken.

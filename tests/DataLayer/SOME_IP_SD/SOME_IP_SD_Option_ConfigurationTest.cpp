@@ -233,6 +233,10 @@ TEST_P(PrettyPrintTest, StopsAtAZeroLengthOrAtTheEnd)
     const std::vector<std::uint8_t> exactly(GetParam().bytes.begin(), GetParam().bytes.end());
 
     EXPECT_EQ(prettyPrintConfigString(exactly.data(), GetParam().length), GetParam().text);
+    const std::string longer = GetParam().bytes + "more";
+    EXPECT_EQ(
+        prettyPrintConfigString(reinterpret_cast<const std::uint8_t*>(longer.data()), GetParam().length),
+        GetParam().text);
 }
 
 INSTANTIATE_TEST_SUITE_P(

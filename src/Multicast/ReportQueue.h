@@ -1,0 +1,73 @@
+#pragma once
+
+#include <condition_variable>
+#include <cstddef>
+#include <deque>
+#include <functional>
+#include <mutex>
+#include <string>
+
+namespace Nubo::ServiceDiscovery::Multicast {
+
+/// Handles the platform's reports of interfaces in their order, on one thread at a time: the one at work.
+/// That thread also handles the reports that arrive meanwhile. So a reporting thread never waits for another
+/// one, although a platform may report while it holds locks, or from within a log line. If another thread
+/// waits for its turn, that thread handles the rest.
+///
+/// Thread-safe. A thread at work may call report() only.
+class ReportQueue
+{
+public:
+    /// Maximum number of waiting reports, and of reports from within log lines during one work: a log channel
+    /// that reports on each line would keep the thread at work for ever.
+    static constexpr std::size_t mostWaiting = 16384;
+    static constexpr std::size_t mostNested = 1024;
+
+    struct Report
+    {
+        bool isTakenBack;
+        std::string name;
+        std::string ip;
+    };
+    /// Never throws.
+    using Handler = std::function<void(const Report&)>;
+
+    /// A thread at work is marked as working for `part` of the engine.
+    ReportQueue(const void* part, Handler handler);
+
+    ReportQueue(const ReportQueue&) = delete;
+    ReportQueue& operator=(const ReportQueue&) = delete;
+
+    /// Handles the report, or leaves it to the thread at work. Throws std::bad_alloc if memory is too short
+    /// to keep it.
+    void report(Report report);
+
+    /// Waits until no thread is at work, and runs an action that must not run while a report is handled. Then
+    /// handles reports for at most half a second. If more keep coming, the next thread at work handles them.
+    void work(const std::function<void()>& action);
+
+    /// Waits until no thread is at work. None begins while the lock is held. Never log while holding it.
+    std::unique_lock<std::mutex> idle();
+    /// Call it with that lock.
+    bool unsafe_areWaiting() const { return !m_reports.empty(); }
+
+private:
+    class Work;
+
+    bool put(Report report);
+    bool unsafe_cancels(const Report& report);
+    void handleAll(long atMostMilliseconds) noexcept;
+    void unsafe_end() noexcept;
+
+    const void* const m_part;
+    const Handler m_handler;
+    std::mutex m_mutex;  // guards the members below; never log while holding it
+    std::condition_variable m_ended;
+    bool m_isAtWork = false;  // a thread is
+    unsigned m_turns = 0;     // number of threads that wait to be at work
+    std::deque<Report> m_reports;
+    std::size_t m_nested = 0;   // reports from within log lines during the present work
+    std::size_t m_dropped = 0;  // refused reports, not yet logged
+};
+
+}  // namespace Nubo::ServiceDiscovery::Multicast

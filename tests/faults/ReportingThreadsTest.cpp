@@ -1,0 +1,239 @@
+#include "LogicLayer/SDCommunicationHub.h"
+#include "faults/HubDelegates.h"
+#include "support/LogCatcher.h"
+#include "support/Namespace.h"
+#include "support/TestUnit.h"
+#include "support/Waiting.h"
+
+#include <Poco/Net/IPAddress.h>
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <functional>
+#include <ostream>
+#include <string>
+#include <thread>
+#include <utility>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+// Reports that are made while another thread handles one, and from within lines of the log. None waits for
+// another thread: the platform's dispatcher delivers with a lock held, and other platforms may.
+namespace Nubo::ServiceDiscovery::Testing {
+
+using Poco::Net::IPAddress;
+using ::testing::ElementsAre;
+using ::testing::IsEmpty;
+using ::testing::Pair;
+using ::testing::UnorderedElementsAre;
+
+namespace {
+
+constexpr std::chrono::seconds atMost{5};
+constexpr auto globalAddress = "fd00::1";
+constexpr auto joining0 = "Notice: ServiceDiscovery joining IPv6 Multicast Group for Interface \"eth0\".";
+constexpr auto joining1 = "Notice: ServiceDiscovery joining IPv6 Multicast Group for Interface \"eth1\".";
+constexpr auto leavingAll =
+    "Notice: ServiceDiscovery leaving IPv6 Multicast Group for all joined Interfaces.";
+
+void report(SDCommunicationHub& hub, const char* name, const char* ip)
+{
+    OEMInterface::AddServiceDiscoveryInterfacePayload payload{{name, ip}};
+    reportAdded(hub, payload);
+}
+
+struct ReportingThreadsTest : ::testing::Test
+{
+    ReportingThreadsTest()
+    {
+        network.link("eth0", globalAddress);
+        network.link("eth1", "fd01::1");
+        network.link("eth2", "fd02::1");
+    }
+
+    void start() { EXPECT_TRUE(unit.hub.start(IPAddress(globalAddress))); }
+
+    NetworkPair network;
+    LogCatcher log;
+    HubUnit unit;
+};
+
+/// A line of the log that a thread at work writes.
+struct BusyPlace
+{
+    const char* name;
+    const char* line;
+    std::function<void(ReportingThreadsTest&)> prepare;
+    std::function<void(ReportingThreadsTest&)> provoke;
+
+    friend void PrintTo(const BusyPlace& place, std::ostream* stream) { *stream << place.name; }
+};
+
+struct BusyPlaceTest : ReportingThreadsTest, ::testing::WithParamInterface<BusyPlace>
+{};
+
+}  // namespace
+
+/// Start and stop handle reports for half a second, when they come without a pause.
+TEST_F(ReportingThreadsTest, ReportsThatAStartHasNoTimeForAreHandledAllTheSame)
+{
+    auto& dispatcher = unit.platform.dispatcher();
+    dispatcher.addInterface("eth0", globalAddress);
+    start();
+    unit.hub.stop();
+    log.onLine([&](const std::string& line) {
+        if (line == joining0)
+            dispatcher.addInterface("eth1", "fd01::1");
+        if (line == joining1) {
+            dispatcher.addInterface("eth2", "fd02::1");
+            std::this_thread::sleep_for(std::chrono::milliseconds(600));
+        }
+    });
+
+    start();
+
+    EXPECT_TRUE(eventually([] { return joinedInterfaces().size() == 3; }));
+}
+
+TEST_P(BusyPlaceTest, ReportsFromThereAndFromAnotherThreadWaitForNobodyAndAreHandled)
+{
+    auto& dispatcher = unit.platform.dispatcher();
+    std::thread other;
+    std::atomic<bool> isReported{false};
+    std::atomic<bool> isReturned{false};
+    GetParam().prepare(*this);
+    log.onLine([&](const std::string& line) {
+        if (line != GetParam().line || other.joinable())
+            return;
+        other = std::thread([&] {
+            dispatcher.addInterface("eth2", "fd02::1");
+            isReported = true;
+        });
+        isReturned = eventually([&] { return isReported.load(); }, atMost);
+        if (isReturned)
+            dispatcher.addInterface("eth1", "fd01::1");
+    });
+
+    GetParam().provoke(*this);
+
+    EXPECT_TRUE(eventually([] {
+        const auto joined = joinedInterfaces();
+        return std::count(joined.begin(), joined.end(), "eth1") == 1 &&
+               std::count(joined.begin(), joined.end(), "eth2") == 1;
+    }));
+    EXPECT_TRUE(isReturned);
+    log.onLine(nullptr);
+    if (other.joinable())
+        other.join();
+    unit.hub.stop();
+    start();
+    EXPECT_THAT(joinedInterfaces(), UnorderedElementsAre("eth0", "eth1", "eth2"));
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    In, BusyPlaceTest,
+    ::testing::Values(BusyPlace{"AReport", joining0, [](auto& test) { test.start(); },
+                                [](auto& test) { report(test.unit.hub, "eth0", "fd00::1"); }},
+                      BusyPlace{"ARetry", joining0,
+                                [](auto& test) {
+                                    test.network.here.ip("address delete fd00::1/64 dev eth0");
+                                    report(test.unit.hub, "eth0", "fd00::1");
+                                    test.start();
+                                },
+                                [](auto& test) { test.network.here.addAddress("eth0", "fd00::1/64"); }},
+                      BusyPlace{"TheStart", joining0,
+                                [](auto& test) {
+                                    report(test.unit.hub, "eth0", "fd00::1");
+                                    test.start();
+                                    test.unit.hub.stop();
+                                },
+                                [](auto& test) { test.start(); }},
+                      BusyPlace{"TheStop", leavingAll,
+                                [](auto& test) {
+                                    report(test.unit.hub, "eth0", "fd00::1");
+                                    test.start();
+                                },
+                                [](auto& test) { test.unit.hub.stop(); }}),
+    ::testing::PrintToStringParamName());
+
+TEST_F(ReportingThreadsTest, TwoEnginesMayReportToEachOther)
+{
+    HubUnit second;
+    std::atomic<int> inLine{0};
+    std::atomic<bool> isReported{false};
+    std::atomic<bool> isReturned{false};
+    log.onLine([&](const std::string& line) {
+        if (line != joining0)
+            return;
+        const bool isFirst = ++inLine == 1;
+        isFirst ? eventually([&] { return inLine == 2; }, atMost)
+                : isReturned = eventually([&] { return isReported.load(); }, atMost);
+        report(unit.hub, "eth1", "fd01::1");
+        report(second.hub, "eth1", "fd01::1");
+        isReported = true;
+    });
+
+    std::thread other([&] { report(second.hub, "eth0", globalAddress); });
+    report(unit.hub, "eth0", globalAddress);
+    other.join();
+    log.onLine(nullptr);
+
+    EXPECT_TRUE(isReturned);
+    EXPECT_THAT(groupUsers(), ElementsAre(Pair("eth0", 2u), Pair("eth1", 2u)));
+}
+
+TEST_F(ReportingThreadsTest, NoMoreThan16384ReportsWaitWhileOneIsHandled)
+{
+    bool isDone = false;
+    log.onLine([&](const std::string& line) {
+        if (line != joining0 || std::exchange(isDone, true))
+            return;
+        std::thread other([&] {
+            OEMInterface::RemoveServiceDiscoveryInterfacePayload nonsense{{"eth1", "nonsense"}};
+            for (int i = 0; i < 16384 + 3; ++i)
+                reportRemoved(unit.hub, nonsense);
+        });
+        other.join();
+    });
+
+    report(unit.hub, "eth0", globalAddress);
+    log.onLine(nullptr);
+
+    EXPECT_EQ(
+        log.count("Error: ServiceDiscovery failed to remove Interface \"eth1\" with IP \"nonsense\" for "
+                  "sending: Invalid address: nonsense"),
+        16384u);
+    EXPECT_EQ(log.errors().back(),
+              "Error: SDCommunicationHub - 3 reports of interfaces are dropped: 16384 "
+              "others were waiting.");
+    report(unit.hub, "eth2", "fd02::1");
+    EXPECT_THAT(joinedInterfaces(), ElementsAre("eth0", "eth2"));
+}
+
+TEST_F(ReportingThreadsTest, InterfaceThatIsReportedWithoutAPauseDoesNotFillTheQueue)
+{
+    bool isDone = false;
+    log.onLine([&](const std::string& line) {
+        if (line != joining0 || std::exchange(isDone, true))
+            return;
+        std::thread other([&] {
+            OEMInterface::RemoveServiceDiscoveryInterfacePayload removal{{"eth1", "fd01::1"}};
+            for (int i = 0; i < 16384; ++i) {
+                report(unit.hub, "eth1", "fd01::1");
+                reportRemoved(unit.hub, removal);
+            }
+            report(unit.hub, "eth1", "fd01::1");
+        });
+        other.join();
+    });
+
+    report(unit.hub, "eth0", globalAddress);
+    log.onLine(nullptr);
+
+    EXPECT_THAT(log.errors(), IsEmpty());
+    EXPECT_THAT(joinedInterfaces(), ElementsAre("eth0", "eth1"));
+}
+
+}  // namespace Nubo::ServiceDiscovery::Testing
