@@ -2,6 +2,7 @@
 
 #include "DataLayer/ServiceDiscovery_Types.h"
 #include "Multicast/InterfaceAdmission.h"
+#include "Multicast/OutgoingAddresses.h"
 
 #include <KELOEMInterfaceLib/OEMDispatcherCalls.h>
 
@@ -153,13 +154,6 @@ protected:
         Poco::Net::IPAddress address;
     };
 
-    /// The local address of a closed socket, kept while datagrams from it may still come in.
-    struct RetiredAddress
-    {
-        Poco::Net::SocketAddress address;
-        Poco::Clock until;
-    };
-
     Outcome addInterface_byIP(const std::string& name, const std::string& ip);
     void removeInterface_byIP(const std::string& name, const std::string& ip);
 
@@ -180,9 +174,9 @@ private:
     bool sendAdjusted(const InterfaceData_t& interface, SendData& data, List list) const;
     std::shared_ptr<const InterfaceContainer> interfaces() const;
     void unsafe_replaceInterfaces(InterfaceContainer interfaces);
-    Outcome unsafe_add(const AdmittedInterface& admitted, const std::string& ip, Attempt attempt);
+    Outcome unsafe_add(const AdmittedInterface& admitted, const std::string& ip,
+                       const InterfaceListing& listing, Attempt attempt);
     void unsafe_open(const AdmittedInterface& admitted);
-    void unsafe_retire(const InterfaceData_t& interface);
     void unsafe_await(const std::string& name, const Poco::Net::IPAddress& address);
     bool unsafe_stopAwaiting(const std::string& name, const Poco::Net::IPAddress& address);
     void unsafe_removeAll();
@@ -190,7 +184,7 @@ private:
     const Poco::Net::SocketAddress m_group;
     std::shared_ptr<const InterfaceContainer> m_interfaces;  // replaced as a whole, read with atomic_load
     mutable std::mutex m_interfacesMutex;
-    std::vector<RetiredAddress> m_retiredAddresses;
+    OutgoingAddresses m_outgoingAddresses;
     std::vector<AwaitedInterface> m_awaited;
     std::atomic<bool> m_isAwaiting{false};  // whether there is any, without the mutex
     std::atomic<std::uint64_t> m_addressChanges{0};
