@@ -9,6 +9,7 @@
 #include <Poco/SharedPtr.h>
 
 #include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <csignal>
 #include <cstdlib>
@@ -282,6 +283,31 @@ TEST_F(NetlinkProcessTest, FollowsInAProcessThatMayNotEvenWaitForDescriptors)
         "Error: NetlinkDispatcher - I/O error: cannot wait for netlink: Invalid argument";
     EXPECT_THAT(log.errors(),
                 AllOf(Contains(line), Each(line), SizeIs(Le(static_cast<std::size_t>(elapsed.count()) + 2))));
+}
+
+TEST_F(NetlinkProcessTest, ChildForkedInALineAboutAFailureEndsAtOnceAndTheParentGoesOn)
+{
+    static std::atomic<pid_t> child{0};
+    const auto scenario = [&] {
+        ::alarm(20);
+        LogCatcher log;
+        log.onLine([](const std::string&) {
+            if (child == 0)
+                child = ::fork();
+        });
+        network.link("eth0", "fd00::1");
+        follow();
+        shell("(sleep 0.5; ip -n here link delete eth0) > /dev/null 2>&1 &");
+        {
+            const DescriptorLimit nothing(0);
+            eventually([] { return child > 0; });
+        }
+        const bool isEnded = child > 0 && endsWith(EXIT_SUCCESS, child);
+        network.link("eth1", "fd01::1");
+        ::_exit(isEnded && reports->come(3) ? works : isWrong);
+    };
+
+    EXPECT_EXIT(scenario(), ::testing::ExitedWithCode(works), "");
 }
 
 #endif
