@@ -13,6 +13,10 @@ namespace {
 constexpr long unlimited = -1;
 constexpr long longestHandling = 500;  // in milliseconds
 
+/// The calling thread's work, for whatever queue: of several engines, say, whose lines go to one log channel.
+thread_local std::size_t works = 0;   // one within the other
+thread_local std::size_t nested = 0;  // reports during the outermost
+
 }  // namespace
 
 /// Marks the calling thread as the one at work. When it ends the process, from a line of the log say, others
@@ -24,8 +28,15 @@ public:
         : EngineFrame(queue.m_part)
         , m_queue(queue)
         , m_atMost(atMostMilliseconds)
-    {}
-    ~Work() override { m_queue.handleAll(m_atMost); }
+    {
+        if (works++ == 0)
+            nested = 0;
+    }
+    ~Work() override
+    {
+        m_queue.handleAll(m_atMost);
+        --works;
+    }
 
 private:
     void release() noexcept override
@@ -49,20 +60,20 @@ void ReportQueue::report(Report report)
 /// Whether the calling thread is at work from now on: nobody else is, or is about to be.
 bool ReportQueue::put(Report report)
 {
-    const bool isNested = EngineFrame::isOnThisThread();
     const std::lock_guard<std::mutex> lock(m_mutex);
     const bool isBusy = m_isAtWork || m_turns != 0;
     if (isBusy && unsafe_cancels(report))
         return false;
-    if (isBusy && (m_reports.size() >= mostWaiting || (isNested && m_nested == mostNested))) {
+    const bool isOneNestedTooMany = works != 0 && nested == mostNested;
+    if (isOneNestedTooMany || (isBusy && m_reports.size() >= mostWaiting)) {
         ++m_dropped;  // an error line here might bring the next report
+        m_areNestedDropped = isOneNestedTooMany;
         return false;
     }
     m_reports.push_back(std::move(report));
-    if (isBusy) {
-        m_nested += isNested ? 1 : 0;
+    nested += works != 0 ? 1 : 0;
+    if (isBusy)
         return false;
-    }
     return m_isAtWork = true;
 }
 
@@ -123,7 +134,8 @@ void ReportQueue::handleAll(long atMostMilliseconds) noexcept
         else {
             isDropLogged = true;
             const std::size_t dropped = m_dropped;
-            const bool areNested = m_nested == mostNested;
+            const bool areNested = m_areNestedDropped;
+            m_dropped = 0;
             lock.unlock();
             SD_LOG(Error) << "SDCommunicationHub - " << dropped
                           << " reports of interfaces are dropped: " << (areNested ? mostNested : mostWaiting)
@@ -132,15 +144,12 @@ void ReportQueue::handleAll(long atMostMilliseconds) noexcept
         }
         lock.lock();
     }
-    if (isDropLogged)
-        m_dropped = 0;
     unsafe_end();
 }
 
 void ReportQueue::unsafe_end() noexcept
 {
     m_isAtWork = false;
-    m_nested = 0;
     m_ended.notify_all();
 }
 

@@ -18,8 +18,8 @@ namespace Nubo::ServiceDiscovery::Multicast {
 class ReportQueue
 {
 public:
-    /// No more reports wait than that, and no more are taken from within lines of the log during one work: a
-    /// log channel that reports with each line would keep the thread at work for ever.
+    /// No more reports wait than that, and no more does a thread make from within lines of the log while it
+    /// is at work, for whatever queue: a log channel that reports with each line would keep it so for ever.
     static constexpr std::size_t mostWaiting = 16384;
     static constexpr std::size_t mostNested = 1024;
 
@@ -66,8 +66,8 @@ private:
     bool m_isAtWork = false;  // somebody
     unsigned m_turns = 0;     // that threads wait for
     std::deque<Report> m_reports;
-    std::size_t m_nested = 0;   // reports during the present work from within lines of the log
     std::size_t m_dropped = 0;  // reports that were not taken, until that is logged
+    bool m_areNestedDropped = false;
 };
 
 }  // namespace Nubo::ServiceDiscovery::Multicast

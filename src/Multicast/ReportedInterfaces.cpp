@@ -107,6 +107,12 @@ void ReportedInterfaces::handle(const ReportQueue::Report& report) noexcept
 
 void ReportedInterfaces::take(const std::string& name, const std::string& ip)
 {
+    use(name, ip);
+    startRetrying(hasPending());
+}
+
+void ReportedInterfaces::use(const std::string& name, const std::string& ip)
+{
     const std::optional<IPAddress> address = parseAddress(ip);
     if (!address) {
         Interface unusable{name, ip};
@@ -126,7 +132,6 @@ void ReportedInterfaces::take(const std::string& name, const std::string& ip)
     }
     if (serve(*interface, Attempt::Report) == Outcome::Refused)
         m_interfaces.erase(interface);
-    startRetrying(hasPending());
 }
 
 /// Makes room for an interface that may be usable; whether there was one that is not.
@@ -158,6 +163,8 @@ void ReportedInterfaces::giveBack(const std::string& name, const std::string& ip
     }
     persist([&] { letGo(); });
 
+    if (m_listing && m_listing->isOlderThan(listingAge))
+        m_listing.reset();
     // The interface may stand reported with another address as well.
     for (Interface& interface : m_interfaces) {
         if (interface.name == name)
@@ -205,13 +212,13 @@ bool ReportedInterfaces::isGone(const Interface& interface) const
     return interface.index != 0 && m_listing && !m_listing->has(interface.name, interface.index);
 }
 
-/// Renews the listing if it is old or does not show the interface.
+/// Takes a listing if there is none. A report may be about what has come since the last one; a round of
+/// further attempts makes do with one, however long it takes.
 void ReportedInterfaces::look(const Interface& interface, Attempt attempt)
 {
-    // A report may be about what has come since the listing; a round of further attempts makes do with one.
     const bool isNews = attempt == Attempt::Report;
-    if (m_listing && !m_listing->isOlderThan(listingAge) &&
-        !(isNews && !shows(*m_listing, interface.name, interface.ip)))
+    if (m_listing &&
+        !(isNews && (m_listing->isOlderThan(listingAge) || !shows(*m_listing, interface.name, interface.ip))))
         return;
     m_listing = InterfaceListing::take();
     letGo();
@@ -333,7 +340,7 @@ void ReportedInterfaces::retry()
         m_reports.work([this] {
             m_listing.reset();
             for (Interface& interface : m_interfaces) {
-                if (interface.isPending)
+                if (m_isRunning && interface.isPending)
                     serve(interface, Attempt::Again);
             }
         });
@@ -354,10 +361,10 @@ bool ReportedInterfaces::awaitRound()
 /// Does not wait for the thread while at work, as it may be about to begin a round.
 void ReportedInterfaces::endRetrying()
 {
+    m_isRunning = false;  // ends the round that it may be at
     std::thread ended;
     {
         const std::unique_lock<std::mutex> idle = m_reports.idle();
-        m_isRunning = false;
         m_isRetrying = false;
         ended.swap(m_thread);
     }

@@ -705,8 +705,27 @@ TEST_F(InterfaceFaultsTest, ReportsFromWithinEveryLineOfTheLogComeToAnEnd)
     EXPECT_THAT(log.errors(),
                 ElementsAre("Error: SDCommunicationHub - 1026 reports of interfaces are dropped: 1024 others "
                             "were made from within lines of the log.",
-                            "Error: SDCommunicationHub - 1026 reports of interfaces are dropped: 1024 others "
-                            "were made from within lines of the log."));
+                            "Error: SDCommunicationHub - 1027 reports of interfaces are dropped: 1024 others "
+                            "were made from within lines of the log."))
+        << "the second time with the one from the first of these lines";
+}
+
+/// The report has the interfaces listed, and what has gone is let go and waited for.
+TEST_F(InterfaceFaultsTest, InterfaceThatGoesBeforeAReportThatCannotBeUsedIsWaitedFor)
+{
+    ASSERT_TRUE(start());
+    unit.platform.dispatcher().addInterface("eth0", globalAddress);
+    network.here.ip("link delete eth0");
+    OEMInterface::AddServiceDiscoveryInterfacePayload report{{"eth1", "no address"}};
+    EXPECT_TRUE(eventually([&] {
+        reportAdded(unit.hub, report);
+        return joinedInterfaces().empty();
+    }));
+    reportAdded(unit.hub, report);
+
+    network.link("eth0", globalAddress, "fd00::2");
+
+    EXPECT_TRUE(eventually([] { return joinedInterfaces().size() == 1; }));
 }
 
 TEST_F(InterfaceFaultsTest, RemovalWithAnAddressThatCannotBeParsedChangesNothing)
