@@ -559,6 +559,25 @@ TEST_F(TwoInterfacesSenderTest, InterfaceThatTakesItsDatagramsSlowlyIsWaitedForA
     EXPECT_TRUE(taken());
 }
 
+TEST_F(TwoInterfacesSenderTest, InterfaceThatTookNoneIsWaitedForAgainWhenItHasTakenOne)
+{
+    std::string bytes(1212, 'x');
+    const Sender::MulticastData list(400, {bytes.data(), bytes.size()});
+    const auto taken = [&] { return sender->sendMulticast({list.front()}, {}); };
+    network.here.tc("qdisc add dev eth0 root tbf rate 64bit burst 1600 limit 10000000");  // none
+    sender->sendMulticast(list, {});
+    ASSERT_FALSE(taken());
+
+    network.here.tc("qdisc delete dev eth0 root");
+    EXPECT_TRUE(eventually(taken));
+    network.here.tc("qdisc add dev eth0 root tbf rate 2mbit burst 1600 limit 10000000");  // one in 5 ms
+    sender->sendMulticast(list, {});
+    ASSERT_TRUE(eventually([&] { return !taken(); }));
+    SDClock::turn(1000000);
+
+    EXPECT_TRUE(taken());
+}
+
 namespace {
 
 /// More datagrams than a slow interface takes at once: a hundred different ones, four times each.
@@ -1339,6 +1358,17 @@ TEST_F(TwoInterfacesSenderTest, AddressOfASocketJustClosedIsStillAnOwnOneForSeco
     SDClock::turn(60 * second);
     EXPECT_FALSE(sender->isOwnOutgoingAddress(own0));
     EXPECT_FALSE(sender->isOwnOutgoingAddress(own1));
+}
+
+TEST_F(TwoInterfacesSenderTest, AddressOfAnInterfaceThatIsNotKeptIsStillAnOwnOneForSeconds)
+{
+    const SocketAddress own0 = ownAddress(listener0);
+
+    sender->keepOnly({"eth1"}, *Multicast::InterfaceListing::take());
+    EXPECT_TRUE(sender->isOwnOutgoingAddress(own0));
+
+    SDClock::turn(60 * second);
+    EXPECT_FALSE(sender->isOwnOutgoingAddress(own0));
 }
 
 TEST_F(TwoInterfacesSenderTest, AddressOfAClosedSocketIsAnOwnOneForFiveSeconds)

@@ -18,6 +18,7 @@
 #include <cstddef>
 #include <ostream>
 #include <string>
+#include <vector>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -519,12 +520,14 @@ TEST_F(InterfaceFaultsTest, InterfacesThatGoAndAreNeverTakenBackCostNothing)
         const std::string name = "ppp" + std::to_string(i);
         network.link(name, "fd01::1");
         unit.platform.dispatcher().addInterface(name, "fd01::1");
-        EXPECT_THAT(joinedInterfaces(), ElementsAre(name));
+        EXPECT_TRUE(eventually([&] { return joinedInterfaces() == std::vector{name}; }))
+            << "the thread that retries the former one may be at work";
         network.here.ip("link delete " + name);
     }
 
     unit.platform.dispatcher().addInterface("eth0", globalAddress);
 
+    EXPECT_TRUE(eventually([] { return joinedInterfaces() == std::vector<std::string>{"eth0"}; }));
     EXPECT_TRUE(eventually([&] { return openDescriptors() == before + 1; }))
         << openDescriptors() << ": the socket of eth0 is to be left";
     EXPECT_THAT(groupUsers(), ElementsAre(::testing::Pair("eth0", 1u)));

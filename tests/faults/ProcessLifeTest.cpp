@@ -373,6 +373,7 @@ INSTANTIATE_TEST_SUITE_P(
                                    ForkingPlace::Junk},
                       ForkingPlace{"RequestHandler", "SDRequestHandler - ", ForkingPlace::Junk},
                       ForkingPlace{"Receiver", "MulticastReceiver onSocketReadable", ForkingPlace::Junk},
+                      ForkingPlace{"InterfaceInUse", "joining IPv6 Multicast Group", ForkingPlace::Restart},
                       ForkingPlace{"Shutdown", "SDCommunicationHub::stop", ForkingPlace::Restart}),
     ::testing::PrintToStringParamName());
 
