@@ -64,8 +64,8 @@ public:
     /// An interface that does not take its datagrams at once is waited for, each time for 20 ms at most, and
     /// all of them together for less than 40 ms in any second; one that took none in such a time, not until
     /// it takes one again. Signals that the thread gets make no wait longer. What is not taken then is lost.
-    /// The next such list begins there with the first datagram that was lost, so that a slow interface gets
-    /// all of them in turn.
+    /// The next such list begins there with the first datagram that was lost without a wait, so that a slow
+    /// interface gets all of them in turn.
     bool sendMulticast(const MulticastData& packagesForAll, const MulticastData& packagesForInternal);
 
     /// Whether a datagram from that address was sent by this unit: from one of the sockets, or from one

@@ -19,8 +19,7 @@ thread_local std::size_t nested = 0;  // reports during the outermost
 
 }  // namespace
 
-/// Marks the calling thread as the one at work. When it ends the process, from a line of the log say, others
-/// go on.
+/// Marks the calling thread as the one at work.
 class ReportQueue::Work : public EngineFrame
 {
 public:
@@ -39,12 +38,6 @@ public:
     }
 
 private:
-    void release() noexcept override
-    {
-        const std::lock_guard<std::mutex> lock(m_queue.m_mutex);
-        m_queue.unsafe_end();
-    }
-
     ReportQueue& m_queue;
     const long m_atMost;
 };
@@ -144,11 +137,6 @@ void ReportQueue::handleAll(long atMostMilliseconds) noexcept
         }
         lock.lock();
     }
-    unsafe_end();
-}
-
-void ReportQueue::unsafe_end() noexcept
-{
     m_isAtWork = false;
     m_ended.notify_all();
 }

@@ -57,7 +57,6 @@ private:
     bool put(Report report);
     bool unsafe_cancels(const Report& report);
     void handleAll(long atMostMilliseconds) noexcept;
-    void unsafe_end() noexcept;
 
     const void* const m_part;
     const Handler m_handler;

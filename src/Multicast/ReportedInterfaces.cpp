@@ -161,7 +161,6 @@ void ReportedInterfaces::giveBack(const std::string& name, const std::string& ip
         persist([&] { m_receiver.onInterfaceRemoved(payload); });
         persist([&] { m_sender.onInterfaceRemoved(payload); });
     }
-    persist([&] { letGo(); });
 
     if (m_listing && m_listing->isOlderThan(listingAge))
         m_listing.reset();
