@@ -367,7 +367,7 @@ void SDCommunicationHub::stop()
 void SDCommunicationHub::stopReceiving() noexcept
 {
     guarded([this] { stopRequestHandler(); });
-    m_reportedInterfaces.stop();  // and the receiver
+    m_reportedInterfaces.stop();    // and the receiver
     m_requestHandlerQueue.clear();  // what was received before must not be handled after a restart
 }
 
