@@ -131,7 +131,7 @@ void MulticastSender::unsafe_replaceInterfaces(InterfaceContainer interfaces)
     for (const auto& [interface, data] : *former) {
         const auto kept = present->find(interface);
         if (kept == present->end() || kept->second.socketPtr != data.socketPtr)
-            m_outgoingAddresses.close(data.localAddress);
+            m_localAddresses.close(data.localAddress);
     }
 }
 
@@ -230,12 +230,12 @@ void MulticastSender::unsafe_open(const AdmittedInterface& admitted)
     changed.insert_or_assign(admitted.interface,
                              InterfaceData_t{socket, SOME_IP_SD_Option_IPv6::toByteStream(admitted.address),
                                              isLinkLocal(admitted.address), admitted.address, localAddress});
-    m_outgoingAddresses.open(localAddress);
+    m_localAddresses.open(localAddress);
     try {
         unsafe_replaceInterfaces(std::move(changed));
     }
     catch (...) {
-        m_outgoingAddresses.close(localAddress);
+        m_localAddresses.close(localAddress);
         throw;
     }
 }
@@ -503,7 +503,7 @@ bool MulticastSender::transmit(const SocketPtr& socket, const MulticastPackage& 
 
 bool MulticastSender::isOwnOutgoingAddress(const SocketAddress& origin) const
 {
-    return m_outgoingAddresses.contains(origin);
+    return m_localAddresses.contains(origin);
 }
 
 IPAddress MulticastSender::unitAddress() const

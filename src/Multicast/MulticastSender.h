@@ -2,7 +2,7 @@
 
 #include "DataLayer/ServiceDiscovery_Types.h"
 #include "Multicast/InterfaceAdmission.h"
-#include "Multicast/OutgoingAddresses.h"
+#include "Multicast/LocalAddresses.h"
 
 #include <KELOEMInterfaceLib/OEMDispatcherCalls.h>
 
@@ -184,7 +184,7 @@ private:
     const Poco::Net::SocketAddress m_group;
     std::shared_ptr<const InterfaceContainer> m_interfaces;  // replaced as a whole, read with atomic_load
     mutable std::mutex m_interfacesMutex;
-    OutgoingAddresses m_outgoingAddresses;
+    LocalAddresses m_localAddresses;
     std::vector<AwaitedInterface> m_awaited;
     std::atomic<bool> m_isAwaiting{false};  // whether there is any, without the mutex
     std::atomic<std::uint64_t> m_addressChanges{0};

@@ -1,4 +1,4 @@
-#include "Multicast/OutgoingAddresses.h"
+#include "Multicast/LocalAddresses.h"
 
 #include "DataLayer/SDClock.h"
 
@@ -20,7 +20,7 @@ constexpr std::size_t fewest = 64;  // are not worth a sweep
 }  // namespace
 
 /// Of another family it is one that no socket has: that of port 0.
-OutgoingAddresses::Endpoint::Endpoint(const SocketAddress& address) noexcept
+LocalAddresses::Endpoint::Endpoint(const SocketAddress& address) noexcept
 {
     if (address.family() != SocketAddress::IPv6)
         return;
@@ -30,7 +30,7 @@ OutgoingAddresses::Endpoint::Endpoint(const SocketAddress& address) noexcept
     port = ntohs(bytes.sin6_port);
 }
 
-void OutgoingAddresses::open(const SocketAddress& address)
+void LocalAddresses::open(const SocketAddress& address)
 {
     const std::lock_guard<std::mutex> lock(m_mutex);
     if (m_uses.size() >= m_sweepAt)
@@ -38,7 +38,7 @@ void OutgoingAddresses::open(const SocketAddress& address)
     ++m_uses[Endpoint(address)].sockets;
 }
 
-void OutgoingAddresses::close(const SocketAddress& address) noexcept
+void LocalAddresses::close(const SocketAddress& address) noexcept
 {
     const std::lock_guard<std::mutex> lock(m_mutex);
     const auto found = m_uses.find(Endpoint(address));
@@ -48,21 +48,21 @@ void OutgoingAddresses::close(const SocketAddress& address) noexcept
     found->second.until = SDClock::now() + retirement;
 }
 
-bool OutgoingAddresses::contains(const SocketAddress& address) const noexcept
+bool LocalAddresses::contains(const SocketAddress& address) const noexcept
 {
     const std::lock_guard<std::mutex> lock(m_mutex);
     const auto found = m_uses.find(Endpoint(address));
     return found != m_uses.end() && (found->second.sockets != 0 || SDClock::now() < found->second.until);
 }
 
-std::size_t OutgoingAddresses::size() const noexcept
+std::size_t LocalAddresses::size() const noexcept
 {
     const std::lock_guard<std::mutex> lock(m_mutex);
     return m_uses.size();
 }
 
 /// Forgets what has run out. The next sweep comes with twice as many, so that each address costs one step.
-void OutgoingAddresses::unsafe_sweep() noexcept
+void LocalAddresses::unsafe_sweep() noexcept
 {
     const Poco::Clock now = SDClock::now();
     for (auto use = m_uses.begin(); use != m_uses.end();)

@@ -1,5 +1,5 @@
 #include "DataLayer/SDClock.h"
-#include "Multicast/OutgoingAddresses.h"
+#include "Multicast/LocalAddresses.h"
 #include "support/Times.h"
 
 #include <Poco/Clock.h>
@@ -12,17 +12,17 @@
 
 namespace Nubo::ServiceDiscovery::Testing {
 
-using Multicast::OutgoingAddresses;
+using Multicast::LocalAddresses;
 using Poco::Net::SocketAddress;
 
 namespace {
 
 constexpr Poco::Clock::ClockDiff second = 1'000'000;  // microseconds
 
-struct OutgoingAddressesTest : ::testing::Test
+struct LocalAddressesTest : ::testing::Test
 {
     const SocketAddress own{"[fd00::1]:40000"};
-    OutgoingAddresses addresses;
+    LocalAddresses addresses;
 };
 
 SocketAddress numbered(std::size_t number)
@@ -33,7 +33,7 @@ SocketAddress numbered(std::size_t number)
 /// A thousand lookups of a foreign address beside that many closed ones, and as many open ones.
 double timeOfLookups(std::size_t count, double expected)
 {
-    OutgoingAddresses addresses;
+    LocalAddresses addresses;
     for (std::size_t i = 1; i <= count; ++i) {
         addresses.open(numbered(i));
         addresses.open(numbered(30000 + i));
@@ -50,7 +50,7 @@ double timeOfLookups(std::size_t count, double expected)
 
 }  // namespace
 
-TEST_F(OutgoingAddressesTest, ContainAnOpenOneAndNoOther)
+TEST_F(LocalAddressesTest, ContainAnOpenOneAndNoOther)
 {
     EXPECT_FALSE(addresses.contains(own));
 
@@ -62,7 +62,7 @@ TEST_F(OutgoingAddressesTest, ContainAnOpenOneAndNoOther)
     EXPECT_FALSE(addresses.contains(SocketAddress("/tmp/socket")));
 }
 
-TEST_F(OutgoingAddressesTest, ContainAClosedOneForFiveSeconds)
+TEST_F(LocalAddressesTest, ContainAClosedOneForFiveSeconds)
 {
     addresses.open(own);
     const Poco::Clock before = SDClock::now();
@@ -76,7 +76,7 @@ TEST_F(OutgoingAddressesTest, ContainAClosedOneForFiveSeconds)
 }
 
 /// Two interfaces may have the same link-local address, and their sockets the same port.
-TEST_F(OutgoingAddressesTest, ContainOneThatTwoSocketsHaveUntilBothAreClosed)
+TEST_F(LocalAddressesTest, ContainOneThatTwoSocketsHaveUntilBothAreClosed)
 {
     addresses.open(own);
     addresses.open(own);
@@ -89,7 +89,7 @@ TEST_F(OutgoingAddressesTest, ContainOneThatTwoSocketsHaveUntilBothAreClosed)
     EXPECT_FALSE(addresses.contains(own));
 }
 
-TEST_F(OutgoingAddressesTest, ContainOneThatIsOpenedAgain)
+TEST_F(LocalAddressesTest, ContainOneThatIsOpenedAgain)
 {
     addresses.open(own);
     addresses.close(own);
@@ -99,7 +99,7 @@ TEST_F(OutgoingAddressesTest, ContainOneThatIsOpenedAgain)
     EXPECT_TRUE(addresses.contains(own));
 }
 
-TEST_F(OutgoingAddressesTest, ClosingOneThatIsNotOpenChangesNothing)
+TEST_F(LocalAddressesTest, ClosingOneThatIsNotOpenChangesNothing)
 {
     addresses.close(own);
     EXPECT_FALSE(addresses.contains(own));
@@ -112,7 +112,7 @@ TEST_F(OutgoingAddressesTest, ClosingOneThatIsNotOpenChangesNothing)
     EXPECT_FALSE(addresses.contains(own)) << "it was closed six seconds ago";
 }
 
-TEST_F(OutgoingAddressesTest, ForgetWhatWasClosedLongAgo)
+TEST_F(LocalAddressesTest, ForgetWhatWasClosedLongAgo)
 {
     addresses.open(own);
     for (std::size_t i = 1; i <= 30000; ++i) {
@@ -125,7 +125,7 @@ TEST_F(OutgoingAddressesTest, ForgetWhatWasClosedLongAgo)
     EXPECT_TRUE(addresses.contains(own));
 }
 
-TEST(OutgoingAddressesCostTest, OfALookupDoesNotDependOnTheirNumber)
+TEST(LocalAddressesCostTest, OfALookupDoesNotDependOnTheirNumber)
 {
     constexpr double times = 5;
     const double few = timeOfLookups(1, 0);

@@ -17,7 +17,7 @@ namespace Nubo::ServiceDiscovery::Multicast {
 ///
 /// Addresses are of IPv6. Their scope is left out: between two ports on one segment a datagram comes back
 /// with another scope than it left with. Safe to use from any thread.
-class OutgoingAddresses
+class LocalAddresses
 {
 public:
     /// Throws std::bad_alloc, and is unchanged then.
