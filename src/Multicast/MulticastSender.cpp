@@ -16,6 +16,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <iterator>
 #include <new>
 #include <optional>
 #include <string_view>
@@ -34,9 +35,6 @@ namespace {
 
 constexpr unsigned hopLimit = 255;
 
-/// Within this time a datagram that returns through another port arrives, if it does at all.
-constexpr Poco::Clock::ClockDiff retirement = 5'000'000;  // microseconds
-
 /// Maximum time that a datagram waits for room in an interface's queue, in microseconds.
 constexpr Poco::Clock::ClockDiff sendTimeout = 20000;
 constexpr Poco::Clock::ClockDiff shortestWait = 1000;  // microseconds; a send that takes longer has waited
@@ -52,11 +50,11 @@ bool isNotUsableYet(const Poco::Exception& exception)
     return exception.code() == EADDRNOTAVAIL;
 }
 
-bool isSameEndpoint(const SocketAddress& one, const SocketAddress& other)
+bool has(const NetworkInterface::AddressList& addresses, const IPAddress& address)
 {
-    if (other.family() == SocketAddress::UNIX_LOCAL)
-        return one.toString() == other.toString();
-    return one.port() == other.port() && isSameAddress(one.host(), other.host());
+    return std::any_of(addresses.begin(), addresses.end(), [&](const auto& entry) {
+        return isSameAddress(entry.template get<NetworkInterface::IP_ADDRESS>(), address);
+    });
 }
 
 /// Opens what throws the exception of an error number.
@@ -122,27 +120,17 @@ std::shared_ptr<const MulticastSender::InterfaceContainer> MulticastSender::inte
     return std::atomic_load(&m_interfaces);
 }
 
+/// A replaced socket closes when the last sendMulticast() that uses it has returned.
 void MulticastSender::unsafe_replaceInterfaces(InterfaceContainer interfaces)
 {
-    std::atomic_store(&m_interfaces, std::shared_ptr<const InterfaceContainer>(
-                                         std::make_shared<InterfaceContainer>(std::move(interfaces))));
+    const std::shared_ptr<const InterfaceContainer> present =
+        std::make_shared<InterfaceContainer>(std::move(interfaces));
+    const std::shared_ptr<const InterfaceContainer> former = std::atomic_exchange(&m_interfaces, present);
     ++m_addressChanges;
-}
-
-/// Remembers the local address of the interface's socket. The socket closes when the last sendMulticast()
-/// that uses it has returned.
-void MulticastSender::unsafe_retire(const InterfaceData_t& interface)
-{
-    const Poco::Clock now = SDClock::now();
-    m_retiredAddresses.erase(
-        std::remove_if(m_retiredAddresses.begin(), m_retiredAddresses.end(),
-                       [&](const RetiredAddress& retired) { return retired.until < now; }),
-        m_retiredAddresses.end());
-    try {
-        m_retiredAddresses.push_back({interface.localAddress, now + retirement});
-    }
-    catch (const std::bad_alloc&) {
-        // Without the entry, a returning datagram of this unit is taken for one of another unit.
+    for (const auto& [interface, data] : *former) {
+        const auto kept = present->find(interface);
+        if (kept == present->end() || kept->second.socketPtr != data.socketPtr)
+            m_localAddresses.close(data.localAddress);
     }
 }
 
@@ -186,16 +174,18 @@ Outcome MulticastSender::add(const std::string& name, const std::string& ip, con
         case Admission::Good:
             break;
     }
-    return unsafe_add(admitted, ip, attempt);
+    return unsafe_add(admitted, ip, listing, attempt);
 }
 
-Outcome MulticastSender::unsafe_add(const AdmittedInterface& admitted, const std::string& ip, Attempt attempt)
+Outcome MulticastSender::unsafe_add(const AdmittedInterface& admitted, const std::string& ip,
+                                    const InterfaceListing& listing, Attempt attempt)
 {
     const std::string& name = admitted.interface.name();
     const QuotedInterface quoted{name, ip};
     const std::shared_ptr<const InterfaceContainer> present = interfaces();
     const auto found = present->find(admitted.interface);
-    if (found != present->end()) {
+    // The interface may have lost the address in use without a report: the new address replaces it.
+    if (found != present->end() && has(listing.addressesOf(admitted.interface), found->second.address)) {
         if (attempt == Attempt::Report)
             SD_LOG(Warning) << "ServiceDiscovery failed to add Interface " << quoted
                             << " for sending: already added \"" << found->first.name();
@@ -236,10 +226,17 @@ void MulticastSender::unsafe_open(const AdmittedInterface& admitted)
     const SocketAddress localAddress = socket->address();
 
     InterfaceContainer changed = *interfaces();
-    changed.emplace(admitted.interface,
-                    InterfaceData_t{socket, SOME_IP_SD_Option_IPv6::toByteStream(admitted.address),
-                                    isLinkLocal(admitted.address), admitted.address, localAddress});
-    unsafe_replaceInterfaces(std::move(changed));
+    changed.insert_or_assign(admitted.interface,
+                             InterfaceData_t{socket, SOME_IP_SD_Option_IPv6::toByteStream(admitted.address),
+                                             isLinkLocal(admitted.address), admitted.address, localAddress});
+    m_localAddresses.open(localAddress);
+    try {
+        unsafe_replaceInterfaces(std::move(changed));
+    }
+    catch (...) {
+        m_localAddresses.close(localAddress);
+        throw;
+    }
 }
 
 void MulticastSender::unsafe_await(const std::string& name, const IPAddress& address)
@@ -298,7 +295,6 @@ void MulticastSender::removeInterface_byIP(const std::string& name, const std::s
     }
     SD_LOG(Notice) << "ServiceDiscovery removing Interface \"" << name << "\" for given IP \"" << ip
                    << "\" for sending.";
-    unsafe_retire(found->second);
     changed.erase(found);
     unsafe_replaceInterfaces(std::move(changed));
 }
@@ -307,14 +303,8 @@ void MulticastSender::keepOnly(const std::set<std::string>& names, const Interfa
 {
     const EngineLock lock(this, m_interfacesMutex);
     InterfaceContainer changed = *interfaces();
-    for (auto used = changed.begin(); used != changed.end();) {
-        if (isStillOneOf(names, used->first, listing)) {
-            ++used;
-            continue;
-        }
-        unsafe_retire(used->second);
-        used = changed.erase(used);
-    }
+    for (auto used = changed.begin(); used != changed.end();)
+        used = isStillOneOf(names, used->first, listing) ? std::next(used) : changed.erase(used);
     if (changed.size() != interfaces()->size())
         unsafe_replaceInterfaces(std::move(changed));
     m_awaited.erase(
@@ -334,7 +324,6 @@ void MulticastSender::unsafe_removeAll()
             SD_LOG(Notice) << "ServiceDiscovery (was) part of Interface \"" << interface.name()
                            << "\" for sending with currently no IPs.";
         SD_LOG(Notice) << "ServiceDiscovery removing Interface \"" << interface.name() << "\" for sending.";
-        unsafe_retire(data);
     }
     unsafe_replaceInterfaces({});
     m_awaited.clear();
@@ -515,16 +504,7 @@ bool MulticastSender::transmit(const SocketPtr& socket, const MulticastPackage& 
 
 bool MulticastSender::isOwnOutgoingAddress(const SocketAddress& origin) const
 {
-    const EngineLock lock(this, m_interfacesMutex);
-    for (const auto& [interface, data] : *m_interfaces) {
-        if (isSameEndpoint(data.localAddress, origin))
-            return true;
-    }
-    const Poco::Clock now = SDClock::now();
-    return std::any_of(m_retiredAddresses.begin(), m_retiredAddresses.end(),
-                       [&](const RetiredAddress& retired) {
-                           return now < retired.until && isSameEndpoint(retired.address, origin);
-                       });
+    return m_localAddresses.contains(origin);
 }
 
 IPAddress MulticastSender::unitAddress() const

@@ -2,6 +2,7 @@
 
 #include "DataLayer/ServiceDiscovery_Types.h"
 #include "Multicast/InterfaceAdmission.h"
+#include "Multicast/LocalAddresses.h"
 
 #include <KELOEMInterfaceLib/OEMDispatcherCalls.h>
 
@@ -60,8 +61,8 @@ public:
     /// If an interface's queue is full, waits for at most 20 ms per datagram, and for less than 40 ms per
     /// second in total, even if the thread receives signals. An interface that accepted nothing during such a
     /// wait is not waited for again until it accepts a datagram. Datagrams that it does not accept are lost.
-    /// The next list of that kind starts with the first datagram that was lost there, so that a slow
-    /// interface gets all of them in turn.
+    /// The next list of that kind starts with the first datagram that was lost there without a wait, so that
+    /// a slow interface gets all of them in turn.
     bool sendMulticast(const MulticastData& packagesForAll, const MulticastData& packagesForInternal);
 
     /// Whether this unit sent a datagram with that source: from one of its sockets, or from one that was
@@ -151,13 +152,6 @@ protected:
         Poco::Net::IPAddress address;
     };
 
-    /// The local address of a closed socket, kept while datagrams sent from it may still arrive.
-    struct RetiredAddress
-    {
-        Poco::Net::SocketAddress address;
-        Poco::Clock until;
-    };
-
     Outcome addInterface_byIP(const std::string& name, const std::string& ip);
     void removeInterface_byIP(const std::string& name, const std::string& ip);
 
@@ -180,16 +174,16 @@ private:
     bool sendAdjusted(const InterfaceData_t& interface, SendData& data, List list) const;
     std::shared_ptr<const InterfaceContainer> interfaces() const;
     void unsafe_replaceInterfaces(InterfaceContainer interfaces);
-    Outcome unsafe_add(const AdmittedInterface& admitted, const std::string& ip, Attempt attempt);
+    Outcome unsafe_add(const AdmittedInterface& admitted, const std::string& ip,
+                       const InterfaceListing& listing, Attempt attempt);
     void unsafe_open(const AdmittedInterface& admitted);
-    void unsafe_retire(const InterfaceData_t& interface);
     void unsafe_await(const std::string& name, const Poco::Net::IPAddress& address);
     bool unsafe_stopAwaiting(const std::string& name, const Poco::Net::IPAddress& address);
     void unsafe_removeAll();
 
     const Poco::Net::SocketAddress m_group;
     std::shared_ptr<const InterfaceContainer> m_interfaces;  // immutable; replaced and read atomically
-    std::vector<RetiredAddress> m_retiredAddresses;
+    LocalAddresses m_localAddresses;
     std::vector<AwaitedInterface> m_awaited;
     std::atomic<bool> m_isAwaiting{false};  // m_awaited is not empty; readable without the mutex
     std::atomic<std::uint64_t> m_addressChanges{0};

@@ -13,10 +13,13 @@ namespace {
 constexpr long unlimited = -1;
 constexpr long longestHandling = 500;  // in milliseconds
 
+/// The calling thread's work for all queues. Several engines may share a log channel.
+thread_local std::size_t works = 0;   // nested ones
+thread_local std::size_t nested = 0;  // reports during the outermost one
+
 }  // namespace
 
-/// Marks the calling thread as the one at work. If it ends the process, for example from within a log line,
-/// other threads can go to work.
+/// Marks the calling thread as the one at work.
 class ReportQueue::Work : public EngineFrame
 {
 public:
@@ -24,16 +27,17 @@ public:
         : EngineFrame(queue.m_part)
         , m_queue(queue)
         , m_atMost(atMostMilliseconds)
-    {}
-    ~Work() override { m_queue.handleAll(m_atMost); }
-
-private:
-    void release() noexcept override
     {
-        const std::lock_guard<std::mutex> lock(m_queue.m_mutex);
-        m_queue.unsafe_end();
+        if (works++ == 0)
+            nested = 0;
+    }
+    ~Work() override
+    {
+        m_queue.handleAll(m_atMost);
+        --works;
     }
 
+private:
     ReportQueue& m_queue;
     const long m_atMost;
 };
@@ -49,20 +53,20 @@ void ReportQueue::report(Report report)
 /// Returns whether the calling thread is at work from now on, because no other thread is or waits to be.
 bool ReportQueue::put(Report report)
 {
-    const bool isNested = EngineFrame::isOnThisThread();
     const std::lock_guard<std::mutex> lock(m_mutex);
     const bool isBusy = m_isAtWork || m_turns != 0;
     if (isBusy && unsafe_cancels(report))
         return false;
-    if (isBusy && (m_reports.size() >= mostWaiting || (isNested && m_nested == mostNested))) {
+    const bool isOneNestedTooMany = works != 0 && nested == mostNested;
+    if (isOneNestedTooMany || (isBusy && m_reports.size() >= mostWaiting)) {
         ++m_dropped;  // not logged here, because the log line might cause the next report
+        m_areNestedDropped = isOneNestedTooMany;
         return false;
     }
     m_reports.push_back(std::move(report));
-    if (isBusy) {
-        m_nested += isNested ? 1 : 0;
+    nested += works != 0 ? 1 : 0;
+    if (isBusy)
         return false;
-    }
     return m_isAtWork = true;
 }
 
@@ -123,7 +127,8 @@ void ReportQueue::handleAll(long atMostMilliseconds) noexcept
         else {
             isDropLogged = true;
             const std::size_t dropped = m_dropped;
-            const bool areNested = m_nested == mostNested;
+            const bool areNested = m_areNestedDropped;
+            m_dropped = 0;
             lock.unlock();
             SD_LOG(Error) << "SDCommunicationHub - " << dropped
                           << " reports of interfaces are dropped: " << (areNested ? mostNested : mostWaiting)
@@ -132,15 +137,7 @@ void ReportQueue::handleAll(long atMostMilliseconds) noexcept
         }
         lock.lock();
     }
-    if (isDropLogged)
-        m_dropped = 0;
-    unsafe_end();
-}
-
-void ReportQueue::unsafe_end() noexcept
-{
     m_isAtWork = false;
-    m_nested = 0;
     m_ended.notify_all();
 }
 

@@ -18,8 +18,8 @@ namespace Nubo::ServiceDiscovery::Multicast {
 class ReportQueue
 {
 public:
-    /// Maximum number of waiting reports, and of reports from within log lines during one work: a log channel
-    /// that reports on each line would keep the thread at work for ever.
+    /// Maximum number of waiting reports, and of reports from within log lines that a thread can make while
+    /// it is at work for any queue: a log channel that reports on each line would keep it at work for ever.
     static constexpr std::size_t mostWaiting = 16384;
     static constexpr std::size_t mostNested = 1024;
 
@@ -57,7 +57,6 @@ private:
     bool put(Report report);
     bool unsafe_cancels(const Report& report);
     void handleAll(long atMostMilliseconds) noexcept;
-    void unsafe_end() noexcept;
 
     const void* const m_part;
     const Handler m_handler;
@@ -66,8 +65,8 @@ private:
     bool m_isAtWork = false;  // a thread is
     unsigned m_turns = 0;     // number of threads that wait to be at work
     std::deque<Report> m_reports;
-    std::size_t m_nested = 0;   // reports from within log lines during the present work
     std::size_t m_dropped = 0;  // refused reports, not yet logged
+    bool m_areNestedDropped = false;
 };
 
 }  // namespace Nubo::ServiceDiscovery::Multicast

@@ -108,6 +108,12 @@ void ReportedInterfaces::handle(const ReportQueue::Report& report) noexcept
 
 void ReportedInterfaces::take(const std::string& name, const std::string& ip)
 {
+    use(name, ip);
+    startRetrying(hasPending());
+}
+
+void ReportedInterfaces::use(const std::string& name, const std::string& ip)
+{
     const std::optional<IPAddress> address = parseAddress(ip);
     if (!address) {
         Interface unusable{name, ip};
@@ -127,7 +133,6 @@ void ReportedInterfaces::take(const std::string& name, const std::string& ip)
     }
     if (serve(*interface, Attempt::Report) == Outcome::Refused)
         m_interfaces.erase(interface);
-    startRetrying(hasPending());
 }
 
 /// Makes room for an interface that may be usable. Returns false when no interface is pending.
@@ -157,8 +162,9 @@ void ReportedInterfaces::giveBack(const std::string& name, const std::string& ip
         persist([&] { m_receiver.onInterfaceRemoved(payload); });
         persist([&] { m_sender.onInterfaceRemoved(payload); });
     }
-    persist([&] { letGo(); });
 
+    if (m_listing && m_listing->isOlderThan(listingAge))
+        m_listing.reset();
     // The interface may also be reported with another address.
     for (Interface& interface : m_interfaces) {
         if (interface.name == name)
@@ -206,14 +212,13 @@ bool ReportedInterfaces::isGone(const Interface& interface) const
     return interface.index != 0 && m_listing && !m_listing->has(interface.name, interface.index);
 }
 
-/// Renews the listing if it is old or does not show the interface.
+/// Takes a listing if there is none. A report may concern an interface that is newer than the last listing. A
+/// round of further attempts uses one listing, however long it takes.
 void ReportedInterfaces::look(const Interface& interface, Attempt attempt)
 {
-    // A report may concern an interface that is newer than the listing. A round of further attempts uses
-    // one listing.
     const bool isNews = attempt == Attempt::Report;
-    if (m_listing && !m_listing->isOlderThan(listingAge) &&
-        !(isNews && !shows(*m_listing, interface.name, interface.ip)))
+    if (m_listing &&
+        !(isNews && (m_listing->isOlderThan(listingAge) || !shows(*m_listing, interface.name, interface.ip))))
         return;
     m_listing = InterfaceListing::take();
     letGo();
@@ -337,7 +342,7 @@ void ReportedInterfaces::retry()
         m_reports.work([this] {
             m_listing.reset();
             for (Interface& interface : m_interfaces) {
-                if (interface.isPending)
+                if (m_isRunning && interface.isPending)
                     serve(interface, Attempt::Again);
             }
         });
@@ -359,10 +364,10 @@ bool ReportedInterfaces::awaitRound()
 /// Waits for the thread only after the lock is released, because the thread may be about to begin a round.
 void ReportedInterfaces::endRetrying()
 {
+    m_isRunning = false;  // also ends a round that has begun
     std::thread ended;
     {
         const std::unique_lock<std::mutex> idle = m_reports.idle();
-        m_isRunning = false;
         m_isRetrying = false;
         ended.swap(m_thread);
     }

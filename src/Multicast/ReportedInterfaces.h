@@ -68,6 +68,7 @@ private:
     void handle(const ReportQueue::Report& report) noexcept;
     bool displaceLongestPending();
     void take(const std::string& name, const std::string& ip);
+    void use(const std::string& name, const std::string& ip);
     void giveBack(const std::string& name, const std::string& ip);
     std::vector<Interface>::iterator find(const std::string& name, const Poco::Net::IPAddress& address);
     void forget(const std::string& name, const std::string& ip);

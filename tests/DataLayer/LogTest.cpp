@@ -172,6 +172,7 @@ TEST(LogAfterwardsTest, OtherThreadsAndOuterOnesAreNotConcerned)
         const LogAfterwards inner;
         SD_LOG(Notice) << "inner";
     }
+    SD_LOG(Notice) << "outer again";
     std::thread([] { SD_LOG(Notice) << "other"; }).join();
 
     EXPECT_THAT(log.lines(), ElementsAre("Notice: inner", "Notice: other"));

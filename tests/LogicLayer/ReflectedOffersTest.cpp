@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <limits>
 #include <string>
+#include <vector>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -63,6 +64,14 @@ struct ReflectedOffersTest : UnloggedStateMachineFixture
         EXPECT_TRUE(machine.handle(Event::SOMEIP_OFFER, makeService(name, address, offered)));
         return machine.reflectedOffers() == before + 1;
     }
+};
+
+/// The ports of this unit's services of a name, by workload.
+struct OwnPorts
+{
+    std::string name;
+    std::vector<int> periodic;
+    std::vector<int> aperiodic;
 };
 
 /// Another unit sends back the offer of the last of `count` instances.
@@ -162,21 +171,28 @@ TEST_F(ReflectedOffersTest, OfAllServicesEndInTheIntervalAfterAnAddressCame)
 {
     setAddress("fd00::9");
     machine.periodicTick();
-    for (const char* name : {"First", "Second"}) {
-        machine.putPeriodic(makeRecord(Type::ANNOUNCED, State::MAIN_PHASE, name, "fd00::1", port(0)));
-        machine.putAperiodic(makeRecord(Type::ANNOUNCED, State::REPETITION_PHASE, name, "fd00::1", port(1)));
-        for (int i = 0; i < 3; ++i) {
-            EXPECT_FALSE(isReflected(name, "fd00::1", port(i)));
-            EXPECT_FALSE(isReflected(name, "fd00::2", port(i)));
+    const std::vector<OwnPorts> services{
+        {"Both", {0}, {1}}, {"Periodic", {2, 3}, {}}, {"Aperiodic", {}, {4, 5}}};
+    for (const OwnPorts& own : services) {
+        for (const int number : own.periodic)
+            machine.putPeriodic(
+                makeRecord(Type::ANNOUNCED, State::MAIN_PHASE, own.name, "fd00::1", port(number)));
+        for (const int number : own.aperiodic)
+            machine.putAperiodic(
+                makeRecord(Type::ANNOUNCED, State::REPETITION_PHASE, own.name, "fd00::1", port(number)));
+        machine.putAperiodic(makeRecord(Type::ANNOUNCED, State::ONCE, own.name, "fd00::1", port(6)));
+        for (int i = 0; i < 7; ++i) {
+            EXPECT_FALSE(isReflected(own.name, "fd00::1", port(i)));
+            EXPECT_FALSE(isReflected(own.name, "fd00::2", port(i)));
         }
     }
 
     setAddress("fd00::1");
     machine.periodicTick();
 
-    for (const char* name : {"First", "Second"}) {
-        EXPECT_EQ(engine.registry.gone(name), 2u);
-        EXPECT_EQ(machine.m_index.find(name)->discoveredCount, 4u);
+    for (const OwnPorts& own : services) {
+        EXPECT_EQ(engine.registry.gone(own.name), 2u) << own.name;
+        EXPECT_EQ(machine.m_index.find(own.name)->discoveredCount, 12u) << own.name;
     }
 }
 
@@ -185,6 +201,8 @@ TEST_F(ReflectedOffersTest, FromBeforeTheServiceWasAddedEndEvenInALateInterval)
     machine.periodicTick();
     const Poco::Clock last = SDClock::now();
     EXPECT_FALSE(isReflected("Own", "fd00::1", port(0)));
+    EXPECT_FALSE(isReflected("Own", "fd00::1", port(1)));
+    EXPECT_FALSE(isReflected("Own", "fd00::2", port(0)));
     EXPECT_FALSE(isReflected("Foreign", "fd00::2", port(0)));
     EXPECT_TRUE(machine.handle(Event::HTTP_PUT, makeService("Own", "fd00::1", port(0))));
 

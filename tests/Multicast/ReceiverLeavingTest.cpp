@@ -88,6 +88,21 @@ TEST_F(ReceiverLeavingTest, InterfaceThatOnlyOthersHaveJoinedIsNotHeardAfterItWa
     EXPECT_THAT(subscriber->bytes(), ElementsAre("02"));
 }
 
+TEST_F(ReceiverLeavingTest, InterfaceThatOnlyOthersHaveJoinedIsNotHeardWhenItIsNotKept)
+{
+    network.link("eth1", "fd01::1", "fd01::2");
+    join("eth1", "fd01::1");
+    const MulticastSocket other = joinElsewhere("eth0");
+    Speaker elsewhere(network.there, "eth1", "fd01::2");
+    receiver->keepOnly({"eth1"}, *Multicast::InterfaceListing::take());
+
+    speaker.send("01"_bytes);
+    elsewhere.send("02"_bytes);
+
+    EXPECT_TRUE(subscriber->gets(1));
+    EXPECT_THAT(subscriber->bytes(), ElementsAre("02"));
+}
+
 TEST_F(ReceiverLeavingTest, InterfaceThatOnlyOthersHaveJoinedIsNotHeardAfterEveryOneWasLeft)
 {
     const MulticastSocket other = joinElsewhere("eth0");

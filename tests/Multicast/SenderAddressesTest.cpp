@@ -1,4 +1,5 @@
 #include "DataLayer/SDClock.h"
+#include "Multicast/InterfaceListing.h"
 #include "SenderFixture.h"
 #include "support/Times.h"
 
@@ -197,6 +198,17 @@ TEST_F(TwoInterfacesSenderTest, AddressOfASocketJustClosedIsStillAnOwnOneForSeco
     SDClock::turn(60 * second);
     EXPECT_FALSE(sender->isOwnOutgoingAddress(own0));
     EXPECT_FALSE(sender->isOwnOutgoingAddress(own1));
+}
+
+TEST_F(TwoInterfacesSenderTest, AddressOfAnInterfaceThatIsNotKeptIsStillAnOwnOneForSeconds)
+{
+    const SocketAddress own0 = ownAddress(listener0);
+
+    sender->keepOnly({"eth1"}, *Multicast::InterfaceListing::take());
+    EXPECT_TRUE(sender->isOwnOutgoingAddress(own0));
+
+    SDClock::turn(60 * second);
+    EXPECT_FALSE(sender->isOwnOutgoingAddress(own0));
 }
 
 TEST_F(TwoInterfacesSenderTest, AddressOfAClosedSocketIsAnOwnOneForFiveSeconds)

@@ -161,6 +161,26 @@ TEST_F(SlowInterfaceBesideAnotherTest, InterfaceThatTakesItsDatagramsSlowlyIsWai
     EXPECT_TRUE(taken());
 }
 
+TEST_F(SlowInterfaceBesideAnotherTest, InterfaceThatTookNoneIsWaitedForAgainWhenItHasTakenOne)
+{
+    std::string bytes(1212, 'x');
+    const Sender::MulticastData list(400, {bytes.data(), bytes.size()});
+    const auto taken = [&] { return sender->sendMulticast({list.front()}, {}); };
+    network.here.tc("qdisc add dev eth0 root tbf rate 64bit burst 1600 limit 10000000");  // takes none
+    sender->sendMulticast(list, {});
+    ASSERT_FALSE(taken());
+
+    network.here.tc("qdisc delete dev eth0 root");
+    EXPECT_TRUE(eventually(taken));
+    network.here.tc(
+        "qdisc add dev eth0 root tbf rate 2mbit burst 1600 limit 10000000");  // a datagram every 5 ms
+    sender->sendMulticast(list, {});
+    ASSERT_TRUE(eventually([&] { return !taken(); }));
+    SDClock::turn(1000000);
+
+    EXPECT_TRUE(taken());
+}
+
 TEST_F(SlowInterfaceBesideAnotherTest, SlowInterfaceGetsAllOfAListInTurn)
 {
     const LongList datagrams;

@@ -18,6 +18,7 @@
 #include <cstddef>
 #include <ostream>
 #include <string>
+#include <vector>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -517,12 +518,14 @@ TEST_F(InterfaceFaultsTest, InterfacesThatGoAndAreNeverTakenBackCostNothing)
         const std::string name = "ppp" + std::to_string(i);
         network.link(name, "fd01::1");
         unit.platform.dispatcher().addInterface(name, "fd01::1");
-        EXPECT_THAT(joinedInterfaces(), ElementsAre(name));
+        EXPECT_TRUE(eventually([&] { return joinedInterfaces() == std::vector{name}; }))
+            << "the thread that retries the former one may be at work";
         network.here.ip("link delete " + name);
     }
 
     unit.platform.dispatcher().addInterface("eth0", globalAddress);
 
+    EXPECT_TRUE(eventually([] { return joinedInterfaces() == std::vector<std::string>{"eth0"}; }));
     EXPECT_TRUE(eventually([&] { return openDescriptors() == before + 1; }))
         << openDescriptors() << ": the socket of eth0 is to be left";
     EXPECT_THAT(groupUsers(), ElementsAre(::testing::Pair("eth0", 1u)));
@@ -703,8 +706,27 @@ TEST_F(InterfaceFaultsTest, ReportsFromWithinEveryLineOfTheLogComeToAnEnd)
     EXPECT_THAT(log.errors(),
                 ElementsAre("Error: SDCommunicationHub - 1026 reports of interfaces are dropped: 1024 others "
                             "were made from within lines of the log.",
-                            "Error: SDCommunicationHub - 1026 reports of interfaces are dropped: 1024 others "
-                            "were made from within lines of the log."));
+                            "Error: SDCommunicationHub - 1027 reports of interfaces are dropped: 1024 others "
+                            "were made from within lines of the log."))
+        << "the second time with the one from the first of these lines";
+}
+
+/// The report has the interfaces listed, and what has gone is let go and waited for.
+TEST_F(InterfaceFaultsTest, InterfaceThatGoesBeforeAReportThatCannotBeUsedIsWaitedFor)
+{
+    ASSERT_TRUE(start());
+    unit.platform.dispatcher().addInterface("eth0", globalAddress);
+    network.here.ip("link delete eth0");
+    OEMInterface::AddServiceDiscoveryInterfacePayload report{{"eth1", "no address"}};
+    EXPECT_TRUE(eventually([&] {
+        reportAdded(unit.hub, report);
+        return joinedInterfaces().empty();
+    }));
+    reportAdded(unit.hub, report);
+
+    network.link("eth0", globalAddress, "fd00::2");
+
+    EXPECT_TRUE(eventually([] { return joinedInterfaces().size() == 1; }));
 }
 
 TEST_F(InterfaceFaultsTest, RemovalWithAnAddressThatCannotBeParsedChangesNothing)

@@ -8,10 +8,14 @@
 #include "support/Repeating.h"
 #include "support/SystemFaults.h"
 #include "support/TestUnit.h"
+#include "support/Waiting.h"
 
+#include <atomic>
+#include <cerrno>
 #include <cstddef>
 #include <new>
 #include <string>
+#include <thread>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -64,6 +68,47 @@ TEST_F(InterfaceUseFaultsTest, JoiningThatFailsForWantOfMemoryCanBeRepeated)
         EXPECT_THAT(joinedInterfaces(), ElementsAre("eth0"));
         receiver.onInterfaceRemoved(removal);
     }
+}
+
+TEST_F(InterfaceUseFaultsTest, LineAboutAnInterfaceThatIsNotKeptIsWrittenWithNothingHeld)
+{
+    const auto listing = Multicast::InterfaceListing::take();
+    receiver.add("eth0", globalAddress, *listing, Multicast::Attempt::Report);
+    std::thread other;
+    std::atomic<bool> isAnswered{false};
+    bool isAnsweredMeanwhile = false;
+    log.onLine([&](const std::string& line) {
+        if (other.joinable() || line.find("leaving the group on \"eth0\"") == std::string::npos)
+            return;
+        other = std::thread([&] {
+            receiver.isJoinedOn("eth0");
+            isAnswered = true;
+        });
+        isAnsweredMeanwhile = eventually([&] { return isAnswered.load(); });
+    });
+
+    {
+        const InMarkedThread marked;
+        const SystemFault fault({SystemCall::SetOption, 1, SystemFault::forEver});
+        receiver.keepOnly({}, *listing);
+    }
+    log.onLine(nullptr);
+
+    EXPECT_TRUE(isAnsweredMeanwhile);
+    if (other.joinable())
+        other.join();
+}
+
+TEST_F(InterfaceUseFaultsTest, PortThatMayNotBeUsedIsNotWaitedFor)
+{
+    const InMarkedThread marked;
+    SystemFault::Plan plan{SystemCall::Bind, 1, SystemFault::forEver};
+    plan.error = EACCES;
+    const SystemFault fault(plan);
+
+    EXPECT_FALSE(receiver.start());
+
+    EXPECT_EQ(fault.calls(), 1u);
 }
 
 TEST_F(InterfaceUseFaultsTest, ReceiverThatStopsWithoutMemoryCanBeStartedAgain)

@@ -366,6 +366,7 @@ INSTANTIATE_TEST_SUITE_P(
                                    ForkingPlace::Junk},
                       ForkingPlace{"RequestHandler", "SDRequestHandler - ", ForkingPlace::Junk},
                       ForkingPlace{"Receiver", "MulticastReceiver onSocketReadable", ForkingPlace::Junk},
+                      ForkingPlace{"InterfaceInUse", "joining IPv6 Multicast Group", ForkingPlace::Restart},
                       ForkingPlace{"Shutdown", "SDCommunicationHub::stop", ForkingPlace::Restart}),
     ::testing::PrintToStringParamName());
 
@@ -515,6 +516,39 @@ TEST_F(ProcessLifeTest, ProcessMayEndInALineAboutAnInterfaceWhileAnotherIsReport
     };
 
     EXPECT_EXIT(scenario(), ::testing::ExitedWithCode(works), "");
+}
+
+/// The stop waits for the thread that ends the process, which waits for the stop.
+TEST_F(ProcessLifeTest, ProcessMayEndInALineAboutAnInterfaceWhileAnotherThreadStops)
+{
+    const auto scenario = [&] {
+        ::alarm(20);
+        // Once the facade is destroyed: ThreadSanitizer would miss that somebody joins the threads.
+        std::atexit([] { ::raise(SIGKILL); });
+        LogCatcher log;
+        Unit& unit = unitOfTheProcess();
+        static std::atomic<bool> isEnding{false};
+        static std::atomic<bool> isStopping{false};
+        log.onLine([&](const std::string& line) {
+            if (line.find("SDCommunicationHub::stop") != std::string::npos)
+                isStopping = true;
+            if (line.find("joining IPv6 Multicast Group for Interface \"eth1\"") == std::string::npos ||
+                isEnding.exchange(true))
+                return;
+            static std::thread stopping([&] { unit.discovery.shutdown(); });
+            stopping.detach();
+            eventually([] { return isStopping.load(); });
+            std::this_thread::sleep_for(milliseconds(200));  // it waits by then
+            std::exit(isWrong);
+        });
+        network.link("eth1", "fd01::1", "fd01::2");
+        if (!unit.startup())
+            ::_exit(isWrong);
+        unit.platform.dispatcher().addInterface("eth1", "fd01::1");
+        ::_exit(isWrong);
+    };
+
+    EXPECT_EXIT(scenario(), ::testing::KilledBySignal(SIGKILL), "");
 }
 
 /// The subscriber waits for the thread that ends the process, which waits for the event.

@@ -2,6 +2,7 @@
 #include "faults/HubDelegates.h"
 #include "support/LogCatcher.h"
 #include "support/Namespace.h"
+#include "support/SystemFaults.h"
 #include "support/TestUnit.h"
 #include "support/Waiting.h"
 
@@ -11,10 +12,12 @@
 #include <atomic>
 #include <chrono>
 #include <functional>
+#include <optional>
 #include <ostream>
 #include <string>
 #include <thread>
 #include <utility>
+#include <vector>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -35,6 +38,11 @@ constexpr std::chrono::seconds atMost{5};
 constexpr auto globalAddress = "fd00::1";
 constexpr auto joining0 = "Notice: ServiceDiscovery joining IPv6 Multicast Group for Interface \"eth0\".";
 constexpr auto joining1 = "Notice: ServiceDiscovery joining IPv6 Multicast Group for Interface \"eth1\".";
+constexpr auto nonsense =
+    "Error: ServiceDiscovery failed to remove Interface \"eth1\" with IP \"nonsense\" for sending: Invalid "
+    "address: nonsense";
+constexpr auto noThread =
+    "Error: SDCommunicationHub - no thread to retry interfaces: Resource temporarily unavailable";
 constexpr auto leavingAll =
     "Notice: ServiceDiscovery leaving IPv6 Multicast Group for all joined Interfaces.";
 
@@ -42,6 +50,12 @@ void report(SDCommunicationHub& hub, const char* name, const char* ip)
 {
     OEMInterface::AddServiceDiscoveryInterfacePayload payload{{name, ip}};
     reportAdded(hub, payload);
+}
+
+void takeBack(SDCommunicationHub& hub, const char* name, const char* ip)
+{
+    OEMInterface::RemoveServiceDiscoveryInterfacePayload payload{{name, ip}};
+    reportRemoved(hub, payload);
 }
 
 struct ReportingThreadsTest : ::testing::Test
@@ -71,6 +85,26 @@ struct BusyPlace
     friend void PrintTo(const BusyPlace& place, std::ostream* stream) { *stream << place.name; }
 };
 
+/// Reports that are made while the thread at work handles another, and what is in use after them.
+struct WaitingReports
+{
+    struct Waiting
+    {
+        void (*make)(SDCommunicationHub& hub, const char* name, const char* ip);
+        const char* name;
+        const char* ip;
+    };
+
+    const char* name;
+    std::vector<Waiting> reports;
+    std::vector<std::string> joined;
+
+    friend void PrintTo(const WaitingReports& row, std::ostream* stream) { *stream << row.name; }
+};
+
+struct WaitingReportsTest : ReportingThreadsTest, ::testing::WithParamInterface<WaitingReports>
+{};
+
 struct BusyPlaceTest : ReportingThreadsTest, ::testing::WithParamInterface<BusyPlace>
 {};
 
@@ -96,6 +130,105 @@ TEST_F(ReportingThreadsTest, ReportsThatAStartHasNoTimeForAreHandledAllTheSame)
 
     EXPECT_TRUE(eventually([] { return joinedInterfaces().size() == 3; }));
 }
+
+TEST_F(ReportingThreadsTest, LineAboutAMissingThreadIsWrittenWithNothingHeld)
+{
+    auto& dispatcher = unit.platform.dispatcher();
+    std::optional<SystemFault> fault;
+    std::thread other;
+    std::atomic<bool> isReported{false};
+    std::atomic<bool> isReturned{false};
+    dispatcher.addInterface("eth0", globalAddress);
+    start();
+    unit.hub.stop();
+    log.onLine([&](const std::string& line) {
+        if (line == joining0)
+            dispatcher.addInterface("eth1", "fd01::1");
+        if (line == joining1) {
+            dispatcher.addInterface("eth2", "fd02::1");
+            fault.emplace(SystemFault::Plan{SystemCall::Thread});
+            std::this_thread::sleep_for(std::chrono::milliseconds(600));
+        }
+        if (line == noThread) {
+            other = std::thread([&] {
+                dispatcher.addInterface("eth1", "nonsense");
+                isReported = true;
+            });
+            isReturned = eventually([&] { return isReported.load(); }, atMost);
+        }
+    });
+
+    {
+        const InMarkedThread marked;
+        start();
+    }
+    log.onLine(nullptr);
+
+    EXPECT_TRUE(isReturned);
+    if (other.joinable())
+        other.join();
+}
+
+/// Neither the thread at work nor the stop, once it has its turn, handles reports for ever.
+TEST_F(ReportingThreadsTest, StopReturnsWhileReportsComeWithoutAPause)
+{
+    std::atomic<bool> isHandling{false};
+    std::atomic<bool> isStopped{false};
+    std::atomic<bool> isFedUp{false};
+    start();
+    const auto begin = std::chrono::steady_clock::now();
+    log.onLine([&](const std::string& line) {
+        if (line != nonsense || isStopped)
+            return;
+        isHandling = true;
+        isFedUp = std::chrono::steady_clock::now() - begin > atMost;
+        if (!isFedUp)
+            std::thread([&] { takeBack(unit.hub, "eth1", "nonsense"); }).join();
+    });
+    std::thread platform([&] { takeBack(unit.hub, "eth1", "nonsense"); });
+    EXPECT_TRUE(eventually([&] { return isHandling.load(); }));
+
+    unit.hub.stop();
+    isStopped = true;
+
+    platform.join();
+    EXPECT_FALSE(isFedUp) << "the stop waited until no further report came";
+}
+
+TEST_P(WaitingReportsTest, AreAllHandledUnlessOneRepeatsWhatTheLastTwoOfItsInterfaceSay)
+{
+    report(unit.hub, "eth1", "fd01::1");
+    network.here.ip("address delete fd01::1/64 dev eth1");
+    network.here.addAddress("eth1", "fd01::2/64");
+    network.here.addAddress("eth2", "fd01::1/64");
+    bool isDone = false;
+    log.onLine([&](const std::string& line) {
+        if (line != joining0 || std::exchange(isDone, true))
+            return;
+        for (const auto& waiting : GetParam().reports)
+            waiting.make(unit.hub, waiting.name, waiting.ip);
+    });
+
+    report(unit.hub, "eth0", globalAddress);
+    log.onLine(nullptr);
+
+    EXPECT_EQ(joinedInterfaces(), GetParam().joined);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Of, WaitingReportsTest,
+    ::testing::Values(
+        WaitingReports{
+            "AnInterfaceInUse", {{report, "eth1", "fd01::1"}, {takeBack, "eth1", "fd01::1"}}, {"eth0"}},
+        WaitingReports{
+            "TwoAddresses",
+            {{takeBack, "eth1", "fd01::1"}, {report, "eth1", "fd01::2"}, {takeBack, "eth1", "fd01::1"}},
+            {"eth0", "eth1"}},
+        WaitingReports{
+            "TwoInterfaces",
+            {{takeBack, "eth1", "fd01::1"}, {report, "eth2", "fd01::1"}, {takeBack, "eth1", "fd01::1"}},
+            {"eth0", "eth2"}}),
+    ::testing::PrintToStringParamName());
 
 TEST_P(BusyPlaceTest, ReportsFromThereAndFromAnotherThreadWaitForNobodyAndAreHandled)
 {
@@ -191,9 +324,8 @@ TEST_F(ReportingThreadsTest, NoMoreThan16384ReportsWaitWhileOneIsHandled)
         if (line != joining0 || std::exchange(isDone, true))
             return;
         std::thread other([&] {
-            OEMInterface::RemoveServiceDiscoveryInterfacePayload nonsense{{"eth1", "nonsense"}};
             for (int i = 0; i < 16384 + 3; ++i)
-                reportRemoved(unit.hub, nonsense);
+                takeBack(unit.hub, "eth1", "nonsense");
         });
         other.join();
     });
@@ -201,14 +333,31 @@ TEST_F(ReportingThreadsTest, NoMoreThan16384ReportsWaitWhileOneIsHandled)
     report(unit.hub, "eth0", globalAddress);
     log.onLine(nullptr);
 
-    EXPECT_EQ(
-        log.count("Error: ServiceDiscovery failed to remove Interface \"eth1\" with IP \"nonsense\" for "
-                  "sending: Invalid address: nonsense"),
-        16384u);
+    EXPECT_EQ(log.count(nonsense), 16384u);
     EXPECT_EQ(log.errors().back(),
               "Error: SDCommunicationHub - 3 reports of interfaces are dropped: 16384 "
               "others were waiting.");
     report(unit.hub, "eth2", "fd02::1");
+    EXPECT_THAT(joinedInterfaces(), ElementsAre("eth0", "eth2"));
+}
+
+TEST_F(ReportingThreadsTest, ReportsOfOtherThreadsAreNotCountedAsMadeFromWithinLines)
+{
+    bool isDone = false;
+    log.onLine([&](const std::string& line) {
+        if (line != joining0 || std::exchange(isDone, true))
+            return;
+        std::thread other([&] {
+            for (int i = 0; i < 1024; ++i)
+                takeBack(unit.hub, "eth1", "nonsense");
+        });
+        other.join();
+        report(unit.hub, "eth2", "fd02::1");
+    });
+
+    report(unit.hub, "eth0", globalAddress);
+    log.onLine(nullptr);
+
     EXPECT_THAT(joinedInterfaces(), ElementsAre("eth0", "eth2"));
 }
 
@@ -219,10 +368,9 @@ TEST_F(ReportingThreadsTest, InterfaceThatIsReportedWithoutAPauseDoesNotFillTheQ
         if (line != joining0 || std::exchange(isDone, true))
             return;
         std::thread other([&] {
-            OEMInterface::RemoveServiceDiscoveryInterfacePayload removal{{"eth1", "fd01::1"}};
             for (int i = 0; i < 16384; ++i) {
                 report(unit.hub, "eth1", "fd01::1");
-                reportRemoved(unit.hub, removal);
+                takeBack(unit.hub, "eth1", "fd01::1");
             }
             report(unit.hub, "eth1", "fd01::1");
         });

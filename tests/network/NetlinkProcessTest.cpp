@@ -9,6 +9,7 @@
 #include <Poco/SharedPtr.h>
 
 #include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <csignal>
 #include <cstdlib>
@@ -186,6 +187,22 @@ struct Exiting
     void onAdded(OEMInterface::AddServiceDiscoveryInterfacePayload&) { std::exit(works); }
 };
 
+/// Forks when the first interface is reported, and returns in the child as well.
+struct Forking
+{
+    void onAdded(OEMInterface::AddServiceDiscoveryInterfacePayload&)
+    {
+        if (child != 0)
+            return;
+        const pid_t forked = ::fork();
+        if (forked == 0)
+            ::alarm(20);
+        child = forked == 0 ? -1 : forked;
+    }
+
+    std::atomic<pid_t> child{0};
+};
+
 /// Whether the dispatcher's thread waits for something.
 bool isFollowerAsleep()
 {
@@ -284,6 +301,31 @@ TEST_F(NetlinkProcessTest, FollowsInAProcessThatMayNotEvenWaitForDescriptors)
                 AllOf(Contains(line), Each(line), SizeIs(Le(static_cast<std::size_t>(elapsed.count()) + 2))));
 }
 
+TEST_F(NetlinkProcessTest, ChildForkedInALineAboutAFailureEndsAtOnceAndTheParentGoesOn)
+{
+    static std::atomic<pid_t> child{0};
+    const auto scenario = [&] {
+        ::alarm(20);
+        LogCatcher log;
+        log.onLine([](const std::string&) {
+            if (child == 0)
+                child = ::fork();
+        });
+        network.link("eth0", "fd00::1");
+        follow();
+        shell("(sleep 0.5; ip -n here link delete eth0) > /dev/null 2>&1 &");
+        {
+            const DescriptorLimit nothing(0);
+            eventually([] { return child > 0; });
+        }
+        const bool isEnded = child > 0 && endsWith(EXIT_SUCCESS, child);
+        network.link("eth1", "fd01::1");
+        ::_exit(isEnded && reports->come(3) ? works : isWrong);
+    };
+
+    EXPECT_EXIT(scenario(), ::testing::ExitedWithCode(works), "");
+}
+
 #endif
 
 TEST_F(NetlinkProcessTest, GivesItsDescriptorsBack)
@@ -361,6 +403,25 @@ TEST_F(NetlinkProcessTest, DelegateMayEndTheProcess)
         network.link("eth0", "fd00::1");
         eventually([] { return false; });
         ::_exit(isWrong);
+    };
+
+    EXPECT_EXIT(scenario(), ::testing::ExitedWithCode(works), "");
+}
+
+TEST_F(NetlinkProcessTest, ChildThatADelegateForksAndReturnsInEndsAtOnce)
+{
+    const auto scenario = [&] {
+        NetlinkDispatcher offered;
+        reports.emplace(offered);
+        Forking forking;
+        const auto binding = offered.bindResponse(Poco::delegate(&forking, &Forking::onAdded));
+        network.link("eth0", "fd00::1");
+        const bool isForked = eventually([&] { return forking.child > 0; });
+
+        const bool isEnded = isForked && endsWith(EXIT_SUCCESS, forking.child);
+
+        network.link("eth1", "fd01::1");
+        ::_exit(isEnded && reports->come(2) ? works : isWrong);
     };
 
     EXPECT_EXIT(scenario(), ::testing::ExitedWithCode(works), "");

@@ -23,6 +23,7 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 namespace Nubo::ServiceDiscovery::Testing {
@@ -355,6 +356,26 @@ TEST_F(LinuxDispatcherTest, DelegateThatThrowsCostsNobodyAReportWhenTheLogThrows
     dispatcher.addInterface("eth0", "fd00::1");
 
     EXPECT_THAT(other.lines(), ElementsAre("+eth0 fd00::1"));
+}
+
+TEST_F(LinuxDispatcherTest, ChildForkedInALineAboutADelegateEndsWhenTheLineDoes)
+{
+    constexpr int works = 10;
+    constexpr int isWrong = 11;
+    EXPECT_EXIT(
+        {
+            ::alarm(20);
+            pid_t child = -1;
+            LogCatcher log;
+            log.onLine([&](const std::string&) { child = ::fork(); });
+            Reports throwing(dispatcher);
+            throwing.onReport([] { throw std::runtime_error("too much"); });
+            dispatcher.addInterface("eth0", "fd00::1");
+            int status = EXIT_FAILURE;
+            const bool isEnded = child > 0 && ::waitpid(child, &status, 0) == child;
+            ::_exit(isEnded && WIFEXITED(status) && WEXITSTATUS(status) == EXIT_SUCCESS ? works : isWrong);
+        },
+        ::testing::ExitedWithCode(works), "");
 }
 
 TEST_F(LinuxDispatcherTest, NobodyWhoBindsMeanwhileMissesAReportOrGetsItTwice)

@@ -24,6 +24,7 @@ namespace {
 
 void logFailure(const char* what, const std::string& name, const std::string& ip)
 {
+    const Common::NoReturnInChildren whenWritten;
     try {
         Logging::LogStream log(Logging::Log::Logger(), Poco::Message::PRIO_ERROR);
         log.addDefaultOutput(__FILE__, __LINE__);

@@ -149,6 +149,7 @@ private:
 
     static void logFailure()
     {
+        const Common::NoReturnInChildren whenWritten;
         try {
             Logging::LogStream log(Logging::Log::Logger(), Poco::Message::PRIO_ERROR);
             log.addDefaultOutput(__FILE__, __LINE__);
