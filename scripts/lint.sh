@@ -20,7 +20,7 @@ check() {
 uncoloured() { sed 's/\x1b\[[0-9;]*m//g' "$1"; }
 
 cmake --preset debug -B build-lint >/dev/null
-folders='src platform tools examples bench fuzz'
+folders='src common platform tools examples bench fuzz'
 # shellcheck disable=SC2086 # lists of folders and files
 {
     code=$(find $folders tests -name '*.h' -o -name '*.cpp')
@@ -32,7 +32,7 @@ folders='src platform tools examples bench fuzz'
     check cppcheck -j "$jobs" --quiet --template=gcc --error-exitcode=1 --std=c++17 \
         --enable=warning,performance,portability --inline-suppr --suppressions-list=.cppcheck-suppressions \
         --library=googletest,posix \
-        -I src -I platform/KELUtilLib/include -I platform/KELOEMInterfaceLib/include \
+        -I src -I common -I platform/KELUtilLib/include -I platform/KELOEMInterfaceLib/include \
         -I tools/common -I tools/nubo-sd -I tests $folders tests
     check run-clang-tidy -j "$jobs" -quiet -p build-lint \
         "^$PWD/${pattern:-($(echo "$folders" | tr ' ' '|'))/}"

@@ -39,8 +39,8 @@ int run(int argc, char** argv)
     app.require_subcommand(0, 1);  // a missing one is reported below, in clearer words
     app.fallthrough();
     app.footer(
-        "The options of nubo-sd --help may stand before or after a subcommand's own.\n\n"
-        "Exit codes: 0 done; 1 nothing found (find), or something bad (doctor); 2 wrong arguments or an\n"
+        "The options listed by nubo-sd --help can precede or follow those of a subcommand.\n\n"
+        "Exit codes: 0 success; 1 find found nothing, or doctor found a problem; 2 wrong arguments or an\n"
         "invalid service; 3 the network cannot be used.");
 
     CommonOptions common;

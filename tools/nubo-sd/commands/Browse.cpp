@@ -34,8 +34,7 @@ int run(const BrowseOptions& options, const CommonOptions& common)
 Subcommand::Run setUpBrowse(CLI::App& commandLine, const CommonOptions& common)
 {
     const auto options = std::make_shared<BrowseOptions>();
-    commandLine
-        .add_option("--find", options->names, "Also send out a search for services of this name; repeatable")
+    commandLine.add_option("--find", options->names, "Also search for services with this name; repeatable")
         ->type_name("NAME")
         ->allow_extra_args(false);
     addReportOptions(commandLine, options->report);

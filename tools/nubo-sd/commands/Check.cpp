@@ -31,7 +31,7 @@ int run(const std::string& path)
 Subcommand::Run setUpCheck(CLI::App& commandLine, const CommonOptions&)
 {
     const auto path = std::make_shared<std::string>();
-    commandLine.add_option("FILE", *path, "List of services, as announce --file takes it")->required();
+    commandLine.add_option("FILE", *path, "List of services, as for announce --file")->required();
     return [path] { return NuboSd::run(*path); };
 }
 

@@ -38,38 +38,40 @@ void addCommonOptions(CLI::App& commandLine, CommonOptions& common)
     commandLine
         .add_option("-i,--interface", common.interfaces,
                     "Announce and listen on this interface only; repeatable. Default: every interface that "
-                    "is up, can multicast, is not loopback and has an IPv6 address, followed as they come "
-                    "and go")
+                    "is up, can multicast, is not loopback and has an IPv6 address; changes are followed")
         ->type_name("NAME")
         ->allow_extra_args(false);
     commandLine
         .add_option("-a,--address", common.address,
-                    "This unit's address. Default: a global address of the first interface, else its "
-                    "link-local one")
+                    "This unit's address. Default: a global address of the first interface, or its "
+                    "link-local one if it has none")
         ->type_name("IPv6");
-    commandLine.add_flag("--json", common.json, "Print one JSON object a line instead of text");
+    commandLine.add_flag("--json", common.json, "Print one JSON object per line instead of text");
     commandLine
-        .add_option("--log-level", common.logLevel,
-                    "How much of the library's log to write to standard error: error, warning, notice, "
-                    "debug or trace")
+        .add_option(
+            "--log-level", common.logLevel,
+            "Write log messages of the library to standard error, down to this level: error, warning, "
+            "notice, debug or trace")
         ->type_name("LEVEL")
         ->check(CLI::IsMember({"error", "warning", "notice", "debug", "trace"}))
         ->capture_default_str();
     addSeconds(commandLine, "--duration", common.duration,
-               "End by itself after this long; without it until SIGINT or SIGTERM");
+               "Exit after this many seconds. Default: run until SIGINT or SIGTERM");
 }
 
 void addTimeOption(CLI::App& commandLine, bool& withTime)
 {
-    commandLine.add_flag("--time", withTime,
-                         "Print the time of each event: local in front of text, in UTC as \"time\" in JSON");
+    commandLine.add_flag(
+        "--time", withTime,
+        "Print the time of each event: in text, local time at the start of the line; in JSON, UTC "
+        "as \"time\"");
 }
 
 void addReportOptions(CLI::App& commandLine, ReportOptions& options)
 {
     addTimeOption(commandLine, options.withTime);
     commandLine.add_flag("--no-live", options.noLive,
-                         "Print a line for each event also where a terminal could show a table");
+                         "Print one line per event even if the terminal can show a table");
 }
 
 CLI::Option* addSeconds(CLI::App& commandLine, const std::string& name, double& target,

@@ -55,8 +55,8 @@ Subcommand::Run setUpFind(CLI::App& commandLine, const CommonOptions& common)
     const auto options = std::make_shared<FindOptions>();
     commandLine.add_option("NAME", options->name, "Name of the service")->required();
     addSeconds(commandLine, "--timeout", options->timeout,
-               "Give up after this long. What answers within the first second is printed whole; after that "
-               "the first answer ends the search")
+               "Give up after this many seconds. All answers within the first second are printed; after "
+               "that, the first answer ends the search")
         ->capture_default_str();
     addTimeOption(commandLine, options->withTime);
     return [options, &common] { return NuboSd::run(*options, common); };

@@ -142,7 +142,7 @@ int listen(const Options& options, const CommonOptions& common)
         capture.read([&](const SeenDatagram& datagram) { printer.print(datagram); });
     }
     if (const unsigned dropped = capture.dropped())
-        std::cerr << "nubo-sd: " << dropped << " frames were not seen, for want of room" << std::endl;
+        std::cerr << "nubo-sd: " << dropped << " frames were dropped: buffer full" << std::endl;
     return Done;
 }
 
@@ -151,18 +151,17 @@ int listen(const Options& options, const CommonOptions& common)
 Subcommand::Run setUpMonitor(CLI::App& commandLine, const CommonOptions& common)
 {
     const auto options = std::make_shared<Options>();
-    commandLine
-        .add_option("--pcap", options->pcap, "Also write the frames to a capture file, for other analysers")
+    commandLine.add_option("--pcap", options->pcap, "Also write the frames to a capture file")
         ->type_name("FILE");
     commandLine
         .add_option("--read", options->read,
                     "Decode the frames of a capture file instead of those on the interfaces")
         ->type_name("FILE");
     commandLine
-        .add_option("--name", options->names, "Print entries about services of this name only; repeatable")
+        .add_option("--name", options->names, "Print only entries about services with this name; repeatable")
         ->type_name("NAME")
         ->allow_extra_args(false);
-    commandLine.add_option("--from", options->senders, "Print what this address sent only; repeatable")
+    commandLine.add_option("--from", options->senders, "Print only what this address sent; repeatable")
         ->type_name("IPv6")
         ->allow_extra_args(false)
         ->transform(
@@ -171,15 +170,15 @@ Subcommand::Run setUpMonitor(CLI::App& commandLine, const CommonOptions& common)
     for (const std::string& kind : SeenEntry::kinds)
         kinds += (kinds.empty() ? "" : ", ") + kind;
     commandLine
-        .add_option("--kind", options->kinds, "Print entries of this kind only; repeatable. Kinds: " + kinds)
+        .add_option("--kind", options->kinds, "Print only entries of this kind; repeatable. Kinds: " + kinds)
         ->type_name("KIND")
         ->allow_extra_args(false)
         ->check(CLI::IsMember(SeenEntry::kinds));
     commandLine.footer(
-        "It takes no part in the protocol and runs beside a registry; all it needs is the right to capture,\n"
-        "the capability CAP_NET_RAW. A line is printed for each entry of each packet, and for what is "
-        "malformed\n"
-        "with the reason. Of datagrams that were sent in fragments only the first is seen.");
+        "monitor only listens, so it can run beside a registry. It needs the privilege to capture frames,\n"
+        "CAP_NET_RAW. It prints one line per entry; for malformed data, it prints the reason. It sees only "
+        "the\n"
+        "first fragment of a fragmented datagram.");
     return [options, &common] {
         return options->read.empty() ? listen(*options, common) : readFile(*options, common);
     };

@@ -15,11 +15,11 @@ Subcommand::Run setUpMonitor(CLI::App& commandLine, const CommonOptions& common)
 
 constexpr Subcommand subcommands[] = {
     {"announce", "Announce services of this unit, and report those of other units", setUpAnnounce},
-    {"browse", "Report the services of other units as they come and go", setUpBrowse},
-    {"check", "Look for mistakes in a list of services", setUpCheck},
-    {"doctor", "Look for what hinders service discovery on this unit", setUpDoctor},
+    {"browse", "Report the services of other units as they appear and disappear", setUpBrowse},
+    {"check", "Report every mistake in a list of services", setUpCheck},
+    {"doctor", "Diagnose what prevents discovery on this unit", setUpDoctor},
     {"find", "Search for a service and print each instance found", setUpFind},
-    {"monitor", "Print every service-discovery packet on the interfaces, decoded", setUpMonitor},
+    {"monitor", "Decode and print every service-discovery packet on the interfaces", setUpMonitor},
 };
 
 }  // namespace NuboSd
