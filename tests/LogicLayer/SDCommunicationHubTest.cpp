@@ -396,6 +396,14 @@ TEST_F(SDCommunicationHubTest, RecordWhosePacketIsLargerThanTheMTUIsNotSent)
                                           "services! (Bad data format: SD packet exceeds the MTU"));
 }
 
+TEST_F(SDCommunicationHubTest, NullRecordEndsTheAnnouncementUnsent)
+{
+    unit.hub.announce({makeRecord(Type::ANNOUNCED, SDService::State::MAIN_PHASE), SDService::Ptr()});
+
+    EXPECT_THAT(log.complaints(), ElementsAre("Error: SDCommunicationHub - Exception caught while announcing "
+                                              "services! (Null pointer"));
+}
+
 TEST_F(SDCommunicationHubTest, ReceivedDatagramIsLoggedWithItsSender)
 {
     receive("01"_bytes);
