@@ -5,6 +5,7 @@
 #include "DataLayer/Log.h"
 #include "DataLayer/SDClock.h"
 #include "DataLayer/SOME_IP_SD/SOME_IP_SD_Option_IPv6.h"
+#include "LogicLayer/SDCommunicationHub.h"
 #include "Multicast/CloseOnExec.h"
 #include "Multicast/InterfaceAdmission.h"
 
@@ -48,13 +49,6 @@ constexpr std::size_t usualPackets = 10;
 bool isNotUsableYet(const Poco::Exception& exception)
 {
     return exception.code() == EADDRNOTAVAIL;
-}
-
-bool has(const NetworkInterface::AddressList& addresses, const IPAddress& address)
-{
-    return std::any_of(addresses.begin(), addresses.end(), [&](const auto& entry) {
-        return isSameAddress(entry.template get<NetworkInterface::IP_ADDRESS>(), address);
-    });
 }
 
 /// Opens what throws the exception of an error number.
@@ -186,7 +180,9 @@ Outcome MulticastSender::unsafe_add(const AdmittedInterface& admitted, const std
     const std::shared_ptr<const InterfaceContainer> present = interfaces();
     const auto found = present->find(admitted.interface);
     // What is used may have lost its address, which was not taken back: this one takes its place.
-    if (found != present->end() && has(listing.addressesOf(admitted.interface), found->second.address)) {
+    if (found != present->end() &&
+        SDCommunicationHub::containsIP(listing.addressesOf(admitted.interface), found->second.address, name))
+    {
         if (attempt == Attempt::Report)
             SD_LOG(Warning) << "ServiceDiscovery failed to add Interface " << quoted
                             << " for sending: already added \"" << found->first.name();
