@@ -78,6 +78,19 @@ std::size_t residentMemory()
     return resident * static_cast<std::size_t>(::sysconf(_SC_PAGESIZE));
 }
 
+bool isAsleep(const std::string& thread)
+{
+    for (const auto& task : std::filesystem::directory_iterator("/proc/self/task")) {
+        std::string number;
+        std::string name;
+        std::string state;
+        std::ifstream(task.path() / "stat") >> number >> name >> state;
+        if (name == "(" + thread + ")")
+            return state == "S";
+    }
+    return false;
+}
+
 ProcessorTimes processorTimes()
 {
     ProcessorTimes times;

@@ -24,6 +24,9 @@ std::size_t runningThreads();
 /// How many descriptors are open.
 std::size_t openDescriptors();
 
+/// Whether the process's thread of that name waits for something.
+bool isAsleep(const std::string& thread);
+
 /// The process's socket that is bound to that port of IPv6. Throws std::runtime_error when there is none.
 int socketAt(std::uint16_t port);
 
