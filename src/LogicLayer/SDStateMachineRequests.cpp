@@ -127,7 +127,7 @@ bool SDStateMachine::unsafe_removePeriodic(Entry& entry)
 
 bool SDStateMachine::unsafe_removeAperiodic(Entry& entry)
 {
-    const SDService::Ptr service = entry;
+    SDService::Ptr service = entry;
     const State::State_t state = entry->getState();
     if (entry->getType() != Type::ANNOUNCED)
         return false;
@@ -140,8 +140,8 @@ bool SDStateMachine::unsafe_removeAperiodic(Entry& entry)
     if (state != State::INITIAL_WAIT_PHASE && state != State::REPETITION_PHASE)
         return false;
     unsafe_addPeriodicService(service);  // first, because it throws when memory is short
-    entry->setState(State::SHUTDOWN_PHASE);
-    entry->setTTL(0);
+    service->setState(State::SHUTDOWN_PHASE);
+    service->setTTL(0);
     m_aperiodicWorkload.erase(entry);
     SD_LOG(Trace) << "SDStateMachine::handleDELETE: move Announced \"" << nameOf(service)
                   << "\" from initial|repetition to shutdown.";

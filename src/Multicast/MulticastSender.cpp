@@ -50,13 +50,6 @@ bool isNotUsableYet(const Poco::Exception& exception)
     return exception.code() == EADDRNOTAVAIL;
 }
 
-bool has(const NetworkInterface::AddressList& addresses, const IPAddress& address)
-{
-    return std::any_of(addresses.begin(), addresses.end(), [&](const auto& entry) {
-        return isSameAddress(entry.template get<NetworkInterface::IP_ADDRESS>(), address);
-    });
-}
-
 /// Opens what throws the exception of an error number.
 struct SocketErrors : Poco::Net::SocketImpl
 {
@@ -185,7 +178,9 @@ Outcome MulticastSender::unsafe_add(const AdmittedInterface& admitted, const std
     const std::shared_ptr<const InterfaceContainer> present = interfaces();
     const auto found = present->find(admitted.interface);
     // The interface may have lost the address in use without a report: the new address replaces it.
-    if (found != present->end() && has(listing.addressesOf(admitted.interface), found->second.address)) {
+    if (found != present->end() &&
+        containsIP(listing.addressesOf(admitted.interface), found->second.address, name))
+    {
         if (attempt == Attempt::Report)
             SD_LOG(Warning) << "ServiceDiscovery failed to add Interface " << quoted
                             << " for sending: already added \"" << found->first.name();

@@ -232,6 +232,7 @@ TEST_F(OddPacketTest, PacketWithAnInvalidHeaderIsPassedOver)
     handle([&](auto& out) { out = {invalid, good}; });
 
     EXPECT_THAT(log.errors(), ElementsAre("Error: SDRequestHandler - found invalid SOME/IP Header."));
+    EXPECT_FALSE(log.has("Debug: run: processing 0 Entrie(s)..."));
     EXPECT_TRUE(
         log.has("Trace: SDRequestHandler - invalid SOME/IP Header: " + invalid->getSomeIP().toString(0)));
 }
@@ -244,6 +245,7 @@ TEST_F(OddPacketTest, PacketWithAnInvalidPayloadIsPassedOver)
     handle([&](auto& out) { out = {invalid, good}; });
 
     EXPECT_THAT(log.errors(), ElementsAre("Error: SDRequestHandler - found invalid SOME/IP SD Payload."));
+    EXPECT_FALSE(log.has("Debug: run: processing 0 Entrie(s)..."));
     EXPECT_TRUE(log.has("Trace: SDRequestHandler - invalid SOME/IP SD Payload: " +
                         invalid->getSomeIP_SD().toString(0)));
 }

@@ -10,8 +10,6 @@
 #include <atomic>
 #include <csignal>
 #include <cstdlib>
-#include <filesystem>
-#include <fstream>
 #include <stdexcept>
 #include <string>
 
@@ -34,25 +32,11 @@ struct Idle
     void onServiceListChanged(ServiceDiscovery::ServiceListEventPayload&) {}
 };
 
-/// A running thread may hold one of the sanitizer's locks, which would stay locked forever in a forked child.
-bool areOtherThreadsAsleep()
-{
-    const std::string own = std::to_string(::getpid());
-    for (const auto& task : std::filesystem::directory_iterator("/proc/self/task")) {
-        std::string number;
-        std::string name;
-        std::string state;
-        std::ifstream(task.path() / "stat") >> number >> name >> state;
-        if (number != own && state != "S")
-            return false;
-    }
-    return true;
-}
-
 /// Runs the function in a forked child. Returns whether the child ends by itself, with the code for success.
 template <class Action>
 bool childDoes(Action action)
 {
+    // A running thread may hold one of the sanitizer's locks, which would stay locked forever in the child.
     eventually(areOtherThreadsAsleep);
     const pid_t child = ::fork();
     if (child == 0)

@@ -12,8 +12,6 @@
 #include <Poco/Net/IPAddress.h>
 
 #include <chrono>
-#include <filesystem>
-#include <fstream>
 #include <string>
 
 #include <gmock/gmock.h>
@@ -36,15 +34,7 @@ constexpr auto globalAddress = "fd00::1";
 /// Whether the thread that retries waits, for the next attempt when nothing else is under way.
 bool isRetryAsleep()
 {
-    for (const auto& task : std::filesystem::directory_iterator("/proc/self/task")) {
-        std::string number;
-        std::string name;
-        std::string state;
-        std::ifstream(task.path() / "stat") >> number >> name >> state;
-        if (name == "(SdIfRetry)")
-            return state == "S";
-    }
-    return false;
+    return isAsleep("SdIfRetry");
 }
 
 struct HubInterfacesTest : ::testing::Test

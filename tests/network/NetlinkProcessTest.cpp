@@ -14,7 +14,6 @@
 #include <csignal>
 #include <cstdlib>
 #include <filesystem>
-#include <fstream>
 #include <functional>
 #include <string>
 #include <vector>
@@ -202,20 +201,6 @@ struct Forking
 
     std::atomic<pid_t> child{0};
 };
-
-/// Whether the dispatcher's thread waits for something.
-bool isFollowerAsleep()
-{
-    for (const auto& task : std::filesystem::directory_iterator("/proc/self/task")) {
-        std::string number;
-        std::string name;
-        std::string state;
-        std::ifstream(task.path() / "stat") >> number >> name >> state;
-        if (name == "(OEMNetlink)")
-            return state == "S";
-    }
-    return false;
-}
 
 /// Whether the process ends without a signal, with that exit code.
 bool endsWith(int code, pid_t process)
@@ -436,7 +421,7 @@ TEST_F(NetlinkProcessTest, ForkedChildThatExitsEndsNothing)
         offered.reset();
         // A running thread may hold one of the sanitizer's locks, which would stay locked forever in the
         // child.
-        eventually(isFollowerAsleep);
+        eventually([] { return isAsleep("OEMNetlink"); });
         const pid_t child = ::fork();
         if (child == 0)
             std::exit(works);

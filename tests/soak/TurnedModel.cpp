@@ -13,6 +13,9 @@ namespace {
 /// One cycle, plus the time that records due together wait for each other.
 constexpr auto longestPause = second + 50 * millisecond;
 
+/// After its start a unit hears the others first, before it takes anything for gone.
+constexpr auto firstHearing = 1100 * millisecond;
+
 constexpr std::uint16_t lastSession = 0xFFFE;  // 0 and 0xFFFF are never sent
 
 }  // namespace
@@ -167,7 +170,7 @@ void TurnedModel::judge()
         for (const auto& [service, own] : state.own)
             checkOwn(unit, service, own);
         for (auto& [service, heard] : state.heard) {
-            const Microseconds since = std::max(heard.deadline, state.started);
+            const Microseconds since = std::max(heard.deadline, state.started + firstHearing);
             if (!heard.isKnown || TurnedTime::now() <= since + longestPause)
                 continue;
             fault(unit, service, "still knows what has run out:");

@@ -218,6 +218,20 @@ TEST_F(TurnedModelTest, ServiceThatIsKnownMuchLongerThanItsTimeToLiveIsAFault)
     EXPECT_THAT(faults, ElementsAre("unit 1 still knows what has run out: \"Other\" at [fd00::2]:8000"));
 }
 
+TEST_F(TurnedModelTest, ServiceThatRunsOutAfterAStartMayBeKnownUntilTheOthersWereHeard)
+{
+    knows();
+    pass(120 * second);
+    model.start(0);
+    pass(2 * second + 150 * millisecond);
+    model.judge();
+
+    EXPECT_THAT(faults, IsEmpty());
+    pass(1);
+    model.judge();
+    EXPECT_THAT(faults, ElementsAre("unit 1 still knows what has run out: \"Other\" at [fd00::2]:8000"));
+}
+
 TEST_F(TurnedModelTest, LossByAnotherIdentifierIsAFault)
 {
     knows();

@@ -1,5 +1,6 @@
 #include "support/Process.h"
 
+#include <algorithm>
 #include <cstdint>
 #include <filesystem>
 #include <fstream>
@@ -7,6 +8,7 @@
 #include <stdexcept>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include <arpa/inet.h>
 #include <malloc.h>
@@ -32,6 +34,26 @@ void startSanitizersThread()
     std::thread([&task] { task = "/proc/self/task/" + std::to_string(::gettid()); }).join();
     while (std::filesystem::exists(task))
         std::this_thread::yield();
+}
+
+struct ThreadState
+{
+    std::string number;
+    std::string name;  // in parentheses
+    bool isAsleep;
+};
+
+std::vector<ThreadState> threadStates()
+{
+    std::vector<ThreadState> states;
+    for (const auto& task : std::filesystem::directory_iterator("/proc/self/task")) {
+        std::string number;
+        std::string name;
+        std::string state;
+        std::ifstream(task.path() / "stat") >> number >> name >> state;
+        states.push_back({number, name, state == "S"});
+    }
+    return states;
 }
 
 }  // namespace
@@ -83,6 +105,22 @@ std::size_t residentMemory()
     std::size_t resident = 0;
     std::ifstream("/proc/self/statm") >> size >> resident;
     return resident * static_cast<std::size_t>(::sysconf(_SC_PAGESIZE));
+}
+
+bool isAsleep(const std::string& thread)
+{
+    const std::vector<ThreadState> threads = threadStates();
+    return std::any_of(threads.begin(), threads.end(), [&](const ThreadState& state) {
+        return state.name == "(" + thread + ")" && state.isAsleep;
+    });
+}
+
+bool areOtherThreadsAsleep()
+{
+    const std::string own = std::to_string(::gettid());
+    const std::vector<ThreadState> threads = threadStates();
+    return std::all_of(threads.begin(), threads.end(),
+                       [&](const ThreadState& state) { return state.number == own || state.isAsleep; });
 }
 
 ProcessorTimes processorTimes()

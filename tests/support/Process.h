@@ -27,6 +27,12 @@ std::string threadName();
 /// Number of open descriptors.
 std::size_t openDescriptors();
 
+/// Whether the process has a thread of that name that waits for something.
+bool isAsleep(const std::string& thread);
+
+/// Whether all threads but the calling one wait for something.
+bool areOtherThreadsAsleep();
+
 /// The process's socket that is bound to that IPv6 port. Throws std::runtime_error if there is none.
 int socketAt(std::uint16_t port);
 
