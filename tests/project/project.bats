@@ -17,6 +17,14 @@ includes_of() { grep -hoE '^#include "[^"]+"' -r "$1" | sed -E 's/.*"(.*)"/\1/' 
     done
 }
 
+@test "the platform libraries and the common code include nothing of the library" {
+    for folder in platform common; do
+        run ! grep -E '^(DataLayer|Multicast|LogicLayer)/|^(ServiceDiscovery|KnownServices|Export)\.h$' \
+            <(includes_of "$folder")
+    done
+    run ! grep -rE '#include <(DataLayer|Multicast|LogicLayer|ServiceDiscovery|KnownServices)' platform common
+}
+
 @test "of the platform libraries the library includes only their interface" {
     used=$(grep -hoE '#include <KEL[^>]+>' -r src | sort -u)
     expected='#include <KELOEMInterfaceLib/OEMDispatcher.h>
