@@ -7,6 +7,8 @@
 #include "DataLayer/SOME_IP_SD/SOME_IP_SD_Option_IPv4.h"
 #include "DataLayer/SOME_IP_SD/SOME_IP_SD_Option_IPv6.h"
 #include "DataLayer/SOME_IP_SD/SOME_IP_SD_Option_LoadBalancing.h"
+#include "LogicLayer/ReportDelegate.h"
+#include "Multicast/InterfaceAdmission.h"
 #include "ServiceDiscovery.h"
 
 #include <Common/CurrentException.h>
@@ -267,9 +269,9 @@ void SDCommunicationHub::bindReports()
     }
     // Removals first: an interface that goes while the standing ones are being reported must not be missed.
     m_multicastRemoveIfBinding =
-        dispatcher->bindResponse(Poco::delegate(this, &SDCommunicationHub::onInterfaceRemoved));
+        dispatcher->bindResponse(ReportDelegate(this, &SDCommunicationHub::onInterfaceRemoved));
     m_multicastAddIfBinding =
-        dispatcher->bindResponse(Poco::delegate(this, &SDCommunicationHub::onInterfaceAdded));
+        dispatcher->bindResponse(ReportDelegate(this, &SDCommunicationHub::onInterfaceAdded));
 }
 
 SDCommunicationHub::~SDCommunicationHub()
@@ -670,12 +672,14 @@ bool SDCommunicationHub::isOwnOutgoingAddress(const Poco::Net::SocketAddress& ad
 bool SDCommunicationHub::containsIP(const Poco::Net::NetworkInterface::AddressList& addressList,
                                     const Poco::Net::IPAddress& ip, const std::string& interfaceName)
 {
-    const std::string plain = ip.toString();
-    // Poco writes addresses in lower case, the scope included.
-    const std::string scoped = Poco::toLower(plain + "%" + interfaceName);
     return std::any_of(addressList.begin(), addressList.end(), [&](const auto& entry) {
-        const std::string text = entry.template get<Poco::Net::NetworkInterface::IP_ADDRESS>().toString();
-        return text == plain || text == scoped;
+        const Poco::Net::IPAddress& address = entry.template get<Poco::Net::NetworkInterface::IP_ADDRESS>();
+        if (!Multicast::isSameAddress(address, ip))
+            return false;  // most are told apart without texts: for a scope Poco asks the system for its name
+        const std::string plain = ip.toString();
+        const std::string text = address.toString();
+        // Poco writes addresses in lower case, the scope included.
+        return text == plain || text == Poco::toLower(plain + "%" + interfaceName);
     });
 }
 
