@@ -69,7 +69,8 @@ bool shows(const InterfaceListing& listing, const std::string& name, const std::
 ReportedInterfaces::ReportedInterfaces(MulticastReceiver& receiver, MulticastSender& sender)
     : m_receiver(receiver)
     , m_sender(sender)
-    , m_reports(this, [this](const ReportQueue::Report& report) { handle(report); })
+    , m_reports(
+          this, [this](const ReportQueue::Report& report) { handle(report); }, [this] { leaveRest(); })
 {}
 
 ReportedInterfaces::~ReportedInterfaces()
@@ -145,6 +146,7 @@ bool ReportedInterfaces::displaceLongestPending()
         return false;
     SD_LOG(Error) << "SDCommunicationHub - Interface " << QuotedInterface{longest->name, longest->ip}
                   << " is not waited for any longer: " << mostInterfaces << " others stand reported.";
+    m_sender.stopAwaiting(longest->name, longest->address);
     m_interfaces.erase(longest);
     letGo();
     return true;
@@ -276,15 +278,13 @@ void ReportedInterfaces::start()
             serve(interface, Attempt::Again);
         startRetrying(hasPending());
     });
-    leaveRestToThread();
 }
 
-/// When reports came without a pause, some wait still.
-void ReportedInterfaces::leaveRestToThread()
+/// To the thread that retries, or else to the next start or report.
+void ReportedInterfaces::leaveRest() noexcept
 {
-    const LogAfterwards afterwards;
-    const std::unique_lock<std::mutex> idle = m_reports.idle();
-    startRetrying(m_reports.unsafe_areWaiting());
+    persist([this] { startRetrying(true); });
+    m_disturbed.notify_all();
 }
 
 void ReportedInterfaces::stop() noexcept
@@ -335,26 +335,33 @@ void ReportedInterfaces::retry()
 {
     const EngineFrame frame(this);
     DebugUtils::setThreadName("SdIfRetry", "ReportedInterfaces::retry");
-    while (awaitRound()) {
-        m_reports.work([this] {
+    Poco::Clock lastRound = SDClock::now();
+    for (Task task = awaitTask(lastRound); task != Task::None; task = awaitTask(lastRound)) {
+        m_reports.work([&] {
+            if (task == Task::Reports)
+                return;  // which are handled at the end of any work
             m_listing.reset();
             for (Interface& interface : m_interfaces) {
                 if (m_isRunning && interface.isPending)
                     serve(interface, Attempt::Again);
             }
+            lastRound = SDClock::now();
         });
     }
 }
 
-/// Whether there is a further round, be it for reports that were left to this thread.
-bool ReportedInterfaces::awaitRound()
+/// What the thread that retries has to do next. Reports that were left to it bring no round forward.
+ReportedInterfaces::Task ReportedInterfaces::awaitTask(const Poco::Clock& lastRound)
 {
     std::unique_lock<std::mutex> idle = m_reports.idle();
-    const bool areWaiting = m_reports.unsafe_areWaiting();
-    m_isRetrying = m_isRunning && (areWaiting || hasPending());
-    if (m_isRetrying && !areWaiting)
-        m_stopped.wait_for(idle, std::chrono::microseconds(wait()), [this] { return !m_isRunning; });
-    return m_isRetrying && m_isRunning;
+    m_isRetrying = m_isRunning && (m_reports.unsafe_areWaiting() || hasPending());
+    if (!m_isRetrying)
+        return Task::None;
+    const Poco::Clock::ClockDiff left = lastRound - SDClock::now() + wait();
+    const auto isDisturbed = [this] { return !m_isRunning || m_reports.unsafe_areWaiting(); };
+    if (left <= 0 || !m_disturbed.wait_for(idle, std::chrono::microseconds(left), isDisturbed))
+        return Task::Round;
+    return m_isRunning ? Task::Reports : Task::None;
 }
 
 /// Does not wait for the thread while at work, as it may be about to begin a round.
@@ -367,7 +374,7 @@ void ReportedInterfaces::endRetrying()
         m_isRetrying = false;
         ended.swap(m_thread);
     }
-    m_stopped.notify_all();
+    m_disturbed.notify_all();
     if (ended.joinable())
         ended.join();
 }

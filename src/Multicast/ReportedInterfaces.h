@@ -11,6 +11,7 @@
 #include <atomic>
 #include <condition_variable>
 #include <cstddef>
+#include <cstdint>
 #include <string>
 #include <thread>
 #include <vector>
@@ -63,6 +64,14 @@ private:
         unsigned index = 0;  ///< that it had when it was last there
     };
 
+    /// Of the thread that retries.
+    enum class Task : std::uint8_t
+    {
+        None,
+        Reports,
+        Round
+    };
+
     void report(bool isTakenBack, const char* name, const char* ip) noexcept;
     void handle(const ReportQueue::Report& report) noexcept;
     bool displaceLongestPending();
@@ -78,10 +87,10 @@ private:
     static void setPending(Interface& interface, bool isPending);
     bool hasPending() const;
     Poco::Clock::ClockDiff wait() const;
-    void leaveRestToThread();
+    void leaveRest() noexcept;
     void startRetrying(bool isNeeded);
     void retry();
-    bool awaitRound();
+    Task awaitTask(const Poco::Clock& lastRound);
     void endRetrying();
 
     MulticastReceiver& m_receiver;
@@ -94,7 +103,7 @@ private:
     std::thread m_thread;
 
     std::atomic<bool> m_isRunning{false};
-    std::condition_variable m_stopped;
+    std::condition_variable m_disturbed;  // the thread's wait for a round
 };
 
 }  // namespace Nubo::ServiceDiscovery::Multicast
