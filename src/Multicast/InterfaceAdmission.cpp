@@ -2,9 +2,14 @@
 
 #include "DataLayer/AddressText.h"
 #include "LogicLayer/SDCommunicationHub.h"
+#include "Multicast/CloseOnExec.h"
+
+#include <Common/StandardStreamGuard.h>
 
 #include <Poco/Exception.h>
+#include <Poco/Net/SocketAddress.h>
 
+#include <cerrno>
 #include <cstdint>
 #include <cstring>
 #include <memory>
@@ -29,6 +34,19 @@ struct OwnCopy : NetworkInterface
         : NetworkInterface(other.name(), other.displayName(), other.adapterName(), other.index())
     {}
 };
+
+/// Whether the system has the address now, as far as it lets a socket be bound to it.
+bool canBeBound(const IPAddress& address)
+{
+    const Common::StandardStreamGuard guard;
+    try {
+        openSocket().bind(Poco::Net::SocketAddress(address, 0), false);
+    }
+    catch (const Poco::Exception& exception) {
+        return exception.code() != EADDRNOTAVAIL;
+    }
+    return true;
+}
 
 const InterfaceListing::Ptr emptyListing = std::make_shared<InterfaceListing>();
 
@@ -97,6 +115,16 @@ bool isStillOneOf(const std::set<std::string>& names, const NetworkInterface& in
                   const InterfaceListing& listing)
 {
     return names.count(interface.name()) != 0 && listing.has(interface.name(), interface.index());
+}
+
+bool isStillThere(const IPAddress& address, const AdmittedInterface& admitted,
+                  const InterfaceListing& listing)
+{
+    if (isSameAddress(address, admitted.address))
+        return true;
+    const NetworkInterface& interface = admitted.interface;
+    return SDCommunicationHub::containsIP(listing.addressesOf(interface), address, interface.name()) &&
+           canBeBound(address);
 }
 
 bool isReportedInterface(const NetworkInterface& interface, const NetworkInterface::AddressList& addresses,

@@ -74,6 +74,11 @@ bool isReportedInterface(const Poco::Net::NetworkInterface& interface,
 bool isStillOneOf(const std::set<std::string>& names, const Poco::Net::NetworkInterface& interface,
                   const InterfaceListing& listing);
 
+/// Whether the interface has that address, which it was used with: not by the listing alone, which may be
+/// older than the end of it.
+bool isStillThere(const Poco::Net::IPAddress& address, const AdmittedInterface& admitted,
+                  const InterfaceListing& listing);
+
 /// Finds the interface that a report wants removed in `table`, an ordered map from network interface to
 /// whatever is kept of it; `addressOf` gives the address that an entry was admitted with, `noAddresses` is
 /// told of every interface on the way that has no address at present. Returns the entry or the end.

@@ -31,6 +31,7 @@
 #include <vector>
 
 #include <linux/filter.h>
+#include <poll.h>
 #include <sys/socket.h>
 
 namespace Nubo::ServiceDiscovery::Multicast {
@@ -374,12 +375,9 @@ bool MulticastReceiver::hasWaiting() const
         return true;
     if (m_service->isStopping)
         return false;
-    try {
-        return m_service->socket.available() > 0 || m_isTaking;
-    }
-    catch (const Poco::Exception&) {
-        return false;  // closed for want of memory
-    }
+    // Not available(): that is 0 while an empty datagram is the first of those that wait.
+    pollfd watched{m_service->socket.impl()->sockfd(), POLLIN, 0};  // none when closed for want of memory
+    return (::poll(&watched, 1, 0) == 1 && (watched.revents & POLLIN) != 0) || m_isTaking;
 }
 
 bool MulticastReceiver::isJoinedOn(const std::string& name) const
@@ -429,6 +427,8 @@ Outcome MulticastReceiver::add(const std::string& name, const std::string& ip,
             break;
     }
     const auto [joined, isNew] = m_joinedInterfaces.emplace(admitted.interface, admitted.address);
+    if (!isNew && !isStillThere(joined->second, admitted, listing))
+        joined->second = admitted.address;  // which it is left by
     if (!isNew && attempt == Attempt::Again)
         return Outcome::InUse;
     if (!isNew)
