@@ -222,9 +222,6 @@ bool MulticastReceiver::start()
         m_service->isStarted = true;
         return true;
     }
-    catch (const Poco::Exception& exception) {
-        SD_LOG(Error) << "MultiCast binding failed: " << exception.displayText();
-    }
     catch (...) {
         SD_LOG(Error) << "MultiCast binding failed: " << Common::currentException;
     }

@@ -900,6 +900,17 @@ TEST_F(RunningReceiverTest, DatagramBehindAnEmptyOneWaits)
     log.onLine(nullptr);
 }
 
+TEST_F(MulticastReceiverTest, AttemptWithAnInterfaceThatIsStillMissingIsNotLogged)
+{
+    log.clear();
+
+    EXPECT_EQ(
+        receiver->add("eth9", "fd00::1", *Multicast::InterfaceListing::take(), Multicast::Attempt::Again),
+        Multicast::Outcome::Pending);
+
+    EXPECT_THAT(log.lines(), IsEmpty());
+}
+
 TEST_F(MulticastReceiverTest, NothingWaitsBeforeTheStart)
 {
     EXPECT_FALSE(receiver->hasWaiting());

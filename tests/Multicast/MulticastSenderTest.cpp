@@ -621,6 +621,30 @@ TEST_F(TwoInterfacesSenderTest, SlowInterfaceGetsAllOfAListInTurn)
                 Each("Error: sendMulticast caught exception: I/O error: Operation would block"));
 }
 
+TEST_F(TwoInterfacesSenderTest, ListBeginsWithWhatASlowInterfaceDidNotTakeOfTheLast)
+{
+    std::vector<std::string> bytes;
+    for (int i = 0; i < 400; ++i)
+        bytes.push_back(std::to_string(i) + std::string(1200, 'x'));
+    Sender::MulticastData list;
+    for (std::string& datagram : bytes)
+        list.emplace_back(datagram.data(), datagram.size());
+    network.here.tc("qdisc add dev eth0 root tbf rate 2mbit burst 1600 limit 10000000");  // one in 5 ms
+    sender->sendMulticast(list, {});
+    const std::size_t lost = log.errors().size();
+    ASSERT_GT(lost, 1u);
+    ASSERT_TRUE(listener0.hears(list.size() - lost));
+    std::set<std::string> heard;
+    for (const Listener::Datagram& datagram : listener0.datagrams())
+        heard.insert(datagram.bytes);
+    listener0.clear();
+
+    sender->sendMulticast(list, {});
+
+    ASSERT_TRUE(listener0.hears(1));
+    EXPECT_EQ(heard.count(listener0.datagrams().front().bytes), 0u);
+}
+
 TEST_F(MulticastSenderTest, SlowInterfaceGetsAllOfAListInTurnBesideAnother)
 {
     Listener listener = addListenedInterface("eth0", "fe80::1");
@@ -1308,6 +1332,14 @@ TEST_F(MulticastSenderTest, AddressThatTheInterfaceHasDoesNotGiveWayToAnother)
 
     Listener listener(network.there, "eth0");
     EXPECT_EQ(ownAddress(listener).host(), IPAddress("fd00::1"));
+}
+
+TEST_F(MulticastSenderTest, AttemptWithAnInterfaceThatIsStillMissingIsNotLogged)
+{
+    EXPECT_EQ(sender->add("eth9", "fd00::1", *Multicast::InterfaceListing::take(), Multicast::Attempt::Again),
+              Multicast::Outcome::Pending);
+
+    EXPECT_THAT(log.lines(), IsEmpty());
 }
 
 TEST_F(TentativeSenderTest, AddressThatIsNotToBeAwaitedAnyLongerIsNot)
