@@ -4,6 +4,7 @@
 #include "DataLayer/Log.h"
 #include "LogicLayer/IncomingEntries.h"
 #include "LogicLayer/InstanceNumbers.h"
+#include "LogicLayer/ReportDelegate.h"
 
 #include <Common/CurrentException.h>
 #include <KELOEMInterfaceLib/OEMDispatcher.h>
@@ -79,9 +80,9 @@ void SDCommunicationHub::bindReports()
     // Removals first: binding the other response reports the present interfaces, and a removal meanwhile must
     // not be missed.
     m_multicastRemoveIfBinding =
-        dispatcher->bindResponse(Poco::delegate(this, &SDCommunicationHub::onInterfaceRemoved));
+        dispatcher->bindResponse(ReportDelegate(this, &SDCommunicationHub::onInterfaceRemoved));
     m_multicastAddIfBinding =
-        dispatcher->bindResponse(Poco::delegate(this, &SDCommunicationHub::onInterfaceAdded));
+        dispatcher->bindResponse(ReportDelegate(this, &SDCommunicationHub::onInterfaceAdded));
 }
 
 SDCommunicationHub::~SDCommunicationHub()

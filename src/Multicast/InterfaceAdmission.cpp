@@ -1,11 +1,16 @@
 #include "Multicast/InterfaceAdmission.h"
 
 #include "DataLayer/AddressText.h"
+#include "Multicast/CloseOnExec.h"
+
+#include <Common/StandardStreamGuard.h>
 
 #include <Poco/Exception.h>
+#include <Poco/Net/SocketAddress.h>
 #include <Poco/String.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdint>
 #include <cstring>
 #include <memory>
@@ -31,6 +36,19 @@ struct OwnCopy : NetworkInterface
         : NetworkInterface(other.name(), other.displayName(), other.adapterName(), other.index())
     {}
 };
+
+/// Returns whether the system has the address at present, judged by whether a socket can be bound to it.
+bool canBeBound(const IPAddress& address)
+{
+    const Common::StandardStreamGuard guard;
+    try {
+        openSocket().bind(Poco::Net::SocketAddress(address, 0), false);
+    }
+    catch (const Poco::Exception& exception) {
+        return exception.code() != EADDRNOTAVAIL;
+    }
+    return true;
+}
 
 const InterfaceListing::Ptr emptyListing = std::make_shared<InterfaceListing>();
 
@@ -92,12 +110,14 @@ InterfaceListing::Ptr listingIfAny() noexcept
 bool containsIP(const NetworkInterface::AddressList& addresses, const IPAddress& ip,
                 const std::string& interfaceName)
 {
-    const std::string plain = ip.toString();
-    // Poco writes addresses in lower case, the scope included.
-    const std::string scoped = Poco::toLower(plain + "%" + interfaceName);
     return std::any_of(addresses.begin(), addresses.end(), [&](const auto& entry) {
-        const std::string text = entry.template get<NetworkInterface::IP_ADDRESS>().toString();
-        return text == plain || text == scoped;
+        const IPAddress& address = entry.template get<NetworkInterface::IP_ADDRESS>();
+        if (!isSameAddress(address, ip))
+            return false;  // cheaper than texts: Poco asks the system for the name of each scope
+        const std::string plain = ip.toString();
+        const std::string text = address.toString();
+        // Poco writes addresses in lower case, the scope included.
+        return text == plain || text == Poco::toLower(plain + "%" + interfaceName);
     });
 }
 
@@ -111,6 +131,15 @@ bool isStillOneOf(const std::set<std::string>& names, const NetworkInterface& in
                   const InterfaceListing& listing)
 {
     return names.count(interface.name()) != 0 && listing.has(interface.name(), interface.index());
+}
+
+bool isStillThere(const IPAddress& address, const AdmittedInterface& admitted,
+                  const InterfaceListing& listing)
+{
+    if (isSameAddress(address, admitted.address))
+        return true;
+    const NetworkInterface& interface = admitted.interface;
+    return containsIP(listing.addressesOf(interface), address, interface.name()) && canBeBound(address);
 }
 
 bool isReportedInterface(const NetworkInterface& interface, const NetworkInterface::AddressList& addresses,

@@ -80,6 +80,11 @@ bool isReportedInterface(const Poco::Net::NetworkInterface& interface,
 bool isStillOneOf(const std::set<std::string>& names, const Poco::Net::NetworkInterface& interface,
                   const InterfaceListing& listing);
 
+/// Returns whether the interface still has that address, with which it is in use. The listing may be
+/// outdated, so this also asks the system.
+bool isStillThere(const Poco::Net::IPAddress& address, const AdmittedInterface& admitted,
+                  const InterfaceListing& listing);
+
 /// Finds the interface to which a removal report refers, in `table`, an ordered map with network interfaces
 /// as keys. `addressOf` returns the address with which an entry was admitted. `noAddresses` is called for
 /// every visited interface that has no address at present. Returns the entry or the end.

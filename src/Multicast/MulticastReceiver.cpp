@@ -30,6 +30,7 @@
 #include <vector>
 
 #include <linux/filter.h>
+#include <poll.h>
 #include <sys/socket.h>
 
 namespace Nubo::ServiceDiscovery::Multicast {
@@ -220,9 +221,6 @@ bool MulticastReceiver::start()
         m_service->isStarted = true;
         return true;
     }
-    catch (const Poco::Exception& exception) {
-        SD_LOG(Error) << "MultiCast binding failed: " << exception.displayText();
-    }
     catch (...) {
         SD_LOG(Error) << "MultiCast binding failed: " << Common::currentException;
     }
@@ -376,12 +374,9 @@ bool MulticastReceiver::hasWaiting() const
         return true;
     if (m_service->isStopping)
         return false;
-    try {
-        return m_service->m_socket.available() > 0 || m_isTaking;
-    }
-    catch (const Poco::Exception&) {
-        return false;  // closed because memory was short
-    }
+    // available() would return 0 while the first waiting datagram is empty.
+    pollfd watched{m_service->m_socket.impl()->sockfd(), POLLIN, 0};  // ignored if closed due to short memory
+    return (::poll(&watched, 1, 0) == 1 && (watched.revents & POLLIN) != 0) || m_isTaking;
 }
 
 bool MulticastReceiver::isJoinedOn(const std::string& name) const
@@ -431,6 +426,8 @@ Outcome MulticastReceiver::add(const std::string& name, const std::string& ip,
             break;
     }
     const auto [joined, isNew] = m_joinedInterfaces.emplace(admitted.interface, admitted.address);
+    if (!isNew && !isStillThere(joined->second, admitted, listing))
+        joined->second = admitted.address;  // needed to leave the group
     if (!isNew && attempt == Attempt::Again)
         return Outcome::InUse;
     if (!isNew)

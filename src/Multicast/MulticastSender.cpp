@@ -95,6 +95,7 @@ MulticastSender::SendData::SendData(const MulticastData& list, const std::string
 MulticastSender::MulticastSender(const std::string& groupHost, std::uint16_t port)
     : m_group(groupHost, port)
     , m_interfaces(std::make_shared<InterfaceContainer>())
+    , m_ownAddresses(std::make_shared<OwnAddresses>())
 {}
 
 MulticastSender::~MulticastSender() = default;
@@ -116,8 +117,12 @@ std::shared_ptr<const MulticastSender::InterfaceContainer> MulticastSender::inte
 /// A replaced socket closes when the last sendMulticast() that uses it has returned.
 void MulticastSender::unsafe_replaceInterfaces(InterfaceContainer interfaces)
 {
+    auto addresses = std::make_shared<OwnAddresses>();
+    for (const auto& [interface, data] : interfaces)
+        addresses->insert(data.ipAsByteStream);
     const std::shared_ptr<const InterfaceContainer> present =
         std::make_shared<InterfaceContainer>(std::move(interfaces));
+    std::atomic_store(&m_ownAddresses, std::shared_ptr<const OwnAddresses>(std::move(addresses)));
     const std::shared_ptr<const InterfaceContainer> former = std::atomic_exchange(&m_interfaces, present);
     ++m_addressChanges;
     for (const auto& [interface, data] : *former) {
@@ -178,12 +183,11 @@ Outcome MulticastSender::unsafe_add(const AdmittedInterface& admitted, const std
     const std::shared_ptr<const InterfaceContainer> present = interfaces();
     const auto found = present->find(admitted.interface);
     // The interface may have lost the address in use without a report: the new address replaces it.
-    if (found != present->end() &&
-        containsIP(listing.addressesOf(admitted.interface), found->second.address, name))
-    {
+    if (found != present->end() && isStillThere(found->second.address, admitted, listing)) {
         if (attempt == Attempt::Report)
             SD_LOG(Warning) << "ServiceDiscovery failed to add Interface " << quoted
                             << " for sending: already added \"" << found->first.name();
+        unsafe_stopAwaiting(name, admitted.address);
         return Outcome::InUse;
     }
 
@@ -239,6 +243,12 @@ void MulticastSender::unsafe_await(const std::string& name, const IPAddress& add
     unsafe_stopAwaiting(name, address);
     m_awaited.push_back({name, address});
     m_isAwaiting = true;
+}
+
+void MulticastSender::stopAwaiting(const std::string& name, const IPAddress& address)
+{
+    const EngineLock lock(this, m_interfacesMutex);
+    unsafe_stopAwaiting(name, address);
 }
 
 /// Returns whether the interface was awaited.
@@ -517,10 +527,8 @@ bool MulticastSender::isOwnAddress(const IPAddress& address) const
     const std::string_view bytes(static_cast<const char*>(address.addr()),
                                  static_cast<std::size_t>(address.length()));
     const std::shared_ptr<const std::string> unit = std::atomic_load(&m_unitAddress);
-    const std::shared_ptr<const InterfaceContainer> snapshot = interfaces();
-    return (unit && bytes == *unit) ||
-           std::any_of(snapshot->begin(), snapshot->end(),
-                       [&](const auto& entry) { return bytes == entry.second.ipAsByteStream; });
+    const std::shared_ptr<const OwnAddresses> addresses = std::atomic_load(&m_ownAddresses);
+    return (unit && bytes == *unit) || addresses->find(bytes) != addresses->end();
 }
 
 }  // namespace Nubo::ServiceDiscovery::Multicast

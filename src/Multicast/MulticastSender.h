@@ -17,6 +17,7 @@
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -89,6 +90,8 @@ public:
     /// Opens the interface's socket unless it is already open. Throws only std::bad_alloc.
     Outcome add(const std::string& name, const std::string& ip, const InterfaceListing& listing,
                 Attempt attempt);
+    /// Forgets an interface that cannot be used yet.
+    void stopAwaiting(const std::string& name, const Poco::Net::IPAddress& address);
     /// Closes the socket of every interface that is not there any more under one of these names.
     void keepOnly(const std::set<std::string>& names, const InterfaceListing& listing);
 
@@ -181,8 +184,12 @@ private:
     bool unsafe_stopAwaiting(const std::string& name, const Poco::Net::IPAddress& address);
     void unsafe_removeAll();
 
+    /// Addresses as in InterfaceData_t::ipAsByteStream.
+    using OwnAddresses = std::set<std::string, std::less<>>;
+
     const Poco::Net::SocketAddress m_group;
     std::shared_ptr<const InterfaceContainer> m_interfaces;  // immutable; replaced and read atomically
+    std::shared_ptr<const OwnAddresses> m_ownAddresses;      // of the interfaces; likewise
     LocalAddresses m_localAddresses;
     std::vector<AwaitedInterface> m_awaited;
     std::atomic<bool> m_isAwaiting{false};  // m_awaited is not empty; readable without the mutex

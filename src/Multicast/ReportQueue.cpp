@@ -10,8 +10,7 @@ namespace Nubo::ServiceDiscovery::Multicast {
 
 namespace {
 
-constexpr long unlimited = -1;
-constexpr long longestHandling = 500;  // in milliseconds
+constexpr std::chrono::milliseconds longestHandling{500};
 
 /// The calling thread's work for all queues. Several engines may share a log channel.
 thread_local std::size_t works = 0;   // nested ones
@@ -23,31 +22,32 @@ thread_local std::size_t nested = 0;  // reports during the outermost one
 class ReportQueue::Work : public EngineFrame
 {
 public:
-    Work(ReportQueue& queue, long atMostMilliseconds)
-        : EngineFrame(queue.m_part)
-        , m_queue(queue)
-        , m_atMost(atMostMilliseconds)
+    Work(ReportQueue& queue, Extent extent) : EngineFrame(queue.m_part), m_queue(queue), m_extent(extent)
     {
         if (works++ == 0)
             nested = 0;
     }
     ~Work() override
     {
-        m_queue.handleAll(m_atMost);
+        m_queue.handleAll(m_extent);
         --works;
     }
 
 private:
     ReportQueue& m_queue;
-    const long m_atMost;
+    const Extent m_extent;
 };
 
-ReportQueue::ReportQueue(const void* part, Handler handler) : m_part(part), m_handler(std::move(handler)) {}
+ReportQueue::ReportQueue(const void* part, Handler handler, LeaveRest leaveRest)
+    : m_part(part)
+    , m_handler(std::move(handler))
+    , m_leaveRest(std::move(leaveRest))
+{}
 
 void ReportQueue::report(Report report)
 {
     if (put(std::move(report)))
-        const Work work(*this, unlimited);
+        const Work work(*this, works == 0 ? Extent::All : Extent::Own);
 }
 
 /// Returns whether the calling thread is at work from now on, because no other thread is or waits to be.
@@ -55,6 +55,7 @@ bool ReportQueue::put(Report report)
 {
     const std::lock_guard<std::mutex> lock(m_mutex);
     const bool isBusy = m_isAtWork || m_turns != 0;
+    const bool isOwn = !isBusy || (m_isAtWork && m_atWork == std::this_thread::get_id());
     if (isBusy && unsafe_cancels(report))
         return false;
     const bool isOneNestedTooMany = works != 0 && nested == mostNested;
@@ -63,10 +64,12 @@ bool ReportQueue::put(Report report)
         m_areNestedDropped = isOneNestedTooMany;
         return false;
     }
-    m_reports.push_back(std::move(report));
+    m_reports.push_back({std::move(report), isOwn});
+    m_own += isOwn ? 1 : 0;
     nested += works != 0 ? 1 : 0;
     if (isBusy)
         return false;
+    m_atWork = std::this_thread::get_id();
     return m_isAtWork = true;
 }
 
@@ -74,13 +77,15 @@ bool ReportQueue::put(Report report)
 /// last one and returns true. So a platform that keeps reporting one interface does not fill the queue.
 bool ReportQueue::unsafe_cancels(const Report& report)
 {
-    const auto isLike = [&](const Report& other, bool isTakenBack) {
-        return other.isTakenBack == isTakenBack && other.name == report.name && other.ip == report.ip;
+    const auto isLike = [&](const Waiting& other, bool isTakenBack) {
+        return other.report.isTakenBack == isTakenBack && other.report.name == report.name &&
+               other.report.ip == report.ip;
     };
     const std::size_t size = m_reports.size();
     if (size < 2 || !isLike(m_reports[size - 1], !report.isTakenBack) ||
         !isLike(m_reports[size - 2], report.isTakenBack))
         return false;
+    m_own -= m_reports.back().isOwn ? 1 : 0;
     m_reports.pop_back();
     return true;
 }
@@ -89,8 +94,9 @@ void ReportQueue::work(const std::function<void()>& action)
 {
     std::unique_lock<std::mutex> lock = idle();
     m_isAtWork = true;
+    m_atWork = std::this_thread::get_id();
     lock.unlock();
-    const Work work(*this, longestHandling);
+    const Work work(*this, Extent::HalfASecond);
     action();
 }
 
@@ -104,22 +110,24 @@ std::unique_lock<std::mutex> ReportQueue::idle()
 }
 
 /// Handles the waiting reports, including those that arrive meanwhile, and ends the work.
-void ReportQueue::handleAll(long atMostMilliseconds) noexcept
+void ReportQueue::handleAll(Extent extent) noexcept
 {
     using std::chrono::steady_clock;
     const auto begin = steady_clock::now();
-    const auto isTime = [&] {
-        return atMostMilliseconds == unlimited ||
-               steady_clock::now() - begin < std::chrono::milliseconds(atMostMilliseconds);
+    const auto goesOn = [&] {
+        if (extent == Extent::Own)
+            return m_own != 0;
+        return extent == Extent::All || steady_clock::now() - begin < longestHandling;
     };
     bool isDropLogged = false;
     bool isFirst = true;
     std::unique_lock<std::mutex> lock(m_mutex);
-    while ((isFirst || (m_turns == 0 && isTime())) &&
+    while ((isFirst || (m_turns == 0 && goesOn())) &&
            (!m_reports.empty() || (m_dropped != 0 && !isDropLogged))) {
         isFirst = false;
         if (!m_reports.empty()) {
-            const Report report = std::move(m_reports.front());
+            const Report report = std::move(m_reports.front().report);
+            m_own -= m_reports.front().isOwn ? 1 : 0;
             m_reports.pop_front();
             lock.unlock();
             m_handler(report);
@@ -137,6 +145,14 @@ void ReportQueue::handleAll(long atMostMilliseconds) noexcept
         }
         lock.lock();
     }
+    if (!m_reports.empty() && m_turns == 0) {
+        lock.unlock();
+        m_leaveRest();
+        lock.lock();
+    }
+    for (Waiting& waiting : m_reports)
+        waiting.isOwn = false;
+    m_own = 0;
     m_isAtWork = false;
     m_ended.notify_all();
 }

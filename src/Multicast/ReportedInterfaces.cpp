@@ -70,7 +70,8 @@ bool shows(const InterfaceListing& listing, const std::string& name, const std::
 ReportedInterfaces::ReportedInterfaces(MulticastReceiver& receiver, MulticastSender& sender)
     : m_receiver(receiver)
     , m_sender(sender)
-    , m_reports(this, [this](const ReportQueue::Report& report) { handle(report); })
+    , m_reports(
+          this, [this](const ReportQueue::Report& report) { handle(report); }, [this] { leaveRest(); })
 {}
 
 ReportedInterfaces::~ReportedInterfaces()
@@ -146,6 +147,7 @@ bool ReportedInterfaces::displaceLongestPending()
         return false;
     SD_LOG(Error) << "SDCommunicationHub - Interface " << QuotedInterface{longest->name, longest->ip}
                   << " is not waited for any longer: " << mostInterfaces << " others stand reported.";
+    m_sender.stopAwaiting(longest->name, longest->address);
     m_interfaces.erase(longest);
     letGo();
     return true;
@@ -278,15 +280,13 @@ void ReportedInterfaces::start()
             serve(interface, Attempt::Again);
         startRetrying(hasPending());
     });
-    leaveRestToThread();
 }
 
-/// Some reports may still be waiting if they came without a pause.
-void ReportedInterfaces::leaveRestToThread()
+/// Leaves the rest to the retry thread, or to the next start or report if that thread cannot run.
+void ReportedInterfaces::leaveRest() noexcept
 {
-    const LogAfterwards afterwards;
-    const std::unique_lock<std::mutex> idle = m_reports.idle();
-    startRetrying(m_reports.unsafe_areWaiting());
+    persist([this] { startRetrying(true); });
+    m_disturbed.notify_all();
 }
 
 void ReportedInterfaces::stop() noexcept
@@ -338,27 +338,34 @@ void ReportedInterfaces::retry()
 {
     const EngineFrame frame(this);
     DebugUtils::setThreadName("SdIfRetry", "ReportedInterfaces::retry");
-    while (awaitRound()) {
-        m_reports.work([this] {
+    Poco::Clock lastRound = SDClock::now();
+    for (Task task = awaitTask(lastRound); task != Task::None; task = awaitTask(lastRound)) {
+        m_reports.work([&] {
+            if (task == Task::Reports)
+                return;  // any work handles them at its end
             m_listing.reset();
             for (Interface& interface : m_interfaces) {
                 if (m_isRunning && interface.isPending)
                     serve(interface, Attempt::Again);
             }
+            lastRound = SDClock::now();
         });
     }
 }
 
-/// Waits for the next round, which may also handle reports that were left to this thread. Returns whether
-/// there is one.
-bool ReportedInterfaces::awaitRound()
+/// Waits for the next task of the retry thread. Reports that were left to it do not make a round start
+/// earlier.
+ReportedInterfaces::Task ReportedInterfaces::awaitTask(const Poco::Clock& lastRound)
 {
     std::unique_lock<std::mutex> idle = m_reports.idle();
-    const bool areWaiting = m_reports.unsafe_areWaiting();
-    m_isRetrying = m_isRunning && (areWaiting || hasPending());
-    if (m_isRetrying && !areWaiting)
-        m_stopped.wait_for(idle, std::chrono::microseconds(wait()), [this] { return !m_isRunning; });
-    return m_isRetrying && m_isRunning;
+    m_isRetrying = m_isRunning && (m_reports.unsafe_areWaiting() || hasPending());
+    if (!m_isRetrying)
+        return Task::None;
+    const Poco::Clock::ClockDiff left = lastRound - SDClock::now() + wait();
+    const auto isDisturbed = [this] { return !m_isRunning || m_reports.unsafe_areWaiting(); };
+    if (left <= 0 || !m_disturbed.wait_for(idle, std::chrono::microseconds(left), isDisturbed))
+        return Task::Round;
+    return m_isRunning ? Task::Reports : Task::None;
 }
 
 /// Waits for the thread only after the lock is released, because the thread may be about to begin a round.
@@ -371,7 +378,7 @@ void ReportedInterfaces::endRetrying()
         m_isRetrying = false;
         ended.swap(m_thread);
     }
-    m_stopped.notify_all();
+    m_disturbed.notify_all();
     if (ended.joinable())
         ended.join();
 }

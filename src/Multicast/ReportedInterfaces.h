@@ -11,6 +11,7 @@
 #include <atomic>
 #include <condition_variable>
 #include <cstddef>
+#include <cstdint>
 #include <string>
 #include <thread>
 #include <vector>
@@ -64,6 +65,14 @@ private:
         unsigned index = 0;  ///< system's index when it was last listed; 0: none
     };
 
+    /// Of the thread that retries.
+    enum class Task : std::uint8_t
+    {
+        None,
+        Reports,
+        Round
+    };
+
     void report(bool isTakenBack, const char* name, const char* ip) noexcept;
     void handle(const ReportQueue::Report& report) noexcept;
     bool displaceLongestPending();
@@ -79,10 +88,10 @@ private:
     static void setPending(Interface& interface, bool isPending);
     bool hasPending() const;
     Poco::Clock::ClockDiff wait() const;
-    void leaveRestToThread();
+    void leaveRest() noexcept;
     void startRetrying(bool isNeeded);
     void retry();
-    bool awaitRound();
+    Task awaitTask(const Poco::Clock& lastRound);
     void endRetrying();
 
     MulticastReceiver& m_receiver;
@@ -95,7 +104,7 @@ private:
     std::thread m_thread;
 
     std::atomic<bool> m_isRunning{false};
-    std::condition_variable m_stopped;
+    std::condition_variable m_disturbed;  // the thread's wait for a round
 };
 
 }  // namespace Nubo::ServiceDiscovery::Multicast

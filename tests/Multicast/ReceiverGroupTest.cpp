@@ -175,4 +175,15 @@ TEST_F(RunningReceiverGroupTest, InterfaceThatComesBackUnderItsNameIsHeardAgain)
     EXPECT_TRUE(subscriber->gets(1));
 }
 
+TEST_F(ReceiverGroupTest, AttemptWithAnInterfaceThatIsStillMissingIsNotLogged)
+{
+    log.clear();
+
+    EXPECT_EQ(
+        receiver->add("eth9", "fd00::1", *Multicast::InterfaceListing::take(), Multicast::Attempt::Again),
+        Multicast::Outcome::Pending);
+
+    EXPECT_THAT(log.lines(), IsEmpty());
+}
+
 }  // namespace Nubo::ServiceDiscovery::Testing

@@ -25,6 +25,7 @@ using Poco::Net::MulticastSocket;
 using Poco::Net::NetworkInterface;
 using Poco::Net::SocketAddress;
 using ::testing::ElementsAre;
+using ::testing::IsEmpty;
 
 namespace {
 
@@ -116,6 +117,22 @@ TEST_F(ReceiverLeavingTest, InterfaceThatOnlyOthersHaveJoinedIsNotHeardAfterEver
 
     EXPECT_TRUE(subscriber->gets(1));
     EXPECT_THAT(subscriber->bytes(), ElementsAre("02"));
+}
+
+TEST_F(ReceiverLeavingTest, InterfaceIsLeftByTheAddressThatWasReportedInPlaceOfOneThatHasGone)
+{
+    network.here.addAddress("eth0", "fd00::9/64");
+    const auto listing = Multicast::InterfaceListing::take();
+    network.here.ip("address delete fd00::1/64 dev eth0");
+    EXPECT_EQ(receiver->add("eth0", "fd00::9", *listing, Multicast::Attempt::Report),
+              Multicast::Outcome::InUse);
+
+    leave("eth0", "fd00::1");
+    EXPECT_THAT(joinedInterfaces(), ElementsAre("eth0"));
+
+    network.here.ip("address delete fd00::9/64 dev eth0");
+    leave("eth0", "fd00::9");
+    EXPECT_THAT(joinedInterfaces(), IsEmpty());
 }
 
 /// The kernel limits the memberships of a socket.

@@ -374,6 +374,24 @@ TEST_F(HungSubscriberTest, NothingWaitsAfterTheStop)
     EXPECT_FALSE(receiver->hasWaiting());
 }
 
+TEST_F(RunningReceiverLifecycleTest, DatagramBehindAnEmptyOneWaits)
+{
+    Gate gate;
+    log.onLine([&](const std::string& line) {
+        if (line == "Trace: MulticastReceiver onSocketReadable")
+            gate.pass();
+    });
+    speaker.send("");
+    EXPECT_TRUE(eventually([&] { return gate.isReached(); }));
+    speaker.send("01"_bytes);
+
+    EXPECT_TRUE(eventually([&] { return receiver->hasWaiting(); }));
+
+    gate.open();
+    EXPECT_TRUE(subscriber->gets(1));
+    log.onLine(nullptr);
+}
+
 TEST_F(ReceiverLifecycleTest, NothingWaitsBeforeTheStart)
 {
     EXPECT_FALSE(receiver->hasWaiting());

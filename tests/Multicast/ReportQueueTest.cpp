@@ -1,9 +1,12 @@
 #include "Multicast/ReportQueue.h"
 #include "support/LogCatcher.h"
 
+#include <chrono>
 #include <cstddef>
+#include <functional>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -24,17 +27,110 @@ void reportFromElsewhere(ReportQueue& queue, std::size_t count)
     }).join();
 }
 
+const ReportQueue::LeaveRest leavesNothing = [] { ADD_FAILURE() << "reports were left"; };
+
+/// Two queues. A report to the first brings one to the second, from within a line of the log say.
+struct ReportWithinAReportTest : ::testing::Test
+{
+    std::vector<std::string> handled;
+    int left = 0;
+    std::function<void(const ReportQueue::Report&)> onInner = [](const ReportQueue::Report&) {};
+    ReportQueue inner{&inner,
+                      [this](const ReportQueue::Report& report) {
+                          handled.push_back(report.name);
+                          onInner(report);
+                      },
+                      [this] { ++left; }};
+    ReportQueue outer{&outer,
+                      [this](const ReportQueue::Report&) {
+                          inner.report({false, "own", "fd00::1"});
+                      },
+                      leavesNothing};
+};
+
 }  // namespace
+
+TEST_F(ReportWithinAReportTest, IsHandledBeforeTheOuterOneEndsAndThoseOfOthersAreLeft)
+{
+    onInner = [&](const ReportQueue::Report& report) {
+        if (report.name == "own")
+            reportFromElsewhere(inner, 3);
+    };
+
+    outer.report({false, "outer", "fd00::1"});
+
+    EXPECT_THAT(handled, ElementsAre("own"));
+    EXPECT_EQ(left, 1);
+
+    inner.report({false, "next", "fd00::1"});
+    EXPECT_THAT(handled, ElementsAre("own", "eth0", "eth1", "eth2", "next"));
+    EXPECT_EQ(left, 1);
+}
+
+TEST_F(ReportWithinAReportTest, IsHandledWithThoseThatCameBeforeIt)
+{
+    onInner = [&](const ReportQueue::Report& report) {
+        if (report.name != "own" || handled.size() > 1)
+            return;
+        reportFromElsewhere(inner, 2);
+        inner.report({false, "own", "fd00::2"});
+        reportFromElsewhere(inner, 1);
+    };
+
+    outer.report({false, "outer", "fd00::1"});
+
+    EXPECT_THAT(handled, ElementsAre("own", "eth0", "eth1", "own"));
+    EXPECT_EQ(left, 1);
+}
+
+TEST_F(ReportWithinAReportTest, ThatWasTakenAwayByItsOppositeIsNotWaitedFor)
+{
+    onInner = [&](const ReportQueue::Report& report) {
+        if (report.name != "own" || handled.size() > 1)
+            return;
+        inner.report({false, "eth9", "fd00::1"});
+        inner.report({true, "eth9", "fd00::1"});
+        inner.report({false, "eth9", "fd00::1"});  // takes the last one away
+        reportFromElsewhere(inner, 1);
+    };
+
+    outer.report({false, "outer", "fd00::1"});
+
+    EXPECT_THAT(handled, ElementsAre("own", "eth9"));
+    EXPECT_EQ(left, 1);
+}
+
+TEST(ReportQueueTest, WorkThatHasNoTimeForWhatComesLeavesTheRest)
+{
+    const LogCatcher log;
+    int left = 0;
+    std::size_t handled = 0;
+    ReportQueue queue(
+        &queue,
+        [&](const ReportQueue::Report&) {
+            ++handled;
+            std::this_thread::sleep_for(std::chrono::milliseconds(600));
+        },
+        [&] { ++left; });
+
+    queue.work([&] { reportFromElsewhere(queue, 2); });
+
+    EXPECT_EQ(handled, 1u);
+    EXPECT_EQ(left, 1);
+}
 
 TEST(ReportQueueTest, ReportsThatAreDroppedWhileThatIsLoggedAreCountedInTheNextLine)
 {
     LogCatcher log;
     std::size_t handled = 0;
     ReportQueue* queue = nullptr;
-    ReportQueue made(&handled, [&](const ReportQueue::Report&) {
-        if (++handled == 1)
-            reportFromElsewhere(*queue, ReportQueue::mostWaiting + 10);
-    });
+    ReportQueue made(
+        &handled,
+        [&](const ReportQueue::Report&) {
+            if (++handled == 1)
+                reportFromElsewhere(*queue, ReportQueue::mostWaiting + 10);
+        },
+        leavesNothing);
     queue = &made;
     bool isFirst = true;
     log.onLine([&](const std::string&) {
@@ -67,8 +163,8 @@ TEST(ReportQueueTest, ReportsFromLinesAboutReportsToTwoQueuesComeToAnEnd)
         one->report(report);
         other->report(report);
     };
-    ReportQueue first(&one, handler);
-    ReportQueue second(&other, handler);
+    ReportQueue first(&one, handler, leavesNothing);
+    ReportQueue second(&other, handler, leavesNothing);
     one = &first;
     other = &second;
     const LogCatcher log;

@@ -312,6 +312,62 @@ TEST_F(SenderInterfacesTest, AddressThatTheInterfaceHasLostGivesWayToAReportedOn
     EXPECT_TRUE(sender->isOwnAddress(IPAddress("fd00::9")));
 }
 
+TEST_F(SenderInterfacesTest, AddressGivesWayThatTheInterfaceHasLostSinceTheListing)
+{
+    addInterface("eth0", "fd00::1");
+    network.here.addAddress("eth0", "fd00::9/64");
+    const auto listing = Multicast::InterfaceListing::take();
+    network.here.ip("address delete fd00::1/64 dev eth0");
+
+    EXPECT_EQ(sender->add("eth0", "fd00::9", *listing, Multicast::Attempt::Report),
+              Multicast::Outcome::InUse);
+
+    Listener listener(network.there, "eth0");
+    EXPECT_EQ(ownAddress(listener).host(), IPAddress("fd00::9"));
+}
+
+TEST_F(SenderInterfacesTest, AddressThatTheInterfaceHasDoesNotGiveWayToAnother)
+{
+    addInterface("eth0", "fd00::1");
+    network.here.addAddress("eth0", "fd00::9/64");
+
+    sender->addInterface_byIP("eth0", "fd00::9");
+
+    Listener listener(network.there, "eth0");
+    EXPECT_EQ(ownAddress(listener).host(), IPAddress("fd00::1"));
+}
+
+TEST_F(SenderInterfacesTest, AttemptWithAnInterfaceThatIsStillMissingIsNotLogged)
+{
+    EXPECT_EQ(sender->add("eth9", "fd00::1", *Multicast::InterfaceListing::take(), Multicast::Attempt::Again),
+              Multicast::Outcome::Pending);
+
+    EXPECT_THAT(log.lines(), IsEmpty());
+}
+
+TEST_F(TentativeSenderTest, AddressThatIsNotToBeAwaitedAnyLongerIsNot)
+{
+    EXPECT_FALSE(send({"01"}));
+    EXPECT_THAT(log.complaints(), IsEmpty());
+
+    sender->stopAwaiting("eth0", IPAddress("fd00::1"));
+
+    EXPECT_FALSE(send({"01"}));
+    EXPECT_THAT(log.complaints(), ElementsAre(noInterfaces));
+}
+
+TEST_F(TentativeSenderTest, AddressIsNotAwaitedOnAnInterfaceThatIsUsedWithAnother)
+{
+    network.here.addAddress("eth0", "fd00::9/64");
+    sender->addInterface_byIP("eth0", "fd00::9");
+    retry();
+    sender->removeInterface_byIP("eth0", "fd00::9");
+    log.clear();
+
+    EXPECT_FALSE(send({"01"}));
+    EXPECT_THAT(log.complaints(), ElementsAre(noInterfaces));
+}
+
 TEST_F(TentativeSenderTest, AddressOfAnInterfaceThatIsNotKeptIsNotAwaited)
 {
     sender->keepOnly({"eth1"}, *Multicast::InterfaceListing::take());

@@ -195,6 +195,30 @@ TEST_F(SlowInterfaceBesideAnotherTest, SlowInterfaceGetsAllOfAListInTurn)
                 Each("Error: sendMulticast caught exception: I/O error: Operation would block"));
 }
 
+TEST_F(SlowInterfaceBesideAnotherTest, ListBeginsWithWhatASlowInterfaceDidNotTakeOfTheLast)
+{
+    std::vector<std::string> bytes;
+    for (int i = 0; i < 400; ++i)
+        bytes.push_back(std::to_string(i) + std::string(1200, 'x'));
+    Sender::MulticastData list;
+    for (std::string& datagram : bytes)
+        list.emplace_back(datagram.data(), datagram.size());
+    network.here.tc("qdisc add dev eth0 root tbf rate 2mbit burst 1600 limit 10000000");  // one in 5 ms
+    sender->sendMulticast(list, {});
+    const std::size_t lost = log.errors().size();
+    ASSERT_GT(lost, 1u);
+    ASSERT_TRUE(listener0.hears(list.size() - lost));
+    std::set<std::string> heard;
+    for (const Listener::Datagram& datagram : listener0.datagrams())
+        heard.insert(datagram.bytes);
+    listener0.clear();
+
+    sender->sendMulticast(list, {});
+
+    ASSERT_TRUE(listener0.hears(1));
+    EXPECT_EQ(heard.count(listener0.datagrams().front().bytes), 0u);
+}
+
 TEST_F(SlowInterfacesTest, SlowInterfaceGetsAllOfAListInTurnBesideAnother)
 {
     Listener listener = addListenedInterface("eth0", "fe80::1");

@@ -217,6 +217,49 @@ TEST_F(RetryTest, WaitsAnEighthOfTheTimeForWhichTheAddressHasBeenMissed)
     EXPECT_TRUE(inSomeRun(isWaitedAnEighth, 3)) << ratio;
 }
 
+/// They are left to the thread that retries by one that is at work for another engine.
+TEST_F(RetryTest, ReportsThatAreLeftToItsThreadDoNotBringAnAttemptForward)
+{
+    constexpr std::size_t count = 20;
+    constexpr auto unusable =
+        "Error: ServiceDiscovery failed to remove Interface \"eth9\" with IP \"nonsense\" for sending: "
+        "Invalid address: nonsense";
+    OEMInterface::RemoveServiceDiscoveryInterfacePayload report{{"eth9", "nonsense"}};
+    Multicast::ReportQueue elsewhere(
+        &report, [&](const auto&) { reportRemoved(unit.hub, report); }, [] {});
+    const std::thread::id here = std::this_thread::get_id();
+    log.onLine([&](const std::string& line) {
+        if (line == unusable && std::this_thread::get_id() == here)
+            std::thread([&] { reportRemoved(unit.hub, report); }).join();
+    });
+    SDClock::turn(1000 * second);  // the wait is a second
+    EXPECT_TRUE(retries(1));
+    const std::size_t before = watch.calls();
+
+    for (std::size_t i = 1; i <= count; ++i) {
+        elsewhere.report({false, "", ""});
+        EXPECT_TRUE(eventually([&] { return log.count(unusable) == 2 * i; }));
+    }
+    log.onLine(nullptr);
+
+    EXPECT_LT(watch.calls() - before, count / 2);
+}
+
+TEST_F(InterfaceFaultsTest, AddressesAreToldApartWithoutTheNamesOfTheirScopes)
+{
+    for (int i = 10; i < 30; ++i)
+        network.here.addAddress("eth0", "fd00::" + std::to_string(i) + "/64");
+    const auto listing = Multicast::InterfaceListing::take();
+    const auto& addresses = listing->find("eth0")->addressList();
+    EXPECT_GE(addresses.size(), 20u);
+    const InMarkedThread marked;
+    const SystemFault watch({SystemCall::Control, SystemFault::forEver});
+
+    EXPECT_FALSE(SDCommunicationHub::containsIP(addresses, IPAddress("fd00::99"), "eth0"));
+
+    EXPECT_EQ(watch.calls(), 0u);
+}
+
 TEST_F(InterfaceFaultsTest, ListingOfTheInterfacesServesReportsForATenthOfASecond)
 {
     const InMarkedThread marked;

@@ -12,6 +12,7 @@
 #include <atomic>
 #include <chrono>
 #include <functional>
+#include <memory>
 #include <optional>
 #include <ostream>
 #include <string>
@@ -113,6 +114,31 @@ struct WaitingReports
     friend void PrintTo(const WaitingReports& row, std::ostream* stream) { *stream << row.name; }
 };
 
+/// A platform that keeps the delegates and reports by them from any thread.
+struct KeepingDispatcher : OEMInterface::OEMDispatcher
+{
+    OEMInterface::ResponseBindingPtr bindResponse(
+        const Poco::AbstractDelegate<OEMInterface::AddServiceDiscoveryInterfacePayload>& delegate) override
+    {
+        added.reset(delegate.clone());
+        return new OEMInterface::ResponseBinding;
+    }
+    OEMInterface::ResponseBindingPtr bindResponse(
+        const Poco::AbstractDelegate<OEMInterface::RemoveServiceDiscoveryInterfacePayload>&) override
+    {
+        return new OEMInterface::ResponseBinding;
+    }
+    void callLogEvent(char const*, char const*, char const*, unsigned short) override {}
+
+    void report(const char* name, const char* ip)
+    {
+        OEMInterface::AddServiceDiscoveryInterfacePayload payload{{name, ip}};
+        added->notify(this, payload);
+    }
+
+    std::unique_ptr<Poco::AbstractDelegate<OEMInterface::AddServiceDiscoveryInterfacePayload>> added;
+};
+
 struct WaitingReportsTest : ReportingThreadsTest, ::testing::WithParamInterface<WaitingReports>
 {};
 
@@ -120,6 +146,34 @@ struct BusyPlaceTest : ReportingThreadsTest, ::testing::WithParamInterface<BusyP
 {};
 
 }  // namespace
+
+TEST_F(ReportingThreadsTest, ReportByADelegateThatDeliversAnotherIsNotHeldUp)
+{
+    Poco::SharedPtr<KeepingDispatcher> dispatcher(new KeepingDispatcher);
+    PlatformScope::withdraw();
+    ApplicationServices::getLocator().add(typeid(OEMInterface::OEMDispatcher),
+                                          Poco::SharedPtr<OEMInterface::OEMDispatcher>(dispatcher));
+    SDCommunicationHub hub(unit.facade);
+    std::atomic<bool> isReported{false};
+    bool isHeldUp = true;
+    std::thread other;
+    log.onLine([&](const std::string& line) {
+        if (line != joining0)
+            return;
+        other = std::thread([&] {
+            dispatcher->report("eth1", "fd01::1");
+            isReported = true;
+        });
+        isHeldUp = !eventually([&] { return isReported.load(); }, atMost);
+    });
+
+    dispatcher->report("eth0", globalAddress);
+
+    log.onLine(nullptr);
+    other.join();
+    EXPECT_FALSE(isHeldUp);
+    EXPECT_THAT(joinedInterfaces(), UnorderedElementsAre("eth0", "eth1"));
+}
 
 /// Start and stop handle reports for half a second, when they come without a pause.
 TEST_F(ReportingThreadsTest, ReportsThatAStartHasNoTimeForAreHandledAllTheSame)

@@ -167,6 +167,8 @@ Outcome MulticastSender::add(const std::string&, const std::string&, const Inter
     return Outcome::InUse;
 }
 
+void MulticastSender::stopAwaiting(const std::string&, const Poco::Net::IPAddress&) {}
+
 void MulticastSender::keepOnly(const std::set<std::string>&, const InterfaceListing&) {}
 
 void MulticastSender::onInterfaceRemoved(OEMInterface::RemoveServiceDiscoveryInterfacePayload&)
