@@ -1,5 +1,5 @@
 #!/bin/bash
-# Shows the library doing its job: three units on a real network; see ./demo.sh --help.
+# Demonstrates the library with three units on a real network; see ./demo.sh --help.
 set -u
 cd "$(dirname "$0")" || exit 1
 
@@ -7,12 +7,12 @@ usage() {
     cat <<'EOF'
 usage: ./demo.sh [--full]
 
-Installs what is missing (Debian packages), builds nubo-sd, makes three units,
-network namespaces joined by a bridge, and tells what happens between them. Exit
-code 0 only if every step was really seen.
+Installs missing Debian packages, builds nubo-sd, creates three units, which are
+network namespaces connected by a bridge, and prints what happens between them. The
+exit code is 0 only if every step was observed.
 
-  --full   also wait the two minutes until a unit that died is reported gone
-  --help   print this
+  --full   also wait two minutes until the service of a dead unit is reported gone
+  --help   print this help
 EOF
 }
 
@@ -21,13 +21,13 @@ inside=no
 for argument in "$@"; do
     case "$argument" in
     --full) full=yes ;;
-    --inside) inside=yes ;; # for this script itself: it runs in namespaces of its own already
+    --inside) inside=yes ;; # internal: the script is already running in separate namespaces
     -h | --help)
         usage
         exit 0
         ;;
     *)
-        echo "demo.sh: unknown option: $argument (--help tells all)" >&2
+        echo "demo.sh: unknown option: $argument (see --help)" >&2
         exit 2
         ;;
     esac
@@ -44,10 +44,10 @@ if [ "$inside" = no ]; then
     flags=(--net --mount)
     [ "$(id -u)" = 0 ] || flags=(--user --map-root-user "${flags[@]}")
     if ! unshare "${flags[@]}" mount -t tmpfs tmpfs /run; then
-        echo "demo.sh: the kernel forbids network namespaces to this user; try as root" >&2
+        echo "demo.sh: the kernel does not allow this user to create network namespaces; run as root" >&2
         exit 1
     fi
-    # All that the demonstration makes lies in these namespaces and goes with its last process.
+    # The namespaces contain everything that the demonstration creates; the kernel removes them with the last process.
     exec unshare "${flags[@]}" "$0" --inside "$@"
 fi
 
@@ -59,12 +59,12 @@ fi
 
 declare -A pid_of address_of announced_at joined_at
 failures=0
-waited_for=15 # seconds for a step to be seen
+waited_for=15 # seconds to wait for a step
 
 now() { echo "${EPOCHREALTIME/[.,]/}"; } # microseconds
 
-# Prints a line of the story with the time since the start.
-tell() {
+# Prints a line with the time since the start.
+report() {
     local micros=$(($(now) - start))
     printf '%3d.%03d s  %s\n' $((micros / 1000000)) $((micros / 1000 % 1000)) "$*"
 }
@@ -82,9 +82,9 @@ finish() {
 }
 
 trap 'finish 1' EXIT
-trap 'echo; tell "interrupted"; finish 130' INT TERM
+trap 'echo; report "interrupted"; finish 130' INT TERM
 
-# unit NAME ADDRESS: a namespace with one interface on the bridge.
+# unit NAME ADDRESS: creates a namespace with one interface on the bridge.
 unit() {
     address_of[$1]=$2
     ip netns add "$1" &&
@@ -95,9 +95,9 @@ unit() {
 
 link_up() { on "$1" ip link set eth0 up && on "$1" ip address add "${address_of[$1]}/64" dev eth0 nodad; }
 
-# start_registry UNIT SERVICE PORT: the unit's registry, which announces one service and reports what it
-# learns. Every event becomes a line "UNIT EVENT NAME URI" on descriptor 3; its log is kept for the end. The
-# registry dies with this script, even if the script is killed.
+# start_registry UNIT SERVICE PORT: starts the unit's registry, which announces one service and reports events. Writes
+# each event as a line "UNIT EVENT NAME URI" to descriptor 3, and saves the log, which is printed after a failure. The
+# registry ends with this script, even if the script is killed.
 start_registry() {
     local unit=$1 line
     nsenter --net="/run/netns/$unit" setpriv --pdeathsig KILL "$tool" --json announce "$2" --port "$3" --version 1.0.0 > >(
@@ -109,7 +109,7 @@ start_registry() {
     pid_of[$unit]=$!
 }
 
-# Reads one event and tells it; sets `seen` to "UNIT EVENT NAME". Fails when none comes in time.
+# next_event SECONDS: reads one event, prints it and sets `seen` to "UNIT EVENT NAME". Fails when none arrives in time.
 next_event() {
     local unit event name uri after=''
     seen=
@@ -119,24 +119,24 @@ next_event() {
     announced)
         announced_at[$name]=$(now)
         joined_at[$unit]=${announced_at[$name]}
-        tell "$unit announces $name at $uri"
+        report "$unit announces $name at $uri"
         ;;
     discovered)
         local offered=${announced_at[$name]:-0} joined=${joined_at[$unit]:-0}
         if [ "$offered" -eq 0 ]; then
-            after=", at once" # before the word of its announcement got here
+            after=", at once" # this event arrived before that of the announcement
         elif [ "$joined" -gt "$offered" ]; then
             after=", $((($(now) - joined) / 1000)) ms after it joined"
         else
             after=", $((($(now) - offered) / 1000)) ms after it was announced"
         fi
-        tell "${green}$unit found $name${plain} at $uri$after"
+        report "${green}$unit found $name${plain} at $uri$after"
         ;;
-    gone) tell "${red}$unit lost $name${plain}" ;;
+    gone) report "${red}$unit lost $name${plain}" ;;
     esac
 }
 
-# expect SECONDS "UNIT EVENT NAME"...: waits until all of these were seen, in whatever order.
+# expect SECONDS "UNIT EVENT NAME"...: waits until all of these events have been seen, in any order.
 expect() {
     local deadline=$(($(now) + $1 * 1000000)) left
     shift
@@ -147,7 +147,7 @@ expect() {
         left=$((deadline - $(now)))
         if [ "$left" -le 0 ] || ! next_event "$(printf '%d.%06d' $((left / 1000000)) $((left % 1000000)))"; then
             [ "$(now)" -lt "$deadline" ] && continue
-            for event in "${!missing[@]}"; do tell "${red}NOT SEEN: $event${plain}"; done
+            for event in "${!missing[@]}"; do report "${red}NOT SEEN: $event${plain}"; done
             failures=$((failures + 1))
             return 1
         fi
@@ -155,12 +155,12 @@ expect() {
     done
 }
 
-# expect_nothing SECONDS: waits that long; any event that comes is a failure.
+# expect_nothing SECONDS: waits that long; any event is a failure.
 expect_nothing() {
     local deadline=$(($(now) + $1 * 1000000)) left
     while left=$((deadline - $(now))) && [ "$left" -gt 0 ]; do
         if next_event "$(printf '%d.%06d' $((left / 1000000)) $((left % 1000000)))"; then
-            tell "${red}NOT EXPECTED: $seen${plain}"
+            report "${red}NOT EXPECTED: $seen${plain}"
             failures=$((failures + 1))
             return 1
         fi
@@ -176,10 +176,10 @@ chapter "Three units on one network"
         unit cockpit fd00::1 && unit media fd00::2 && unit telematics fd00::3
 } || finish 1
 for name in cockpit media telematics; do
-    tell "$name has eth0 with ${address_of[$name]}"
+    report "$name has eth0 with ${address_of[$name]}"
 done
 
-chapter "Each announces a service, and finds those of the others"
+chapter "Each unit announces a service and discovers those of the others"
 start_registry cockpit Navigation 8080
 start_registry media Radio 8081
 start_registry telematics Traffic 8082
@@ -190,54 +190,54 @@ expect $waited_for \
     "telematics discovered Navigation" "telematics discovered Radio"
 
 chapter "A service is stopped"
-tell "media shuts its registry down"
+report "media shuts its registry down"
 kill -TERM "${pid_of[media]}"
 wait "${pid_of[media]}" || {
-    tell "${red}media's registry ended with exit code $?${plain}"
+    report "${red}media's registry ended with exit code $?${plain}"
     failures=$((failures + 1))
 }
 unset "pid_of[media]" "announced_at[Radio]" "joined_at[media]"
 expect $waited_for "cockpit gone Radio" "telematics gone Radio"
 
 chapter "A link flaps"
-on telematics ip link set eth0 down && tell "telematics's link is down"
+on telematics ip link set eth0 down && report "telematics's link is down"
 sleep 1
-link_up telematics && tell "telematics's link is up again"
-expect_nothing 2 && tell "nobody lost Traffic meanwhile"
-tell "media starts its registry anew"
+link_up telematics && report "telematics's link is up again"
+expect_nothing 2 && report "no unit lost Traffic meanwhile"
+report "media restarts its registry"
 start_registry media Radio 8081
 expect $waited_for \
     "media announced Radio" "cockpit discovered Radio" "telematics discovered Radio" \
     "media discovered Navigation" "media discovered Traffic" &&
-    tell "telematics hears and is heard as before"
+    report "telematics sends and receives as before"
 
-chapter "A unit dies without a word"
+chapter "A unit dies without withdrawing its service"
 disown "${pid_of[telematics]}" # the shell need not report it
-kill -KILL "${pid_of[telematics]}" && tell "telematics is dead"
+kill -KILL "${pid_of[telematics]}" && report "telematics is dead"
 unset "pid_of[telematics]"
 died=$(now)
 if [ "$full" = yes ]; then
-    tell "its offer of Traffic is good for 120 s; the others keep it that long"
+    report "its offer of Traffic is valid for 120 s; the others keep the service until then"
     while left=$((died / 1000000 + 115 - $(now) / 1000000)) && [ "$left" -gt 0 ]; do
-        [ -t 1 ] && printf '\r           %3d s to wait ' "$left"
+        [ -t 1 ] && printf '\r           %3d s left ' "$left"
         if next_event 1; then
-            tell "${red}NOT EXPECTED: $seen${plain}"
+            report "${red}NOT EXPECTED: $seen${plain}"
             failures=$((failures + 1))
         fi
     done
     [ -t 1 ] && printf '\r%40s\r' ''
     expect $waited_for "cockpit gone Traffic" "media gone Traffic" &&
-        tell "$((($(now) - died) / 1000000)) s after telematics died, both have given Traffic up"
+        report "$((($(now) - died) / 1000000)) s after telematics died, both have dropped Traffic"
 else
-    expect_nothing 2 && tell "the others keep Traffic: its offer is good for 120 s"
-    tell "This short form does not wait for that; ./demo.sh --full does."
+    expect_nothing 2 && report "the others keep Traffic, because its offer is valid for 120 s"
+    report "To wait until it expires, run ./demo.sh --full."
 fi
 
-chapter "The end"
+chapter "Result"
 if [ "$failures" -gt 0 ]; then
-    tell "${red}$failures step(s) went wrong${plain}; the registries' logs:"
+    report "${red}$failures step(s) failed${plain}; logs of the registries:"
     tail -n 20 /run/*.log
     finish 1
 fi
-tell "${green}every step was seen${plain}"
+report "${green}every step was observed${plain}"
 finish 0

@@ -2,6 +2,6 @@
 
 #include <cstdint>
 
-/// How often memory was taken by operator new, by any thread of the process. A program that links
-/// Allocations.cpp counts.
+/// Returns the number of calls of operator new so far, by all threads of the process. Allocations.cpp
+/// replaces operator new in the program that links it.
 std::uint64_t allocations();

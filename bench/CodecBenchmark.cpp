@@ -1,4 +1,4 @@
-// What it costs to encode and to decode packets, beside the least that anybody could do with the same bytes.
+// Measures encoding and decoding packets, compared with the minimum work on the same bytes.
 
 #include "Allocations.h"
 #include "DataLayer/SDService.h"
@@ -26,8 +26,8 @@ using Datagram = std::array<char, 1212>;
 enum Kind
 {
     Find,
-    Offer,       ///< with six configuration pairs: two versions, one category and the three of every service
-    SevenOffers  ///< in one datagram
+    Offer,  ///< with six configuration pairs: two versions, one category and three that every service has
+    SevenOffers  ///< seven such packets in one datagram
 };
 
 SDService makeService(Kind kind)
@@ -81,14 +81,14 @@ std::size_t encode(const SDService& service, Kind kind, Datagram& datagram)
     return static_cast<std::size_t>(buffer.charsWritten());
 }
 
-/// How much of an offer a record takes in: what identifies its service, or all.
+/// The part of an offer that the record receives: only the identity of its service, or everything.
 enum class Extent
 {
     Instance,
     Whole
 };
 
-/// From the bytes to the records that the state machine gets.
+/// Decodes the bytes to the records that the state machine receives.
 unsigned decode(Datagram& datagram, std::size_t size, Kind kind, Extent extent)
 {
     Poco::MemoryStreamBuf buffer(datagram.data(), static_cast<std::streamsize>(size));
@@ -116,7 +116,7 @@ unsigned decode(Datagram& datagram, std::size_t size, Kind kind, Extent extent)
     return result;
 }
 
-/// What a run is about: the packets of its kind, in a datagram.
+/// Input of a run: a datagram with the packets of its kind.
 struct Sample
 {
     explicit Sample(benchmark::State& state) : kind(static_cast<Kind>(state.range(0)))
@@ -132,7 +132,7 @@ struct Sample
     std::size_t size;
 };
 
-/// Reports what a run has taken for each packet.
+/// Reports allocations and throughput of a run per packet.
 class PerPacket
 {
 public:
@@ -181,7 +181,7 @@ void decodeNew(benchmark::State& state)
     decodePacket<Extent::Whole>(state);
 }
 
-/// Floors: the bytes are stored, or loaded, one after the other, as a codec of plain C would.
+/// Lower bounds: store, or load, the bytes one by one, as a codec in plain C would.
 void storeBytes(benchmark::State& state)
 {
     Sample sample(state);
@@ -190,7 +190,7 @@ void storeBytes(benchmark::State& state)
     for (auto _ : state) {
         for (std::size_t i = 0; i < sample.size; ++i) {
             datagram[i] = sample.datagram[i];
-            benchmark::ClobberMemory();  // else the compiler makes it a memcpy
+            benchmark::ClobberMemory();  // prevents the compiler from using memcpy
         }
     }
 }

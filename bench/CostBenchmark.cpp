@@ -1,4 +1,4 @@
-// What a datagram of another unit costs at most, for its size.
+// Measures the most that a datagram of another unit costs, relative to its size.
 
 #include "support/CostScene.h"
 
@@ -23,8 +23,8 @@ namespace {
 constexpr std::array<std::size_t, 3> sizes{128, 1212, 65000};
 constexpr double datagramBudget = 3;   // microseconds
 constexpr double byteBudget = 0.25;    // microseconds
-constexpr double mostTimesKnown = 20;  // a datagram of known offers of that size
-constexpr double mostTimesFew = 3;     // the same with 100 services known
+constexpr double mostTimesKnown = 20;  // cost limit as a multiple of known offers of the same size
+constexpr double mostTimesFew = 3;  // cost limit as a multiple of the same datagram with 100 services known
 
 const std::array<std::pair<Known, const char*>, 4> states{{{Known::Few, "100"},
                                                            {Known::HalfFull, "65,536"},
@@ -65,7 +65,7 @@ public:
                     isWithin ? "" : " (!)");
     }
 
-    /// Whether every line was within its bounds.
+    /// Whether every row was within its limits.
     bool isGood() const { return m_isGood; }
 
 private:
@@ -83,11 +83,12 @@ std::string contentsOf(const char* path)
 
 }  // namespace Nubo::ServiceDiscovery::Testing
 
-/// With arguments, which are files, their contents instead of the known kinds.
+/// Measures the contents of the files given as arguments, or the known kinds of datagrams when there are
+/// none.
 int main(int argc, char* argv[])
 {
     using namespace Nubo::ServiceDiscovery::Testing;
-    // Lines are made, and thrown away.
+    // Log lines are formatted but discarded.
     Logging::Log::Logger().setChannel(Poco::AutoPtr<Poco::Channel>(new Poco::NullChannel));
     Table table;
     for (int i = 1; i < argc; ++i)

@@ -1,8 +1,9 @@
-// How long it takes until other units know what one of them adds or removes, on real networks of namespaces.
+// Measures the time until other units know the services that one unit adds or removes, on real networks of
+// network namespaces.
 //
 // usage: tests/support/in-namespace.sh build-bench/bin/discovery_benchmark [SERVICES]
 //
-// SERVICES is how many are added one after the other (default: 300).
+// SERVICES is the number of services added one after the other (default: 300).
 
 #include "ServiceDiscovery.h"
 #include "support/Descriptions.h"
@@ -66,7 +67,7 @@ public:
     }
     void remove(int number) { m_discovery->removeService("own-" + std::to_string(number)); }
 
-    /// Waits until it knows so many services; returns when it did.
+    /// Waits until the unit knows `count` services. Returns the time of its last change.
     Clock::time_point knows(int count)
     {
         std::unique_lock<std::mutex> lock(m_mutex);
@@ -98,7 +99,7 @@ private:
     std::unique_ptr<ServiceDiscovery> m_discovery;
 };
 
-/// Two namespaces that are joined, with an address each.
+/// Two connected namespaces with one address each.
 struct Pair : NetworkPair
 {
     Pair() { link("eth0", "fd00::1", "fd00::2"); }
@@ -119,7 +120,7 @@ void oneAfterTheOther(int services)
         const Clock::time_point start = Clock::now();
         announcing.add(number);
         times.push_back(Milliseconds(learning.knows(number + 1) - start).count());
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));  // so that each finds an idle unit
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));  // the unit must be idle for the next one
     }
     std::sort(times.begin(), times.end());
     const auto percentile = [&](double share) {

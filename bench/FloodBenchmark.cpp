@@ -1,5 +1,5 @@
-// What a flood of datagrams does to a unit: how late its own announcements get, how soon it hears others
-// again, what memory and processor time it takes.
+// Measures a unit during a flood of datagrams: the delay of its announcements, the time until it discovers
+// others again, and the memory and processor time that it uses.
 //
 // usage: tests/support/in-namespace.sh build-bench/bin/flood_benchmark [SECONDS [FLOOD]]
 
@@ -96,7 +96,7 @@ void print(const FloodReport& report)
     printRow("longest addService", report.longestCall.count(), "ms");
     printRow("neighbour discovered after the flood", report.recovery.count(), "ms", 2000);
 
-    constexpr std::size_t waitingDatagram = 512;  // bytes, beyond what it holds
+    constexpr std::size_t waitingDatagram = 512;  // bytes, in addition to its contents
     constexpr std::size_t discoveredService = 3000;
     printRow("memory before", megabytes(report.memoryBefore), "MB");
     printRow("memory at most, beyond that", megabytes(report.memoryAtMost - report.memoryBefore), "MB",
@@ -133,7 +133,7 @@ int main(int argc, char** argv)
             continue;
         std::printf("%s\n", scenario.name.c_str());
         static_cast<void>(std::fflush(stdout));
-        // In a process of its own, so that memory and threads are those of one unit.
+        // A separate process, so that its memory and threads belong to only one unit.
         const pid_t child = ::fork();
         if (child == 0)
             return run(scenario, length) ? 0 : 1;

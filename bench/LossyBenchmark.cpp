@@ -1,10 +1,12 @@
-// How many services are known how long after they were added, on a network that loses datagrams.
+// Measures the share of services known at given times after they were added, on a network that loses
+// datagrams.
 //
 // usage: tests/support/in-namespace.sh build-bench/bin/lossy_benchmark [ROUNDS]
 //
-// A round adds 100 services, 10 ms after one another. Their first four offers travel alone, so that chance
-// treats each for itself. From then on all are offered once a second, up to eight in a datagram, and those
-// in one datagram are lost together: the shares from 1700 ms on scatter more than those before.
+// A round adds 100 services at intervals of 10 ms. Each of their first four offers has a datagram to itself,
+// so losses are independent. After that all services are offered once per second, up to eight in a datagram,
+// and those in one datagram are lost together. The shares from 1700 ms on therefore vary more than earlier
+// ones.
 
 #include "support/Descriptions.h"
 #include "support/DiscoveryStopwatch.h"
@@ -33,14 +35,15 @@ constexpr int percentages[] = {0, 10, 30, 50};
 constexpr int servicesInRound = 100;
 constexpr std::chrono::milliseconds pauseBetweenServices{10};
 
-/// After an offer was due, for sending and receiving it.
+/// Time for sending and receiving an offer after it is due, in milliseconds.
 constexpr double grace = 30;
 
-/// When offers are due for certain, in ms: the first of those that come once a second follows the fourth
-/// within a second.
+/// Times by which offers are certainly due, in milliseconds. The first offer of those sent once per second
+/// follows the fourth offer within 1 s.
 constexpr int dueTimes[] = {0, 100, 300, 700, 1700, 2700};
 
-/// Adds services, waits until they are known, and removes them again; returns how long it took for each.
+/// Adds services, waits until they are known, and removes them. Returns the milliseconds that each one took,
+/// or nothing if some are not known within a minute.
 std::vector<double> measureRound(int round, TestUnit& announcing, TestUnit& learning)
 {
     DiscoveryStopwatch stopwatch(learning.discovery());

@@ -1,5 +1,5 @@
-// How many datagrams a unit takes in, from the socket to the state machine, beside how many a bare loop takes
-// off a socket. The services are known after the first few; what comes then are repeated offers.
+// Measures how many datagrams a unit processes, from the socket to the state machine, compared with a bare
+// loop that only reads a socket. All services are known beforehand, so the unit receives repeated offers.
 //
 // usage: tests/support/in-namespace.sh build-bench/bin/receive_benchmark [SECONDS]
 
@@ -46,11 +46,11 @@ using std::chrono::seconds;
 using Clock = std::chrono::steady_clock;
 
 constexpr std::size_t services = 10003;       // a multiple of seven
-constexpr std::size_t unlimited = 100000000;  // datagrams a second
+constexpr std::size_t unlimited = 100000000;  // datagrams per second
 const std::vector<std::string> unitThreads{"SdSockReact", "SdReqHdlr"};
 const std::vector<std::string> loopThreads{"BareLoop"};
 
-/// Somebody who receives, on this thread's side of the pair.
+/// A receiver at this thread's end of the network pair.
 class Receiver
 {
 public:
@@ -76,7 +76,7 @@ public:
     std::size_t dropped() const override { return m_drops->dropped; }
 
 private:
-    /// Adds up what the unit says to have dropped.
+    /// Sums up the dropped datagrams that the unit reports in its log.
     struct DropCount : Poco::Channel
     {
         void log(const Poco::Message& message) override
@@ -135,7 +135,7 @@ private:
     std::thread m_thread;
 };
 
-/// In seconds, of each of the receiver's threads.
+/// Returns the processor time of each of the receiver's threads, in seconds.
 std::vector<double> processorTimesOf(const Receiver& receiver)
 {
     ProcessorTimes times = processorTimes();
@@ -151,7 +151,7 @@ double processorTimeOf(const Receiver& receiver)
     return std::accumulate(times.begin(), times.end(), 0.0);
 }
 
-/// Waits until the receiver has nothing left to do: no more than idling takes.
+/// Waits until the receiver is idle: until its threads use almost no processor time.
 void waitForRest(const Receiver& receiver)
 {
     constexpr double idling = 0.001;
@@ -175,7 +175,7 @@ std::vector<std::string> datagrams(std::size_t offersInEach)
     return result;
 }
 
-/// All that the plan says.
+/// Sends everything in the plan.
 void send(const NetworkPair& network, const FloodPlan& plan)
 {
     const Flood flood(network.there, "eth0", "fd00::2", plan);
@@ -190,7 +190,7 @@ void run(const char* who, std::size_t offersInEach, std::size_t perSecond, secon
     network.link("eth0", "fd00::1", "fd00::2");
     const Kind receiver;
     const std::vector<std::string> contents = datagrams(offersInEach);
-    // All become known, and what that takes is not counted.
+    // Makes all services known before the measurement begins.
     send(network, {contents, 2000, milliseconds(contents.size() / 2 + 500)});
     waitForRest(receiver);
 
@@ -210,7 +210,7 @@ void run(const char* who, std::size_t offersInEach, std::size_t perSecond, secon
 
     const std::vector<double> processor = processorTimesOf(receiver);
     const std::size_t lost = lostDatagrams(network.here) - lostBefore;
-    // The unit reports its drops once a second, with the next datagram.
+    // The unit reports its drops once per second, on the next datagram.
     std::this_thread::sleep_for(milliseconds(1100));
     send(network, {contents, 100, milliseconds(100)});
     waitForRest(receiver);
@@ -229,7 +229,7 @@ void run(const char* who, std::size_t offersInEach, std::size_t perSecond, secon
     std::printf("\n");
 }
 
-/// In a process of its own, so that memory and threads are those of one receiver.
+/// Runs `work` in a separate process, so that its memory and threads belong to only one receiver.
 bool apart(const std::function<void()>& work)
 {
     static_cast<void>(std::fflush(stdout));

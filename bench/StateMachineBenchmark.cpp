@@ -1,4 +1,4 @@
-// What the state machine takes for each event, with more and more services known.
+// Measures the time of the state machine per event, for increasing numbers of known services.
 
 #include "DataLayer/SDClock.h"
 #include "DataLayer/SOME_IP_SD/SOME_IP_SD_Entry_Service.h"
@@ -37,7 +37,7 @@ public:
     void announce(const std::vector<SDService::Ptr>&) override {}
 };
 
-/// A machine without timers that knows so many services of other units.
+/// A state machine without timers.
 class Machine : public SDStateMachine
 {
 public:
@@ -55,7 +55,7 @@ private:
     Poco::Timer m_timer;
 };
 
-/// What is received when another unit offers a service.
+/// An offer received from another unit.
 struct Offer
 {
     explicit Offer(const std::string& name, unsigned ttl = 120)
@@ -100,7 +100,7 @@ struct Scene
         return machine.onExternalEvent(event);
     }
 
-    /// What the hub does with an offer.
+    /// Handles an offer the way the hub does.
     void receive(const Offer& offer)
     {
         SDService::Ptr service = SDService::instanceOf(offer.entry, offer.ipv6, offer.configuration);
@@ -126,7 +126,7 @@ struct Scene
     std::size_t uuids = 0;
 };
 
-/// Lets a batch of events be handled; one of them counts with the record that comes with it.
+/// Handles a batch of events. The time per event includes what `handle` does to create its record.
 template <class Handle>
 void measure(benchmark::State& state, std::size_t events, Handle handle)
 {
@@ -139,14 +139,14 @@ void measure(benchmark::State& state, std::size_t events, Handle handle)
 
 constexpr std::size_t batch = 500;
 
-/// In which order known services are asked for.
+/// The order in which known services are accessed.
 enum class Order
 {
-    AsDiscovered,  ///< as a unit repeats its offers, second by second
+    AsDiscovered,  ///< the order in which a unit repeats its offers every second
     Random
 };
 
-/// The numbers of services that are known, one after the other.
+/// Produces the numbers of known services in the given order.
 class Numbers
 {
 public:
@@ -161,7 +161,7 @@ public:
 private:
     const std::size_t m_known;
     const Order m_order;
-    std::minstd_rand m_random{1};  // NOLINT(cert-msc32-c,cert-msc51-cpp) every run gets the same
+    std::minstd_rand m_random{1};  // NOLINT(cert-msc32-c,cert-msc51-cpp) all runs use the same numbers
     std::size_t m_last = 0;
 };
 
@@ -219,7 +219,7 @@ void findOfUnknown(benchmark::State& state)
         measure(state, batch, [&](std::size_t) { scene.handle(Event::SOMEIP_FIND, new SDService(name)); });
 }
 
-/// The service is one of the unit's own; at most sixteen answers wait.
+/// Finds a service of this unit. At most 16 answers may wait, so each batch has 16 events.
 void findOfAnnounced(benchmark::State& state)
 {
     Scene scene(static_cast<std::size_t>(state.range(0)));
@@ -233,7 +233,7 @@ void findOfAnnounced(benchmark::State& state)
     }
 }
 
-/// Of a discovered service, which is found, and not removed.
+/// Looks up a discovered service by its identifier. HTTP_DELETE finds it but does not remove it.
 template <Order order>
 void lookUpByUuid(benchmark::State& state)
 {
@@ -254,7 +254,7 @@ SDService::Ptr expired(const std::string& name)
     return record;
 }
 
-/// A tick in which so many services expire, for each.
+/// Measures a tick in which all services expire, per service.
 void expiry(benchmark::State& state)
 {
     const auto known = static_cast<std::size_t>(state.range(0));
@@ -271,7 +271,7 @@ void expiry(benchmark::State& state)
     }
 }
 
-/// A tick in which nothing happens, for each service.
+/// Measures a tick in which nothing happens, per service.
 void quietTick(benchmark::State& state)
 {
     const auto known = static_cast<std::size_t>(state.range(0));

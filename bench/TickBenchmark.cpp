@@ -1,5 +1,5 @@
-// What it takes to announce all services of a unit at once, as it does every second: the batch built and
-// thrown away, and sent on real sockets.
+// Measures the processor time for announcing all services of a unit at once, as a unit does every second:
+// once discarding the datagrams, and once sending them on real sockets.
 //
 // usage: tests/support/in-namespace.sh build-bench/bin/tick_benchmark
 
@@ -33,7 +33,7 @@ double processorTime()
     return static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_nsec) * 1e-9;
 }
 
-/// A hub on so many interfaces, at whose other ends nobody listens.
+/// A hub with the given number of interfaces. Nobody listens at the other ends.
 struct Scene
 {
     explicit Scene(int interfaces)
@@ -81,7 +81,7 @@ void tick(benchmark::State& state)
     state.counters["services"] = static_cast<double>(state.range(1));
 }
 
-/// Interfaces by services. Without an interface the datagrams are built and thrown away.
+/// Interfaces by services. Without an interface the datagrams are built and discarded.
 BENCHMARK(tick)
     ->ArgsProduct({{0, 1, 2, 8}, {10, 100, 1000, 10000}})
     ->Iterations(20)

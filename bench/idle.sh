@@ -1,6 +1,6 @@
 #!/bin/sh
-# What two units cost while nothing changes: one announces services, the other knows them. Processor time,
-# wake-ups, memory, and what is on the wire.
+# Measures two units while nothing changes: one announces services, the other knows them. Prints processor time,
+# wake-ups, memory and network traffic.
 #
 # usage: tests/support/in-namespace.sh bench/idle.sh NUBO-SD [SECONDS [SERVICES]...]
 set -eu
@@ -38,7 +38,7 @@ start() { # UNIT ARGUMENT...
 tasks() { cat /proc/"$(cat "$work/$1.pid")"/task/*/"$2"; }
 runtime() { tasks "$1" schedstat | awk '{ n += $1 } END { printf "%.0f", n }'; } # nanoseconds
 switches() { tasks "$1" status | awk '/^voluntary_ctxt/ { n += $2 } END { print n }'; }
-sent() { # packets and bytes of the announcing unit
+sent() { # prints packets and bytes sent by the announcing unit
     ip -n announces -json -stats link show eth0 | jq -r '.[0].stats64.tx | "\(.packets) \(.bytes)"'
 }
 remember() { echo "$(runtime "$1") $(switches "$1") $(sent)" >"$work/$1.before"; }
@@ -62,12 +62,12 @@ for unit in announces knows; do
     address=2
 done
 
-echo "services  unit         s a minute   wake-ups/s          MiB  datagrams/s      bytes/s"
+echo "services  unit         s/minute     wake-ups/s          MiB  datagrams/s      bytes/s"
 for count in "$@"; do
     services "$count" >"$work/services.json"
     start knows browse
     start announces announce --file "$work/services.json"
-    # A millisecond for each of a service's first four offers, until all are offered once a second.
+    # Each of the first four offers of a service takes 1 ms; after that all services are offered once per second.
     sleep $((4 + count / 200))
     known=$(grep -c '^discovered' "$work/knows.out" || true)
     [ "$known" = "$count" ] || { echo "only $known of $count services were discovered" >&2 && exit 1; }

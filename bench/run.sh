@@ -7,12 +7,12 @@ usage() {
     cat <<'EOF'
 usage: bench/run.sh [BENCHMARK]...
 
-Installs what is missing (Debian packages), builds in build-bench, and runs the
-benchmarks: codec, state-machine, tick, receive, discovery, idle. Without BENCHMARK
-all are run, in about six minutes. The tables are printed and kept in
+Installs missing Debian packages, builds in build-bench, and runs the benchmarks:
+codec, state-machine, tick, receive, discovery, idle. Without BENCHMARK it runs all
+of them, which takes about six minutes. Prints the tables and saves them in
 build-bench/results.md.
 
-Those that cross a network make network namespaces of their own.
+Benchmarks that need a network create network namespaces.
 EOF
 }
 
@@ -25,13 +25,13 @@ for name in "$@"; do
         ;;
     *)
         echo " $all " | grep -q " $name " || {
-            echo "run.sh: no such benchmark: $name (--help tells all)" >&2
+            echo "run.sh: no such benchmark: $name (see --help)" >&2
             exit 2
         }
         ;;
     esac
 done
-# shellcheck disable=SC2086 # the names are words of their own
+# shellcheck disable=SC2086 # each name is a separate word
 [ $# -gt 0 ] || set -- $all
 
 scripts/setup.sh build bench
@@ -54,13 +54,13 @@ codec() {
 }
 
 state_machine() {
-    echo '| ns an event, services known: | 10 | 100 | 1,000 | 10,000 | 100,000 | 100,000 to 100 |'
+    echo '| ns per event, services known: | 10 | 100 | 1,000 | 10,000 | 100,000 | 100,000 to 100 |'
     echo '|---|---|---|---|---|---|---|'
     rows state_machine "$bin/state_machine_benchmark"
 }
 
 tick() {
-    echo '| services | interfaces | us a tick | ns a service | allocations |'
+    echo '| services | interfaces | us per tick | ns per service | allocations |'
     echo '|---|---|---|---|---|'
     rows tick "$network" "$bin/tick_benchmark"
 }

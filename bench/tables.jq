@@ -1,4 +1,4 @@
-# Rows of tables from the results of the benchmark programs.
+# Converts the results of the benchmark programs to table rows.
 
 def row: "| \(map(tostring) | join(" | ")) |";
 def tenth: . * 10 | round / 10;

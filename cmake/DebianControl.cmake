@@ -1,5 +1,6 @@
-# Corrects the packages that CPack has made. It adds scripts that call ldconfig to each package with a library,
-# beside the trigger that does the same; and it knows no Multi-Arch.
+# Corrects the packages built by CPack: removes the maintainer scripts that call ldconfig, which CPack adds to each
+# package with a library although a trigger does the same, and adds the Multi-Arch field, which CPack does not
+# support.
 
 foreach(file ${CPACK_PACKAGE_FILES})
   set(folder ${file}.folder)

@@ -1,5 +1,5 @@
-# Adds to the files of each Debian package what the system asks of all packages. CPack runs this once all of them
-# are laid out, each in a folder.
+# Adds the files that Debian requires in every package. CPack runs this script when the files of all packages are
+# staged, each package in a separate folder.
 
 function(compress file)
   execute_process(COMMAND gzip -9n ${file} COMMAND_ERROR_IS_FATAL ANY)
@@ -20,7 +20,7 @@ foreach(part Runtime Util OEMInterface Tools Development)
     configure_file(${overrides} ${root}/lintian/overrides/${package} COPYONLY)
   endif()
 
-  # The compiler's name stays behind when CPack strips them.
+  # Removes the name of the compiler, which CPack's stripping leaves in place.
   file(GLOB binaries ${root}/../bin/* ${root}/../lib/*/lib*.so.*.*)
   foreach(binary ${binaries})
     execute_process(COMMAND strip --remove-section=.comment ${binary} COMMAND_ERROR_IS_FATAL ANY)

@@ -1,18 +1,18 @@
-# What `cmake --install` puts where. The two platform libraries are components of their own: where a vehicle
-# platform has its own, ours are left out.
+# Installation rules. The two platform libraries are separate components, so that a vehicle platform can install
+# its own editions instead.
 
 include(CMakePackageConfigHelpers)
 
-# One include root for everything; include paths are the same as in the source tree.
+# A single include root for all libraries; include paths are the same as in the source tree.
 set(include_root ${CMAKE_INSTALL_INCLUDEDIR}/KELServiceDiscoveryLib)
 set(package_dir ${CMAKE_INSTALL_LIBDIR}/cmake/KELServiceDiscoveryLib)
 set(data_dir ${CMAKE_INSTALL_DATAROOTDIR})
 set(KEL_SD_ZSH_COMPLETIONS_DIR ${data_dir}/zsh/site-functions CACHE STRING
-  "Where zsh looks for completions, below the prefix")
+  "Folder of zsh's completions, relative to the prefix")
 mark_as_advanced(KEL_SD_ZSH_COMPLETIONS_DIR)
 
-# Libraries are found beside each other wherever the prefix is. In the system's own prefix the loader finds them
-# anyway; a path there would only keep it from finding others.
+# Removes the library search path if the prefix is /usr. Elsewhere $ORIGIN lets the libraries find each other; in
+# /usr the loader finds them anyway, and the path would only take precedence over other editions.
 function(kel_sd_strip_rpath_in_system_prefix target directory component)
   install(CODE "
     if(CMAKE_INSTALL_PREFIX MATCHES \"^/usr/?$\")
@@ -22,7 +22,7 @@ function(kel_sd_strip_rpath_in_system_prefix target directory component)
     COMPONENT ${component})
 endfunction()
 
-# A library with its CMake targets and its file for pkg-config.
+# Installs a library with its CMake targets and its pkg-config file.
 function(kel_sd_install_library target)
   cmake_parse_arguments(arg "" "EXPORT_NAME;RUNTIME;DEVELOPMENT;DESCRIPTION;POCO" "" ${ARGN})
   set_target_properties(${target} PROPERTIES
@@ -55,13 +55,13 @@ endfunction()
 kel_sd_install_library(KELUtilLib EXPORT_NAME Util RUNTIME Util DEVELOPMENT UtilDev
   DESCRIPTION "Log and service locator of the platform" POCO -lPocoFoundation)
 kel_sd_install_library(KELOEMInterfaceLib EXPORT_NAME OEMInterface RUNTIME OEMInterface DEVELOPMENT OEMInterfaceDev
-  DESCRIPTION "Dispatcher that tells which network interfaces to use" POCO -lPocoFoundation)
+  DESCRIPTION "Dispatcher that reports which network interfaces to use" POCO -lPocoFoundation)
 kel_sd_install_library(KELServiceDiscoveryLib EXPORT_NAME ServiceDiscovery RUNTIME Runtime DEVELOPMENT Dev
   DESCRIPTION "${PROJECT_DESCRIPTION}" POCO "-lPocoNet -lPocoFoundation")
 
-# The public headers; all others are the library's own.
-foreach(header ServiceDiscovery.h Export.h DataLayer/SDService.h DataLayer/ServiceDiscovery_Types.h
-    DataLayer/TextList.h)
+# The public headers; all others are internal.
+foreach(header KnownServices.h ServiceDiscovery.h Export.h DataLayer/NuboServiceDescription.h DataLayer/SDService.h
+    DataLayer/ServiceDiscovery_Types.h DataLayer/ServiceEvents.h DataLayer/TextList.h)
   get_filename_component(folder ${header} DIRECTORY)
   install(FILES src/${header} DESTINATION ${include_root}/${folder} COMPONENT Dev)
 endforeach()

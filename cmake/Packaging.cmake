@@ -1,18 +1,18 @@
-# Debian packages, which scripts/package.sh makes: one a component, and one for all that is needed to build with
-# the libraries.
+# Debian packages, built by scripts/package.sh: one per runtime component, and one for development with the
+# libraries.
 
 set(packaging ${PROJECT_SOURCE_DIR}/packaging)
 set(KEL_SD_MAINTAINER "KELServiceDiscoveryLib maintainers <maintainers@kel.example>" CACHE STRING
-  "Who answers for the Debian packages: NAME <ADDRESS>")
+  "Maintainer of the Debian packages: NAME <ADDRESS>")
 
 set(CPACK_GENERATOR DEB)
 set(CPACK_PACKAGE_NAME kelservicediscovery)
 set(CPACK_PACKAGE_VENDOR "")
-# Each package has a summary of its own, in the first line of its description.
+# The first line of each package's description is its summary.
 set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "")
 set(CPACK_PACKAGE_CONTACT "${KEL_SD_MAINTAINER}")
 set(CPACK_INSTALL_PREFIX /usr)
-# Paths in the packages are those of the system, also where a rule of installation looks at them.
+# Makes the installation rules see the final paths, such as /usr, instead of those in the staging folder.
 set(CPACK_SET_DESTDIR ON)
 set(CPACK_STRIP_FILES ON)
 set(CPACK_PRE_BUILD_SCRIPTS ${PROJECT_SOURCE_DIR}/cmake/DebianFiles.cmake)
@@ -24,7 +24,7 @@ set(CPACK_COMPONENT_DEV_GROUP Development)
 set(CPACK_COMPONENT_UTILDEV_GROUP Development)
 set(CPACK_COMPONENT_OEMINTERFACEDEV_GROUP Development)
 
-# The packages have the version of their change log, which may not fall behind.
+# The newest entry of the packages' change log must be for this version.
 file(STRINGS ${packaging}/debian/changelog newest LIMIT_COUNT 1)
 if(NOT newest MATCHES "^kelservicediscovery \\(([^)]+)\\)" OR NOT CMAKE_MATCH_1 STREQUAL PROJECT_VERSION)
   message(SEND_ERROR "packaging/debian/changelog has no entry for version ${PROJECT_VERSION}")
@@ -40,30 +40,30 @@ set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS ${CMAKE_LIBRARY_OUTPUT_DIRECTORY
 set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS ON)
 set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS_POLICY >=)
 
-# A package of this project needs another one of exactly its version, but takes any edition of the platform's two
-# libraries that is new enough: a vehicle's own package provides them.
+# Packages of this project depend on each other in exactly the same version, but accept any sufficiently new edition
+# of the two platform libraries, because a vehicle platform may provide them.
 set(same "(= ${PROJECT_VERSION})")
 set(platform "libkelutil0 (>= ${PROJECT_VERSION}), libkeloeminterface0 (>= ${PROJECT_VERSION})")
 string(CONCAT platform_text
-  "This is the edition for plain Linux. A vehicle platform has its own, in a\n"
-  "package that provides this one with its version, conflicts with it and\n"
-  "replaces it.")
+  "This is the edition for plain Linux. A vehicle platform supplies another\n"
+  "edition in a package that provides this one with its version, conflicts with\n"
+  "it and replaces it.")
 
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_NAME libkelservicediscovery0)
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_SECTION libs)
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_DEPENDS "${platform}")
 set(CPACK_DEBIAN_RUNTIME_DESCRIPTION
 "SOME/IP service discovery between control units
-Lets the service registries of a vehicle's control units find each other's
-services with no server and no configuration, by SOME/IP Service Discovery
-messages over IPv6 multicast.")
+Lets the service registries of a vehicle's control units discover each other's
+services without server or configuration, by SOME/IP Service Discovery messages
+over IPv6 multicast.")
 
 set(CPACK_DEBIAN_UTIL_PACKAGE_NAME libkelutil0)
 set(CPACK_DEBIAN_UTIL_PACKAGE_SECTION libs)
 set(CPACK_DEBIAN_UTIL_DESCRIPTION
 "log and service locator of a vehicle platform
-What processes of a control unit share: the log, and the place where parts of a
-process find what others provide.
+Shared services for the processes of a control unit: the log, and a registry
+through which the parts of a process find each other's services.
 
 ${platform_text}")
 
@@ -72,8 +72,8 @@ set(CPACK_DEBIAN_OEMINTERFACE_PACKAGE_SECTION libs)
 set(CPACK_DEBIAN_OEMINTERFACE_PACKAGE_DEPENDS "libkelutil0 (>= ${PROJECT_VERSION})")
 set(CPACK_DEBIAN_OEMINTERFACE_DESCRIPTION
 "dispatcher of a vehicle platform
-Tells the processes of a control unit which network interfaces to use, and
-keeps its event memory.
+Reports to the processes of a control unit which network interfaces to use, and
+writes its event memory.
 
 ${platform_text}")
 
@@ -83,10 +83,10 @@ set(CPACK_DEBIAN_TOOLS_PACKAGE_DEPENDS "libkelservicediscovery0 ${same}, ${platf
 set(CPACK_DEBIAN_TOOLS_DESCRIPTION
 "announce, find and watch services of control units
 Announces services of this unit, reports those of other units, searches for
-one, and shows the packets of SOME/IP Service Discovery on the network.
+services, and displays the packets of SOME/IP Service Discovery on the network.
 
-A service of the system announces what /etc/nubo-sd/services.json lists, once
-that file is there and the service is enabled.")
+A systemd service announces the services listed in /etc/nubo-sd/services.json,
+once that file exists and the service is enabled.")
 
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_NAME libkelservicediscovery-dev)
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_SECTION libdevel)

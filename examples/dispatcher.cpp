@@ -1,7 +1,6 @@
-// A dispatcher of one's own: where a platform knows better than the kernel which interfaces to use, it tells
-// the library so through the service locator. This one reports the one interface of its command line, and
-// writes the event memory to standard output. Those who want no more than that take
-// OEMInterface::ManualDispatcher.
+// A custom dispatcher. A platform that knows better than the kernel which interfaces to use registers one in
+// the service locator. This one reports the interface given on its command line and prints event memory
+// entries to standard output. If you need no more than that, use OEMInterface::ManualDispatcher.
 //
 //     bin/example-dispatcher INTERFACE ADDRESS SECONDS     (eth0 fd00::1 10)
 
@@ -23,7 +22,7 @@
 
 namespace {
 
-/// Who wants to be told of one kind of report, for as long as the bindings last.
+/// The delegates bound to one kind of report, each until its binding ends.
 template <class Payload>
 class Bindings
 {
@@ -49,7 +48,7 @@ public:
 private:
     struct State
     {
-        std::recursive_mutex mutex;  // held while a report is delivered, so that a binding's end waits for it
+        std::recursive_mutex mutex;  // locked during a report, so that the end of a binding waits for it
         std::vector<std::shared_ptr<Delegate>> delegates;
     };
 
@@ -86,7 +85,7 @@ public:
         , m_address(std::move(address))
     {}
 
-    /// What stands is reported to the newcomer at once.
+    /// Reports the present interface to the new delegate at once.
     OEMInterface::ResponseBindingPtr bindResponse(const Poco::AbstractDelegate<Added>& delegate) override
     {
         OEMInterface::ResponseBindingPtr binding = m_added.add(delegate);
@@ -107,7 +106,7 @@ public:
         std::cout << "event memory: " << name << ' ' << protocol << " [" << ip << "]:" << port << std::endl;
     }
 
-    /// The platform would call this when the interface goes.
+    /// A platform would call this when the interface is removed.
     void remove() { m_removed.report(this, {{m_name.c_str(), m_address.c_str()}}); }
 
 private:

@@ -1,18 +1,18 @@
 #!/usr/bin/env bats
-# Each example runs for a second on a unit and does what it shows. $EXAMPLES is the folder of the programs.
+# Runs each example on a unit and checks what it does. $EXAMPLES is the folder of the programs.
 
 bats_require_minimum_version 1.5.0
 
 setup() {
     load ../tests/tools/helpers
-    # shellcheck disable=SC2034 # the helpers write there
+    # shellcheck disable=SC2034 # used by the helpers
     out=$BATS_TEST_TMPDIR
     unit a eth0=fd00::1
 }
 
 teardown() { remove_units; }
 
-@test "the registry learns of services" {
+@test "the registry discovers services" {
     unit b eth0=fd00::2
     start b b announce Media --port 8080 --version 1.0.0
     run -0 on a "$EXAMPLES/example-registry" fd00::1 2
@@ -20,7 +20,7 @@ teardown() { remove_units; }
     stop b
 }
 
-@test "the library takes the interface of a dispatcher of one's own" {
+@test "the library uses the interface that a custom dispatcher reports" {
     unit b eth0=fd00::2
     start b b announce Media --port 8080 --version 1.0.0
     run -0 on a "$EXAMPLES/example-dispatcher" eth0 fd00::1 1
@@ -28,7 +28,7 @@ teardown() { remove_units; }
     stop b
 }
 
-# segment NAME ADDRESS NAME ADDRESS: two units with a wire of their own.
+# segment NAME ADDRESS NAME ADDRESS: creates two units connected by a separate link.
 segment() {
     ip netns add "$1"
     ip netns add "$3"
@@ -40,7 +40,7 @@ segment() {
     done
 }
 
-@test "the gateway offers here what is offered beyond" {
+@test "the gateway offers the services of another namespace here" {
     unit b eth0=fd00::2
     segment inner fd01::1 seller fd01::2
     start b b --json browse
@@ -58,12 +58,12 @@ segment() {
     stop b
 }
 
-@test "the log goes to syslog, or wherever it is sent" {
+@test "the custom log channel writes to syslog" {
     run -0 on a "$EXAMPLES/example-syslog" fd00::1 1
     [[ $output == *nubo\[*\]:\ src/*.cpp:[0-9]*\ * ]]
 }
 
-@test "wrong arguments are answered with the usage" {
+@test "wrong arguments print the usage" {
     for example in registry dispatcher syslog gateway; do
         run -2 "$EXAMPLES/example-$example"
         [[ $output == "usage: example-$example "* ]]

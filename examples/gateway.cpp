@@ -1,12 +1,11 @@
-// A gateway: offers here what is offered beyond, in another network namespace, with the endpoints that the
-// services have there. A subscriber must not call an engine, not even another one: two engines whose
-// subscribers called each other would wait for each other. So the subscriber hands over by a queue, and a
-// thread of the gateway's own takes from it.
+// A gateway that offers the services of another network namespace ("beyond") in this one ("here"), with their
+// original endpoints. A subscriber must not call any engine: two engines whose subscribers called each other
+// would deadlock. The subscriber therefore only fills a queue, which the main thread empties.
 //
 //     bin/example-gateway ADDRESS NAMESPACE ADDRESS-BEYOND SECONDS
 //
-// as root; ADDRESS is this unit's IPv6 address, NAMESPACE one that "ip netns" knows, with ADDRESS-BEYOND in
-// it. The gateway ends after so many seconds without news.
+// Run it as root. ADDRESS is this unit's IPv6 address; NAMESPACE is a namespace listed by "ip netns" that has
+// the address ADDRESS-BEYOND. The gateway exits after SECONDS without a change.
 
 #include <KELOEMInterfaceLib/OEMDispatcher.h>
 #include <KELUtilLib/ApplicationServices.h>
@@ -31,7 +30,7 @@
 
 using namespace Nubo::ServiceDiscovery;
 
-/// A service that came or went beyond.
+/// A service that was discovered or is gone beyond.
 struct Change : Poco::Notification
 {
     Change(bool hasCome, NuboServiceDescription which) : isThere(hasCome), service(std::move(which)) {}
@@ -43,7 +42,7 @@ struct Change : Poco::Notification
 class Handover
 {
 public:
-    /// Runs on a thread of the library: it only notes what it is told.
+    /// Runs on a thread of the library, so it only queues the change.
     void onServiceListChanged(ServiceDiscovery::ServiceListEventPayload& payload)
     {
         const bool isThere = payload.getEventType() == ServiceDiscovery::EventType::SERVICE_DISCOVERED;
@@ -68,8 +67,8 @@ std::unique_ptr<ServiceDiscovery> makeEngine()
     return std::make_unique<ServiceDiscovery>();
 }
 
-/// Makes an engine that lives in the namespace: all its threads and sockets are made by one that has entered
-/// it.
+/// Creates an engine in the namespace. A thread that has entered the namespace creates all its threads and
+/// sockets.
 std::unique_ptr<ServiceDiscovery> startBeyond(const std::string& name, const std::string& address,
                                               Handover& handover)
 {

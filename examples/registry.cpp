@@ -1,8 +1,8 @@
-// A registry: keeps the services of the other units, and answers ServiceListChanged promptly. The library
-// waits while the event is delivered, so the subscriber only notes what it is told; what takes time is done
-// by a thread of the registry's own.
+// A registry that prints the services of other units whenever they change. KnownServices maintains the table,
+// so no code of the registry runs within ServiceListChanged, which would block the library.
 //
-//     bin/example-registry ADDRESS SECONDS     (this unit's IPv6 address; it ends after so long without news)
+//     bin/example-registry ADDRESS SECONDS     (this unit's IPv6 address; exits after SECONDS without a
+//     change)
 //
 // and on another unit: nubo-sd announce Media --port 8080 --version 1.2.0
 
@@ -10,47 +10,16 @@
 #include <KELUtilLib/ApplicationServices.h>
 
 #include <Poco/Any.h>
-#include <Poco/Delegate.h>
-#include <Poco/Event.h>
 
+#include <chrono>
+#include <cstdint>
 #include <iostream>
-#include <map>
-#include <mutex>
+#include <string>
 
+#include <KnownServices.h>
 #include <ServiceDiscovery.h>
 
 using namespace Nubo::ServiceDiscovery;
-
-class Registry
-{
-public:
-    /// Runs on a thread of the library.
-    void onServiceListChanged(ServiceDiscovery::ServiceListEventPayload& payload)
-    {
-        const std::lock_guard<std::mutex> lock(m_mutex);
-        if (payload.getEventType() == ServiceDiscovery::EventType::SERVICE_DISCOVERED) {
-            payload.setLocalUuid("service-" + std::to_string(++m_lastNumber));
-            m_services[payload.getLocalUuid()] = *payload.getServiceDescription();
-        }
-        else {
-            m_services.erase(payload.getLocalUuid());
-        }
-        changed.set();
-    }
-
-    std::map<std::string, NuboServiceDescription> services() const
-    {
-        const std::lock_guard<std::mutex> lock(m_mutex);
-        return m_services;
-    }
-
-    Poco::Event changed;
-
-private:
-    mutable std::mutex m_mutex;
-    std::map<std::string, NuboServiceDescription> m_services;  // by the registry's own identifier
-    unsigned m_lastNumber = 0;
-};
 
 int main(int argc, char** argv)
 {
@@ -58,20 +27,22 @@ int main(int argc, char** argv)
         std::cerr << "usage: example-registry ADDRESS SECONDS" << std::endl;
         return 2;
     }
+    const std::chrono::seconds patience(std::stol(argv[2]));
     ApplicationServices::getLocator().add(
         typeid(OEMInterface::OEMDispatcher),
         Poco::SharedPtr<OEMInterface::OEMDispatcher>(new OEMInterface::NetlinkDispatcher));
-    Registry registry;
     ServiceDiscovery discovery;
-    discovery.ServiceListChanged += Poco::delegate(&registry, &Registry::onServiceListChanged);
+    const KnownServices services(discovery);
     if (!discovery.startup(Poco::Net::IPAddress(argv[1])))
         return 1;
-    while (registry.changed.tryWait(std::stol(argv[2]) * 1000)) {
+    std::uint64_t seen = 0;
+    while (services.waitForChange(seen, patience) != seen) {
+        const auto snapshot = services.snapshot();
         std::cout << "services known:" << std::endl;
-        for (const auto& [uuid, service] : registry.services())
-            std::cout << "  " << uuid << "  " << service.getUri() << std::endl;
+        for (const auto& service : *snapshot)
+            std::cout << "  " << service->uuid << "  " << service->description.getUri() << std::endl;
+        seen = snapshot->revision();
     }
     discovery.shutdown();
-    discovery.ServiceListChanged -= Poco::delegate(&registry, &Registry::onServiceListChanged);
     return 0;
 }

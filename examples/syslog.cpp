@@ -1,8 +1,8 @@
-// A log sink of one's own: the library and the platform libraries log to one logger, and a channel set on it
-// decides where that goes. Here it is syslog, with the message's place in the source; any other Poco::Channel
-// goes the same way.
+// A custom log sink. The library and the platform libraries share one logger, and its channel writes the
+// messages. This program sends them to syslog, with source file and line. Any other Poco::Channel can be set
+// the same way.
 //
-//     bin/example-syslog ADDRESS SECONDS     (this unit's IPv6 address; how long to run)
+//     bin/example-syslog ADDRESS SECONDS     (this unit's IPv6 address; exits after SECONDS)
 //     journalctl -t nubo                     (or /var/log/syslog)
 
 #include <KELOEMInterfaceLib/OEMDispatcher.h>

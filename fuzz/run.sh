@@ -8,43 +8,43 @@ usage() {
 usage: fuzz/run.sh [OPTION]... HOURS [TARGET]...
        fuzz/run.sh [OPTION]... --smoke [TARGET]...
 
-Installs what is missing (Debian packages), builds the fuzz targets with libFuzzer,
-AddressSanitizer and UndefinedBehaviorSanitizer, and runs them one after the other
-on every processor. HOURS, which may be a fraction such as 0.5, is the time that all
-targets get together; each gets an equal share. Without TARGET all are run.
+Installs missing Debian packages, builds the fuzz targets with libFuzzer,
+AddressSanitizer and UndefinedBehaviorSanitizer, and runs them, several at a time.
+HOURS, which may be a fraction such as 0.5, is divided equally among the targets.
+Without TARGET it runs all of them.
 
-  --smoke    every target for 5 seconds, after its corpus
-  --update   afterwards take the inputs that reach new code into fuzz/corpus
-  -j N       run N targets at a time (default: one a processor)
-  --help     print this
+  --smoke    run each target on its corpus and then for 5 seconds
+  --update   afterwards add the inputs that reach new code to fuzz/corpus
+  -j N       run N targets at a time (default: number of processors)
+  --help     print this help
 
-The targets work on a copy of the corpus in build-fuzz/corpus, which grows from run
-to run. A target ends with its first finding. Exit code 1 if there was one; its input
-is kept in build-fuzz/findings. The table tells seconds of processor time.
+The targets work on a copy of the corpus in build-fuzz/corpus, which grows with every
+run. A target ends with its first finding. The exit code is 1 if there was one, and
+its input is saved in build-fuzz/findings. The table shows seconds of processor time.
 EOF
 }
 
 fail() {
-    echo "run.sh: $1 (--help tells all)" >&2
+    echo "run.sh: $1 (see --help)" >&2
     exit 2
 }
 
 all_targets=$(find fuzz/targets -name '*.cpp' -exec basename {} .cpp \; | sort)
 work=build-fuzz
 
-# Runs one target; what it says goes into its log.
+# Runs one target and writes its output to its log.
 fuzz() {
     target=$1 seconds=$2 run=$3
-    # Datagrams hold 1212 bytes; a few more let inputs run past that.
+    # Datagrams hold at most 1212 bytes; inputs may be a little longer.
     timeout $((seconds + 300)) \
         "$work/bin/fuzz_$target" -max_total_time="$seconds" -max_len=1400 -timeout=25 \
         -dict=fuzz/service-discovery.dict -print_final_stats=1 \
         -artifact_prefix="$work/findings/$run-$target-" "$work/corpus/$target" \
         >"$work/log/$target" 2>&1 || echo "exit code: $?" >>"$work/log/$target"
-    times >>"$work/log/$target" # the last line: what the target has taken
+    times >>"$work/log/$target" # the last line is the target's processor time
 }
 
-if [ "${1-}" = --one ]; then # for this script itself, which runs several at a time
+if [ "${1-}" = --one ]; then # internal: this script calls itself to run several targets at a time
     shift
     fuzz "$@"
     exit 0
@@ -82,14 +82,14 @@ while [ $# -gt 0 ]; do
     shift
 done
 targets=${targets:-$all_targets}
-# shellcheck disable=SC2086 # the targets are words of their own
+# shellcheck disable=SC2086 # each target is a separate word
 set -- $targets
 
 if [ "$smoke" = yes ]; then
-    [ -z "$hours" ] || fail "--smoke takes no hours"
+    [ -z "$hours" ] || fail "--smoke does not take HOURS"
     seconds=5
 else
-    echo "$hours" | grep -qxE '[0-9]+(\.[0-9]+)?|\.[0-9]+' || fail "how many hours?"
+    echo "$hours" | grep -qxE '[0-9]+(\.[0-9]+)?|\.[0-9]+' || fail "HOURS must be a number"
     seconds=$(awk -v hours="$hours" -v targets=$# 'BEGIN { s = int(hours * 3600 / targets); print s < 1 ? 1 : s }')
 fi
 
@@ -106,11 +106,11 @@ done
 echo "Fuzzing $# targets for $seconds s each, $jobs at a time ..."
 printf '%s\n' "$@" | xargs -P "$jobs" -I '{}' "$0" --one '{}' "$seconds" "$run"
 
-# The number after a word in a log's last line that has it, 0 without one.
+# last WORD TARGET: prints the number after the last WORD in the target's log, or 0.
 last() { sed -n "s/.*$1: *\([0-9]*\).*/\1/p" "$work/log/$2" | tail -n 1 | grep . || echo 0; }
 
 format='%-22s %8s %12s %10s %8s %9s %8s %9s\n'
-# shellcheck disable=SC2059 # one format for all lines of the table
+# shellcheck disable=SC2059 # all rows of the table share the format
 row() { printf "$format" "$@"; }
 echo
 row target seconds executions per-second edges features corpus findings
@@ -131,7 +131,7 @@ if [ "$update" = yes ]; then
     echo
     for target in "$@"; do
         before=$(find "fuzz/corpus/$target" -type f | wc -l)
-        # Code that is reached decides, not how often: the corpus is to stay small.
+        # Adds inputs that reach new code, regardless of how often they reach it, so that the corpus stays small.
         "$work/bin/fuzz_$target" -merge=1 -use_counters=0 -max_len=1400 \
             "fuzz/corpus/$target" "$work/corpus/$target" >"$work/log/$target-merge" 2>&1 ||
             { cat "$work/log/$target-merge" >&2 && exit 1; }
@@ -145,8 +145,8 @@ for target in $failed; do
     echo "Finding of $target:"
     grep -E '^This does not hold|^SUMMARY|runtime error|^ALARM|^exit code' "$work/log/$target" | sed 's/^/    /'
     for input in "$work/findings/$run-$target"-*; do
-        [ ! -e "$input" ] || echo "    to see it again:  $work/bin/fuzz_$target $input"
+        [ ! -e "$input" ] || echo "    to reproduce:  $work/bin/fuzz_$target $input"
     done
-    echo "    the whole log:    $work/log/$target"
+    echo "    full log:      $work/log/$target"
 done
 exit 1

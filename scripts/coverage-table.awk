@@ -1,4 +1,4 @@
-# What the tests run of src/, from gcovr's CSV: a line for each folder, with all that it holds. Fails below the
+# Prints the coverage of each folder in src/, including its subfolders, from gcovr's CSV. The exit code is 1 below the
 # goals.
 
 BEGIN {

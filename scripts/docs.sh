@@ -1,5 +1,5 @@
 #!/bin/sh
-# Makes the site of the public headers and the guide in build-docs/html. A warning is an error.
+# Generates the documentation of the public headers and the guide in build-docs/html. Warnings are errors.
 set -eu
 cd "$(dirname "$0")/.."
 scripts/setup.sh docs

@@ -1,5 +1,5 @@
 #!/bin/sh
-# Plants small faults in src/ and runs the tests on each; see scripts/mutate.sh --help.
+# Injects small faults into src/ and runs the tests on each; see scripts/mutate.sh --help.
 set -eu
 cd "$(dirname "$0")/.."
 

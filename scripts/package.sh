@@ -1,5 +1,5 @@
 #!/bin/sh
-# Makes the Debian packages and looks them over; see scripts/package.sh --help.
+# Builds and checks the Debian packages; see scripts/package.sh --help.
 set -eu
 cd "$(dirname "$0")/.."
 
@@ -7,12 +7,12 @@ usage() {
     cat <<'TEXT'
 usage: scripts/package.sh [-j N]
 
-Installs what is missing (Debian packages), makes an optimised build and Debian
-packages of it in build-package/, and checks them with lintian. The exit code is 1
-if lintian has a warning or an error.
+Installs missing Debian packages, builds the project with optimisation, creates
+its Debian packages in build-package/, and checks them with lintian. The exit code
+is 1 if lintian reports a warning or an error.
 
-  -j N     build with N jobs (default: one a processor)
-  --help   print this
+  -j N     build with N jobs (default: number of processors)
+  --help   print this help
 TEXT
 }
 
@@ -29,7 +29,7 @@ while [ $# -gt 0 ]; do
         exit 0
         ;;
     *)
-        echo "package.sh: unknown option: $1 (--help tells all)" >&2
+        echo "package.sh: unknown option: $1 (see --help)" >&2
         exit 2
         ;;
     esac
@@ -37,7 +37,7 @@ while [ $# -gt 0 ]; do
 done
 
 scripts/setup.sh build package
-# Files in the packages are as old as the last commit, so that the same commit makes the same packages.
+# Dates files in the packages to the last commit, so that the same commit always produces the same packages.
 if [ -z "${SOURCE_DATE_EPOCH:-}" ] && epoch=$(git log -1 --format=%ct 2>/dev/null); then
     SOURCE_DATE_EPOCH=$epoch
     export SOURCE_DATE_EPOCH

@@ -1,11 +1,10 @@
 #!/bin/sh
-# Installs the Debian packages that a task needs and that are missing. Asks for nothing; uses sudo when it is
-# not run by root.
+# Installs the missing Debian packages that a task needs. Runs without prompts, and with sudo unless run as root.
 #
 # usage: scripts/setup.sh [--list] TASK...
 #
-# TASK is one of: build demo test aarch64 coverage lint bench fuzz mutate package install docs. With --list it names the
-# packages and installs none.
+# TASK is one of: build demo test aarch64 coverage lint bench fuzz mutate package install docs. With --list it prints
+# the packages and installs nothing.
 set -eu
 
 packages_for() {
@@ -53,14 +52,14 @@ if [ "$(id -u)" = 0 ]; then
 elif command -v sudo >/dev/null; then
     as_root=sudo
 else
-    echo "setup.sh: these Debian packages are missing, and only root can install them:$missing" >&2
+    echo "setup.sh: run as root to install the missing Debian packages:$missing" >&2
     exit 1
 fi
 
 echo "Installing:$missing"
 log=$(mktemp)
 trap 'rm -f "$log"' EXIT
-# shellcheck disable=SC2086 # the packages are words of their own
+# shellcheck disable=SC2086 # each package is a separate word
 if ! { $as_root apt-get update &&
     $as_root env DEBIAN_FRONTEND=noninteractive apt-get install --yes --no-install-recommends $missing; } \
     >"$log" 2>&1; then

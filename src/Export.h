@@ -1,4 +1,4 @@
 #pragma once
 
-/// Marks what libKELServiceDiscoveryLib exports.
+/// Exports a symbol from libKELServiceDiscoveryLib.
 #define KEL_SD_EXPORT __attribute__((visibility("default")))

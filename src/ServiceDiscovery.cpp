@@ -2,11 +2,13 @@
 
 #include "DataLayer/EngineFrame.h"
 #include "DataLayer/Log.h"
+#include "LogicLayer/Engine.h"
 #include "LogicLayer/SDCommunicationHub.h"
 
 #include <Poco/Exception.h>
 
 #include <mutex>
+#include <utility>
 #include <vector>
 
 namespace Nubo::ServiceDiscovery {
@@ -15,7 +17,7 @@ using SOME_IP_SD_Types::EntryValues;
 
 namespace {
 
-/// Does the registry's request; what is wrong with its arguments is logged and answered with false.
+/// Runs the registry's request. Logs an error and returns false when an argument is invalid.
 template <class Request>
 bool answered(const char* request, Request run)
 {
@@ -29,33 +31,33 @@ bool answered(const char* request, Request run)
     }
 }
 
-/// Keeps the engine for ever: its threads still use it, or it shares its sockets with another process.
-void abandon(const Poco::SharedPtr<SDCommunicationHub>& hub)
+/// Keeps the engine alive for ever, because its threads still use it, or because it shares its sockets with
+/// another process.
+void abandon(const Poco::SharedPtr<Engine>& engine)
 {
-    static auto& abandoned = *new std::vector<Poco::SharedPtr<SDCommunicationHub>>;
+    static auto& abandoned = *new std::vector<Poco::SharedPtr<Engine>>;
     static std::mutex mutex;
     const std::lock_guard<std::mutex> lock(mutex);
-    abandoned.push_back(hub);
+    abandoned.push_back(engine);
 }
 
 }  // namespace
 
-ServiceDiscovery::ServiceListEventPayload::ServiceListEventPayload(EventType eventType,
-                                                                   const NuboServiceDescription* service,
-                                                                   const std::string& localUuid)
-    : m_eventType(eventType)
-    , m_service(service)
-    , m_localUuid(localUuid)
+ServiceDiscovery::ServiceDiscovery()
+    : ServiceDiscovery(Poco::SharedPtr<Engine>(new SDCommunicationHub(*this)))
 {}
 
-ServiceDiscovery::ServiceDiscovery() : m_sdHub(new SDCommunicationHub(*this)) {}
+ServiceDiscovery::ServiceDiscovery(Poco::SharedPtr<Engine> engine)
+    : m_sdHub(std::move(engine))
+    , m_isRunning([this] { return m_sdHub->isRunning() && m_sdHub->isOfThisProcess(); })
+{}
 
 ServiceDiscovery::~ServiceDiscovery()
 {
     if (m_sdHub.isNull() || (m_sdHub->isOfThisProcess() && !m_sdHub->isOnThisThread()))
         return;
     if (m_sdHub->isOfThisProcess())
-        m_sdHub->stopFromWithin();  // exit() was called on this thread, which must not wait for itself
+        m_sdHub->stopFromWithin();  // this engine's thread called exit() and must not wait for itself
     abandon(m_sdHub);
 }
 
@@ -86,7 +88,7 @@ bool ServiceDiscovery::shutdown()
 
 bool ServiceDiscovery::running() const
 {
-    return m_sdHub->isRunning() && m_sdHub->isOfThisProcess();
+    return m_isRunning();
 }
 
 bool ServiceDiscovery::addService(const NuboServiceDescription& description)
@@ -104,10 +106,11 @@ bool ServiceDiscovery::findService(const NuboServiceDescription& description)
     if (isRefused())
         return false;
     return answered("find", [&] {
-        // Any instance, any version: receivers pass over an entry with the reserved instance ID 0.
+        // Any instance, any version: receivers skip entries with the reserved instance ID 0.
         SDService::Ptr service = new SDService(description.getName());
         service->setInstanceId(EntryValues::InstanceID_Any);
         service->setMajorVersion(EntryValues::MajorVersion_Any);
+        service->setMinorVersion(EntryValues::MinorVersion_Any);
         return m_sdHub->findService(service);
     });
 }
@@ -126,16 +129,16 @@ std::vector<ServiceStatus> ServiceDiscovery::getServices() const
     return m_sdHub->getServices();
 }
 
-/// Whether the call has to be refused: the calling thread is in an event of an engine, or writes a line of
-/// the log for one, and could only wait for itself; or the process is not the one that made the engine.
+/// Whether the call must be refused: because the calling thread is delivering an event or writing a log line
+/// for an engine and would wait for itself, or because another process created the engine.
 bool ServiceDiscovery::isRefused() const
 {
     if (!m_sdHub->isOfThisProcess())
-        return true;  // without a line in the log: its locks may be held by threads that were not forked
+        return true;  // logs nothing: threads that do not exist in this process may hold the log's locks
     if (!EngineFrame::isOnThisThread())
         return false;
     thread_local bool isRefusing = false;
-    if (!isRefusing) {  // a log channel that calls for each line is not called for this one again
+    if (!isRefusing) {  // ends the recursion when a log channel calls this for each line
         isRefusing = true;
         SD_LOG(Error) << "ServiceDiscovery - call from within ServiceListChanged is not possible.";
         isRefusing = false;

@@ -2,6 +2,7 @@
 #include "ServiceDiscovery.h"
 #include "support/Descriptions.h"
 #include "support/LogCatcher.h"
+#include "support/OpenHub.h"
 #include "support/Packets.h"
 #include "support/Platform.h"
 #include "support/Registry.h"
@@ -33,23 +34,6 @@ using ::testing::StartsWith;
 
 namespace {
 
-/// Open the facade's hub and the hub's state machine.
-template <auto member>
-struct Hub
-{
-    friend SDCommunicationHub& hubOf(ServiceDiscovery& discovery) { return *(discovery.*member); }
-};
-template struct Hub<&ServiceDiscovery::m_sdHub>;
-SDCommunicationHub& hubOf(ServiceDiscovery& discovery);
-
-template <auto member>
-struct StateMachine
-{
-    friend SDStateMachine& stateMachineOf(SDCommunicationHub& hub) { return hub.*member; }
-};
-template struct StateMachine<&SDCommunicationHub::m_statemachine>;
-SDStateMachine& stateMachineOf(SDCommunicationHub& hub);
-
 const Poco::Net::IPAddress address("fd00::1");
 
 constexpr auto refusedCall = "Error: ServiceDiscovery - call from within ServiceListChanged is not possible.";
@@ -58,12 +42,12 @@ struct ServiceDiscoveryTest : ::testing::Test
 {
     /// Lets an offer come in, as the request handler does.
     void receiveOffer(const std::string& name) { receiveOffer(name, discovery); }
-    static void receiveOffer(const std::string& name, ServiceDiscovery& receiving)
+    static void receiveOffer(const std::string& name, OpenDiscovery& receiving)
     {
         const std::string bytes = Packets::offer(name);
         SDRequestHandler::OfferServicePayload payload{
             Packets::firstEntryOf(bytes), Poco::Net::SocketAddress(Packets::otherUnitOrigin), false};
-        hubOf(receiving).onOfferServiceReceived(payload);
+        receiving.hub.onOfferServiceReceived(payload);
     }
 
     /// The records that wait to be sent.
@@ -71,12 +55,12 @@ struct ServiceDiscoveryTest : ::testing::Test
     {
         ServicesContainer aperiodic;
         ServicesContainer periodic;
-        stateMachineOf(hubOf(discovery)).unsafe_findServices(ServiceIdentity(), aperiodic, periodic);
+        discovery.hub.m_statemachine.unsafe_findServices(ServiceIdentity(), aperiodic, periodic);
         return aperiodic;
     }
 
     PlatformScope platform;
-    ServiceDiscovery discovery;
+    OpenDiscovery discovery;
     Registry registry{discovery};
     LogCatcher log;
 };
@@ -261,7 +245,7 @@ TEST_F(ServiceDiscoveryTest, DescriptionThatCannotBeUsedIsLoggedAndRefused)
 
 TEST_F(ServiceDiscoveryTest, OtherExceptionsPassToTheCaller)
 {
-    stateMachineOf(hubOf(discovery)).unsafe_addPeriodicService(nullptr);
+    discovery.hub.m_statemachine.unsafe_addPeriodicService(nullptr);
 
     EXPECT_THROW(discovery.addService(describe("Media")), Poco::NullPointerException);
     EXPECT_THROW(discovery.findService(describe("Media")), Poco::NullPointerException);
@@ -292,6 +276,7 @@ TEST_F(ServiceDiscoveryTest, SearchIsForAnyInstanceAndVersionOfTheName)
     EXPECT_EQ(search.getMinorVersion(), 0xffffffff);
     EXPECT_EQ(search.getConfiguration(),
               (ConfigurationPairs{{"l6proto", "nubo"}, {"otherserv", "Media"}, {"txtvers", "1"}}));
+    EXPECT_NE(search.getPacket(), "") << "of the trial";
     EXPECT_THAT(log.complaints(), IsEmpty());
 }
 
@@ -339,7 +324,7 @@ TEST_F(ServiceDiscoveryTest, ReceivedOfferIsToldAndTheRegistrysIdentifierComesBa
     const std::string bytes = Packets::stopOffer("Media");
     SDRequestHandler::OfferServicePayload stop{Packets::firstEntryOf(bytes), Poco::Net::SocketAddress(),
                                                false};
-    hubOf(discovery).onOfferServiceReceived(stop);
+    discovery.hub.onOfferServiceReceived(stop);
 
     const auto events = registry.events();
     ASSERT_THAT(events, SizeIs(2));
@@ -425,7 +410,7 @@ TEST_F(ServiceDiscoveryTest, RunningMayBeAskedFromWithinTheEvent)
 TEST_F(ServiceDiscoveryTest, SubscriberThatRunsDuringTheStartupSeesItRunning)
 {
     Multicast::MulticastDataPtr message = Packets::datagram(Packets::offer("Media"));
-    hubOf(discovery).onMessageReceived(message);
+    discovery.hub.onMessageReceived(message);
     std::atomic<bool> wasRunning{false};
     registry.onEvent = [&](Payload&) { wasRunning = discovery.running(); };
     log.onLine([&](const std::string& line) {
@@ -440,7 +425,7 @@ TEST_F(ServiceDiscoveryTest, SubscriberThatRunsDuringTheStartupSeesItRunning)
 
 TEST_F(ServiceDiscoveryTest, SubscribersOfTwoFacadesMayCallEachOtherAndAreRefused)
 {
-    ServiceDiscovery other;
+    OpenDiscovery other;
     Registry otherRegistry(other);
     std::atomic<int> inEvent{0};
     std::atomic<int> refused{0};

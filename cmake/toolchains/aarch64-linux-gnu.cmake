@@ -1,5 +1,5 @@
-# Builds for aarch64 with Debian's cross compiler, against what scripts/sysroot.sh has unpacked; programs that were
-# built run in QEMU's user mode.
+# Builds for aarch64 with Debian's cross compiler, against the packages unpacked by scripts/sysroot.sh. The built
+# programs run in QEMU's user mode.
 
 set(CMAKE_SYSTEM_NAME Linux)
 set(CMAKE_SYSTEM_PROCESSOR aarch64)
@@ -7,7 +7,7 @@ set(CMAKE_CXX_COMPILER aarch64-linux-gnu-g++)
 file(REAL_PATH ../../build-aarch64/sysroot CMAKE_SYSROOT BASE_DIRECTORY ${CMAKE_CURRENT_LIST_DIR})
 set(CMAKE_CROSSCOMPILING_EMULATOR qemu-aarch64 -L ${CMAKE_SYSROOT})
 
-# Tools are those of this machine, all else is the target's.
+# Uses tools of this machine, but libraries, headers and packages of the target.
 set(CMAKE_FIND_ROOT_PATH_MODE_PROGRAM NEVER)
 foreach(kind LIBRARY INCLUDE PACKAGE)
   set(CMAKE_FIND_ROOT_PATH_MODE_${kind} ONLY)

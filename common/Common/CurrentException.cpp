@@ -15,7 +15,7 @@ void streamText(std::ostream& stream, const Poco::Exception& exception)
         stream << exception.displayText();
     }
     catch (const std::exception&) {
-        stream << exception.what();  // the kind alone takes no memory
+        stream << exception.what();  // the type name alone; allocates nothing
     }
 }
 

@@ -4,11 +4,11 @@
 
 namespace Common {
 
-/// Streams the text of the exception that is being handled; only for use in a catch block:
+/// Streams the text of the exception that is being handled. Use it only in a catch block:
 ///
 ///     log << "Error: … failed: " << Common::currentException << '\n';
 ///
-/// Throws nothing, even if that exception says that memory is short.
+/// Does not throw, even if the exception is std::bad_alloc.
 std::ostream& currentException(std::ostream& stream);
 
 }  // namespace Common

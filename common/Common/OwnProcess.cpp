@@ -10,7 +10,7 @@ namespace Common {
 
 namespace {
 
-std::atomic<std::uint32_t> forks{0};  // that led from the first process to this one
+std::atomic<std::uint32_t> forks{0};  // between the first process and this one
 
 }  // namespace
 

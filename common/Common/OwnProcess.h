@@ -4,8 +4,8 @@
 
 namespace Common {
 
-/// Tells the process that made the object from those that were forked from it since. In a PID namespace of
-/// its own a child may have the same number.
+/// Distinguishes the process that created the object from processes forked from it later. Comparing process
+/// IDs is not enough, because a child in another PID namespace may have its parent's number.
 class OwnProcess
 {
 public:
@@ -13,16 +13,17 @@ public:
 
     bool isThis() const { return m_mark == mark(); }
 
-    /// Differs between a process and all that are forked from it, unless memory was short at the first call.
+    /// Returns a number that differs between a process and all processes forked from it, unless memory was
+    /// short at the first call.
     static std::uint64_t mark();
 
 private:
     const std::uint64_t m_mark;
 };
 
-/// Stands around code of others: a subscriber, a delegate, a log channel. A child that they fork, and that
-/// returns from them or throws, must not go on with the parent's work: it ends with the object, with exit
-/// code 0 and without the handlers of exit().
+/// Guards a call of foreign code: a subscriber, a delegate, a log channel. If that code forks, and the child
+/// returns or throws, the child must not continue the parent's work: the destructor ends it with exit code 0,
+/// without the handlers of exit().
 class NoReturnInChildren
 {
 public:

@@ -19,7 +19,7 @@ namespace {
 
 constexpr int streams = 3;  // standard input, output and error
 
-/// What is open under a number, whoever opened it.
+/// Identifies the open file behind a descriptor.
 using Identity = std::pair<dev_t, ino_t>;
 
 std::optional<Identity> identityOf(int descriptor)
@@ -30,9 +30,9 @@ std::optional<Identity> identityOf(int descriptor)
     return Identity(status.st_dev, status.st_ino);
 }
 
-/// Opens something under the lowest free number. A pipe, since each has an identity that nothing else has,
-/// and needs neither a file nor an address family; the end that is kept takes nothing and has nothing to
-/// read.
+/// Opens a pipe on the lowest free descriptor and returns its read end. A pipe has a unique identity and
+/// needs neither a file nor an address family. Its read end cannot be written to, and reading it returns end
+/// of file.
 int openPlaceholder()
 {
     std::array<int, 2> ends{};
@@ -56,7 +56,7 @@ void occupyClosedStreams()
         if (placeholder < streams)
             placeholders[static_cast<std::size_t>(placeholder)] = identityOf(placeholder);
         else
-            ::close(placeholder);  // another thread was faster
+            ::close(placeholder);  // another thread has opened the stream meanwhile
     }
 }
 

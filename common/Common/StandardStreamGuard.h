@@ -2,21 +2,21 @@
 
 namespace Common {
 
-/// Keeps new descriptors off the standard streams: while it exists, the kernel gives none of the numbers 0 to
-/// 2 out, even if the process was started with some of them closed. Otherwise a socket could become standard
-/// error, and whatever any part of the process prints would go into it.
+/// Prevents new descriptors from becoming standard streams: while it exists, the kernel does not assign the
+/// numbers 0 to 2, even if the process was started with some of them closed. Otherwise a socket could become
+/// standard error, and output of any part of the process would be sent through it.
 ///
 ///     const Common::StandardStreamGuard guard;
 ///     const int descriptor = ::eventfd(0, EFD_CLOEXEC);  // above 2
 ///
-/// Occupies the closed ones, and closes them again with the last guard of the process; streams that are open
-/// are left alone, and so is what another part of the process has meanwhile put in a guard's place. Safe to
-/// use on any number of threads at once. To be held only while descriptors are made: during that time the
-/// process sees closed streams as open.
+/// The guard occupies the closed streams; the last guard of the process closes them again. It leaves streams
+/// that are open alone, and also descriptors with which another part of the process has replaced a
+/// placeholder. Thread-safe. Hold it only while creating descriptors, because closed streams appear open
+/// meanwhile.
 class StandardStreamGuard
 {
 public:
-    /// Throws Poco::IOException when a stream is closed and there is no descriptor left to occupy it.
+    /// Throws Poco::IOException when a stream is closed and no descriptor is available to occupy it.
     StandardStreamGuard();
     ~StandardStreamGuard();
 

@@ -8,8 +8,8 @@
 
 namespace Nubo::ServiceDiscovery::Fuzzing {
 
-/// Checks an entry of one of those types as it lies in the entries array, its type byte included. Of the bits
-/// of byte 13 those in `kept` are kept, the others are reserved.
+/// Checks an entry of one of those types. The input is its bytes in the entries array, including the type
+/// byte. The bits of byte 13 in `kept` are preserved; the others are reserved.
 template <class Entry>
 void checkEntry(std::string_view input, std::initializer_list<EntryType::Type_t> types, std::uint8_t kept)
 {

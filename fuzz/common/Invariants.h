@@ -14,10 +14,10 @@
 #include <tuple>
 #include <utility>
 
-/// What holds for an engine at any time, whatever it was told.
+/// Invariants that hold for an engine at any time, for any input.
 namespace Nubo::ServiceDiscovery::Fuzzing {
 
-/// What identifies an instance of a service: name, address, port, transport.
+/// Identity of an instance of a service: name, address, port, transport.
 using Instance = std::tuple<std::string, std::string, unsigned short, OptionL4Protocol::L4Protocol_t>;
 
 inline Instance instanceOf(const NuboServiceDescription& description)
@@ -26,15 +26,15 @@ inline Instance instanceOf(const NuboServiceDescription& description)
             description.getL4Proto()};
 }
 
-/// A registry that holds the library to its word: what it is told must fit what it was told before.
+/// A registry that checks that each event is consistent with the previous ones.
 class Registry
 {
 public:
-    /// What it does when it is told something.
+    /// Reaction to an event.
     enum class Mood
     {
         Takes,
-        Refuses,  ///< gives no identifier to a discovered service
+        Refuses,  ///< assigns no identifier to a discovered service
         Throws
     };
 
@@ -54,7 +54,7 @@ public:
         mood = Mood::Takes;
     }
 
-    /// The services that stand discovered, by the identifiers that this registry gave them.
+    /// The services currently discovered, by the identifiers that this registry assigned.
     const std::map<std::string, Instance>& known() const { return m_known; }
 
     Mood mood = Mood::Takes;
@@ -66,7 +66,7 @@ private:
         const NuboServiceDescription& description = *payload.getServiceDescription();
         if (payload.getEventType() == ServiceDiscovery::EventType::SERVICE_GONE) {
             const auto known = m_known.find(payload.getLocalUuid());
-            require(known != m_known.end(), "only what stands discovered can be gone");
+            require(known != m_known.end(), "only a discovered service can be gone");
             require(known->second == instanceOf(description), "an identifier stays with its instance");
             m_known.erase(known);
         }
@@ -91,7 +91,7 @@ private:
     unsigned long m_lastNumber = 0;
 };
 
-/// Whether the record is announced and not being withdrawn; one-time answers do not count.
+/// Whether the record is announced and not being withdrawn. Excludes one-time answers.
 inline bool isLive(const SDService& record)
 {
     return record.getType() == SDService::Type::ANNOUNCED && record.getState() != SDService::State::ONCE &&
@@ -103,7 +103,7 @@ inline bool isAnswer(const SDService& record)
     return record.getType() == SDService::Type::ANNOUNCED && record.getState() == SDService::State::ONCE;
 }
 
-/// Collects what must be there once, or a number of times at most.
+/// Counts keys, of which only one, or a limited number, may exist.
 template <class Key>
 class Counter
 {
@@ -151,13 +151,13 @@ inline void checkAperiodic(const AperiodicWorkload& workload)
     }
 }
 
-/// The records of other units are those that the registry knows.
+/// Checks the periodic workload. The registry must know exactly the records of other units.
 inline void checkPeriodic(const PeriodicWorkload& workload, const Registry& registry)
 {
     using State = SDService::State;
     using Type = SDService::Type;
     std::map<std::string, Instance> discovered;
-    // The service ID belongs to a service's identity as much as its name does.
+    // The service ID is part of a service's identity, just like its name.
     Counter<std::pair<unsigned short, Instance>> instances;
     for (const SDService::Ptr& record : workload) {
         require(!record.isNull(), "the periodic workload has no empty record");
@@ -180,7 +180,7 @@ inline void checkPeriodic(const PeriodicWorkload& workload, const Registry& regi
     require(discovered == registry.known(), "the registry knows what is discovered, and nothing else");
 }
 
-/// Announced records are told apart by their endpoints, and by their numbers.
+/// Checks that announced records differ in their endpoints, and in their numbers.
 inline void checkAnnounced(const ServicesContainer& records)
 {
     std::set<const SDService*> seen;
@@ -193,11 +193,11 @@ inline void checkAnnounced(const ServicesContainer& records)
         const NuboServiceDescription& description = record->getNuboDescription();
         require(instances.add(instanceOf(description)) == 1, "an instance is announced once");
         require(numbers.add({description.getName(), record->getInstanceId()}) == 1,
-                "the announced instances of a service have numbers of their own");
+                "the announced instances of a service have different numbers");
     }
 }
 
-/// Looking records up gives what a walk over all of them gives.
+/// Checks that a look-up returns the same records as a walk over all of them.
 inline void checkLookup(const SDStateMachine& machine, const Workloads& workloads,
                         const ServiceIdentity& identity)
 {
@@ -224,7 +224,7 @@ inline void checkWorkloads(const SDStateMachine& machine, const Workloads& workl
     }
 }
 
-/// Leaves the state machine without a record, as it was in the beginning.
+/// Removes all records, so that the state machine is as it was at the beginning.
 inline void removeRecords(SDStateMachine& machine, const Workloads& workloads)
 {
     for (const SDService::Ptr& record : workloads.all()) {

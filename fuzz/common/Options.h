@@ -6,7 +6,7 @@
 #include <cstdint>
 #include <initializer_list>
 
-/// What the targets of the options have in common. An input is an option as it lies in the options array.
+/// Common part of the option targets. An input is the bytes of an option in the options array.
 namespace Nubo::ServiceDiscovery::Fuzzing {
 
 constexpr std::size_t lengthAndTypeSize = 3;
@@ -16,7 +16,7 @@ inline std::uint8_t byteAt(std::string_view bytes, std::size_t position)
     return static_cast<std::uint8_t>(bytes[position]);
 }
 
-/// What the input's length and type bytes say; both must be there.
+/// Return the values of the input's length and type bytes. The input must contain both.
 inline std::uint16_t lengthOf(std::string_view option)
 {
     return static_cast<std::uint16_t>(byteAt(option, 0) << 8 | byteAt(option, 1));
@@ -32,8 +32,7 @@ inline bool hasType(std::string_view input, std::initializer_list<OptionType::Ty
            std::find(types.begin(), types.end(), typeOf(input)) != types.end();
 }
 
-/// Reads the option, checks it, and returns it if it is valid, else null. A valid one has the class
-/// `Option`.
+/// Reads and checks the option. Returns it if it is valid, otherwise null. Its class must be `Option`.
 template <class Option>
 Poco::SharedPtr<Option> checkOption(std::string_view input)
 {
@@ -48,7 +47,7 @@ Poco::SharedPtr<Option> checkOption(std::string_view input)
     return received.isValid ? result : nullptr;
 }
 
-/// Checks an option of either family. The second reserved byte is not kept.
+/// Checks an endpoint option of either address family. The second reserved byte is not preserved.
 template <class Option, std::size_t addressLength>
 void checkEndpoint(std::string_view input)
 {

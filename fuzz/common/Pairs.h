@@ -11,7 +11,7 @@
 
 namespace Nubo::ServiceDiscovery::Fuzzing {
 
-/// Makes an option the same way as the caller would; null when it is refused.
+/// Constructs an option from the values. Returns null when the constructor rejects them.
 template <class... Values>
 std::unique_ptr<SOME_IP_SD_Option_Configuration> makeConfiguration(const Values&... values)
 {
@@ -23,7 +23,7 @@ std::unique_ptr<SOME_IP_SD_Option_Configuration> makeConfiguration(const Values&
     }
 }
 
-/// Checks what a good option tells of its pairs, and that an option made of them has the same ones.
+/// Checks the pairs that a valid option returns, and that an option constructed from them has the same ones.
 inline void checkPairs(const SOME_IP_SD_Option_Configuration& option)
 {
     using SOME_IP_SD_Types::OptionKeywords;
@@ -36,14 +36,14 @@ inline void checkPairs(const SOME_IP_SD_Option_Configuration& option)
         require(found != pairs.end() && found->second == value, "a pair is found by its key and value");
     }
 
-    // A value may begin with a blank on the wire, but not in a pair to be sent.
+    // A received value may begin with a space, but a value to be sent must not.
     const auto made = makeConfiguration(pairs);
     if (!made)
         return;
     require(made->getConfigurationPairs() == pairs, "an option keeps the pairs that it was made of");
     const auto again =
         makeConfiguration(made->getConfigurationString(), made->getConfigurationStringLength());
-    // Only a key that needs a value is refused when it comes as "key" instead of "key=".
+    // Only a key that requires a value is rejected as "key" instead of "key=".
     const bool lacksName = SOME_IP_SD_Option_Configuration::findFirstPair(
                                pairs, OptionKeywords::NonSOME_IP_ServiceName, {""}) != pairs.end();
     require(again ? again->getConfigurationPairs() == pairs : lacksName,

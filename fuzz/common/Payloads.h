@@ -7,16 +7,16 @@
 
 namespace Nubo::ServiceDiscovery::Fuzzing {
 
-/// Whether everything that was received can be written again. Valid payloads may hold what cannot: entries
-/// of an unknown type are left out of the array, though not of its length, and so are the bytes of options
-/// that are themselves invalid or unknown.
+/// Whether everything received can be written again. Valid payloads may contain parts that cannot: entries of
+/// an unknown type, and the bytes of invalid or unknown options, are omitted from the array but not from its
+/// length.
 inline bool isWhole(const SOME_IP_SD& payload)
 {
     const std::size_t entries = payload.getEntries().size() * SOME_IP_SD_Entry::EntrySize();
     return payload.areArraysValid() && entries == payload.getEntriesLength();
 }
 
-/// Checks a payload for which `there` bytes were there.
+/// Checks a payload that was read from `there` bytes.
 inline void checkArrays(const SOME_IP_SD& payload, std::size_t there)
 {
     if (!payload.isValid())

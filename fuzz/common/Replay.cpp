@@ -1,4 +1,4 @@
-// Stands in for libFuzzer where there is none: tries every file of the folders given, once.
+// Replaces libFuzzer where it is not available: tries every file of the given folders once.
 
 #include <algorithm>
 #include <cstddef>
@@ -27,7 +27,7 @@ std::vector<fs::path> filesIn(const fs::path& folder)
 
 bool replay(const fs::path& file)
 {
-    std::cout << file.string() << std::endl;  // the last one told is the one that failed
+    std::cout << file.string() << std::endl;  // after a failure, the last file printed is the cause
     const auto size = static_cast<std::size_t>(fs::file_size(file));
     const auto bytes = std::make_unique<char[]>(size);
     std::ifstream stream(file, std::ios::binary);
@@ -45,7 +45,7 @@ int main(int argc, char** argv)
     for (const fs::path& folder : folders) {
         const std::vector<fs::path> files = filesIn(folder);
         if (files.empty() || !std::all_of(files.begin(), files.end(), replay)) {
-            std::cerr << "no input, or one that cannot be read, in " << folder << '\n';
+            std::cerr << "no input, or an unreadable one, in " << folder << '\n';
             return EXIT_FAILURE;
         }
     }

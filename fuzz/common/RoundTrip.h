@@ -11,17 +11,18 @@
 #include <string>
 #include <string_view>
 
-/// The properties that hold for everything that is read from bytes and written to them.
+/// Properties of all objects that are read from bytes and written to bytes.
 namespace Nubo::ServiceDiscovery::Fuzzing {
 
-/// Whether there is a byte over which formatted input passes. TTLs and reserved bytes are read that way, for
-/// compatibility: what follows such a byte is read out of step, and need not be what was sent.
+/// Whether formatted input would skip one of the bytes. For compatibility, TTLs and reserved bytes are read
+/// as formatted input: everything after a skipped byte is read at the wrong position and may differ from what
+/// was sent.
 inline bool hasWhiteSpace(std::string_view bytes)
 {
     return bytes.find_first_of("\t\n\v\f\r ") != std::string_view::npos;
 }
 
-/// What the object's stream operator writes.
+/// Returns the bytes that the object's stream operator writes.
 template <class Object>
 std::string written(const Object& object)
 {
@@ -35,13 +36,13 @@ template <class Pointer>
 struct Received
 {
     Pointer object;
-    /// Its own word is not enough: an option that is cut where a wrong length field says that it ends takes
-    /// itself for whole. Its reader looks at the stream, too.
+    /// The object is valid and the stream is good. The object alone is not enough: an option that is cut off
+    /// where a wrong length field ends it considers itself complete.
     bool isValid;
-    std::size_t consumed;  ///< bytes, unless the stream failed
+    std::size_t consumed;  ///< number of bytes read; 0 if the stream failed
 };
 
-/// Reads the object that `make` makes for these bytes from what follows the first `prefix` of them.
+/// Creates an object with `make` and reads it from the bytes after the first `prefix` ones.
 template <class Make>
 auto receive(std::string_view bytes, std::size_t prefix, Make make)
 {
@@ -56,7 +57,7 @@ auto receive(std::string_view bytes, std::size_t prefix, Make make)
     return received;
 }
 
-/// Does the same, and checks what came of it if that is valid.
+/// Does the same. If the object is valid, checks that writing and reading it again does not change it.
 template <class Make>
 auto checkRoundTrip(std::string_view bytes, std::size_t prefix, Make make)
 {

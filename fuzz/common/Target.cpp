@@ -1,4 +1,4 @@
-// The entry point that libFuzzer and the replay call.
+// Entry point for libFuzzer and Replay.cpp.
 
 #include "common/Target.h"
 
@@ -16,8 +16,8 @@ namespace Nubo::ServiceDiscovery::Fuzzing {
 
 namespace {
 
-/// Throws the log's lines away, but has them built: a stranger's bytes get into them. Building all of them
-/// takes several times as long as everything else, so only inputs of every eighth size have more than errors.
+/// Discards log lines but still formats them, because they contain received bytes. Formatting all of them
+/// takes several times as long as everything else, so only inputs of every eighth size log more than errors.
 void discardLog(std::size_t size)
 {
     static const Poco::AutoPtr<Poco::Channel> nowhere(new Poco::NullChannel);

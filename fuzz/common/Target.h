@@ -2,14 +2,14 @@
 
 #include <string_view>
 
-/// What every fuzz target has.
+/// Interface of every fuzz target.
 namespace Nubo::ServiceDiscovery::Fuzzing {
 
-/// The target: tries one input, which lies in a memory block of exactly its size, so that a read past it is
-/// seen by AddressSanitizer. Each target defines it.
+/// Tries one input. Each target defines it. The input occupies a memory block of exactly its size, so that
+/// AddressSanitizer detects a read past its end.
 void tryInput(std::string_view input);
 
-/// Ends the process, after a line that quotes the property, if it does not hold.
+/// If the property does not hold, prints it and aborts the process.
 void require(bool holds, const char* property);
 
 }  // namespace Nubo::ServiceDiscovery::Fuzzing

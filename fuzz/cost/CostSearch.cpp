@@ -1,5 +1,5 @@
-// Searches for the datagram that costs most for its size: libFuzzer keeps the inputs that cost more, per size
-// and state, than any before.
+// Searches for the costliest datagrams for their size: libFuzzer keeps each input that costs more than all
+// previous ones of its size and state.
 
 #include "cost/Work.h"
 #include "support/CostScene.h"
@@ -29,10 +29,10 @@ using Testing::Known;
 
 constexpr std::array<Known, 4> states{Known::Few, Known::HalfFull, Known::Full, Known::Instances};
 constexpr std::size_t sizeClasses = 16;  // powers of two
-constexpr std::size_t steps = 256;       // of 4 % each
-constexpr std::size_t smallest = 60;     // bytes; below it, what every datagram costs decides
+constexpr std::size_t steps = 256;       // 4 % each
+constexpr std::size_t smallest = 60;     // bytes; below it, the fixed cost per datagram dominates
 
-/// One byte for every size, state and cost that an input can have: libFuzzer takes each for new coverage.
+/// One byte per size, state and cost that an input can have. libFuzzer treats each as new coverage.
 __attribute__((section("__libfuzzer_extra_counters"), used))
 std::uint8_t counters[sizeClasses * states.size() * steps];
 
@@ -42,7 +42,7 @@ std::size_t sizeClassOf(std::size_t size)
                                  sizeClasses - 1);
 }
 
-/// Lines are formatted by code that is not instrumented: they are counted instead.
+/// Counts log lines, because code that is not instrumented formats them.
 class CountingChannel : public Poco::Channel
 {
 public:
@@ -65,7 +65,7 @@ public:
         const std::string reference = Testing::knownOffers(1212);
         const std::uint64_t work = workOf(0, reference);
         m_referencePerByte = static_cast<double>(work) / static_cast<double>(reference.size());
-        m_lineWork = work / 30;  // measured: a line takes half a microsecond, these offers 17
+        m_lineWork = work / 30;  // measured: a line takes about 0.5 microseconds, these offers 17
         if (const char* folder = std::getenv("SEEDS"))
             writeSeeds(folder);
     }
@@ -78,7 +78,7 @@ public:
         const std::string_view datagram = input.substr(1);
         if (datagram.size() < smallest)
             return;
-        // As many times what known offers of that size cost.
+        // Cost as a multiple of the cost of known offers of that size.
         const double times = static_cast<double>(workOf(state, datagram)) /
                              (m_referencePerByte * static_cast<double>(datagram.size()));
         const std::size_t sizeClass = sizeClassOf(datagram.size());
@@ -93,7 +93,7 @@ public:
     }
 
 private:
-    /// The kinds that are known already, for each state.
+    /// Writes the known kinds for each state.
     static void writeSeeds(const std::string& folder)
     {
         std::size_t number = 0;

@@ -1,4 +1,4 @@
-// Counts what the instrumented code does. This file is not instrumented itself.
+// Counts the work of the instrumented code. This file itself is not instrumented.
 
 #include "cost/Work.h"
 
@@ -8,7 +8,7 @@
 
 namespace {
 
-/// About what one costs, in accesses to memory.
+/// Approximate cost of one allocation, in accesses to memory.
 constexpr std::uint64_t allocationWork = 25;
 
 std::uint64_t work = 0;

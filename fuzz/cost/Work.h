@@ -2,11 +2,12 @@
 
 #include <cstdint>
 
-/// What a stretch of code costs, counted and not timed: the same on every machine, whatever else it does.
+/// Cost of a section of code, counted rather than timed, so that it is the same on every machine under any
+/// load.
 namespace Nubo::ServiceDiscovery::Fuzzing {
 
-/// Reads and writes of memory since the process began, and about what its allocations cost, in as many of
-/// them.
+/// Returns the number of accesses to memory since the process began. Each allocation adds its approximate
+/// cost in accesses.
 std::uint64_t workDone();
 
 }  // namespace Nubo::ServiceDiscovery::Fuzzing

@@ -1,5 +1,5 @@
 #!/bin/sh
-# Searches for the datagram that costs most for its size; see fuzz/cost/run.sh --help.
+# Searches for the costliest datagrams for their size; see fuzz/cost/run.sh --help.
 set -eu
 cd "$(dirname "$0")/../.."
 
@@ -7,14 +7,14 @@ usage() {
     cat <<'EOT'
 usage: fuzz/cost/run.sh MINUTES
 
-Installs what is missing (Debian packages), builds the library with every access to
-memory counted, and lets libFuzzer search for the datagrams that cost most for their
-size, in units that know from 100 to 131,072 services. It starts from the kinds that
+Installs missing Debian packages, builds the library so that it counts every access
+to memory, and lets libFuzzer search for the costliest datagrams for their size, in
+units that know from 100 to 131,072 services. The search starts from the kinds that
 are known to be costly and from the corpus of the target "datagram".
 
-Afterwards it prints, for each range of sizes and each state, how many times as much
-the costliest datagram costs as known offers of its size. The datagrams are in
-build-cost/worst. Exit code 1 if one costs more than 20 times as much.
+For each range of sizes and each state it prints the cost of the costliest datagram
+as a multiple of the cost of known offers of the same size, and saves the datagrams
+in build-cost/worst. The exit code is 1 if one costs more than 20 times as much.
 EOT
 }
 
@@ -24,7 +24,7 @@ case "${1-}" in
     exit 0
     ;;
 *[!0-9]* | '')
-    echo "run.sh: how many minutes? (--help prints the usage)" >&2
+    echo "run.sh: MINUTES must be a whole number (see --help)" >&2
     exit 2
     ;;
 esac
@@ -39,7 +39,7 @@ mkdir -p "$work/worst" "$work/inputs"
 for input in fuzz/corpus/datagram/*; do
     { printf '\0' && cat "$input"; } >"$work/inputs/$(basename "$input")"
 done
-# Finding its way into new code is of no use here, but how often code runs is.
+# The first call adds the known kinds to the inputs, which the search reads.
 WORST="$work/worst" SEEDS="$work/inputs" "$work/bin/cost_search" -runs=2 "$work/inputs" >"$work/log" 2>&1
 WORST="$work/worst" "$work/bin/cost_search" -max_total_time=$((60 * $1)) -max_len=2000 -timeout=25 \
     -dict=fuzz/service-discovery.dict -print_final_stats=1 -artifact_prefix="$work/" "$work/inputs" \

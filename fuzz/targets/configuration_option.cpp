@@ -1,4 +1,4 @@
-// A configuration option, as it lies in the options array.
+// Input: a configuration option, as in the options array.
 
 #include "common/Options.h"
 #include "common/Pairs.h"
@@ -14,7 +14,7 @@ void tryInput(std::string_view input)
         return;
 
     std::string expected(input.substr(0, option->getSize()));
-    expected.back() = 0;  // the terminator's value is not looked at
+    expected.back() = 0;  // the library ignores the value of the terminator
     require(written(*option) == expected, "an option is written as it was read");
     checkPairs(*option);
 }

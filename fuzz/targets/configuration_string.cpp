@@ -1,4 +1,4 @@
-// A configuration string without the zero byte that ends it.
+// Input: a configuration string without its terminating zero byte.
 
 #include "common/Pairs.h"
 
@@ -15,7 +15,7 @@ void tryInput(std::string_view input)
     const auto length = static_cast<std::uint16_t>(input.size());
     const auto* bytes = reinterpret_cast<const std::uint8_t*>(input.data());
     require(prettyPrintConfigString(bytes, length).size() <= 4 * input.size() + 3,
-            "a string is shown with a number a text");
+            "a string is shown with one number per text");
 
     const auto terminated = std::make_unique<std::uint8_t[]>(input.size() + 1);
     std::copy(input.begin(), input.end(), terminated.get());

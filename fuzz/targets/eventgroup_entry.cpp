@@ -1,4 +1,4 @@
-// An entry that subscribes to an eventgroup, or answers that.
+// Input: an entry that subscribes to an eventgroup or answers a subscription.
 
 #include "DataLayer/SOME_IP_SD/SOME_IP_SD_Entry_Eventgroup.h"
 #include "common/Entries.h"

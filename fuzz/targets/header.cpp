@@ -1,4 +1,4 @@
-// The SOME/IP header of a datagram.
+// Input: the SOME/IP header of a datagram.
 
 #include "DataLayer/SOME_IP/SOME_IP.h"
 #include "common/RoundTrip.h"

@@ -1,4 +1,4 @@
-// An IPv4 endpoint, multicast or SD endpoint option.
+// Input: an IPv4 endpoint, multicast or SD endpoint option.
 
 #include "DataLayer/SOME_IP_SD/SOME_IP_SD_Option_IPv4.h"
 #include "common/Options.h"

@@ -1,4 +1,4 @@
-// An IPv6 endpoint, multicast or SD endpoint option.
+// Input: an IPv6 endpoint, multicast or SD endpoint option.
 
 #include "DataLayer/SOME_IP_SD/SOME_IP_SD_Option_IPv6.h"
 #include "common/Options.h"

@@ -1,4 +1,4 @@
-// A load-balancing option.
+// Input: a load-balancing option.
 
 #include "DataLayer/SOME_IP_SD/SOME_IP_SD_Option_LoadBalancing.h"
 #include "common/Options.h"

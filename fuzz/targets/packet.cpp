@@ -1,4 +1,4 @@
-// A packet: SOME/IP header and payload.
+// Input: a packet, consisting of SOME/IP header and payload.
 
 #include "DataLayer/SOME_IP_SD/SOME_IP_SD_Header.h"
 #include "common/Payloads.h"
@@ -11,7 +11,7 @@ namespace Nubo::ServiceDiscovery::Fuzzing {
 
 namespace {
 
-/// A packet; valid if all of it can be written again.
+/// A packet. It counts as valid only if all of it can be written again.
 struct Packet
 {
     explicit Packet(std::size_t size) : packet(size) {}
@@ -20,8 +20,7 @@ struct Packet
     {
         return isGood && packet.getSomeIP().isValid() && packet.getSomeIP_SD().isValid();
     }
-    /// The header's length field may announce more bytes than the payload takes up, or fewer; nobody compares
-    /// the two.
+    /// The header's length field may differ from the size of the payload; the library does not compare them.
     bool isValid() const
     {
         return isAccepted() && isWhole(packet.getSomeIP_SD()) && packet.getSize() == getSize();

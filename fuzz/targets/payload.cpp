@@ -1,4 +1,4 @@
-// The service-discovery payload of a packet, without the SOME/IP header.
+// Input: the service-discovery payload of a packet, without the SOME/IP header.
 
 #include "common/Payloads.h"
 #include "common/RoundTrip.h"
@@ -9,7 +9,7 @@ namespace Nubo::ServiceDiscovery::Fuzzing {
 
 namespace {
 
-/// A payload with the metadata that a packet gives it; valid if all of it can be written again.
+/// A payload with the metadata of a packet. It counts as valid only if all of it can be written again.
 struct Payload
 {
     explicit Payload(std::size_t size) : metaData(static_cast<std::streamsize>(size)) {}

@@ -1,4 +1,4 @@
-// An option of a type that the library does not know.
+// Input: an option of a type that the library does not know.
 
 #include "DataLayer/SOME_IP_SD/SOME_IP_SD_Option_Placeholder.h"
 #include "common/Options.h"
@@ -11,7 +11,7 @@ void tryInput(std::string_view input)
         return;
     SOME_IP_SD_Option::Ptr option = SOME_IP_SD_Option::makeReceived(typeOf(input), lengthOf(input));
     if (option.cast<SOME_IP_SD_Option_Placeholder>().isNull())
-        return;  // a known type: another target's
+        return;  // a known type, which another target covers
 
     Poco::MemoryInputStream stream(input.data(), static_cast<std::streamsize>(input.size()));
     stream >> *option;

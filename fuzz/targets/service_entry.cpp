@@ -1,4 +1,4 @@
-// An entry that finds or offers a service.
+// Input: an entry that finds or offers a service.
 
 #include "DataLayer/SOME_IP_SD/SOME_IP_SD_Entry_Service.h"
 #include "common/Entries.h"

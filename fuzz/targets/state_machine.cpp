@@ -1,4 +1,4 @@
-// A sequence of events of the state machine, with a clock that runs as the input says.
+// Input: a sequence of events for the state machine, and of times by which its clock advances.
 
 #include "common/Invariants.h"
 #include "support/Descriptions.h"
@@ -24,7 +24,7 @@ namespace {
 using Event = SDStateMachine::ExternalEvent;
 using Microseconds = Poco::Clock::ClockDiff;
 
-/// The input as a source of choices. When it has run out, all further ones are 0.
+/// Uses the input as a source of choices. After its end all choices are 0.
 class Choices
 {
 public:
@@ -51,7 +51,7 @@ private:
     std::string_view m_bytes;
 };
 
-/// A state machine without threads, on a clock that it turns itself, and turns back in the end.
+/// A state machine without threads. It turns the clock itself, and reset() turns it back.
 class Engine
 {
 public:
@@ -102,7 +102,7 @@ public:
 
     void receiveFind(const SDService::Ptr& service)
     {
-        constexpr std::size_t few = 32;  // while many records wait, a find may be passed over
+        constexpr std::size_t few = 32;  // a FIND may be ignored while this many records wait
         const bool mustAnswer = m_workloads.aperiodic.size() < few;
         const std::string& name = service->getNuboDescription().getName();
         require(handle(Event::SOMEIP_FIND, service), "a find is no failure");
@@ -140,7 +140,7 @@ public:
         require(!isDiscovered(instance), "an instance is gone once its offer is stopped");
     }
 
-    /// As the hub's stop and start, less the timers.
+    /// Does the same as the hub's stop and start, except for the timers.
     void restart()
     {
         m_machine.m_running = false;
@@ -149,7 +149,8 @@ public:
         m_machine.run();
     }
 
-    /// Lets time pass, as the timers do: what falls due is handled then, and a second ends each second.
+    /// Advances the clock and acts as the timers would: handles records when they are due, and ticks every
+    /// second.
     void advance(Microseconds duration)
     {
         const Microseconds end = m_elapsed + duration;
@@ -172,12 +173,12 @@ public:
     static constexpr Microseconds second = 1000000;
 
 private:
-    /// Real time passes as well. After a longer second, and after a start, the machine takes nothing for gone
-    /// that it may have missed; so long, and up to the end of the second in which that ends.
+    /// Real time passes as well. After a longer second, and after a start, the machine expires no instance
+    /// whose offers it may have missed. That lasts for `hearing`, and then until the end of the second.
     static constexpr Microseconds longestSecond = second + 50000;
     static constexpr Microseconds hearing = 2200000;
 
-    /// Between which instants a record's deadline lies: real time passes while an offer is handled.
+    /// Range of a record's deadline. It is not exact, because real time passes while an offer is handled.
     struct Deadline
     {
         Poco::Clock earliest;
@@ -228,7 +229,8 @@ private:
         m_hub.clear();
     }
 
-    /// Microseconds until a record of the aperiodic workload falls due, or very many.
+    /// Returns the microseconds until a record of the aperiodic workload is due; the maximum if there is
+    /// none.
     Microseconds untilNextDue() const
     {
         if (m_workloads.aperiodic.empty())
@@ -267,10 +269,10 @@ private:
     Microseconds m_elapsed = 0;
     Poco::Clock m_lastSecond;
     Poco::Clock m_heardAt;
-    std::map<Instance, Deadline> m_deadlines;  ///< of what is discovered, and more
+    std::map<Instance, Deadline> m_deadlines;  ///< of all discovered instances; may contain others
 };
 
-/// A service out of few, so that events meet each other.
+/// Chooses one of a few services, so that events concern the same ones.
 SDService::Ptr chooseService(Choices& choices)
 {
     static const std::array<std::string, 2> names{"Media", "Navi"};
@@ -350,7 +352,7 @@ void handleNext(Engine& engine, Choices& choices)
 void tryInput(std::string_view input)
 {
     constexpr Microseconds longest = 600 * Engine::second;
-    static Engine engine;  // its threads take long to make
+    static Engine engine;  // shared, because creating its threads takes long
     engine.reset();
     Choices choices(input);
     while (choices.areLeft() && engine.elapsed() < longest)

@@ -1,6 +1,6 @@
-"""Takes C++ apart as far as planting a fault needs it: tokens, brackets, blocks and their statements.
+"""Parses C++ as far as fault injection requires: tokens, brackets, blocks and their statements.
 
-It relies on the project's formatting: binary operators have blanks on both sides, brackets of templates have none.
+Relies on the project's formatting: binary operators have spaces on both sides, template brackets have none.
 """
 
 import re
@@ -19,29 +19,29 @@ TOKEN = re.compile(
 )
 
 CLOSING = {"(": ")", "[": "]", "{": "}"}
-# What an operand of a comparison ends at, besides the bracket around it.
+# Tokens that end an operand of a comparison, besides the enclosing bracket.
 OPERAND_ENDS = {"&&", "||", "?", ":", ";", ",", "=", "!", "return", "<", ">", "<=", ">=", "==", "!=", "}"}
 LEAVING = {"return", "throw", "continue", "break"}
 LOG_MACRO = "SD_LOG"
 
 
 class Token:
-    """Neither a comment nor a directive."""
+    """A token of the code; comments and directives are not tokens."""
 
     def __init__(self, kind, text, begin):
         self.kind, self.text, self.begin, self.end = kind, text, begin, begin + len(text)
 
 
 class Statement:
-    """The tokens `first` to `last`. Its kind is "simple", which ends with a semicolon, "guard", an if that does
-    nothing but leave, "label", or "compound"."""
+    """The tokens `first` to `last`. The kind is "simple", which ends with a semicolon, "guard", an if without else
+    that leaves the block, "label", or "compound"."""
 
     def __init__(self, kind, first, last):
         self.kind, self.first, self.last = kind, first, last
 
 
 class Source:
-    """A file, taken apart. Tokens are meant by their index."""
+    """A parsed file. Methods refer to tokens by index."""
 
     def __init__(self, path, text):
         self.path, self.text = path, text
@@ -53,7 +53,7 @@ class Source:
                 self.tokens.append(Token(kind, match.group(), match.start()))
         self.partner = self._match_brackets()
         self.braces = self._classify_braces()
-        self.neighbours = []  # lists of the statements that follow each other
+        self.neighbours = []  # lists of consecutive statements
         for brace, kind in self.braces.items():
             if kind == "block":
                 self.neighbours.append(self._parse_block(brace))
@@ -75,22 +75,22 @@ class Source:
         return self.word(statement.first) == LOG_MACRO
 
     def is_skipped(self, index):
-        """Whether no fault is planted there: the texts of the log, and what is no code."""
+        """Whether the token gets no fault, because it is part of a log line or not executable code."""
         return index in self._skipped
 
     def is_binary(self, index):
-        """Of a sign that could also be part of a type."""
+        """Whether the sign is a binary operator rather than part of a type."""
         token = self.tokens[index]
         return self.text[token.begin - 1].isspace() and self.text[token.end].isspace()
 
     def operand_before(self, index):
-        """Where the operand of a comparison begins."""
+        """Returns the first token of the operand before a comparison."""
         while index > 0 and not self._ends_operand(index - 1) and self.word(index - 1) not in CLOSING:
             index = self.partner.get(index - 1, index - 1)
         return index
 
     def operand_after(self, index):
-        """Where it ends."""
+        """Returns the last token of the operand after a comparison."""
         while not self._ends_operand(index + 1) and self.word(index + 1) not in CLOSING.values():
             index = self.partner.get(index + 1, index + 1)
         return index
@@ -100,7 +100,7 @@ class Source:
         return word in OPERAND_ENDS and (word not in ("<", ">") or self.is_binary(index))
 
     def semicolon(self, index):
-        """Where the statement ends that the token is in."""
+        """Returns the semicolon of the statement that contains the token."""
         while self.word(index) != ";":
             if self.partner.get(index, index) < index or index >= len(self.tokens):
                 line = self.text.count("\n", 0, self.tokens[index - 1].end) + 1
@@ -109,7 +109,7 @@ class Source:
         return index
 
     def header(self, brace):
-        """The first token of what is written before a brace and belongs to it."""
+        """Returns the first token of the code before a brace that belongs to it."""
         index = brace
         while index > 0 and self.word(index - 1) not in (";", "{", "}", "(", "["):
             index = self.partner[index - 1] if self.word(index - 1) in (")", "]") else index - 1
@@ -138,10 +138,10 @@ class Source:
         return kinds
 
     def _brace_kind(self, brace, around):
-        """One of "namespace", "type", "enum", "block" and "value"."""
+        """Returns "namespace", "type", "enum", "block" or "value"."""
         before = self.word(brace - 1)
         first = self.header(brace)
-        top = []  # the header without what is in brackets
+        top = []  # the header without the contents of its brackets
         index = first
         while index < brace:
             top.append(self.word(index))

@@ -1,4 +1,4 @@
-"""The small faults that can be planted in a file, in two groups."""
+"""The small faults that can be injected into a file, in two groups."""
 
 import difflib
 import hashlib
@@ -44,12 +44,12 @@ LOCK = re.compile(r"^(?:const )?[\w:<>]*(?:Lock|lock_guard|unique_lock|scoped_lo
 DECLARATION = re.compile(r"^(?:(?:const|static|constexpr|volatile|thread_local|auto|mutable|typename) |[\w:]+(?:<[^;=()]*>)?(?: const)?[&*]* (?:\[|\w+(?:\s*[;=({\[]|$)))")
 ASSIGNMENT = re.compile(r"([\w.>\[\]*-]+) = ")
 SETTER = re.compile(r"([\w.>-]+(?:\.|->)set\w+)\(")
-SMALLEST_MEASURE = 7  # below it 15 % are less than 1
+SMALLEST_MEASURE = 7  # 15 % of smaller numbers are less than 1
 FIFTEEN_PERCENT = (1.15, 0.85)
 
 
 class Fault:
-    """The texts from `begin` to `end` of a file, each in the place of what is there."""
+    """A set of edits of a file. Each is a tuple (begin, end, text) that replaces the characters from begin to end."""
 
     def __init__(self, source, group, kind, edits):
         self.path, self.group, self.kind = source.path, group, kind
@@ -64,7 +64,7 @@ class Fault:
         return text
 
     def diff(self):
-        """The lines that differ, as `diff -u` marks them; of statements that are swapped, all lines."""
+        """Returns the lines that differ, marked like those of `diff -u`; for swapped statements, all their lines."""
         before, after = self._text.splitlines(), self.planted().splitlines()
         if self.kind == "order":
             last = self._text.count("\n", 0, self.edits[-1][1])
@@ -75,21 +75,21 @@ class Fault:
         return [line for line in lines if not line.startswith(("---", "+++", "@@"))]
 
     def key(self):
-        """The same as long as the lines that differ stay the same, wherever they are."""
+        """Returns a key that depends only on the lines that differ, not on their position."""
         return (self.path, *("".join(line.split()) for line in self.diff()))
 
     def identifier(self):
-        """As long as the file stays the same."""
+        """Returns an identifier that is valid as long as the file does not change."""
         where = f"{self.path}:{self.edits}:{hashlib.sha1(self._text.encode()).hexdigest()}"
         return hashlib.sha1(where.encode()).hexdigest()[:12]
 
     def lot(self, seed):
-        """Its place among others, which does not change when others come or go."""
+        """Returns the sort key of the fault, which does not depend on other faults."""
         return hashlib.sha1(f"{seed}:{self.key()}:{self.line}".encode()).hexdigest()
 
 
 class Enumerations:
-    """Which value follows which, among all that headers declare."""
+    """The order of the values in all enumerations that headers declare."""
 
     DECLARED = re.compile(r"\benum(?:\s+(?:class|struct))?\s+(\w+)[^{};()]*\{([^}]*)\}")
 
@@ -113,7 +113,7 @@ class Enumerations:
 
 
 def faults_in(path, text, enumerations):
-    """All that can be planted there, without two that make the same text."""
+    """Returns all faults that can be injected into the file, without those that produce the same text."""
     planter = _Planter(Source(path, text), enumerations)
     seen, result = set(), []
     for fault in planter.usual() + planter.beyond():
@@ -166,7 +166,7 @@ class _Planter:
             if not self.source.is_skipped(index):
                 visit(index, token)
 
-    # The usual group.
+    # Faults of the group "usual".
 
     def _usual_token(self, index, token):
         if token.kind == "number":
@@ -215,7 +215,7 @@ class _Planter:
             if token.text == LOG_MACRO and level in LEVELS:
                 self._replace("level", index + 2, LEVELS[level])
 
-    # The group beyond.
+    # Faults of the group "beyond".
 
     def _beyond_token(self, index, token):
         if token.kind == "number":
@@ -240,7 +240,7 @@ class _Planter:
         first, last = source.operand_before(index), source.operand_after(index)
         before, after = source.word(first - 1), source.word(last + 1)
         if before == ";" and after == ";":
-            return  # a loop that counts: without its end every test notices
+            return  # a counting loop: every test notices that it does not end
         if "0" in (source.span(first, index - 1), source.span(index + 1, last)):
             return
         self._add("bound", (self._begin(first), self._end(last), "true" if sign in ("<", "<=") else "false"))
@@ -311,14 +311,14 @@ class _Planter:
         return not _is_declaration(source.span(statement.first, statement.last))
 
     def _shows_order(self, one, other):
-        """Two checks do, two calls do, and what has a name in common."""
+        """Whether swapping the statements can matter: for two guards, two calls, or statements that share a name."""
         if one.kind == "guard" and other.kind == "guard":
             return self._body(one) != self._body(other)
         spans = [self.source.span(statement.first, statement.last) for statement in (one, other)]
         for form in (ASSIGNMENT, SETTER):
             matches = [form.match(span) for span in spans]
             if all(matches) and not any(match.group(1) in span for match, span in zip(matches, reversed(spans))):
-                return False  # to two places, of which neither is read by the other
+                return False  # they set different variables, and neither reads the other's
         words = [self.source.words(statement.first, statement.last) for statement in (one, other)]
         if all("(" in some for some in words):
             return True
@@ -329,7 +329,7 @@ class _Planter:
         return self.source.words(self.source.partner[guard.first + 1] + 1, guard.last)
 
     def _unlock_early(self):
-        """In a block of its own the lock is given back before what follows: at once, or after some of it."""
+        """Puts the lock into a block that ends early: at once, or after some of the following statements."""
         source = self.source
         for neighbours in source.neighbours:
             for position, statement in enumerate(neighbours):

@@ -1,4 +1,4 @@
-"""Plants one small fault at a time and runs the tests that should notice it; see --help."""
+"""Injects one small fault at a time and runs the tests that should detect it; see --help."""
 
 import argparse
 import json
@@ -20,21 +20,21 @@ EQUIVALENTS = Path(__file__).parent / "equivalents.txt"
 FOLDER = "build-mutation"
 
 DESCRIPTION = """\
-Plants one small fault at a time in src/, builds the test programs that have to do with
-it, and runs them, the likeliest to notice first. Prints every fault that no test
-notices, and at the end a table. All of this happens in a copy of the checkout, in
-build-mutation/, which holds what is not committed, too.
+Injects one small fault at a time into src/, builds the related test programs and runs
+them, starting with the one most likely to notice. Prints every fault that no test
+notices, and a table at the end. Works on a copy of the checkout in build-mutation/,
+which includes uncommitted changes.
 
 A fault that makes a program hang counts as noticed. One that does not compile does not
-count. Known faults that change nothing are in scripts/mutation/equivalents.txt, each
-with its reason, and are left out.
+count. Known faults without effect are listed in scripts/mutation/equivalents.txt, each
+with its reason, and are skipped.
 
 The group "usual": comparisons, conditions, calculations, constants, deleted statements,
-levels of log lines. The group "beyond": measures off by 15 % ("15 %"), numbers cut to a
-narrower width ("width"), neighbouring statements swapped where the order shows
-("order"), locks given back early ("lock"), exception classes narrowed ("exception"),
-state tests widened by one state ("state"), upper bounds removed ("bound"). Tests run
-under ThreadSanitizer for locks, without any sanitizer for the others.
+levels of log lines. The group "beyond": quantities off by 15 % ("15 %"), numbers
+truncated to a narrower width ("width"), neighbouring statements swapped where the order
+matters ("order"), locks released early ("lock"), exception classes narrowed
+("exception"), state tests extended by one state ("state"), upper bounds removed
+("bound"). Tests run under ThreadSanitizer for locks, and without sanitizers otherwise.
 """
 
 CORPUS = "{tree}/fuzz/corpus"
@@ -44,6 +44,7 @@ PROGRAMS = {
     "store": Program("store_tests", shards=4),
     "scripted hub": Program("scripted_hub_tests", shards=2),
     "facade": Program("facade_tests", is_networked=True, shards=6),
+    "transport": Program("transport_tests"),
     "multicast": Program("multicast_tests", is_networked=True, shards=6),
     "network": Program("network_tests", is_networked=True, shards=8),
     "golden": Program("golden_packet_tests", shards=2),
@@ -58,13 +59,13 @@ PROGRAMS = {
     "callers": Program("callers_tests", is_networked=True),
     "hours": Program("turned_soak", ("0.1", "--seed", "1"), is_googletest=False),
 }
-# In what order they try a fault in a file whose path begins so; those that are not there are passed over.
+# Order in which programs try a fault, by the beginning of the file's path. Programs that do not exist are skipped.
 ORDER = {
     "src/DataLayer/": ("data", "logic", "packets", "datagrams", "machine", "scripted hub", "golden", "zoo", "faults",
                        "network"),
     "src/LogicLayer/": ("logic", "scripted hub", "machine", "datagrams", "store", "golden", "network", "facade",
                         "hostile", "system faults", "faults", "hours", "callers"),
-    "src/Multicast/": ("multicast", "network", "logic", "facade", "zoo", "system faults", "faults", "scenarios"),
+    "src/Multicast/": ("transport", "multicast", "network", "logic", "facade", "zoo", "system faults", "faults", "scenarios"),
     "src/": ("scripted hub", "facade", "logic", "network", "faults", "callers"),
 }
 
@@ -79,7 +80,7 @@ def programs_for(path):
 
 
 def compiler_options():
-    """What builds fastest: no sanitizer, no optimisation, no protection, no debug information."""
+    """Returns the options for the fastest build: no sanitizer, optimisation, hardening or debug information."""
     flags = "-O0"
     for linker, program in (("mold", "mold"), ("lld", "ld.lld"), ("gold", "ld.gold")):
         if shutil.which(program):
@@ -95,25 +96,25 @@ def arguments():
     parser = argparse.ArgumentParser(prog="scripts/mutate.sh", description=DESCRIPTION,
                                      formatter_class=argparse.RawDescriptionHelpFormatter,
                                      epilog="Exit code 1 if a fault was not noticed, 2 if something went wrong.")
-    parser.add_argument("files", metavar="FILE", nargs="*", help="only faults in these (default: all of src/)")
+    parser.add_argument("files", metavar="FILE", nargs="*", help="inject faults only into FILE (default: all of src/)")
     parser.add_argument("--group", choices=[USUAL, BEYOND, "both"], default="both")
-    parser.add_argument("--kind", action="append", help="only faults of that kind, as --list names it")
+    parser.add_argument("--kind", action="append", help="inject only faults of this kind, as printed by --list")
     parser.add_argument("--count", metavar="N", type=int, default=300,
-                        help="how many of each group, chosen at random; 0 for all (default: %(default)s)")
-    parser.add_argument("--seed", metavar="N", type=int, default=1, help="of what is random (default: %(default)s)")
-    parser.add_argument("--minutes", metavar="N", type=float, help="plant no further fault after that time")
+                        help="inject N random faults of each group; 0 for all (default: %(default)s)")
+    parser.add_argument("--seed", metavar="N", type=int, default=1, help="seed of the choice (default: %(default)s)")
+    parser.add_argument("--minutes", metavar="N", type=float, help="inject no further fault after N minutes")
     parser.add_argument("--jobs", "-j", metavar="N", type=int, default=os.cpu_count(),
-                        help="compilers at a time (default: one a processor)")
-    parser.add_argument("--list", action="store_true", help="print the chosen faults and plant none")
+                        help="run N compilers at a time (default: number of processors)")
+    parser.add_argument("--list", action="store_true", help="print the chosen faults and exit")
     parser.add_argument("--resume", metavar="RESULTS", type=Path,
-                        help="go on with this file of results: what it has is not tried again, what is tried is "
-                             f"added (default: a new one, {FOLDER}/results.jsonl)")
-    parser.add_argument("--report", metavar="RESULTS", type=Path, help="print the table of a file of results")
+                        help="continue with a file of results: skip the faults in it and append new results "
+                             f"(default: start a new file, {FOLDER}/results.jsonl)")
+    parser.add_argument("--report", metavar="RESULTS", type=Path, help="print the table of a file of results and exit")
     return parser.parse_args()
 
 
 def known_equivalents():
-    """The keys of faults that change nothing."""
+    """Returns the keys of the faults without effect."""
     keys = set()
     for block in EQUIVALENTS.read_text().split("\n\n"):
         lines = [line for line in block.splitlines() if line and not line.startswith("#")]
@@ -133,7 +134,7 @@ def sources(files):
 
 
 def faults_of(options):
-    """Of each group, in the order in which they are planted."""
+    """Returns the faults of each group, in the order in which they are injected."""
     enumerations = Enumerations(path.read_text() for path in sorted(ROOT.glob("src/**/*.h")))
     every = [fault for path in sources(options.files)
              for fault in faults_in(path, (ROOT / path).read_text(), enumerations)]
@@ -182,7 +183,7 @@ def run(options):
                 record = attempt(races if fault.kind == "lock" else workshop, fault, fault.key() in equivalents)
                 with open(results, "a", encoding="utf-8") as file:
                     file.write(json.dumps(record) + "\n")
-                tell(record, count + 1, options.count or len(faults))
+                print_result(record, count + 1, options.count or len(faults))
             tried.append(record)
             count += record["outcome"] in (NOTICED, SURVIVED, EQUAL)
     print_table(tried)
@@ -204,7 +205,7 @@ def read(results):
     return [json.loads(line) for line in results.read_text().splitlines()]
 
 
-def tell(record, number, count):
+def print_result(record, number, count):
     by = f" by {record['by']}" if record["outcome"] == NOTICED else ""
     print(f"{number}/{count} {record['path']}:{record['line']}: {record['group']}, {record['kind']}: "
           f"{record['outcome']}{by} ({record['seconds']:.0f} s)", flush=True)
@@ -242,7 +243,7 @@ def row(layout, group, kind, records):
 
 def main():
     options = arguments()
-    signal.signal(signal.SIGTERM, lambda *_: sys.exit(2))  # ends what has been started
+    signal.signal(signal.SIGTERM, lambda *_: sys.exit(2))  # the exception ends all processes that were started
     try:
         if options.report:
             print_table(read(options.report))

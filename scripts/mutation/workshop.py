@@ -1,4 +1,4 @@
-"""A copy of the project in which faults are planted, built and tried."""
+"""Injects, builds and tests faults in a copy of the project."""
 
 import copy
 import fcntl
@@ -15,28 +15,28 @@ import time
 from dataclasses import dataclass, field
 from pathlib import Path
 
-MOST_MEMORY = 8 << 30  # bytes, of one test program
-MOST_OUTPUT = 256 << 20
-# With a base folder, ccache makes paths relative, and tests look at the paths in log lines.
+MOST_MEMORY = 8 << 30  # bytes, per test process
+MOST_OUTPUT = 256 << 20  # bytes, per test process
+# With a base folder, ccache makes paths relative, but tests check the paths in log lines.
 COMPILER_ENVIRONMENT = {"CCACHE_BASEDIR": ""}
-BUILD_TIME = 1800  # seconds, for a program at most
-FIRST_RUN_TIME = 900  # of a program whose usual time is not known yet
-CONFIRMATIONS = 3
-LONGER = 3  # times as long waits who wants to be sure
-FLAKY_TESTS = 5  # that a run may pass over
+BUILD_TIME = 1800  # seconds, maximum for building one program
+FIRST_RUN_TIME = 900  # seconds, assumed usual time of a program before its first run
+CONFIRMATIONS = 3  # attempts to make a failed test fail again
+LONGER = 3  # factor of the time limit when a hang is confirmed
+FLAKY_TESTS = 5  # maximum number of tests that a run ignores
 
 RUNNING = re.compile(r"^\[ RUN      \] (\S+)", re.MULTILINE)
 FAILED = re.compile(r"^\[  FAILED  \] ([^\s,]+)(?:,.*)? \(\d+ ms\)$", re.MULTILINE)
 
 
 class WorkshopError(Exception):
-    """The project itself cannot be built, or its tests fail without a fault."""
+    """The project cannot be built, or its tests fail without an injected fault."""
 
 
 @dataclass(frozen=True)
 class Program:
-    """A test program. One made with GoogleTest is run in several processes, its tests shared out. In arguments,
-    {tree} is the copy's folder."""
+    """A test program. With GoogleTest, its tests are distributed over several processes. In the arguments, {tree}
+    is replaced by the folder of the copy."""
 
     name: str
     arguments: tuple = ()
@@ -47,7 +47,7 @@ class Program:
 
 @dataclass
 class Verdict:
-    outcome: str  # noticed, survived or "does not compile"
+    outcome: str  # "noticed", "survived" or "does not compile"
     by: str = ""
     seconds: float = 0
 
@@ -55,15 +55,15 @@ class Verdict:
 @dataclass
 class _Run:
     passed: bool
-    failed: list = field(default_factory=list)  # the tests, as far as they are known
+    failed: list = field(default_factory=list)  # names of the failed tests, if known
     hung: bool = False
 
 
 class Workshop:
     def __init__(self, root, folder, programs_for, options, jobs, say=lambda text: None, patience=30):
-        """`programs_for(path)` yields the programs that try a fault in that file, the likeliest to notice first;
-        `options` are those of CMake. A program hangs when it takes three times its usual time, and `patience`
-        seconds."""
+        """`programs_for(path)` returns the programs that try a fault in that file, the most likely to notice first.
+        `options` are passed to CMake. A program is considered hanging after three times its usual time plus
+        `patience` seconds."""
         self.root, self.folder = Path(root), Path(folder)
         self.tree, self.build = self.folder / "tree", self.folder / "build"
         self._programs_for, self._options, self._jobs, self._say = programs_for, options, jobs, say
@@ -74,35 +74,36 @@ class Workshop:
         self._planted = None
 
     def prepare(self):
-        """Makes the copy like the checkout, with what is not committed yet."""
+        """Synchronises the copy with the checkout, including uncommitted changes."""
         self.folder.mkdir(parents=True, exist_ok=True)
         self._lock = open(self.folder / "lock", "w", encoding="utf-8")
         try:
             fcntl.flock(self._lock, fcntl.LOCK_EX | fcntl.LOCK_NB)
         except BlockingIOError:
             self.close()
-            raise WorkshopError(f"another one is at work in {self.folder}") from None
+            raise WorkshopError(f"another run is using {self.folder}") from None
         self._copy()
-        if self._note.exists():  # the last one at work was killed: what was built of that file is not to be trusted
+        if self._note.exists():  # the last run was killed, so objects built from that file may contain the fault
             (self.tree / self._note.read_text()).touch()
             self._note.unlink()
 
     def sibling(self, build, options, wrapper):
-        """Works on the same copy, but with a build of further options, whose programs the wrapper starts."""
+        """Returns a workshop on the same copy with a separate build that has additional options. The command `wrapper`
+        starts its programs."""
         other = copy.copy(self)
         other.build, other._options, other._wrapper = self.folder / build, self._options + options, wrapper
         other._usual_time = {}
         return other
 
     def close(self):
-        """Lets another one work there."""
+        """Releases the folder for another run."""
         self._lock.close()
 
     def read(self, path):
         return (self.tree / path).read_text()
 
     def attempt(self, fault):
-        """Tries a fault with one program after the other, until one notices."""
+        """Injects the fault and runs one program after the other until one notices it."""
         if not (self.build / "build.ninja").exists():
             self._command("cmake", "-G", "Ninja", "-S", self.tree, "-B", self.build, *self._options)
         programs = [program for program in self._programs_for(fault.path) if self._exists(program)]
@@ -136,7 +137,7 @@ class Workshop:
             source, target = self.root / name, self.tree / name
             if not target.exists() or source.read_bytes() != target.read_bytes():
                 target.parent.mkdir(parents=True, exist_ok=True)
-                shutil.copy(source, target)  # with the time of now, so that it is built anew
+                shutil.copy(source, target)  # sets the current time, so that the file is rebuilt
         for target in self.tree.rglob("*"):
             if target.is_file() and str(target.relative_to(self.tree)) not in files:
                 target.unlink()
@@ -168,13 +169,14 @@ class Workshop:
             except subprocess.TimeoutExpired:
                 pass
             finally:
-                _end(ninja)  # with its compilers, which would otherwise go on with what is there no more
+                _end(ninja)  # also ends its compilers, which would otherwise keep running
             output.seek(0)
             self._build_output = output.read()
         return ninja.returncode == 0
 
     def _learn_usual_time(self, program):
-        """Without a fault all tests must pass. They are not run again for the same copy of the project."""
+        """Measures the usual time of the program, whose tests must all pass without a fault. Caches the result for
+        the same state of the copy."""
         if program.name in self._usual_time:
             return
         memory = self.build / "usual-times.json"
@@ -195,8 +197,8 @@ class Workshop:
         memory.write_text(json.dumps(remembered))
 
     def _noticed_by(self, program):
-        """The test that fails because of the fault, or nothing. A test that fails now and then only because the
-        machine is busy is passed over: one that failed must do so again within a few times."""
+        """Returns the test that fails because of the fault, or an empty string. To ignore tests that fail occasionally
+        because the machine is busy, a failed test must fail again within a few attempts."""
         passed_over = []
         while True:
             run = self._run(program, program.shards, ["-" + ":".join(passed_over)] if passed_over else [])
@@ -217,7 +219,7 @@ class Workshop:
         return any(not self._run(program, 1, [":".join(run.failed)]).passed for _ in range(CONFIRMATIONS))
 
     def _run(self, program, shards, filters, longer=1):
-        """Runs the program until all its processes have ended, one has failed, or it takes far too long."""
+        """Runs the program until all its processes have ended, one has failed, or the time limit has expired."""
         limit = (3 * self._usual_time[program.name] + self._patience) * longer
         with tempfile.TemporaryDirectory() as folder:
             outputs = [Path(folder) / str(index) for index in range(shards)]
@@ -272,13 +274,13 @@ def _bound():
 
 
 def _bound_output():
-    """ThreadSanitizer takes more addresses than there is memory."""
+    """Does not limit the address space, because ThreadSanitizer reserves more of it than there is memory."""
     resource.setrlimit(resource.RLIMIT_FSIZE, (MOST_OUTPUT, MOST_OUTPUT))
     resource.setrlimit(resource.RLIMIT_CORE, (0, 0))
 
 
 def _end(process):
-    """With what it has started, which is in its process group."""
+    """Kills the process and its process group, which contains everything that it has started."""
     try:
         os.killpg(process.pid, signal.SIGKILL)
     except ProcessLookupError:
@@ -287,6 +289,6 @@ def _end(process):
 
 
 def _failed_tests(output):
-    """Those that failed, or else the one in which the program ended."""
+    """Returns the failed tests, or else the test during which the program ended."""
     failed = list(dict.fromkeys(FAILED.findall(output)))
     return failed or RUNNING.findall(output)[-1:]

@@ -4,8 +4,7 @@
 
 namespace Nubo::ServiceDiscovery {
 
-/// Returns the text of an address without its "%scope", whose interface may not exist any more. Valid as long
-/// as `ip`.
+/// Returns the text of an address without its "%scope". Valid as long as `ip`.
 inline std::string_view withoutScope(std::string_view ip)
 {
     return ip.substr(0, ip.find('%'));

@@ -4,10 +4,10 @@
 
 namespace Nubo::ServiceDiscovery {
 
-/// Marks the calling thread, while the object exists, as one that works for a part of an engine: it delivers
-/// an event, holds a lock, or is one of the engine's threads. It must not call into any engine of the
-/// process: it would wait for itself, or for another engine that waits for this one. When it ends the
-/// process, from a line of the log say, the engine must not wait for it.
+/// Marks the calling thread, for the lifetime of the object, as working for a part of an engine: it delivers
+/// an event, holds a lock, or is one of the engine's threads. Such a thread must not call into any engine of
+/// the process, because it would wait for itself, or for another engine that waits for this one. If it ends
+/// the process, for example from a log channel, the engine must not wait for it.
 class EngineFrame
 {
 public:
@@ -20,7 +20,7 @@ public:
     /// Whether the calling thread works for any engine.
     static bool isOnThisThread() { return innermost() != nullptr; }
 
-    /// Whether it works for one of these parts.
+    /// Whether the calling thread works for one of these parts.
     template <class... Parts>
     static bool isOnThisThread(const Parts*... parts)
     {
@@ -31,7 +31,8 @@ public:
         return false;
     }
 
-    /// Gives back what the calling thread holds that others wait for, because it does not come back to it.
+    /// Releases the locks that the calling thread holds. For a thread that will not return to the frames,
+    /// so that other threads do not wait for ever.
     static void releaseThisThread() noexcept
     {
         for (EngineFrame* frame = innermost(); frame; frame = frame->m_outer)
@@ -51,7 +52,7 @@ private:
     EngineFrame* const m_outer;
 };
 
-/// Holds a mutex of a part.
+/// Scoped lock of a part's mutex, which releaseThisThread() can unlock early.
 class EngineLock : public EngineFrame
 {
 public:

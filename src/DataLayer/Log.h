@@ -7,7 +7,7 @@
 #include <list>
 #include <optional>
 
-/// Opens a line of the log; what is streamed into it follows the level word, and the line ends by itself:
+/// Opens a line of the log. Streamed values follow the level word; the line end is added:
 ///
 ///     SD_LOG(Error) << "SDRequestHandler - failed to handle Entry #" << number << '.';
 ///
@@ -33,19 +33,19 @@ enum class LogLevel
     Trace = Poco::Message::PRIO_TRACE
 };
 
-/// Bounds how many errors and warnings a thread logs while it reads what a neighbour has sent: 16 bytes could
-/// ask for thirty lines.
+/// Bounds how many errors and warnings a thread logs while it reads received data: 16 bytes could cause
+/// thirty lines.
 class LogLimit
 {
 public:
-    /// Nothing is limited yet.
+    /// Takes effect with the first Scope.
     explicit LogLimit(std::size_t lines) : m_linesLeft(lines) {}
 
     LogLimit(const LogLimit&) = delete;
     LogLimit& operator=(const LogLimit&) = delete;
 
-    /// Lets the calling thread's errors and warnings count while it exists; those beyond the limit are left
-    /// out.
+    /// Counts the calling thread's errors and warnings while it exists, and suppresses those beyond the
+    /// limit.
     class Scope
     {
     public:
@@ -61,7 +61,7 @@ public:
 
     std::size_t leftOut() const { return m_leftOut; }
 
-    /// Whether the calling thread may log one more error or warning, which then counts.
+    /// Whether the calling thread may log one more error or warning; counts it.
     static bool takeLine();
 
 private:
@@ -69,15 +69,15 @@ private:
     std::size_t m_leftOut = 0;
 };
 
-/// Whether a line of that level is to be written; one that a LogLimit bounds counts as written then.
+/// Whether a line of that level is to be written. If so, it counts towards the LogLimit.
 inline bool isLogged(LogLevel level)
 {
     return Logging::Log::IsLogLevelActive(static_cast<Poco::Message::Priority>(level)) &&
            (level > LogLevel::Warning || LogLimit::takeLine());
 }
 
-/// Has the calling thread's lines written when the object ends. Made before a mutex is locked, it keeps a log
-/// channel that calls into the platform, or waits, from doing so with the mutex held.
+/// Delays the calling thread's log lines until the object is destroyed. Create it before locking a mutex: a
+/// log channel may wait, or call into the platform, and must not do so while the mutex is held.
 class LogAfterwards
 {
 public:
@@ -87,7 +87,8 @@ public:
     LogAfterwards(const LogAfterwards&) = delete;
     LogAfterwards& operator=(const LogAfterwards&) = delete;
 
-    /// Makes a line that is written afterwards; null when lines are written at once, or memory is short.
+    /// Creates a line that is written afterwards. Returns null if lines are written at once or memory is
+    /// short.
     static Logging::LogStream* open(LogLevel level);
 
 private:
@@ -95,7 +96,8 @@ private:
     std::list<Logging::LogStream> m_lines;
 };
 
-/// One line of the log, written when the object ends, or afterwards. Use SD_LOG.
+/// One line of the log, written when the object is destroyed, or later if LogAfterwards is active. Use
+/// SD_LOG.
 class LogLine
 {
 public:
@@ -117,7 +119,7 @@ private:
     Logging::LogStream& open(LogLevel level);
 
     const Common::NoReturnInChildren m_whenWritten;  // a log channel may fork
-    std::optional<Logging::LogStream> m_own;         // unless it is written afterwards
+    std::optional<Logging::LogStream> m_own;         // unset if the line is written afterwards
     Logging::LogStream& m_stream;
 };
 

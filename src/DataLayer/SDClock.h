@@ -8,8 +8,8 @@ namespace Nubo::ServiceDiscovery::SDClock {
 /// The current instant.
 Poco::Clock now();
 
-/// For tests: lets the clock jump by that many microseconds, for everybody and lastingly. A test that
-/// waits for a time-to-live of minutes turns the clock instead.
+/// For tests: moves the clock forward by that many microseconds, for the whole process and for good, so that
+/// no test waits minutes for a time-to-live to expire.
 void turn(Poco::Clock::ClockDiff microseconds);
 
 }  // namespace Nubo::ServiceDiscovery::SDClock

@@ -1,15 +1,16 @@
 #include "DataLayer/SDService.h"
 
+#include "DataLayer/Faults.h"
 #include "DataLayer/Log.h"
 #include "DataLayer/SDClock.h"
 #include "DataLayer/SOME_IP_SD/SOME_IP_SD_Entry_Service.h"
 #include "DataLayer/SOME_IP_SD/SOME_IP_SD_Option_Configuration.h"
 #include "DataLayer/SOME_IP_SD/SOME_IP_SD_Option_IPv6.h"
+#include "DataLayer/SemanticVersion.h"
 
 #include <Poco/Exception.h>
-#include <Poco/NumberParser.h>
-#include <Poco/StringTokenizer.h>
 
+#include <algorithm>
 #include <ostream>
 #include <utility>
 
@@ -21,120 +22,58 @@ namespace {
 
 constexpr Poco::Clock::ClockDiff microsecondsPerSecond = 1000000;
 
-/// A refused version: the reason is in the log already.
+/// The reason has been logged already.
 [[noreturn]] void refuse()
 {
     throw Poco::InvalidArgumentException();
 }
 
-/// Major and minor version of "[~]major.minor[.patch]". The patch level is never looked at.
-struct SemanticVersion
+/// Refuses a pair that the container did not accept.
+void require(bool isInserted, const std::string& name, const char* what, const std::string& value)
 {
-    unsigned int major = 0;
-    unsigned int minor = 0;
+    if (isInserted)
+        return;
+    SD_LOG(Error) << "ServiceDiscovery failed to create SD Service \"" << name << "\" with given " << what
+                  << ", container insertion failed for \"" << value << "\"!";
+    refuse();
+}
 
-    /// False when a part is not what it has to be. Throws Poco::RangeException when a part is missing.
-    bool parse(const std::string& text)
-    {
-        const Poco::StringTokenizer parts(text, ".");
-        if (parts.count() > 3)
-            return false;
-        const std::string& first = parts[0];
-        const std::string majorText = first.compare(0, 1, "~") == 0 ? first.substr(1) : first;
-        return Poco::NumberParser::tryParseUnsigned(majorText, major) && major <= 255 &&
-               Poco::NumberParser::tryParseUnsigned(parts[1], minor);
-    }
-};
+bool addPair(ConfigurationPairs& pairs, const std::string& key, const std::string& value)
+{
+    return pairs.emplace(key, value) != pairs.end();
+}
+
+void addFixedPairs(ConfigurationPairs& pairs, const std::string& name)
+{
+    addPair(pairs, OptionKeywords::NuBo_RecordVersionKey, OptionKeywords::NuBo_RecordVersionValue);
+    addPair(pairs, OptionKeywords::NuBo_ApplProtocolKey, OptionKeywords::NuBo_ApplProtocolValue);
+    addPair(pairs, OptionKeywords::NuBo_Servicename, name);
+}
 
 }  // namespace
 
-NuboServiceDescription::NuboServiceDescription() = default;
-
-NuboServiceDescription::NuboServiceDescription(NuboServiceDescription&& other)  // NOLINT(*-noexcept-move*)
-    : NuboServiceDescription()
+SDService::SDService(const NuboServiceDescription& description)
 {
-    *this = std::move(other);
-}
-
-NuboServiceDescription& NuboServiceDescription::operator=(const NuboServiceDescription& other)
-{
-    return *this = NuboServiceDescription(other);
-}
-
-// NOLINTNEXTLINE(*-noexcept-move*)
-NuboServiceDescription& NuboServiceDescription::operator=(NuboServiceDescription&& other)
-{
-    m_ip6Address = other.m_ip6Address;  // before all that cannot fail
-    m_name = std::move(other.m_name);
-    m_versions = std::move(other.m_versions);
-    m_categories = std::move(other.m_categories);
-    m_ip6AddressText = std::move(other.m_ip6AddressText);
-    m_ip6Port = other.m_ip6Port;
-    m_l4Proto = other.m_l4Proto;
-    m_localUuid = std::move(other.m_localUuid);
-    m_uri = std::move(other.m_uri);
-    return *this;
-}
-
-const Poco::Net::IPAddress& NuboServiceDescription::getIpAddress() const
-{
-    static const Poco::Net::IPAddress unspecified(Poco::Net::IPAddress::IPv6);
-    return m_ip6Address ? *m_ip6Address : unspecified;
-}
-
-void NuboServiceDescription::setIpAddress(const Poco::Net::IPAddress& address)
-{
-    const std::string text = address.toString();
-    std::string shrunkText(text);  // the original has room for more
-    m_ip6Address = address;
-    m_ip6AddressText = std::move(shrunkText);
-}
-
-std::string NuboServiceDescription::generateUri(const std::string& name, const std::string& ipAddress,
-                                                unsigned short port)
-{
-    const std::string portText = std::to_string(port);
-    std::string uri;
-    uri.reserve(sizeof("http://[]:///") + ipAddress.size() + portText.size() + name.size());
-    uri.append("http://[").append(ipAddress).append("]:").append(portText);
-    uri.append("/").append(name).append("/");
-    return uri;
-}
-
-std::string NuboServiceDescription::generateUri() const
-{
-    return generateUri(m_name, getIpAddressString(), m_ip6Port);
-}
-
-std::size_t NuboServiceDescription::getTextSize() const
-{
-    return m_name.size() + m_localUuid.size() + m_uri.size() + m_versions.size() + m_categories.size();
-}
-
-SDService::SDService(const NuboServiceDescription& description) : m_description(description)
-{
+    setNuboDescription(description);
     setTTL(defaultTTL);
-    fromNuboServiceDescription(m_description);
+    fromNuboServiceDescription(description);
 }
 
 SDService::SDService(const NuboServiceDescription& description, unsigned int ttl, unsigned short serviceID,
                      unsigned short instanceID, unsigned char majorVersion, unsigned int minorVersion,
                      const ConfigurationPairs& configuration, Type::Type_t type)
-    : m_description(description)
-    , m_serviceID(serviceID)
-    , m_instanceID(instanceID)
-    , m_majorVersion(majorVersion)
-    , m_minorVersion(minorVersion)
-    , m_configuration(configuration)
-    , m_type(type)
+    : m_sent(SentFields{description, ttl, serviceID, instanceID, majorVersion, minorVersion, configuration,
+                        type})
 {
     setTTL(ttl);
 }
 
 SDService::SDService(const std::string& name) : m_timeoutTimestamp(SDClock::now())
 {
-    m_description.setName(name);
-    addFixedPairs(name);
+    m_sent.change([&](SentFields& fields) {
+        fields.m_description.setName(name);
+        addFixedPairs(fields.m_configuration, name);
+    });
 }
 
 SDService::SDService(const SOME_IP_SD_Entry_Service& entry, const SOME_IP_SD_Option_IPv6& ipv6,
@@ -165,8 +104,7 @@ void SDService::setState(const State::State_t& state)
 
 void SDService::setTTL(unsigned int ttl)
 {
-    m_TTL = ttl;
-    m_packet.clear();
+    m_sent.set(&SentFields::m_TTL, ttl);
     m_timeoutTimestamp = SDClock::now() + ttl * microsecondsPerSecond;
 }
 
@@ -184,67 +122,30 @@ unsigned int SDService::getSecondsLeft() const
 
 void SDService::fromNuboServiceDescription(const NuboServiceDescription& description)
 {
-    const std::string& name = description.getName();
-    if (description.getVersions().empty()) {
-        SD_LOG(Error) << "ServiceDiscovery failed to create SD Service \"" << name
-                      << "\" due to invalid Version(s)";
-        refuse();
-    }
-    for (const std::string& version : description.getVersions())
-        addVersion(name, version);
-
-    addFixedPairs(name);
-
-    for (const std::string& category : description.getCategories()) {
-        if (!addPair(OptionKeywords::NuBo_Category, category)) {
-            SD_LOG(Error) << "ServiceDiscovery failed to create SD Service \"" << name
-                          << "\" with given Category, container insertion failed for \"" << category << "\"!";
+    for (const Fault& fault : faultsOf(description)) {
+        if (fault.step == Fault::Step::Record) {
+            SD_LOG(Error) << fault.text;
             refuse();
         }
     }
-}
 
-void SDService::addVersion(const std::string& name, const std::string& version)
-{
-    SemanticVersion parsed;
-    bool isSemantic = false;
-    try {
-        isSemantic = parsed.parse(version);
-    }
-    catch (const Poco::Exception& exception) {
-        SD_LOG(Error) << "ServiceDiscovery failed to create SD Service \"" << name
-                      << "\" with given Version(s): (" << version << ") " << exception.displayText();
-        refuse();
-    }
-    if (!isSemantic) {
-        SD_LOG(Error) << "ServiceDiscovery failed to create SD Service \"" << name
-                      << "\" with given Version(s), not in semVer - format([~]major.minor.patch) (" << version
-                      << ")";
-        refuse();
-    }
-    if (!addPair(OptionKeywords::NuBo_Version, version)) {
-        SD_LOG(Error) << "ServiceDiscovery failed to create SD Service \"" << name
-                      << "\" with given Version, container insertion failed for \"" << version << "\"!";
-        refuse();
-    }
+    const std::string& name = description.getName();
+    m_sent.change([&](SentFields& fields) {
+        ConfigurationPairs& pairs = fields.m_configuration;
+        SemanticVersion highest;
+        for (const std::string& version : description.getVersions()) {
+            require(addPair(pairs, OptionKeywords::NuBo_Version, version), name, "Version", version);
+            SemanticVersion parsed;
+            parsed.parse(version);
+            highest = std::max(highest, parsed);
+        }
+        fields.m_majorVersion = static_cast<std::uint8_t>(highest.major);
+        fields.m_minorVersion = highest.minor;
 
-    const auto major = static_cast<std::uint8_t>(parsed.major);
-    if (std::make_pair(major, parsed.minor) > std::make_pair(m_majorVersion, m_minorVersion)) {
-        m_majorVersion = major;
-        m_minorVersion = parsed.minor;
-    }
-}
-
-void SDService::addFixedPairs(const std::string& name)
-{
-    addPair(OptionKeywords::NuBo_RecordVersionKey, OptionKeywords::NuBo_RecordVersionValue);
-    addPair(OptionKeywords::NuBo_ApplProtocolKey, OptionKeywords::NuBo_ApplProtocolValue);
-    addPair(OptionKeywords::NuBo_Servicename, name);
-}
-
-bool SDService::addPair(const std::string& key, const std::string& value)
-{
-    return m_configuration.emplace(key, value) != m_configuration.end();
+        addFixedPairs(pairs, name);
+        for (const std::string& category : description.getCategories())
+            require(addPair(pairs, OptionKeywords::NuBo_Category, category), name, "Category", category);
+    });
 }
 
 bool SDService::fromSOMEIP(const SOME_IP_SD_Entry_Service& entry, const SOME_IP_SD_Option_IPv6& ipv6,
@@ -257,14 +158,10 @@ bool SDService::fromSOMEIP(const SOME_IP_SD_Entry_Service& entry, const SOME_IP_
         return false;
     }
 
-    m_serviceID = entry.getServiceID();
+    setServiceId(entry.getServiceID());
     setTTL(entry.getTTL());
-    m_majorVersion = entry.getMajorVersion();
-    m_minorVersion = entry.getMinorVersion();
-
-    m_description.setIpAddress(ipv6.getIP());
-    m_description.setPort(ipv6.getPort());
-    m_description.setL4Proto(ipv6.getL4Protocol());
+    setMajorVersion(entry.getMajorVersion());
+    setMinorVersion(entry.getMinorVersion());
 
     const ConfigurationPairs& pairs = configuration.getConfigurationPairs();
     const auto name = pairs.lower_bound(OptionKeywords::NuBo_Servicename);
@@ -272,12 +169,18 @@ bool SDService::fromSOMEIP(const SOME_IP_SD_Entry_Service& entry, const SOME_IP_
         SD_LOG(Error) << "Failed to create service due to missing NuBo_Servicename!";
         return false;
     }
-    m_description.setName(name->second);
 
     if (pairs.find(OptionKeywords::NuBo_Version) == pairs.end()) {
         SD_LOG(Error) << "Failed to create service due to missing NuBo_Version!";
         return false;
     }
+
+    m_sent.change([&](SentFields& fields) {
+        fields.m_description.setIpAddress(ipv6.getIP());
+        fields.m_description.setPort(ipv6.getPort());
+        fields.m_description.setL4Proto(ipv6.getL4Protocol());
+        fields.m_description.setName(name->second);
+    });
     return true;
 }
 
@@ -285,12 +188,8 @@ void SDService::complete(const SOME_IP_SD_Option_Configuration& configuration)
 {
     TextList versions = configuration.shareAllValues(OptionKeywords::NuBo_Version);
     TextList categories = configuration.shareAllValues(OptionKeywords::NuBo_Category);
-    std::string uri = m_description.generateUri();
-
-    // Only now, when nothing can fail any more.
-    m_description.shareVersions(std::move(versions));
-    m_description.shareCategories(std::move(categories));
-    m_description.setUri(std::move(uri));
+    std::string uri = getNuboDescription().generateUri();
+    m_sent.setTexts(std::move(versions), std::move(categories), std::move(uri));  // cannot fail any more
 }
 
 std::ostream& operator<<(std::ostream& stream, SDService::Type::Type_t type)
@@ -307,7 +206,7 @@ std::ostream& operator<<(std::ostream& stream, SDService::Type::Type_t type)
         case SDService::Type::ANY:
             return stream << "ANY";
     }
-    // Kept for compatibility: the number follows in the stream's base, decimal on a fresh stream.
+    // Kept for compatibility: the number is written in the stream's base, decimal on a fresh stream.
     return stream << "UNKNOWN 0x" << static_cast<std::uint32_t>(type);
 }
 

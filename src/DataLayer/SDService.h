@@ -1,21 +1,18 @@
 #pragma once
 
+#include "DataLayer/NuboServiceDescription.h"
 #include "DataLayer/ServiceDiscovery_Types.h"
 #include "DataLayer/TextList.h"
-#include "Export.h"
 
 #include <Poco/Clock.h>
-#include <Poco/Net/IPAddress.h>
 #include <Poco/SharedPtr.h>
 
 #include <array>
-#include <cstddef>
 #include <cstdint>
 #include <iosfwd>
-#include <optional>
 #include <string>
+#include <type_traits>
 #include <utility>
-#include <vector>
 
 namespace Nubo::ServiceDiscovery {
 
@@ -23,82 +20,8 @@ class SOME_IP_SD_Entry_Service;
 class SOME_IP_SD_Option_Configuration;
 class SOME_IP_SD_Option_IPv6;
 
-/// The web-interface view of a service: what a registry hands in, and what it gets in every event. A plain
-/// value: a change of a copy leaves its source as it was. Nothing is checked here: a service is checked when
-/// it is added. When memory runs short, std::bad_alloc is thrown and the description stays as it was.
-class KEL_SD_EXPORT NuboServiceDescription
-{
-public:
-    /// Empty texts and lists, address "::", port 0, protocol TCP.
-    NuboServiceDescription();
-
-    NuboServiceDescription(const NuboServiceDescription& other) = default;
-    NuboServiceDescription& operator=(const NuboServiceDescription& other);
-    // Poco's addresses can only be copied, so moving may throw; nothing has moved then.
-    NuboServiceDescription(NuboServiceDescription&& other);             // NOLINT(*-noexcept-move*)
-    NuboServiceDescription& operator=(NuboServiceDescription&& other);  // NOLINT(*-noexcept-move*)
-
-    const std::string& getName() const { return m_name; }
-    void setName(const std::string& name) { m_name = name; }
-
-    /// Semantic versions "[~]major.minor.patch"; major 0 to 255.
-    const std::vector<std::string>& getVersions() const { return m_versions.texts(); }
-    void addVersion(const std::string& version) { m_versions.add(version); }
-    void setVersions(std::vector<std::string> versions) { m_versions = TextList(std::move(versions)); }
-    void shareVersions(TextList versions) { m_versions = std::move(versions); }
-
-    const std::vector<std::string>& getCategories() const { return m_categories.texts(); }
-    void addCategory(const std::string& category) { m_categories.add(category); }
-    void setCategories(std::vector<std::string> categories)
-    {
-        m_categories = TextList(std::move(categories));
-    }
-    void shareCategories(TextList categories) { m_categories = std::move(categories); }
-
-    /// IPv6 address of the endpoint.
-    const Poco::Net::IPAddress& getIpAddress() const;
-    void setIpAddress(const Poco::Net::IPAddress& address);
-    /// The same as text, without brackets.
-    const std::string& getIpAddressString() const { return m_ip6AddressText; }
-
-    /// Port of the endpoint. Services on ports 47000 to 49151 are seen on link-local interfaces only.
-    unsigned short getPort() const { return m_ip6Port; }
-    void setPort(unsigned short port) { m_ip6Port = port; }
-
-    OptionL4Protocol::L4Protocol_t getL4Proto() const { return m_l4Proto; }
-    void setL4Proto(OptionL4Protocol::L4Protocol_t protocol) { m_l4Proto = protocol; }
-
-    /// The registry's own identifier of the service.
-    const std::string& getLocalUuid() const { return m_localUuid; }
-    void setLocalUuid(std::string localUuid) { m_localUuid = std::move(localUuid); }
-
-    const std::string& getUri() const { return m_uri; }
-    void setUri(std::string uri) { m_uri = std::move(uri); }
-
-    /// The memory that its texts take, in bytes.
-    std::size_t getTextSize() const;
-
-    /// "http://[address]:port/name/", with the texts as given.
-    static std::string generateUri(const std::string& name, const std::string& ipAddress,
-                                   unsigned short port);
-    /// The same from this description's own name, address and port.
-    std::string generateUri() const;
-
-private:
-    std::string m_name;
-    TextList m_versions;
-    TextList m_categories;
-    std::optional<Poco::Net::IPAddress> m_ip6Address;  // none is "::", and takes no memory
-    std::string m_ip6AddressText = "::";               // made once: records are matched by it
-    std::uint16_t m_ip6Port = 0;
-    OptionL4Protocol::L4Protocol_t m_l4Proto = OptionL4Protocol::TCP;
-    std::string m_localUuid;
-    std::string m_uri;
-};
-
-/// The record of one service inside the engine: the description and its SOME/IP-SD identity, its role, the
-/// phase it is in and its deadline. Records are shared by Ptr and guarded by the lock of the state machine
-/// that holds them.
+/// The record of one service inside the engine: description, SOME/IP-SD identity, role, phase and deadline.
+/// Records are shared by Ptr and guarded by the lock of the state machine that holds them.
 class SDService
 {
 public:
@@ -133,7 +56,7 @@ public:
 
     static constexpr unsigned int defaultTTL = 120;  ///< seconds
 
-    /// A record of the registry's service: versions and configuration pairs come from the description.
+    /// A record of a registry's service: versions and configuration pairs come from the description.
     /// Throws Poco::InvalidArgumentException, after an error line, when its versions cannot be used.
     explicit SDService(const NuboServiceDescription& description);
 
@@ -142,46 +65,42 @@ public:
               unsigned short instanceID, unsigned char majorVersion, unsigned int minorVersion,
               const ConfigurationPairs& configuration, Type::Type_t type);
 
-    /// A record that identifies a service by its name alone. Its deadline has passed from the start.
+    /// A record that identifies a service by its name alone. Its deadline has already passed.
     explicit SDService(const std::string& name);
 
-    /// A record of a received offer. Its instance ID is 0, whatever the entry carried: the state machine
-    /// numbers what it discovers. Throws Poco::InvalidArgumentException, after an error line, when one of
-    /// the three is invalid or the configuration lacks a name or a version.
+    /// A record of a received offer. Its instance ID is 0, whatever the entry contains: the state machine
+    /// assigns the numbers of discovered services. Throws Poco::InvalidArgumentException, after an error
+    /// line, when one of the three is invalid or the configuration lacks a name or a version.
     SDService(const SOME_IP_SD_Entry_Service& entry, const SOME_IP_SD_Option_IPv6& ipv6,
               const SOME_IP_SD_Option_Configuration& configuration);
 
-    /// The same without versions and categories, of which an offer may carry thousands: enough to recognise
-    /// an instance. Null instead of an exception, which costs more than all the rest of a bad offer.
+    /// The same without versions and categories, of which an offer may contain thousands: enough to recognise
+    /// an instance. Returns null instead of throwing, because an exception costs more than the rest of a bad
+    /// offer.
     static Ptr instanceOf(const SOME_IP_SD_Entry_Service& entry, const SOME_IP_SD_Option_IPv6& ipv6,
                           const SOME_IP_SD_Option_Configuration& configuration);
 
-    /// Takes in what instanceOf() the same offer went without.
+    /// Adds what instanceOf() left out of the same offer.
     void complete(const SOME_IP_SD_Option_Configuration& configuration);
 
-    const NuboServiceDescription& getNuboDescription() const { return m_description; }
+    const NuboServiceDescription& getNuboDescription() const { return m_sent->m_description; }
     void setNuboDescription(const NuboServiceDescription& description)
     {
-        m_description = description;
-        m_packet.clear();
+        m_sent.set(&SentFields::m_description, description);
     }
-    void setLocalUuid(std::string localUuid) { m_description.setLocalUuid(std::move(localUuid)); }
+    void setLocalUuid(std::string localUuid) { m_sent.setLocalUuid(std::move(localUuid)); }
 
-    /// The address of the unit that sent the offer, 16 bytes in network order, without port and scope; zeros
-    /// when it is not known.
+    /// Address of the unit that sent the offer: 16 bytes in network order, without port and scope. Zeros: not
+    /// known.
     using SenderAddress = std::array<std::uint8_t, 16>;
     const SenderAddress& getSender() const { return m_sender; }
     void setSender(const SenderAddress& sender) { m_sender = sender; }
 
-    Type::Type_t getType() const { return m_type; }
-    void setType(Type::Type_t type)
-    {
-        m_type = type;
-        m_packet.clear();
-    }
+    Type::Type_t getType() const { return m_sent->m_type; }
+    void setType(Type::Type_t type) { m_sent.set(&SentFields::m_type, type); }
 
     State::State_t getState() const { return m_state; }
-    /// A change of phase restarts the count of sends; setting the same phase again changes nothing.
+    /// Restarts the count of sends, unless the record is in that phase already.
     void setState(const State::State_t& state);
 
     /// Number of sends made in the current phase; wraps at 256.
@@ -190,80 +109,118 @@ public:
     void resetRepetitionRun() { m_repetitionRun = 0; }
 
     /// Time-to-live in seconds.
-    unsigned int getTTL() const { return m_TTL; }
+    unsigned int getTTL() const { return m_sent->m_TTL; }
     /// Sets the time-to-live and moves the deadline to that many seconds from now.
     void setTTL(unsigned int ttl);
-    /// Whether the deadline has come.
+    /// Whether the deadline has been reached.
     bool isTTLElapsed() const;
-    /// Whether it had come by that instant.
+    /// Whether it had been reached at that instant.
     bool isTTLElapsed(const Poco::Clock& instant) const { return instant >= m_timeoutTimestamp; }
-    /// Seconds until then, rounded up.
+    /// Seconds until the deadline, rounded up.
     unsigned int getSecondsLeft() const;
 
-    unsigned short getServiceId() const { return m_serviceID; }
-    void setServiceId(unsigned short serviceID)
-    {
-        m_serviceID = serviceID;
-        m_packet.clear();
-    }
+    unsigned short getServiceId() const { return m_sent->m_serviceID; }
+    void setServiceId(unsigned short serviceID) { m_sent.set(&SentFields::m_serviceID, serviceID); }
 
-    unsigned short getInstanceId() const { return m_instanceID; }
-    void setInstanceId(unsigned short instanceID)
-    {
-        m_instanceID = instanceID;
-        m_packet.clear();
-    }
+    unsigned short getInstanceId() const { return m_sent->m_instanceID; }
+    void setInstanceId(unsigned short instanceID) { m_sent.set(&SentFields::m_instanceID, instanceID); }
 
-    std::uint8_t getMajorVersion() const { return m_majorVersion; }
-    /// The same widened, so that it prints as a number.
-    unsigned int getMajorVersion_AsUnsigned() const { return m_majorVersion; }
+    std::uint8_t getMajorVersion() const { return m_sent->m_majorVersion; }
+    /// The major version widened, so that it prints as a number.
+    unsigned int getMajorVersion_AsUnsigned() const { return m_sent->m_majorVersion; }
     void setMajorVersion(unsigned char majorVersion)
     {
-        m_majorVersion = majorVersion;
-        m_packet.clear();
+        m_sent.set(&SentFields::m_majorVersion, majorVersion);
     }
 
-    unsigned int getMinorVersion() const { return m_minorVersion; }
-    void setMinorVersion(unsigned int minorVersion)
-    {
-        m_minorVersion = minorVersion;
-        m_packet.clear();
-    }
+    unsigned int getMinorVersion() const { return m_sent->m_minorVersion; }
+    void setMinorVersion(unsigned int minorVersion) { m_sent.set(&SentFields::m_minorVersion, minorVersion); }
 
-    const ConfigurationPairs& getConfiguration() const { return m_configuration; }
+    const ConfigurationPairs& getConfiguration() const { return m_sent->m_configuration; }
     void setConfiguration(const ConfigurationPairs& configuration)
     {
-        m_configuration = ConfigurationPairs(configuration);  // copied first: that may throw
-        m_packet.clear();
+        m_sent.set(&SentFields::m_configuration, configuration);
     }
 
-    /// The bytes of the packet that was last made of the record; empty when there was none, or when anything
-    /// that goes into it has been set since.
-    const std::string& getPacket() const { return m_packet; }
-    void setPacket(std::string packet) const { m_packet = std::move(packet); }
+    /// The bytes of the packet that was last made of the record; empty when none was made, or when a setter
+    /// has changed anything that it contains.
+    const std::string& getPacket() const { return m_sent.packet(); }
+    void setPacket(std::string packet) const { m_sent.keepPacket(std::move(packet)); }
 
 private:
+    /// The fields that a packet is made of.
+    struct SentFields
+    {
+        NuboServiceDescription m_description;
+        std::uint32_t m_TTL = defaultTTL;
+        std::uint16_t m_serviceID = SOME_IP_SD_Types::EntryValues::ServiceID_Non_SOMEIP_SD;
+        std::uint16_t m_instanceID = 0;
+        std::uint8_t m_majorVersion = 0;
+        std::uint32_t m_minorVersion = 0;
+        ConfigurationPairs m_configuration;
+        Type::Type_t m_type = Type::NONE;
+    };
+
+    /// The fields and the packet that was last made of them, which is sent every second for years. No field
+    /// changes without change(), which drops the packet.
+    class Sent
+    {
+    public:
+        Sent() = default;
+        explicit Sent(SentFields fields) : m_fields(std::move(fields)) {}
+
+        const SentFields* operator->() const { return &m_fields; }
+
+        template <class Change>
+        void change(Change change)
+        {
+            change(m_fields);
+            m_packet.clear();
+        }
+
+        /// Keeps the packet if a number keeps its value. Takes `value` by value, so that nothing has changed
+        /// when copying throws.
+        template <class Value>
+        void set(Value SentFields::*field, Value value)
+        {
+            if constexpr (std::is_scalar_v<Value>) {
+                if (m_fields.*field == value)
+                    return;
+            }
+            change([&](SentFields& fields) { fields.*field = std::move(value); });
+        }
+
+        // Parts of the description that are not sent: the packet stays. (Versions and categories are sent
+        // from the configuration.)
+        void setLocalUuid(std::string localUuid)
+        {
+            m_fields.m_description.setLocalUuid(std::move(localUuid));
+        }
+        void setTexts(TextList versions, TextList categories, std::string uri)
+        {
+            m_fields.m_description.shareVersions(std::move(versions));
+            m_fields.m_description.shareCategories(std::move(categories));
+            m_fields.m_description.setUri(std::move(uri));
+        }
+
+        const std::string& packet() const { return m_packet; }
+        void keepPacket(std::string packet) const { m_packet = std::move(packet); }
+
+    private:
+        SentFields m_fields;
+        mutable std::string m_packet;  // follows from the fields
+    };
+
     SDService() = default;
     void fromNuboServiceDescription(const NuboServiceDescription& description);
     bool fromSOMEIP(const SOME_IP_SD_Entry_Service& entry, const SOME_IP_SD_Option_IPv6& ipv6,
                     const SOME_IP_SD_Option_Configuration& configuration);
-    void addVersion(const std::string& name, const std::string& version);
-    void addFixedPairs(const std::string& name);
-    bool addPair(const std::string& key, const std::string& value);
 
-    NuboServiceDescription m_description;
-    std::uint32_t m_TTL = defaultTTL;
-    std::uint16_t m_serviceID = SOME_IP_SD_Types::EntryValues::ServiceID_Non_SOMEIP_SD;
-    std::uint16_t m_instanceID = 0;
-    std::uint8_t m_majorVersion = 0;
-    std::uint32_t m_minorVersion = 0;
-    ConfigurationPairs m_configuration;
-    Type::Type_t m_type = Type::NONE;
+    Sent m_sent;
     State::State_t m_state = State::INITIAL_WAIT_PHASE;
     std::uint8_t m_repetitionRun = 0;
     Poco::Clock m_timeoutTimestamp;
     SenderAddress m_sender{};
-    mutable std::string m_packet;  // follows from the rest
 };
 
 /// The name of the value; "UNKNOWN 0x" and the number in the stream's base for any other.

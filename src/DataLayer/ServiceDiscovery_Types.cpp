@@ -14,7 +14,7 @@ constexpr std::uint16_t methodIDs[] = {HeaderValues::MethodID_Reserved00, Header
 
 }  // namespace
 
-// Never destroyed: threads may still read datagrams while the process ends.
+// Never destroyed: threads may still read datagrams while the process exits.
 const std::set<std::uint16_t>& HeaderValues::Reserved_ServiceIDs =
     *new std::set<std::uint16_t>(std::begin(serviceIDs), std::end(serviceIDs));
 const std::set<std::uint16_t>& HeaderValues::Reserved_MethodIDs =

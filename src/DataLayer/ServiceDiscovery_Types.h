@@ -7,8 +7,8 @@
 #include <string>
 #include <utility>
 
-/// The vocabulary of the wire format: identifiers, wildcards, keywords and enumerations. No other place
-/// repeats one of these values.
+/// The vocabulary of the wire format: identifiers, wildcards, keywords and enumerations. These values are
+/// defined nowhere else.
 namespace Nubo::ServiceDiscovery {
 
 /// The key/value pairs of a configuration option: ordered by the keys' bytes, equal keys in the order of
@@ -38,11 +38,14 @@ struct HeaderValues
 
 namespace SOME_IP_SD_Types {
 
+/// Size of the largest packet that is sent, in bytes.
+constexpr std::uint32_t largestPacket = 1212;
+
 /// Wildcards and reserved values of entry fields.
 struct EntryValues
 {
     static constexpr std::uint16_t ServiceID_Any = 0xFFFF;
-    /// Services that are not SOME/IP services travel under this ID; their configuration option names them.
+    /// Services that are not SOME/IP services use this ID; their configuration option names them.
     static constexpr std::uint16_t ServiceID_Non_SOMEIP_SD = 0xFFFE;
     static constexpr std::uint16_t InstanceID_Reserved = 0x0000;
     static constexpr std::uint16_t InstanceID_Any = 0xFFFF;
@@ -61,7 +64,7 @@ struct OptionKeywords
     static const std::string NuBo_RecordVersionValue;
     static const std::string NuBo_ApplProtocolKey;
     static const std::string NuBo_ApplProtocolValue;
-    /// The key under which a web service's name travels: "otherserv", not "servicename".
+    /// Key of a web service's name: "otherserv", not "servicename".
     static const std::string NuBo_Servicename;
     static const std::string NuBo_Category;
     static const std::string NuBo_Version;
@@ -80,7 +83,7 @@ struct EntryType
     };
 };
 
-/// Type byte of an option. NONE stands for an option of a type that the receiver does not know.
+/// Type byte of an option. NONE: an option of a type that the receiver does not know.
 struct OptionType
 {
     enum Type_t : std::uint8_t
@@ -120,7 +123,7 @@ struct OptionLength
     };
 };
 
-/// How many bytes of a packet remain to be read. It belongs to the packet; header and payload point to it.
+/// Number of bytes of a packet that remain to be read. Owned by the packet; header and payload point to it.
 struct MetaData
 {
     MetaData() = default;

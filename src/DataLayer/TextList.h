@@ -9,11 +9,11 @@
 namespace Nubo::ServiceDiscovery {
 
 /// The versions or categories of a description: its own texts, or those of a received configuration, which
-/// hundreds of offers may refer to. Texts that are shared never change, so a copy of them costs nothing.
+/// hundreds of offers may refer to. Shared texts never change, so copying them costs nothing.
 class TextList
 {
 public:
-    /// Texts that several lists have in common, and the memory that they take.
+    /// Texts that several lists share, and the memory they take.
     struct Shared
     {
         explicit Shared(std::vector<std::string> shared) : texts(std::move(shared)), size(sizeOf(texts)) {}
@@ -28,7 +28,7 @@ public:
 
     const std::vector<std::string>& texts() const { return m_shared ? m_shared->texts : m_own; }
 
-    /// Shared texts become the list's own.
+    /// Copies shared texts first.
     void add(const std::string& text)
     {
         if (m_shared) {
@@ -38,7 +38,7 @@ public:
         m_own.push_back(text);
     }
 
-    /// The memory that the texts take, in bytes.
+    /// Memory taken by the texts, in bytes.
     std::size_t size() const { return m_shared ? m_shared->size : sizeOf(m_own); }
 
 private:

@@ -1,7 +1,5 @@
 #include "DataLayer/WireStream.h"
 
-#include "DataLayer/Log.h"
-
 namespace Nubo::ServiceDiscovery {
 
 WireReader& WireReader::skip(std::streamsize size)
@@ -27,11 +25,11 @@ WireReader& WireReader::readFormatted24(std::uint32_t& value)
     return *this;
 }
 
-void WireWriter::checkWritten(const char* what, std::streamoff expected) const
+void WireWriter::checkWritten(const char* what, std::streamoff expected, std::streamoff size) const
 {
     const std::streamoff count = written();
     if (count != expected)
-        SD_LOG(Error) << what << " size=" << expected << ", but " << count << " written by serialisation!";
+        SD_LOG(Error) << what << " size=" << size << ", but " << count << " written by serialisation!";
 }
 
 }  // namespace Nubo::ServiceDiscovery

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "DataLayer/Log.h"
+
 #include <Poco/BinaryReader.h>
 #include <Poco/BinaryWriter.h>
 
@@ -10,9 +12,9 @@
 #include <istream>
 #include <ostream>
 
-/// The two types through which every field of the wire format passes. All integers are big-endian. Fields
-/// that follow each other are named in one call, in wire order, and go to the stream, or come from it, as one
-/// block: each step to a stream costs more than all that is done with its bytes.
+/// The two types through which every field of the wire format passes. All integers are big-endian. One call
+/// names consecutive fields in wire order and moves them as one block: a stream operation costs more than all
+/// work on its bytes.
 namespace Nubo::ServiceDiscovery {
 
 /// A 24-bit integer to be written: the low bits of a value.
@@ -27,8 +29,8 @@ inline constexpr std::size_t wireSize = sizeof(Field);
 template <>
 inline constexpr std::size_t wireSize<Low24> = 3;
 
-/// Reads fields and counts the bytes that the stream really delivered for them. After the stream has
-/// failed, every further field is 0 and counts nothing.
+/// Reads fields and counts the bytes that the stream delivered for them. Once the stream has failed, further
+/// fields are 0 and count nothing.
 class WireReader
 {
 public:
@@ -37,7 +39,7 @@ public:
         , m_reader(stream, Poco::BinaryReader::BIG_ENDIAN_BYTE_ORDER)
     {}
 
-    /// Of a field that the stream delivers in part, the missing bytes are 0.
+    /// The missing bytes of a partly delivered field are 0.
     template <class... Fields>
     WireReader& read(Fields&... fields)
     {
@@ -55,18 +57,41 @@ public:
         return *this;
     }
 
-    /// Passes over bytes. (std::istream::ignore also looks at the byte that follows and so takes a stream
-    /// that ends there for one that ended too early.)
+    /// Skips bytes. (std::istream::ignore also peeks at the next byte, so a stream that ends there would
+    /// count as having ended too early.)
     WireReader& skip(std::streamsize size);
 
     /// Reads a 24-bit integer with the stream's formatted input and counts three bytes.
     ///
-    /// Formatted input passes over white space (0x09 to 0x0D, 0x20) while the stream's skipws flag is set,
-    /// so a value that contains such a byte cannot be received: what follows is read out of step. Kept for
-    /// compatibility.
+    /// Formatted input skips white space (0x09 to 0x0D, 0x20) while the stream's skipws flag is set,
+    /// so a value that contains such a byte cannot be received: the following fields are read out of step.
+    /// Kept for compatibility.
     WireReader& readFormatted24(std::uint32_t& value);
 
     std::streamsize count() const { return m_count; }
+
+    /// Whether the reader delivered the expected number of bytes; logs an error otherwise.
+    bool checkRead(const char* what, std::streamsize expected) const
+    {
+        return checkCount(m_count, what, expected, expected);
+    }
+    /// For log lines that name a `size` other than the expected one, or have another `end`.
+    template <class End>
+    bool checkRead(const char* what, std::streamsize expected, std::streamsize size, const End& end) const
+    {
+        return checkCount(m_count, what, expected, size, end);
+    }
+
+    /// The same for bytes that were counted elsewhere.
+    template <class End = const char*>
+    static bool checkCount(std::streamsize count, const char* what, std::streamsize expected,
+                           std::streamsize size, const End& end = "!")
+    {
+        if (count != expected)
+            SD_LOG(Error) << what << " size=" << size << ", but " << count << " read by deserialisation"
+                          << end;
+        return count == expected;
+    }
 
 private:
     template <class Integer>
@@ -89,7 +114,7 @@ private:
     std::streamsize m_count = 0;
 };
 
-/// Writes fields and tells by how many bytes the stream advanced since the writer was made.
+/// Writes fields and counts the bytes by which the stream has advanced since the writer was made.
 class WireWriter
 {
 public:
@@ -116,8 +141,13 @@ public:
 
     std::streamoff written() const { return position() - m_start; }
 
-    /// Logs an error when another number of bytes was written than `what` has on the wire.
-    void checkWritten(const char* what, std::streamoff expected) const;
+    /// Logs an error unless the expected number of bytes was written.
+    void checkWritten(const char* what, std::streamoff expected) const
+    {
+        checkWritten(what, expected, expected);
+    }
+    /// For log lines that name a `size` other than the expected one.
+    void checkWritten(const char* what, std::streamoff expected, std::streamoff size) const;
 
 private:
     static void put(std::uint8_t*& next, std::uint32_t value, std::size_t size)
@@ -140,7 +170,8 @@ private:
         next = std::copy(bytes.begin(), bytes.end(), next);
     }
 
-    /// As the stream's own tellp(), which also readies the stream for output, at the cost of a write.
+    /// The position as tellp() returns it; tellp() also prepares the stream for output, at the cost of a
+    /// write.
     std::streamoff position() const
     {
         return m_stream.fail()

@@ -11,7 +11,7 @@ namespace {
 using Entry = WorkloadEntry;
 using Outcome = DiscoveryBounds::Outcome;
 
-/// Places, or bytes: how many are taken in all, and by one sender.
+/// Counts the places, or the bytes, that are taken in total and by one sender.
 struct Tally
 {
     const std::size_t limit;
@@ -22,7 +22,7 @@ struct Tally
     std::size_t free() const { return limit - std::min(limit, taken); }
     bool isFullFor(std::size_t amount) const { return free() < amount; }
     bool isNearlyFull() const { return free() < limit / 8; }
-    /// What was displaced may be replaced, whatever the share.
+    /// The amount given back may be reused regardless of the share.
     bool isWithinShare(std::size_t amount) const
     {
         return amount <= givenBack || takenBySender + amount <= free();
@@ -37,7 +37,7 @@ struct Tally
     }
 };
 
-/// Works out what has to go so that one more service fits.
+/// Determines which services to displace so that one more fits.
 class Trial
 {
 public:
@@ -74,7 +74,7 @@ public:
             if (!stalest)
                 return refused();
             if (!m_displaced.empty() && stalest == m_displaced.front())
-                continue;  // as an instance of the name
+                continue;  // already displaced as an instance of the same name
             if (!isDisplaceable(*stalest, m_isNearlyFull, hasMoreOfWhatLacks(stalest->sender)))
                 return refused();
             displace(*stalest);
@@ -88,7 +88,7 @@ private:
         return m_name && sender ? m_name->discoveredOf(sender) : 0;
     }
 
-    /// Whether a unit has more places than the offering one, or more bytes, when only these are lacking.
+    /// Whether the other unit has more places than the offering one, or more bytes if only bytes are short.
     bool hasMoreOfWhatLacks(const Sender* other) const
     {
         if (!other)

@@ -10,14 +10,14 @@
 
 namespace Nubo::ServiceDiscovery {
 
-/// Counts what had to be dropped and says when to report it: at once, and then once a second at most, so that
-/// a flood does not continue in the log. Safe to use from any thread.
+/// Counts dropped items and decides when to report them: the first at once, then at most once per second, so
+/// that a flood does not spread to the log. Thread-safe.
 class DropCounter
 {
 public:
     void add() { ++m_dropped; }
 
-    /// How many were dropped since the last report; 0 when there is nothing to report yet.
+    /// Returns the number dropped since the last report, or 0 when no report is due.
     std::uint64_t takeReport()
     {
         if (m_dropped == 0)

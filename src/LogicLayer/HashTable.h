@@ -7,7 +7,7 @@
 
 namespace Nubo::ServiceDiscovery {
 
-/// A node's place in one table, and the hash of its key.
+/// Links a node into one table and keeps the hash of its key.
 template <class Node>
 struct HashLink
 {
@@ -16,10 +16,10 @@ struct HashLink
     std::uint64_t hash = 0;
 };
 
-/// A hash table through nodes that somebody else owns. The number of its buckets follows the number of its
-/// nodes and nothing else, whatever their hashes: one bucket more or less per insertion or removal, so that
-/// none of them takes longer than the others (linear hashing, Litwin 1980). No operation throws: a bucket for
-/// which there is no memory is done without.
+/// Intrusive hash table; the caller owns the nodes. It grows by one bucket at a time and shrinks by two at
+/// most, so that no insertion or removal has to rehash the whole table (linear hashing, Litwin 1980). The
+/// number of buckets depends on the number of nodes only, not on their hashes. Insertion and removal do not
+/// throw: without memory for a new bucket, the table keeps those it has. Not thread-safe.
 template <class Node, HashLink<Node> Node::*link>
 class HashTable
 {
@@ -51,7 +51,7 @@ public:
             mergeBucket();
     }
 
-    /// Calls `visit` with each node of that hash. Different keys can have the same hash: `visit` compares.
+    /// Calls `visit` with each node of that hash. Keys can collide; `visit` must compare them.
     template <class Visit>
     void visit(std::uint64_t hash, Visit visit) const
     {
@@ -61,7 +61,7 @@ public:
         }
     }
 
-    /// The first node of that hash for which the predicate holds, or null.
+    /// Returns the first node of that hash for which the predicate holds, or null.
     template <class Predicate>
     Node* find(std::uint64_t hash, Predicate predicate) const
     {
@@ -75,7 +75,8 @@ public:
 private:
     static constexpr std::size_t fewestBuckets = 8;  // a power of two
 
-    /// Buckets below the split have a partner above it, in the upper half; the others are still to be split.
+    /// Buckets are split in order. Until a bucket of the upper half exists, its partner in the lower half
+    /// holds its nodes.
     std::size_t bucketOf(std::uint64_t hash) const
     {
         const std::size_t bucket = hash & m_mask;
@@ -125,7 +126,7 @@ private:
         }
     }
 
-    std::deque<Node*> m_buckets;  // keeps its elements in place
+    std::deque<Node*> m_buckets;  // push_back keeps elements in place: HashLink::toThis points to them
     std::size_t m_mask = fewestBuckets - 1;
     std::size_t m_size = 0;
 };

@@ -7,13 +7,22 @@
 
 namespace Nubo::ServiceDiscovery {
 
-/// The instance numbers in use among the records of one service, with those that are used twice.
+/// Range of the numbers that an instance can have: 0 is reserved, 0xFFFF means any.
+constexpr unsigned short firstInstance = 1;
+constexpr unsigned short lastInstance = 0xFFFE;
+
+constexpr bool isUsableInstance(unsigned short number)
+{
+    return number >= firstInstance && number <= lastInstance;
+}
+
+/// The instance numbers in use by the records of one service, duplicates included. Not thread-safe.
 class InstanceNumbers
 {
 public:
     std::size_t size() const { return m_numbers.size(); }
 
-    /// The next insert() will not throw.
+    /// Guarantees that the next insert() does not throw. Throws std::bad_alloc.
     void reserveOne()
     {
         if (m_numbers.size() == m_numbers.capacity())
@@ -25,15 +34,16 @@ public:
         m_numbers.insert(std::upper_bound(m_numbers.begin(), m_numbers.end(), number), number);
     }
 
+    /// The number must be in use.
     void erase(std::uint16_t number)
     {
         m_numbers.erase(std::lower_bound(m_numbers.begin(), m_numbers.end(), number));
     }
 
-    /// 0 when there are none.
+    /// Returns 0 when no number is in use.
     std::uint16_t highest() const { return m_numbers.empty() ? std::uint16_t{0} : m_numbers.back(); }
 
-    /// The lowest number from 1 on that is not in use; 0 when every one up to `last` is.
+    /// Returns the lowest number from 1 to `last` that is not in use, or 0 when all of them are.
     std::uint16_t lowestFree(std::uint16_t last) const
     {
         std::uint32_t free = 1;

@@ -5,7 +5,7 @@
 
 namespace Nubo::ServiceDiscovery {
 
-/// A node's place in one list.
+/// Links a node into one list.
 template <class Node>
 struct ListLink
 {
@@ -13,7 +13,8 @@ struct ListLink
     Node* next = nullptr;
 };
 
-/// A list through nodes that somebody else owns. No operation allocates or throws.
+/// Intrusive doubly linked list; the caller owns the nodes. No operation allocates or throws. Not
+/// thread-safe.
 ///
 ///     struct Entry { ListLink<Entry> inQueue; };
 ///     IntrusiveList<Entry, &Entry::inQueue> queue;

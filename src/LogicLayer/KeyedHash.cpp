@@ -50,7 +50,7 @@ std::uint64_t KeyedHash::operator()(const void* bytes, std::size_t size) const
     return sipHash(processKey(), bytes, size);
 }
 
-// Aumasson, Bernstein, "SipHash: a fast short-input PRF", 2012. Its result is a little-endian number.
+// Aumasson, Bernstein, "SipHash: a fast short-input PRF", 2012. The result is a little-endian number.
 std::uint64_t KeyedHash::sipHash(const Key& key, const void* bytes, std::size_t size)
 {
     static_assert(std::tuple_size<Key>::value == crypto_shorthash_siphash24_KEYBYTES);

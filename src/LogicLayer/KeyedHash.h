@@ -7,13 +7,13 @@
 
 namespace Nubo::ServiceDiscovery {
 
-/// Hashes what neighbours choose, such as names, so that they cannot choose names that collide: SipHash-2-4
-/// under a key that each process draws at random. Safe to use from any thread.
+/// Hashes data that neighbours choose, such as names, with SipHash-2-4 under a random key per process, so
+/// that neighbours cannot construct collisions. Thread-safe.
 class KeyedHash
 {
 public:
-    /// Draws the process's key unless that has been done. Throws Poco::SystemException when the system gives
-    /// no random bytes.
+    /// Draws the process's key on first use. Throws Poco::SystemException when the system provides no random
+    /// bytes.
     KeyedHash();
 
     std::uint64_t operator()(const void* bytes, std::size_t size) const;
@@ -21,13 +21,13 @@ public:
 
     using Key = std::array<unsigned char, 16>;
 
-    /// SipHash-2-4 under that key.
+    /// Computes SipHash-2-4 under the given key.
     static std::uint64_t sipHash(const Key& key, const void* bytes, std::size_t size);
 
     using Function = std::uint64_t (*)(const void* bytes, std::size_t size);
 
-    /// For tests: hashes with that function from now on, in the whole process; with the keyed one again for
-    /// null. Nothing that has been hashed by another function may be looked up afterwards.
+    /// For tests: replaces the hash function in the whole process; null restores the keyed one. Entries that
+    /// were hashed with another function must not be looked up afterwards.
     static void plant(Function function);
 };
 

@@ -44,7 +44,8 @@ bool isMisplaced(const SDService::Ptr& record, Entry::Role role)
            (role == Entry::Role::Discovered && record->getState() != State::MAIN_PHASE);
 }
 
-/// Services that are no SOME/IP services have this ID; their name alone tells them apart.
+/// Services other than SOME/IP services share the ID 0xFFFE, so only their names distinguish them. 0xFFFF is
+/// the wildcard.
 bool isMatchedByName(std::uint16_t serviceID)
 {
     return serviceID == EntryValues::ServiceID_Non_SOMEIP_SD || serviceID == EntryValues::ServiceID_Any;
@@ -215,7 +216,7 @@ void RecordIndex::insert(Entry& entry)
     link(entry, name, sender);
 }
 
-/// The records of that name; new ones are not in the table before they hold an entry.
+/// Returns the node of that name. link() enters a new node into the table along with its first entry.
 NameEntries& RecordIndex::obtainName(const std::string& name)
 {
     const std::uint64_t hash = m_hash(name);
@@ -238,7 +239,7 @@ Sender* RecordIndex::obtainSender(const Entry& entry)
     return added;
 }
 
-/// Obtains everything that needs memory, so that link() needs none.
+/// Allocates all memory that link() needs, so that link() cannot fail.
 void RecordIndex::makeRoom(NameEntries& name, const Entry& entry, const Sender* sender)
 {
     if (entry.role == Entry::Role::Search || name.entries == 0)
@@ -276,7 +277,7 @@ void RecordIndex::link(Entry& entry, NameEntries& name, Sender* sender) noexcept
         linkDiscovered(entry);
 }
 
-/// What has no identifier is not looked for by it.
+/// Records without an identifier are never looked up by it.
 void RecordIndex::linkUuid(Entry& entry) noexcept
 {
     const std::string& localUuid = entry->getNuboDescription().getLocalUuid();
@@ -340,7 +341,7 @@ void RecordIndex::unlinkDiscovered(Entry& entry) noexcept
     }
 }
 
-/// Ends what the entry was the last to use, or the first that could not.
+/// Releases the nodes that no entry uses any more, after a removal or a failed insertion.
 void RecordIndex::releaseUnused(NameEntries& name, const Entry& entry, Sender* sender) noexcept
 {
     if (name.several && name.entries < 2)
@@ -386,7 +387,7 @@ void RecordIndex::renew(Entry& entry) noexcept
 {
     entry.renewed = SDClock::now();
     m_renewals.moveToBack(entry);
-    if (entry.inName.next)  // most names have one entry: their NameEntries need not be read
+    if (entry.inName.next)  // usually null: most names have one entry, and NameEntries need not be read
         entry.name->discovered.moveToBack(entry);
 }
 
@@ -512,14 +513,14 @@ Entry* RecordIndex::find(const SDService::Ptr& record, Entry::Workload workload)
     return found;
 }
 
-/// The length of the name parts it from the address, so that nothing can be moved from the one into the
-/// other. The scope of the address is left out: some look for a record whatever its scope.
+/// The hash includes the length of the name, so that shifting bytes between name and address changes it. It
+/// ignores the scope of the address, because some callers look for a record regardless of its scope.
 std::uint64_t RecordIndex::hashOfInstance(std::string_view name, std::string_view scoped, std::uint16_t port,
                                           std::uint8_t protocol) const
 {
     const std::string_view ip = withoutScope(scoped);
     const std::array<std::uint64_t, 2> numbers{name.size(), std::uint64_t{port} << 8 | protocol};
-    std::array<char, 512> bytes;  // an instance that can be on the wire fits
+    std::array<char, 512> bytes;  // fits every instance that can be sent
     const std::size_t size = sizeof numbers + name.size() + ip.size();
     if (size > bytes.size()) {
         const std::array<std::uint64_t, 3> parts{m_hash(name), m_hash(ip), numbers.back()};

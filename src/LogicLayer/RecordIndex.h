@@ -23,8 +23,8 @@ namespace Nubo::ServiceDiscovery {
 struct NameEntries;
 struct Sender;
 
-/// A record in a workload, and its places in the index. The workload owns it; only workload and index change
-/// it.
+/// A record in a workload, with its links into the index. The workload owns it; only the workload and the
+/// index change it.
 struct WorkloadEntry : SDService::Ptr
 {
     enum class Workload : std::uint8_t
@@ -37,18 +37,18 @@ struct WorkloadEntry : SDService::Ptr
     enum class Role : std::uint8_t
     {
         Search,      ///< a WANTED record in the aperiodic workload
-        Answer,      ///< waits to answer a FIND
+        Answer,      ///< a scheduled answer to a FIND
         Own,         ///< a service of this unit, in any other phase
         Discovered,  ///< a service of another unit, in the periodic workload
-        Other        ///< none of these: it has no business there
+        Other        ///< none of these; such a record does not belong in the workload
     };
 
     WorkloadEntry(const SDService::Ptr& record, Workload workload, const Poco::Clock& due);
 
-    /// A null record is in a workload, but cannot be looked up.
+    /// A null record has a place in the workload but not in the index.
     bool isIndexed() const { return !isNull(); }
 
-    /// The order of a workload.
+    /// Sort order of a workload: by due time, then by insertion.
     static bool isBefore(const WorkloadEntry* one, const WorkloadEntry* other)
     {
         return one->due == other->due ? one->order < other->order : one->due < other->due;
@@ -57,99 +57,102 @@ struct WorkloadEntry : SDService::Ptr
     WorkloadEntry(const WorkloadEntry&) = delete;
     WorkloadEntry& operator=(const WorkloadEntry&) = delete;
 
-    // What a repeated offer touches is together, in as few cache lines as possible.
+    // The members that a repeated offer touches come first, to fit into as few cache lines as possible.
     HashLink<WorkloadEntry> byInstance;
     ListLink<WorkloadEntry> inRole;
-    Poco::Clock renewed;          ///< of a discovered service: when it was last offered
+    Poco::Clock renewed;          ///< time of the last offer of a discovered service
     NameEntries* name = nullptr;  ///< set by the index
     ListLink<WorkloadEntry> inName;
     ListLink<WorkloadEntry> inWorkload;
     const Workload workload;
     const Role role;
-    const bool isUnexpected;  ///< by its type and state when it was inserted
-    // What the index counts it by, as it was at the insertion.
+    const bool isUnexpected;  ///< its type and state did not fit the workload at insertion
+    // Copied at insertion: the index must count and remove the entry under the same values.
     const std::uint16_t instanceID;
     const std::uint16_t serviceID;
-    Poco::Clock due;           ///< in the aperiodic workload
-    std::uint64_t order = 0;   ///< of insertion, over both workloads
+    Poco::Clock due;           ///< due time in the aperiodic workload; 0 in the periodic one
+    std::uint64_t order = 0;   ///< insertion number, shared by both workloads
     std::size_t textSize;      ///< bytes
-    Sender* sender = nullptr;  ///< of a discovered service; null when it is not known
+    Sender* sender = nullptr;  ///< sender of a discovered service; null when unknown
     HashLink<WorkloadEntry> byUuid;
 };
 
-/// Discovered services in the order of their last offers, the one that has gone longest without first.
+/// Discovered services in the order of their last offers, the oldest first.
 using RenewalList = IntrusiveList<WorkloadEntry, &WorkloadEntry::inRole>;
 
-/// The unit that sent offers, by its address without port and scope.
+/// A unit that sent offers, identified by its address without port and scope.
 struct Sender
 {
     explicit Sender(const SDService::SenderAddress& unit) : address(unit) {}
 
     const SDService::SenderAddress address;
-    std::size_t records = 0;  ///< discovered services that it has offered first
-    std::size_t text = 0;     ///< bytes of their texts
+    std::size_t records = 0;  ///< number of discovered services that this unit was the first to offer
+    std::size_t text = 0;     ///< size of their texts in bytes
     HashLink<Sender> byAddress;
 };
 
-/// The records of one name in both workloads.
+/// All records of one name in both workloads.
 struct NameEntries
 {
     using List = IntrusiveList<WorkloadEntry, &WorkloadEntry::inName>;
 
-    /// What only several records need: nearly every name has one.
+    /// Data needed only for several records, allocated separately because nearly every name has just one.
     struct Several
     {
         explicit Several(const NameEntries& name);
 
-        /// There has to be room for the entry.
+        /// RecordIndex::makeRoom() must have reserved room for the entry.
         void add(const WorkloadEntry& entry) noexcept;
         void remove(const WorkloadEntry& entry) noexcept;
         void releaseUnused(std::uint16_t serviceID, const Sender* sender) noexcept;
 
-        InstanceNumbers numbers;  ///< of all records but searches
-        /// The same by service ID, without those that are matched by name alone.
+        InstanceNumbers numbers;  ///< numbers of all records except searches
+        /// The same per service ID, except for IDs that match by name alone.
         std::map<std::uint16_t, InstanceNumbers> byServiceID;
         std::map<const Sender*, std::size_t> discoveredBySender;
     };
 
     const std::string& text() const;
 
-    /// Records that match a service ID (0xFFFE and 0xFFFF: all of the name), and the highest instance number
-    /// among them; searches are left out, as they have none. Cost the same however many there are.
+    /// Return the number of records that match a service ID (0xFFFE and 0xFFFF match all of the name), and
+    /// the highest instance number among them; searches have none. The cost grows only with the number of
+    /// searches and, logarithmically, of service IDs.
     std::size_t count(std::uint16_t serviceID) const;
     std::uint16_t highestInstance(std::uint16_t serviceID) const;
 
-    /// The lowest instance number up to `last` that none of them has; 0 when there is none.
+    /// Returns the lowest instance number up to `last` that no matching record has, or 0 when there is none.
     std::uint16_t lowestFreeInstance(std::uint16_t serviceID, std::uint16_t last) const;
 
-    /// Discovered services of the name that this unit offered first.
+    /// Returns the number of discovered services of the name that `sender` was the first to offer.
     std::size_t discoveredOf(const Sender* sender) const;
 
-    /// One of this unit's own services, the same one each time; null when there is none.
+    /// Returns one of this unit's own services, the same one in every call until they change, or null when
+    /// there is none.
     const WorkloadEntry* firstOwn() const;
 
-    /// The numbers of this unit's own services.
+    /// Returns the instance numbers of this unit's own services. Throws std::bad_alloc.
     InstanceNumbers ownNumbers() const;
 
     bool empty() const { return entries == 0 && searches.empty(); }
 
     HashLink<NameEntries> byName;
     List searches;
-    List aperiodic;   ///< this unit's services and answers, and what has no business there
-    List periodic;    ///< this unit's services, and what has no business there
-    List discovered;  ///< in the order of their last offers, the one that has gone longest without first
-    std::uint32_t entries = 0;  ///< but searches
+    List aperiodic;             ///< this unit's services and answers, and misplaced records
+    List periodic;              ///< this unit's services, and misplaced records
+    List discovered;            ///< in the order of their last offers, the oldest first
+    std::uint32_t entries = 0;  ///< number of entries except searches
     std::uint32_t discoveredCount = 0;
     std::uint32_t unexpected = 0;
-    std::unique_ptr<Several> several;  ///< from two entries on
+    std::unique_ptr<Several> several;  ///< exists from the second entry on
 };
 
 /// Finds the records of both workloads by name, by name and endpoint, and by the registry's identifier, and
-/// counts what is bounded, each at a cost that does not depend on how many records there are.
+/// counts everything that DiscoveryBounds limits. The cost does not depend on the total number of records.
 ///
-/// The workloads keep it: every insertion into and removal from them passes here. What a record is found by
-/// must not change meanwhile, except through identify(). As a walk over the workloads would, look-ups throw
-/// Poco::NullPointerException while a workload holds a null record.
+/// The workloads mirror every insertion and removal here. A record's keys must not change while it is in the
+/// index, except through identify(). While a workload holds a null record, look-ups throw
+/// Poco::NullPointerException, as a walk over the workloads would. Not thread-safe: the workload mutex guards
+/// it.
 class RecordIndex
 {
 public:
@@ -159,55 +162,55 @@ public:
     RecordIndex(const RecordIndex&) = delete;
     RecordIndex& operator=(const RecordIndex&) = delete;
 
-    /// Takes the entry in wholly, or throws std::bad_alloc and leaves everything as it was.
+    /// Inserts the entry. Throws std::bad_alloc and changes nothing when memory is short.
     void insert(Entry& entry);
     void erase(Entry& entry) noexcept;
 
-    /// Moves an entry of the aperiodic workload to the end of those that are due at the same time.
+    /// Moves an entry of the aperiodic workload behind all others with the same due time.
     void reorder(Entry& entry) { entry.order = ++m_lastOrder; }
 
-    /// Gives a discovered service the registry's identifier.
+    /// Assigns the registry's identifier to a discovered service.
     void identify(Entry& entry, std::string&& localUuid) noexcept;
 
-    /// The service has been offered again.
+    /// Records that the service has been offered again.
     void renew(Entry& entry) noexcept;
 
-    /// Null when there is none.
+    /// Returns the records of the name, or null when there are none. Valid until the last one is erased.
     const NameEntries* find(const std::string& name) const;
 
-    /// The records that match, in the workload's order; the identity must have a name. Takes time for each
-    /// record of the name.
+    /// Returns the matching records in the workload's order. The identity must have a name. O(n log n) in the
+    /// number of records of the name.
     std::vector<Entry*> findAll(const ServiceIdentity& identity, Entry::Workload workload) const;
 
-    /// The records that match, in the workload's order; the identity must have a name and an endpoint.
+    /// Returns the matching records in the workload's order. The identity must have a name and an endpoint.
     std::vector<Entry*> findInstance(const ServiceIdentity& identity, Entry::Workload workload) const;
 
-    /// The one record in both workloads that is a discovered service of the same name and endpoint; null when
-    /// there is none, or when there are several.
+    /// Returns the only record of type DISCOVERED with the same name and endpoint in both workloads; null
+    /// when there are none or several.
     Entry* findDiscovered(const SDService& offered) const;
 
-    /// Whether this unit has a service of that name at the address and port, whatever its protocol. Scopes
-    /// are left out.
+    /// Whether this unit has a service of that name at the address and port, regardless of protocol and
+    /// scope.
     bool hasOwn(const std::string& name, const Poco::Net::IPAddress& address, std::uint16_t port) const;
 
-    /// How many such records have that role.
+    /// Returns the number of matching records in that role. The identity must have a name and an endpoint.
     std::size_t countInstance(const ServiceIdentity& identity, Entry::Role role) const;
 
-    /// The records with that identifier, in the workload's order.
+    /// Returns the records with that identifier, in the workload's order.
     std::vector<Entry*> findUuid(const std::string& localUuid, Entry::Workload workload) const;
 
-    /// Where a record is in a workload; null when it is not there.
+    /// Returns the first entry that holds this record, not an equal one, or null.
     Entry* find(const SDService::Ptr& record, Entry::Workload workload) const noexcept;
 
-    /// Null when no discovered service was offered by that unit.
+    /// Returns null unless that unit was the first to offer one of the discovered services.
     const Sender* find(const SDService::SenderAddress& address) const { return lookUp(address); }
 
     std::size_t size() const { return m_instances.size(); }
     std::size_t answers() const { return m_answers; }
     std::size_t discovered() const { return m_discovered; }
-    std::size_t discoveredText() const { return m_discoveredText; }  ///< bytes
+    std::size_t discoveredText() const { return m_discoveredText; }  ///< in bytes
 
-    /// The discovered service that has gone longest without an offer; null when there is none.
+    /// Returns the discovered service that has gone longest without an offer, or null when there is none.
     Entry* stalest() const { return m_renewals.front(); }
 
 private:

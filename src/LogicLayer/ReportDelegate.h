@@ -10,9 +10,8 @@
 
 namespace Nubo::ServiceDiscovery {
 
-/// Delivers the platform's reports to a method of its target. Poco::Delegate holds a mutex meanwhile, so that
-/// a report would wait for that of another thread: this one holds none. A method that calls the platform, or
-/// is waited for by it, keeps nobody from reporting.
+/// Delivers the platform's reports to a method of its target. Unlike Poco::Delegate it holds no mutex while it
+/// delivers, so a report never waits for a report on another thread.
 template <class Target, class Payload>
 class ReportDelegate : public Poco::AbstractDelegate<Payload>
 {
@@ -44,8 +43,8 @@ public:
 
     Poco::AbstractDelegate<Payload>* clone() const override { return new ReportDelegate(target(), m_method); }
 
-    /// The target gets no further report. Waits for those that other threads deliver; from within one, for
-    /// none.
+    /// Stops delivery. Waits until the deliveries on other threads have ended, unless it is called from within
+    /// one.
     void disable() override
     {
         std::unique_lock<std::mutex> lock(m_mutex);
@@ -76,7 +75,7 @@ private:
         return m_target;
     }
 
-    mutable std::mutex m_mutex;  // guards target and count; not held while a report is delivered
+    mutable std::mutex m_mutex;  // guards target and count; not held during a delivery
     std::condition_variable m_ended;
     Target* m_target;
     const Method m_method;

@@ -10,8 +10,8 @@
 
 namespace Nubo::ServiceDiscovery {
 
-/// Carries one received datagram from the receiver's thread to the request handler's. While it exists, the
-/// datagram's size counts in `waitingBytes`, if that is given.
+/// Passes one received datagram from the receiver's thread to the request handler's. During its lifetime it
+/// adds the datagram's size to `waitingBytes`, unless that is null.
 class SDMessageNotification : public Poco::Notification
 {
 public:

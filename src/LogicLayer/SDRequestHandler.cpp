@@ -17,7 +17,7 @@ namespace Nubo::ServiceDiscovery {
 
 namespace {
 
-/// Lets a stream read a datagram where it lies.
+/// Lets a stream read a datagram without copying it.
 class DataBuffer : public std::basic_streambuf<char>
 {
 public:
@@ -54,7 +54,7 @@ void SDRequestHandler::run()
     const EngineFrame frame(this);
     m_isShutDown = false;
     m_running = true;
-    // Once per process: a handler that is run again leaves its new thread unnamed.
+    // Only the first thread of the process gets the name; later ones stay unnamed.
     static const bool nameSet = (DebugUtils::setThreadName("SdReqHdlr", "SDRequestHandler::run"), true);
     static_cast<void>(nameSet);
 
@@ -174,7 +174,7 @@ void SDRequestHandler::handleEntry(const SOME_IP_SD_Header& packet, std::uint16_
         handled = internal_handleEntry(entryData, origin);
     }
     catch (...) {
-        // The datagram's other entries must still be processed.
+        // The other entries of the datagram must still be processed.
         SD_LOG(Error) << "SDRequestHandler - caught exception: " << Common::currentException;
     }
     if (!handled)
@@ -194,7 +194,7 @@ bool SDRequestHandler::parsePacket(MulticastDataPtr& msg, std::vector<SOME_IP_SD
 
     bool result = true;
     std::size_t parsed = 0;
-    // A zero byte where a packet would begin ends the datagram: padding is no error.
+    // A zero byte at the start of a packet marks padding, which ends the datagram and is not an error.
     while (stream.peek() != 0x00 && stream.good()) {
         SOME_IP_SD_Header::Ptr packet = new SOME_IP_SD_Header(buffer.remaining());
         stream >> *packet;

@@ -20,13 +20,13 @@ class LogLimit;
 
 using Multicast::MulticastDataPtr;
 
-/// Takes received datagrams from a queue, on a thread of its own, and raises an event for every entry that
-/// finds or offers a service. A bad datagram, packet or entry is logged and passed over; the thread goes
-/// on. What runs on the events runs on this thread.
+/// Takes received datagrams from a queue, on a dedicated thread, and raises an event on that thread for every
+/// entry that finds or offers a service. Logs and skips bad datagrams, packets and entries. Logs what
+/// subscribers throw and continues.
 class SDRequestHandler : public Poco::Runnable
 {
 public:
-    /// Kind of a request: an entry's type, with BitTTL0 when its TTL is 0.
+    /// Kind of a request: the type of an entry, with BitTTL0 set when its TTL is 0.
     struct InternalEntryType
     {
         enum RequestType_t : std::uint16_t
@@ -44,15 +44,15 @@ public:
 
     static constexpr std::uint16_t BitTTL0 = 0x1000;
 
-    /// How many errors and warnings the reading of a datagram may log: so many, and one for so many bytes of
-    /// it. Further ones are left out, and a warning gives their number.
+    /// Limits of the errors and warnings that reading one datagram may log: a base number, plus one per so
+    /// many bytes of the datagram. A final warning reports the number of suppressed lines.
     static constexpr std::size_t fewestReadingFaults = 16;
-    static constexpr std::size_t bytesPerReadingFault = 4;  // no option is smaller
-    /// The same for options that its entries refer to in vain, of which 16 bytes can name thirty.
+    static constexpr std::size_t bytesPerReadingFault = 4;  // the smallest option
+    /// The same for references to missing options. An entry of 16 bytes can contain thirty of them.
     static constexpr std::size_t fewestMissingOptions = 14;
     static constexpr std::size_t bytesPerMissingOption = 10;
 
-    /// One entry with its options. A subscriber sets `result` when it has handled the entry.
+    /// One entry with its options. The subscriber sets `result` to true when it has handled the entry.
     struct FindServicePayload
     {
         SOME_IP_SD_Header::EntryData entryData;
@@ -60,7 +60,7 @@ public:
         bool result = false;
     };
 
-    /// The same for offers and stop-offers; a stop-offer's entry has TTL 0.
+    /// The same for offers and stop-offers. The entry of a stop-offer has TTL 0.
     struct OfferServicePayload
     {
         SOME_IP_SD_Header::EntryData entryData;
@@ -68,33 +68,36 @@ public:
         bool result = false;
     };
 
-    /// Raised for every FIND_SERVICE entry.
+    /// Raised for every FIND_SERVICE entry with a TTL above 0.
     Poco::BasicEvent<FindServicePayload, Poco::FastMutex> FindService;
     /// Raised for every OFFER_SERVICE entry, stop-offers included.
     Poco::BasicEvent<OfferServicePayload, Poco::FastMutex> OfferService;
 
-    /// The queue holds SDMessageNotifications; it belongs to the caller and outlives the handler.
+    /// The queue contains SDMessageNotifications. The caller owns it; it must outlive the handler.
     explicit SDRequestHandler(Poco::NotificationQueue& queue);
     ~SDRequestHandler() override;
 
-    /// The thread's work; returns after shutdown().
+    /// Main loop of the thread. Returns after shutdown().
     void run() override;
 
-    /// Lets run() return after the entry that is being handled. A thread that is just about to wait for work
-    /// may miss the call; the caller repeats it until the thread has ended.
+    /// Makes run() return after the entry that is being handled. A thread that is just about to wait for work
+    /// may miss the call, so the caller repeats it until the thread has ended.
     void shutdown();
-    /// The same from a thread that must not wait, be it the handler's own.
+    /// The same without taking a lock or waking the thread: for callers that must not wait, such as the
+    /// handler's own thread.
     void stopFromWithin() noexcept;
 
+    /// Waits for a datagram and handles it. Also returns when shutdown() wakes it.
+    void handleNext();
+
 protected:
-    /// Splits a datagram into packets; false when it could not be read to its end.
+    /// Splits a datagram into packets. Returns false when it stopped before the end of the datagram.
     virtual bool parsePacket(MulticastDataPtr& msg, std::vector<SOME_IP_SD_Header::Ptr>& out) const;
     bool internal_handleEntry(const SOME_IP_SD_Header::EntryData& entryData,
                               const Poco::Net::SocketAddress& origin);
 
 private:
     void warnAboutMissingDelegates() const;
-    void handleNext();
     void handleDatagram(MulticastDataPtr& msg);
     void handlePacket(const SOME_IP_SD_Header& packet, const Poco::Net::SocketAddress& origin,
                       LogLimit& missingOptions);
@@ -102,7 +105,7 @@ private:
                      const Poco::Net::SocketAddress& origin, LogLimit& missingOptions);
 
     std::atomic<bool> m_running{false};
-    std::atomic<bool> m_isShutDown{false};  // and not run since
+    std::atomic<bool> m_isShutDown{false};  // shutdown() was called since the last run() began
     Poco::NotificationQueue& m_queue;
 };
 

@@ -1,4 +1,4 @@
-// The two workers of the state machine that timers drive.
+// The state machine's two timer-driven workers.
 
 #include "DataLayer/Log.h"
 #include "DataLayer/SDClock.h"
@@ -18,27 +18,27 @@ using Type = SDService::Type;
 namespace {
 
 // In milliseconds.
-constexpr long firstRepetition = 100;   // after the first send; each further one takes twice as long
-constexpr long cycle = 1000;            // of the main phase
-constexpr long parked = 2147483647;     // a timer with nothing to do
+constexpr long firstRepetition = 100;   // delay after the first send; it doubles with each further one
+constexpr long cycle = 1000;            // period of the main phase
+constexpr long parked = 2147483647;     // interval of a timer with nothing to do
 constexpr long shortestDelay = 1;       // between two records of the aperiodic workload
-constexpr long late = 100;              // an interval that begins so much after its time is a late one
-constexpr long pause = 2000;            // between the begins of two intervals: the unit did not listen
-constexpr long hearing = 1100;          // in which every unit offers again
-constexpr long longestHearing = 10000;  // when the unit is held up again and again
-constexpr long longestHandling = 50;    // of what has come in, before anything is taken for gone
+constexpr long late = 100;              // an interval that starts more than this behind schedule is late
+constexpr long pause = 2000;            // a longer gap between two intervals means the unit did not listen
+constexpr long hearing = 1100;          // every unit repeats its offers within this time
+constexpr long longestHearing = 10000;  // limit when the unit is held up again and again
+constexpr long longestHandling = 50;    // wait for received datagrams to be handled before records expire
 
 constexpr std::uint8_t repetitions = 3;    // sends in the repetition phase
 constexpr std::uint8_t shutdownSends = 3;  // stop-offers of a removed service
 constexpr Poco::Clock::ClockDiff microsecondsPerMillisecond = 1000;
 
-// Looking for what has run out gives the mutex back every `longestSlice`, and leaves the rest to the next
-// interval after `longestExpiry`, so that cyclic offers go out in time. In microseconds.
+// The search for expired records yields the mutex every `longestSlice`. After `longestExpiry` it leaves the
+// rest to the next interval, so that cyclic offers are sent on time. In microseconds.
 constexpr Poco::Clock::ClockDiff longestSlice = 10'000;
 constexpr Poco::Clock::ClockDiff longestExpiry = 900'000;
-constexpr unsigned recordsPerLook = 256;  // at the clock
+constexpr unsigned recordsPerLook = 256;  // number of records between two readings of the clock
 
-/// Logs a record that has no business where a worker came upon it. Kept for compatibility: the lines of both
+/// Logs a record that does not belong where a worker found it. Kept for compatibility: the lines of both
 /// workers name the aperiodic one.
 void reportUnexpectedRecord(const char* workload, const SDService& service)
 {
@@ -83,8 +83,8 @@ void SDStateMachine::AperiodicWorker::unsafe_update()
                   << " milliseconds";
 }
 
-/// The interval for a wait of so many microseconds. Now and then Poco::Timer waits a millisecond less than
-/// its interval; nothing is due then, and the rest is waited for.
+/// Converts a wait in microseconds to a timer interval in milliseconds, rounded up. Poco::Timer occasionally
+/// fires a millisecond early; the interval then finds nothing due and sets the timer for the rest.
 long SDStateMachine::AperiodicWorker::timerInterval(Poco::Clock::ClockDiff wait)
 {
     return std::max((wait + microsecondsPerMillisecond - 1) / microsecondsPerMillisecond,
@@ -93,7 +93,7 @@ long SDStateMachine::AperiodicWorker::timerInterval(Poco::Clock::ClockDiff wait)
 
 void SDStateMachine::AperiodicWorker::onInterval(Poco::Timer& timer)
 {
-    // Once per process, whatever number of engines it has.
+    // Only the first such thread of the process gets the name.
     static const bool named = (DebugUtils::setThreadName("SdAperWork", "AperiodicWorker::onInterval"), true);
     static_cast<void>(named);
 
@@ -110,7 +110,7 @@ void SDStateMachine::AperiodicWorker::onInterval(Poco::Timer& timer)
         SD_LOG(Error) << "AperiodicWorker::onInterval found aperiodic Service nullptr!";
         m_workload.erase(m_workload.begin());
     }
-    // One record per interval: further ones that are due wait for the next, a millisecond later.
+    // One record per interval: further due records wait for the next interval, a millisecond later.
     if (!m_workload.empty() && m_workload.begin()->first <= now) {
         handleFirst(now);
         m_notBefore = SDClock::now().raw() + shortestDelay * microsecondsPerMillisecond;
@@ -126,7 +126,7 @@ void SDStateMachine::AperiodicWorker::handleFirst(const Poco::Clock& now)
         delay = handle(entry);
     }
     catch (...) {
-        // The record stays, to be tried again.
+        // The record stays and is tried again after `firstRepetition`.
         SD_LOG(Error) << "SDStateMachine - \"" << m_name
                       << "\" caught exception: " << Common::currentException;
     }
@@ -166,10 +166,10 @@ long SDStateMachine::AperiodicWorker::handleRepetition(SDService::Ptr& service)
     if (run < repetitions)
         return (2L << (run - 1)) * firstRepetition;
     if (service->getType() == Type::ANNOUNCED) {
-        m_parent.unsafe_addPeriodicService(service);  // first: there may be no memory for it
+        m_parent.unsafe_addPeriodicService(service);  // first, because it throws when memory is short
         service->setState(State::MAIN_PHASE);
     }
-    return isDone;  // of a wanted record: the search is over
+    return isDone;  // for a wanted record, the search ends here
 }
 
 SDStateMachine::PeriodicWorker::PeriodicWorker(SDStateMachine& parent)
@@ -183,12 +183,12 @@ void SDStateMachine::PeriodicWorker::start()
         const Poco::Clock never(Poco::Clock::ClockVal{0});
         m_begin = never;
         m_listeningSince = SDClock::now();
-        hearFirst(never, m_listeningSince);  // nothing was received while the machine was stopped
+        hearFirst(never, m_listeningSince);  // no offer was received while the machine was stopped
     }
     TimebasedWorker::start();
 }
 
-// Kept for compatibility: this worker's lines name the other worker.
+// Kept for compatibility: this worker's log lines name the other worker.
 
 void SDStateMachine::PeriodicWorker::update()
 {
@@ -225,7 +225,7 @@ void SDStateMachine::PeriodicWorker::onInterval(Poco::Timer& timer)
     expire(lock);
 }
 
-/// Looks whether the interval is late, because the process stood still, or a subscriber kept the mutex.
+/// Checks whether the interval is late, because the process was suspended or a subscriber blocked the mutex.
 void SDStateMachine::PeriodicWorker::begin()
 {
     m_beginBefore = std::exchange(m_begin, SDClock::now());
@@ -237,8 +237,8 @@ void SDStateMachine::PeriodicWorker::begin()
         hearAgain();
 }
 
-/// Only that is taken for gone which had run out before the first instant, until the unit has listened for a
-/// while from the second on: those who went on offering are heard first.
+/// Until the unit has listened for `hearing` from `now` on, expires only records that had already expired at
+/// `heldUpSince`. Units that kept offering since then thus get the chance to be heard first.
 void SDStateMachine::PeriodicWorker::hearFirst(const Poco::Clock& heldUpSince, const Poco::Clock& now)
 {
     m_heldUpSince = heldUpSince;
@@ -246,9 +246,9 @@ void SDStateMachine::PeriodicWorker::hearFirst(const Poco::Clock& heldUpSince, c
     m_heardAt = now + hearing * microsecondsPerMillisecond;
 }
 
-/// The unit has heard nothing since the interval before. If it had not yet heard the others again by then, it
-/// goes on from where it was held up first; not for ever, or a unit that is always held up would keep
-/// everything.
+/// The unit has heard nothing since the start of the previous interval. If it was still catching up then, it
+/// continues to judge expiry at the time when it was held up first, but for a limited time only: a unit that
+/// is held up all the time would otherwise keep every service.
 void SDStateMachine::PeriodicWorker::hearAgain()
 {
     const bool goesOn = m_beginBefore < m_heardAt &&
@@ -319,8 +319,8 @@ void SDStateMachine::PeriodicWorker::expire(WorkloadLock& lock)
         return;
     if (!m_workload.isWalking())
         m_workload.startWalk();
-    // What came in until the interval began has been handled. The process may stand still any time after
-    // that.
+    // Offers that arrived before the interval started have been handled, but the process may have been
+    // suspended at any time since.
     const Poco::Clock heardUntil = m_begin < m_heardAt ? m_heldUpSince : m_begin;
     unsigned visited = 0;
     while (WorkloadEntry* const entry = m_workload.walk()) {
@@ -334,12 +334,12 @@ void SDStateMachine::PeriodicWorker::expire(WorkloadLock& lock)
             return;
         lock.giveWay();
         begin = SDClock::now();
-        if (m_parent.m_isClosed || isOver(begin))  // a subscriber may have kept the mutex
+        if (m_parent.m_isClosed || isOver(begin))  // a subscriber may have blocked the mutex
             return;
     }
 }
 
-/// Whether the interval has no time left for what has run out.
+/// Whether the interval has no time left to expire further records.
 bool SDStateMachine::PeriodicWorker::isOver(const Poco::Clock& now) const
 {
     return now - m_begin >= longestExpiry;

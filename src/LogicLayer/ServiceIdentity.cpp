@@ -47,7 +47,7 @@ bool ServiceIdentity::matches(const SDService& service) const
         return false;
     if (!l4proto.isNull() && l4proto.value() != description.getL4Proto())
         return false;
-    // Last of all: the text of the address has to be made.
+    // Last, because it has to format the address.
     return ip.isNull() || ip.value() == description.getIpAddressString();
 }
 

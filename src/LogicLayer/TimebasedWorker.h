@@ -20,13 +20,13 @@
 
 namespace Nubo::ServiceDiscovery {
 
-/// Works on one of the state machine's workloads whenever its timer fires. The timer has a thread of its
-/// own. A derived class must not be destroyed while the timer runs: its owner calls stop() first.
+/// Processes one of the state machine's workloads whenever its timer fires. The timer runs on a dedicated
+/// thread. Its owner must call stop() before it destroys a derived class.
 template <class Owner, class Container>
 class TimebasedWorker
 {
 public:
-    /// `workload` is guarded by `workloadMutex`; both belong to `parent` and outlive the worker.
+    /// `workloadMutex` guards `workload`. `parent` owns both, and they must outlive the worker.
     TimebasedWorker(Owner& parent, std::string name, Container& workload, Poco::FastMutex& workloadMutex,
                     long intervalMs)
         : m_parent(parent)
@@ -42,8 +42,8 @@ public:
     TimebasedWorker(const TimebasedWorker&) = delete;
     TimebasedWorker& operator=(const TimebasedWorker&) = delete;
 
-    /// Starts the timer unless it runs already: the first interval is over at once. Throws when the system
-    /// gives no thread; the timer does not run then.
+    /// Starts the timer unless it is running; it fires at once for the first time. Throws when the system
+    /// cannot create a thread; the timer does not run then.
     virtual void start()
     {
         SD_LOG(Trace) << "TimebasedWorker::start";
@@ -59,21 +59,21 @@ public:
         }
     }
 
-    /// Stops the timer and waits for a running interval to end. Not to be called with the workload mutex
-    /// held, nor from onInterval().
+    /// Stops the timer and waits for a running onInterval() to return. Must not be called with the workload
+    /// mutex held, nor from onInterval().
     virtual void stop()
     {
         SD_LOG(Trace) << "TimebasedWorker::stop";
         m_timer.stop();
-        m_threads.joinAll();  // only then can the pool's one thread be used again
+        m_threads.joinAll();  // makes the pool's only thread available again
         m_initialized = false;
     }
 
-    /// Sets the timer by the workload; takes the workload mutex.
+    /// Locks the workload mutex and sets the timer to the next due record.
     virtual void update() = 0;
     /// The same for a caller that holds the workload mutex.
     virtual void unsafe_update() = 0;
-    /// An interval is over; called on the timer's thread.
+    /// Called on the timer's thread when the timer fires.
     virtual void onInterval(Poco::Timer& timer) = 0;
 
 protected:
@@ -84,15 +84,15 @@ protected:
     Poco::Timer m_timer;
     const std::int64_t m_intervalMs;
     std::atomic<bool> m_initialized{false};  ///< the timer is running
-    /// Before this time of the engine's clock no interval ends, even if the timer is early.
+    /// onInterval() is not called before this time of the engine's clock, even if the timer fires early.
     std::atomic<Poco::Clock::ClockVal> m_notBefore{0};
 
 private:
-    /// The outermost frame of the timer's thread: what is thrown ends here.
+    /// Outermost function of the engine on the timer's thread; catches all exceptions.
     void onTimer(Poco::Timer& timer)
     {
         const EngineFrame frame(&m_parent);
-        // Poco::Timer is, by up to a millisecond: it waits for whole ones.
+        // Poco::Timer waits in whole milliseconds and can fire up to one millisecond early.
         const Poco::Clock::ClockDiff early = m_notBefore - SDClock::now().raw();
         if (early > 0)
             std::this_thread::sleep_for(std::chrono::microseconds(early));

@@ -10,7 +10,7 @@ using Entry = WorkloadEntry;
 
 namespace {
 
-/// Records without a time of their own have all the same.
+/// Due time of all records in the periodic workload.
 const Poco::Clock noTime(Poco::Clock::ClockVal{0});
 
 }  // namespace

@@ -10,8 +10,8 @@
 
 namespace Nubo::ServiceDiscovery {
 
-/// The long-lived records, in the order of insertion, and what the index knows of them: neither can be
-/// changed without the other.
+/// The long-lived records in the order of insertion. Every insertion and removal also updates the index, so
+/// that the two cannot diverge. Not thread-safe: the workload mutex guards it.
 class PeriodicWorkload
 {
 public:
@@ -22,7 +22,7 @@ public:
     using iterator = List::Iterator;
     using const_iterator = List::Iterator;
 
-    /// This unit's services, and what has no business in the workload: all that no other unit can add to.
+    /// This unit's services and misplaced records: the ones whose number other units cannot increase.
     using LocalList = IntrusiveList<Entry, &Entry::inRole>;
 
     explicit PeriodicWorkload(RecordIndex& index) : m_index(index) {}
@@ -39,18 +39,19 @@ public:
     Entry& back() const { return *m_records.back(); }
     std::size_t localCount() const { return m_localCount; }
 
-    /// Appends the record, or throws std::bad_alloc and leaves everything as it was. A null record has a
-    /// place in the order, but cannot be looked up.
+    /// Appends the record. Throws std::bad_alloc and changes nothing when memory is short. A null record gets
+    /// a place in the order but cannot be looked up.
     Entry& push_back(const SDService::Ptr& record);
 
     void erase(Entry& entry) noexcept;
     iterator erase(iterator position) noexcept;
-    /// Removes the first entry that holds that very record; false when there is none.
+    /// Removes the first entry that holds this record, not an equal one. Returns false when there is none.
     bool erase(const SDService::Ptr& record) noexcept;
     void clear() noexcept;
 
-    /// Walks over all records, or over the local ones, that may be left off and resumed, whatever is inserted
-    /// and erased between. There is one of each at a time. The next entry, or null at the end.
+    /// Walk over all records, or over the local ones. A walk can be interrupted and resumed, with insertions
+    /// and removals in between. Only one walk of each kind exists at a time. walk() and walkLocals() return
+    /// the next entry, or null at the end.
     void startWalk() { m_walk = m_records.front(); }
     Entry* walk() { return step<List>(m_walk); }
     bool isWalking() const { return m_walk != nullptr; }
@@ -76,8 +77,8 @@ private:
     Entry* m_localWalk = nullptr;
 };
 
-/// The records that have something to do at a certain time, in that order; equal times in the order of
-/// insertion. Otherwise as above.
+/// The records that have a due time, sorted by it; those with equal times in the order of insertion.
+/// Otherwise like PeriodicWorkload.
 class AperiodicWorkload
 {
 public:
@@ -101,7 +102,7 @@ public:
     std::size_t size() const { return m_records.size(); }
     bool empty() const { return m_records.empty(); }
 
-    /// Inserts the record, or throws std::bad_alloc and leaves everything as it was.
+    /// Inserts the record. Throws std::bad_alloc and changes nothing when memory is short.
     iterator emplace(const Poco::Clock& due, const SDService::Ptr& record);
 
     iterator erase(iterator position) noexcept;
@@ -109,7 +110,7 @@ public:
     bool erase(const SDService::Ptr& record) noexcept;
     void clear() noexcept;
 
-    /// Gives an entry another time. It is in the workload all along.
+    /// Changes the due time of an entry and moves it behind all others with the same time. Allocates nothing.
     void reschedule(Entry& entry, const Poco::Clock& due) noexcept;
 
 private:

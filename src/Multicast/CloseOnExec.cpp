@@ -21,7 +21,7 @@ namespace Nubo::ServiceDiscovery::Multicast {
 
 namespace {
 
-/// The descriptors that an epoll descriptor watches (proc(5), /proc/pid/fdinfo: "tfd: 5 events: …").
+/// Returns the descriptors that an epoll descriptor watches (proc(5), /proc/pid/fdinfo: "tfd: 5 events: …").
 std::vector<int> watchedBy(const std::string& epoll)
 {
     std::vector<int> watched;
@@ -44,7 +44,7 @@ struct CloseFolder
 bool isEpoll(DIR* folder, const char* name)
 {
     constexpr std::string_view epoll = "anon_inode:[eventpoll]";
-    std::array<char, epoll.size() + 1> target{};  // one more, so that nothing longer looks the same
+    std::array<char, epoll.size() + 1> target{};  // one more byte, so that a longer name cannot match
     const ssize_t size = ::readlinkat(::dirfd(folder), name, target.data(), target.size());
     return size > 0 && std::string_view(target.data(), static_cast<std::size_t>(size)) == epoll;
 }
@@ -72,7 +72,7 @@ Poco::Net::MulticastSocket openSocket()
 
 void closeWatchersOnExec(const Poco::Net::MulticastSocket& socket)
 {
-    // A std::filesystem iterator would end the process when memory is short: its increment is noexcept.
+    // A std::filesystem iterator would terminate the process when memory is short: its increment is noexcept.
     const std::unique_ptr<DIR, CloseFolder> descriptors(::opendir("/proc/self/fd"));
     // cppcheck-suppress readdirCalled ; no other thread reads this stream
     // NOLINTNEXTLINE(concurrency-mt-unsafe) the same

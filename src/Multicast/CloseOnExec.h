@@ -4,12 +4,13 @@
 
 namespace Nubo::ServiceDiscovery::Multicast {
 
-/// A socket of IPv6 that the programs do not get which the process starts, be it at the same moment: one that
-/// lives on would hold the port.
+/// Opens an IPv6 UDP socket that child programs do not inherit, because one that outlives this process would
+/// keep the port. Sets SOCK_CLOEXEC on creation, so a program started by another thread at the same moment
+/// does not get it either. Throws Poco::Net::NetException.
 Poco::Net::MulticastSocket openSocket();
 
-/// Keeps from them the descriptors with which a reactor watches the socket, and does not give out. They are
-/// found in /proc; without that they stay as they are.
+/// Sets FD_CLOEXEC on the descriptors with which a reactor watches the socket. The reactor does not expose
+/// them, so they are looked up in /proc; without /proc they remain inheritable.
 void closeWatchersOnExec(const Poco::Net::MulticastSocket& socket);
 
 }  // namespace Nubo::ServiceDiscovery::Multicast

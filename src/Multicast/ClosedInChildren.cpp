@@ -11,7 +11,7 @@ namespace {
 
 constexpr int none = -1;
 
-/// A place for a descriptor. Places stay for ever, to be used again: a child may be forked at any moment.
+/// Holds a descriptor. Places are reused but never freed, because a child may be forked at any moment.
 struct Place
 {
     std::atomic<int> descriptor{none};

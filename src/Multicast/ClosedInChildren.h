@@ -4,8 +4,8 @@
 
 namespace Nubo::ServiceDiscovery::Multicast {
 
-/// While it exists, forked children close a descriptor: a socket that lives on in one of them would hold the
-/// port. To be given up before the descriptor is closed.
+/// Closes a descriptor in children that are forked while the object exists: a socket that stayed open in one
+/// of them would block the port. Destroy the object, or call giveUp(), before you close the descriptor.
 class ClosedInChildren
 {
 public:

@@ -1,14 +1,15 @@
 #include "Multicast/InterfaceAdmission.h"
 
 #include "DataLayer/AddressText.h"
-#include "LogicLayer/SDCommunicationHub.h"
 #include "Multicast/CloseOnExec.h"
 
 #include <Common/StandardStreamGuard.h>
 
 #include <Poco/Exception.h>
 #include <Poco/Net/SocketAddress.h>
+#include <Poco/String.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdint>
 #include <cstring>
@@ -27,7 +28,8 @@ bool isIPv6Unicast(const IPAddress& address)
            !address.isMulticast();
 }
 
-/// Shares nothing with the other one: that is its listing's, which other threads let go.
+/// A copy that shares no state with the original. Copies of a NetworkInterface share their implementation,
+/// and other threads may release the listing that the original belongs to.
 struct OwnCopy : NetworkInterface
 {
     explicit OwnCopy(const NetworkInterface& other)
@@ -35,7 +37,7 @@ struct OwnCopy : NetworkInterface
     {}
 };
 
-/// Whether the system has the address now, as far as it lets a socket be bound to it.
+/// Returns whether the system has the address at present, judged by whether a socket can be bound to it.
 bool canBeBound(const IPAddress& address)
 {
     const Common::StandardStreamGuard guard;
@@ -55,7 +57,7 @@ const InterfaceListing::Ptr emptyListing = std::make_shared<InterfaceListing>();
 std::optional<IPAddress> parseAddress(const std::string& ip)
 {
     try {
-        return IPAddress(std::string(withoutScope(ip)));  // IPAddress::tryParse() does not take "::"
+        return IPAddress(std::string(withoutScope(ip)));  // IPAddress::tryParse() rejects "::"
     }
     catch (const Poco::Exception&) {
         return std::nullopt;
@@ -71,7 +73,7 @@ bool isLinkLocal(const IPAddress& address)
 Admission admitInterface(const std::string& name, const std::string& ip, const InterfaceListing& listing,
                          AdmittedInterface& admitted)
 {
-    // The interface as the scope says nothing more, and cannot be parsed before the interface exists.
+    // A scope that names the interface itself is redundant, and cannot be parsed before the interface exists.
     const bool isOwnScope = ip.size() > name.size() && ip.find('%') == ip.size() - name.size() - 1 &&
                             ip.compare(ip.size() - name.size(), name.size(), name) == 0;
     IPAddress address;
@@ -79,7 +81,7 @@ Admission admitInterface(const std::string& name, const std::string& ip, const I
         !isIPv6Unicast(address))
         return Admission::NotAppropriate;
     const NetworkInterface* const interface = listing.find(name);
-    if (!interface || !SDCommunicationHub::containsIP(interface->addressList(), address, name))
+    if (!interface || !containsIP(interface->addressList(), address, name))
         return Admission::NotPresent;
     if (!interface->supportsMulticast())
         return Admission::NoMulticast;
@@ -105,6 +107,20 @@ InterfaceListing::Ptr listingIfAny() noexcept
     }
 }
 
+bool containsIP(const NetworkInterface::AddressList& addresses, const IPAddress& ip,
+                const std::string& interfaceName)
+{
+    return std::any_of(addresses.begin(), addresses.end(), [&](const auto& entry) {
+        const IPAddress& address = entry.template get<NetworkInterface::IP_ADDRESS>();
+        if (!isSameAddress(address, ip))
+            return false;  // cheaper than texts: Poco asks the system for the name of each scope
+        const std::string plain = ip.toString();
+        const std::string text = address.toString();
+        // Poco writes addresses in lower case, the scope included.
+        return text == plain || text == Poco::toLower(plain + "%" + interfaceName);
+    });
+}
+
 bool isSameAddress(const IPAddress& address, const IPAddress& other)
 {
     return address.family() == other.family() &&
@@ -123,14 +139,13 @@ bool isStillThere(const IPAddress& address, const AdmittedInterface& admitted,
     if (isSameAddress(address, admitted.address))
         return true;
     const NetworkInterface& interface = admitted.interface;
-    return SDCommunicationHub::containsIP(listing.addressesOf(interface), address, interface.name()) &&
-           canBeBound(address);
+    return containsIP(listing.addressesOf(interface), address, interface.name()) && canBeBound(address);
 }
 
 bool isReportedInterface(const NetworkInterface& interface, const NetworkInterface::AddressList& addresses,
                          const std::string& name, const IPAddress& ip)
 {
-    return interface.name() == name && SDCommunicationHub::containsIP(addresses, ip, name);
+    return interface.name() == name && containsIP(addresses, ip, name);
 }
 
 }  // namespace Nubo::ServiceDiscovery::Multicast

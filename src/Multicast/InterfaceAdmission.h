@@ -12,11 +12,12 @@
 #include <set>
 #include <string>
 
-/// How an interface that the platform reports is taken in and let go: the same for sending and receiving,
-/// which only differ in what they do with it and in their log lines.
+/// Admission and removal of the interfaces that the platform reports. Sender and receiver share these rules
+/// and differ only in how they use an interface and in their log lines.
 namespace Nubo::ServiceDiscovery::Multicast {
 
-/// An interface that is in use, and the unit's address on it, with the interface as scope if link-local.
+/// An interface that is in use, and the unit's address on it; a link-local address has the interface as
+/// scope.
 struct AdmittedInterface
 {
     Poco::Net::NetworkInterface interface;
@@ -27,64 +28,69 @@ enum class Admission
 {
     Good,
     NotAppropriate,  ///< no IPv6 unicast address
-    NotPresent,      ///< no such interface, or not its address
+    NotPresent,      ///< no such interface, or it does not have the address
     NoMulticast
 };
 
-/// What has become of a report.
+/// Result of a report.
 enum class Outcome
 {
-    InUse,    ///< the interface is used, by this report or by an earlier one
-    Refused,  ///< it never will be
-    Pending   ///< it cannot be used yet: to be tried again
+    InUse,    ///< the interface is used, due to this report or an earlier one
+    Refused,  ///< the interface will never be used
+    Pending   ///< the interface cannot be used yet; the caller tries again
 };
 
-/// On what occasion an interface is taken in. Only the first time do all lines go into the log.
+/// Occasion on which an interface is added. Only a report logs all lines.
 enum class Attempt
 {
-    Report,  ///< the platform has reported it just now
-    Again    ///< at a start, or after a failure that may pass
+    Report,  ///< the platform has just reported it
+    Again    ///< at a start, or after a temporary failure
 };
 
-/// The address without its scope; none when the text is no address.
+/// Parses the address without its scope: the report names the interface anyway, and the scope may name one
+/// that no longer exists. Returns none when the text is not an address.
 std::optional<Poco::Net::IPAddress> parseAddress(const std::string& ip);
 
-/// Whether the address is valid on its link only: fe80::/10 (RFC 4291 section 2.4).
+/// Whether the address is link-local unicast, fe80::/10 (RFC 4291 section 2.4).
 bool isLinkLocal(const Poco::Net::IPAddress& address);
 
-/// Looks the reported interface up and checks it; on Admission::Good `admitted` is filled in. Without a
-/// listing it takes one; throws what that throws.
+/// Looks up and checks the reported interface, and sets `admitted` on Admission::Good. The overload without a
+/// listing takes one and throws what InterfaceListing::take() throws.
 Admission admitInterface(const std::string& name, const std::string& ip, const InterfaceListing& listing,
                          AdmittedInterface& admitted);
 Admission admitInterface(const std::string& name, const std::string& ip, AdmittedInterface& admitted);
 
-/// A listing as it is now; an empty one when the system gives none.
+/// Takes a listing. Returns an empty one when the system cannot list its interfaces.
 InterfaceListing::Ptr listingIfAny() noexcept;
 
-/// Whether `address` is the address that the text names, whatever their scopes.
+/// Whether an interface's address list contains the address, with or without the interface as its scope.
+bool containsIP(const Poco::Net::NetworkInterface::AddressList& addresses, const Poco::Net::IPAddress& ip,
+                const std::string& interfaceName);
+
+/// Whether the addresses are equal, regardless of their scopes.
 bool isSameAddress(const Poco::Net::IPAddress& address, const Poco::Net::IPAddress& other);
 
-/// Whether a report of that name and address means the interface, by the addresses that it has now.
+/// Whether a report with that name and address refers to the interface, given its present addresses.
 bool isReportedInterface(const Poco::Net::NetworkInterface& interface,
                          const Poco::Net::NetworkInterface::AddressList& addresses, const std::string& name,
                          const Poco::Net::IPAddress& ip);
 
-/// Whether the interface still is there, under a name that is one of these. Another one may have got its name
-/// or its index.
+/// Whether the interface still exists under one of the names. Another interface may have taken its name or
+/// its index.
 bool isStillOneOf(const std::set<std::string>& names, const Poco::Net::NetworkInterface& interface,
                   const InterfaceListing& listing);
 
-/// Whether the interface has that address, which it was used with: not by the listing alone, which may be
-/// older than the end of it.
+/// Returns whether the interface still has that address, with which it is in use. The listing may be
+/// outdated, so this also asks the system.
 bool isStillThere(const Poco::Net::IPAddress& address, const AdmittedInterface& admitted,
                   const InterfaceListing& listing);
 
-/// Finds the interface that a report wants removed in `table`, an ordered map from network interface to
-/// whatever is kept of it; `addressOf` gives the address that an entry was admitted with, `noAddresses` is
-/// told of every interface on the way that has no address at present. Returns the entry or the end.
+/// Finds the interface to which a removal report refers, in `table`, an ordered map with network interfaces
+/// as keys. `addressOf` returns the address with which an entry was admitted. `noAddresses` is called for
+/// every visited interface that has no address at present. Returns the entry or the end.
 ///
-/// When none has the address now, the one of that name is meant that was admitted with it: an address is
-/// often gone before it is reported so.
+/// If no interface has the address now, looks for one of that name that was admitted with it: the address is
+/// often removed before its removal is reported.
 template <class Table, class AddressOf, class NoAddresses>
 auto findForRemoval(Table& table, const std::string& name, const Poco::Net::IPAddress& ip,
                     AddressOf addressOf, NoAddresses noAddresses)
@@ -104,7 +110,7 @@ auto findForRemoval(Table& table, const std::string& name, const Poco::Net::IPAd
     return entry;
 }
 
-/// Streams an interface as log lines have it: "name" with IP "ip".
+/// Streams an interface in the format of log lines: "name" with IP "ip".
 struct QuotedInterface
 {
     const std::string& name;

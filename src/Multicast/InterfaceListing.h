@@ -10,24 +10,23 @@
 
 namespace Nubo::ServiceDiscovery::Multicast {
 
-/// The system's network interfaces as they were at one moment. Taking a listing takes the system time for
-/// each of them (a millisecond for 15), so that one listing serves as many questions as it can. Never
-/// changes.
+/// Immutable snapshot of the system's network interfaces. Taking one costs time per interface (1 ms for 15),
+/// so reuse it for as many look-ups as possible. Thread-safe.
 class InterfaceListing
 {
 public:
     using Ptr = std::shared_ptr<const InterfaceListing>;
 
-    /// Throws Poco::Exception or std::bad_alloc when the system cannot list them.
+    /// Takes a snapshot. Throws Poco::Exception or std::bad_alloc when the system cannot list its interfaces.
     static Ptr take();
 
-    /// The interface of that name, if it has IPv6; null when there is none.
+    /// Returns the interface of that name if it supports IPv6, otherwise null. Valid as long as the listing.
     const Poco::Net::NetworkInterface* find(const std::string& name) const;
 
-    /// Whether the interface of that index has that name.
+    /// Whether the interface with that index has that name.
     bool has(const std::string& name, unsigned index) const;
 
-    /// The addresses of the interface with that one's index; none when it is gone.
+    /// Returns the addresses of the interface with the same index; none when there is no such interface.
     Poco::Net::NetworkInterface::AddressList addressesOf(const Poco::Net::NetworkInterface& interface) const;
 
     bool isOlderThan(Poco::Clock::ClockDiff microseconds) const

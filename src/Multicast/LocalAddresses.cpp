@@ -13,13 +13,13 @@ using Poco::Net::SocketAddress;
 
 namespace {
 
-/// In microseconds. A datagram that came back over another port has been received by then, or never will be.
+/// In microseconds. Within this time a datagram that returns through another port arrives, if it does at all.
 constexpr Poco::Clock::ClockDiff retirement = 5'000'000;
-constexpr std::size_t fewest = 64;  // are not worth a sweep
+constexpr std::size_t fewest = 64;  // addresses that are worth a sweep
 
 }  // namespace
 
-/// Of another family it is one that no socket has: that of port 0.
+/// An address of another family becomes one that no socket has, with port 0.
 LocalAddresses::Endpoint::Endpoint(const SocketAddress& address) noexcept
 {
     if (address.family() != SocketAddress::IPv6)
@@ -61,7 +61,8 @@ std::size_t LocalAddresses::size() const noexcept
     return m_uses.size();
 }
 
-/// Forgets what has run out. The next sweep comes with twice as many, so that each address costs one step.
+/// Removes expired addresses. The next sweep happens at twice the number, so each address costs one step on
+/// average.
 void LocalAddresses::unsafe_sweep() noexcept
 {
     const Poco::Clock now = SDClock::now();

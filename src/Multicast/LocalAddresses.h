@@ -11,22 +11,22 @@
 
 namespace Nubo::ServiceDiscovery::Multicast {
 
-/// The local addresses of the sender's sockets, and those of closed ones for five seconds: a datagram from
-/// them may still come back. An address is found at a cost that does not depend on how many there are: every
-/// datagram that comes in is looked up, and a platform may open and close sockets without a pause.
+/// The local addresses of the sender's sockets, and for five seconds those of closed ones, because datagrams
+/// from them may still return. The cost of a lookup does not depend on their number: the receiver looks up
+/// every datagram, and a platform may keep adding and removing interfaces.
 ///
-/// Addresses are of IPv6. Their scope is left out: between two ports on one segment a datagram comes back
-/// with another scope than it left with. Safe to use from any thread.
+/// Addresses are IPv6 addresses. Their scope is ignored: between two ports on one segment a datagram returns
+/// with another scope. Thread-safe.
 class LocalAddresses
 {
 public:
-    /// Throws std::bad_alloc, and is unchanged then.
+    /// Throws std::bad_alloc and then changes nothing.
     void open(const Poco::Net::SocketAddress& address);
     void close(const Poco::Net::SocketAddress& address) noexcept;
 
     bool contains(const Poco::Net::SocketAddress& address) const noexcept;
 
-    /// How many are kept, for tests.
+    /// Returns the number of kept addresses, for tests.
     std::size_t size() const noexcept;
 
 private:
@@ -44,15 +44,15 @@ private:
     };
     struct Use
     {
-        unsigned sockets = 0;                         ///< that are open
-        Poco::Clock until{Poco::Clock::ClockVal{0}};  ///< when none is
+        unsigned sockets = 0;                         ///< open ones
+        Poco::Clock until{Poco::Clock::ClockVal{0}};  ///< if no socket is open
     };
 
     void unsafe_sweep() noexcept;
 
-    mutable std::mutex m_mutex;  // guards what follows; nothing is logged under it
+    mutable std::mutex m_mutex;  // guards the members below
     std::unordered_map<Endpoint, Use, PortHash> m_uses;
-    std::size_t m_sweepAt = 0;  // so many
+    std::size_t m_sweepAt = 0;  // number of addresses
 };
 
 }  // namespace Nubo::ServiceDiscovery::Multicast

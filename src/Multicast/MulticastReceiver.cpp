@@ -3,7 +3,6 @@
 #include "DataLayer/AddressText.h"
 #include "DataLayer/EngineFrame.h"
 #include "DataLayer/Log.h"
-#include "LogicLayer/SDCommunicationHub.h"
 #include "Multicast/CloseOnExec.h"
 #include "Multicast/ClosedInChildren.h"
 #include "Multicast/InterfaceAdmission.h"
@@ -49,9 +48,9 @@ using Poco::Net::SocketReactor;
 namespace {
 
 constexpr long pollTimeout = 1000000;  // of the reactor, in microseconds
-constexpr long joinTime = 2000;        // that stop() waits for the reactor's thread, in ms
-constexpr int mostAtOnce = 64;         // datagrams, before other sockets and the stop have their turn
-constexpr int receiveBuffer = 4 * 1024 * 1024;  // a tick of 1,000 services is 125 datagrams at once
+constexpr long joinTime = 2000;        // time that stop() waits for the reactor's thread, in milliseconds
+constexpr int mostAtOnce = 64;         // datagrams read before the reactor checks other sockets and the stop
+constexpr int receiveBuffer = 4 * 1024 * 1024;  // bytes; a tick of 1,000 services is a burst of 125 datagrams
 
 /// Drops the next datagram.
 void discard(DatagramSocket& socket)
@@ -61,7 +60,7 @@ void discard(DatagramSocket& socket)
     socket.receiveFrom(&byte, 1, sender);
 }
 
-/// Takes an empty datagram off the socket; one with content that has come meanwhile stays.
+/// Removes an empty datagram from the socket, but not one with content that has arrived meanwhile.
 void discardEmptyDatagram(DatagramSocket& socket)
 {
     char byte = 0;
@@ -70,9 +69,9 @@ void discardEmptyDatagram(DatagramSocket& socket)
         discard(socket);
 }
 
-/// Has the kernel drop what comes in on any other interface, before it takes room on the socket: other
-/// sockets of the unit may have joined the group there. Jumps reach 255 instructions only, so each index is
-/// followed by its own end.
+/// Lets the kernel drop datagrams from all other interfaces before they take buffer space: other sockets of
+/// the unit may have joined the group there. Each index is followed by its own return, because jumps reach
+/// only 255 instructions.
 void passOnly(const MulticastSocket& socket, const std::vector<unsigned>& indices)
 {
     constexpr auto interfaceIndex = static_cast<std::uint32_t>(SKF_AD_OFF + SKF_AD_IFINDEX);
@@ -87,8 +86,8 @@ void passOnly(const MulticastSocket& socket, const std::vector<unsigned>& indice
     socket.impl()->setRawOption(SOL_SOCKET, SO_ATTACH_FILTER, &filter, sizeof(filter));
 }
 
-/// A child that another thread forks holds the port for the moment until it has closed its copy of the
-/// former socket.
+/// Retries for 0.2 s while the port is in use: a child that another thread has just forked holds the port
+/// until it has closed its copy of the former socket.
 void bindPatiently(MulticastSocket& socket, const SocketAddress& address)
 {
     constexpr int attempts = 20;
@@ -106,7 +105,7 @@ void bindPatiently(MulticastSocket& socket, const SocketAddress& address)
     }
 }
 
-/// Sets a mark while it exists.
+/// Sets the mark for its lifetime.
 class Taking
 {
 public:
@@ -126,27 +125,27 @@ Poco::Buffer<char> allocateFrame(DatagramSocket& socket, int size)
         return Poco::Buffer<char>(static_cast<std::size_t>(size));
     }
     catch (const std::bad_alloc&) {
-        discard(socket);  // so that it does not come up again at once
+        discard(socket);  // otherwise the reactor would report it again at once
         throw Poco::OutOfMemoryException("Failed to allocate SocketFrame buffer");
     }
 }
 
 }  // namespace
 
-/// Per-run state. None of it is reusable: a stopped reactor does not run, a bound socket cannot be bound, a
-/// joined thread cannot be waited for with a limit.
+/// Per-run state. None of it is reusable: a stopped reactor does not run again, a bound socket cannot be
+/// bound again, and a joined thread cannot be joined with a time limit again.
 struct MulticastReceiver::Service
 {
     Service() { guard.reset(); }
 
-    /// While the members below are made, none of their descriptors becomes a standard stream.
+    /// Prevents the descriptors of the members below from becoming standard streams.
     std::optional<Common::StandardStreamGuard> guard{std::in_place};
-    MulticastSocket socket = openSocket();
-    ClosedInChildren inChildren{socket.impl()->sockfd()};
-    SocketReactor reactor{Poco::Timespan(0, pollTimeout)};
-    Poco::Thread thread;
+    MulticastSocket m_socket = openSocket();
+    ClosedInChildren inChildren{m_socket.impl()->sockfd()};
+    SocketReactor m_socketReactor{Poco::Timespan(0, pollTimeout)};
+    Poco::Thread m_socketReactorThread;
     bool isStarted = false;  ///< the thread may be running
-    bool isSpent = false;    ///< a new one is needed for the next run
+    bool isSpent = false;    ///< the next run needs a new Service
     std::atomic<bool> isStopping{false};
 };
 
@@ -177,7 +176,7 @@ MulticastReceiver::MulticastData::MulticastData(Poco::Buffer<MulticastDataType>&
     , origin(sender)
 {}
 
-MulticastReceiver::MulticastReceiver(SDCommunicationHub& parent, const std::string& groupHost,
+MulticastReceiver::MulticastReceiver(const OutgoingAddresses& parent, const std::string& groupHost,
                                      std::uint16_t port)
     : m_parent(parent)
     , m_discoveryAddress(groupHost, port)
@@ -218,7 +217,7 @@ bool MulticastReceiver::start()
         if (m_service->isSpent)
             renewService();
         bind();
-        m_service->thread.start(m_service->reactor);
+        m_service->m_socketReactorThread.start(m_service->m_socketReactor);
         m_service->isStarted = true;
         return true;
     }
@@ -231,7 +230,7 @@ bool MulticastReceiver::start()
 
 void MulticastReceiver::bind()
 {
-    MulticastSocket& socket = m_service->socket;
+    MulticastSocket& socket = m_service->m_socket;
     {
         const EngineLock lock(this, m_interfacesMutex);
         unsafe_filter();
@@ -239,13 +238,14 @@ void MulticastReceiver::bind()
     bindPatiently(socket, m_discoveryAddress);
     m_service->isSpent = true;
     socket.setLoopback(false);
-    socket.setBlocking(false);  // a datagram with a bad checksum is announced, but not there to be read
+    socket.setBlocking(
+        false);  // a datagram with a bad checksum makes the socket readable but is not delivered
     socket.setReceiveBufferSize(receiveBuffer);
     SD_LOG(Debug) << "MulticastReceiver receive buffer: " << receiveBuffer << " Bytes asked for, "
                   << socket.getReceiveBufferSize() << " got.";
 
     const Observers observers(*this);
-    SocketReactor& reactor = m_service->reactor;
+    SocketReactor& reactor = m_service->m_socketReactor;
     reactor.addEventHandler(socket, observers.readable);
     reactor.addEventHandler(socket, observers.error);
     reactor.addEventHandler(socket, observers.shutdown);
@@ -256,10 +256,10 @@ void MulticastReceiver::stop()
 {
     try {
         if (m_service->isStarted) {
-            m_service->isStopping = true;  // from here on the handlers do nothing; they go with the service
-            m_service->reactor.stop();
-            // Ends the poll, which would last up to a second. That the socket has no peer does not matter.
-            ::shutdown(m_service->socket.impl()->sockfd(), SHUT_RDWR);
+            m_service->isStopping = true;  // disables the handlers, which are destroyed with the service
+            m_service->m_socketReactor.stop();
+            // Ends the poll, which would last up to a second. The error for a missing peer does not matter.
+            ::shutdown(m_service->m_socket.impl()->sockfd(), SHUT_RDWR);
             endThread(joinTime);
         }
         leaveGroupOnInterface_byIP("", "::");
@@ -275,7 +275,8 @@ void MulticastReceiver::stopFromWithin() noexcept
     m_service->isStopping = true;
 }
 
-/// Gives the port back, unless the thread still runs. Without memory for a new socket, the start makes one.
+/// Releases the port unless the thread is still running. Without memory for a new socket, only closes the old
+/// one; the next start() opens a new one.
 void MulticastReceiver::release()
 {
     if (!m_service->isSpent || m_service->isStarted)
@@ -286,23 +287,23 @@ void MulticastReceiver::release()
     catch (...) {
         const EngineLock lock(this, m_interfacesMutex);
         m_service->inChildren.giveUp();
-        m_service->socket.close();
+        m_service->m_socket.close();
         m_joinedInterfaces.clear();
     }
 }
 
-/// Waits for the thread to end, if there is one; false when it has not.
+/// Waits for the thread to end, if there is one. Returns false when it is still running.
 bool MulticastReceiver::endThread(long milliseconds)
 {
     if (!m_service->isStarted)
         return true;
-    if (!m_service->thread.tryJoin(milliseconds))
+    if (!m_service->m_socketReactorThread.tryJoin(milliseconds))
         return false;
     m_service->isStarted = false;
     return true;
 }
 
-/// Gives back socket and port and gets a new socket, which has joined nothing.
+/// Replaces the socket, which releases the port. The new socket is joined on no interface.
 void MulticastReceiver::renewService()
 {
     auto service = std::make_unique<Service>();
@@ -310,13 +311,14 @@ void MulticastReceiver::renewService()
     m_service.swap(service);
     m_joinedInterfaces.clear();
     service->inChildren.giveUp();
-    service->socket.close();  // a reactor that ran out of memory may have lost a reference to it
+    // Closed explicitly, because a reactor that ran out of memory may have leaked a reference to it.
+    service->m_socket.close();
 }
 
 void MulticastReceiver::onSocketReadable(const Poco::AutoPtr<ReadableNotification>& notification)
 {
     SD_LOG(Trace) << "MulticastReceiver onSocketReadable";
-    // Once per process, whatever number of receivers it has.
+    // Only the first such thread of the process gets the name.
     static const bool named =
         (DebugUtils::setThreadName("SdSockReact", "MulticastReceiver::onSocketReadable"), true);
     static_cast<void>(named);
@@ -329,7 +331,7 @@ void MulticastReceiver::onSocketReadable(const Poco::AutoPtr<ReadableNotificatio
         discardEmptyDatagram(socket);
         return;
     }
-    // What has come meanwhile is taken along: a round of the reactor would take longer than the datagram.
+    // Also reads datagrams that arrive meanwhile: a round of the reactor takes longer than a datagram.
     for (int taken = 1; true; ++taken) {
         receive(socket, available);
         available = socket.available();
@@ -356,7 +358,7 @@ void MulticastReceiver::onSocketError(const Poco::AutoPtr<ErrorNotification>& no
 {
     SD_LOG(Error) << "MulticastReceiver encountered Socket-Error \"" << notification->name() << "\" from \""
                   << notification->socket().address().toString() << "\"";
-    notification->socket().impl()->socketError();  // taken off, or it would be reported again at once
+    notification->socket().impl()->socketError();  // clears the error, which would be reported again at once
 }
 
 void MulticastReceiver::onReactorShutdown(const Poco::AutoPtr<ShutdownNotification>& notification)
@@ -372,8 +374,8 @@ bool MulticastReceiver::hasWaiting() const
         return true;
     if (m_service->isStopping)
         return false;
-    // Not available(): that is 0 while an empty datagram is the first of those that wait.
-    pollfd watched{m_service->socket.impl()->sockfd(), POLLIN, 0};  // none when closed for want of memory
+    // available() would return 0 while the first waiting datagram is empty.
+    pollfd watched{m_service->m_socket.impl()->sockfd(), POLLIN, 0};  // ignored if closed due to short memory
     return (::poll(&watched, 1, 0) == 1 && (watched.revents & POLLIN) != 0) || m_isTaking;
 }
 
@@ -425,7 +427,7 @@ Outcome MulticastReceiver::add(const std::string& name, const std::string& ip,
     }
     const auto [joined, isNew] = m_joinedInterfaces.emplace(admitted.interface, admitted.address);
     if (!isNew && !isStillThere(joined->second, admitted, listing))
-        joined->second = admitted.address;  // which it is left by
+        joined->second = admitted.address;  // needed to leave the group
     if (!isNew && attempt == Attempt::Again)
         return Outcome::InUse;
     if (!isNew)
@@ -433,7 +435,7 @@ Outcome MulticastReceiver::add(const std::string& name, const std::string& ip,
                         << ", already joined on \"" << joined->first.name() << "\"";
     else if (attempt == Attempt::Report)
         SD_LOG(Notice) << "ServiceDiscovery joining IPv6 Multicast Group for Interface \"" << name << "\".";
-    bool isFiltered = !isNew;  // the filter in force may let the interface in
+    bool isFiltered = !isNew;  // whether the present filter may pass the interface
     const auto forget = [&, entry = joined] {
         m_joinedInterfaces.erase(entry);
         if (isFiltered)
@@ -533,44 +535,45 @@ void MulticastReceiver::unsafe_leaveAll()
     unsafe_renewFilter();
 }
 
-/// The kernel keeps a membership on the socket's list when its interface goes, and then takes another one
-/// with the same index for joined already.
+/// When an interface disappears, the kernel keeps its membership on the socket's list. It then regards a new
+/// interface with the same index as already joined.
 void MulticastReceiver::unsafe_joinGroup(const NetworkInterface& interface)
 {
     try {
-        m_service->socket.joinGroup(m_discoveryAddress.host(), interface);
+        m_service->m_socket.joinGroup(m_discoveryAddress.host(), interface);
     }
     catch (const Poco::Exception& exception) {
         if (exception.code() != EADDRINUSE)
             throw;
         unsafe_leaveGroup(interface);
-        m_service->socket.joinGroup(m_discoveryAddress.host(), interface);
+        m_service->m_socket.joinGroup(m_discoveryAddress.host(), interface);
     }
 }
 
 void MulticastReceiver::unsafe_leaveGroup(const NetworkInterface& interface)
 {
     try {
-        m_service->socket.leaveGroup(m_discoveryAddress.host(), interface);
+        m_service->m_socket.leaveGroup(m_discoveryAddress.host(), interface);
     }
     catch (...) {
-        // The interface may be gone, and the membership with it.
+        // The interface may have been removed, along with the membership.
         SD_LOG(Debug) << "MulticastReceiver - leaving the group on \"" << interface.name()
                       << "\": " << Common::currentException;
     }
 }
 
-/// Lets datagrams of the joined interfaces in, and no others. Throws when the kernel does not take the
-/// filter; the former one is in force then.
+/// Lets the kernel pass only datagrams from the joined interfaces. When the kernel rejects the filter, throws
+/// and leaves the former one in force.
 void MulticastReceiver::unsafe_filter()
 {
     std::vector<unsigned> indices;
     for (const auto& joined : m_joinedInterfaces)
         indices.push_back(joined.first.index());
-    passOnly(m_service->socket, indices);
+    passOnly(m_service->m_socket, indices);
 }
 
-/// The same after an interface has been left. A filter that cannot be renewed lets in what others join there.
+/// The same after leaving an interface. Does not throw: if it fails, datagrams still arrive from an interface
+/// on which another socket has joined the group.
 void MulticastReceiver::unsafe_renewFilter()
 {
     constexpr int attempts = 3;

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "Multicast/InterfaceAdmission.h"
+#include "Multicast/OutgoingAddresses.h"
 
 #include <KELOEMInterfaceLib/OEMDispatcherCalls.h>
 
@@ -29,14 +30,10 @@ class ReadableNotification;
 class ShutdownNotification;
 }  // namespace Poco::Net
 
-namespace Nubo::ServiceDiscovery {
+namespace Nubo::ServiceDiscovery::Multicast {
 
-class SDCommunicationHub;
-
-namespace Multicast {
-
-/// Receives datagrams of the discovery group on every interface that the platform reports, on one socket
-/// that a thread of its own serves, and raises an event for each that another unit sent.
+/// Receives datagrams of the discovery group on every interface that the platform reports, and raises an
+/// event for each datagram that another unit sent. It uses one socket, served by a dedicated thread.
 class MulticastReceiver
 {
 public:
@@ -47,7 +44,7 @@ public:
 
         /// Copies `size` bytes.
         MulticastData(const char* bytes, std::size_t size, const Poco::Net::SocketAddress& sender);
-        /// Takes the bytes over.
+        /// Moves the bytes.
         MulticastData(Poco::Buffer<MulticastDataType>&& bytes, const Poco::Net::SocketAddress& sender);
 
         Poco::Buffer<MulticastDataType> buffer;  ///< exactly the bytes received
@@ -55,43 +52,44 @@ public:
     };
     using MulticastDataPtr = Poco::SharedPtr<MulticastData>;
 
-    /// Raised for every datagram of another unit, on the receiver's thread. A subscriber hands its work on
-    /// and returns.
+    /// Raised for every datagram of another unit, on the receiver's thread. Subscribers must return promptly
+    /// and leave longer work to another thread.
     Poco::BasicEvent<MulticastDataPtr, Poco::FastMutex> MulticastMessageReceived;
 
-    /// Nothing is bound yet, but interfaces may be joined. Throws Poco::Net::NetException when the system
-    /// has no IPv6.
-    MulticastReceiver(SDCommunicationHub& parent, const std::string& groupHost, std::uint16_t port);
-    /// Stops first if that was not done, and waits for a subscriber that still runs.
+    /// Opens the socket without binding it; interfaces can already be added. `parent` must outlive the
+    /// receiver. Throws Poco::Net::NetException when the system does not support IPv6.
+    MulticastReceiver(const OutgoingAddresses& parent, const std::string& groupHost, std::uint16_t port);
+    /// Stops the receiver if necessary, and waits without a time limit for a running subscriber.
     virtual ~MulticastReceiver();
 
     MulticastReceiver(const MulticastReceiver&) = delete;
     MulticastReceiver& operator=(const MulticastReceiver&) = delete;
 
-    /// Binds group and port and starts the thread. True when the receiver is bound and serves; false, after
-    /// an error line, when it cannot be bound, or when a subscriber still holds up the thread of an earlier
-    /// start. After a stop() no interface is joined.
+    /// Binds the socket to group and port and starts the thread. Returns true when the receiver runs. Logs an
+    /// error and returns false when it cannot bind, or when a subscriber still blocks the thread of an
+    /// earlier start. After a stop(), interfaces must be added again.
     bool start();
-    /// Ends the thread and leaves the group on all interfaces. Waits for a subscriber for at most 2 s. Once
-    /// it has returned, no event is raised until start(). Never throws.
+    /// Ends the thread and leaves the group on all interfaces. Waits for a subscriber for at most 2 s. Raises
+    /// no event after it has returned, until start(). Never throws.
     void stop();
-    /// From here on no event begins. For a thread that must not wait, be it the receiver's own.
+    /// Prevents further events. For threads that must not wait, such as the receiver's own.
     void stopFromWithin() noexcept;
 
-    /// Whether datagrams wait on the socket, or one is being taken off it; false when the receiver does not
-    /// run. Never waits: when interfaces are being joined, it says that there may be some.
+    /// Whether datagrams wait on the socket or one is being read from it; false when the receiver does not
+    /// run. Never waits: returns true while another thread joins or leaves interfaces.
     bool hasWaiting() const;
 
     /// Whether the group is joined on the interface of that name.
     bool isJoinedOn(const std::string& name) const;
 
-    /// The platform's reports. Join and leave the group on the interface. One that cannot be joined yet is to
-    /// be added again later.
+    /// Handle the platform's reports: join or leave the group on the interface. On Outcome::Pending the
+    /// caller adds the interface again later.
     Outcome onInterfaceAdded(OEMInterface::AddServiceDiscoveryInterfacePayload& payload);
     void onInterfaceRemoved(OEMInterface::RemoveServiceDiscoveryInterfacePayload& payload);
 
-    /// Joins the group on the interface unless that has been done; at a report once more, as the membership
-    /// may have gone with a former interface of that index. Throws nothing but std::bad_alloc.
+    /// Joins the group on the interface unless it is already joined. Upon a report joins once more, because
+    /// the membership may have disappeared with a former interface of the same index. Throws only
+    /// std::bad_alloc.
     Outcome add(const std::string& name, const std::string& ip, const InterfaceListing& listing,
                 Attempt attempt);
     /// Leaves every interface that is not there any more under one of these names.
@@ -109,10 +107,10 @@ private:
     struct Service;
     struct Observers;
 
-    /// By interface index, with the address that the platform reported.
+    /// Sorted by interface index; the values are the addresses that the platform reported.
     using InterfaceContainer = std::map<Poco::Net::NetworkInterface, Poco::Net::IPAddress>;
 
-    /// The outermost frame of what the reactor calls: what is thrown ends here.
+    /// Outermost function that the reactor calls; catches all exceptions.
     template <class Notification, void (MulticastReceiver::*handler)(const Poco::AutoPtr<Notification>&)>
     void guarded(const Poco::AutoPtr<Notification>& notification);
 
@@ -127,16 +125,14 @@ private:
     void unsafe_filter();
     void unsafe_renewFilter();
 
-    SDCommunicationHub& m_parent;
+    const OutgoingAddresses& m_parent;
     const Poco::Net::SocketAddress m_discoveryAddress;
-    mutable std::mutex m_interfacesMutex;  // guards what follows
+    mutable std::mutex m_interfacesMutex;  // guards the members below
     InterfaceContainer m_joinedInterfaces;
     std::unique_ptr<Service> m_service;
-    std::atomic<bool> m_isTaking{false};  // datagrams off the socket
+    std::atomic<bool> m_isTaking{false};  // reads datagrams from the socket
 };
 
 using MulticastDataPtr = MulticastReceiver::MulticastDataPtr;
 
-}  // namespace Multicast
-
-}  // namespace Nubo::ServiceDiscovery
+}  // namespace Nubo::ServiceDiscovery::Multicast

@@ -5,7 +5,6 @@
 #include "DataLayer/Log.h"
 #include "DataLayer/SDClock.h"
 #include "DataLayer/SOME_IP_SD/SOME_IP_SD_Option_IPv6.h"
-#include "LogicLayer/SDCommunicationHub.h"
 #include "Multicast/CloseOnExec.h"
 #include "Multicast/InterfaceAdmission.h"
 
@@ -36,16 +35,16 @@ namespace {
 
 constexpr unsigned hopLimit = 255;
 
-/// How long a datagram may wait for room in an interface's queue, in microseconds.
+/// Maximum time that a datagram waits for room in an interface's queue, in microseconds.
 constexpr Poco::Clock::ClockDiff sendTimeout = 20000;
-constexpr Poco::Clock::ClockDiff shortestWait = 1000;  // what takes longer has waited
+constexpr Poco::Clock::ClockDiff shortestWait = 1000;  // microseconds; a send that takes longer has waited
 constexpr Poco::Clock::ClockDiff microsecondsPerSecond = 1'000'000;
 constexpr long nanosecondsPerMicrosecond = 1000;
 
-/// In a full datagram.
+/// Typical number of packets in a full datagram.
 constexpr std::size_t usualPackets = 10;
 
-/// The system knows the address, as its admission has shown, but does not let a socket have it.
+/// Whether the system refuses to bind a socket to an address that it listed when the interface was admitted.
 bool isNotUsableYet(const Poco::Exception& exception)
 {
     return exception.code() == EADDRNOTAVAIL;
@@ -93,8 +92,7 @@ MulticastSender::SendData::SendData(const MulticastData& list, const std::string
     , offsets(list.size())
 {}
 
-MulticastSender::MulticastSender(SDCommunicationHub& /*parent*/, const std::string& groupHost,
-                                 std::uint16_t port)
+MulticastSender::MulticastSender(const std::string& groupHost, std::uint16_t port)
     : m_group(groupHost, port)
     , m_interfaces(std::make_shared<InterfaceContainer>())
     , m_ownAddresses(std::make_shared<OwnAddresses>())
@@ -116,7 +114,7 @@ std::shared_ptr<const MulticastSender::InterfaceContainer> MulticastSender::inte
     return std::atomic_load(&m_interfaces);
 }
 
-/// A socket that is not among the new ones closes when the last run of sendMulticast() that knows it is over.
+/// A replaced socket closes when the last sendMulticast() that uses it has returned.
 void MulticastSender::unsafe_replaceInterfaces(InterfaceContainer interfaces)
 {
     auto addresses = std::make_shared<OwnAddresses>();
@@ -184,7 +182,7 @@ Outcome MulticastSender::unsafe_add(const AdmittedInterface& admitted, const std
     const QuotedInterface quoted{name, ip};
     const std::shared_ptr<const InterfaceContainer> present = interfaces();
     const auto found = present->find(admitted.interface);
-    // What is used may have lost its address, which was not taken back: this one takes its place.
+    // The interface may have lost the address in use without a report: the new address replaces it.
     if (found != present->end() && isStillThere(found->second.address, admitted, listing)) {
         if (attempt == Attempt::Report)
             SD_LOG(Warning) << "ServiceDiscovery failed to add Interface " << quoted
@@ -253,7 +251,7 @@ void MulticastSender::stopAwaiting(const std::string& name, const IPAddress& add
     unsafe_stopAwaiting(name, address);
 }
 
-/// Whether the interface was awaited.
+/// Returns whether the interface was awaited.
 bool MulticastSender::unsafe_stopAwaiting(const std::string& name, const IPAddress& address)
 {
     const auto kept =
@@ -380,8 +378,8 @@ bool MulticastSender::sendAdjusted(const InterfaceData_t& interface, SendData& d
     return result;
 }
 
-/// Calls `send` for each of the datagrams, from the one on that was lost first the last time; whether all
-/// were sent.
+/// Calls `send` once per datagram, starting with the first that was lost last time. Returns whether all were
+/// sent.
 template <class Send>
 bool MulticastSender::sendEach(const InterfaceData_t& interface, List list, std::size_t count,
                                Send send) const
@@ -413,7 +411,8 @@ bool MulticastSender::WaitBudget::isLeft(const Poco::Clock& now)
     return m_spent < sendTimeout;
 }
 
-/// Sends a datagram, and waits for room only if the interface is worth it.
+/// Sends a datagram. Waits for room in the queue only if the interface is not stalled and the budget allows
+/// it.
 template <class Send>
 bool MulticastSender::sendPaced(const InterfaceData_t& interface, Send send) const
 {
@@ -448,7 +447,8 @@ bool MulticastSender::sendServices(const InterfaceData_t& interface, SendData& d
         return false;
     }
     return sendEach(interface, list, data.packages.size(), [&](std::size_t i) {
-        // A package in which nothing was replaced yet may hold an interface's address in its own right.
+        // A package in which nothing was replaced yet may contain the address of an interface as its content,
+        // so only the placeholder is searched for.
         const std::string& oldIP = data.offsets[i].empty() ? m_ipToReplace : data.ipToReplaceNext;
         const bool adjusted = adjustIPs(data.packages[i], oldIP, data.ipReplacement, data.offsets[i]);
         const bool sent = transmit(interface.socketPtr, data.packages[i], interface.pace->isWaitedFor);
@@ -478,7 +478,7 @@ bool MulticastSender::adjustIPs(MulticastPackage& package, const std::string& ol
             SD_LOG(Error) << "adjustIPs: found offset that lies beyond package boundary! (offset:" << offset
                           << "), (package-size:" << package.second << "), (new IP size:" << newIP.size()
                           << ")";
-            break;  // the package is sent all the same
+            break;  // the package is sent anyway
         }
         std::copy(newIP.begin(), newIP.end(), begin + offset);
     }
@@ -501,7 +501,7 @@ bool MulticastSender::transmit(const SocketPtr& socket, const MulticastPackage& 
                         << package.second << " Byte(s) sent.";
     }
     catch (const Poco::Exception& exception) {
-        // Each datagram on each interface has its own try: one that fails does not keep back the others.
+        // One failed datagram must not prevent the others from being sent.
         SD_LOG(Error) << "sendMulticast caught exception: " << exception.displayText();
     }
     return false;

@@ -26,73 +26,71 @@
 #include <utility>
 #include <vector>
 
-namespace Nubo::ServiceDiscovery {
+namespace Nubo::ServiceDiscovery::Multicast {
 
-class SDCommunicationHub;
-
-namespace Multicast {
-
-/// Sends datagrams to the discovery group on every interface that the platform reports, from one socket an
-/// interface. The datagrams carry a placeholder, the unit's address given to init(); with several
-/// interfaces it is overwritten by the interface's own address before they go out there.
+/// Sends datagrams to the discovery group on every interface that the platform reports, with one socket per
+/// interface. The datagrams contain a placeholder, the unit's address given to init(). With several
+/// interfaces, the sender overwrites it with the address of each interface before it sends there.
 class MulticastSender
 {
 public:
-    using MulticastPackage = std::pair<char*, std::size_t>;  ///< bytes of the caller, and their number
+    using MulticastPackage = std::pair<char*, std::size_t>;  ///< the caller's bytes, and their number
     using MulticastData = std::vector<MulticastPackage>;
-    using AdjustmentOffsets = std::vector<std::uint64_t>;  ///< where in a package an address stands
+    using AdjustmentOffsets =
+        std::vector<std::uint64_t>;  ///< offsets of the addresses in a package, in bytes
     using AdjustmentData = std::vector<AdjustmentOffsets>;
 
-    MulticastSender(SDCommunicationHub& parent, const std::string& groupHost, std::uint16_t port);
+    MulticastSender(const std::string& groupHost, std::uint16_t port);
     /// Closes all sockets.
     virtual ~MulticastSender();
 
     MulticastSender(const MulticastSender&) = delete;
     MulticastSender& operator=(const MulticastSender&) = delete;
 
-    /// Sets the placeholder, an IPv6 address. Without one nothing can be sent; false then. Not to be called
-    /// while datagrams are being sent.
+    /// Sets the placeholder. Returns false when it is not an IPv6 address; then nothing can be sent. Must not
+    /// be called while datagrams are being sent.
     bool init(const Poco::Net::IPAddress& placeholder);
 
-    /// Size in bytes of the largest datagram that may be handed in. It is not checked here.
-    static constexpr std::uint32_t getMTU() { return 1212; }
+    /// Size in bytes of the largest datagram that callers may pass. It is not checked here.
+    static constexpr std::uint32_t getMTU() { return SOME_IP_SD_Types::largestPacket; }
 
-    /// Sends the first list on every interface and the second on those with a link-local address. True when
-    /// every datagram went out everywhere; what fails is logged and does not keep the others from going
-    /// out. The datagrams' addresses are overwritten in place and not restored. Takes no lock: it works on
-    /// the interfaces as they were when it began. To be called by one thread at a time.
+    /// Sends the first list on every interface and the second on those with a link-local address. Logs each
+    /// failure and continues with the next datagram; returns true when all were sent on all interfaces.
+    /// Overwrites the addresses in the datagrams in place and does not restore them. Takes no lock: uses the
+    /// interfaces present when it begins. Only one thread at a time may call it.
     ///
-    /// An interface that does not take its datagrams at once is waited for, each time for 20 ms at most, and
-    /// all of them together for less than 40 ms in any second; one that took none in such a time, not until
-    /// it takes one again. Signals that the thread gets make no wait longer. What is not taken then is lost.
-    /// The next such list begins there with the first datagram that was lost without a wait, so that a slow
-    /// interface gets all of them in turn.
+    /// If an interface's queue is full, waits for at most 20 ms per datagram, and for less than 40 ms per
+    /// second in total, even if the thread receives signals. An interface that accepted nothing during such a
+    /// wait is not waited for again until it accepts a datagram. Datagrams that it does not accept are lost.
+    /// The next list of that kind starts with the first datagram that was lost there without a wait, so that
+    /// a slow interface gets all of them in turn.
     bool sendMulticast(const MulticastData& packagesForAll, const MulticastData& packagesForInternal);
 
-    /// Whether a datagram from that address was sent by this unit: from one of the sockets, or from one
-    /// that was closed a moment ago. The scope is left out of the comparison: between two ports on one
-    /// segment a datagram comes back with another scope than it left with.
+    /// Whether this unit sent a datagram with that source: from one of its sockets, or from one that was
+    /// closed less than 5 s ago. Ignores the scope: if two of the unit's ports are on one segment, a datagram
+    /// returns with a different scope. Thread-safe.
     bool isOwnOutgoingAddress(const Poco::Net::SocketAddress& origin) const;
 
-    /// Whether it is the placeholder, or the address of an interface that is in use; the scope is left out.
+    /// Whether the address is the placeholder or belongs to an interface in use, regardless of the scope.
+    /// Thread-safe.
     bool isOwnAddress(const Poco::Net::IPAddress& address) const;
-    /// The placeholder, with no scope; the wildcard before init().
+    /// Returns the placeholder without a scope, or the wildcard before init().
     Poco::Net::IPAddress unitAddress() const;
-    /// Grows with every change of these addresses.
+    /// Increases with every change of these addresses.
     std::uint64_t addressChanges() const { return m_addressChanges; }
 
-    /// The platform's reports. Open and close the interface's socket.
+    /// Handle the platform's reports: open or close the interface's socket.
     ///
-    /// An interface may not be usable yet: its address is not there, or is still being checked for duplicates
-    /// (RFC 4862 section 5.4, takes a second or two), or the system has no descriptor left. Then the caller
-    /// adds it again later.
+    /// Outcome::Pending means that the interface is not usable yet: the address is missing or still being
+    /// checked for duplicates (RFC 4862 section 5.4, takes 1 to 2 s), or the system is out of descriptors.
+    /// The caller adds the interface again later.
     Outcome onInterfaceAdded(OEMInterface::AddServiceDiscoveryInterfacePayload& payload);
     void onInterfaceRemoved(OEMInterface::RemoveServiceDiscoveryInterfacePayload& payload);
 
-    /// Opens the interface's socket unless that has been done. Throws nothing but std::bad_alloc.
+    /// Opens the interface's socket unless it is already open. Throws only std::bad_alloc.
     Outcome add(const std::string& name, const std::string& ip, const InterfaceListing& listing,
                 Attempt attempt);
-    /// Leaves an interface out that cannot be used yet.
+    /// Forgets an interface that cannot be used yet.
     void stopAwaiting(const std::string& name, const Poco::Net::IPAddress& address);
     /// Closes the socket of every interface that is not there any more under one of these names.
     void keepOnly(const std::set<std::string>& names, const InterfaceListing& listing);
@@ -100,22 +98,22 @@ public:
 protected:
     using SocketPtr = Poco::SharedPtr<Poco::Net::MulticastSocket>;
 
-    /// What is sent on an interface in one go.
+    /// The kind of list that is sent on an interface.
     enum class List : std::uint8_t
     {
         All,
         Internal
     };
 
-    /// How an interface takes its datagrams.
+    /// How fast an interface accepts datagrams.
     struct Pace
     {
-        bool isStalled = false;                  ///< it took none after a whole wait, and none since
-        bool isWaitedFor = true;                 ///< the datagram at hand may wait for room
-        std::array<std::size_t, 2> firstLost{};  ///< of the last run of each list of several datagrams
+        bool isStalled = false;                  ///< it accepted none during a whole wait, and none since
+        bool isWaitedFor = true;                 ///< the present datagram may wait for room
+        std::array<std::size_t, 2> firstLost{};  ///< first lost index per kind, in the last list of several
     };
 
-    /// Limits how long all interfaces together are waited for in any second.
+    /// Limits the time per second that the sender waits for all interfaces together.
     class WaitBudget
     {
     public:
@@ -123,8 +121,8 @@ protected:
         void spend(Poco::Clock::ClockDiff microseconds) { m_spent += microseconds; }
 
     private:
-        Poco::Clock m_second{Poco::Clock::ClockVal{0}};  // its begin
-        Poco::Clock::ClockDiff m_spent = 0;              // in it
+        Poco::Clock m_second{Poco::Clock::ClockVal{0}};  // start of the current second
+        Poco::Clock::ClockDiff m_spent = 0;              // microseconds waited in it
     };
 
     struct InterfaceData_t
@@ -133,21 +131,21 @@ protected:
         std::string ipAsByteStream;  ///< the interface's address, 16 bytes in network order
         bool isInternal;             ///< the address is link-local
         Poco::Net::IPAddress address;
-        Poco::Net::SocketAddress localAddress;                  ///< of the socket
-        std::shared_ptr<Pace> pace = std::make_shared<Pace>();  ///< the sending thread's
+        Poco::Net::SocketAddress localAddress;                  ///< local address of the socket
+        std::shared_ptr<Pace> pace = std::make_shared<Pace>();  ///< used only by the sending thread
     };
-    /// By interface index.
+    /// Sorted by interface index.
     using InterfaceContainer = std::map<Poco::Net::NetworkInterface, InterfaceData_t>;
 
-    /// The state of sending one list on several interfaces, one after the other.
+    /// Progress of sending one list on several interfaces, one after the other.
     struct SendData
     {
         SendData(const MulticastData& list, const std::string& placeholder);
 
         MulticastData packages;
-        std::string ipToReplaceNext;  ///< what stands in the packages now
+        std::string ipToReplaceNext;  ///< the address now in the packages
         std::string ipReplacement;
-        AdjustmentData offsets;  ///< of each package; empty until its first adjustment
+        AdjustmentData offsets;  ///< per package; empty until its first adjustment
     };
 
     /// An interface that cannot be used yet.
@@ -163,11 +161,13 @@ protected:
     bool sendServices(const InterfaceData_t& interface, const MulticastData& packages,
                       List list = List::All) const;
     bool sendServices(const InterfaceData_t& interface, SendData& data, List list = List::All) const;
-    /// Overwrites every occurrence of the old address with the new one, at the offsets if there are any,
-    /// else wherever it stands, and notes the offsets.
+    /// Overwrites the old address with the new one: at the offsets if there are any, otherwise at every
+    /// occurrence, whose offsets it stores. Returns false when the addresses differ in size.
     static bool adjustIPs(MulticastPackage& package, const std::string& oldIP, const std::string& newIP,
                           AdjustmentOffsets& offsets);
     bool transmit(const SocketPtr& socket, const MulticastPackage& package, bool isWaitedFor = true) const;
+
+    mutable std::mutex m_interfacesMutex;
 
 private:
     template <class Send>
@@ -188,19 +188,16 @@ private:
     using OwnAddresses = std::set<std::string, std::less<>>;
 
     const Poco::Net::SocketAddress m_group;
-    std::shared_ptr<const InterfaceContainer> m_interfaces;  // replaced as a whole, read with atomic_load
-    std::shared_ptr<const OwnAddresses> m_ownAddresses;      // likewise, those of the interfaces
-    mutable std::mutex m_interfacesMutex;
+    std::shared_ptr<const InterfaceContainer> m_interfaces;  // immutable; replaced and read atomically
+    std::shared_ptr<const OwnAddresses> m_ownAddresses;      // of the interfaces; likewise
     LocalAddresses m_localAddresses;
     std::vector<AwaitedInterface> m_awaited;
-    std::atomic<bool> m_isAwaiting{false};  // whether there is any, without the mutex
+    std::atomic<bool> m_isAwaiting{false};  // m_awaited is not empty; readable without the mutex
     std::atomic<std::uint64_t> m_addressChanges{0};
     bool m_initialised = false;
     std::string m_ipToReplace;
-    std::shared_ptr<const std::string> m_unitAddress;  // the same, for any thread; see m_interfaces
-    mutable WaitBudget m_waitBudget;                   // the sending thread's
+    std::shared_ptr<const std::string> m_unitAddress;  // m_ipToReplace for other threads, accessed atomically
+    mutable WaitBudget m_waitBudget;                   // used only by the sending thread
 };
 
-}  // namespace Multicast
-
-}  // namespace Nubo::ServiceDiscovery
+}  // namespace Nubo::ServiceDiscovery::Multicast

@@ -12,9 +12,9 @@ namespace {
 
 constexpr std::chrono::milliseconds longestHandling{500};
 
-/// The calling thread's work, for whatever queue: of several engines, say, whose lines go to one log channel.
-thread_local std::size_t works = 0;   // one within the other
-thread_local std::size_t nested = 0;  // reports during the outermost
+/// The calling thread's work for all queues. Several engines may share a log channel.
+thread_local std::size_t works = 0;   // nested ones
+thread_local std::size_t nested = 0;  // reports during the outermost one
 
 }  // namespace
 
@@ -50,7 +50,7 @@ void ReportQueue::report(Report report)
         const Work work(*this, works == 0 ? Extent::All : Extent::Own);
 }
 
-/// Whether the calling thread is at work from now on: nobody else is, or is about to be.
+/// Returns whether the calling thread is at work from now on, because no other thread is or waits to be.
 bool ReportQueue::put(Report report)
 {
     const std::lock_guard<std::mutex> lock(m_mutex);
@@ -60,7 +60,7 @@ bool ReportQueue::put(Report report)
         return false;
     const bool isOneNestedTooMany = works != 0 && nested == mostNested;
     if (isOneNestedTooMany || (isBusy && m_reports.size() >= mostWaiting)) {
-        ++m_dropped;  // an error line here might bring the next report
+        ++m_dropped;  // not logged here, because the log line might cause the next report
         m_areNestedDropped = isOneNestedTooMany;
         return false;
     }
@@ -73,8 +73,8 @@ bool ReportQueue::put(Report report)
     return m_isAtWork = true;
 }
 
-/// Whether the last report that waits is the opposite, and the one before was the same: then it takes the
-/// last one away. A platform that reports one interface without a pause does not fill the queue.
+/// If the last waiting report is the opposite of this one, and the one before it is the same, removes the
+/// last one and returns true. So a platform that keeps reporting one interface does not fill the queue.
 bool ReportQueue::unsafe_cancels(const Report& report)
 {
     const auto isLike = [&](const Waiting& other, bool isTakenBack) {
@@ -109,7 +109,7 @@ std::unique_lock<std::mutex> ReportQueue::idle()
     return lock;
 }
 
-/// Handles what waits, also what is reported meanwhile, and ends the work.
+/// Handles the waiting reports, including those that arrive meanwhile, and ends the work.
 void ReportQueue::handleAll(Extent extent) noexcept
 {
     using std::chrono::steady_clock;

@@ -11,18 +11,19 @@
 
 namespace Nubo::ServiceDiscovery::Multicast {
 
-/// Has the platform's reports of interfaces handled in their order by one thread at a time: the one at work.
-/// What is reported meanwhile it handles as well before it ends its work, so that a report never waits for
-/// another thread: a platform may report with locks held, or from within a line of the log. When another
-/// thread waits for its turn, that one handles the rest. A thread that is at work for another queue as well
-/// leaves it, too, once its own reports are handled: those of others might keep it from that work for ever.
+/// Handles the platform's reports of interfaces in their order, on one thread at a time: the one at work.
+/// That thread also handles the reports that arrive meanwhile. So a reporting thread never waits for another
+/// one, although a platform may report while it holds locks, or from within a log line. If another thread
+/// waits for its turn, that thread handles the rest. A thread that is also at work for another queue stops
+/// when its own reports are handled: otherwise the reports of other threads could keep it from its other work
+/// forever.
 ///
-/// Safe to use from any thread. Only report() may be called by a thread that is at work.
+/// Thread-safe. A thread at work may call report() only.
 class ReportQueue
 {
 public:
-    /// No more reports wait than that, and no more does a thread make from within lines of the log while it
-    /// is at work, for whatever queue: a log channel that reports with each line would keep it so for ever.
+    /// Maximum number of waiting reports, and of reports from within log lines that a thread can make while
+    /// it is at work for any queue: a log channel that reports on each line would keep it at work for ever.
     static constexpr std::size_t mostWaiting = 16384;
     static constexpr std::size_t mostNested = 1024;
 
@@ -34,43 +35,44 @@ public:
     };
     /// Never throws.
     using Handler = std::function<void(const Report&)>;
-    /// Has what waits handled by another thread. Called at the end of a work that leaves it. Never throws.
+    /// Makes another thread handle the waiting reports. Called when a work ends before they are handled. Must
+    /// not throw.
     using LeaveRest = std::function<void()>;
 
-    /// Threads at work are marked as working for the part of the engine.
+    /// A thread at work is marked as working for `part` of the engine.
     ReportQueue(const void* part, Handler handler, LeaveRest leaveRest);
 
     ReportQueue(const ReportQueue&) = delete;
     ReportQueue& operator=(const ReportQueue&) = delete;
 
-    /// Handles the report, unless somebody is at work, who does so then. Throws std::bad_alloc if there is no
-    /// memory to keep it.
+    /// Handles the report, or leaves it to the thread at work. Throws std::bad_alloc if memory is too short
+    /// to keep it.
     void report(Report report);
 
-    /// Waits until nobody is at work, and does something that must not be done beside a report. It handles
-    /// reports for half a second at most, and leaves the rest.
+    /// Waits until no thread is at work, and runs an action that must not run while a report is handled. Then
+    /// handles reports for at most half a second, and leaves the rest.
     void work(const std::function<void()>& action);
 
-    /// Waits until nobody is at work. Nobody begins while the lock is held; nothing may be logged then.
+    /// Waits until no thread is at work. None begins while the lock is held. Never log while holding it.
     std::unique_lock<std::mutex> idle();
-    /// To be called with that lock.
+    /// Call it with that lock.
     bool unsafe_areWaiting() const { return !m_reports.empty(); }
 
 private:
     class Work;
 
-    /// What is handled before a work ends.
+    /// How long a work handles reports.
     enum class Extent : std::uint8_t
     {
         All,
-        Own,  ///< until those of the thread at work are
+        Own,  ///< until the reports of the thread at work are handled
         HalfASecond
     };
 
     struct Waiting
     {
         Report report;
-        bool isOwn;  ///< of the thread at work
+        bool isOwn;  ///< made by the thread at work
     };
 
     bool put(Report report);
@@ -80,14 +82,14 @@ private:
     const void* const m_part;
     const Handler m_handler;
     const LeaveRest m_leaveRest;
-    std::mutex m_mutex;  // guards what follows; nothing is logged under it
+    std::mutex m_mutex;  // guards the members below; never log while holding it
     std::condition_variable m_ended;
-    bool m_isAtWork = false;  // somebody
+    bool m_isAtWork = false;  // a thread is
     std::thread::id m_atWork;
-    unsigned m_turns = 0;  // that threads wait for
+    unsigned m_turns = 0;  // number of threads that wait to be at work
     std::deque<Waiting> m_reports;
-    std::size_t m_own = 0;      // of them
-    std::size_t m_dropped = 0;  // reports that were not taken, until that is logged
+    std::size_t m_own = 0;      // number of waiting reports with isOwn
+    std::size_t m_dropped = 0;  // refused reports, not yet logged
     bool m_areNestedDropped = false;
 };
 

@@ -2,7 +2,6 @@
 
 #include "DataLayer/EngineFrame.h"
 #include "DataLayer/Log.h"
-#include "LogicLayer/SDCommunicationHub.h"
 #include "Multicast/MulticastReceiver.h"
 #include "Multicast/MulticastSender.h"
 
@@ -27,9 +26,9 @@ namespace {
 // In microseconds.
 constexpr Poco::Clock::ClockDiff shortestWait = 50'000;
 constexpr Poco::Clock::ClockDiff longestWait = 1'000'000;
-constexpr Poco::Clock::ClockDiff waitShare = 8;  // of the time for which an interface has been pending
-/// Reports often come one after the other for many interfaces. What is asked of a listing that is older than
-/// this, or says that something is not there, is asked of a new one.
+constexpr Poco::Clock::ClockDiff waitShare = 8;  // waits 1/8 of the time that an interface has been pending
+/// A listing older than this is replaced, and so is one that lacks a reported interface. Until then it is
+/// reused, because platforms often report many interfaces in succession.
 constexpr Poco::Clock::ClockDiff listingAge = 100'000;
 
 Outcome combined(Outcome one, Outcome other)
@@ -39,7 +38,8 @@ Outcome combined(Outcome one, Outcome other)
     return one == Outcome::InUse ? one : other;
 }
 
-/// Repeats what has failed for want of memory, a few times: the platform does not repeat its report.
+/// Repeats an action a few times if it fails, for example when memory is short: the platform does not repeat
+/// its report.
 template <class Action>
 void persist(Action action) noexcept
 {
@@ -56,7 +56,8 @@ void persist(Action action) noexcept
     }
 }
 
-/// Whether the listing shows an interface that can be used, and still has that index.
+/// Whether the listing contains a usable interface of that name, and the interface still has the listed
+/// index.
 bool shows(const InterfaceListing& listing, const std::string& name, const std::string& ip)
 {
     AdmittedInterface admitted;
@@ -117,7 +118,7 @@ void ReportedInterfaces::use(const std::string& name, const std::string& ip)
     const std::optional<IPAddress> address = parseAddress(ip);
     if (!address) {
         Interface unusable{name, ip};
-        serve(unusable, Attempt::Report);  // which says so in the log
+        serve(unusable, Attempt::Report);  // logs that the address is not usable
         return;
     }
     auto interface = find(name, *address);
@@ -135,7 +136,7 @@ void ReportedInterfaces::use(const std::string& name, const std::string& ip)
         m_interfaces.erase(interface);
 }
 
-/// Makes room for an interface that may be usable; whether there was one that is not.
+/// Makes room for an interface that may be usable. Returns false when no interface is pending.
 bool ReportedInterfaces::displaceLongestPending()
 {
     const auto longest = std::min_element(
@@ -166,7 +167,7 @@ void ReportedInterfaces::giveBack(const std::string& name, const std::string& ip
 
     if (m_listing && m_listing->isOlderThan(listingAge))
         m_listing.reset();
-    // The interface may stand reported with another address as well.
+    // The interface may also be reported with another address.
     for (Interface& interface : m_interfaces) {
         if (interface.name == name)
             serve(interface, Attempt::Again);
@@ -174,7 +175,7 @@ void ReportedInterfaces::giveBack(const std::string& name, const std::string& ip
     startRetrying(hasPending());
 }
 
-/// The wildcard address means every interface; otherwise any address of an interface means it, as it does for
+/// The wildcard address refers to all interfaces. Otherwise each address of an interface refers to it, as in
 /// sender and receiver.
 void ReportedInterfaces::forget(const std::string& name, const std::string& ip)
 {
@@ -192,7 +193,7 @@ void ReportedInterfaces::forget(const std::string& name, const std::string& ip)
     }
     const InterfaceListing::Ptr listing = listingIfAny();
     const auto* const interface = listing->find(name);
-    if (!interface || !SDCommunicationHub::containsIP(interface->addressList(), *address, name))
+    if (!interface || !containsIP(interface->addressList(), *address, name))
         return;
     m_interfaces.erase(std::remove_if(m_interfaces.begin(), m_interfaces.end(),
                                       [&](const Interface& reported) { return reported.name == name; }),
@@ -207,14 +208,14 @@ std::vector<ReportedInterfaces::Interface>::iterator ReportedInterfaces::find(co
     });
 }
 
-/// Whether it was there and is not any more, or its name or index is another one's.
+/// Whether it existed and no longer does, or another interface has its name or index.
 bool ReportedInterfaces::isGone(const Interface& interface) const
 {
     return interface.index != 0 && m_listing && !m_listing->has(interface.name, interface.index);
 }
 
-/// Takes a listing if there is none. A report may be about what has come since the last one; a round of
-/// further attempts makes do with one, however long it takes.
+/// Takes a listing if there is none. A report may concern an interface that is newer than the last listing. A
+/// round of further attempts uses one listing, however long it takes.
 void ReportedInterfaces::look(const Interface& interface, Attempt attempt)
 {
     const bool isNews = attempt == Attempt::Report;
@@ -225,7 +226,8 @@ void ReportedInterfaces::look(const Interface& interface, Attempt attempt)
     letGo();
 }
 
-/// Has receiver and sender let go what they use and is gone, or not reported any more. It is pending then.
+/// Makes receiver and sender release the interfaces that are gone or no longer reported. Those still reported
+/// become pending.
 void ReportedInterfaces::letGo()
 {
     std::set<std::string> names;
@@ -240,7 +242,7 @@ void ReportedInterfaces::letGo()
     m_sender.keepOnly(names, *m_listing);
 }
 
-/// Never throws: what has failed is pending.
+/// Never throws; a failed interface is pending.
 Outcome ReportedInterfaces::serve(Interface& interface, Attempt attempt)
 {
     Outcome outcome = Outcome::Pending;
@@ -280,7 +282,7 @@ void ReportedInterfaces::start()
     });
 }
 
-/// To the thread that retries, or else to the next start or report.
+/// Leaves the rest to the retry thread, or to the next start or report if that thread cannot run.
 void ReportedInterfaces::leaveRest() noexcept
 {
     persist([this] { startRetrying(true); });
@@ -295,7 +297,7 @@ void ReportedInterfaces::stop() noexcept
 
 void ReportedInterfaces::stopFromWithin() noexcept
 {
-    m_isRunning = false;  // a wait ends by itself
+    m_isRunning = false;  // a wait ends with its timeout
 }
 
 bool ReportedInterfaces::hasPending() const
@@ -304,7 +306,8 @@ bool ReportedInterfaces::hasPending() const
                        [](const Interface& interface) { return interface.isPending; });
 }
 
-/// Until the next attempt, in microseconds: the longer an interface has been pending, the longer.
+/// Returns the time until the next attempt, in microseconds. It grows with the time that an interface has
+/// been pending.
 Poco::Clock::ClockDiff ReportedInterfaces::wait() const
 {
     const Poco::Clock now = SDClock::now();
@@ -321,7 +324,7 @@ void ReportedInterfaces::startRetrying(bool isNeeded)
     if (!isNeeded || !m_isRunning || m_isRetrying)
         return;
     if (m_thread.joinable())
-        m_thread.join();  // it has had its last turn
+        m_thread.join();  // does not block: m_isRetrying is false, so the thread is about to end
     try {
         m_thread = std::thread(&ReportedInterfaces::retry, this);
         m_isRetrying = true;
@@ -339,7 +342,7 @@ void ReportedInterfaces::retry()
     for (Task task = awaitTask(lastRound); task != Task::None; task = awaitTask(lastRound)) {
         m_reports.work([&] {
             if (task == Task::Reports)
-                return;  // which are handled at the end of any work
+                return;  // any work handles them at its end
             m_listing.reset();
             for (Interface& interface : m_interfaces) {
                 if (m_isRunning && interface.isPending)
@@ -350,7 +353,8 @@ void ReportedInterfaces::retry()
     }
 }
 
-/// What the thread that retries has to do next. Reports that were left to it bring no round forward.
+/// Waits for the next task of the retry thread. Reports that were left to it do not make a round start
+/// earlier.
 ReportedInterfaces::Task ReportedInterfaces::awaitTask(const Poco::Clock& lastRound)
 {
     std::unique_lock<std::mutex> idle = m_reports.idle();
@@ -364,10 +368,10 @@ ReportedInterfaces::Task ReportedInterfaces::awaitTask(const Poco::Clock& lastRo
     return m_isRunning ? Task::Reports : Task::None;
 }
 
-/// Does not wait for the thread while at work, as it may be about to begin a round.
+/// Waits for the thread only after the lock is released, because the thread may be about to begin a round.
 void ReportedInterfaces::endRetrying()
 {
-    m_isRunning = false;  // ends the round that it may be at
+    m_isRunning = false;  // also ends a round that has begun
     std::thread ended;
     {
         const std::unique_lock<std::mutex> idle = m_reports.idle();

@@ -21,20 +21,20 @@ namespace Nubo::ServiceDiscovery::Multicast {
 class MulticastReceiver;
 class MulticastSender;
 
-/// The interfaces that the platform has reported and not taken back. It serves receiver and sender, which
-/// therefore always use the same ones: when a report comes, at every start, and after a failure that may pass
-/// (no descriptor left, an address that is not there yet), on a thread of its own with growing intervals of
-/// up to a second.
+/// The interfaces that the platform has reported and not withdrawn. Adds them to receiver and sender, so that
+/// both use the same ones: on a report, at every start, and again after a temporary failure (no descriptor
+/// left, address not present yet). A dedicated thread retries at intervals that grow up to 1 s.
 ///
-/// Two reports are about the same interface when they have the same name and the same address, however that
-/// is spelled and whether it has a scope or not. Safe to use from any thread.
+/// Two reports refer to the same interface when name and address are equal, regardless of the address's
+/// spelling and scope. Thread-safe.
 class ReportedInterfaces
 {
 public:
-    /// No more are used, however many a platform reports and does not take back. A further one displaces the
-    /// one that could not be used for the longest time.
+    /// Limit of the interfaces in use, in case a platform reports ever more without withdrawing any. A
+    /// further interface displaces the one that has been unusable for the longest time.
     static constexpr std::size_t mostInterfaces = 1024;
 
+    /// Receiver and sender must outlive this object.
     ReportedInterfaces(MulticastReceiver& receiver, MulticastSender& sender);
     /// Ends the thread.
     ~ReportedInterfaces();
@@ -42,26 +42,27 @@ public:
     ReportedInterfaces(const ReportedInterfaces&) = delete;
     ReportedInterfaces& operator=(const ReportedInterfaces&) = delete;
 
-    /// The platform's reports; either text may be null. Never throw, and never wait for another thread.
+    /// Handle the platform's reports. Log an error if either text is null. Never throw, and never wait for
+    /// another thread.
     void add(const char* name, const char* ip) noexcept;
     void remove(const char* name, const char* ip) noexcept;
 
-    /// Has receiver and sender use everything that stands reported, and retries from now on.
+    /// Adds all reported interfaces to receiver and sender, and retries from now on.
     void start();
-    /// Ends the retrying and stops the receiver. What is reported meanwhile is handled after that.
+    /// Ends retrying and stops the receiver. Reports that arrive meanwhile are handled after that.
     void stop() noexcept;
-    /// Ends the retrying, for a thread that must not wait, be it the one that retries.
+    /// Ends retrying without waiting. For threads that must not wait, such as the retrying one.
     void stopFromWithin() noexcept;
 
 private:
     struct Interface
     {
         std::string name;
-        std::string ip;                  ///< as it was reported
+        std::string ip;                  ///< as reported
         Poco::Net::IPAddress address{};  ///< without scope
         bool isPending = false;
         Poco::Clock pendingSince = SDClock::now();
-        unsigned index = 0;  ///< that it had when it was last there
+        unsigned index = 0;  ///< system's index when it was last listed; 0: none
     };
 
     /// Of the thread that retries.
@@ -96,7 +97,7 @@ private:
     MulticastReceiver& m_receiver;
     MulticastSender& m_sender;
     ReportQueue m_reports;
-    // The following belongs to the one at work; while nobody is, to the holder of m_reports.idle().
+    // The members below belong to the thread at work; if none is, to the holder of the lock of idle().
     std::vector<Interface> m_interfaces;
     InterfaceListing::Ptr m_listing;
     bool m_isRetrying = false;  // the thread has not ended

@@ -19,7 +19,7 @@ enum Outcome
     isUnsure
 };
 
-/// The exit code of a forked child.
+/// Returns the exit code of a forked child that performs the action.
 template <class Action>
 int exitCodeOfChild(Action action)
 {
@@ -56,7 +56,7 @@ TEST(OwnProcessTest, WhatAChildMakesIsItsOwn)
     EXPECT_EQ(exitCodeOfChild([] { return OwnProcess().isThis() ? isThis : isAnother; }), isThis);
 }
 
-/// The first process of a PID namespace has the number 1, and so has the first of the next one.
+/// The first process of every PID namespace has the number 1.
 TEST(OwnProcessTest, ChildWithTheSameNumberIsAnother)
 {
     const int code = exitCodeOfChild([] {

@@ -113,7 +113,7 @@ TEST(LogLimitTest, LinesOfALevelThatIsOffAreNotCounted)
     EXPECT_EQ(limit.leftOut(), 0u);
 }
 
-TEST(LogLimitTest, LimitGoesOnWhereItsLastScopeEnded)
+TEST(LogLimitTest, LimitContinuesWhereItsLastScopeEnded)
 {
     const LogCatcher log;
     LogLimit limit(2);

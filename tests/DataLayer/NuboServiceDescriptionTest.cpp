@@ -1,4 +1,4 @@
-#include "DataLayer/SDService.h"
+#include "DataLayer/NuboServiceDescription.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

@@ -13,15 +13,14 @@
 
 #include <gtest/gtest.h>
 
-/// What is left of descriptions and records when memory runs short. Under AddressSanitizer a test also fails
-/// when something leaks.
+/// Descriptions and records when memory runs out. Under AddressSanitizer, leaks also fail a test.
 namespace Nubo::ServiceDiscovery::Testing {
 
 namespace {
 
 using Texts = std::vector<std::string>;
 
-/// A text that no string keeps within itself.
+/// A text too long for the small-string optimisation.
 std::string longText(const std::string& begin)
 {
     return begin + " and enough behind it to need memory";
@@ -106,8 +105,7 @@ struct Change
     friend void PrintTo(const Change& row, std::ostream* stream) { *stream << row.name; }
 };
 
-/// Lets each allocation of the change fail once, on an object that must stay as it is until the change comes
-/// through.
+/// Lets each allocation of the change fail once. The object must stay unchanged until the change succeeds.
 template <class Object>
 void expectWholeChangeOrNone(Object object, void (*apply)(Object&))
 {

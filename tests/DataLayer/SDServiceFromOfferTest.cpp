@@ -21,7 +21,7 @@ namespace {
 
 constexpr Poco::Clock::ClockDiff second = 1000000;
 
-/// A received offer whose three parts a test changes before it makes the record.
+/// A received offer; tests change its three parts before they make the record.
 struct SDServiceFromOfferTest : ::testing::Test
 {
     SDServiceFromOfferTest()
@@ -164,7 +164,7 @@ TEST_F(SDServiceFromOfferTest, NameIsNotLookedUpUnderServicename)
     EXPECT_EQ(make().getNuboDescription().getName(), "Media");
 }
 
-TEST_F(SDServiceFromOfferTest, VersionsAndCategoriesAreTakenAsTheyStandAndInOrder)
+TEST_F(SDServiceFromOfferTest, VersionsAndCategoriesAreTakenUnchangedAndInOrder)
 {
     pairs = {{"version", "~2.0.0"},
              {"version", "not a version"},
@@ -198,7 +198,7 @@ TEST_F(SDServiceFromOfferTest, UriIsMadeFromNameAddressAndPort)
     EXPECT_EQ(make().getNuboDescription().getUri(), "http://[fd00::1]:8080/Media/");
 }
 
-TEST_F(SDServiceFromOfferTest, PortZeroStandsInTheUri)
+TEST_F(SDServiceFromOfferTest, UriShowsPortZero)
 {
     port = 0;
 

@@ -282,7 +282,7 @@ TEST(SDServiceTest, TTLHasElapsedAtTheDeadlineItself)
 {
     SDService service("Media");
 
-    // Most of these look at the clock within the very microsecond of the deadline.
+    // Most of these checks run within the very microsecond of the deadline.
     for (int i = 0; i < 1000; ++i) {
         service.setTTL(0);
         ASSERT_TRUE(service.isTTLElapsed());
@@ -415,7 +415,7 @@ TEST(SDServiceTest, AnotherDescriptionChangesNothingElse)
 
 namespace {
 
-/// What goes into the packet of a record.
+/// A setter of a field that is sent.
 struct PacketCase
 {
     const char* name;
@@ -442,7 +442,7 @@ TEST(SDServiceTest, PacketIsKeptAndCopiedWithTheRecord)
     EXPECT_EQ(SDService(service).getPacket(), "bytes");
 }
 
-TEST_P(SDServicePacketTest, IsForgottenWhenSomethingOfItIsSet)
+TEST_P(SDServicePacketTest, IsForgottenWhenSomethingOfItChanges)
 {
     SDService service(describe("Media"));
     service.setPacket("bytes");
@@ -450,6 +450,21 @@ TEST_P(SDServicePacketTest, IsForgottenWhenSomethingOfItIsSet)
     GetParam().set(service);
 
     EXPECT_EQ(service.getPacket(), "");
+}
+
+TEST(SDServiceTest, PacketIsKeptWhenNumbersAreSetToTheirValues)
+{
+    SDService service(describe("Media"));
+    service.setPacket("bytes");
+
+    service.setType(service.getType());
+    service.setTTL(service.getTTL());
+    service.setServiceId(service.getServiceId());
+    service.setInstanceId(service.getInstanceId());
+    service.setMajorVersion(service.getMajorVersion());
+    service.setMinorVersion(service.getMinorVersion());
+
+    EXPECT_EQ(service.getPacket(), "bytes");
 }
 
 INSTANTIATE_TEST_SUITE_P(

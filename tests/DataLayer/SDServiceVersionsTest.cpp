@@ -9,7 +9,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-/// The versions of a description as a record takes or refuses them.
+/// Versions that a record accepts or refuses.
 namespace Nubo::ServiceDiscovery::Testing {
 
 using ::testing::ElementsAre;

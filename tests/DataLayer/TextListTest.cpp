@@ -21,7 +21,7 @@ TextList shared(const std::vector<std::string>& texts)
     return TextList(std::make_shared<const TextList::Shared>(texts));
 }
 
-/// Whether both have their texts in the same place.
+/// Whether both refer to the same texts in memory.
 bool share(const TextList& one, const TextList& other)
 {
     return &one.texts() == &other.texts();

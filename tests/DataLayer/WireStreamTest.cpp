@@ -133,6 +133,38 @@ TEST(WireReaderTest, SkippingBeyondTheEndCountsWhatWasThereAndFails)
     EXPECT_TRUE(stream.fail());
 }
 
+TEST(WireReaderTest, ExpectedNumberOfBytesIsNotLogged)
+{
+    const LogCatcher log;
+    std::istringstream stream = streamOf("01 02 03");
+    WireReader reader(stream);
+    std::uint16_t two = 0;
+    reader.read(two);
+
+    EXPECT_TRUE(reader.checkRead("Something", 2));
+    EXPECT_TRUE(reader.checkRead("Something", 2, 3, "?"));
+    EXPECT_THAT(log.lines(), IsEmpty());
+}
+
+TEST(WireReaderTest, AnyOtherNumberOfBytesIsAnError)
+{
+    const LogCatcher log;
+    std::istringstream stream = streamOf("01 02 03");
+    WireReader reader(stream);
+    std::uint32_t four = 0;
+    reader.read(four);
+
+    EXPECT_FALSE(reader.checkRead("Something", 4));
+    EXPECT_FALSE(reader.checkRead("Something", 2));
+    EXPECT_FALSE(reader.checkRead("Something", 4, 5, " and more"));
+    EXPECT_FALSE(WireReader::checkCount(7, "Something", 8, 8));
+
+    EXPECT_THAT(log.errors(), ElementsAre("Error: Something size=4, but 3 read by deserialisation!",
+                                          "Error: Something size=2, but 3 read by deserialisation!",
+                                          "Error: Something size=5, but 3 read by deserialisation and more",
+                                          "Error: Something size=8, but 7 read by deserialisation!"));
+}
+
 TEST(WireReaderTest, TwentyFourBitsAreReadMostSignificantByteFirst)
 {
     std::istringstream stream = streamOf("01 80 ff");
@@ -248,7 +280,7 @@ TEST(WireWriterTest, TwentyFourBitsAreTheLowOnesOfTheValue)
     EXPECT_EQ(writer.written(), 3);
 }
 
-TEST(WireWriterTest, RightNumberOfBytesIsNotWorthALine)
+TEST(WireWriterTest, ExpectedNumberOfBytesIsNotLogged)
 {
     const LogCatcher log;
     std::ostringstream stream;
@@ -269,9 +301,11 @@ TEST(WireWriterTest, AnyOtherNumberOfBytesIsAnError)
 
     writer.checkWritten("Something", 4);
     writer.checkWritten("Other", 1);
+    writer.checkWritten("Another", 4, 5);
 
     EXPECT_THAT(log.errors(), ElementsAre("Error: Something size=4, but 2 written by serialisation!",
-                                          "Error: Other size=1, but 2 written by serialisation!"));
+                                          "Error: Other size=1, but 2 written by serialisation!",
+                                          "Error: Another size=5, but 2 written by serialisation!"));
 }
 
 }  // namespace Nubo::ServiceDiscovery::Testing

@@ -44,7 +44,7 @@ constexpr std::size_t mostReadingFaults(std::size_t size)
 struct DatagramCostTest : ::testing::TestWithParam<CostlyDatagram>
 {};
 
-/// The kind's name as words in one.
+/// The kind's name, without the blanks between its words.
 std::string testName(const ::testing::TestParamInfo<CostlyDatagram>& info)
 {
     std::string name;
@@ -156,8 +156,8 @@ TEST(StateCostTest, NoKindOfDatagramCostsMuchMoreForWhatTheUnitKnows)
     }
 }
 
-// Sanitizers slow code down, each kind differently: the bounds are three times what an optimised build keeps
-// to.
+// Sanitizers slow code down, each to a different degree: the bounds are three times those of an optimised
+// build.
 
 TEST_P(DatagramCostTest, DatagramCostsNoMoreThanSoManyKnownOffers)
 {

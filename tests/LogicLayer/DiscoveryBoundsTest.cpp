@@ -28,7 +28,8 @@ constexpr Poco::Clock::ClockDiff notYetStale = stale - 100 * millisecond;
 
 constexpr std::size_t megabyte = std::size_t{1024} * 1024;
 
-/// What there is a limited number of. Each record below takes one, and next to nothing of the others.
+/// Limited resources. Each record below takes one unit of the row's resource, and next to nothing of the
+/// others.
 enum class Resource
 {
     Places,
@@ -65,12 +66,12 @@ struct DiscoveryBoundsTest : ::testing::TestWithParam<ResourceCase>
 
     Entry& know(std::uint32_t sender) { return periodic.push_back(makeOne(sender)); }
 
-    /// Lets so many more of that unit be known.
+    /// Makes `count` more services of that unit known.
     void know(std::uint32_t sender, std::size_t count)
     {
         SDService::Ptr one;
         for (std::size_t i = 0; i < count; ++i) {
-            // Names take long to fill, and have places of their own: many can be the same record.
+            // New names take time, and places are limited per name, too: many entries share one record.
             if (GetParam().resource != Resource::Places || i % 512 == 0)
                 one = makeOne(sender);
             periodic.push_back(one);
@@ -272,7 +273,7 @@ struct DiscoveryBoundsTogetherTest : ::testing::Test
         for (std::size_t i = 0; i < count; ++i)
             periodic.push_back(record);
     }
-    /// So many services under names of no interest.
+    /// Makes `count` services known, whose names do not matter.
     void knowOthers(std::size_t count)
     {
         SDService::Ptr one;
@@ -289,7 +290,7 @@ struct DiscoveryBoundsTogetherTest : ::testing::Test
         return DiscoveryBounds::judge(index, index.find(name), *offered, false, listeningSince);
     }
 
-    /// Lets all records be as old.
+    /// Makes all records that much older.
     static void pass(Poco::Clock::ClockDiff time) { SDClock::turn(time); }
 
     RecordIndex index;
@@ -410,7 +411,6 @@ TEST_F(DiscoveryBoundsTogetherTest, TextBeyondAllBoundsDisplacesNothing)
     EXPECT_THAT(verdict.displaced, IsEmpty());
 }
 
-/// The registry's identifier is added after a service has been taken, and its length is not judged.
 TEST_F(DiscoveryBoundsTogetherTest, UnitWithItsShareOfTheTextDisplacesNoneOfAUnitThatHasLessOfIt)
 {
     know(makeDiscovered("Other", 1, 2));
@@ -447,6 +447,7 @@ TEST_F(DiscoveryBoundsTogetherTest, UnitWithItsShareOfTheTextDisplacesAsManyOfIt
                 ElementsAre(&first, &second));
 }
 
+/// The registry's identifier is added after a service has been taken, and its length is not judged.
 TEST_F(DiscoveryBoundsTogetherTest, TextThatHasGrownBeyondItsBoundLeavesNoRoom)
 {
     know(withText(makeDiscovered("Service", 1), 64 * megabyte - 1024));

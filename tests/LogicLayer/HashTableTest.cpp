@@ -151,7 +151,7 @@ TEST_F(HashTableTest, RandomInsertionsAndRemovalsAgreeWithAModel)
     const auto randomHash = [&] { return std::uint64_t{random() % 700} << (random() % 3 * 20); };
 
     for (int step = 0; step < steps; ++step) {
-        const bool isGrowing = step / 2000 % 2 == 0;  // up and down again
+        const bool isGrowing = step / 2000 % 2 == 0;  // grows and shrinks in turn
         if (model.empty() || random() % 100 < (isGrowing ? 70 : 30)) {
             const std::uint64_t hash = randomHash();
             model.emplace(hash, &insert(step, hash));

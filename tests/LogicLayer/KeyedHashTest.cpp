@@ -33,7 +33,7 @@ std::uint64_t sizeAsHash(const void* /*bytes*/, std::size_t size)
     return size;
 }
 
-/// SipHash under a key that everybody knows.
+/// SipHash under a public key.
 std::uint64_t knownKeyHash(const void* bytes, std::size_t size)
 {
     return KeyedHash::sipHash(KeyedHash::Key{}, bytes, size);
@@ -44,7 +44,7 @@ std::string hexOf(std::uint64_t hash)
     return "hash " + toHex(&hash, sizeof hash);
 }
 
-/// How many of the names share one of so many buckets, at most.
+/// Largest number of names that share one of the buckets.
 template <class Hash>
 std::size_t longestChain(const std::vector<std::string>& names, std::size_t buckets, Hash hash)
 {
@@ -54,7 +54,7 @@ std::size_t longestChain(const std::vector<std::string>& names, std::size_t buck
     return *std::max_element(chains.begin(), chains.end());
 }
 
-/// So many names that share one of so many buckets under that hash.
+/// Names that share one of the buckets under that hash.
 std::vector<std::string> namesInOneBucket(std::size_t count, std::size_t buckets, const KeyedHash& hash)
 {
     std::vector<std::string> names;
@@ -142,7 +142,7 @@ TEST(KeyedHashTest, EveryBitOfAHashIsSetForHalfOfTheNames)
 
 TEST(KeyedHashTest, HashesDifferFromProcessToProcess)
 {
-    GTEST_FLAG_SET(death_test_style, "threadsafe");  // the program is started anew
+    GTEST_FLAG_SET(death_test_style, "threadsafe");  // starts the program anew
     const std::string here = hexOf(KeyedHash()("Media"));
 
     for (int i = 0; i < 3; ++i) {

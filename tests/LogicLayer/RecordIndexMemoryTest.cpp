@@ -38,7 +38,7 @@ struct Store
     AperiodicWorkload aperiodic{index};
     PeriodicWorkload periodic{index};
 
-    /// All that can be asked.
+    /// The results of all look-ups.
     std::string picture() const
     {
         std::ostringstream text;
@@ -137,7 +137,7 @@ void fillSeveral(Store& store)
     store.periodic.push_back(makeDiscovered("Navi", 3, 2, 1));
 }
 
-/// As many as there is room for in the lists of numbers and in the first block of each table.
+/// As many records as fit into the lists of numbers and into the first block of each table.
 void fillMany(Store& store)
 {
     for (unsigned short port = 1; port <= 64; ++port) {
@@ -157,7 +157,8 @@ TEST_P(RecordIndexMemoryTest, RecordForWhichThereIsNoMemoryChangesNothing)
     const SDService::Ptr record = GetParam().record();
     std::size_t refused = 0;
 
-    // A bucket for which there is no memory is done without: not every failure is one of the insertion.
+    // The index does without a bucket if memory for it is short: not every failed allocation fails the
+    // insertion.
     for (std::size_t n = 1; failsAtAllocation(n, [&] { insert(record); }); ++n) {
         if (!erase(record))
             ++refused;
@@ -232,7 +233,7 @@ TEST(RecordIndexChurnTest, HundredThousandInstancesOfANameThatComeAndGoLeaveNoth
     }
 
     EXPECT_EQ(store.picture(), before);
-    constexpr std::size_t slack = 64 * 1024;  // what the containers keep
+    constexpr std::size_t slack = 64 * 1024;  // memory that the containers keep
     EXPECT_LT(heapInUse(), memoryBefore + slack);
     EXPECT_GT(memoryAtMost, memoryBefore + mostAtOnce * sizeof(Entry));
 }
@@ -252,7 +253,7 @@ TEST(AperiodicWorkloadMemoryTest, AnotherTimeNeedsNoMemory)
 
 namespace {
 
-/// Many records whose keys a neighbour has chosen.
+/// Many records with keys that a neighbour has chosen.
 struct ChosenKeysCase
 {
     const char* name;
@@ -264,7 +265,7 @@ struct ChosenKeysCase
 struct ChosenKeysTest : ::testing::TestWithParam<ChosenKeysCase>
 {};
 
-/// As many as can be known, and as many of each name.
+/// As many records as can be known, and as many of each name as allowed.
 std::vector<SDService::Ptr> fullNames()
 {
     std::vector<SDService::Ptr> records;
@@ -301,11 +302,11 @@ struct Cost
     Milliseconds time;
 };
 
-/// What it costs to take the records in.
+/// Memory and processor time that inserting the records takes.
 Cost costOf(const std::vector<SDService::Ptr>& records)
 {
     const std::size_t memoryBefore = heapInUse();
-    const std::clock_t begin = std::clock();  // time of the processor
+    const std::clock_t begin = std::clock();  // processor time
     Store store;
     for (const SDService::Ptr& record : records)
         store.periodic.push_back(record);
@@ -341,7 +342,7 @@ TEST(CollidingNamesTest, CostNoMoreThanOthers)
     Cost ofChosen = costOf(chosen);
     Cost ofOthers = costOf(others);
 
-    for (int run = 0; run < 4; ++run) {  // whatever else the machine does
+    for (int run = 0; run < 4; ++run) {  // other programs may disturb one run
         ofChosen.time = std::min(ofChosen.time, costOf(chosen).time);
         ofOthers.time = std::min(ofOthers.time, costOf(others).time);
     }

@@ -123,7 +123,7 @@ struct Kind
     State::State_t state;
 };
 
-/// All that can be in a workload, also what has no business there.
+/// Every kind of record that a workload can hold, including those that do not belong there.
 constexpr std::array<Kind, 12> kinds{
     {{Entry::Workload::Aperiodic, Type::ANNOUNCED, State::INITIAL_WAIT_PHASE},
      {Entry::Workload::Aperiodic, Type::ANNOUNCED, State::REPETITION_PHASE},
@@ -146,7 +146,7 @@ struct HashFunctionCase
     friend void PrintTo(const HashFunctionCase& row, std::ostream* stream) { *stream << row.name; }
 };
 
-/// Changes both workloads at random and holds the index against a model after each change.
+/// Changes both workloads at random and compares the index with a model after each change.
 class RecordIndexModelTest : public ::testing::TestWithParam<HashFunctionCase>
 {
 protected:
@@ -411,7 +411,7 @@ INSTANTIATE_TEST_SUITE_P(Hashes, RecordIndexModelTest,
 
 namespace {
 
-/// What the hash was last asked for.
+/// Argument of the last call of the hash.
 std::string lastHashed;  // NOLINT(cert-err58-cpp)
 
 std::uint64_t noteBytes(const void* bytes, std::size_t size)

@@ -1,7 +1,4 @@
-#include "DataLayer/SDClock.h"
-#include "support/Descriptions.h"
-#include "support/RecordingHub.h"
-#include "support/TestStateMachine.h"
+#include "IntervalFixture.h"
 #include "support/Times.h"
 
 #include <Poco/Clock.h>
@@ -18,20 +15,7 @@
 
 namespace Nubo::ServiceDiscovery::Testing {
 
-using Event = TestStateMachine::Event;
-using State = SDService::State;
-using Type = SDService::Type;
-
 namespace {
-
-/// Opens the hub's sender, so that it knows the unit's address without being started.
-template <auto member>
-struct Sender
-{
-    friend Multicast::MulticastSender& senderOf(SDCommunicationHub& hub) { return hub.*member; }
-};
-template struct Sender<&SDCommunicationHub::m_sender>;
-Multicast::MulticastSender& senderOf(SDCommunicationHub& hub);
 
 constexpr unsigned short firstPort = 1000;
 constexpr Poco::Clock::ClockDiff longAfterATTL = 200'000'000;  // microseconds
@@ -43,7 +27,7 @@ double threadMicroseconds()
     return static_cast<double>(time.tv_sec) * 1e6 + static_cast<double>(time.tv_nsec) / 1e3;
 }
 
-/// The least of several times, in microseconds.
+/// Returns the shortest of several times, in microseconds.
 template <class Call>
 double costOf(Call call)
 {
@@ -56,33 +40,30 @@ double costOf(Call call)
     return least;
 }
 
-/// A unit at fd00::1 that announces so many instances of "Own" there, at ports from 1000 on.
-struct ReflectedOffersTest : ::testing::Test
+/// A unit at fd00::1.
+struct ReflectedOffersTest : UnloggedStateMachineFixture
 {
-    ReflectedOffersTest()
-    {
-        senderOf(engine.hub).init(Poco::Net::IPAddress("fd00::1"));
-        machine.run();
-    }
+    ReflectedOffersTest() { setAddress("fd00::1"); }
+
+    /// Gives the unit an address, as a start does.
+    void setAddress(const std::string& address) { engine.hub.m_sender.init(Poco::Net::IPAddress(address)); }
 
     static unsigned short port(int number) { return static_cast<unsigned short>(firstPort + number); }
 
+    /// Announces that many instances of "Own" at fd00::1, at ports from 1000 on.
     void announce(int count)
     {
         for (int i = 0; i < count; ++i)
             machine.putPeriodic(makeRecord(Type::ANNOUNCED, State::MAIN_PHASE, "Own", "fd00::1", port(i)));
     }
 
-    /// Whether the offer is known for one of the unit's own.
+    /// Hands the machine an offer. Returns whether it was recognised as one of the unit's own.
     bool isReflected(const std::string& name, const std::string& address, unsigned short offered)
     {
         const std::uint64_t before = machine.reflectedOffers();
         EXPECT_TRUE(machine.handle(Event::SOMEIP_OFFER, makeService(name, address, offered)));
         return machine.reflectedOffers() == before + 1;
     }
-
-    EngineFixture engine;
-    TestStateMachine machine{engine.hub};
 };
 
 /// The ports of this unit's services of a name, by workload.
@@ -93,7 +74,7 @@ struct OwnPorts
     std::vector<int> aperiodic;
 };
 
-/// The last of so many is offered by another unit.
+/// Another unit sends back the offer of the last of `count` instances.
 struct ReflectionCost : ReflectedOffersTest
 {
     explicit ReflectionCost(int count)
@@ -111,7 +92,7 @@ struct ReflectionCost : ReflectedOffersTest
     double ofOffers = 0;
 };
 
-/// The unit's address changes while it announces so many instances, and others offer as many.
+/// The unit's address changes while it announces `count` instances and others offer as many.
 struct AddressChangeCost : ReflectedOffersTest
 {
     explicit AddressChangeCost(int count)
@@ -120,7 +101,7 @@ struct AddressChangeCost : ReflectedOffersTest
         for (int i = 0; i < count; ++i)
             machine.putPeriodic(makeRecord(Type::DISCOVERED, State::MAIN_PHASE, "Own", "fd00::2", port(i)));
         ofInterval = costOf([&] {
-            senderOf(engine.hub).init(Poco::Net::IPAddress("fd00::1"));
+            setAddress("fd00::1");
             machine.periodicTick();
         });
     }
@@ -156,7 +137,7 @@ TEST_F(ReflectedOffersTest, AreKnownWhateverTheirProtocol)
 
 TEST_F(ReflectedOffersTest, AreKnownByAnAddressThatWasAddedWithAScope)
 {
-    senderOf(engine.hub).init(Poco::Net::IPAddress("fe80::1"));
+    setAddress("fe80::1");
     machine.putPeriodic(makeRecord(Type::ANNOUNCED, State::MAIN_PHASE, "Own", "fe80::1%lo", port(0)));
 
     EXPECT_TRUE(isReflected("Own", "fe80::1", port(0)));
@@ -171,9 +152,9 @@ TEST_F(ReflectedOffersTest, AreKnownWhileTheServiceIsInTheAperiodicWorkload)
 
 TEST_F(ReflectedOffersTest, AreNoneOfAServiceThatOnlyOthersOffer)
 {
-    senderOf(engine.hub).init(Poco::Net::IPAddress("fd00::9"));
+    setAddress("fd00::9");
     EXPECT_FALSE(isReflected("Foreign", "fd00::1", port(0)));
-    senderOf(engine.hub).init(Poco::Net::IPAddress("fd00::1"));
+    setAddress("fd00::1");
     machine.putPeriodic(makeRecord(Type::ANNOUNCED, State::MAIN_PHASE, "Foreign", "fd00::1", port(1)));
 
     EXPECT_TRUE(machine.handle(Event::SOMEIP_OFFER, makeService("Foreign", "fd00::1", port(0))));
@@ -188,7 +169,7 @@ TEST_F(ReflectedOffersTest, CostNoMoreTheMoreInstancesTheUnitHas)
 
 TEST_F(ReflectedOffersTest, OfAllServicesEndInTheIntervalAfterAnAddressCame)
 {
-    senderOf(engine.hub).init(Poco::Net::IPAddress("fd00::9"));
+    setAddress("fd00::9");
     machine.periodicTick();
     const std::vector<OwnPorts> services{
         {"Both", {0}, {1}}, {"Periodic", {2, 3}, {}}, {"Aperiodic", {}, {4, 5}}};
@@ -206,7 +187,7 @@ TEST_F(ReflectedOffersTest, OfAllServicesEndInTheIntervalAfterAnAddressCame)
         }
     }
 
-    senderOf(engine.hub).init(Poco::Net::IPAddress("fd00::1"));
+    setAddress("fd00::1");
     machine.periodicTick();
 
     for (const OwnPorts& own : services) {

@@ -2,13 +2,16 @@
 #include "LogicLayer/SDCommunicationHub.h"
 #include "support/Descriptions.h"
 #include "support/LogCatcher.h"
+#include "support/MediaOffer.h"
 #include "support/Packets.h"
+#include "support/Process.h"
 #include "support/TestUnit.h"
 #include "support/Times.h"
 
 #include <Poco/Delegate.h>
 #include <Poco/Exception.h>
 
+#include <cstddef>
 #include <cstdint>
 #include <memory>
 #include <ostream>
@@ -24,7 +27,6 @@ namespace Nubo::ServiceDiscovery::Testing {
 
 using Type = SDService::Type;
 using Poco::Net::IPAddress;
-using ::testing::Contains;
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 using ::testing::Not;
@@ -34,29 +36,6 @@ namespace {
 
 constexpr auto missingDispatcher = "Can not start MulticastReceiver, OEM-Dispatcher is not available!";
 constexpr Poco::Clock::ClockDiff second = 1000000;
-
-/// Opens the hub's session counter, which shows in nothing but the packets on the network.
-template <auto operation>
-struct SessionCounter
-{
-    friend std::uint16_t takeSessionID(SDCommunicationHub& hub) { return (hub.*operation)(); }
-};
-template struct SessionCounter<&SDCommunicationHub::nextSessionID>;
-std::uint16_t takeSessionID(SDCommunicationHub& hub);
-
-/// A description whose packet has that size.
-NuboServiceDescription describeInPacketOf(std::size_t bytes)
-{
-    constexpr std::size_t withoutCategories = 126;
-    constexpr std::size_t perCategory = 1 + 9;  // length byte and "category="
-    constexpr std::size_t longestCategory = 255 - 9;
-    NuboServiceDescription description = describe("Media");
-    std::size_t left = bytes - withoutCategories;
-    for (; left > perCategory + longestCategory; left -= perCategory + longestCategory)
-        description.addCategory(std::string(longestCategory, 'x'));
-    description.addCategory(std::string(left - perCategory, 'x'));
-    return description;
-}
 
 struct SDCommunicationHubTest : ::testing::Test
 {
@@ -107,6 +86,7 @@ TEST(SDCommunicationHubConstructionTest, WithoutADispatcherThereIsNoHub)
     const PlatformScope platform;
     ServiceDiscovery facade;
     PlatformScope::withdraw();
+    const std::size_t descriptors = openDescriptors();
 
     try {
         const SDCommunicationHub hub(facade);
@@ -114,7 +94,9 @@ TEST(SDCommunicationHubConstructionTest, WithoutADispatcherThereIsNoHub)
     }
     catch (const Poco::Exception& exception) {
         EXPECT_EQ(exception.message(), missingDispatcher);
+        EXPECT_STREQ(exception.name(), "Exception");
     }
+    EXPECT_EQ(openDescriptors(), descriptors);
 }
 
 TEST(SDCommunicationHubConstructionTest, NullDispatcherIsAnErrorInTheLogAndLeavesAHubWithoutInterfaces)
@@ -242,6 +224,19 @@ TEST_F(SDCommunicationHubTest, RequestsWithoutARecordOrAnIdentifierAreRefused)
                     "Error: SDStateMachine::onExternalEvent: received nullptr Service or empty UUID."));
 }
 
+TEST_F(SDCommunicationHubTest, PacketOfTheTrialIsKeptForTheFirstInstance)
+{
+    SDService::Ptr first = makeService("Media");
+    SDService::Ptr second = makeService("Media", "fd00::1", 9000);
+
+    EXPECT_TRUE(unit.hub.addService(first));
+    EXPECT_TRUE(unit.hub.addService(second));
+
+    EXPECT_NE(first->getPacket(), "");
+    EXPECT_EQ(second->getInstanceId(), 2);
+    EXPECT_EQ(second->getPacket(), "") << "it has another number now";
+}
+
 TEST_F(SDCommunicationHubTest, ServiceWhosePacketFillsTheMTUIsAdded)
 {
     EXPECT_TRUE(add(describeInPacketOf(1212)));
@@ -337,10 +332,10 @@ TEST_F(SDCommunicationHubTest, ServiceWithoutANameIsNeitherAddedNorSearchedFor)
 TEST_F(SDCommunicationHubTest, SessionIDsRunFromOneTo0xFFFEAndStartAgainAtOne)
 {
     for (unsigned expected = 1; expected <= 0xfffe; ++expected)
-        ASSERT_EQ(takeSessionID(unit.hub), expected);
+        ASSERT_EQ(unit.hub.m_outgoing.nextSessionID(), expected);
 
-    EXPECT_EQ(takeSessionID(unit.hub), 1);
-    EXPECT_EQ(takeSessionID(unit.hub), 2);
+    EXPECT_EQ(unit.hub.m_outgoing.nextSessionID(), 1);
+    EXPECT_EQ(unit.hub.m_outgoing.nextSessionID(), 2);
 }
 
 TEST_F(SDCommunicationHubTest, TrialPacketsOfAddedAndSearchedServicesTakeNoSessionID)
@@ -349,7 +344,7 @@ TEST_F(SDCommunicationHubTest, TrialPacketsOfAddedAndSearchedServicesTakeNoSessi
     add(describeInPacketOf(1213));
     find("Navi");
 
-    EXPECT_EQ(takeSessionID(unit.hub), 1);
+    EXPECT_EQ(unit.hub.m_outgoing.nextSessionID(), 1);
 }
 
 TEST_F(SDCommunicationHubTest, AnnouncedPacketsTakeASessionIDEach)
@@ -358,7 +353,7 @@ TEST_F(SDCommunicationHubTest, AnnouncedPacketsTakeASessionIDEach)
                        makeRecord(Type::WANTED, SDService::State::REPETITION_PHASE)});
     unit.hub.announce(makeRecord(Type::ANNOUNCED, SDService::State::MAIN_PHASE));
 
-    EXPECT_EQ(takeSessionID(unit.hub), 4);
+    EXPECT_EQ(unit.hub.m_outgoing.nextSessionID(), 4);
 }
 
 TEST_F(SDCommunicationHubTest, SingleAnnouncementIsAListOfOne)
@@ -391,6 +386,14 @@ TEST_F(SDCommunicationHubTest, RecordWithoutARoleEndsTheAnnouncementUnsent)
                                 "Error: SDCommunicationHub - Exception caught while announcing services! "
                                 "(Runtime exception: Failed to create SD packet"));
     }
+}
+
+TEST_F(SDCommunicationHubTest, RecordWhosePacketIsLargerThanTheMTUIsNotSent)
+{
+    unit.hub.announce(serviceOfSize(1213));
+
+    EXPECT_THAT(log.errors(), ElementsAre("Error: SDCommunicationHub - Exception caught while announcing "
+                                          "services! (Bad data format: SD packet exceeds the MTU"));
 }
 
 TEST_F(SDCommunicationHubTest, NullRecordEndsTheAnnouncementUnsent)

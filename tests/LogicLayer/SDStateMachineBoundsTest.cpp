@@ -69,7 +69,7 @@ struct SDStateMachineBoundsTest : ::testing::Test
     bool get(const std::string& name) { return machine.handle(Event::HTTP_GET, search(name)); }
     bool offer(const SDService::Ptr& service) { return machine.handle(Event::SOMEIP_OFFER, service); }
 
-    /// Lets so many further services of that unit be known, as if they had been offered just now.
+    /// Makes `count` further services of that unit known, as if they had been offered just now.
     void fill(std::size_t count, std::uint32_t sender)
     {
         SDService::Ptr one;
@@ -85,10 +85,10 @@ struct SDStateMachineBoundsTest : ::testing::Test
             machine.putPeriodic(makeDiscovered(name, static_cast<unsigned short>(++m_lastFiller), sender));
     }
 
-    /// Lets the service that has gone longest without an offer have gone that long.
+    /// Sets the age of the service whose last offer is the oldest.
     void ageStalest(Poco::Clock::ClockDiff age) { machine.m_index.stalest()->renewed = SDClock::now() - age; }
 
-    /// What the registry was told: "+Media uuid-1", "-Media uuid-1".
+    /// The events of the registry: "+Media uuid-1", "-Media uuid-1".
     std::vector<std::string> events() const
     {
         std::vector<std::string> result;
@@ -173,7 +173,7 @@ TEST_F(SDStateMachineBoundsTest, PauseOfTheUnitMakesNothingStale)
     EXPECT_TRUE(offer(makeOffer("Media", 9001, 1)));
     fillName("Media", placesOfAName - 1, 3);
 
-    SDClock::turn(2 * stale);  // nothing was heard, and the interval has not come yet
+    SDClock::turn(2 * stale);  // nothing was received, and the interval is not over yet
     EXPECT_FALSE(offer(makeOffer("Media", 9002, 2)));
     machine.periodicTick();
     EXPECT_FALSE(offer(makeOffer("Media", 9002, 2)));
@@ -216,7 +216,7 @@ TEST_F(SDStateMachineBoundsTest, OfServicesThatHaveGoneEquallyLongTheOneOfferedF
     for (const char* name : {"A", "B", "C"})
         EXPECT_TRUE(offer(makeOffer(name, 1, 1)));
     fill(places - 3, 3);
-    EXPECT_TRUE(offer(makeOffer("A", 1, 1)));  // so that it comes last of all
+    EXPECT_TRUE(offer(makeOffer("A", 1, 1)));  // moves it to the end
     const Poco::Clock then = SDClock::now();
     for (WorkloadEntry& entry : machine.m_periodicWorkload)
         entry.renewed = then;
@@ -303,7 +303,7 @@ TEST_F(SDStateMachineBoundsTest, ServiceThatIsSearchedForDisplacesToo)
 
 namespace {
 
-/// Why an offered service is not taken in.
+/// A reason why an offered service is refused.
 struct RefusalCase
 {
     const char* name;

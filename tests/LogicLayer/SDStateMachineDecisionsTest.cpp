@@ -1,9 +1,6 @@
-// What the state machine decides where two answers would do for most records.
+// Decisions of the state machine that make no difference for most records.
 
-#include "support/Descriptions.h"
-#include "support/LogCatcher.h"
-#include "support/RecordingHub.h"
-#include "support/TestStateMachine.h"
+#include "StateMachineFixture.h"
 
 #include <Poco/Exception.h>
 
@@ -18,9 +15,6 @@
 
 namespace Nubo::ServiceDiscovery::Testing {
 
-using Event = TestStateMachine::Event;
-using State = SDService::State;
-using Type = SDService::Type;
 using ::testing::Each;
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
@@ -28,37 +22,7 @@ using ::testing::SizeIs;
 
 namespace {
 
-constexpr Poco::Clock::ClockDiff second = 1000000;
-constexpr Poco::Clock::ClockDiff hour = 3600 * second;
-
-/// What another unit's offer brings.
-SDService::Ptr offered(const std::string& name = "Media", const std::string& address = "fd00::2",
-                       unsigned int ttl = 120)
-{
-    SDService::Ptr service = makeService(name, address);
-    service->setTTL(ttl);
-    return service;
-}
-
-SDService::Ptr discovered(State::State_t state = State::MAIN_PHASE)
-{
-    return makeRecord(Type::DISCOVERED, state, "Media", "fd00::2");
-}
-
-struct SDStateMachineDecisionsTest : ::testing::Test
-{
-    SDStateMachineDecisionsTest() { machine.run(); }
-
-    bool offer(const SDService::Ptr& service) { return machine.handle(Event::SOMEIP_OFFER, service); }
-    bool stopOffer(const SDService::Ptr& service) { return machine.handle(Event::SOMEIP_STOPOFFER, service); }
-
-    std::vector<std::string> aperiodic() const { return summaries(machine.aperiodic()); }
-    std::vector<std::string> periodic() const { return summaries(machine.periodic()); }
-
-    EngineFixture engine;
-    TestStateMachine machine{engine.hub};
-    LogCatcher log;
-};
+using SDStateMachineDecisionsTest = RunningStateMachineFixture;
 
 struct SDStateMachineExpiryTest : SDStateMachineDecisionsTest, ::testing::WithParamInterface<State::State_t>
 {};
@@ -75,7 +39,7 @@ struct ExceptionCase
 struct SDStateMachineExceptionTest : SDStateMachineDecisionsTest, ::testing::WithParamInterface<ExceptionCase>
 {};
 
-/// Admits everything, and writes down what it was asked about.
+/// Admits everything and records what it was asked about.
 class AskedStateMachine : public TestStateMachine
 {
 public:
@@ -147,12 +111,12 @@ TEST_F(SDStateMachineDecisionsTest, WhatHasNotSettledOutlivesAStopAndARestartBut
 
 TEST_F(SDStateMachineDecisionsTest, RenewalSetsAShorterTimeToLiveToo)
 {
-    offer(offered("Media", "fd00::2", 300));
+    offer(offered("Media", "fd00::2", 8080, 300));
     SDService::Ptr known = machine.periodic().front();
 
-    EXPECT_TRUE(offer(offered("Media", "fd00::2", 5)));
+    EXPECT_TRUE(offer(offered("Media", "fd00::2", 8080, 5)));
     EXPECT_EQ(known->getTTL(), 5u);
-    EXPECT_TRUE(machine.renew(*offered("Media", "fd00::2", 3)));
+    EXPECT_TRUE(machine.renew(*offered("Media", "fd00::2", 8080, 3)));
     EXPECT_EQ(known->getTTL(), 3u);
 
     SDClock::turn(3 * second);
@@ -162,7 +126,7 @@ TEST_F(SDStateMachineDecisionsTest, RenewalSetsAShorterTimeToLiveToo)
 
 TEST_P(SDStateMachineExpiryTest, DiscoveredServiceGoesWhenItsTimeToLiveHasElapsed)
 {
-    SDService::Ptr service = discovered(GetParam());
+    SDService::Ptr service = makeRecord(Type::DISCOVERED, GetParam(), "Media", "fd00::2");
     service->setTTL(120);
     machine.putPeriodic(service);
     SDClock::turn(119 * second);
@@ -208,11 +172,11 @@ TEST_F(SDStateMachineDecisionsTest, ServiceThatIsSearchedForIsNotAskedAbout)
     EXPECT_THAT(asked.periodic(), SizeIs(1));
 }
 
-// Records that have no business where they are
+// Records in the wrong workload or phase
 
 TEST_F(SDStateMachineDecisionsTest, OfferReportsAKnownInstanceThatIsNotInItsMainPhase)
 {
-    SDService::Ptr known = discovered(State::SHUTDOWN_PHASE);
+    SDService::Ptr known = makeRecord(Type::DISCOVERED, State::SHUTDOWN_PHASE, "Media", "fd00::2");
     known->setTTL(1);
     machine.putPeriodic(known);
 
@@ -248,7 +212,7 @@ TEST_F(SDStateMachineDecisionsTest, StopOfferReportsADiscoveredAperiodicRecordBe
     machine.putPeriodic(discovered());
     machine.putAperiodic(discovered());
 
-    EXPECT_FALSE(stopOffer(offered("Media", "fd00::2", 0)));
+    EXPECT_FALSE(stopOffer(offered("Media", "fd00::2", 8080, 0)));
 
     EXPECT_THAT(periodic(), ElementsAre("Media DISCOVERED MAIN_PHASE #1"));
     EXPECT_THAT(engine.registry.events(), IsEmpty());
@@ -268,7 +232,7 @@ TEST_F(SDStateMachineDecisionsTest, RegistryIsToldOfAStoppedServiceWithTheWorklo
             machine.m_workloadMutex.unlock();
     };
 
-    stopOffer(offered("Media", "fd00::2", 0));
+    stopOffer(offered("Media", "fd00::2", 8080, 0));
 
     EXPECT_THAT(couldLock, ElementsAre(false));
     EXPECT_EQ(engine.registry.gone("Media"), 1u);

@@ -1,4 +1,5 @@
 #include "DataLayer/SDClock.h"
+#include "IntervalFixture.h"
 #include "support/Descriptions.h"
 #include "support/OfferedRecords.h"
 #include "support/Packets.h"
@@ -30,27 +31,12 @@
 
 namespace Nubo::ServiceDiscovery::Testing {
 
-using Event = TestStateMachine::Event;
-using State = SDService::State;
-using Type = SDService::Type;
 using Milliseconds = std::chrono::duration<double, std::milli>;
 using ::testing::AllOf;
 using ::testing::Ge;
 using ::testing::Le;
 
 namespace {
-
-/// Opens the mutex that is held by the thread that gets the machine's mutex next.
-template <auto member>
-struct TurnMutex
-{
-    friend Poco::FastMutex& turnMutexOf(SDStateMachine& machine) { return machine.*member; }
-};
-template struct TurnMutex<&SDStateMachine::m_turnMutex>;
-Poco::FastMutex& turnMutexOf(SDStateMachine& machine);
-
-constexpr Poco::Clock::ClockDiff millisecond = 1000;
-constexpr Poco::Clock::ClockDiff second = 1000 * millisecond;
 
 Milliseconds durationOf(const std::function<void()>& call)
 {
@@ -59,15 +45,9 @@ Milliseconds durationOf(const std::function<void()>& call)
     return std::chrono::steady_clock::now() - begin;
 }
 
-struct SDStateMachineExpiryTest : ::testing::Test
+struct SDStateMachineExpiryTest : IntervalFixture
 {
-    SDStateMachineExpiryTest()
-    {
-        machine.run();
-        machine.putPeriodic(makeRecord(Type::ANNOUNCED, State::MAIN_PHASE, "Own"));
-    }
-
-    /// Lets so many services be known whose time-to-live runs out in a second.
+    /// Makes `count` services known whose time-to-live runs out in a second.
     void know(std::size_t count)
     {
         for (std::size_t i = 0; i < count; ++i) {
@@ -77,19 +57,13 @@ struct SDStateMachineExpiryTest : ::testing::Test
             machine.putPeriodic(service);
         }
     }
-
-    std::size_t offersOfOwn() const { return engine.hub.sent("Own").size(); }
-    std::size_t known() const { return machine.m_index.discovered(); }
-
-    EngineFixture engine;
-    TestStateMachine machine{engine.hub};
 };
 
-/// Asks the machine for something over and over on a thread of its own, as callers and the network do.
+/// Calls the machine over and over on a separate thread, as callers and the network do.
 class Caller
 {
 public:
-    /// `progress` is how far the work is that keeps the mutex.
+    /// `progress` returns how far the work that holds the mutex has advanced.
     Caller(const TestStateMachine& machine, std::function<std::size_t()> progress)
         : m_thread([this, &machine, work = std::move(progress)] {
             while (!m_isOver) {
@@ -104,7 +78,7 @@ public:
     Caller(const Caller&) = delete;
     Caller& operator=(const Caller&) = delete;
 
-    /// The most that was worked off during one call.
+    /// Returns the largest progress during one call.
     std::size_t end()
     {
         m_isOver = true;
@@ -203,7 +177,7 @@ TEST_F(SDStateMachineExpiryTest, CallersHaveTheMutexNowAndThenWhileMuchIsWithdra
 
 namespace {
 
-/// A subscriber that keeps nothing.
+/// A subscriber that stores nothing.
 struct CountingRegistry
 {
     explicit CountingRegistry(ServiceDiscovery& facade) : discovery(facade)
@@ -227,14 +201,14 @@ struct CountingRegistry
 /// Whether a thread waits for the machine's mutex.
 bool isAwaited(TestStateMachine& machine)
 {
-    Poco::FastMutex& turn = turnMutexOf(machine);
+    Poco::FastMutex& turn = machine.m_turnMutex;
     if (!turn.tryLock())
         return true;
     turn.unlock();
     return false;
 }
 
-/// A caller that waits for the mutex while the first of two records is worked on, and whether it has had the
+/// A caller that waits for the mutex while the first of two records is handled. Notes whether it got the
 /// mutex before the second.
 class WaitingCaller
 {
@@ -249,7 +223,7 @@ public:
     WaitingCaller(const WaitingCaller&) = delete;
     WaitingCaller& operator=(const WaitingCaller&) = delete;
 
-    /// Called with the mutex held, for each of the records: the first takes until that long after `begin`.
+    /// Called for each record with the mutex held. The first call returns that long after `begin`.
     void work(const Poco::Clock& begin, Poco::Clock::ClockDiff duration)
     {
         if (++m_records == 1) {
@@ -273,15 +247,14 @@ private:
     bool m_wasServed = false;
 };
 
-/// From what the time that the first record takes is counted: a moment before the work on the records begins,
-/// or one after it has begun.
+/// Start of the time that the first record takes: before the work on the records begins, or after.
 enum class Since
 {
     Before,
     Begun
 };
 
-/// Has the work of an interval done on two services that have run out, the first of which takes so long.
+/// Handles an interval with two services that have run out, the first of which takes that long.
 struct Expiry
 {
     Expiry(Poco::Clock::ClockDiff duration, Since since) : caller(machine)
@@ -311,7 +284,7 @@ struct Expiry
     WaitingCaller caller;
 };
 
-/// A caller whose offer the registry is told of while the others wait for the mutex, for so long.
+/// A caller whose offer keeps the registry busy for `duration` while the other threads wait for the mutex.
 class SlowOffer
 {
 public:
@@ -333,7 +306,7 @@ public:
     SlowOffer(const SlowOffer&) = delete;
     SlowOffer& operator=(const SlowOffer&) = delete;
 
-    /// Called with the mutex held: the offer comes in once that is given back, as it is after 10 ms.
+    /// Call it with the mutex held: the offer comes in when the mutex is unlocked, which happens after 10 ms.
     void begin()
     {
         if (m_thread.joinable())
@@ -445,7 +418,7 @@ TEST(SDStateMachineFullTest, EverythingKnownRunsOutInShortIntervalsWhateverItsHa
         machine.putPeriodic(makeRecord(Type::ANNOUNCED, State::MAIN_PHASE, "Own" + std::to_string(i)));
     SDService::Ptr service;
     for (std::size_t i = 0; i < places; ++i) {
-        if (i % 16 == 0) {  // records take long to make
+        if (i % 16 == 0) {  // making records takes time
             service = makeDiscovered("Foreign" + std::to_string(i / 4096), static_cast<unsigned short>(i), 1,
                                      static_cast<unsigned short>(i % 4096));
             service->setTTL(1);
@@ -466,7 +439,7 @@ TEST(SDStateMachineFullTest, EverythingKnownRunsOutInShortIntervalsWhateverItsHa
     EXPECT_LE(longest.count(), (Milliseconds(1000) + lateness).count()) << "until the next cyclic offers";
 }
 
-/// The process may stand still while it looks for what has run out: what is offered meanwhile is not heard.
+/// The process may be suspended while it looks for expired services, and then misses their offers.
 TEST_F(SDStateMachineExpiryTest, OnlyThatIsTakenForGoneWhichHadRunOutWhenTheIntervalBegan)
 {
     know(1);
@@ -484,7 +457,7 @@ TEST_F(SDStateMachineExpiryTest, OnlyThatIsTakenForGoneWhichHadRunOutWhenTheInte
 
 namespace {
 
-/// What a machine holds, and what was told of it.
+/// The records of a machine, and the events that it raised.
 struct StateAfterTest : ::testing::TestWithParam<std::string>
 {
     static std::vector<std::string> stateAfter(const std::string& event, bool throws)

@@ -1,13 +1,10 @@
 #include "DataLayer/SDClock.h"
-#include "support/Descriptions.h"
+#include "IntervalFixture.h"
 #include "support/OfferedRecords.h"
-#include "support/RecordingHub.h"
-#include "support/TestStateMachine.h"
 #include "support/Times.h"
 #include "support/Waiting.h"
 
 #include <Poco/Net/SocketAddress.h>
-#include <Poco/NotificationQueue.h>
 #include <Poco/Thread.h>
 
 #include <chrono>
@@ -18,46 +15,16 @@
 
 namespace Nubo::ServiceDiscovery::Testing {
 
-using Event = TestStateMachine::Event;
-using State = SDService::State;
-using Type = SDService::Type;
 using Milliseconds = std::chrono::duration<double, std::milli>;
 
 namespace {
 
-/// Opens the datagrams that wait for the request handler.
-template <auto member>
-struct RequestHandlerQueue
-{
-    friend Poco::NotificationQueue& queueOf(SDCommunicationHub& hub) { return hub.*member; }
-};
-template struct RequestHandlerQueue<&SDCommunicationHub::m_requestHandlerQueue>;
-Poco::NotificationQueue& queueOf(SDCommunicationHub& hub);
-
-constexpr Poco::Clock::ClockDiff millisecond = 1000;
-constexpr Poco::Clock::ClockDiff second = 1000 * millisecond;
-
-struct IntervalTest : ::testing::Test
-{
-    IntervalTest()
-    {
-        machine.run();
-        machine.putPeriodic(makeRecord(Type::ANNOUNCED, State::MAIN_PHASE, "Own"));
-    }
-
-    std::size_t offersOfOwn() const { return engine.hub.sent("Own").size(); }
-    std::size_t known() const { return machine.m_index.discovered(); }
-
-    EngineFixture engine;
-    TestStateMachine machine{engine.hub};
-};
-
-/// Nothing was received for a while, in which other units went on offering.
-struct LateIntervalTest : IntervalTest
+/// Nothing was received for a while, although other units went on offering.
+struct LateIntervalTest : IntervalFixture
 {
     LateIntervalTest()
     {
-        machine.periodicTick();  // the one before
+        machine.periodicTick();  // the previous interval
         EXPECT_TRUE(machine.handle(Event::SOMEIP_OFFER, makeOffer("Foreign", 1, 1, 3)));
     }
 
@@ -132,7 +99,8 @@ TEST_F(LateIntervalTest, IsAlsoTheFirstOneAfterAStart)
     EXPECT_EQ(gone(), 0u);
 }
 
-/// Between the start and the second interval there is no whole cycle with the time that an offer may be late.
+/// The time between the start and the second interval is shorter than a cycle plus the delay that an offer
+/// may have.
 TEST_F(LateIntervalTest, IsAlsoTheSecondOneAfterAStart)
 {
     SDClock::turn(10 * second);
@@ -157,8 +125,8 @@ TEST_F(LateIntervalTest, IsOneThatBeginsMoreThanATenthOfASecondAfterItsTime)
     EXPECT_EQ(gone(), 1u) << "not the second time";
 }
 
-/// What had run out by the interval before was looked at then; what ran out since may have been offered
-/// since.
+/// The previous interval has dealt with services that had expired by then; those that expired later may have
+/// been offered again meanwhile.
 TEST_F(LateIntervalTest, SparesWhatHasRunOutSinceTheIntervalBefore)
 {
     EXPECT_TRUE(machine.handle(Event::SOMEIP_OFFER, makeOffer("Short", 2, 1, 1)));
@@ -196,7 +164,7 @@ TEST_F(LateIntervalTest, SparesNothingFromBeforeWhenTheOthersWereHeardSince)
     EXPECT_EQ(engine.registry.gone("Other"), 0u);
 }
 
-/// Otherwise a subscriber that is slow every time would keep services for ever.
+/// Otherwise a subscriber that is always slow would keep services forever.
 TEST_F(LateIntervalTest, KeepsNothingForMoreThanTenSecondsWhenEachOneIsLate)
 {
     const Poco::Clock offered = SDClock::now();
@@ -230,7 +198,7 @@ TEST_F(LateIntervalTest, LeavesWhatHasRunOutToTheNextWhenASubscriberHangsBetween
     engine.hub.onAnnounce = [&] {
         event = std::thread(
             [&] { EXPECT_TRUE(machine.handle(Event::SOMEIP_OFFER, makeOffer("Other", 2, 1, 300))); });
-        Poco::Thread::sleep(100);  // by then it waits for the mutex, and is the next to have it
+        Poco::Thread::sleep(100);  // by then it waits for the mutex, and will get it next
     };
 
     tickAfter(1000 * millisecond);
@@ -241,8 +209,8 @@ TEST_F(LateIntervalTest, LeavesWhatHasRunOutToTheNextWhenASubscriberHangsBetween
 
 namespace {
 
-/// A datagram has come in and waits to be handled when the interval begins.
-struct WaitingDatagramTest : IntervalTest
+/// A received datagram waits to be handled when the interval begins.
+struct WaitingDatagramTest : IntervalFixture
 {
     WaitingDatagramTest()
     {
@@ -252,13 +220,13 @@ struct WaitingDatagramTest : IntervalTest
         engine.hub.onMessageReceived(datagram);
         SDClock::turn(1 * second);
     }
-    ~WaitingDatagramTest() override { queueOf(engine.hub).clear(); }
+    ~WaitingDatagramTest() override { engine.hub.m_requestHandlerQueue.clear(); }
 
-    /// As the request handler does.
+    /// Does what the request handler does with the datagram.
     void handle()
     {
         EXPECT_TRUE(machine.renew(*makeOffer("Living", 1, 1, 1)));
-        queueOf(engine.hub).clear();
+        engine.hub.m_requestHandlerQueue.clear();
     }
 
     std::size_t gone() const { return engine.registry.gone("Living"); }
@@ -292,7 +260,7 @@ TEST_F(WaitingDatagramTest, MakesTheIntervalALateOneWhenItIsNotHandledInTime)
     EXPECT_EQ(gone(), 0u);
     EXPECT_EQ(offersOfOwn(), 1u);
 
-    queueOf(engine.hub).clear();
+    engine.hub.m_requestHandlerQueue.clear();
     SDClock::turn(900 * millisecond);
     machine.periodicTick();
     EXPECT_EQ(gone(), 0u);

@@ -23,7 +23,7 @@ using ::testing::IsEmpty;
 
 namespace {
 
-/// The record that every identity below is held against.
+/// The record with which every identity below is compared.
 SDService::Ptr makeMedia()
 {
     SDService::Ptr record = makeRecord(Type::DISCOVERED, State::MAIN_PHASE, "Media", "fd00::2", 8080);
@@ -334,7 +334,7 @@ TEST_F(SDStateMachineLookupTest, PrintersListTheRecordsOfAContainer)
     EXPECT_EQ(roles.str(), " \"Media\" ANNOUNCED x MAIN_PHASE <nullptr> \"Navi\" WANTED x REPETITION_PHASE");
 }
 
-/// Whatever happens to the workloads, a look-up gives what a walk over all records gives.
+/// After any change of the workloads, a look-up finds the same records as a walk over all of them.
 TEST_F(SDStateMachineLookupTest, LookUpOverBothWorkloadsGivesWhatAPlainWalkGives)
 {
     constexpr int events = 4000;

@@ -17,7 +17,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-/// The state machine while one allocation fails, at each place where one is made.
+/// The state machine while one allocation fails, for each allocation that it makes.
 namespace Nubo::ServiceDiscovery::Testing {
 
 using Event = TestStateMachine::Event;
@@ -70,7 +70,7 @@ private:
 
 struct SDStateMachineMemoryTest : ::testing::Test
 {
-    /// A machine, and what its registry has been told.
+    /// A machine and its registry.
     struct Unit
     {
         explicit Unit(SDStateMachineMemoryTest& test) : registry(test.facade), machine(test.hub)
@@ -86,7 +86,7 @@ struct SDStateMachineMemoryTest : ::testing::Test
         bool stopOffer() { return machine.handle(Event::SOMEIP_STOPOFFER, makeOffer("Media", 1)); }
         bool remove() { return machine.handle(Event::HTTP_DELETE, nullptr, "own"); }
 
-        /// Lets whatever is due in the aperiodic workload have its turn.
+        /// Handles the record in the aperiodic workload that is due.
         void tick()
         {
             SDClock::turn(second);
@@ -100,7 +100,7 @@ struct SDStateMachineMemoryTest : ::testing::Test
         TestStateMachine machine;
     };
 
-    /// Prepares a new unit, lets it act with its n-th allocation failing, and looks at it, for each n.
+    /// For each n: prepares a new unit, acts while the n-th allocation fails, and checks the unit.
     template <class Prepare, class Act, class Check>
     void failEach(Prepare prepare, Act act, Check check)
     {
@@ -266,7 +266,7 @@ TEST_F(SDStateMachineMemoryTest, ServiceThatIsStoppedIsToldUntilTheRegistryKnows
              [](Unit& unit) {
                  EXPECT_EQ(unit.registry.gone + unit.machine.m_index.discovered(), 1u);
                  unit.machine.periodicTick();
-                 unit.stopOffer();  // where nothing could be made of the first one
+                 unit.stopOffer();  // in case the first one failed
 
                  EXPECT_EQ(unit.registry.gone, 1u) << "once";
                  EXPECT_TRUE(unit.registry.isGoneToldWithIdentifier);
@@ -297,7 +297,8 @@ TEST_F(SDStateMachineMemoryTest, ServiceThatIsDisplacedIsToldUntilTheRegistryKno
         unit.machine.putPeriodic(service);
     }
     SDClock::turn(10 * second);
-    EXPECT_TRUE(unit.offer(9999));  // containers keep their room: from now on each offer allocates as often
+    EXPECT_TRUE(unit.offer(9999));  // containers keep their capacity: from now on, each offer makes the same
+                                    // number of allocations
 
     bool hasFailed = true;
     std::size_t toldByTheTick = 0;

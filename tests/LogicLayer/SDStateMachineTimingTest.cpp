@@ -1,5 +1,5 @@
-// When the workers do what falls due. What they wait for is looked at in two ways: the interval to which a
-// worker sets its timer, to the millisecond; and real timers, with bounds that a busy machine keeps.
+// Times at which the workers handle due records. They are tested in two ways: by the interval to which a
+// worker sets its timer, to the millisecond, and with real timers, within bounds that a busy machine keeps.
 
 #include "support/Descriptions.h"
 #include "support/LogCatcher.h"
@@ -77,7 +77,7 @@ struct SDStateMachineIntervalsTest : ::testing::Test
     EngineFixture engine;
     LogCatcher log;
     TestStateMachine machine{engine.hub};
-    /// In milliseconds, whenever the timer is set; guarded by the workload mutex.
+    /// The interval of each setting of the timer, in milliseconds. Guarded by the workload mutex.
     std::vector<long> intervals;
 };
 
@@ -114,7 +114,7 @@ TEST_F(SDStateMachineIntervalsTest, TimerIsSetToTheWholeMillisecondsOfTheWaitRou
 
     Poco::Clock before;
     Poco::Clock after;
-    // Until the worker has read the clock in one and the same millisecond, and not at its edge.
+    // Repeats until the clock readings before and after fall into the same millisecond, not on its edge.
     const bool isMeasured = eventually([&] {
         before = SDClock::now();
         machine.m_aperiodicWorker.unsafe_update();
@@ -181,9 +181,9 @@ TEST_F(SDStateMachineTimingTest, AddedServiceIsSentAt0And100And300And700Millisec
 {
     constexpr int number = 10;
     std::vector<std::unique_ptr<TestStateMachine>> machines;
-    std::vector<Microseconds> after[4];  // each send, over all machines
+    std::vector<Microseconds> after[4];  // for each send, the times of all machines
 
-    // One begins after the other, so that what delays one of them on a busy computer spares the most.
+    // They begin one after the other, so that a delay on a busy computer affects few of them.
     std::vector<Poco::Clock> begins;
     for (int i = 0; i < number; ++i) {
         const std::string name = "Service" + std::to_string(i);
@@ -201,7 +201,7 @@ TEST_F(SDStateMachineTimingTest, AddedServiceIsSentAt0And100And300And700Millisec
             after[send].push_back(sent[send].time - begins[i]);
     }
 
-    constexpr Microseconds busy = 30 * millisecond;  // until a thread has its turn
+    constexpr Microseconds busy = 30 * millisecond;  // until a thread gets the processor
     constexpr Microseconds due[] = {0, 100 * millisecond, 300 * millisecond, 700 * millisecond};
     for (std::size_t send = 0; send < 4; ++send) {
         SCOPED_TRACE(send);

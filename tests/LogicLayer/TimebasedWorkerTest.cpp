@@ -1,15 +1,16 @@
 #include "DataLayer/EngineFrame.h"
 #include "LogicLayer/TimebasedWorker.h"
 #include "support/LogCatcher.h"
+#include "support/Throwing.h"
 #include "support/Waiting.h"
-
-#include <Poco/Exception.h>
 
 #include <atomic>
 #include <chrono>
+#include <cstddef>
 #include <functional>
 #include <memory>
 #include <stdexcept>
+#include <string>
 #include <thread>
 #include <vector>
 
@@ -25,7 +26,7 @@ namespace {
 
 constexpr long parked = 2147483647;
 
-/// What a worker works for: nothing here.
+/// Stands in for the state machine, to which a worker belongs.
 struct Owner
 {
     std::vector<int> workload;
@@ -53,7 +54,7 @@ public:
             work();
     }
 
-    /// Done in every interval. To be set before the start.
+    /// Called in every interval. To be set before the start.
     std::function<void()> work;
     std::atomic<int> intervals{0};
     std::atomic<bool> isOwnTimer{false};
@@ -195,18 +196,7 @@ TEST_F(TimebasedWorkerTest, WorkerCanBeStartedAgainWithItsInterval)
 TEST_F(TimebasedWorkerTest, WhatAnIntervalThrowsIsLoggedAndTheTimerGoesOn)
 {
     ProbeWorker worker(owner, 1);
-    worker.work = [&] {
-        switch (worker.intervals) {
-            case 1:
-                throw Poco::IOException("disk full");
-            case 2:
-                throw std::runtime_error("out of luck");
-            case 3:
-                throw 42;
-            default:
-                break;
-        }
-    };
+    worker.work = [&] { throwOneOfEachKind(static_cast<std::size_t>(worker.intervals)); };
 
     worker.start();
 

@@ -54,7 +54,7 @@ struct WorkloadTest : ::testing::Test
         return *index.findAll(ServiceIdentity(*makeService(name)), workload).at(0);
     }
 
-    /// The rest of a walk over the periodic workload, or over its local records.
+    /// The remaining records of a walk over the periodic workload, or over its local records.
     std::vector<std::string> walkOn()
     {
         std::vector<std::string> names;

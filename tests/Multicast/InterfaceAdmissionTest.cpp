@@ -47,7 +47,7 @@ struct InterfaceAdmissionTest : ::testing::Test
 struct UnsuitableAddressTest : InterfaceAdmissionTest, ::testing::WithParamInterface<UnsuitableAddress>
 {};
 
-/// What a user of interfaces keeps of each: the address it was admitted with.
+/// The table of a user of interfaces: each with the address with which it was admitted.
 using Table = std::map<NetworkInterface, IPAddress>;
 
 struct RemovalTest : InterfaceAdmissionTest
@@ -64,7 +64,7 @@ struct RemovalTest : InterfaceAdmissionTest
         table.emplace(admitted.interface, admitted.address);
     }
 
-    /// The name of the entry that is meant, or none.
+    /// The name of the entry that is found, or "none".
     std::string find(const std::string& name, const std::string& ip)
     {
         const auto found = Multicast::findForRemoval(

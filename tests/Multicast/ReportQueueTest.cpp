@@ -18,7 +18,7 @@ using ::testing::ElementsAre;
 
 namespace {
 
-/// Reports from another thread, each about another interface.
+/// Makes `count` reports on another thread, each about another interface.
 void reportFromElsewhere(ReportQueue& queue, std::size_t count)
 {
     std::thread([&] {
@@ -152,7 +152,7 @@ TEST(ReportQueueTest, ReportsThatAreDroppedWhileThatIsLoggedAreCountedInTheNextL
                     "were waiting."));
 }
 
-/// Of two engines, whose lines go to one log channel, which reports to both with each of them.
+/// As with two engines whose common log channel reports to both on each line.
 TEST(ReportQueueTest, ReportsFromLinesAboutReportsToTwoQueuesComeToAnEnd)
 {
     std::size_t handled = 0;

@@ -29,14 +29,14 @@ namespace {
 
 using std::chrono::milliseconds;
 
-/// How long the phase waits for what the fault may have prevented.
+/// Longest wait of a phase for an effect that the fault may have prevented.
 constexpr milliseconds patience{200};
 constexpr auto address = "fd00::1";
-/// Only then is a service withdrawn when the unit stops.
+/// Number of offers after which a service is withdrawn when the unit stops.
 constexpr std::size_t offersUntilSettled = 4;
 constexpr unsigned longestLife = 60;  // seconds
 
-/// Does what the unit's own process would do: the calls of this thread can fail.
+/// Calls the function as the unit's process would: the system calls of this thread can fail.
 template <class Action>
 void asUnit(Action action)
 {
@@ -44,7 +44,7 @@ void asUnit(Action action)
     action();
 }
 
-/// A request may fail for want of memory, and for nothing else.
+/// A request may fail only because memory is short.
 template <class Request>
 bool answer(Request request)
 {
@@ -73,7 +73,7 @@ void setLink(const std::string& name, bool isUp)
         throw std::system_error(error, std::generic_category(), "set " + name);
 }
 
-/// Ends the process when a life takes too long.
+/// Ends the process if a life takes too long.
 class Watchdog
 {
 public:

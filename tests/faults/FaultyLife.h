@@ -18,7 +18,7 @@
 
 namespace Nubo::ServiceDiscovery::Testing {
 
-/// The part of a unit's life in which a call fails.
+/// Phase of a unit's life in which a call fails.
 enum class Phase
 {
     Start,      ///< the unit is made and started
@@ -28,7 +28,7 @@ enum class Phase
     Destruction
 };
 
-/// A registry that knows which services of other units there are. No fault concerns it.
+/// A registry that knows the services of other units. Faults do not affect it.
 class KnownServices
 {
 public:
@@ -39,7 +39,7 @@ public:
     KnownServices& operator=(const KnownServices&) = delete;
 
     bool has(const std::string& name) const;
-    /// Discoveries of what was known, and losses of what was not.
+    /// Discoveries of known services, and losses of unknown ones.
     std::size_t contradictions() const;
 
 private:
@@ -68,8 +68,8 @@ private:
     const int m_former;
 };
 
-/// The surroundings of one unit after the other: a link on which another unit speaks and listens. The unit
-/// finds its interface itself, through the kernel's notices.
+/// Surroundings for one unit after the other: a link on which another unit sends and listens. The unit finds
+/// its interface itself, by the kernel's notices.
 class FaultyLife
 {
 public:
@@ -79,9 +79,9 @@ public:
     FaultyLife(const FaultyLife&) = delete;
     FaultyLife& operator=(const FaultyLife&) = delete;
 
-    /// Lives through a whole life of a unit, one phase of it under the plan, and expects that the unit goes
-    /// on or says no, works again at the latest after a restart, and leaves nothing behind. Returns how many
-    /// calls the plan could have been about.
+    /// Runs a unit's whole life with one phase under the plan. Expects that the unit goes on or refuses,
+    /// works again after a restart at the latest, and leaves nothing behind. Returns the number of calls that
+    /// the plan could concern.
     std::size_t live(Phase phase, const SystemFault::Plan& plan);
 
 private:

@@ -1,37 +1,24 @@
 #include "DataLayer/SDClock.h"
-#include "LogicLayer/SDCommunicationHub.h"
-#include "faults/HubDelegates.h"
-#include "support/Descriptions.h"
-#include "support/Listener.h"
-#include "support/LogCatcher.h"
-#include "support/Namespace.h"
-#include "support/Packets.h"
+#include "InterfaceFixture.h"
 #include "support/Process.h"
 #include "support/SystemFaults.h"
-#include "support/TestUnit.h"
 #include "support/Times.h"
-#include "support/Waiting.h"
 
-#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <cstddef>
 #include <ostream>
-#include <string>
-#include <vector>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-// Interfaces that the platform reports in any form and at any time, and that cannot always be used at once.
+// Interfaces that the platform reports in any form and at any time, and that are not always usable at once.
 namespace Nubo::ServiceDiscovery::Testing {
 
 using Poco::Net::IPAddress;
-using ::testing::Contains;
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 using ::testing::IsEmpty;
-using ::testing::Not;
 using ::testing::StartsWith;
 
 namespace {
@@ -39,56 +26,10 @@ namespace {
 constexpr Poco::Clock::ClockDiff millisecond = 1000;
 constexpr Poco::Clock::ClockDiff second = 1000 * millisecond;
 
-constexpr auto globalAddress = "fd00::1";
-constexpr auto linkLocal = "fe80::1";
+using InterfaceFaultsTest = InterfaceFixture;
 
-/// Another unit can be reached on eth0.
-struct LinkedTest : ::testing::Test
-{
-    LinkedTest()
-    {
-        network.link("eth0", globalAddress, "fd00::2");
-        network.here.addAddress("eth0", std::string(linkLocal) + "/64");
-    }
-
-    NetworkPair network;
-};
-
-/// A hub that is not started, and another unit that speaks and listens.
-struct InterfaceFaultsTest : LinkedTest
-{
-    bool start() { return unit.hub.start(IPAddress(globalAddress)); }
-
-    bool isSending()
-    {
-        const std::string name = "Own" + std::to_string(++number);
-        SDService::Ptr service = makeService(name, globalAddress, 8080, name);
-        listener.clear();
-        return unit.hub.addService(service) &&
-               eventually([&] { return !listener.datagrams().empty(); }, std::chrono::milliseconds(500));
-    }
-
-    bool isHearing()
-    {
-        const std::string name = "Far" + std::to_string(++number);
-        return eventually(
-            [&] {
-                speaker.send(Packets::offer(name));
-                return eventually([&] { return unit.registry.discovered(name) != 0; },
-                                  std::chrono::milliseconds(20));
-            },
-            std::chrono::milliseconds(500));
-    }
-
-    LogCatcher log;
-    HubUnit unit;
-    Speaker speaker{network.there, "eth0", "fd00::2"};
-    Listener listener{network.there, "eth0"};
-    int number = 0;
-};
-
-/// A hub that runs, with an interface reported whose address is not there. The listings of the interfaces
-/// that are taken show how often it is looked for.
+/// A running hub with a reported interface whose address does not exist. The number of listings of the
+/// interfaces shows how often the hub looks for it.
 struct RetryTest : InterfaceFaultsTest
 {
     RetryTest()
@@ -106,7 +47,7 @@ struct RetryTest : InterfaceFaultsTest
         return eventually([&] { return watch.calls() >= before + count; });
     }
 
-    /// The milliseconds between two attempts, on the average of so many.
+    /// Average time between two attempts, in milliseconds, over `count` attempts.
     double shortestWait(std::size_t count, double expected) const
     {
         EXPECT_TRUE(retries(1));
@@ -118,7 +59,7 @@ struct RetryTest : InterfaceFaultsTest
     SystemFault watch{{SystemCall::List, SystemFault::forEver}};
 };
 
-/// An interface that is reported with one text and taken back with another.
+/// An interface that is reported with one text and removed with another.
 struct Spelling
 {
     const char* name;
@@ -130,7 +71,7 @@ struct Spelling
 struct SpellingTest : InterfaceFaultsTest, ::testing::WithParamInterface<Spelling>
 {};
 
-/// A call that fails for a while, whose failure may pass.
+/// A call that fails for a while and may succeed later.
 struct PassingFailure
 {
     const char* name;
@@ -150,7 +91,7 @@ TEST_P(SpellingTest, RemovedInterfaceIsNeitherHeardNorSentOnAfterARestart)
     EXPECT_TRUE(isHearing());
 
     OEMInterface::RemoveServiceDiscoveryInterfacePayload report{{"eth0", GetParam().removed}};
-    reportRemoved(unit.hub, report);
+    unit.hub.onInterfaceRemoved(report);
 
     EXPECT_FALSE(isSending());
     EXPECT_THAT(joinedInterfaces(), IsEmpty());
@@ -329,11 +270,11 @@ TEST_F(InterfaceFaultsTest, ListingOfTheInterfacesServesReportsForATenthOfASecon
     const auto listingsOfASecondReport = [&](const Poco::Clock& since, Poco::Clock::ClockDiff age) {
         SDClock::turn(second);  // the listing of the first one is new
         before = SDClock::now();
-        reportAdded(unit.hub, report);
+        unit.hub.onInterfaceAdded(report);
         after = SDClock::now();
         turnTo(since, age);
         const std::size_t listings = watch.calls();
-        reportAdded(unit.hub, report);
+        unit.hub.onInterfaceAdded(report);
         return watch.calls() - listings;
     };
 
@@ -479,332 +420,6 @@ TEST_F(InterfaceFaultsTest, OwnServiceThatWasDiscoveredAtAnAddressOfALaterInterf
         return unit.registry.gone("Own") == 1;
     }));
     EXPECT_EQ(unit.registry.discovered("Own"), 1u);
-}
-
-TEST_F(InterfaceFaultsTest, BeyondAThousandAndTwentyFourTheOneThatHasBeenPendingLongestIsDisplaced)
-{
-    auto& dispatcher = unit.platform.dispatcher();
-    dispatcher.addInterface("eth0", globalAddress);
-    for (int i = 1; i < 1024; ++i)
-        dispatcher.addInterface("missing" + std::to_string(i), globalAddress);
-    EXPECT_THAT(log.errors(), IsEmpty());
-
-    network.link("eth1", "fd01::1");
-    dispatcher.addInterface("eth1", "fd01::1");
-
-    EXPECT_THAT(log.errors(), ElementsAre("Error: SDCommunicationHub - Interface \"missing1\" with IP "
-                                          "\"fd00::1\" is not waited for any longer: 1024 others stand "
-                                          "reported."));
-    EXPECT_TRUE(start());
-    EXPECT_THAT(joinedInterfaces(), ElementsAre("eth0", "eth1"));
-    EXPECT_TRUE(isHearing());
-    EXPECT_TRUE(isSending());
-}
-
-TEST_F(InterfaceFaultsTest, DisplacedInterfaceThatWasUsedIsLeft)
-{
-    auto& dispatcher = unit.platform.dispatcher();
-    dispatcher.addInterface("eth0", globalAddress);
-    network.here.ip("address delete fd00::1/64 dev eth0");
-    SDClock::turn(second);  // a new listing is taken
-    dispatcher.addInterface("eth0", globalAddress);
-    for (int i = 1; i < 1024; ++i)
-        dispatcher.addInterface("missing" + std::to_string(i), globalAddress);
-    EXPECT_THAT(joinedInterfaces(), ElementsAre("eth0"));
-
-    network.link("eth1", "fd01::1");
-    dispatcher.addInterface("eth1", "fd01::1");
-
-    EXPECT_THAT(log.errors(),
-                ElementsAre("Error: SDCommunicationHub - Interface \"eth0\" with IP \"fd00::1\" is "
-                            "not waited for any longer: 1024 others stand reported."));
-    EXPECT_THAT(joinedInterfaces(), ElementsAre("eth1"));
-}
-
-TEST_F(InterfaceFaultsTest, InterfaceWhoseNewNameIsReportedBeforeTheOldOneIsTakenBackIsUsed)
-{
-    network.here.setIPv6("eth0/keep_addr_on_down", "1");
-    unit.platform.dispatcher().addInterface("eth0", globalAddress);
-    ASSERT_TRUE(start());
-
-    network.here.ip("link set eth0 down");
-    network.here.ip("link set eth0 name eth9 up");
-    unit.platform.dispatcher().addInterface("eth9", globalAddress);
-    unit.platform.dispatcher().removeInterface("eth0", globalAddress);
-
-    EXPECT_THAT(joinedInterfaces(), ElementsAre("eth9"));
-    EXPECT_TRUE(eventually([&] { return isHearing(); })) << "the link takes up to a second";
-    EXPECT_TRUE(eventually([&] { return isSending(); }));
-    unit.platform.dispatcher().removeInterface("eth9", globalAddress);
-    EXPECT_THAT(joinedInterfaces(), IsEmpty());
-}
-
-TEST_F(InterfaceFaultsTest, InterfacesMadeAnewAndNeverTakenBackCostNothing)
-{
-    ASSERT_TRUE(start());
-    unit.platform.dispatcher().addInterface("eth0", globalAddress);
-    const std::size_t before = openDescriptors();
-
-    for (int i = 0; i < 5; ++i) {
-        network.here.ip("link delete eth0");
-        network.link("eth0", globalAddress, "fd00::2");
-        unit.platform.dispatcher().addInterface("eth0", globalAddress);
-    }
-
-    EXPECT_TRUE(eventually([&] { return openDescriptors() == before; })) << openDescriptors();
-    EXPECT_THAT(groupUsers(), ElementsAre(::testing::Pair("eth0", 1u)));
-}
-
-TEST_F(InterfaceFaultsTest, InterfacesThatGoAndAreNeverTakenBackCostNothing)
-{
-    ASSERT_TRUE(start());
-    const std::size_t before = openDescriptors();
-    for (int i = 1; i <= 5; ++i) {
-        const std::string name = "ppp" + std::to_string(i);
-        network.link(name, "fd01::1");
-        unit.platform.dispatcher().addInterface(name, "fd01::1");
-        EXPECT_TRUE(eventually([&] { return joinedInterfaces() == std::vector{name}; }))
-            << "the thread that retries the former one may be at work";
-        network.here.ip("link delete " + name);
-    }
-
-    unit.platform.dispatcher().addInterface("eth0", globalAddress);
-
-    EXPECT_TRUE(eventually([] { return joinedInterfaces() == std::vector<std::string>{"eth0"}; }));
-    EXPECT_TRUE(eventually([&] { return openDescriptors() == before + 1; }))
-        << openDescriptors() << ": the socket of eth0 is to be left";
-    EXPECT_THAT(groupUsers(), ElementsAre(::testing::Pair("eth0", 1u)));
-}
-
-TEST_F(InterfaceFaultsTest, InterfaceThatHasGoneIsUsedWithinASecondOfItsReturn)
-{
-    network.link("eth1", "fd01::1");
-    ASSERT_TRUE(start());
-    unit.platform.dispatcher().addInterface("eth0", globalAddress);
-    unit.platform.dispatcher().addInterface("eth1", "fd01::1");
-    network.here.ip("link delete eth1");
-    unit.platform.dispatcher().addInterface("eth2", "fd02::1");
-
-    network.link("eth1", "fd01::1");
-
-    EXPECT_TRUE(eventually([] { return joinedInterfaces().size() == 2; }));
-}
-
-TEST_F(InterfaceFaultsTest, InterfaceThatHasGoneMakesRoomForAnother)
-{
-    auto& dispatcher = unit.platform.dispatcher();
-    network.link("ppp1", "fd01::1");
-    dispatcher.addInterface("ppp1", "fd01::1");
-    network.here.ip("link delete ppp1");
-    for (int i = 1; i < 1024; ++i)
-        dispatcher.addInterface("missing" + std::to_string(i), globalAddress);
-
-    dispatcher.addInterface("eth0", globalAddress);
-
-    EXPECT_THAT(log.errors(), ElementsAre("Error: SDCommunicationHub - Interface \"ppp1\" with IP "
-                                          "\"fd01::1\" is not waited for any longer: 1024 others stand "
-                                          "reported."));
-    EXPECT_THAT(joinedInterfaces(), ElementsAre("eth0"));
-}
-
-TEST_F(InterfaceFaultsTest, InterfaceThatWasLetGoIsTakenBackWithoutAWarning)
-{
-    network.link("eth1", "fd01::1");
-    unit.platform.dispatcher().addInterface("eth1", "fd01::1");
-    network.here.ip("link delete eth1");
-    unit.platform.dispatcher().addInterface("eth0", globalAddress);
-    unit.platform.dispatcher().addInterface("eth2", "fd02::1");
-
-    unit.platform.dispatcher().removeInterface("eth1", "fd01::1");
-
-    EXPECT_THAT(log.complaints(), IsEmpty());
-}
-
-TEST_F(InterfaceFaultsTest, InterfaceThatTookTheIndexOfAReportedOneIsNotUsed)
-{
-    const auto make = [&](const std::string& name, int index, const std::string& address) {
-        network.here.ip("link add " + name + " index " + std::to_string(index) + " type veth peer name " +
-                        name + " netns there");
-        network.here.ip("link set " + name + " up");
-        network.there.ip("link set " + name + " up");
-        network.here.addAddress(name, address + "/64");
-    };
-    ASSERT_TRUE(start());
-    make("eth7", 77, "fd07::1");
-    unit.platform.dispatcher().addInterface("eth7", "fd07::1");
-    network.here.ip("link delete eth7");
-    make("lan7", 77, "fd08::1");
-    make("eth7", 78, "fd07::1");
-
-    unit.platform.dispatcher().addInterface("eth7", "fd07::1");
-
-    EXPECT_THAT(joinedInterfaces(), ElementsAre("eth7"));
-    Listener onReported(network.there, "eth7");
-    Listener onOther(network.there, "lan7");
-    SDService::Ptr service = makeService("Own", globalAddress, 8080, "own");
-    ASSERT_TRUE(unit.hub.addService(service));
-    EXPECT_TRUE(onReported.hears(3));
-    EXPECT_THAT(onOther.datagrams(), IsEmpty());
-    unit.platform.dispatcher().removeInterface("eth7", "fd07::1");
-    EXPECT_THAT(joinedInterfaces(), IsEmpty());
-}
-
-TEST_F(InterfaceFaultsTest, InterfaceThatGaveItsNameToAnotherIsNotUsed)
-{
-    network.here.setIPv6("eth0/keep_addr_on_down", "1");
-    ASSERT_TRUE(start());
-    unit.platform.dispatcher().addInterface("eth0", globalAddress);
-    network.here.ip("link set eth0 down");
-    network.here.ip("link set eth0 name lan0 up");
-    network.here.ip("address delete fd00::1/64 dev lan0");
-    network.here.addAddress("lan0", "fd05::1/64");
-    network.there.ip("link set eth0 down");
-    network.there.ip("link set eth0 name lan0 up");
-    network.link("eth0", globalAddress, "fd00::3");
-
-    unit.platform.dispatcher().addInterface("eth0", globalAddress);
-
-    EXPECT_THAT(joinedInterfaces(), ElementsAre("eth0"));
-    Listener onReported(network.there, "eth0");
-    Listener onOther(network.there, "lan0");
-    SDService::Ptr service = makeService("Own", globalAddress, 8080, "own");
-    ASSERT_TRUE(unit.hub.addService(service));
-    EXPECT_TRUE(onReported.hears(3));
-    EXPECT_THAT(onOther.datagrams(), IsEmpty());
-}
-
-TEST_F(InterfaceFaultsTest, InterfaceThatWasRenamedIsNotUsedUntilItsNewNameIsReported)
-{
-    network.here.setIPv6("eth0/keep_addr_on_down", "1");
-    ASSERT_TRUE(start());
-    unit.platform.dispatcher().addInterface("eth0", globalAddress);
-    network.here.ip("link set eth0 down");
-    network.here.ip("link set eth0 name lan0 up");
-
-    unit.platform.dispatcher().addInterface("eth2", "fd02::1");
-
-    EXPECT_THAT(joinedInterfaces(), IsEmpty());
-    unit.platform.dispatcher().addInterface("lan0", globalAddress);
-    EXPECT_TRUE(eventually([&] { return isSending(); })) << "the link takes up to a second";
-    EXPECT_THAT(joinedInterfaces(), ElementsAre("lan0"));
-}
-
-TEST_F(InterfaceFaultsTest, ReportsFromWithinALineOfTheLogAreHandledAfterIt)
-{
-    network.link("eth1", "fd01::1");
-    unit.platform.dispatcher().addInterface("eth1", "fd01::1");
-    log.onLine([&](const std::string& line) {
-        if (line != "Notice: ServiceDiscovery joining IPv6 Multicast Group for Interface \"eth0\".")
-            return;
-        unit.platform.dispatcher().removeInterface("eth1", "fd01::1");
-        unit.platform.dispatcher().addInterface("eth2", "fd02::1");
-    });
-    network.link("eth2", "fd02::1");
-
-    unit.platform.dispatcher().addInterface("eth0", globalAddress);
-
-    EXPECT_THAT(joinedInterfaces(), ElementsAre("eth0", "eth2"));
-}
-
-TEST_F(InterfaceFaultsTest, ReportFromWithinALineOfTheRetryingThreadIsHandledAfterIt)
-{
-    network.link("eth1", "fd01::1");
-    network.here.ip("address delete fd00::1/64 dev eth0");
-    unit.platform.dispatcher().addInterface("eth0", globalAddress);
-    ASSERT_TRUE(start());
-    log.onLine([&](const std::string& line) {
-        if (line == "Notice: ServiceDiscovery joining IPv6 Multicast Group for Interface \"eth0\".")
-            unit.platform.dispatcher().addInterface("eth1", "fd01::1");
-    });
-
-    network.here.addAddress("eth0", "fd00::1/64");
-
-    EXPECT_TRUE(eventually([] { return joinedInterfaces().size() == 2; }));
-}
-
-TEST_F(InterfaceFaultsTest, ReportFromWithinALineOfTheStopIsHandledAfterIt)
-{
-    network.link("eth1", "fd01::1");
-    unit.platform.dispatcher().addInterface("eth0", globalAddress);
-    ASSERT_TRUE(start());
-    log.onLine([&](const std::string& line) {
-        if (line == "Notice: ServiceDiscovery leaving IPv6 Multicast Group for all joined Interfaces.")
-            unit.platform.dispatcher().addInterface("eth1", "fd01::1");
-    });
-
-    unit.hub.stop();
-    EXPECT_THAT(joinedInterfaces(), ElementsAre("eth1"));
-    ASSERT_TRUE(start());
-
-    EXPECT_THAT(joinedInterfaces(), ElementsAre("eth0", "eth1"));
-}
-
-TEST_F(InterfaceFaultsTest, ReportsFromWithinEveryLineOfTheLogComeToAnEnd)
-{
-    OEMInterface::AddServiceDiscoveryInterfacePayload report{{"missing", globalAddress}};
-    log.onLine([&](const std::string&) { reportAdded(unit.hub, report); });
-
-    reportAdded(unit.hub, report);
-    reportAdded(unit.hub, report);
-    log.onLine(nullptr);
-
-    EXPECT_THAT(log.errors(),
-                ElementsAre("Error: SDCommunicationHub - 1026 reports of interfaces are dropped: 1024 others "
-                            "were made from within lines of the log.",
-                            "Error: SDCommunicationHub - 1027 reports of interfaces are dropped: 1024 others "
-                            "were made from within lines of the log."))
-        << "the second time with the one from the first of these lines";
-}
-
-/// The report has the interfaces listed, and what has gone is let go and waited for.
-TEST_F(InterfaceFaultsTest, InterfaceThatGoesBeforeAReportThatCannotBeUsedIsWaitedFor)
-{
-    ASSERT_TRUE(start());
-    unit.platform.dispatcher().addInterface("eth0", globalAddress);
-    network.here.ip("link delete eth0");
-    OEMInterface::AddServiceDiscoveryInterfacePayload report{{"eth1", "no address"}};
-    EXPECT_TRUE(eventually([&] {
-        reportAdded(unit.hub, report);
-        return joinedInterfaces().empty();
-    }));
-    reportAdded(unit.hub, report);
-
-    network.link("eth0", globalAddress, "fd00::2");
-
-    EXPECT_TRUE(eventually([] { return joinedInterfaces().size() == 1; }));
-}
-
-TEST_F(InterfaceFaultsTest, RemovalWithAnAddressThatCannotBeParsedChangesNothing)
-{
-    unit.platform.dispatcher().addInterface("eth0", globalAddress);
-    log.clear();
-    OEMInterface::RemoveServiceDiscoveryInterfacePayload report{{"eth0", "nonsense"}};
-
-    reportRemoved(unit.hub, report);
-
-    EXPECT_THAT(log.lines(),
-                ElementsAre(StartsWith("Error: ServiceDiscovery failed to leave IPv6 Multicast Group "
-                                       "on Interface \"eth0\" with IP \"nonsense\": "),
-                            StartsWith("Error: ServiceDiscovery failed to remove Interface \"eth0\" "
-                                       "with IP \"nonsense\" for sending: ")));
-    EXPECT_THAT(joinedInterfaces(), ElementsAre("eth0"));
-}
-
-TEST_F(InterfaceFaultsTest, ReportWithoutANameOrAnAddressIsAnErrorAndChangesNothing)
-{
-    unit.platform.dispatcher().addInterface("eth0", globalAddress);
-    log.clear();
-    OEMInterface::AddServiceDiscoveryInterfacePayload nameless{{nullptr, globalAddress}};
-    OEMInterface::RemoveServiceDiscoveryInterfacePayload addressless{{"eth0", nullptr}};
-
-    EXPECT_NO_THROW(reportAdded(unit.hub, nameless));
-    EXPECT_NO_THROW(reportRemoved(unit.hub, addressless));
-
-    EXPECT_THAT(
-        log.lines(),
-        ElementsAre("Error: SDCommunicationHub - an interface without a name or an address was reported.",
-                    "Error: SDCommunicationHub - an interface without a name or an address was taken back."));
-    EXPECT_THAT(joinedInterfaces(), ElementsAre("eth0"));
 }
 
 }  // namespace Nubo::ServiceDiscovery::Testing

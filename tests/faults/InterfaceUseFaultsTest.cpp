@@ -38,7 +38,7 @@ struct InterfaceUseFaultsTest : ::testing::Test
     HubUnit unit;
     LogCatcher log;
     Multicast::MulticastReceiver receiver{unit.hub, discoveryGroup, discoveryPort};
-    Multicast::MulticastSender sender{unit.hub, discoveryGroup, discoveryPort};
+    Multicast::MulticastSender sender{discoveryGroup, discoveryPort};
 };
 
 }  // namespace

@@ -9,14 +9,14 @@
 
 #include <gtest/gtest.h>
 
-/// Of Poco, a pool whose first thread does not start leaks what it has made for it, and a reactor without
-/// memory what it has made for a socket.
+/// Leaks of Poco: a thread pool leaks memory when its first thread does not start, a reactor when memory for
+/// a socket's handlers is short.
 extern "C" const char* __lsan_default_suppressions()  // NOLINT(bugprone-reserved-identifier)
 {
     return "leak:Poco::ThreadPool::createThread\nleak:Poco::Net::SocketReactor::getNotifier";
 }
 
-// Each call of the system that a unit makes fails once, at each place where it is made.
+// Each system call of a unit fails once, at each place where it is made.
 namespace Nubo::ServiceDiscovery::Testing {
 
 namespace {
@@ -38,7 +38,7 @@ struct NamedPhase
 struct SingleFaultTest : ::testing::TestWithParam<std::tuple<NamedCall, NamedPhase>>
 {};
 
-/// At no more places of each kind does a call fail, unless all are asked for: a life takes up to half a
+/// Number of places per kind at which a call fails, unless all are requested: a life takes up to half a
 /// second.
 constexpr std::size_t sample = 5;
 

@@ -2,9 +2,9 @@
 #include "LogicLayer/SDCommunicationHub.h"
 #include "Multicast/MulticastReceiver.h"
 #include "support/Descriptions.h"
+#include "support/LinkedFixture.h"
 #include "support/Listener.h"
 #include "support/LogCatcher.h"
-#include "support/Namespace.h"
 #include "support/SystemFaults.h"
 #include "support/TestUnit.h"
 #include "support/Waiting.h"
@@ -22,26 +22,22 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-// Datagrams for which there is no memory, or of which the system takes or gives less than it should.
+// Datagrams for which memory is short, or which the system sends or receives only partly.
 namespace Nubo::ServiceDiscovery::Testing {
 
 using Poco::Net::IPAddress;
-using ::testing::Contains;
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 
 namespace {
 
-struct LinkedTest : ::testing::Test
+struct TransferFaultsTest : LinkedFixture
 {
-    LinkedTest() { network.link("eth0", "fd00::1", "fd00::2"); }
-
-    NetworkPair network;
     HubUnit unit;
 };
 
-/// A hub that is not started, so that nothing but the test announces anything.
-struct SendingFaultsTest : LinkedTest
+/// A hub that is not started, so that only the test announces.
+struct SendingFaultsTest : TransferFaultsTest
 {
     SendingFaultsTest()
     {
@@ -52,7 +48,7 @@ struct SendingFaultsTest : LinkedTest
             services.push_back(service("Service" + std::to_string(i)));
     }
 
-    /// Of which each fills a datagram.
+    /// A service whose packet fills a datagram.
     static SDService::Ptr service(const std::string& name)
     {
         NuboServiceDescription description = describe(name);
@@ -63,12 +59,12 @@ struct SendingFaultsTest : LinkedTest
         return result;
     }
 
-    /// How many allocations it takes to announce the first so many.
+    /// Number of allocations for announcing the first `count` services.
     std::size_t allocationsFor(std::size_t count)
     {
         const std::vector<SDService::Ptr> first(services.begin(),
                                                 services.begin() + static_cast<std::ptrdiff_t>(count));
-        const LogThreshold level(Poco::Message::PRIO_INFORMATION);  // lines of the log take memory
+        const LogThreshold level(Poco::Message::PRIO_INFORMATION);  // log lines take memory
         const InMarkedThread marked;
         const SystemFault counting({SystemCall::Allocate, SystemFault::forEver});
         unit.hub.announce(first);
@@ -80,8 +76,8 @@ struct SendingFaultsTest : LinkedTest
     Listener listener{network.there, "eth0"};
 };
 
-/// A receiver whose thread the faults concern.
-struct ReceivingFaultsTest : LinkedTest
+/// A receiver whose thread meets the faults.
+struct ReceivingFaultsTest : TransferFaultsTest
 {
     ReceivingFaultsTest()
     {
@@ -117,7 +113,7 @@ struct ReceivingFaultsTest : LinkedTest
 TEST_F(SendingFaultsTest, MemoryForFiveDatagramsIsThereFromTheBeginning)
 {
     for (const SDService::Ptr& service : services)
-        unit.hub.announce(service);  // one after the other, each in a datagram
+        unit.hub.announce(service);  // each one in a separate datagram
 
     const std::size_t allocations = allocationsFor(preallocated);
 
@@ -178,7 +174,7 @@ TEST_F(ReceivingFaultsTest, DatagramForWhichThereIsNoMemoryIsDroppedWithAnError)
     const std::string dropped =
         "Error: MulticastReceiver - caught exception: Out of memory: Failed to "
         "allocate SocketFrame buffer";
-    constexpr std::size_t mostAllocations = 100;  // of a datagram, and the lines of the log about it
+    constexpr std::size_t mostAllocations = 100;  // per datagram, with the log lines about it
 
     std::size_t place = 0;
     while (!log.has(dropped) && place < mostAllocations) {

@@ -54,8 +54,10 @@ teardown() { [ ! -e "$PREFIX.away" ] || mv "$PREFIX.away" "$PREFIX"; }
 
 @test "the public headers are installed, and no others" {
     installed=$(cd "$PREFIX/include" && find . -type f | LC_ALL=C sort)
-    expected='./KELServiceDiscoveryLib/DataLayer/SDService.h
+    expected='./KELServiceDiscoveryLib/DataLayer/NuboServiceDescription.h
+./KELServiceDiscoveryLib/DataLayer/SDService.h
 ./KELServiceDiscoveryLib/DataLayer/ServiceDiscovery_Types.h
+./KELServiceDiscoveryLib/DataLayer/ServiceEvents.h
 ./KELServiceDiscoveryLib/DataLayer/TextList.h
 ./KELServiceDiscoveryLib/Export.h
 ./KELServiceDiscoveryLib/KELOEMInterfaceLib/Export.h
@@ -68,6 +70,7 @@ teardown() { [ ! -e "$PREFIX.away" ] || mv "$PREFIX.away" "$PREFIX"; }
 ./KELServiceDiscoveryLib/KELUtilLib/DebugUtils.h
 ./KELServiceDiscoveryLib/KELUtilLib/Export.h
 ./KELServiceDiscoveryLib/KELUtilLib/Logging.h
+./KELServiceDiscoveryLib/KnownServices.h
 ./KELServiceDiscoveryLib/ServiceDiscovery.h'
     [ "$installed" = "$expected" ] || fail "installed: $installed"
 }

@@ -1,4 +1,5 @@
 #include "support/Descriptions.h"
+#include "support/LinkedFixture.h"
 #include "support/Listener.h"
 #include "support/LogCatcher.h"
 #include "support/Namespace.h"
@@ -22,7 +23,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-/// What registries may do to the library, in any order and from any number of threads.
+/// Registries may call the library in any order and from any number of threads.
 namespace Nubo::ServiceDiscovery::Testing {
 
 using std::chrono::milliseconds;
@@ -35,21 +36,14 @@ using ::testing::Not;
 
 namespace {
 
-struct LinkedTest : ::testing::Test
-{
-    LinkedTest() { network.link("eth0", "fd00::1", "fd00::2"); }
-
-    NetworkPair network;
-};
-
-/// A unit on eth0, and another one that speaks and listens there.
-struct CallersTest : LinkedTest
+/// A unit on eth0, and another one that sends and listens there.
+struct CallersTest : LinkedFixture
 {
     CallersTest() { platform.dispatcher().addInterface("eth0", "fd00::1"); }
 
     bool startup() const { return discovery->startup(Poco::Net::IPAddress("fd00::1")); }
 
-    /// Whether the unit still does all that it is there for.
+    /// Checks that the unit still announces, discovers and withdraws.
     void expectToWork()
     {
         if (!discovery->running()) {

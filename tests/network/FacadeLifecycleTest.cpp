@@ -1,5 +1,6 @@
 #include "ServiceDiscovery.h"
 #include "support/Descriptions.h"
+#include "support/LinkedFixture.h"
 #include "support/Listener.h"
 #include "support/LogCatcher.h"
 #include "support/Namespace.h"
@@ -19,7 +20,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-// What a registry may rely on when it shuts down while datagrams come in.
+// Guarantees for a registry that shuts down while datagrams arrive.
 namespace Nubo::ServiceDiscovery::Testing {
 
 using std::chrono::milliseconds;
@@ -27,15 +28,8 @@ using ::testing::Contains;
 
 namespace {
 
-struct LinkedTest : ::testing::Test
-{
-    LinkedTest() { network.link("eth0", "fd00::1", "fd00::2"); }
-
-    NetworkPair network;
-};
-
-/// A unit on eth0, and another one that speaks there.
-struct FacadeLifecycleTest : LinkedTest
+/// A unit on eth0, and another one that sends there.
+struct FacadeLifecycleTest : LinkedFixture
 {
     FacadeLifecycleTest() { platform.dispatcher().addInterface("eth0", "fd00::1"); }
 
@@ -55,7 +49,7 @@ struct FacadeLifecycleTest : LinkedTest
     Speaker speaker{network.there, "eth0", "fd00::2"};
 };
 
-/// The packets of one datagram that offer so many services.
+/// A datagram with `count` packets, each of which offers a service.
 std::string offersOf(std::size_t count)
 {
     std::string bytes;
@@ -110,7 +104,7 @@ TEST_F(FacadeLifecycleTest,
     EXPECT_TRUE(discovers("Last"));
 }
 
-/// A log channel holds up the request handler's thread, which holds no lock.
+/// A log channel blocks the request handler's thread, which holds no lock.
 TEST_F(FacadeLifecycleTest, DoesNotSayThatItRunsWhileAStartupWaits)
 {
     LogCatcher log;

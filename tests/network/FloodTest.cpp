@@ -14,8 +14,8 @@ namespace Nubo::ServiceDiscovery::Testing {
 
 namespace {
 
-// An optimised build has to keep what the library promises; others are slower. The benchmark of floods has
-// the same floods for longer.
+// An optimised build must keep what the library promises; other builds are slower. The benchmark runs the
+// same floods for longer.
 #if defined(NDEBUG)
 constexpr bool isFast = !isSanitized;
 #else
@@ -29,10 +29,10 @@ constexpr Milliseconds recovery{isFast ? 2000 : 15000};
 constexpr std::chrono::seconds length{3};
 constexpr Milliseconds cycle{1000};
 
-/// What the unit may need beyond what it had before.
+/// Memory that the unit may need in addition, in bytes.
 std::size_t mostMemory(std::size_t discovered)
 {
-    constexpr std::size_t waitingDatagram = 512;  // beyond what it holds
+    constexpr std::size_t waitingDatagram = 512;  // in addition to its bytes
     constexpr std::size_t discoveredService = 3000;
     constexpr std::size_t ownServices = 1024 * 1024;
     return SDCommunicationHub::largestQueue + SDCommunicationHub::longestQueue * waitingDatagram +

@@ -24,7 +24,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-/// A neighbour without a secret, but with the source code:
+/// A neighbour that knows the source code, but no secret:
 ///
 ///     attacker ──eth0── unit ──eth1── other unit, observer
 namespace Nubo::ServiceDiscovery::Testing {
@@ -37,7 +37,8 @@ namespace {
 using Milliseconds = std::chrono::duration<double, std::milli>;
 using std::chrono::seconds;
 
-// An optimised build has to keep what the library promises; others are slower, and get less of everything.
+// An optimised build must keep what the library promises; other builds are slower, and get less of
+// everything.
 #if defined(NDEBUG)
 constexpr bool isFast = !isSanitized;
 #else
@@ -46,7 +47,7 @@ constexpr bool isFast = false;
 constexpr Milliseconds longestGap{isFast ? 1500 : 4000};  // between two cyclic offers
 constexpr std::size_t placesOfAName = 4096;
 
-/// An offer of the attacker's, as a packet; many of them can be in a datagram.
+/// An offer of the attacker, as a packet. A datagram can hold many.
 std::string offerOf(const std::string& name, std::size_t port, const std::string& ttl = "00 00 78")
 {
     Packets::Entry entry;
@@ -67,7 +68,7 @@ std::string findsOf(const std::string& name, std::size_t count)
                            Packets::configurationOption({"l6proto=nubo", "otherserv=" + name, "txtvers=1"}));
 }
 
-/// Takes the time between the offers of a service that are heard.
+/// Measures the time between the offers of a service that are heard.
 class OfferWatch
 {
 public:
@@ -81,7 +82,7 @@ public:
     OfferWatch(const OfferWatch&) = delete;
     OfferWatch& operator=(const OfferWatch&) = delete;
 
-    /// The longest time without one, until now.
+    /// The longest time without an offer so far.
     Milliseconds end()
     {
         m_isOver = true;
@@ -115,7 +116,7 @@ private:
     std::thread m_thread;
 };
 
-/// A subscriber that takes its time when a service is gone.
+/// A subscriber that is slow when a service is gone.
 class SlowSubscriber
 {
 public:
@@ -169,11 +170,11 @@ struct HostileNeighbourTest : ::testing::Test
     }
     bool ownIsCyclic() { return other.registry().discovered("Own") == 1; }
 
-    /// Sends the packets from that address until the unit has so many events more than now.
+    /// Sends the packets from that address until the unit has raised that many more events.
     void attack(const std::vector<std::string>& packets, std::size_t events, std::size_t from = 0)
     {
         constexpr std::size_t datagramSize = 1200;
-        constexpr std::size_t datagramsAtOnce = 20;  // that fit into the smallest of buffers
+        constexpr std::size_t datagramsAtOnce = 20;  // fit into the smallest buffer
         const std::size_t wanted = unit.registry().eventCount() + events;
         std::size_t next = 0;
         while (next < packets.size()) {
@@ -234,7 +235,7 @@ TEST_F(HostileNeighbourTest, NamesThatWereChosenToCollideDoNoHarm)
 
 TEST_F(HostileNeighbourTest, ManyInstancesAndSearchesForThemDeafenNoUnit)
 {
-    constexpr std::size_t instances = placesOfAName / 2;  // of one address
+    constexpr std::size_t instances = placesOfAName / 2;  // per address
     constexpr std::size_t datagrams = isFast ? 100 : 6;
     constexpr std::size_t findsEach = 3500;
     std::vector<std::string> offers;

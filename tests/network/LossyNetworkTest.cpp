@@ -50,7 +50,7 @@ struct LossyPair
     LossyLink link;
 };
 
-/// The same with somebody who speaks in one and somebody who listens in the other.
+/// The same with a speaker in one and a listener in the other.
 struct SpokenPair : LossyPair
 {
     using LossyPair::LossyPair;
@@ -100,13 +100,13 @@ struct LossyNetworkTest : ::testing::TestWithParam<int>
             ASSERT_TRUE(one.discovery().addService(describe(name, "fd00::1", 8080, name)));
     }
 
-    /// Whether the other unit has learnt of all the services, waited for.
+    /// Waits until the other unit knows all services; returns whether it does.
     bool allAreDiscovered(const std::vector<std::string>& names) const
     {
         return eventually([&] { return other.registry().eventCount() >= names.size(); }, seconds(30));
     }
 
-    /// How often there was such an event, of each service.
+    /// Number of such events for each service.
     std::vector<std::size_t> counts(ServiceDiscovery::EventType type,
                                     const std::vector<std::string>& names) const
     {
@@ -147,8 +147,8 @@ bool allAreHeard(Listener& listener, const std::vector<std::string>& names)
     });
 }
 
-/// How many times each service had been offered when the first offer came through. The session IDs make
-/// each datagram one of its kind.
+/// Number of offers of each service until the first one got through. The session IDs make each datagram
+/// unique.
 std::map<std::string, std::size_t> neededOffers(const std::vector<std::string>& names, Listener& sent,
                                                 Listener& arrived)
 {
@@ -282,8 +282,8 @@ TEST_P(LossyNetworkTest, NothingIsGoneWhileItsOffersComeThroughNowAndThen)
     EXPECT_EQ(other.registry().eventCount(), names.size()) << "all discovered and none gone";
 }
 
-/// A service is offered and withdrawn in datagrams of its own at first; the three that withdraw it may all
-/// be lost.
+/// At first, a service is offered and withdrawn in separate datagrams; all three that withdraw it may be
+/// lost.
 TEST_P(LossyNetworkTest, RemovedServicesAreGoneOnceWhenTheTimeToLiveIsOverAtTheLatest)
 {
     const std::vector<std::string> names = serviceNames(50);
@@ -299,8 +299,8 @@ TEST_P(LossyNetworkTest, RemovedServicesAreGoneOnceWhenTheTimeToLiveIsOverAtTheL
     EXPECT_THAT(counts(ServiceDiscovery::EventType::SERVICE_GONE, names), Each(1));
 }
 
-/// The first four offers of a service travel in datagrams of their own, so that chance treats each for
-/// itself: after n offers 1 - loss^n of the services are known. The later ones share datagrams.
+/// The first four offers of a service have separate datagrams, so that losses are independent: after n
+/// offers, 1 - loss^n of the services are known. Later offers share datagrams.
 TEST_P(LossyNetworkTest, ServicesAreDiscoveredWithTheOffersThatChanceLetsPass)
 {
     constexpr std::size_t alone = 4;

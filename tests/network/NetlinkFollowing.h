@@ -18,7 +18,7 @@ namespace Nubo::ServiceDiscovery::Testing {
 /// A dispatcher that follows the interfaces "here"; their other ends are "there".
 struct NetlinkFollowing : ::testing::Test
 {
-    /// Takes stock of what there is, and follows.
+    /// Reports the present interfaces, and follows their changes.
     void follow(std::vector<std::string> names = {})
     {
         dispatcher.emplace(std::move(names));
@@ -27,7 +27,7 @@ struct NetlinkFollowing : ::testing::Test
 
     void ip(const std::string& arguments) const { network.here.ip(arguments); }
 
-    /// Makes one more interface; when it is reported, so is everything that happened before.
+    /// Makes one more interface. Once it is reported, so are all earlier changes.
     void markEnd()
     {
         network.link("marker", "fd99::1");
@@ -37,7 +37,7 @@ struct NetlinkFollowing : ::testing::Test
         }));
     }
 
-    /// What was reported until now, and nothing else is on its way.
+    /// Everything that has been reported, when no further report is under way.
     std::vector<std::string> reported()
     {
         markEnd();
@@ -46,14 +46,14 @@ struct NetlinkFollowing : ::testing::Test
         return lines;
     }
 
-    /// Duplicate address detection takes a second or two on interfaces that are made from now on.
+    /// Makes duplicate address detection take a second or two on new interfaces.
     void detectDuplicates() const
     {
         network.here.setIPv6("default/accept_dad", "1");
         network.here.setIPv6("default/dad_transmits", "1");
     }
 
-    /// Follows until "eth0" is reported; from then on, the kernel's notices wait until the gate is opened.
+    /// Follows until "eth0" is reported. From then on, the kernel's notices wait until the gate is opened.
     void holdUp()
     {
         follow();
@@ -62,7 +62,7 @@ struct NetlinkFollowing : ::testing::Test
         ASSERT_TRUE(eventually([&] { return gate.isReached(); }));
     }
 
-    /// The same, and the kernel has more notices than it can keep.
+    /// The same, with more notices than the kernel can store.
     void fallBehind()
     {
         holdUp();

@@ -18,7 +18,7 @@ using ::testing::IsEmpty;
 
 namespace {
 
-/// Longer than what a string holds without an allocation.
+/// Too long for a string without an allocation.
 const std::string address = "fd00:1111:2222:3333:4444::1";
 
 struct NetlinkMonitorMemoryTest : NetlinkFollowing

@@ -29,8 +29,8 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-// How the dispatcher lives in its process: with few descriptors, closed standard streams, strangers that
-// write on its descriptors, and when the process forks or ends.
+// The dispatcher in a process with few descriptors, with closed standard streams, with other code that writes
+// to its descriptors, and in a process that forks or ends.
 namespace Nubo::ServiceDiscovery::Testing {
 
 using OEMInterface::NetlinkDispatcher;
@@ -63,7 +63,7 @@ public:
     DescriptorLimit(const DescriptorLimit&) = delete;
     DescriptorLimit& operator=(const DescriptorLimit&) = delete;
 
-    /// The limit with which so many more can be opened.
+    /// The limit with which `count` more descriptors can be opened.
     static rlim_t leavingFree(unsigned count)
     {
         int limit = 0;
@@ -119,7 +119,7 @@ private:
         std::vector<int> result;
         for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd"))
             result.push_back(std::stoi(entry.path().filename()));
-        // Without that of the walk.
+        // Without the one that reads the folder.
         result.erase(std::remove_if(result.begin(), result.end(), [](int one) { return !isOpen(one); }),
                      result.end());
         return result;
@@ -135,7 +135,7 @@ private:
     const std::vector<int> m_before = open();
 };
 
-/// What a child process reports about the dispatcher by its exit code.
+/// Exit codes by which a child process reports on the dispatcher.
 enum Outcome
 {
     works = 10,
@@ -202,7 +202,7 @@ struct Forking
     std::atomic<pid_t> child{0};
 };
 
-/// Whether the process ends by itself, with that exit code.
+/// Whether the process ends without a signal, with that exit code.
 bool endsWith(int code, pid_t process)
 {
     int status = 0;
@@ -245,7 +245,7 @@ TEST_F(NetlinkProcessTest, SocketThatHasFailedIsReplacedAsSoonAsThereAreDescript
     {
         const DescriptorLimit standardStreamsOnly(3);
         gate.open();
-        // The socket that has failed, and then the lack of one.
+        // First the failed socket is reported, then the lack of a new one.
         ASSERT_TRUE(eventually([&] { return log.errors().size() >= 3; }));
     }
     const std::chrono::duration<double> elapsed = std::chrono::steady_clock::now() - begin;
@@ -419,7 +419,8 @@ TEST_F(NetlinkProcessTest, ForkedChildThatExitsEndsNothing)
         reports.emplace(*offered);
         ApplicationServices::getLocator().add(typeid(NetlinkDispatcher), offered);
         offered.reset();
-        // At work it may hold one of the sanitizer's locks, which the child would find locked for ever.
+        // A running thread may hold one of the sanitizer's locks, which would stay locked forever in the
+        // child.
         eventually([] { return isAsleep("OEMNetlink"); });
         const pid_t child = ::fork();
         if (child == 0)

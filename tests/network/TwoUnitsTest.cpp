@@ -53,7 +53,7 @@ struct TwoUnitsTest : ::testing::Test
         ASSERT_TRUE(other.startup("fd00::2"));
     }
 
-    /// The first event about a service of that name, waited for.
+    /// Waits for the first event about a service of that name and returns it.
     static std::optional<Event> discovery(const TestUnit& unit, const std::string& name)
     {
         if (!eventually([&] { return unit.registry().discovered(name) != 0; }))
@@ -72,7 +72,7 @@ struct TwoUnitsTest : ::testing::Test
     TestUnit other{"other"};
 };
 
-/// How many offers of "Media" and of "Radio" a datagram holds.
+/// Numbers of offers of "Media" and of "Radio" in a datagram.
 std::size_t count(const Listener::Datagram& datagram, const std::string& name)
 {
     std::size_t result = 0;
@@ -258,7 +258,7 @@ TEST_F(TwoUnitsTest, SearchedServiceIsDiscovered)
     EXPECT_EQ(one.registry().eventCount(), 1u);
 }
 
-/// The cyclic offers of two services share a datagram; an answer stands alone.
+/// The cyclic offers of two services share a datagram; an answer has a separate one.
 TEST_F(TwoUnitsTest, SearchForAnAnnouncedServiceIsAnsweredOnceAfterFiftyMilliseconds)
 {
     ASSERT_TRUE(one.startup("fd00::1"));

@@ -123,7 +123,7 @@ class TriedFaults(unittest.TestCase):
 
             self.assertEqual(outcomes, ["noticed", "survived", "noticed"])
             self.assertEqual(workshop.read("src/sample.cpp"), SAMPLE)
-            with self.assertRaisesRegex(WorkshopError, "another one is at work"):
+            with self.assertRaisesRegex(WorkshopError, "another run is using"):
                 Workshop(root, Path(folder) / "work", lambda path: [program], [], 1).prepare()
             workshop.close()
 

@@ -9,14 +9,20 @@ setup() { cd "$BATS_TEST_DIRNAME/../.." || exit 1; }
 # includes_of FOLDER: the project's headers that the folder's files include.
 includes_of() { grep -hoE '^#include "[^"]+"' -r "$1" | sed -E 's/.*"(.*)"/\1/' | sort -u; }
 
-@test "the data layer includes nothing of the layers above it" {
-    run ! grep -vE '^DataLayer/|^Export.h$' <(includes_of src/DataLayer)
+@test "no folder of the library includes one above it" {
+    below=
+    for folder in DataLayer Multicast LogicLayer; do
+        below="${below:+$below|}$folder"
+        run ! grep -vE "^($below)/|^Export.h$" <(includes_of "src/$folder")
+    done
 }
 
-@test "transport and logic meet only in the hub and in the datagram that passes between them" {
-    run ! grep -vE '^(DataLayer|Multicast)/|^LogicLayer/SDCommunicationHub.h$' <(includes_of src/Multicast)
-    run ! grep -E '^Multicast/' <(includes_of src/LogicLayer | grep -vE '^Multicast/Multicast(Sender|Receiver).h$|^Multicast/ReportedInterfaces.h$')
-    run ! grep -l 'Multicast/MulticastSender.h' -r src/LogicLayer --include='SD[SR]*' --include='T*'
+@test "the platform libraries and the common code include nothing of the library" {
+    for folder in platform common; do
+        run ! grep -E '^(DataLayer|Multicast|LogicLayer)/|^(ServiceDiscovery|KnownServices|Export)\.h$' \
+            <(includes_of "$folder")
+    done
+    run ! grep -rE '#include <(DataLayer|Multicast|LogicLayer|ServiceDiscovery|KnownServices)' platform common
 }
 
 @test "of the platform libraries the library includes only their interface" {
@@ -29,10 +35,26 @@ includes_of() { grep -hoE '^#include "[^"]+"' -r "$1" | sed -E 's/.*"(.*)"/\1/' 
     [ "$used" = "$expected" ]
 }
 
+# may_include ROOM ROOM...: checks that the first room of the tool includes headers of the others only, and Errors.h.
+may_include() {
+    local rooms=${*:2}
+    run ! grep -vE "^(${rooms// /|})/|^Errors.h\$" <(includes_of "tools/$1")
+}
+
+@test "a room of the tool includes only its own headers and those of the rooms below it" {
+    may_include common/text text
+    may_include common/unit unit text
+    may_include common/services services unit text
+    for room in capture diagnosis terminal; do
+        may_include nubo-sd/$room $room services unit text
+    done
+    may_include nubo-sd/commands commands capture diagnosis terminal services unit text
+}
+
 @test "every header can be included by itself" {
-    for header in $(cd src && find . -name '*.h') ; do
-        echo "#include \"$header\"" | "${CXX:-c++}" -std=c++17 -fsyntax-only -x c++ -Isrc -Icommon \
-            -Iplatform/KELUtilLib/include -Iplatform/KELOEMInterfaceLib/include -
+    find src tools -name '*.h' | while read -r header; do
+        echo "#include \"$header\"" | "${CXX:-c++}" -std=c++17 -fsyntax-only -x c++ -I. -Isrc -Icommon \
+            -Itools/common -Itools/nubo-sd -Iplatform/KELUtilLib/include -Iplatform/KELOEMInterfaceLib/include -
     done
 }
 
@@ -42,7 +64,7 @@ includes_of() { grep -hoE '^#include "[^"]+"' -r "$1" | sed -E 's/.*"(.*)"/\1/' 
     exported=$(nm --dynamic --demangle --defined-only "$KEL_SD_LIBRARY" | awk '$2 == "T" || $2 == "B" || $2 == "D"' |
         cut -d' ' -f3- | grep -vE '^(__|mangle_path$)')
     [ -n "$exported" ]
-    run ! grep -vE '^Nubo::ServiceDiscovery::(ServiceDiscovery|NuboServiceDescription)::' <<<"$exported"
+    run ! grep -vE '^Nubo::ServiceDiscovery::(ServiceDiscovery|NuboServiceDescription|ServiceListEvent(Payload)?|KnownServices)::' <<<"$exported"
     for operation in startup shutdown running addService findService removeService getServices; do
         grep -q "^Nubo::ServiceDiscovery::ServiceDiscovery::$operation(" <<<"$exported"
     done

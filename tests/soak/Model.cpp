@@ -9,21 +9,22 @@ using std::chrono::seconds;
 
 namespace {
 
-/// The time to live is 120 s, and is looked at once a second.
+/// The time to live is 120 s, and the engine checks it once a second.
 constexpr seconds shortestLife{118};
 constexpr seconds longestLife{122};
 
-/// What came in is entered late, so that it is in order; events still later, so that their causes are there.
+/// Messages are applied with a delay, so that they are in order; events later still, after their causes.
 constexpr seconds hindsightOfMessages{1};
 constexpr seconds hindsightOfEvents{2};
 
-/// From an offer to what it causes, on a machine that is busy.
+/// Time from an offer to its effect on a busy machine.
 constexpr seconds latency{5};
 
-/// A unit that was attached for less may miss what comes in.
+/// A unit that has been attached for a shorter time may miss messages.
 constexpr seconds attachmentTime{2};
 
-/// How long removed services may be offered, and announced ones withdrawn: what is under way is late.
+/// Time during which removed services may still be offered, and newly announced ones withdrawn, because
+/// messages arrive late.
 constexpr seconds lastOffers{3};
 constexpr seconds lastStopOffers{6};
 
@@ -160,7 +161,7 @@ void Model::apply(const Heard& heard)
     UnitState& state = m_units.at(heard.unit);
     Knowledge& knowledge = state.knowledge[heard.service];
     const bool isOffer = heard.message == Message::Offer;
-    // The unit was attached for a while before, and still is a while after.
+    // The unit was attached for a while before the message and still is, a while after it.
     const bool isSure = state.isAttached && state.since + attachmentTime <= heard.when;
 
     const Expectation result = isOffer ? Expectation::Known : Expectation::Unknown;
@@ -229,7 +230,7 @@ void Model::lose(Knowledge& knowledge, const Event& event)
     knowledge.isKnown = false;
 }
 
-/// Whether the unit has made of what it heard what it should.
+/// Checks that what the unit knows follows from the messages that it received.
 void Model::judgeKnowledge(Unit unit, const Service& service, Instant now)
 {
     Knowledge& knowledge = m_units.at(unit).knowledge[service];
@@ -246,10 +247,10 @@ void Model::judgeKnowledge(Unit unit, const Service& service, Instant now)
     fault(unit, service,
           mustBeKnown ? "does not know a service that was offered to it"
                       : "knows a service that was withdrawn or is silent");
-    knowledge.isKnown = mustBeKnown;  // said once
+    knowledge.isKnown = mustBeKnown;  // report the fault only once
 }
 
-/// Whether the unit knows what has been there for it to be known for long enough.
+/// Checks that the unit knows every service that has been announced to it for long enough.
 void Model::judgeReachable(Unit unit, Instant now, Clock::duration patience)
 {
     UnitState& state = m_units.at(unit);

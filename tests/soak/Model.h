@@ -12,7 +12,7 @@
 
 namespace Nubo::ServiceDiscovery::Testing {
 
-/// What tells one service from another on the network.
+/// Identifies a service on the network.
 struct Service
 {
     std::string name;
@@ -25,14 +25,14 @@ struct Service
     }
 };
 
-/// What each unit must know of the services of the others, and what it must not.
+/// Models which services of the other units each unit must know, and which it must not know.
 ///
-/// The model is told what is done to the units, which offers come in at each unit's interface, and which
-/// events each unit raises. It then judges with hindsight: events against offers, and what a unit knows
-/// against what it heard. Where a unit may have missed what came in, because it was being attached or
-/// detached at that moment, either is right.
+/// The caller reports what happens to the units, which offers arrive at each unit's interface, and which
+/// events each unit raises. The model later compares events with offers, and what a unit knows with what it
+/// received. Where a unit may have missed a message because it was being attached or detached at that moment,
+/// both outcomes are correct.
 ///
-/// All operations are thread-safe. Instants are those at which things happened, not those of the call.
+/// All operations are thread-safe. Instants are the times of what is reported, not of the call.
 class Model
 {
 public:
@@ -41,7 +41,7 @@ public:
     using Unit = std::size_t;
     using OnFault = std::function<void(const std::string& text)>;
 
-    /// What comes in at a unit's interface.
+    /// A message that arrives at a unit's interface.
     enum class Message
     {
         Offer,
@@ -55,35 +55,35 @@ public:
         std::size_t faults = 0;
     };
 
-    /// A service that is announced, to an attached unit, must be known after that time, whatever is lost.
+    /// After this time an attached unit must know an announced service, regardless of losses.
     static constexpr std::chrono::seconds usualPatience{30};
 
     Model(std::size_t units, OnFault onFault);
 
-    /// Makes a service known to the model that the unit can announce.
+    /// Registers a service that the unit may announce later.
     void introduce(Unit owner, const Service& service);
 
-    /// To be told before it is done.
+    /// Call these before the engine is called.
     void announce(const Service& service, Instant now);
     void remove(const Service& service, Instant now);
 
-    /// Whether the unit sends and hears. It does not at first. An attachment is told when it has been made,
-    /// a detachment before.
+    /// Sets whether the unit can send and receive. Initially it cannot. Call attach() after the change and
+    /// detach() before it.
     void attach(Unit unit, Instant now);
     void detach(Unit unit, Instant now);
 
-    /// Instead of the unit there is a fresh one that knows nothing, and announces nothing. To be told when
-    /// the former one raises no events any more and the fresh one does not yet.
+    /// Replaces the unit with a new one that knows and announces nothing. Call this when the old one raises
+    /// no more events and the new one none yet.
     void replace(Unit unit, Instant now);
 
     void onMessage(Unit unit, const Service& service, Message message, Instant when);
     void onDiscovered(Unit unit, const Service& service, const std::string& uuid, Instant when);
     void onGone(Unit unit, const Service& service, const std::string& uuid, Instant when);
 
-    /// Judges what has happened up to a moment ago.
+    /// Checks everything up to a few seconds before `now`.
     void judge(Instant now, Clock::duration patience = usualPatience);
 
-    /// How many services the units know, all together.
+    /// Total number of services that the units know.
     std::size_t known() const;
 
     /// Reports a fault that was found elsewhere.
@@ -108,18 +108,18 @@ private:
         Either
     };
 
-    /// What one unit has heard of one service, and made of it.
+    /// What one unit has received about one service, and whether it knows it.
     struct Knowledge
     {
         bool isKnown = false;
         std::string uuid;
         Expectation expected = Expectation::Unknown;
         Instant expectedSince = never;
-        Instant offered = never;        // lastly, perhaps unheard
-        Instant surelyOffered = never;  // lastly
-        Instant stopped = never;        // lastly, perhaps unheard
-        Instant silenceEnded = never;   // an offer came when the time to live may just have been over
-        Instant missed = never;         // the last complaint that an announced service is not known
+        Instant offered = never;        // last time, perhaps not received
+        Instant surelyOffered = never;  // last time
+        Instant stopped = never;        // last time, perhaps not received
+        Instant silenceEnded = never;   // an offer arrived when the time to live may just have elapsed
+        Instant missed = never;         // last fault that an announced service is not known
 
         void expect(Expectation expectation, Instant since);
     };

@@ -21,7 +21,7 @@ constexpr Model::Unit learner = 1;
 
 const Service media{"Media", "fd00::1", 8080};
 
-/// Two attached units, of which the owner announces "Media" at second 10 of a time that the test sets.
+/// Two attached units. The owner announces "Media" at second 10 of the test's own time.
 struct ModelTest : ::testing::Test
 {
     ModelTest()
@@ -47,14 +47,14 @@ struct ModelTest : ::testing::Test
         model.onGone(learner, media, uuid, at(second));
     }
 
-    /// Once a second, as it is done in the end.
+    /// Judges once per second, like the soak.
     void judgeUntil(int second)
     {
         for (; judged <= second; ++judged)
             model.judge(at(judged));
     }
 
-    /// The learner hears of the service and discovers it.
+    /// The learner receives an offer of the service and discovers it.
     void learn()
     {
         offer(10);
@@ -72,7 +72,7 @@ struct ModelTest : ::testing::Test
     int judged = 0;
 };
 
-/// The learner knows the service, of which nothing is heard after second 20.
+/// The learner knows the service, but receives nothing about it after second 20.
 struct SilentServiceTest : ModelTest
 {
     SilentServiceTest()

@@ -10,13 +10,13 @@ namespace Nubo::ServiceDiscovery::Testing {
 
 namespace {
 
-// Where in an Ethernet frame the datagram is, and the address of its sender.
+// Offsets of the sender's address and of the datagram in an Ethernet frame.
 constexpr std::size_t sourceAt = 14 + 8;
 constexpr std::size_t datagramAt = 14 + 40 + 8;
 
-// Where the fields of a packet are that has one entry with an endpoint and a configuration option.
+// Offsets of fields in a packet that has one entry with an endpoint and a configuration option.
 constexpr std::size_t lengthAt = 0x04;
-constexpr std::size_t countedFrom = 0x08;  // by the length
+constexpr std::size_t countedFrom = 0x08;  // first byte that the length field counts
 constexpr std::size_t sessionAt = 0x0A;
 constexpr std::size_t entryTypeAt = 0x18;
 constexpr std::size_t ttlAt = 0x21;
@@ -40,7 +40,7 @@ std::string addressText(const std::string& bytes)
     return ::inet_ntop(AF_INET6, bytes.data(), text.data(), text.size());
 }
 
-/// The text after the key, whose length stands before it.
+/// The value after the key. The length of the text is in the byte before the key.
 std::string valueOf(const std::string& key, const std::string& packet)
 {
     const std::size_t at = packet.find(key);

@@ -8,31 +8,31 @@
 
 namespace Nubo::ServiceDiscovery::Testing {
 
-/// An offer or a stop-offer in a datagram.
+/// An offer or stop-offer in a datagram.
 struct SentOffer
 {
     Service service;
     Model::Message message;
 };
 
-/// What is looked at of a packet.
+/// The fields of a packet that the soak checks.
 struct SentPacket
 {
     std::uint16_t session;
-    bool isOffer;  ///< or stop-offer; of others the rest is empty
+    bool isOffer;  ///< or stop-offer; in other packets the remaining fields are empty
     Service service;
     std::uint32_t ttl;  ///< in seconds, 0 for a stop-offer
 };
 
-/// The packets of a datagram that this library has sent, read by their places. Throws std::out_of_range when
-/// it is none.
+/// The packets of a datagram that this library has sent, read at fixed offsets. Throws std::out_of_range if
+/// it has another form.
 std::vector<SentPacket> packetsIn(const std::string& datagram);
 
-/// The address that an Ethernet frame with an IPv6 packet comes from.
+/// The source address of an Ethernet frame with an IPv6 packet.
 std::string sourceOf(const std::string& frame);
 
-/// The offers in an Ethernet frame with a datagram that this library has sent, read by their places. Throws
-/// std::out_of_range when it is none.
+/// The offers in an Ethernet frame with a datagram that this library has sent, read at fixed offsets. Throws
+/// std::out_of_range if it has another form.
 std::vector<SentOffer> offersIn(const std::string& frame);
 
 }  // namespace Nubo::ServiceDiscovery::Testing

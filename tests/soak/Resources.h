@@ -5,10 +5,10 @@
 
 namespace Nubo::ServiceDiscovery::Testing {
 
-/// What the process holds at an instant.
+/// Resources that the process holds at an instant.
 struct Resources
 {
-    double resident = 0;   ///< memory in MiB, without what the allocator can give back
+    double resident = 0;   ///< memory in MiB, excluding what the allocator can return to the system
     double allocated = 0;  ///< on the heap, in MiB
     std::size_t descriptors = 0;
     std::size_t threads = 0;
@@ -16,7 +16,7 @@ struct Resources
     static Resources current();
 };
 
-/// A measured value and the seconds after the beginning at which it was taken.
+/// A measured value, and the time of the measurement in seconds since the start.
 struct Sample
 {
     double at;
@@ -25,11 +25,11 @@ struct Sample
 
 double meanOf(const std::vector<Sample>& samples);
 
-/// By how many percent of their mean the samples rise from the first to the last, along the straight line
-/// that fits them best.
+/// Rise of the samples from the first to the last, in percent of their mean, along the straight line that
+/// fits them best.
 double driftOf(const std::vector<Sample>& samples);
 
-/// Those that follow the first quarter of the time.
+/// The samples after the first quarter of the time.
 std::vector<Sample> afterWarmUp(const std::vector<Sample>& samples);
 
 }  // namespace Nubo::ServiceDiscovery::Testing

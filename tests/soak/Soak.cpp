@@ -12,7 +12,7 @@ using std::chrono::seconds;
 
 namespace {
 
-/// How many services a unit announces, give or take one.
+/// Number of services that a unit announces, give or take one.
 constexpr std::size_t usualServices = SoakUnit::services / 2;
 
 constexpr double mostLoss = 0.3;
@@ -21,16 +21,16 @@ constexpr double mostLoss = 0.3;
 constexpr double judgementInterval = 1;
 constexpr double shortestSampleInterval = 1;
 
-/// So that the samples of a long run do not count in its memory.
+/// Limits the memory that samples take in a long run, because that memory is measured.
 constexpr std::size_t mostSamples = 600;
 
-/// In seconds. While the long one lasts, everything is gone.
+/// In seconds. All services expire during the long one.
 constexpr double shortestOutage = 0.2;
 constexpr double longestUsualOutage = 8;
 constexpr double longOutage = 130;
 
-/// After the end, until all that is announced is known everywhere. Offers come every second; a busy machine
-/// and the model take their time.
+/// Time after the end until all units know all announced services. Offers are sent every second; a busy
+/// machine and the model cause further delay.
 constexpr seconds settlement{8};
 constexpr seconds settledPatience{7};
 
@@ -88,7 +88,7 @@ void Soak::begin()
     judge();
     takeSample();
     for (const Routine& routine : routines) {
-        // Each has its turn in a short run too.
+        // Every routine must run at least once, even in a short run.
         const double latest = std::min(routine.meanPause, m_plan.duration.count() / 2);
         schedule(random(0, latest), [&] { perform(routine); });
     }
@@ -118,7 +118,7 @@ void Soak::takeSample()
              [this] { takeSample(); });
 }
 
-/// Everything is made whole again; then nothing may be missing.
+/// Ends all outages and losses, and then checks that no service is missing.
 void Soak::settle()
 {
     m_agenda.clear();
@@ -223,7 +223,7 @@ void Soak::schedule(double delay, std::function<void()> task)
                      std::move(task));
 }
 
-/// Adds a service that the unit does not announce, or removes one that it does.
+/// Adds a service that the unit does not announce yet, or removes one that it announces.
 void Soak::toggle(SoakUnit& unit, bool adds)
 {
     std::size_t index = randomIndex(SoakUnit::services);
@@ -256,7 +256,7 @@ SoakUnit& Soak::anyUnit()
     return *m_units.at(randomIndex(m_units.size()));
 }
 
-/// One that is not cut off, if there is any.
+/// Returns a random unit without an outage, or null if there is none.
 SoakUnit* Soak::attachedUnit()
 {
     std::vector<SoakUnit*> attached;

@@ -27,35 +27,35 @@ struct SoakPlan
 
 struct SoakReport
 {
-    std::map<std::string, std::size_t> actions;  ///< how many of which kind
+    std::map<std::string, std::size_t> actions;  ///< number of actions of each kind
     Model::Counts events;
     std::uint64_t datagramsPassed = 0;
     std::uint64_t datagramsLost = 0;
     std::uint64_t garbage = 0;
     std::vector<Sample> resident;   ///< as in Resources
     std::vector<Sample> allocated;  ///< the same
-    std::vector<Sample> known;      ///< services, by all units together
+    std::vector<Sample> known;      ///< number of services, summed over all units
     Resources before;
     Resources after;
 };
 
-/// Units on one segment that go through days of normal life in minutes: services and units come and go, links
-/// fail and lose, strangers send garbage. A model follows what each unit must know.
+/// Takes units on one segment through days of normal operation within minutes: services and units appear and
+/// disappear, links fail and lose datagrams, strangers send garbage. A model checks what each unit knows.
 class Soak
 {
 public:
-    /// `onFault` is called with every fault, as soon as it is found.
+    /// Calls `onFault` with each fault as soon as it is found.
     Soak(const SoakPlan& plan, Model::OnFault onFault);
 
     SoakReport run();
 
 private:
-    /// What happens again and again, at random times.
+    /// An action that is repeated at random times.
     struct Routine
     {
         const char* name;
         double meanPause;     // in seconds
-        bool (Soak::*act)();  // false when there was nothing to act on
+        bool (Soak::*act)();  // returns false if there was nothing to act on
     };
     static const std::vector<Routine> routines;
 
@@ -76,7 +76,7 @@ private:
     bool restart();
     bool replace();
 
-    /// After that many seconds.
+    /// Runs the task after `delay` seconds.
     void schedule(double delay, std::function<void()> task);
     void toggle(SoakUnit& unit, bool adds);
     void fill(SoakUnit& unit);

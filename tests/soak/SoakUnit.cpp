@@ -29,7 +29,7 @@ namespace {
 constexpr auto interfaceName = "eth0";
 constexpr auto uuidPrefix = "local-";
 
-/// A younger service is not withdrawn by a shutdown.
+/// shutdown() does not withdraw services that are younger than 700 ms; this leaves a margin.
 constexpr std::chrono::seconds settledAge{2};
 
 Model::Instant now()
@@ -37,7 +37,7 @@ Model::Instant now()
     return Model::Clock::now();
 }
 
-/// Passes on to the model what a unit's registry is told.
+/// Passes the events of a unit's registry to the model.
 class Subscriber
 {
 public:
@@ -78,7 +78,7 @@ private:
 
 }  // namespace
 
-/// What goes when the unit is killed.
+/// The parts that are destroyed when the unit is killed.
 struct SoakUnit::Parts
 {
     Parts(const Poco::SharedPtr<LinuxDispatcher>& dispatcher, Model::Unit unit, Model& model)
@@ -274,7 +274,7 @@ void SoakUnit::setInterfaceReported(bool isReported)
         manual->removeInterface(interfaceName, m_address);
 }
 
-/// What has come in at the unit's interface, on the link's thread.
+/// Runs on the link's thread for each frame that arrives at the unit's interface.
 void SoakUnit::onPassed(const std::string& frame)
 {
     try {

@@ -12,28 +12,28 @@
 
 namespace Nubo::ServiceDiscovery::Testing {
 
-/// Where datagrams come from that no unit has sent.
+/// Source address of datagrams that no unit has sent.
 constexpr auto strangerAddress = "fd00::bad";
 
-/// A unit that goes through all that can happen to one, at a lossy link to a switch. The model is told of
-/// everything. Every other unit has a dispatcher that follows the kernel; the rest are told of their
-/// interface.
+/// A unit on a lossy link to a switch, with operations for everything that can happen to a unit. Each
+/// operation reports to the model. The dispatcher of every second unit follows the kernel; the others have
+/// their interface reported to them.
 class SoakUnit
 {
 public:
-    /// What keeps a unit from sending and hearing for a while.
+    /// Reasons why a unit cannot send and receive for a while.
     enum class Outage
     {
         None,
-        InterfaceGone,  ///< so the platform says
+        InterfaceGone,  ///< reported by the platform
         InterfaceDown,
         LinkCut
     };
 
-    /// How many services a unit can announce. Every other one has a name that all units use.
+    /// Number of services that a unit can announce. Every second one has a name that all units use.
     static constexpr std::size_t services = 20;
 
-    /// Plugs the unit in at the switch and starts it. Units are numbered from 0.
+    /// Connects the unit to the switch and starts it. Units are numbered from 0.
     SoakUnit(Model::Unit number, const Namespace& theSwitch, Model& model, std::uint32_t seed);
     ~SoakUnit();
 
@@ -49,7 +49,7 @@ public:
     void add(std::size_t index);
     void remove(std::size_t index);
 
-    /// The name of one of the services of any unit.
+    /// The name of a service that a unit can announce.
     static std::string serviceName(Model::Unit unit, std::size_t index);
     void search(const std::string& name);
 
@@ -57,14 +57,13 @@ public:
     void beginOutage(Outage outage);
     void endOutage();
 
-    /// Both leave it without services. Not to be called during an outage.
+    /// Both remove all services of the unit. Do not call them during an outage.
     void restart();
-    /// Without a goodbye; a fresh one comes in its place, whose services are others than those that this one
-    /// had.
+    /// Kills the unit without withdrawing its services. Its replacement has different services.
     void replace();
 
 private:
-    /// Its interfaces have no addresses but those that they are given, and keep these while they are down.
+    /// Interfaces in this namespace get no automatic addresses, and keep theirs while they are down.
     struct Network : Namespace
     {
         explicit Network(const std::string& name);
@@ -87,7 +86,7 @@ private:
     LossyLink m_link;
     std::unique_ptr<Parts> m_parts;
     Outage m_outage = Outage::None;
-    std::map<std::size_t, Model::Instant> m_announced;  // and since when
+    std::map<std::size_t, Model::Instant> m_announced;  // by index, with the time of the announcement
     unsigned m_generation = 0;
 };
 

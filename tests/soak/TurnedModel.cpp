@@ -10,7 +10,7 @@ using TurnedTime::second;
 
 namespace {
 
-/// A cycle, and what records that are due together wait for each other.
+/// One cycle, plus the time that records due together wait for each other.
 constexpr auto longestPause = second + 50 * millisecond;
 
 /// After its start a unit hears the others first, before it takes anything for gone.
@@ -38,7 +38,7 @@ void TurnedModel::setUp(Unit unit, bool isUp)
     m_units.at(unit).isUp = isUp;
     m_units.at(unit).began = TurnedTime::now();
     if (!isUp)
-        m_units.at(unit).isSessionKnown = false;  // it counts what it cannot send
+        m_units.at(unit).isSessionKnown = false;  // it also counts packets that it cannot send
 }
 
 void TurnedModel::stop(Unit unit)
@@ -89,7 +89,7 @@ void TurnedModel::onSent(Unit unit, const std::vector<SentPacket>& packets)
     }
 }
 
-/// Each packet has the number after that of the packet before.
+/// Checks that session IDs increase by one from packet to packet.
 void TurnedModel::checkSession(Unit unit, std::uint16_t session)
 {
     UnitState& state = m_units.at(unit);
@@ -147,7 +147,7 @@ void TurnedModel::checkEvent(Unit unit, const Event& event)
                        !(event.service < state.due.front().service);
     const bool hasRunOut = !event.isDiscovery && heard.isKnown && TurnedTime::now() >= heard.deadline;
     if (!state.isRunning)
-        fault(unit, event.service, "was shut down and is told of");
+        fault(unit, event.service, "was shut down and is notified of");
     if (!isDue && !hasRunOut)
         fault(unit, event.service,
               event.isDiscovery ? "discovers without a reason" : "loses without a reason");
@@ -179,7 +179,7 @@ void TurnedModel::judge()
     }
 }
 
-/// Whether an announced service is offered every second, and a removed one withdrawn.
+/// Checks that an announced service is offered every second, and that a removed one is withdrawn.
 void TurnedModel::checkOwn(Unit unit, const Service& service, const Own& own)
 {
     const UnitState& state = m_units.at(unit);

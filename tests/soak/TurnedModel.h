@@ -14,9 +14,9 @@
 
 namespace Nubo::ServiceDiscovery::Testing {
 
-/// What each unit must send and know while nothing happens but what the program lets happen, at instants that
-/// are known exactly: other than Model it needs no latitude for a busy machine. Calls to an engine are told
-/// before they are made, but for `start`.
+/// Models what each unit must send and know. The program controls everything that happens, at exactly known
+/// instants; unlike Model, this class therefore needs no tolerance for a busy machine. Report calls to an
+/// engine before they are made, except `start`.
 class TurnedModel
 {
 public:
@@ -35,7 +35,7 @@ public:
     {
         std::size_t discovered = 0;
         std::size_t gone = 0;
-        std::size_t wraps = 0;  ///< of session counts
+        std::size_t wraps = 0;  ///< of session counters
         std::size_t faults = 0;
     };
 
@@ -44,22 +44,21 @@ public:
     void announce(Unit unit, const Service& service);
     void remove(Unit unit, const Service& service);
 
-    /// The unit sends and hears, or does not any more. What it offers need not be offered meanwhile.
+    /// Sets whether the unit can send and receive. While it cannot, its services need not be offered.
     void setUp(Unit unit, bool isUp);
-    /// The unit is shut down: all that it offers is withdrawn. It may still send stop-offers.
+    /// The unit is shut down, so all its services are withdrawn. It may still send stop-offers.
     void stop(Unit unit);
     void start(Unit unit);
-    /// A fresh engine, which is stopped and knows nothing, is in the place of the former one.
+    /// Replaces the engine with a new one, which is stopped and knows nothing.
     void replace(Unit unit);
 
     void onSent(Unit unit, const std::vector<SentPacket>& packets);
     void onHandled(Unit unit, const std::vector<SentPacket>& packets);
     void onEvent(Unit unit, const Event& event);
 
-    /// Compares the events with what has been handled. To be called after each timer and each call to an
-    /// engine.
+    /// Compares the events with the handled datagrams. Call this after each timer and each call to an engine.
     void settle();
-    /// Looks for what should have happened by now. To be called once a second or so.
+    /// Checks what should have happened by now. Call this about once a second.
     void judge();
 
     /// Reports a fault that was found elsewhere.
@@ -75,29 +74,29 @@ private:
     struct Own
     {
         bool isAnnounced = false;
-        Microseconds changed = never;  // when it was announced or removed
-        Microseconds sent = never;     // the last offer, or stop-offer, since
+        Microseconds changed = never;  // time at which it was announced or removed
+        Microseconds sent = never;     // time of the last offer or stop-offer since then
     };
 
-    /// A service of another unit that a unit has heard of.
+    /// A service of another unit, about which a unit has received a message.
     struct Heard
     {
         bool isKnown = false;
         std::string uuid{};
-        Microseconds deadline = never;  // of the last offer
+        Microseconds deadline = never;  // end of the last offer's time to live
     };
 
     struct UnitState
     {
         bool isRunning = false;
         bool isUp = false;
-        Microseconds began = never;  // to run and be up, both
+        Microseconds began = never;  // time since which it has been both running and up
         Microseconds started = never;
         std::uint16_t session = 0;  // of the last packet
         bool isSessionKnown = true;
         std::map<Service, Own> own{};
         std::map<Service, Heard> heard{};
-        std::deque<Event> due{};  // what the handled datagrams cause
+        std::deque<Event> due{};  // events that the handled datagrams must cause
         std::deque<Event> events{};
     };
 

@@ -15,7 +15,7 @@ using TurnedTime::second;
 
 namespace {
 
-/// Unit 1, of which the model is told, and a service of its own and one of another unit.
+/// Unit 1, one of its services, and one of another unit.
 struct TurnedModelTest : ::testing::Test
 {
     TurnedModelTest()
@@ -144,7 +144,7 @@ TEST_F(TurnedModelTest, SessionThatIsPassedOverIsAFault)
 TEST_F(TurnedModelTest, SessionAfterTheLastIsOne)
 {
     model.setUp(0, false);
-    model.setUp(0, true);  // in between any number of packets
+    model.setUp(0, true);  // the unit may have counted any number of packets meanwhile
     model.announce(0, own);
     session = 0xFFFD;
     sends(120);
@@ -250,7 +250,7 @@ TEST_F(TurnedModelTest, EventOfAUnitThatIsShutDownIsAFault)
     loses();
     model.settle();
 
-    EXPECT_THAT(faults, ElementsAre("unit 1 was shut down and is told of \"Other\" at [fd00::2]:8000"));
+    EXPECT_THAT(faults, ElementsAre("unit 1 was shut down and is notified of \"Other\" at [fd00::2]:8000"));
 }
 
 }  // namespace Nubo::ServiceDiscovery::Testing

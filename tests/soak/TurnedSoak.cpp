@@ -11,12 +11,12 @@ namespace {
 
 constexpr double secondsPerDay = 86400;
 
-/// How many services a unit announces, give or take one.
+/// Number of services that a unit announces, give or take one.
 constexpr std::size_t usualServices = TurnedUnit::services / 2;
 
 constexpr double mostLoss = 0.3;
 
-/// In seconds. While the long one lasts, everything runs out.
+/// In seconds. All services expire during the long one.
 constexpr double judgementInterval = 1;
 constexpr double shortestOutage = 0.2;
 constexpr double longestUsualOutage = 30;

@@ -24,7 +24,7 @@ struct TurnedSoakPlan
 
 struct TurnedSoakReport
 {
-    std::map<std::string, std::size_t> actions;  ///< how many of which kind
+    std::map<std::string, std::size_t> actions;  ///< number of actions of each kind
     TurnedModel::Counts events;
     TurnedWire::Counts datagrams;
     Resources before;  ///< after a hundredth of the time
@@ -33,9 +33,9 @@ struct TurnedSoakReport
 
 class TurnedUnit;
 
-/// Engines in one process, on a wire without sockets and a clock that is turned, so that weeks of their time
-/// pass in minutes: services come and go, links fail and lose, engines are shut down, killed and replaced. A
-/// model knows what each must send and be told.
+/// Runs engines in one process, on a wire without sockets and with a simulated clock, so that weeks of their
+/// time pass in minutes: services appear and disappear, links fail and lose datagrams, engines are shut down,
+/// killed and replaced. A model checks what each engine sends and reports.
 class TurnedSoak
 {
 public:
@@ -50,12 +50,12 @@ public:
 private:
     using Microseconds = TurnedTime::Microseconds;
 
-    /// What happens again and again, at random times.
+    /// An action that is repeated at random times.
     struct Routine
     {
         const char* name;
         double meanPause;           // in seconds, with four units
-        bool (TurnedSoak::*act)();  // false when there was nothing to act on
+        bool (TurnedSoak::*act)();  // returns false if there was nothing to act on
     };
     static const std::vector<Routine> routines;
 

@@ -11,7 +11,7 @@
 #include <map>
 #include <mutex>
 
-// What is defined in a program is not taken from the libraries: the engine's clock, and Poco's timer.
+// The definitions in this file replace those of the libraries: the engine's clock, and Poco's timer.
 
 namespace Nubo::ServiceDiscovery::Testing::TurnedTime {
 
@@ -19,7 +19,7 @@ namespace {
 
 std::atomic<Microseconds> current{second};
 
-/// The timers that run. Any thread may set one.
+/// The running timers. Any thread may set one.
 class Agenda
 {
 public:
@@ -46,7 +46,7 @@ public:
         m_timers.erase(&timer);
     }
 
-    /// The timer that ends first, if that is not after `end`. It is set to its next time.
+    /// Returns the timer that ends first, if it ends by `end`, and sets it to its next time.
     Poco::Runnable* takeNext(Microseconds end)
     {
         const std::lock_guard<std::mutex> lock(m_mutex);
@@ -69,7 +69,7 @@ private:
     {
         Microseconds due;
         long period;
-        unsigned long long change;  // what was set first comes first
+        unsigned long long change;  // of timers with equal times, the one set first ends first
     };
 
     mutable std::mutex m_mutex;
@@ -79,7 +79,7 @@ private:
 
 Agenda& agenda()
 {
-    static Agenda& agenda = *new Agenda;  // timers may outlive what is static
+    static Agenda& agenda = *new Agenda;  // never destroyed, because timers may outlive static objects
     return agenda;
 }
 

@@ -6,8 +6,8 @@
 
 namespace Nubo::ServiceDiscovery::Testing {
 
-/// The engine's clock and timers in a program that is linked with this: time stands still until the program
-/// lets it pass, and timers call back on the thread that does. Days take minutes then.
+/// Replaces the engine's clock and timers in a program that links this file. Time passes only when the
+/// program advances it, and timers call back on the thread that does so. Days thus take minutes.
 namespace TurnedTime {
 
 using Microseconds = Poco::Clock::ClockDiff;
@@ -15,11 +15,11 @@ using Microseconds = Poco::Clock::ClockDiff;
 constexpr Microseconds millisecond = 1000;
 constexpr Microseconds second = 1000 * millisecond;
 
-/// Since the beginning; not 0, which the engine takes for no time.
+/// Simulated time since the start. Never 0, which means "no time" to the engine.
 Microseconds now();
 
-/// Lets time pass up to `end`. Timers that end until then call back at their times, one after the other, and
-/// `afterEach` is called after each of them.
+/// Advances time to `end`. Timers that end by then call back at their times, one after the other; after each
+/// of them `afterEach` is called.
 void passUntil(Microseconds end, const std::function<void()>& afterEach);
 
 }  // namespace TurnedTime

@@ -9,10 +9,10 @@ namespace Nubo::ServiceDiscovery::Testing {
 
 namespace {
 
-constexpr auto interfaceName = "turned0";  // there is no such interface
+constexpr auto interfaceName = "turned0";  // does not exist
 constexpr auto uuidPrefix = "local-";
 
-/// A younger service is not withdrawn by a shutdown.
+/// shutdown() does not withdraw services that are younger than 700 ms; this leaves a margin.
 constexpr auto settledAge = 2 * TurnedTime::second;
 
 }  // namespace
@@ -108,7 +108,7 @@ void TurnedUnit::replace()
 void TurnedUnit::make()
 {
     m_wire.plugInNext(m_port);
-    m_platform.reset();  // it withdraws what is offered
+    m_platform.reset();  // its destructor would withdraw the new dispatcher
     m_platform = std::make_unique<PlatformScope>();
     m_discovery = std::make_unique<ServiceDiscovery>();
     PlatformScope::withdraw();

@@ -14,14 +14,14 @@
 
 namespace Nubo::ServiceDiscovery::Testing {
 
-/// A unit whose engine is plugged in at the wire. The model is told of everything.
+/// A unit whose engine is connected to the wire. Each operation reports to the model.
 class TurnedUnit
 {
 public:
-    /// How many services a unit can announce. Every other one has a name that all units use.
+    /// Number of services that a unit can announce. Every second one has a name that all units use.
     static constexpr std::size_t services = 12;
 
-    /// Starts it. Units are numbered from 0.
+    /// Starts the unit. Units are numbered from 0.
     TurnedUnit(std::size_t number, TurnedWire& wire, TurnedModel& model);
     ~TurnedUnit();
 
@@ -42,11 +42,11 @@ public:
     void setPlugged(bool isPlugged);
     void setReported(bool isReported);
 
-    /// Both leave it without services.
+    /// Both remove all services of the unit.
     void restart();
-    void replace();  ///< without a goodbye
+    void replace();  ///< without withdrawing its services
 
-    /// Hands the events over to the model.
+    /// Passes the events to the model.
     void passOnEvents();
 
 private:
@@ -63,7 +63,8 @@ private:
     std::unique_ptr<PlatformScope> m_platform;
     std::unique_ptr<ServiceDiscovery> m_discovery;
     bool m_isOut = false;
-    std::map<std::size_t, TurnedTime::Microseconds> m_announced;  // and since when
+    std::map<std::size_t, TurnedTime::Microseconds>
+        m_announced;  // by index, with the time of the announcement
     std::size_t m_lastUuid = 0;
     std::mutex m_mutex;
     std::vector<TurnedModel::Event> m_events;

@@ -8,7 +8,7 @@
 #include <string>
 #include <thread>
 
-// What is defined in a program is not taken from the library: here it is the engine's sender and receiver.
+// The definitions in this file replace those of the library: the engine's sender and receiver.
 
 namespace Nubo::ServiceDiscovery {
 
@@ -16,7 +16,7 @@ namespace Testing {
 
 namespace {
 
-constexpr double doubled = 0.005;  // a share of what is carried
+constexpr double doubled = 0.005;  // share of datagrams that are delivered twice
 constexpr std::chrono::seconds longestHandling{30};
 
 TurnedWire* theWire = nullptr;
@@ -24,7 +24,7 @@ TurnedWire::Port* nextPort = nullptr;
 
 }  // namespace
 
-/// Which port belongs to a sender or a receiver.
+/// Finds the port of a sender or receiver.
 struct TurnedWireEnds
 {
     static std::map<const void*, TurnedWire::Port*>& ports()
@@ -105,7 +105,7 @@ void TurnedWire::settle()
 {
     const auto end = std::chrono::steady_clock::now() + longestHandling;
     for (const UnderWay& one : m_underWay) {
-        while (one.data.referenceCount() > 1) {  // the engine has it still
+        while (one.data.referenceCount() > 1) {  // the engine still holds it
             if (std::chrono::steady_clock::now() > end)
                 throw std::runtime_error("a unit does not handle what it received");
             std::this_thread::yield();
@@ -122,8 +122,7 @@ namespace Multicast {
 using Testing::theWire;
 using Ends = Testing::TurnedWireEnds;
 
-MulticastSender::MulticastSender(SDCommunicationHub&, const std::string& groupHost, std::uint16_t port)
-    : m_group(groupHost, port)
+MulticastSender::MulticastSender(const std::string& groupHost, std::uint16_t port) : m_group(groupHost, port)
 {
     Ends::made(this);
 }
@@ -149,7 +148,7 @@ bool MulticastSender::sendMulticast(const MulticastData& packagesForAll, const M
 
 bool MulticastSender::isOwnOutgoingAddress(const Poco::Net::SocketAddress&) const
 {
-    return false;  // nothing comes back
+    return false;  // the wire does not return a sender's own datagrams
 }
 
 bool MulticastSender::isOwnAddress(const Poco::Net::IPAddress& address) const
@@ -186,7 +185,7 @@ MulticastReceiver::MulticastData::MulticastData(const char* bytes, std::size_t s
     , origin(sender)
 {}
 
-MulticastReceiver::MulticastReceiver(SDCommunicationHub& parent, const std::string& groupHost,
+MulticastReceiver::MulticastReceiver(const OutgoingAddresses& parent, const std::string& groupHost,
                                      std::uint16_t port)
     : m_parent(parent)
     , m_discoveryAddress(groupHost, port)

@@ -14,22 +14,22 @@
 
 namespace Nubo::ServiceDiscovery::Testing {
 
-/// Carries datagrams between the engines of a program that is linked with this: sender and receiver have no
-/// sockets there. Nothing is carried but from the thread that also calls `settle`.
+/// Carries datagrams between the engines of a program that links this file, whose senders and receivers have
+/// no sockets. Carries only datagrams that are sent on the thread that also calls `settle`.
 class TurnedWire
 {
 public:
-    /// Where an engine is plugged in.
+    /// The connection of an engine to the wire.
     struct Port
     {
         std::size_t unit;
         std::string address;
         bool isPlugged = true;
-        double loss = 0;  ///< of what comes in: a share
+        double loss = 0;  ///< share of incoming datagrams that are lost
         Multicast::MulticastReceiver* receiver = nullptr;
-        bool isListening = false;  // the receiver runs,
-        bool isJoined = false;     // and has been told of its interface
-        bool isSending = false;    // so has the sender
+        bool isListening = false;  // the receiver is running
+        bool isJoined = false;     // the receiver has its interface
+        bool isSending = false;    // the sender has its interface
     };
 
     struct Counts
@@ -45,17 +45,17 @@ public:
     TurnedWire(const TurnedWire&) = delete;
     TurnedWire& operator=(const TurnedWire&) = delete;
 
-    /// The engine that is made next uses the port.
+    /// Assigns the port to the next engine that is created.
     void plugInNext(Port& port);
 
-    /// Called with what an engine sends, and then with what the others receive of it, once they have handled
-    /// it.
+    /// Called with the datagrams that an engine sends, and then with those that others have received and
+    /// handled.
     std::function<void(const Port& from, const std::vector<SentPacket>& packets)> onSent;
     std::function<void(const Port& to, const std::vector<SentPacket>& packets)> onHandled;
 
     void carry(const Port& from, const std::string& datagram);
 
-    /// Waits until the engines have handled what was carried. Throws when one does not.
+    /// Waits until the engines have handled all carried datagrams. Throws if one does not.
     void settle();
 
     const Counts& counts() const { return m_counts; }

@@ -1,5 +1,5 @@
-// Interfaces that come and go a thousand times; see `flaps --help`. It needs a process that
-// tests/support/in-namespace.sh has started.
+// Removes and restores an interface many times; see `flaps --help`. Run it with
+// tests/support/in-namespace.sh.
 
 #include "soak/Resources.h"
 #include "support/Descriptions.h"
@@ -35,15 +35,15 @@ namespace {
 using Clock = std::chrono::steady_clock;
 using std::chrono::milliseconds;
 
-/// A unit is to announce and to hear again at most so long after an interface can be used.
+/// A unit must send and receive again within this time after an interface becomes usable.
 constexpr milliseconds soon{3000};
 
 constexpr auto ours = "fd00::1";
 constexpr auto theirs = "fd00::2";
-constexpr int warmUp = 20;               // flaps, before the first look at what is in use
-constexpr double mostGrowth = 1.0 / 16;  // MiB of the heap; a record that each flap left behind would be more
+constexpr int warmUp = 20;               // number of flaps before resources are first measured
+constexpr double mostGrowth = 1.0 / 16;  // MiB of the heap; one leaked record per flap would exceed it
 
-/// The unit under test, with a dispatcher of either kind. It counts events instead of keeping them.
+/// The unit under test, with either kind of dispatcher. It counts events instead of storing them.
 template <class Platform>
 class FlappedUnit
 {
@@ -95,7 +95,8 @@ struct Result
     Resources after;
 };
 
-/// After a flap: whether the unit hears a stranger's offer and stop-offer, and announces a new service.
+/// After a flap, checks that the unit receives a stranger's offer and stop-offer, and announces a new
+/// service.
 template <class Unit>
 bool isAtWork(Unit& unit, Listener& listener, Speaker& speaker, Result& result)
 {
@@ -172,7 +173,7 @@ Result repeat(int times, const NetworkPair& network, Unit& unit, Flap flap)
         flap();
         result.failures += isAtWork(unit, listener, speaker, result) ? 0 : 1;
     }
-    // Addresses are kept for 5 s after a flap, until the next one.
+    // After a flap, addresses are kept for 5 s, until the next flap.
     const auto memory = [] { return Resources::current().allocated; };
     eventually([&] { return memory() <= result.before.allocated; }, milliseconds(6000));
     flap();
@@ -193,7 +194,7 @@ milliseconds worst(const std::vector<milliseconds>& times)
     return *std::max_element(times.begin(), times.end());
 }
 
-/// Prints a line of the table; returns whether all is well.
+/// Prints a row of the table and returns whether the run passed.
 bool print(const char* kind, int times, const Result& result)
 {
     const double growth = result.after.allocated - result.before.allocated;
@@ -210,12 +211,12 @@ bool print(const char* kind, int times, const Result& result)
     return isGood;
 }
 
-/// The unit follows the kernel.
+/// Flaps an interface of a unit that follows the kernel.
 bool flapKernels(const char* kind, int times, const std::string& down, const std::string& up)
 {
     const NetworkPair network;
     network.here.setIPv6("default/keep_addr_on_down", "1");
-    network.there.ip("link add spare type bridge");  // makes the two ends of the link differ in index
+    network.there.ip("link add spare type bridge");  // gives the two ends of the link different indices
     network.link("eth0", ours, theirs);
     FlappedUnit<NetlinkScope> unit(network);
     if (!unit.startup())
@@ -226,7 +227,7 @@ bool flapKernels(const char* kind, int times, const std::string& down, const std
                  }));
 }
 
-/// The platform reports that the interface has gone and come.
+/// Flaps an interface through reports of the platform: removed, then added.
 bool flapReports(const char* kind, int times)
 {
     const NetworkPair network;
@@ -249,9 +250,9 @@ try {
     Logging::Log::Logger().setLevel(0);
     int times = 0;
     CLI::App app(
-        "Lets an interface go and come many times in each of three ways. After each time the unit must "
-        "announce and hear within 3 s, and in the end nothing more may be in use than in the beginning.");
-    app.add_option("TIMES", times, "how often, in each way")->required()->check(CLI::PositiveNumber);
+        "Removes and restores an interface many times, in each of three ways. The unit must send and "
+        "receive within 3 s after each time, and must not use more resources at the end than at the start.");
+    app.add_option("TIMES", times, "number of times, in each way")->required()->check(CLI::PositiveNumber);
     CLI11_PARSE(app, argc, argv);
 
     std::printf("%-32s %6s %7s %15s %15s %11s %11s %12s\n", "", "times", "failed", "hears, ms",

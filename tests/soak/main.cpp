@@ -1,6 +1,6 @@
-// Units on a lossy segment, with random actions against a model of what each must know. Prints every wrong
-// event as it comes and a table at the end; see `soak --help`. It needs a process that
-// tests/support/in-namespace.sh has started.
+// Runs units on a lossy segment with random actions, and compares what they know with a model. Prints each
+// fault when it is found, and a table at the end; see `soak --help`. Run it with
+// tests/support/in-namespace.sh.
 
 #include "soak/Soak.h"
 #include "support/Process.h"
@@ -28,13 +28,13 @@ using namespace Nubo::ServiceDiscovery::Testing;
 
 namespace {
 
-constexpr double mostDrift = 1;  // of the memory, in percent
+constexpr double mostDrift = 1;  // of memory, in percent
 
-/// Chance alone makes shorter runs drift; sanitizers keep memory back.
+/// Memory of shorter runs, or with sanitizers, is not judged: it drifts by chance, or is held back.
 constexpr std::chrono::minutes shortestJudgedRun{5};
 
-/// Starts the program anew with an allocator that sets no memory aside for single threads: until each has
-/// its share, that looks like a leak.
+/// Restarts the program with an allocator without caches per thread. While these fill up, they look like a
+/// leak.
 void forgoCaches(char** arguments)
 {
     constexpr auto variable = "GLIBC_TUNABLES";
@@ -44,7 +44,7 @@ void forgoCaches(char** arguments)
     ::execv("/proc/self/exe", arguments);
 }
 
-/// Without a file the log is off.
+/// Writes the log to the file. Without a file it is off.
 void openLog(const std::string& path)
 {
     Poco::Logger& logger = Logging::Log::Logger();
@@ -57,7 +57,7 @@ void openLog(const std::string& path)
     logger.setLevel(Poco::Message::PRIO_NOTICE);
 }
 
-/// For a plot: seconds, resident and allocated MiB, services known.
+/// Writes the samples for a plot: seconds, resident and allocated MiB, services known.
 void writeSamples(const std::string& path, const SoakReport& report)
 {
     std::ofstream file(path);
@@ -74,7 +74,7 @@ void row(const std::string& what, const char* format, Values... values)
     std::printf("\n");
 }
 
-/// Prints the table; returns whether all is well.
+/// Prints the table and returns whether the run passed.
 bool print(const SoakPlan& plan, const SoakReport& report)
 {
     const std::vector<Sample> resident = afterWarmUp(report.resident);
@@ -117,12 +117,12 @@ try {
     std::size_t units = 4;
     std::string log;
     std::string samples;
-    CLI::App app("Lets units live through random events and compares what they know with a model.");
-    app.add_option("MINUTES", minutes, "how long")->required()->check(CLI::PositiveNumber);
-    app.add_option("--seed", seed, "of all that is random but the order of threads");
-    app.add_option("--units", units, "how many")->check(CLI::Range(2, 20))->capture_default_str();
-    app.add_option("--log", log, "write the library's log to that file");
-    app.add_option("--samples", samples, "write memory and services known to that file");
+    CLI::App app("Exposes units to random events, and compares what they know with a model.");
+    app.add_option("MINUTES", minutes, "duration of the run")->required()->check(CLI::PositiveNumber);
+    app.add_option("--seed", seed, "seed for everything random except the order of threads");
+    app.add_option("--units", units, "number of units")->check(CLI::Range(2, 20))->capture_default_str();
+    app.add_option("--log", log, "write the library's log to this file");
+    app.add_option("--samples", samples, "write memory and number of known services to this file");
     CLI11_PARSE(app, argc, argv);
     openLog(log);
 

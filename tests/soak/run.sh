@@ -1,12 +1,12 @@
 #!/bin/sh
-# Builds a long test without sanitizers and runs it; its options follow.
+# Builds one of the long tests without sanitizers, and runs it with the given options.
 #
 # usage: tests/soak/run.sh MINUTES [--seed N] [--units N] [--log FILE] [--samples FILE]
-#            units on a lossy segment, in real time
+#            runs units on a lossy segment, in real time
 #        tests/soak/run.sh --turned DAYS [--seed N] [--units N]
-#            engines on a clock that is turned: a day of theirs takes seconds
+#            runs engines on a simulated clock, on which a day takes seconds
 #        tests/soak/run.sh --flaps TIMES
-#            an interface that goes and comes, in three ways
+#            removes and restores an interface, in three ways
 set -eu
 cd "$(dirname "$0")/../.."
 

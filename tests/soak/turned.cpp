@@ -1,4 +1,5 @@
-// Engines that live through weeks in minutes; see `turned_soak --help`. Needs neither a network nor rights.
+// Runs engines through weeks of simulated time within minutes; see `turned_soak --help`. Needs neither a
+// network nor privileges.
 
 #include "soak/TurnedSoak.h"
 
@@ -27,7 +28,7 @@ void row(const std::string& what, const char* format, Values... values)
     std::printf("\n");
 }
 
-/// Prints the table; returns whether all is well.
+/// Prints the table and returns whether the run passed.
 bool print(const TurnedSoakPlan& plan, const TurnedSoakReport& report, double seconds)
 {
     const bool isTidy = report.before.descriptors == report.after.descriptors &&
@@ -61,11 +62,13 @@ try {
     Logging::Log::Logger().setLevel(0);
     TurnedSoakPlan plan{0, std::random_device()(), 4};
     CLI::App app(
-        "Lets engines live through random events on a clock that is turned, and compares what they send "
-        "and report with a model.");
-    app.add_option("DAYS", plan.days, "how long, in their time")->required()->check(CLI::PositiveNumber);
-    app.add_option("--seed", plan.seed, "of all that is random but the order of threads");
-    app.add_option("--units", plan.units, "how many")->check(CLI::Range(2, 20))->capture_default_str();
+        "Exposes engines to random events on a simulated clock, and compares what they send and report "
+        "with a model.");
+    app.add_option("DAYS", plan.days, "duration of the run, in simulated time")
+        ->required()
+        ->check(CLI::PositiveNumber);
+    app.add_option("--seed", plan.seed, "seed for everything random except the order of threads");
+    app.add_option("--units", plan.units, "number of units")->check(CLI::Range(2, 20))->capture_default_str();
     CLI11_PARSE(app, argc, argv);
 
     const auto begin = std::chrono::steady_clock::now();

@@ -13,10 +13,10 @@ constexpr std::uint64_t seed = 0xc70f6907;
 constexpr std::uint64_t factor = 0xc6a4a7935bd1e995;
 constexpr std::size_t nameSize = 16;  // two blocks
 
-/// The number by which a multiplication with the odd `number` is undone, modulo 2^64.
+/// Inverse of the odd `number` modulo 2^64.
 constexpr std::uint64_t inverseOf(std::uint64_t number)
 {
-    std::uint64_t inverse = number;  // right in its low three bits; each step doubles them
+    std::uint64_t inverse = number;  // correct in the low three bits; each step doubles their number
     for (int i = 0; i < 5; ++i)
         inverse *= 2 - number * inverse;
     return inverse;
@@ -35,7 +35,7 @@ constexpr std::uint64_t afterBlock(std::uint64_t hash, std::uint64_t block)
     return (hash ^ mix(block * factor) * factor) * factor;
 }
 
-/// The second block with which the hash becomes `wanted`.
+/// The second block that makes the hash `wanted`.
 constexpr std::uint64_t lastBlock(std::uint64_t afterFirst, std::uint64_t wanted)
 {
     const std::uint64_t afterSecond = mix(mix(wanted) * unfactor);

@@ -16,7 +16,7 @@ namespace Nubo::ServiceDiscovery::Testing {
 
 namespace {
 
-/// Lets the handler's run() return when it has been handled.
+/// Makes the handler's run() return after this datagram.
 class OnlyDatagram : public SDMessageNotification
 {
 public:
@@ -52,7 +52,7 @@ std::string repeated(const std::string& bytes, std::size_t times)
 
 constexpr std::size_t packetOverhead = 28;  // header, flags and the lengths of the arrays
 
-/// As many packets, numbered from 0, as there is room for.
+/// As many packets as fit, numbered from 0.
 std::string packetsToFill(std::size_t size, const std::function<std::string(std::size_t number)>& make)
 {
     std::string all;
@@ -64,7 +64,7 @@ std::string packetsToFill(std::size_t size, const std::function<std::string(std:
     }
 }
 
-/// A packet of as many such entries as there is room for beside the options.
+/// A packet with as many such entries as fit beside the options.
 std::string entriesToFill(std::size_t size, const Packets::Entry& entry, const std::string& options)
 {
     const std::string bytes = entry.bytes();
@@ -73,7 +73,7 @@ std::string entriesToFill(std::size_t size, const Packets::Entry& entry, const s
     return Packets::packet(repeated(bytes, room / bytes.size()), options);
 }
 
-/// A packet of one entry and as many such options as there is room for.
+/// A packet with one entry and as many such options as fit.
 std::string optionsToFill(std::size_t size, const Packets::Entry& entry, const std::string& option)
 {
     const std::size_t taken = packetOverhead + 16;
@@ -133,7 +133,7 @@ void CostScene::fill(Known known)
         case Known::Instances:
             offer("fd00::2", 0, few);
             for (std::size_t i = 0; i < SDStateMachine::mostInstances; ++i) {
-                // Each from a sender of its own: none has more than its share.
+                // Each from a different sender, so that none exceeds its share.
                 m_origin = Poco::Net::SocketAddress("[fd01::" + std::to_string(i % 100) + "]:30491");
                 handle(offerOf("Media", i + 1));
             }
@@ -171,7 +171,7 @@ void CostScene::forget()
     announceOwn();
 }
 
-/// Anew if need be: then no answer to a search waits.
+/// Adds the unit's services, again if necessary. Afterwards, no answer to a search waits.
 void CostScene::announceOwn()
 {
     for (unsigned short port = 1; port <= 10; ++port) {

@@ -15,10 +15,10 @@
 #include <string_view>
 #include <vector>
 
-/// What a datagram costs the thread that handles it.
+/// The cost of a datagram for the thread that handles it.
 namespace Nubo::ServiceDiscovery::Testing {
 
-/// What a unit knows when the datagram comes.
+/// The services that a unit knows when the datagram arrives.
 enum class Known
 {
     Nothing,
@@ -39,10 +39,10 @@ public:
     CostScene(const CostScene&) = delete;
     CostScene& operator=(const CostScene&) = delete;
 
-    /// Handles a datagram that has come from that port of the other unit.
+    /// Handles a datagram from that port of the other unit.
     void handle(std::string_view datagram);
 
-    /// Forgets what has been discovered since the scene began, and the answers that wait.
+    /// Forgets the services discovered since the scene began, and waiting answers.
     void forget();
 
     std::size_t discovered() const { return m_discovered.size(); }
@@ -78,10 +78,10 @@ struct CostlyDatagram
     friend void PrintTo(const CostlyDatagram& kind, std::ostream* stream) { *stream << kind.name; }
 };
 
-/// Offers of services that the scene knows, as many as there is room for.
+/// Offers of services that the scene knows, as many as fit.
 std::string knownOffers(std::size_t size);
 
-/// The costliest kinds that have been found.
+/// The costliest known kinds.
 const std::vector<CostlyDatagram>& costlyDatagrams();
 
 }  // namespace Nubo::ServiceDiscovery::Testing

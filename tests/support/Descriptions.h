@@ -8,7 +8,7 @@
 
 namespace Nubo::ServiceDiscovery::Testing {
 
-/// A description that can be added: TCP, version 1.0.0 unless told otherwise.
+/// A description that can be added: TCP, version 1.0.0 by default.
 inline NuboServiceDescription describe(const std::string& name, const std::string& address = "fd00::1",
                                        unsigned short port = 8080, const std::string& uuid = "",
                                        const std::string& version = "1.0.0")

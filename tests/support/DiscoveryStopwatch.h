@@ -12,7 +12,7 @@
 
 namespace Nubo::ServiceDiscovery::Testing {
 
-/// Takes the time from a start that the caller names until a unit discovers the service.
+/// Measures the time from a start, set by the caller, until a unit discovers the service.
 class DiscoveryStopwatch
 {
 public:
@@ -32,14 +32,14 @@ public:
 
     void start(const std::string& name) { m_starts[name] = Clock::now(); }
 
-    /// How many services were discovered.
+    /// Number of discovered services.
     std::size_t stopped() const
     {
         const std::lock_guard<std::mutex> lock(m_mutex);
         return m_ends.size();
     }
 
-    /// Of a service that was discovered.
+    /// Time until that service was discovered.
     Clock::duration time(const std::string& name) const
     {
         const std::lock_guard<std::mutex> lock(m_mutex);

@@ -9,7 +9,8 @@ namespace Nubo::ServiceDiscovery::Testing {
 
 namespace {
 
-/// Which allocation of the thread fails, counted from 1. At 0 none does, or it has failed already.
+/// Number of the thread's allocation that fails, counted from 1. With 0, none fails, or it has failed
+/// already.
 thread_local std::size_t untilFailure = 0;
 thread_local bool isArmed = false;
 

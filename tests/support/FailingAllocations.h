@@ -6,7 +6,7 @@
 namespace Nubo::ServiceDiscovery::Testing {
 
 /// Makes one allocation of the calling thread fail while the object exists: the n-th from now on, counted
-/// from 1. All others succeed, before it and after it, so what cleans up behind the failure can allocate.
+/// from 1. All others succeed, so that code that cleans up after the failure can allocate.
 ///
 ///     FailingAllocation fail(3);
 ///     object.change();

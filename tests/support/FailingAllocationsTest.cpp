@@ -15,7 +15,7 @@ namespace Nubo::ServiceDiscovery::Testing {
 
 namespace {
 
-/// Volatile, so that no compiler leaves the allocation out.
+/// Volatile, so that the compiler cannot remove the allocation.
 void allocateOnce()
 {
     delete new volatile int;

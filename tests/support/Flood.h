@@ -19,11 +19,12 @@ namespace Nubo::ServiceDiscovery::Testing {
 /// Datagrams of many kinds in which a receiver finds nothing to act upon; the same ones every time.
 std::vector<std::string> garbage(std::size_t count);
 
-/// An offer each, of as many services, or of as many instances of one; each has a port of its own.
+/// Datagrams with one offer each, of different services, or of different instances of one. Each offer has
+/// its own port.
 std::vector<std::string> offersOfServices(std::size_t count);
 std::vector<std::string> offersOfInstances(std::size_t count);
 
-/// A search each.
+/// Datagrams with one search each.
 std::vector<std::string> searchesFor(const std::vector<std::string>& names);
 
 /// About as large as a datagram can be, and full of searches for a service that nobody has.
@@ -36,14 +37,14 @@ struct FloodPlan
     std::chrono::milliseconds duration;
 };
 
-/// Sends to the discovery group from a thread of its own, evenly: every millisecond what is due by then.
+/// Sends to the discovery group at an even rate: every millisecond, a separate thread sends what is due.
 class Flood
 {
 public:
     /// `source` is an address of the interface; the plan outlives the flood.
     Flood(const Namespace& network, const std::string& interface, const std::string& source,
           const FloodPlan& plan);
-    /// Ends it, over or not.
+    /// Stops the flood, even if it is not over.
     ~Flood();
 
     Flood(const Flood&) = delete;
@@ -59,7 +60,7 @@ private:
     const FloodPlan& m_plan;
     Poco::Net::MulticastSocket m_socket;
     std::vector<iovec> m_contents;
-    std::vector<mmsghdr> m_messages;  ///< one a datagram
+    std::vector<mmsghdr> m_messages;  ///< one per datagram
     std::atomic<std::size_t> m_sent{0};
     std::atomic<bool> m_isOver{false};
     std::atomic<bool> m_stop{false};

@@ -51,7 +51,7 @@ constexpr milliseconds additionInterval{200};
 constexpr milliseconds offerInterval{50};  // of the neighbour
 constexpr milliseconds patience{30000};
 
-/// What the process has of the machine's memory; with sanitizers, whose own share is larger, its heap.
+/// Resident memory of the process; with sanitizers, which use much memory themselves, its heap.
 std::size_t memoryInUse()
 {
     return isSanitized ? heapInUse() : residentMemory();
@@ -83,7 +83,7 @@ FloodClock::time_point stampOf(msghdr& message)
                                   std::chrono::nanoseconds(stamp.tv_nsec));
 }
 
-/// Counts what is logged, and passes it on if there is a next.
+/// Counts the log lines, and passes them on to the next channel, if any.
 class CountingChannel : public Poco::Channel
 {
 public:
@@ -114,7 +114,7 @@ private:
 
 }  // namespace
 
-/// Notes when offers arrive.
+/// Records the arrival times of offers.
 class FloodScene::Observer
 {
 public:
@@ -133,7 +133,7 @@ public:
     Observer(const Observer&) = delete;
     Observer& operator=(const Observer&) = delete;
 
-    /// Of the service's offers, in order.
+    /// Arrival times of the service's offers, in order.
     Arrivals arrivals(const std::string& name) const
     {
         const std::lock_guard<std::mutex> lock(m_mutex);
@@ -176,7 +176,7 @@ private:
         }
     }
 
-    /// Each of the unit's offers names its service once, after the length of that text.
+    /// Each of the unit's offers contains the service's name once, preceded by the length of that text.
     void take(std::string_view datagram, FloodClock::time_point arrival)
     {
         constexpr std::string_view key = "otherserv=";
@@ -194,7 +194,7 @@ private:
     std::thread m_thread;
 };
 
-/// The library, with a registry that keeps next to nothing: the memory is the library's.
+/// The library with a registry that stores next to nothing, so that the memory used is the library's.
 class FloodScene::Unit
 {
 public:
@@ -225,10 +225,10 @@ public:
 
     CountingChannel& log() { return *m_log; }
 
-    /// The number of services.
+    /// Number of services.
     std::size_t discovered() const { return m_discovered; }
 
-    /// When the first of the neighbour's services was discovered.
+    /// Time at which the first of the neighbour's services was discovered.
     std::optional<FloodClock::time_point> neighbourDiscovered() const
     {
         const std::lock_guard<std::mutex> lock(m_mutex);
@@ -321,7 +321,7 @@ FloodReport FloodScene::endure(const FloodPlan& plan)
     return report;
 }
 
-/// Returns when each was about to be added, by name.
+/// Returns the time at which each was about to be added, by name.
 FloodScene::Additions FloodScene::addUntilOver(const Flood& flood, FloodReport& report)
 {
     constexpr milliseconds glanceInterval{5};

@@ -11,18 +11,19 @@
 #include <string>
 #include <vector>
 
-/// A unit under a flood from its network, and how it goes on meanwhile:
+/// A unit that works under a flood from its network:
 ///
 ///     flooder, neighbour ──eth0── unit ──eth1── observer
 ///
-/// The unit offers on both links. The observer, whom the flood does not reach, notes when it hears what.
+/// The unit offers on both links. The flood does not reach the observer, which records the times of the
+/// offers.
 namespace Nubo::ServiceDiscovery::Testing {
 
-/// The kernel stamps what arrives in this clock.
+/// Clock of the kernel's timestamps of arrival.
 using FloodClock = std::chrono::system_clock;
 using Milliseconds = std::chrono::duration<double, std::milli>;
 
-/// What a flood did to the unit. Standing services are those that were announced before it.
+/// Effects of a flood on the unit. Standing services are those announced before it.
 struct FloodReport
 {
     std::size_t sent = 0;             ///< datagrams of the flood
@@ -50,7 +51,7 @@ struct FloodReport
 class FloodScene
 {
 public:
-    /// Where errors and warnings of the unit's log go. They are counted anyway.
+    /// Destination of errors and warnings in the unit's log. They are counted in either case.
     enum class LogTo
     {
         Nowhere,
@@ -67,8 +68,8 @@ public:
     /// The names of the standing services.
     const std::vector<std::string>& standing() const { return m_standing; }
 
-    /// Adds a service every 200 ms while the flood lasts, then waits until the unit discovers what the
-    /// neighbour offers, at most half a minute. To be called once.
+    /// Adds a service every 200 ms while the flood lasts, then waits at most half a minute until the unit
+    /// discovers what the neighbour offers. To be called once.
     FloodReport endure(const FloodPlan& plan);
 
 private:

@@ -31,7 +31,7 @@ namespace Nubo::ServiceDiscovery::Testing {
 constexpr auto discoveryGroup = "ff14::4:0";
 constexpr std::uint16_t discoveryPort = 30491;
 
-/// Hears every datagram to the discovery port that comes in on an interface. It joins no group and holds no
+/// Hears every datagram to the discovery port that arrives on an interface. It joins no group and binds no
 /// port.
 class Listener
 {
@@ -62,7 +62,7 @@ public:
     Listener(const Listener&) = delete;
     Listener& operator=(const Listener&) = delete;
 
-    /// What was heard so far, in order.
+    /// All datagrams heard so far, in order.
     const std::vector<Datagram>& datagrams()
     {
         std::array<char, 65536> frame;
@@ -74,7 +74,7 @@ public:
         }
     }
 
-    /// The bytes of each, as hexadecimal text.
+    /// The bytes of each datagram, as hexadecimal text.
     std::vector<std::string> bytes()
     {
         std::vector<std::string> result;
@@ -83,13 +83,13 @@ public:
         return result;
     }
 
-    /// Waits for that many datagrams in all.
+    /// Waits until it has heard that many datagrams in total.
     bool hears(std::size_t count)
     {
         return eventually([&] { return datagrams().size() >= count; });
     }
 
-    /// Forgets what was heard so far.
+    /// Forgets all datagrams heard so far.
     void clear()
     {
         datagrams();
@@ -135,7 +135,7 @@ public:
         m_socket.sendTo(bytes.data(), static_cast<int>(bytes.size()), m_group);
     }
 
-    /// The address that its datagrams come from.
+    /// The source address of its datagrams.
     Poco::Net::SocketAddress address() const { return m_socket.address(); }
 
 private:

@@ -14,7 +14,7 @@ namespace Nubo::ServiceDiscovery::Testing {
 
 namespace {
 
-/// Stands on the logger for the whole process: a channel must not be changed while other threads log.
+/// The logger's channel during the whole process: it must not be changed while other threads log.
 class CatchingChannel : public Poco::Channel
 {
 public:
@@ -57,7 +57,7 @@ public:
         return m_messages;
     }
 
-    /// The lines of the messages for which that holds.
+    /// Lines of the messages that meet the condition.
     template <class Condition>
     std::vector<std::string> linesWhere(Condition condition) const
     {

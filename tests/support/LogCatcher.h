@@ -8,13 +8,14 @@
 
 namespace Nubo::ServiceDiscovery::Testing {
 
-/// Catches what the library logs while it exists, on every thread and at every level. One at a time.
+/// Catches all lines that the library logs while it exists, on every thread and at every level. Only one may
+/// exist at a time.
 ///
 ///     LogCatcher log;
 ///     …
 ///     EXPECT_THAT(log.errors(), ElementsAre("Error: …"));
 ///
-/// A line whose level word contradicts the level it was logged at fails the test.
+/// A line whose level word contradicts its level fails the test.
 class LogCatcher
 {
 public:
@@ -41,10 +42,10 @@ public:
     /// The messages as they reached the logger.
     std::vector<Poco::Message> messages() const;
 
-    /// Forgets what was caught so far.
+    /// Forgets all lines caught so far.
     void clear();
 
-    /// Has every further line followed by a call, on the thread that logs it, until the object ends.
+    /// Calls the function after every further line, on the thread that logs it, until the object ends.
     void onLine(std::function<void(const std::string&)> call);
 };
 

@@ -33,9 +33,8 @@ void setOption(int socket, int level, int option, const Value& value)
         throw std::system_error(errno, std::generic_category(), "setsockopt");
 }
 
-/// A socket for all that comes in on the interface, and for sending there. Each frame has the header before
-/// it that tells what the sender has left to its network card, such as the checksum, and is passed on with
-/// it.
+/// A socket that receives all frames of the interface, and sends there. Each frame is preceded by the header
+/// that lists what the sender has left to its network card, such as the checksum, and is passed on with it.
 int openSocket(const Namespace& relay, const std::string& interface)
 {
     const InNamespace inside(relay);
@@ -43,7 +42,7 @@ int openSocket(const Namespace& relay, const std::string& interface)
     if (socket < 0)
         throw std::system_error(errno, std::generic_category(), "packet socket");
     constexpr int on = 1;
-    constexpr int receiveBuffer = 4 * 1024 * 1024;  // only chance may lose anything
+    constexpr int receiveBuffer = 4 * 1024 * 1024;  // only the relay may lose datagrams
     setOption(socket, SOL_PACKET, PACKET_VNET_HDR, on);
     setOption(socket, SOL_PACKET, PACKET_IGNORE_OUTGOING, on);
     setOption(socket, SOL_SOCKET, SO_RCVBUFFORCE, receiveBuffer);
@@ -56,12 +55,12 @@ int openSocket(const Namespace& relay, const std::string& interface)
     return socket;
 }
 
-/// Leads a cable from the side to the relay's interface and returns the socket there.
+/// Connects the side with an interface of the relay and returns the socket there.
 int plugIn(const Namespace& side, const std::string& sidesInterface, const Namespace& relay,
            const std::string& interface)
 {
     connect(side, sidesInterface, relay, interface);
-    relay.setIPv6(interface + "/disable_ipv6", "1");  // it says nothing of its own
+    relay.setIPv6(interface + "/disable_ipv6", "1");  // so that it sends nothing itself
     return openSocket(relay, interface);
 }
 
@@ -130,7 +129,7 @@ void LossyLink::forward(End& from, const End& to)
         return;
     const auto size = static_cast<std::size_t>(received);
     const bool isCounted = isDiscovery(frame.data() + offloadHeader, size - offloadHeader);
-    // The generator turns once for each discovery datagram, whatever becomes of it.
+    // One random number per discovery datagram, even if the link is cut.
     const bool isUnlucky = isCounted && std::uniform_real_distribution<double>(0, 1)(from.generator) < m_loss;
     const bool passes = !isUnlucky && !m_isCut && ::send(to.socket, frame.data(), size, 0) == received;
     if (!isCounted)

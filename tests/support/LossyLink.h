@@ -12,13 +12,13 @@
 namespace Nubo::ServiceDiscovery::Testing {
 
 /// Joins two namespaces by a pair of interfaces that are up, as connect() does, but over a relay that loses
-/// discovery datagrams by chance: each with the same probability, whatever became of those before it. Other
-/// frames pass. Each direction has a generator of its own, so that a seed loses the same ones of a sequence
-/// of datagrams every time.
+/// discovery datagrams by chance: each with the same probability, independently of the others. Other frames
+/// pass. Each direction has a separate generator, so that the same seed always loses the same datagrams of a
+/// sequence.
 class LossyLink
 {
 public:
-    /// Datagrams to the discovery port, both ways together.
+    /// Numbers of datagrams to the discovery port, in both directions together.
     struct Count
     {
         std::uint64_t passed;
@@ -27,8 +27,8 @@ public:
 
     using OnPassed = std::function<void(const std::string& frame)>;
 
-    /// `onPassed` is called with every Ethernet frame that takes a discovery datagram from the other side to
-    /// `one`, once that is on its way, on the relay's thread.
+    /// `onPassed` is called with every Ethernet frame that carries a discovery datagram from the other side
+    /// to `one`, after it has been passed on, on the relay's thread.
     LossyLink(const Namespace& one, const std::string& interfaceOne, const Namespace& other,
               const std::string& interfaceOther, std::uint32_t seed = 1, OnPassed onPassed = nullptr);
     ~LossyLink();
@@ -36,20 +36,20 @@ public:
     LossyLink(const LossyLink&) = delete;
     LossyLink& operator=(const LossyLink&) = delete;
 
-    /// From now on that share of the discovery datagrams is lost each way, 0 to 1. Nothing is at first.
+    /// Sets the share of discovery datagrams lost in each direction, 0 to 1. Initially 0.
     void lose(double share) { m_loss = share; }
 
-    /// While it is cut no frame passes at all, though the interfaces stay up.
+    /// While it is cut, no frame passes, though the interfaces stay up.
     void cut() { m_isCut = true; }
     void mend() { m_isCut = false; }
 
     Count count() const { return {m_passed, m_lost}; }
 
-    /// The relay's namespace. What comes in on its interface "one" was sent by that side and is not lost yet.
+    /// The relay's namespace. Its interface "one" receives all frames of that side, before any is lost.
     const Namespace& relay() const { return m_relay; }
 
 private:
-    /// What the relay has of one side: the interface that leads there, and the chance of what comes in.
+    /// The relay's state for one side: its interface there, and the generator for frames from there.
     struct End
     {
         End(const Namespace& side, const std::string& sidesInterface, const Namespace& relay,

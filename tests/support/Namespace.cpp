@@ -69,7 +69,7 @@ Namespace::~Namespace()
         shell("ip netns delete " + m_name);
     }
     catch (const std::exception&) {
-        // It goes with the process.
+        // It ends with the process.
     }
 }
 

@@ -4,18 +4,18 @@
 #include <string>
 #include <vector>
 
-/// Network namespaces for tests of what crosses a network. They need a process that support/in-namespace.sh
-/// has started.
+/// Network namespaces for tests that need a network. They require a process started by
+/// support/in-namespace.sh.
 namespace Nubo::ServiceDiscovery::Testing {
 
-/// Runs a command line in the shell; a failure throws std::runtime_error with the command in its text.
+/// Runs a command line in the shell. Throws std::runtime_error with the command in its text if it fails.
 void shell(const std::string& command);
 
 /// The same; returns what the command prints.
 std::string shellOutput(const std::string& command);
 
-/// A network namespace of its own, in which addresses can be used at once: there is no duplicate address
-/// detection, unless a test switches it on. It goes with the object.
+/// A network namespace that exists as long as the object. Addresses can be used at once: duplicate address
+/// detection is off unless a test switches it on.
 class Namespace
 {
 public:
@@ -62,7 +62,7 @@ void connect(const Namespace& one, const std::string& interfaceOne, const Namesp
              const std::string& interfaceOther);
 
 /// Two namespaces to be joined, "here" and "there", with the calling thread in "here". Their interfaces have
-/// no addresses but those that are given to them.
+/// only the addresses that a test gives them.
 class NetworkPair
 {
 public:
@@ -93,14 +93,14 @@ private:
     int m_ports = 0;
 };
 
-/// The names of the interfaces on which somebody in the calling thread's namespace has joined the discovery
+/// The names of the interfaces on which any socket of the calling thread's namespace has joined the discovery
 /// group, in alphabetical order.
 std::vector<std::string> joinedInterfaces();
 
-/// How many datagrams the namespace's sockets had no room for.
+/// Number of datagrams dropped because a socket's buffer was full.
 std::size_t lostDatagrams(const Namespace& network);
 
-/// How many sockets have joined the discovery group in the calling thread's namespace, by interface.
+/// Number of sockets that have joined the discovery group in the calling thread's namespace, by interface.
 std::map<std::string, unsigned> groupUsers();
 
 }  // namespace Nubo::ServiceDiscovery::Testing

@@ -10,7 +10,7 @@
 
 namespace Nubo::ServiceDiscovery::Testing {
 
-/// The address of one of many units, by its number, as the sender of offers; that of an unknown one for 0.
+/// The sender address of the unit with that number; 0 means an unknown sender.
 inline SDService::SenderAddress unit(std::uint32_t number)
 {
     SDService::SenderAddress address{};
@@ -22,7 +22,7 @@ inline SDService::SenderAddress unit(std::uint32_t number)
     return address;
 }
 
-/// The record that the hub makes of an offer, in little time.
+/// A record as the hub makes it from an offer, made faster.
 inline SDService::Ptr makeOffer(const std::string& name, unsigned short port = 8080, std::uint32_t sender = 1,
                                 unsigned int ttl = 120)
 {
@@ -39,7 +39,7 @@ inline SDService::Ptr makeOffer(const std::string& name, unsigned short port = 8
     return record;
 }
 
-/// The same as it is in the workload.
+/// The same in the form in which the workload holds it.
 inline SDService::Ptr makeDiscovered(const std::string& name, unsigned short port = 8080,
                                      std::uint32_t sender = 1, unsigned short instanceID = 1)
 {

@@ -1,5 +1,5 @@
-// In place of the standard library's. All forms are here: a sanitizer has its own of each, and takes memory
-// that one of them allocates and one of these frees for an error.
+// Replace those of the standard library. All forms are needed: a sanitizer replaces each of them, too, and
+// reports an error when one of its forms allocates memory that one of these frees.
 
 #include "support/OperatorNew.h"
 

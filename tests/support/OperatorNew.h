@@ -4,8 +4,8 @@
 
 namespace Nubo::ServiceDiscovery::Testing {
 
-/// Memory for operator new, of at least one byte; null lets it fail. A program that links OperatorNew.cpp,
-/// which has operator new and delete in place of the standard library's, defines it.
+/// Returns memory for operator new, of at least one byte; null makes it fail. To be defined by programs that
+/// link OperatorNew.cpp, which replaces operator new and delete.
 void* newMemory(std::size_t size) noexcept;
 
 }  // namespace Nubo::ServiceDiscovery::Testing

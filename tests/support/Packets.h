@@ -12,8 +12,8 @@
 #include <string>
 #include <vector>
 
-/// Datagrams of another unit, put together by hand: bytes stand in hexadecimal text, and only lengths and
-/// the texts of configuration options are worked out.
+/// Datagrams of another unit, put together by hand from hexadecimal text. Only lengths and the texts of
+/// configuration options are computed.
 namespace Nubo::ServiceDiscovery::Testing::Packets {
 
 /// The address of the other unit, as bytes and as the origin of its datagrams.
@@ -30,7 +30,7 @@ inline std::string bigEndian32(std::size_t value)
     return bigEndian16(value >> 16) + bigEndian16(value);
 }
 
-/// An endpoint: TCP, port 8080.
+/// An endpoint with TCP and port 8080.
 inline std::string ipv6Option(const std::string& address = otherUnit)
 {
     return "00 15 06 00"_bytes + fromHex(address) + "00 06 1f 90"_bytes;
@@ -51,7 +51,7 @@ inline std::string optionOfUnknownType()
     return "00 03 77 00 aa bb"_bytes;
 }
 
-/// Of texts such as "version=1.0.0".
+/// A configuration option with texts such as "version=1.0.0".
 inline std::string configurationOption(const std::vector<std::string>& texts)
 {
     std::string string;
@@ -60,7 +60,7 @@ inline std::string configurationOption(const std::vector<std::string>& texts)
     return bigEndian16(1 + string.size() + 1) + "01 00"_bytes + string + "00"_bytes;
 }
 
-/// The configuration option that comes with an offer of that name.
+/// The configuration option of an offer of that name.
 inline std::string offerConfiguration(const std::string& name)
 {
     return configurationOption({"l6proto=nubo", "otherserv=" + name, "txtvers=1", "version=1.0.0"});
@@ -80,7 +80,7 @@ struct Entry
     }
 };
 
-/// A whole packet of entries and options.
+/// A complete packet with these entries and options.
 inline std::string packet(const std::string& entries, const std::string& options)
 {
     const std::string payload =
@@ -88,7 +88,7 @@ inline std::string packet(const std::string& entries, const std::string& options
     return "ff ff 81 00"_bytes + bigEndian32(payload.size() + 8) + "00 00 00 01 01 01 02 00"_bytes + payload;
 }
 
-/// A packet of one entry that refers to all the options, whatever they are.
+/// A packet with one entry that refers to all options, of whatever kind.
 inline std::string packetWith(const std::string& entryType, const std::vector<std::string>& options,
                               const std::string& ttl = "00 00 78")
 {
@@ -99,7 +99,7 @@ inline std::string packetWith(const std::string& entryType, const std::vector<st
     return packet(entry.bytes(), all);
 }
 
-/// The packets of everyday: version 1.0.0 at port 8080 of the other unit.
+/// Common packets, for version 1.0.0 at port 8080 of the other unit.
 inline std::string offer(const std::string& name, const std::string& ttl = "00 00 78",
                          const std::string& address = otherUnit)
 {
@@ -125,7 +125,7 @@ inline Multicast::MulticastDataPtr datagram(const std::string& bytes)
                                                            Poco::Net::SocketAddress(otherUnitOrigin));
 }
 
-/// What the request handler hands on of a packet's first entry.
+/// The first entry of a packet, with its options, as the request handler hands it on.
 inline SOME_IP_SD_Header::EntryData firstEntryOf(const std::string& bytes)
 {
     SOME_IP_SD_Header received(bytes.size());

@@ -4,8 +4,8 @@
 
 namespace Nubo::ServiceDiscovery::Testing {
 
-/// Lets the whole process hash with another function while it exists. What is hashed meanwhile must be gone
-/// before it ends, and what was hashed before must not be looked up meanwhile.
+/// Makes the whole process hash with another function while it exists. Entries hashed meanwhile must be gone
+/// before it ends, and earlier ones must not be looked up meanwhile.
 class PlantedHash
 {
 public:

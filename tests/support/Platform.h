@@ -8,7 +8,7 @@
 
 namespace Nubo::ServiceDiscovery::Testing {
 
-/// Puts a dispatcher that the test directs into the service locator while it exists.
+/// Puts a dispatcher under the test's control into the service locator while it exists.
 class PlatformScope
 {
 public:
@@ -20,7 +20,7 @@ public:
 
     OEMInterface::ManualDispatcher& dispatcher() { return *m_dispatcher; }
 
-    /// Makes this scope's dispatcher the one that the locator gives out.
+    /// Makes the locator return this scope's dispatcher.
     void offer()
     {
         ApplicationServices::getLocator().add(typeid(OEMInterface::OEMDispatcher),

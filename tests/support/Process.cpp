@@ -1,5 +1,6 @@
 #include "support/Process.h"
 
+#include <algorithm>
 #include <cstdint>
 #include <filesystem>
 #include <fstream>
@@ -7,6 +8,7 @@
 #include <stdexcept>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include <arpa/inet.h>
 #include <malloc.h>
@@ -25,13 +27,33 @@ std::size_t entriesIn(const char* folder)
     return static_cast<std::size_t>(std::distance(std::filesystem::directory_iterator(folder), {}));
 }
 
-/// ThreadSanitizer starts a thread of its own along with the first that the process starts.
+/// ThreadSanitizer starts its background thread along with the first thread of the process.
 void startSanitizersThread()
 {
     std::string task;
     std::thread([&task] { task = "/proc/self/task/" + std::to_string(::gettid()); }).join();
     while (std::filesystem::exists(task))
         std::this_thread::yield();
+}
+
+struct ThreadState
+{
+    std::string number;
+    std::string name;  // in parentheses
+    bool isAsleep;
+};
+
+std::vector<ThreadState> threadStates()
+{
+    std::vector<ThreadState> states;
+    for (const auto& task : std::filesystem::directory_iterator("/proc/self/task")) {
+        std::string number;
+        std::string name;
+        std::string state;
+        std::ifstream(task.path() / "stat") >> number >> name >> state;
+        states.push_back({number, name, state == "S"});
+    }
+    return states;
 }
 
 }  // namespace
@@ -43,9 +65,16 @@ std::size_t runningThreads()
     return entriesIn("/proc/self/task");
 }
 
+std::string threadName()
+{
+    std::string name;
+    std::getline(std::ifstream("/proc/thread-self/comm"), name);
+    return name;
+}
+
 std::size_t openDescriptors()
 {
-    return entriesIn("/proc/self/fd") - 1;  // without the folder's own
+    return entriesIn("/proc/self/fd") - 1;  // without the descriptor of the folder itself
 }
 
 int socketAt(std::uint16_t port)
@@ -63,7 +92,7 @@ int socketAt(std::uint16_t port)
 
 std::size_t heapInUse()
 {
-    // Sanitizers have an allocator of their own.
+    // Sanitizers replace the allocator.
     if constexpr (isSanitized)
         return __sanitizer_get_current_allocated_bytes();
     else
@@ -80,15 +109,18 @@ std::size_t residentMemory()
 
 bool isAsleep(const std::string& thread)
 {
-    for (const auto& task : std::filesystem::directory_iterator("/proc/self/task")) {
-        std::string number;
-        std::string name;
-        std::string state;
-        std::ifstream(task.path() / "stat") >> number >> name >> state;
-        if (name == "(" + thread + ")")
-            return state == "S";
-    }
-    return false;
+    const std::vector<ThreadState> threads = threadStates();
+    return std::any_of(threads.begin(), threads.end(), [&](const ThreadState& state) {
+        return state.name == "(" + thread + ")" && state.isAsleep;
+    });
+}
+
+bool areOtherThreadsAsleep()
+{
+    const std::string own = std::to_string(::gettid());
+    const std::vector<ThreadState> threads = threadStates();
+    return std::all_of(threads.begin(), threads.end(),
+                       [&](const ThreadState& state) { return state.number == own || state.isAsleep; });
 }
 
 ProcessorTimes processorTimes()

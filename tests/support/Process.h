@@ -6,7 +6,7 @@
 #include <map>
 #include <string>
 
-/// What the test's own process has in use.
+/// Resources that the test's process uses.
 namespace Nubo::ServiceDiscovery::Testing {
 
 /// Sanitizers make the library several times slower.
@@ -18,25 +18,31 @@ constexpr bool isSanitized = true;
 constexpr bool isSanitized = false;
 #endif
 
-/// How many threads run.
+/// Number of running threads.
 std::size_t runningThreads();
 
-/// How many descriptors are open.
+/// The name of the calling thread.
+std::string threadName();
+
+/// Number of open descriptors.
 std::size_t openDescriptors();
 
-/// Whether the process's thread of that name waits for something.
+/// Whether the process has a thread of that name that waits for something.
 bool isAsleep(const std::string& thread);
 
-/// The process's socket that is bound to that port of IPv6. Throws std::runtime_error when there is none.
+/// Whether all threads but the calling one wait for something.
+bool areOtherThreadsAsleep();
+
+/// The process's socket that is bound to that IPv6 port. Throws std::runtime_error if there is none.
 int socketAt(std::uint16_t port);
 
-/// Bytes of the heap that are allocated.
+/// Allocated bytes of the heap.
 std::size_t heapInUse();
 
-/// Bytes of the machine's memory.
+/// Resident memory, in bytes.
 std::size_t residentMemory();
 
-/// What each thread has had of a processor, by its name.
+/// Processor time of each thread, by the thread's name.
 using ProcessorTimes = std::map<std::string, std::chrono::duration<double, std::milli>>;
 ProcessorTimes processorTimes();
 

@@ -18,14 +18,14 @@
 
 namespace Nubo::ServiceDiscovery::Testing {
 
-/// The payload in a UDP datagram to the discovery port whose checksum is wrong.
+/// A UDP datagram with that payload to the discovery port, with a wrong checksum.
 inline std::string corrupted(const std::string& payload)
 {
     return Packets::bigEndian16(9) + Packets::bigEndian16(discoveryPort) +
            Packets::bigEndian16(8 + payload.size()) + "0b ad"_bytes + payload;
 }
 
-/// Sends what no ordinary socket lets out: the header of the transport protocol is the caller's.
+/// Sends datagrams that an ordinary socket cannot send: the caller makes the transport header.
 class RawSpeaker
 {
 public:

@@ -2,6 +2,7 @@
 
 #include "DataLayer/SDClock.h"
 #include "LogicLayer/SDCommunicationHub.h"
+#include "ServiceDiscovery.h"
 #include "support/Platform.h"
 #include "support/Registry.h"
 
@@ -11,7 +12,7 @@
 
 namespace Nubo::ServiceDiscovery::Testing {
 
-/// A hub that writes down what is to be announced instead of sending it.
+/// A hub that records announcements instead of sending them.
 class RecordingHub : public SDCommunicationHub
 {
 public:
@@ -24,10 +25,12 @@ public:
         SDService record;
     };
 
+    using SDCommunicationHub::m_requestHandlerQueue;
+    using SDCommunicationHub::m_sender;
     using SDCommunicationHub::SDCommunicationHub;
 
-    /// Called with every announcement before it is written down, on the announcing thread. To be set before
-    /// any can come.
+    /// Called for every announcement before it is recorded, on the announcing thread. To be set before the
+    /// first one.
     std::function<void()> onAnnounce;
 
     void announce(const SDService::Ptr& service) override
@@ -54,7 +57,7 @@ public:
         return m_sent;
     }
 
-    /// The records of that name.
+    /// The announced records with that name.
     std::vector<Sent> sent(const std::string& name) const
     {
         std::vector<Sent> result;
@@ -77,7 +80,7 @@ private:
     std::vector<Sent> m_sent;
 };
 
-/// What a state machine needs around it: platform, facade, a registry, a hub that records.
+/// The surroundings of a state machine: platform, facade, a registry, a hub that records.
 struct EngineFixture
 {
     PlatformScope platform;

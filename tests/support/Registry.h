@@ -13,7 +13,7 @@
 
 namespace Nubo::ServiceDiscovery::Testing {
 
-/// A service registry that writes down what it is told and numbers what is discovered: "uuid-1", ….
+/// A service registry that records its events and numbers discovered services: "uuid-1", ….
 class Registry
 {
 public:
@@ -31,7 +31,7 @@ public:
     {
         m_discovery.ServiceListChanged += Poco::delegate(this, &Registry::onServiceListChanged);
     }
-    /// Shuts down first: unsubscribing does not wait for an event that is about to come in.
+    /// Shuts down first: unsubscribing does not wait for an event that is about to be delivered.
     ~Registry()
     {
         m_discovery.shutdown();
@@ -41,7 +41,7 @@ public:
     Registry(const Registry&) = delete;
     Registry& operator=(const Registry&) = delete;
 
-    /// What it was told, but for the first so many.
+    /// Its events, without the first ones.
     std::vector<Event> events(std::size_t first = 0) const
     {
         const std::lock_guard<std::mutex> lock(m_mutex);
@@ -54,7 +54,7 @@ public:
         return m_events.size();
     }
 
-    /// How many events of that type there were about services of that name.
+    /// Number of events of that type about services of that name.
     std::size_t count(ServiceDiscovery::EventType type, const std::string& name) const
     {
         const std::lock_guard<std::mutex> lock(m_mutex);
@@ -72,10 +72,10 @@ public:
         return count(ServiceDiscovery::EventType::SERVICE_GONE, name);
     }
 
-    /// Called with every event before it is written down, on the library's thread. To be set before any
-    /// event can come.
+    /// Called for every event before it is recorded, on the library's thread. To be set before the first
+    /// event.
     std::function<void(ServiceDiscovery::ServiceListEventPayload&)> onEvent;
-    /// Whether discovered services are given an identifier. The same holds.
+    /// Whether discovered services get an identifier. To be set before the first event.
     bool givesUuids = true;
 
 private:

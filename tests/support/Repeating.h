@@ -7,7 +7,7 @@
 
 namespace Nubo::ServiceDiscovery::Testing {
 
-/// Does something over and over on a thread of its own while it exists.
+/// Calls a function over and over on a separate thread while it exists.
 class Repeating
 {
 public:

@@ -25,7 +25,7 @@ namespace {
 
 thread_local bool isThreadMarked = false;
 
-// The plan. A thread may look at it while it is being replaced by the next one.
+// The plan. A thread may read it while it is being replaced by the next one.
 std::atomic<bool> isArmed{false};
 std::atomic<SystemCall> plannedCall{};
 std::atomic<std::size_t> firstFailure{0};
@@ -49,7 +49,7 @@ bool isHit(SystemCall call) noexcept
     return number >= firstFailure && number - firstFailure < failures;
 }
 
-/// The same; sets what the system would say.
+/// The same. Sets errno as the system would.
 bool fails(SystemCall call, int error) noexcept
 {
     const bool hit = isHit(call);
@@ -58,14 +58,14 @@ bool fails(SystemCall call, int error) noexcept
     return hit;
 }
 
-/// The call that would be made without this file.
+/// The function that would be called without this file.
 template <class Function>
 Function* original(const char* name, Function* /*type*/) noexcept
 {
     return reinterpret_cast<Function*>(::dlsym(RTLD_NEXT, name));
 }
 
-/// What a call on the socket counts as.
+/// The kind as which a call on the socket counts.
 SystemCall kindOn(int socket, SystemCall call) noexcept
 {
     if (!isThreadMarked || !isArmed)
@@ -79,7 +79,7 @@ SystemCall kindOn(int socket, SystemCall call) noexcept
     return isNetlink ? SystemCall::Netlink : call;
 }
 
-/// Makes a call that transfers data, and lets it fail, or return something else, when the plan says so.
+/// Makes a call that transfers data. When the plan says so, the call fails or returns something else.
 template <class Transfer>
 ssize_t transfer(int socket, SystemCall call, Transfer make)
 {
@@ -93,7 +93,7 @@ ssize_t transfer(int socket, SystemCall call, Transfer make)
     return result < 0 ? result : plannedResult.load();
 }
 
-/// What a thread that a marked one starts has to do.
+/// The function and argument of a thread that a marked one starts.
 struct Start
 {
     void* (*routine)(void*);
@@ -161,7 +161,7 @@ AfterClose::~AfterClose()
 
 }  // namespace Nubo::ServiceDiscovery::Testing
 
-// In place of the C library's.
+// Replace those of the C library.
 
 namespace Testing = Nubo::ServiceDiscovery::Testing;
 using Testing::SystemCall;
@@ -295,7 +295,7 @@ int ioctl(int descriptor, unsigned long request, ...) noexcept
 
 }  // extern "C"
 
-// A sanitizer has its own allocator, so operator new takes the place of the standard library's there.
+// Sanitizers replace malloc, so operator new is replaced instead of it.
 
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
 

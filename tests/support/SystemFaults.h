@@ -6,8 +6,8 @@
 
 #include <sys/types.h>
 
-/// Lets calls into the system fail, one at a time or for a while. A program links kel_sd_system_faults, which
-/// has the calls in place of the C library's.
+/// Makes system calls fail, one at a time or for a while. Programs that use it link kel_sd_system_faults,
+/// which replaces the C library's calls.
 namespace Nubo::ServiceDiscovery::Testing {
 
 enum class SystemCall
@@ -25,8 +25,8 @@ enum class SystemCall
     Control     ///< ioctl()
 };
 
-/// Marks the calling thread while it exists, and the threads that it starts meanwhile for good: only calls of
-/// these can fail.
+/// Marks the calling thread while it exists, and permanently the threads that it starts meanwhile. Only calls
+/// of marked threads can fail.
 class InMarkedThread
 {
 public:
@@ -41,7 +41,7 @@ private:
 };
 
 /// While it exists, the calls of one kind are counted, from 1, and those from the first to the last of the
-/// plan fail. One at a time in a program.
+/// plan fail. Only one may exist at a time.
 ///
 ///     const InMarkedThread marked;
 ///     const SystemFault fault({SystemCall::Bind});
@@ -56,7 +56,7 @@ public:
         SystemCall call;
         std::size_t first = 1;
         std::size_t count = 1;
-        /// What is returned instead, behind a call that is made; sending and receiving only.
+        /// Returned in place of the result of a call that is made; for sending and receiving only.
         std::optional<ssize_t> result = std::nullopt;
         /// Why it fails, instead of the reason that is usual for the call; bind() only.
         std::optional<int> error = std::nullopt;
@@ -68,7 +68,7 @@ public:
     SystemFault(const SystemFault&) = delete;
     SystemFault& operator=(const SystemFault&) = delete;
 
-    /// How many such calls have been made.
+    /// Number of such calls so far.
     std::size_t calls() const;
     /// Whether at least one of them has failed.
     bool happened() const;

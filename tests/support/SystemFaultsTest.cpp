@@ -29,7 +29,7 @@ using Poco::Net::SocketAddress;
 
 namespace {
 
-/// Volatile, so that no compiler leaves the allocation out.
+/// Volatile, so that the compiler cannot remove the allocation.
 void allocateOnce()
 {
     delete new volatile int;

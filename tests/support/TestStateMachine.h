@@ -10,10 +10,10 @@
 
 namespace Nubo::ServiceDiscovery::Testing {
 
-/// A state machine whose workloads a test can look into, and whose intervals it can let end by hand.
+/// A state machine whose workloads a test can read, and whose intervals it can end by hand.
 ///
-/// `run()` marks it running without starting timers, so that nothing happens but what the test does; with
-/// the engine's clock turned (SDClock::turn), time passes as the test wants it.
+/// `run()` marks it as running without starting timers, so that only the test makes things happen. By turning
+/// the engine's clock (SDClock::turn), the test controls time.
 class TestStateMachine : public SDStateMachine
 {
     template <class Worker>
@@ -32,6 +32,7 @@ public:
     using SDStateMachine::m_periodicWorker;
     using SDStateMachine::m_periodicWorkload;
     using SDStateMachine::m_running;
+    using SDStateMachine::m_turnMutex;
     using SDStateMachine::m_workloadMutex;
     using SDStateMachine::SDStateMachine;
 
@@ -41,14 +42,14 @@ public:
         m_aperiodicWorker.*TimerAccess<AperiodicWorker>::isInitialized() = true;  // as if the timer ran
     }
 
-    /// The same as a start for the periodic worker's notion of time.
+    /// Makes the periodic worker regard the present as its start.
     void listenFromNowOn()
     {
         m_periodicWorker.*TimerAccess<PeriodicWorker>::isInitialized() = true;
         m_periodicWorker.start();
     }
 
-    /// What the workers wait with: their intervals are what they were set to last, in milliseconds.
+    /// The workers' timers. Their intervals are the last ones set, in milliseconds.
     const Poco::Timer& aperiodicTimer() const
     {
         return m_aperiodicWorker.*TimerAccess<AperiodicWorker>::timer();
@@ -58,7 +59,7 @@ public:
         return m_periodicWorker.*TimerAccess<PeriodicWorker>::timer();
     }
 
-    /// Lets an interval of the worker end, on this thread.
+    /// Ends an interval of the worker, on this thread.
     void aperiodicTick() { aperiodicTick(m_timer); }
     void aperiodicTick(Poco::Timer& timer) { m_aperiodicWorker.onInterval(timer); }
     void periodicTick() { periodicTick(m_timer); }
@@ -85,7 +86,7 @@ public:
         return found;
     }
 
-    /// Put a record, or null, into a workload as it is.
+    /// Put a record, or null, into a workload, unchanged.
     void putAperiodic(const SDService::Ptr& service, Poco::Clock::ClockDiff dueInMicroseconds = 0)
     {
         m_aperiodicWorkload.emplace(SDClock::now() + dueInMicroseconds, service);

@@ -1,8 +1,8 @@
 #pragma once
 
-#include "LogicLayer/SDCommunicationHub.h"
 #include "ServiceDiscovery.h"
 #include "support/Namespace.h"
+#include "support/OpenHub.h"
 #include "support/Platform.h"
 #include "support/Registry.h"
 #include "support/Waiting.h"
@@ -25,7 +25,7 @@
 
 namespace Nubo::ServiceDiscovery::Testing {
 
-/// Holds a thread of the library up in a subscriber, until it is opened.
+/// Blocks a thread of the library in a subscriber until it is opened.
 class Gate
 {
 public:
@@ -58,7 +58,7 @@ private:
     bool m_isOpen = false;
 };
 
-/// Writes down what a dispatcher reports: "+eth0 fd00::1" and "-eth0 fd00::1".
+/// Records the reports of a dispatcher: "+eth0 fd00::1" and "-eth0 fd00::1".
 class Reports
 {
 public:
@@ -70,7 +70,7 @@ public:
     Reports(const Reports&) = delete;
     Reports& operator=(const Reports&) = delete;
 
-    /// When it returns, no report is being delivered any more.
+    /// When it returns, no report is being delivered.
     void unbind()
     {
         m_additions.reset();
@@ -83,13 +83,13 @@ public:
         return m_lines;
     }
 
-    /// Waits for that many reports in all.
+    /// Waits for that many reports in total.
     bool come(std::size_t count) const
     {
         return eventually([&] { return lines().size() >= count; });
     }
 
-    /// Has every further report followed by a call, on the thread that it comes on.
+    /// Calls the function after every further report, on the thread that delivers it.
     void onReport(std::function<void()> call)
     {
         const std::lock_guard<std::mutex> lock(m_mutex);
@@ -122,14 +122,14 @@ private:
     OEMInterface::ResponseBindingPtr m_additions;
 };
 
-/// An engine whose hub the test holds: the only one that gets the dispatcher's reports.
+/// An engine whose hub belongs to the test. Only this hub gets the dispatcher's reports.
 struct HubUnit
 {
     PlatformScope platformOfTheFacade;
     ServiceDiscovery facade;
     Registry registry{facade};
     PlatformScope platform;
-    SDCommunicationHub hub{facade};
+    OpenHub hub{facade};
 };
 
 /// Puts the dispatcher that follows the kernel's interfaces into the service locator while it exists.
@@ -173,7 +173,7 @@ public:
 
     const Namespace& network() const { return m_network; }
     const Registry& registry() const { return m_parts->registry; }
-    /// For its requests. What touches the network goes through the operations below.
+    /// For requests. Calls that use the network must go through the operations below.
     ServiceDiscovery& discovery() { return m_parts->discovery; }
     auto& dispatcher() { return m_parts->platform.dispatcher(); }
 
@@ -208,7 +208,7 @@ struct OwnNamespace
     Namespace own;
 };
 
-/// A unit with a namespace of its own, whose interfaces the test reports.
+/// A unit in a separate namespace, whose interfaces the test reports.
 class TestUnit : private OwnNamespace, public UnitIn<PlatformScope>
 {
 public:

@@ -11,8 +11,8 @@
 
 namespace Nubo::ServiceDiscovery::Testing {
 
-/// Has the kernel send the calling thread a signal every millisecond, as a profiler does, until the object
-/// goes or so many have come in. One at a time in a program.
+/// Makes the kernel send the calling thread a signal every millisecond, as a profiler does, until the object
+/// is destroyed or `most` signals have arrived. Only one object may exist at a time.
 class ThreadSignals
 {
 public:
@@ -21,7 +21,7 @@ public:
         left = most;
         m_most = most;
         struct sigaction action = {};
-        action.sa_handler = &ThreadSignals::handle;  // for good: one may still be on its way in the end
+        action.sa_handler = &ThreadSignals::handle;  // stays set: a signal may still be pending at the end
         action.sa_flags = SA_RESTART;
         sigevent event{};
         event.sigev_notify = SIGEV_THREAD_ID;

@@ -7,17 +7,17 @@
 #include <algorithm>
 #include <chrono>
 
-/// For tests of times, which a busy machine makes longer and never shorter.
+/// Helpers for tests of times, which a busy machine makes longer, never shorter.
 namespace Nubo::ServiceDiscovery::Testing {
 
-/// Turns the engine's clock to that long after an instant, in microseconds.
+/// Turns the engine's clock to `later` microseconds after an instant.
 inline void turnTo(const Poco::Clock& instant, Poco::Clock::ClockDiff later)
 {
     SDClock::turn(later - (SDClock::now() - instant));
 }
 
-/// How many milliseconds the call takes. When that is more than expected, the call is made again, up to
-/// twice, and the shortest time counts.
+/// Duration of the call in milliseconds. If it takes longer than expected, the call is made up to two more
+/// times, and the shortest time counts.
 template <class Call>
 double shortestTime(Call call, double expected)
 {
@@ -31,7 +31,7 @@ double shortestTime(Call call, double expected)
     return shortest;
 }
 
-/// Whether the condition holds in one of so many runs.
+/// Whether the condition holds in at least one of the runs.
 template <class Condition>
 bool inSomeRun(Condition condition, int runs = 20)
 {

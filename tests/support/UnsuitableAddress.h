@@ -4,7 +4,7 @@
 
 namespace Nubo::ServiceDiscovery::Testing {
 
-/// An address as a platform may report it, with which no interface can be used.
+/// An address that a platform may report and that no interface can use.
 struct UnsuitableAddress
 {
     const char* name;

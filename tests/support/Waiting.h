@@ -5,7 +5,7 @@
 
 namespace Nubo::ServiceDiscovery::Testing {
 
-/// Waits until the condition holds, at most that long; returns whether it does.
+/// Waits until the condition holds, at most `atMost`. Returns whether it does.
 template <class Condition>
 bool eventually(Condition condition, std::chrono::milliseconds atMost = std::chrono::seconds(10))
 {
@@ -18,7 +18,7 @@ bool eventually(Condition condition, std::chrono::milliseconds atMost = std::chr
     return true;
 }
 
-/// Whether the condition keeps holding for that long.
+/// Whether the condition holds all the time for `howLong`.
 template <class Condition>
 bool keeps(Condition condition, std::chrono::milliseconds howLong)
 {

@@ -6,7 +6,7 @@
 #include <stdexcept>
 #include <string>
 
-/// Bytes on the wire as tests write them: pairs of lower-case hexadecimal digits with a blank between,
+/// Bytes on the wire in the notation of tests: pairs of lower-case hexadecimal digits, separated by blanks,
 /// "ff ff 81 00".
 namespace Nubo::ServiceDiscovery::Testing {
 
@@ -28,7 +28,7 @@ inline std::string toHex(const std::string& bytes)
     return toHex(bytes.data(), bytes.size());
 }
 
-/// The bytes of a hexadecimal text; blanks and line ends are passed over.
+/// The bytes of a hexadecimal text. Blanks and line ends are ignored.
 inline std::string fromHex(const std::string& text)
 {
     std::string bytes;
@@ -61,7 +61,7 @@ inline std::string operator""_bytes(const char* text, std::size_t size)
     return fromHex(std::string(text, size));
 }
 
-/// What the object's stream operator writes, as hexadecimal text.
+/// The output of the object's stream operator, as hexadecimal text.
 template <class Object>
 std::string written(const Object& object)
 {
@@ -76,13 +76,13 @@ inline std::istringstream streamOf(const std::string& hex)
     return std::istringstream(fromHex(hex));
 }
 
-/// How many bytes of the stream have not been read.
+/// Number of bytes that have not been read from the stream.
 inline std::streamsize unread(std::istream& stream)
 {
     return stream.rdbuf()->in_avail();
 }
 
-/// Shows what reading an entry or an option returns.
+/// Gives access to the result of reading an entry or an option.
 template <class Part>
 struct Opened : Part
 {
@@ -95,7 +95,7 @@ struct Opened : Part
     }
 };
 
-/// A configuration text as it travels: one length byte before the characters.
+/// A configuration text on the wire: one length byte before the characters.
 inline std::string configText(const std::string& text)
 {
     return static_cast<char>(text.size()) + text;

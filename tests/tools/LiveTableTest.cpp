@@ -1,4 +1,4 @@
-#include "LiveTable.h"
+#include "terminal/LiveTable.h"
 
 #include <algorithm>
 #include <chrono>

@@ -14,16 +14,7 @@ namespace {
 
 using StateMachineEvent = SDStateMachine::ExternalEvent;
 
-/// Opens the hub's state machine.
-template <auto member>
-struct StateMachine
-{
-    friend SDStateMachine& stateMachineOf(SDCommunicationHub& hub) { return hub.*member; }
-};
-template struct StateMachine<&SDCommunicationHub::m_statemachine>;
-SDStateMachine& stateMachineOf(SDCommunicationHub& hub);
-
-/// Lets the handler's run() return when it has been handled.
+/// Makes the handler's run() return after this datagram.
 class OnlyDatagram : public SDMessageNotification
 {
 public:
@@ -42,8 +33,9 @@ private:
 Engine::Engine()
 {
     m_facade.ServiceListChanged += Poco::delegate(this, &Engine::onServiceListChanged);
-    m_handler.OfferService += Poco::delegate(&m_hub, &SDCommunicationHub::onOfferServiceReceived);
-    m_handler.FindService += Poco::delegate(&m_hub, &SDCommunicationHub::onFindServiceReceived);
+    SDCommunicationHub* const hub = &m_hub;
+    m_handler.OfferService += Poco::delegate(hub, &SDCommunicationHub::onOfferServiceReceived);
+    m_handler.FindService += Poco::delegate(hub, &SDCommunicationHub::onFindServiceReceived);
 }
 
 Engine::~Engine()
@@ -78,13 +70,13 @@ void Engine::onServiceListChanged(ServiceDiscovery::ServiceListEventPayload& pay
     m_events.push_back({payload.getEventType(), *payload.getServiceDescription()});
 }
 
-/// By a stop-offer that fits whatever service ID it was offered with. One that is gone stays so.
+/// Sends a stop-offer that matches any service ID. Has no effect on a service that is gone already.
 void Engine::forget(const NuboServiceDescription& discovered)
 {
     constexpr auto anyID = SOME_IP_SD_Types::EntryValues::ServiceID_Any;
     StateMachineEvent stopOffer(StateMachineEvent::SOMEIP_STOPOFFER,
                                 new SDService(discovered, 0, anyID, 0, 0, 0, {}, SDService::Type::NONE));
-    stateMachineOf(m_hub).onExternalEvent(stopOffer);
+    m_hub.m_statemachine.onExternalEvent(stopOffer);
 }
 
 }  // namespace Nubo::ServiceDiscovery::Testing

@@ -1,9 +1,9 @@
 #pragma once
 
-#include "LogicLayer/SDCommunicationHub.h"
 #include "LogicLayer/SDRequestHandler.h"
 #include "Multicast/MulticastReceiver.h"
 #include "ServiceDiscovery.h"
+#include "support/OpenHub.h"
 #include "support/Platform.h"
 
 #include <Poco/NotificationQueue.h>
@@ -13,8 +13,8 @@
 
 namespace Nubo::ServiceDiscovery::Testing {
 
-/// What lies between the receiver and the registry, without network, threads and timers: datagrams are
-/// handled on the calling thread.
+/// The engine between receiver and registry, without network, threads and timers: datagrams are handled on
+/// the calling thread.
 class Engine
 {
 public:
@@ -24,10 +24,11 @@ public:
     Engine(const Engine&) = delete;
     Engine& operator=(const Engine&) = delete;
 
-    /// Announces the service "Local", anew if need be: then no answer to a search is waiting.
+    /// Announces the service "Local", again if necessary. Afterwards no answer to a search is pending.
     void announceLocal();
 
-    /// Hands in a datagram; returns what a specimen's "handled" has. What was discovered is forgotten.
+    /// Handles a datagram and returns its events as a specimen's "handled" lists them. Then forgets the
+    /// discovered services.
     std::vector<std::string> handle(const Multicast::MulticastDataPtr& datagram);
 
 private:
@@ -43,7 +44,7 @@ private:
     PlatformScope m_platformOfTheFacade;
     ServiceDiscovery m_facade;
     PlatformScope m_platform;
-    SDCommunicationHub m_hub{m_facade};
+    OpenHub m_hub{m_facade};
     Poco::NotificationQueue m_queue;
     SDRequestHandler m_handler{m_queue};
     std::vector<Event> m_events;

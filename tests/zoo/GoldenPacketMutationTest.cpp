@@ -17,7 +17,7 @@ namespace Nubo::ServiceDiscovery::Testing {
 
 namespace {
 
-/// A field of a datagram that holds a length.
+/// A length field of a datagram.
 struct LengthField
 {
     std::size_t position;
@@ -39,8 +39,8 @@ std::string with(std::string datagram, LengthField field, std::uint32_t value)
     return datagram;
 }
 
-/// Of a good datagram, those of its packets, arrays and options. Lengths of configuration texts are single
-/// bytes.
+/// Returns the length fields of packets, arrays and options in a valid datagram. Excludes those of
+/// configuration texts, which are single bytes.
 std::vector<LengthField> lengthFields(const std::string& datagram)
 {
     std::vector<LengthField> fields;
@@ -117,7 +117,7 @@ TEST_P(GoldenPacketMutationTest, NoMutationHarmsTheEngine)
     }
 
     expectHandledAsItShouldBe();
-    constexpr std::size_t slack = 64 * 1024;  // of containers; a leak a mutation would be ten times as much
+    constexpr std::size_t slack = 64 * 1024;  // for containers; one leak per mutation would exceed it tenfold
     EXPECT_LT(heapInUse(), heapBefore + slack);
 }
 

@@ -32,7 +32,7 @@ namespace {
 
 constexpr auto emptyLine = "Debug: Multicast connection closed (available = 0).";
 
-/// What the kernel has counted in a namespace, "Ip6InMcastPkts" for example.
+/// Reads a counter of the kernel for the namespace, such as "Ip6InMcastPkts".
 std::size_t counted(const Namespace& network, const std::string& counter)
 {
     const InNamespace inside(network);
@@ -45,7 +45,7 @@ std::size_t counted(const Namespace& network, const std::string& counter)
     throw std::runtime_error("no such counter: " + counter);
 }
 
-/// The processor time that the process takes in a second.
+/// Measures the processor time that the process uses in one second.
 std::chrono::milliseconds processorTimeInASecond()
 {
     const std::clock_t before = std::clock();
@@ -53,7 +53,7 @@ std::chrono::milliseconds processorTimeInASecond()
     return std::chrono::milliseconds((std::clock() - before) * 1000 / CLOCKS_PER_SEC);
 }
 
-/// An ICMPv6 error about a UDP datagram that the unit is said to have sent to the group.
+/// An ICMPv6 error about a UDP datagram that the unit supposedly sent to the group.
 std::string icmpError(std::uint8_t type, std::uint8_t code, std::uint16_t sourcePort)
 {
     const std::string unitAddress = "fd 00 00 00 00 00 00 00 00 00 00 00 00 00 00 01"_bytes;
@@ -71,7 +71,7 @@ std::string icmpError(std::uint8_t type, std::uint8_t code, std::uint16_t source
 
 struct HostileTrafficTest : ListeningUnitTest
 {
-    /// Whether the unit still hears. A flood may have left no room for one offer, so there are several.
+    /// Whether the unit still receives. Sends several offers, because a flood may have left no room for one.
     bool isListening()
     {
         std::string probe = sendProbe();
@@ -84,14 +84,15 @@ struct HostileTrafficTest : ListeningUnitTest
         });
     }
 
-    /// Whether the unit comes to rest. A thread that spins would take a whole second of each.
+    /// Whether the unit becomes idle. A spinning thread would use a whole second of processor time per
+    /// second.
     static bool isIdle()
     {
         return eventually([] { return processorTimeInASecond() < std::chrono::milliseconds(300); });
     }
 };
 
-/// The same without the lines of every single datagram.
+/// Suppresses the log lines that each datagram causes.
 struct FloodTest : HostileTrafficTest
 {
     const LogLimit limit{Poco::Message::PRIO_NOTICE};

@@ -13,7 +13,7 @@
 
 namespace Nubo::ServiceDiscovery::Testing {
 
-/// A unit and a neighbour on one link, eth0 on either side.
+/// A unit and a neighbour, connected by a link that is eth0 on both sides.
 struct NeighbourTest : ::testing::Test
 {
     NeighbourTest()
@@ -28,12 +28,12 @@ struct NeighbourTest : ::testing::Test
     Namespace neighbour{"neighbour"};
 };
 
-/// The same with the unit started and the neighbour speaking.
+/// The same with a started unit and a socket of the neighbour to send from.
 struct ListeningUnitTest : NeighbourTest
 {
     ListeningUnitTest() { EXPECT_TRUE(unit.startup("fd00::1")); }
 
-    /// Offers a service that was not offered before; returns its name.
+    /// Offers a service with a new name, and returns the name.
     std::string sendProbe()
     {
         const std::string name = "Probe" + std::to_string(++m_probes);

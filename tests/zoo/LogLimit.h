@@ -6,13 +6,13 @@
 
 namespace Nubo::ServiceDiscovery::Testing {
 
-/// Keeps lines of a lower priority from being made while it exists, for what would be slow with them.
+/// Suppresses log lines of lower priority while it exists, for tests that would otherwise be slow.
 class LogLimit
 {
 public:
     static constexpr int none = 0;
 
-    /// A Poco::Message::Priority, or `none` for no line at all.
+    /// `lowest` is a Poco::Message::Priority, or `none` to suppress all lines.
     explicit LogLimit(int lowest) { Logging::Log::Logger().setLevel(lowest); }
     ~LogLimit() { Logging::Log::Logger().setLevel(Poco::Message::PRIO_TRACE); }
 

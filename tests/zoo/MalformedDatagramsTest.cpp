@@ -22,12 +22,12 @@ const SpecimenGroups& zoo()
     return groups;
 }
 
-/// A unit that announces the service "Local", and a neighbour that sends it the specimens of a group.
+/// A unit that announces the service "Local" receives the specimens of a group from a neighbour.
 struct MalformedDatagramsTest : ListeningUnitTest, ::testing::WithParamInterface<std::string>
 {
     MalformedDatagramsTest() { unit.discovery().addService(describe("Local")); }
 
-    /// What the registry was told, after that many events.
+    /// The registry's events after the first `events`, in the notation of a specimen's "handled".
     std::vector<std::string> handledSince(std::size_t events) const
     {
         std::vector<std::string> result;
@@ -36,7 +36,7 @@ struct MalformedDatagramsTest : ListeningUnitTest, ::testing::WithParamInterface
         return result;
     }
 
-    /// The lines of the thread that handles datagrams. It has handled one at least.
+    /// The log lines of the thread that handles datagrams, which must have handled at least one.
     std::vector<std::string> reported() const
     {
         std::vector<Poco::Message> messages = log.messages();

@@ -59,7 +59,7 @@ struct ManyEntriesTest : ::testing::TestWithParam<EntryCase>
 {
     ManyEntriesTest() { engine.announceLocal(); }
 
-    /// The least of several times.
+    /// The shortest of several measurements.
     Milliseconds timeToHandle(std::size_t entries, const EntryCase& row = GetParam())
     {
         const Multicast::MulticastDataPtr datagram = datagramOf(entries, row);
@@ -76,7 +76,7 @@ struct ManyEntriesTest : ::testing::TestWithParam<EntryCase>
     Engine engine;
 };
 
-/// What else a configuration has room for: the same key again and again.
+/// A configuration with `room` bytes of repetitions of one text.
 std::string fullConfiguration(const std::string& name, const std::string& repeatedText,
                               std::size_t room = 1200)
 {
@@ -90,12 +90,12 @@ const std::string searchedNobody = Packets::configurationOption({"otherserv=Nobo
 
 }  // namespace
 
-/// A datagram of 64 kB may cost the handler no more than as many small ones would.
+/// The cost of a datagram of up to 64 kB must grow only in proportion to the number of its entries.
 TEST_P(ManyEntriesTest, CostWhatEachOfThemCosts)
 {
     const Milliseconds few = timeToHandle(400);
     Milliseconds many = timeToHandle(4000);
-    for (int i = 0; i < 3 && many / few >= 15; ++i)  // other work on the machine takes its caches
+    for (int i = 0; i < 3 && many / few >= 15; ++i)  // other processes can evict the caches
         many = std::min(many, timeToHandle(4000));
 
     RecordProperty("milliseconds", std::to_string(many.count()));
@@ -104,7 +104,8 @@ TEST_P(ManyEntriesTest, CostWhatEachOfThemCosts)
 
 using LargeConfigurationTest = ManyEntriesTest;
 
-/// Half of a datagram of 64 kB may be one configuration that each entry in the other half refers to.
+/// In a datagram of 64 kB, one half can be a single configuration to which every entry in the other half
+/// refers.
 TEST_P(LargeConfigurationTest, IsNotReadForEachEntryThatRefersToIt)
 {
     const EntryCase& row = GetParam();

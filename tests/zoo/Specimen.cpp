@@ -14,7 +14,7 @@ namespace {
 
 using Json = nlohmann::json;
 
-/// What `read` makes of the texts of a list, one behind the other, repetitions written out.
+/// Applies `read` to each text of the list, including repetitions, and concatenates the results.
 template <class Result, class Read>
 Result writtenOut(const Json& list, Read read)
 {
@@ -40,7 +40,7 @@ std::string bytes(const Json& hex)
     return writtenOut<std::string>(hex, fromHex);
 }
 
-/// A line may hold bytes from the network as they came, and JSON none but those of UTF-8.
+/// Escapes bytes outside printable ASCII: log lines can contain raw bytes from the network, JSON only UTF-8.
 std::string printable(const std::string& line)
 {
     std::string result;

@@ -9,17 +9,17 @@
 #include <string>
 #include <vector>
 
-/// Datagrams that are kept as data, in the JSON files beside this one: groups of
+/// A datagram that is stored as data in the JSON files of this folder. The files contain groups of
 ///
 ///     { "name": "…", "hex": […], "log": […], "handled": […] }
 ///
-/// hex      the bytes in wire order, an element a field or a structure
-/// log      what the unit says about them: its errors, warnings and notices, and the debug lines that tell
-///          of something skipped; a byte outside 20 to 7e stands as \xNN
-/// handled  what it does all the same: "+<service>" for a discovered one, "-<service>" for one that is gone,
-///          a service being "<URI> <transport> v<version>… #<category>…"
+/// hex      the bytes in wire order, with one element per field or structure
+/// log      the lines that the unit logs: errors, warnings and notices, and debug lines about skipped parts.
+///          A byte outside 20 to 7e is written as \xNN
+/// handled  the resulting events: "+<service>" for a service that is discovered, "-<service>" for one that is
+///          gone, where a service is "<URI> <transport> v<version>… #<category>…"
 ///
-/// In each list an element {"times": N, "of": […]} stands for N repetitions.
+/// In each list, an element {"times": N, "of": […]} means N repetitions.
 namespace Nubo::ServiceDiscovery::Testing {
 
 struct Specimen
@@ -36,13 +36,13 @@ using SpecimenGroups = std::map<std::string, std::vector<Specimen>>;
 
 SpecimenGroups readSpecimens(const std::string& fileName);
 
-/// The names of the groups, for a test that is run once with each.
+/// The names of the groups, for tests that run once per group.
 std::vector<std::string> namesOf(const SpecimenGroups& groups);
 
-/// An event as a specimen's "handled" has it.
+/// An event in the notation of a specimen's "handled".
 std::string handledText(ServiceDiscovery::EventType type, const NuboServiceDescription& description);
 
-/// Those lines that a specimen's "log" has.
+/// Selects the lines that a specimen's "log" would list.
 std::vector<std::string> reportedLines(const std::vector<Poco::Message>& messages);
 
 }  // namespace Nubo::ServiceDiscovery::Testing

@@ -1,7 +1,7 @@
-#include "CommandLine.h"
 #include "Errors.h"
-#include "LogOutput.h"
-#include "Text.h"
+#include "commands/Subcommands.h"
+#include "text/Text.h"
+#include "unit/LogOutput.h"
 
 #include <iostream>
 #include <iterator>
@@ -12,15 +12,6 @@
 namespace NuboSd {
 
 namespace {
-
-constexpr Subcommand subcommands[] = {
-    {"announce", "Announce services of this unit, and report those of other units", setUpAnnounce},
-    {"browse", "Report the services of other units as they come and go", setUpBrowse},
-    {"check", "Look for mistakes in a list of services", setUpCheck},
-    {"doctor", "Look for what hinders service discovery on this unit", setUpDoctor},
-    {"find", "Search for a service and print each instance found", setUpFind},
-    {"monitor", "Print every service-discovery packet on the interfaces, decoded", setUpMonitor},
-};
 
 /// "announce, browse or find"
 std::string names()
@@ -45,11 +36,11 @@ int run(int argc, char** argv)
 {
     CLI::App app("Service discovery between the control units of a vehicle.", "nubo-sd");
     app.set_version_flag("-V,--version", std::string("nubo-sd ") + NUBO_SD_VERSION);
-    app.require_subcommand(0, 1);  // that there is one is checked below, in clearer words
+    app.require_subcommand(0, 1);  // a missing one is reported below, in clearer words
     app.fallthrough();
     app.footer(
-        "The options of nubo-sd --help may stand before or after a subcommand's own.\n\n"
-        "Exit codes: 0 done; 1 nothing found (find), or something bad (doctor); 2 wrong arguments or an\n"
+        "The options listed by nubo-sd --help can precede or follow those of a subcommand.\n\n"
+        "Exit codes: 0 success; 1 find found nothing, or doctor found a problem; 2 wrong arguments or an\n"
         "invalid service; 3 the network cannot be used.");
 
     CommonOptions common;

@@ -16,11 +16,12 @@ bool isGlobalOnTheWay(const LinkAddress& address)
     return !address.isLinkLocal && address.isTentative && !address.isDuplicate;
 }
 
-/// The higher, the better. Among equals the one that stood before stays, then the kernel's order holds.
+/// Returns a rank; higher is better. The previous choice outranks all others of its scope. Among equal ranks,
+/// the kernel's order decides.
 int rank(const LinkAddress& address, const std::string& previousText)
 {
     const int scope = address.isLinkLocal ? 0 : 4;
-    // An address in use may go on when it becomes deprecated; a new choice prefers one that is not.
+    // An address in use is kept when it becomes deprecated; a new choice prefers one that is not deprecated.
     if (address.text == previousText)
         return scope + 2;
     return scope + (address.isDeprecated ? 0 : 1);

@@ -15,10 +15,10 @@ struct LinkAddress
     bool isLinkLocal = false;
     bool isTentative = false;   ///< duplicate address detection is running, or has failed
     bool isDuplicate = false;   ///< duplicate address detection has failed
-    bool isDeprecated = false;  ///< still valid, but not to be chosen for something new
+    bool isDeprecated = false;  ///< still valid, but should not be used for new communication
 };
 
-/// A link of the kernel that may serve service discovery: up, with multicast, not loopback.
+/// A link of the kernel that is suitable for service discovery: up, supports multicast, not loopback.
 struct Link
 {
     std::string name;
@@ -32,7 +32,7 @@ using Links = std::map<int, Link>;
 using AddressKey = std::pair<int, std::string>;
 using AddressKeys = std::set<AddressKey>;
 
-/// What is reported of one interface.
+/// An interface as it is reported, with one of its addresses.
 struct ChosenInterface
 {
     std::string name;
@@ -41,11 +41,11 @@ struct ChosenInterface
     bool operator==(const ChosenInterface& other) const { return name == other.name && ip == other.ip; }
 };
 
-/// The interfaces to be reported, by interface index.
+/// The interfaces to report, by interface index.
 using Selection = std::map<int, ChosenInterface>;
 
-/// Chooses the interfaces to be reported and the address of each. What was chosen in `previous` stays
-/// chosen while it can be used, unless it is a link-local address and a global one has come.
+/// Chooses the interfaces to report and the address of each. Keeps the choices in `previous` as long as they
+/// are usable, except that a global address replaces a link-local one.
 Selection selectInterfaces(const Links& links, const Selection& previous);
 
 }  // namespace OEMInterface

@@ -32,7 +32,7 @@ void logFailure(const char* what, const std::string& name, const std::string& ip
             << "\" @ [" << ip << "]: " << Common::currentException << '\n';
     }
     catch (const std::bad_alloc&) {
-        // The first use of the logger takes memory.
+        // The first use of the logger allocates memory.
     }
 }
 
@@ -46,7 +46,7 @@ const char* verbOf(const RemoveServiceDiscoveryInterfacePayload&)
     return "remove";
 }
 
-/// Delivers one report to one delegate. An exception ends here: it must not cost others their report.
+/// Delivers one report to one delegate. Logs all exceptions, because the others must still get the report.
 template <class Payload>
 void deliver(Poco::AbstractDelegate<Payload>& delegate, const void* sender, const std::string& name,
              const std::string& ip)
@@ -62,8 +62,8 @@ void deliver(Poco::AbstractDelegate<Payload>& delegate, const void* sender, cons
 
 /// The delegates bound to one kind of report. Guarded by the dispatcher's delivery mutex.
 ///
-/// Not a Poco event: that locks each delegate while it runs, so that a delegate which calls the dispatcher
-/// and a thread which ends the delegate's binding could wait for each other.
+/// A Poco event would lock each delegate while it runs: a delegate that calls the dispatcher and a thread
+/// that ends the delegate's binding could then deadlock.
 template <class Payload>
 class Delegates
 {
@@ -72,20 +72,21 @@ public:
 
     void bind(const Ptr& delegate) { m_bound.push_back(delegate); }
 
-    /// Needs no memory: a binding that ends cannot report a failure.
+    /// Allocates nothing, because the end of a binding cannot report a failure.
     void unbind(const Ptr& delegate)
     {
         const auto found = std::find(m_bound.begin(), m_bound.end(), delegate);
         if (m_deliveries == 0)
             m_bound.erase(found);
         else
-            found->reset();  // a delivery counts on the places of the others
+            found->reset();  // a delivery in progress relies on the positions of the others
     }
 
-    /// Delivers to the delegates that are bound now. Needs no memory: no delegate is left out for want of it.
+    /// Delivers to the delegates that are bound now. Allocates nothing, so no delegate is left out when
+    /// memory is short.
     void notify(const void* sender, const std::string& name, const std::string& ip)
     {
-        // A delegate may bind further ones, end bindings, and have another report delivered.
+        // A delegate may bind others, end bindings and cause another report.
         ++m_deliveries;
         const std::size_t count = m_bound.size();
         for (std::size_t i = 0; i < count; ++i) {
@@ -101,8 +102,8 @@ private:
     unsigned m_deliveries = 0;
 };
 
-/// The address that the text stands for, whatever its spelling and its scope ("fe80::1%eth0"); nothing if the
-/// text is no IPv6 address.
+/// Parses an IPv6 address in any spelling, ignoring its scope ("fe80::1%eth0"). Returns none if the text is
+/// not an IPv6 address.
 std::optional<in6_addr> addressOf(const std::string& text)
 {
     const std::size_t size = std::min(text.find('%'), text.size());
@@ -140,8 +141,8 @@ bool isSame(const LinuxDispatcher::Interface& interface, const std::string& name
 
 struct LinuxDispatcher::State
 {
-    // Held while a report is delivered, so that reports keep their order, a new binding misses none and an
-    // ended one gets none.
+    // Locked while a report is delivered, so that reports keep their order, a new binding misses none and an
+    // ended one receives none.
     std::recursive_mutex delivery;
     Delegates<AddServiceDiscoveryInterfacePayload> added;
     Delegates<RemoveServiceDiscoveryInterfacePayload> removed;
@@ -166,7 +167,7 @@ const char* orEmpty(const char* text)
     return text ? text : "";
 }
 
-/// Holds one delegate. Taking it off waits for a delivery to end.
+/// Keeps one delegate bound. Its destructor waits for a delivery in progress.
 template <class State, class Payload>
 class DelegateBinding : public ResponseBinding
 {
@@ -213,7 +214,7 @@ ResponseBindingPtr LinuxDispatcher::bindResponse(
     ResponseBindingPtr binding =
         new DelegateBinding<State, AddServiceDiscoveryInterfacePayload>(m_state, m_state->added, copy);
     for (const Interface& one : standing) {
-        // The delegate may have removed it meanwhile.
+        // A delegate may have removed the interface meanwhile.
         if (m_state->isReported(one.name, one.ip))
             deliver(*copy, this, one.name, one.ip);
     }
@@ -231,7 +232,7 @@ ResponseBindingPtr LinuxDispatcher::bindResponse(
 void LinuxDispatcher::callLogEvent(char const* name, char const* protocol, char const* ip,
                                    unsigned short port)
 {
-    Poco::Logger& logger = Logging::Log::Logger();  // its first use takes memory
+    Poco::Logger& logger = Logging::Log::Logger();  // first, because its first use may throw std::bad_alloc
     {
         const std::lock_guard<std::mutex> lock(m_state->eventMemoryMutex);
         m_state->eventMemory.push_back({orEmpty(name), orEmpty(protocol), orEmpty(ip), port});

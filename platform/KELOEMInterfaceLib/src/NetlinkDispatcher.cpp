@@ -27,7 +27,7 @@ namespace OEMInterface {
 
 namespace {
 
-/// Wakes a thread that waits for descriptors.
+/// An eventfd that wakes a thread waiting in poll().
 class EventDescriptor
 {
 public:
@@ -60,7 +60,7 @@ private:
 
 }  // namespace
 
-/// Follows the kernel on a thread of its own and reports each change of the selection.
+/// Monitors the kernel on a dedicated thread and reports each change of the selection.
 class NetlinkDispatcher::Follower
 {
 public:
@@ -74,7 +74,7 @@ public:
 
     ~Follower()
     {
-        // A forked child has no such thread, and shares the descriptor with its parent.
+        // The thread does not exist in a forked child, which shares the descriptor with its parent.
         if (!m_process.isThis()) {
             m_thread.detach();
             return;
@@ -82,7 +82,7 @@ public:
         m_isToEnd = true;
         m_wake.raise();
         if (m_thread.get_id() == std::this_thread::get_id())
-            m_thread.detach();  // a delegate ends the process: nothing runs after it on this thread
+            m_thread.detach();  // a delegate is ending the process on this thread, which never continues
         else
             m_thread.join();
     }
@@ -119,7 +119,7 @@ private:
         std::array<pollfd, 2> descriptors{{{m_monitor.descriptor(), POLLIN, 0}, {m_wake.get(), POLLIN, 0}}};
         if (::poll(descriptors.data(), descriptors.size(), -1) < 0 && errno != EINTR)
             throw Poco::IOException("cannot wait for netlink", std::generic_category().message(errno), errno);
-        // Whoever has written on the descriptor: only m_isToEnd ends the follower.
+        // Any process that shares the descriptor may have raised it; only m_isToEnd ends the follower.
         if ((descriptors[1].revents & POLLIN) != 0)
             m_wake.lower();
     }
@@ -156,12 +156,12 @@ private:
             log << "Error: NetlinkDispatcher - " << Common::currentException << '\n';
         }
         catch (const std::bad_alloc&) {
-            // The first use of the logger takes memory.
+            // The first use of the logger allocates memory.
         }
     }
 
-    /// A second, so that a lasting failure costs no more than a line per second. Waits on no descriptor:
-    /// these may be what has failed.
+    /// Waits for 1 s, so that a persistent failure logs at most one line per second. Does not wait on the
+    /// descriptors, because they may have caused the failure.
     void pause() const
     {
         for (int i = 0; i < 10 && !m_isToEnd; ++i)

@@ -37,7 +37,7 @@ void check(int result, const char* what)
         throw Poco::IOException(std::string("netlink: ") + what, nl_geterror(result));
 }
 
-/// Calls `visit` with every object. libnl's own loop would have exceptions pass through C.
+/// Calls `visit` with every object. With libnl's loop, exceptions would propagate through C code.
 template <class Visit>
 void forEach(nl_cache* cache, Visit visit)
 {
@@ -50,8 +50,8 @@ void collectLink(nl_object* object, Links& links)
     auto* link = reinterpret_cast<rtnl_link*>(object);
     constexpr unsigned needed = IFF_UP | IFF_MULTICAST;
     const unsigned flags = rtnl_link_get_flags(link);
-    // A bridge has its only entry in the bridge family, where each of its ports has a second one; the IPv6
-    // family has a second one for each link.
+    // A bridge has its only entry in the bridge family, where each of its ports has a second entry. The IPv6
+    // family has a second entry for each link.
     const int family = rtnl_link_get_family(link);
     const bool isTheLink = family == AF_UNSPEC || (family == AF_BRIDGE && rtnl_link_get_master(link) == 0);
     if (!isTheLink || (flags & needed) != needed || (flags & IFF_LOOPBACK))
@@ -60,7 +60,7 @@ void collectLink(nl_object* object, Links& links)
     links[rtnl_link_get_ifindex(link)].name = name ? name : "";
 }
 
-/// The bytes of an IPv6 address; null when it is none.
+/// Returns the bytes of an IPv6 address, or null for any other address.
 const in6_addr* bytesOf(rtnl_addr* address)
 {
     const nl_addr* local = rtnl_addr_get_local(address);
@@ -98,7 +98,7 @@ AddressKey keyOf(rtnl_addr* address, const in6_addr& bytes)
     return {rtnl_addr_get_ifindex(address), textOf(bytes)};
 }
 
-/// When each address was made, by the kernel's clock.
+/// Creation time of each address, by the kernel's clock.
 using CreationTimes = std::map<AddressKey, std::uint32_t>;
 
 CreationTimes creationTimes(nl_cache* addresses)
@@ -112,7 +112,7 @@ CreationTimes creationTimes(nl_cache* addresses)
     return times;
 }
 
-/// The addresses of `before` that are gone, or have been made anew and may look as they did.
+/// Returns the addresses of `before` that were removed, or removed and created again.
 AddressKeys goneBetween(const CreationTimes& before, const CreationTimes& now)
 {
     AddressKeys gone;
@@ -124,8 +124,8 @@ AddressKeys goneBetween(const CreationTimes& before, const CreationTimes& now)
     return gone;
 }
 
-/// The kernel answers while it takes a request. libnl does not notice that one of links could not be sent,
-/// and would wait for the answer for ever.
+/// Limits waiting for an answer to 1 s. The kernel answers while it accepts a request, but libnl does not
+/// notice when it cannot send a request for links, and would wait for the answer for ever.
 void limitWaiting(nl_sock* socket)
 {
     constexpr timeval limit{1, 0};
@@ -199,7 +199,7 @@ bool NetlinkMonitor::takeNotices()
     return result == -NLE_AGAIN && !m_isBehind;
 }
 
-/// Called by libnl, so nothing may be thrown.
+/// Must not throw, because libnl calls it.
 int NetlinkMonitor::onNotice(nl_msg* message, void* monitor)
 {
     const int result = nl_msg_parse(message, &NetlinkMonitor::onObject, monitor);
@@ -222,7 +222,8 @@ void NetlinkMonitor::take(nl_object* object)
 {
     const bool isAddress = nl_object_get_type(object) == std::string_view("route/addr");
     if (isAddress && nl_object_get_msgtype(object) == RTM_DELADDR) {
-        // Before it leaves the cache: should this fail, reading anew still finds out that it has gone.
+        // Before the address is removed from the cache: if this fails, reading everything again still detects
+        // the removal.
         auto* address = reinterpret_cast<rtnl_addr*>(object);
         if (const in6_addr* bytes = bytesOf(address))
             m_goneAddresses.insert(keyOf(address, *bytes));
@@ -231,7 +232,7 @@ void NetlinkMonitor::take(nl_object* object)
     check(nl_cache_include(cache, object, nullptr, nullptr), "notice");
 }
 
-/// Notices that are older than what is about to be read would bring back what has passed.
+/// Drops pending notices: they are older than the state about to be read, and would restore an outdated one.
 void NetlinkMonitor::dropNotices() const
 {
     const int socket = nl_socket_get_fd(m_notices.get());
@@ -261,7 +262,7 @@ NetlinkMonitor::Caches NetlinkMonitor::readOnSoundSockets()
         return readAll();
     }
     catch (...) {
-        // The rest of an answer would be taken for the answer to the next request.
+        // The rest of an answer would be mistaken for the answer to the next request.
         m_notices.reset();
         m_requests.reset();
         throw;

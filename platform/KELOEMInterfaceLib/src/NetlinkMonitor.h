@@ -13,8 +13,8 @@ namespace OEMInterface {
 
 /// The kernel's links and IPv6 addresses, kept up to date by its notices. Not thread-safe.
 ///
-/// Has no use for libnl's cache manager: that aborts the process when there is one descriptor left for its
-/// two sockets. Both sockets are kept, so reading everything anew needs no descriptor.
+/// It does not use libnl's cache manager, which aborts the process when only one descriptor is left for its
+/// two sockets. It keeps both of its sockets open, so reading everything again needs no descriptor.
 class NetlinkMonitor
 {
 public:
@@ -25,19 +25,19 @@ public:
     NetlinkMonitor(const NetlinkMonitor&) = delete;
     NetlinkMonitor& operator=(const NetlinkMonitor&) = delete;
 
-    /// Readable when the kernel has sent notices. May change with every update().
+    /// Becomes readable when the kernel has sent notices. May change with every update().
     int descriptor() const;
 
-    /// Takes in the kernel's notices. When some were lost because the socket had no room for them, everything
-    /// is read anew. Throws Poco::IOException when that fails, or std::bad_alloc; what is known stays as it
-    /// was, and the next call reads everything anew.
+    /// Processes the kernel's notices. If some were lost because the socket's buffer was full, reads
+    /// everything again. Throws Poco::IOException when that fails, or std::bad_alloc; then the known state is
+    /// unchanged, and the next call reads everything again.
     void update();
 
-    /// Addresses that have gone, for the caller to take off. They may be back: the kernel sends both notices
-    /// at once when it is faster than update() is called.
+    /// Addresses that were removed, for the caller to process and erase. An address may exist again already:
+    /// the kernel can remove and add it between two calls of update().
     AddressKeys& goneAddresses() { return m_goneAddresses; }
 
-    /// The links that may serve service discovery, with their IPv6 addresses.
+    /// Returns the links suitable for service discovery, with their IPv6 addresses.
     Links links() const;
 
 private:
@@ -70,10 +70,10 @@ private:
     void take(nl_object* object);
 
     AddressKeys m_goneAddresses;
-    Socket m_notices;   // has joined the groups of links and addresses
-    Socket m_requests;  // null, like the other, after one has failed
+    Socket m_notices;   // member of the netlink groups for links and addresses
+    Socket m_requests;  // both sockets are null after one has failed
     Caches m_known;
-    bool m_isBehind = false;  // what is known lacks a notice
+    bool m_isBehind = false;  // m_known lacks a notice
 };
 
 }  // namespace OEMInterface

@@ -26,7 +26,7 @@ void ReportedInterfaces::follow(Selection selection, AddressKeys& gone, const Re
         if (m_present.count(one.key()) != 0)
             continue;
         add(one.mapped());
-        m_present.insert(std::move(one));  // takes no memory, which could be missing after the report
+        m_present.insert(std::move(one));  // allocates nothing: must not fail after the report
     }
 }
 

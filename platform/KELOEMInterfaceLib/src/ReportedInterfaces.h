@@ -6,8 +6,7 @@
 
 namespace OEMInterface {
 
-/// The interfaces that are reported as present, brought in line with a selection by one report after the
-/// other.
+/// The interfaces reported as present. follow() adapts them to a selection with one report per change.
 class ReportedInterfaces
 {
 public:
@@ -15,9 +14,9 @@ public:
 
     const Selection& present() const { return m_present; }
 
-    /// Reports what has gone, with every interface whose address is in `gone`, and empties `gone`; then
-    /// reports what is new. An exception from a report ends the call; the next one makes up for what is
-    /// missing.
+    /// Reports the removed interfaces, including every one whose address is in `gone`, and clears `gone`;
+    /// then reports the new ones. An exception from a report ends the call; the next call delivers the
+    /// reports that are still missing.
     void follow(Selection selection, AddressKeys& gone, const Report& remove, const Report& add);
 
 private:

@@ -6,7 +6,7 @@
 
 void ServiceLocator::add(std::type_info const& type, Poco::Any const& service)
 {
-    Poco::Any replaced(service);  // ends after the lock is given back: what it holds may take time to end
+    Poco::Any replaced(service);  // destroyed after the lock is released: a destructor may take time
     Poco::FastMutex::ScopedLock lock(m_mutex);
     m_services[type].swap(replaced);
 }
@@ -41,8 +41,8 @@ bool ServiceLocator::find(std::type_info const* type, Poco::Any& service) const
 
 ServiceLocator& ApplicationServices::getLocator()
 {
-    // Threads may use the locator while the process ends, so nothing destroys it. What it holds ends with the
-    // static objects all the same: a dispatcher has a thread, whose code must not be unloaded under it.
+    // Threads may use the locator while the process ends, so it is never destroyed. Its services nevertheless
+    // end with the static objects: the code of a dispatcher's thread must not be unloaded while it runs.
     alignas(ServiceLocator) static std::array<std::byte, sizeof(ServiceLocator)> place;
     static ServiceLocator& locator = *new (place.data()) ServiceLocator;
     static const struct Clearing

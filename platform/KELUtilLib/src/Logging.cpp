@@ -7,7 +7,7 @@ namespace Logging {
 Poco::Logger& Log::Logger()
 {
     // Poco destroys its loggers when the process ends, while threads may still log. This reference is never
-    // given back, so that the logger, and the channel that it holds, are there to the last.
+    // released, so that the logger and its channel remain valid to the end.
     static Poco::Logger& logger = []() -> Poco::Logger& {
         Poco::Logger& found = Poco::Logger::get("Nubo");
         found.duplicate();
@@ -40,7 +40,7 @@ LogStream::~LogStream()
         m_logger.log(message);
     }
     catch (...) {
-        // A log that cannot be written must not end the thread that tells of something else.
+        // A failing log channel must not end the thread that logs.
     }
 }
 

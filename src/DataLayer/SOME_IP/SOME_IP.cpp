@@ -11,11 +11,23 @@ using SOME_IP_Types::HeaderValues;
 
 namespace {
 
-/// Kept for compatibility: the bound is compared with the length field, which counts 8 header bytes too.
-/// The payload's own checks are exact.
+/// Kept for compatibility: the bound applies to the length field, which includes 8 header bytes. The checks
+/// of the payload are exact.
 constexpr std::uint32_t shortestLength = 12;
 
 constexpr std::size_t sessionIDOffset = 10;
+constexpr std::streamsize sizeOnWire = SOME_IP::headerSize;
+
+/// Ends the log line about a header that is cut short.
+struct AndLengthField
+{
+    std::uint32_t length;
+
+    friend std::ostream& operator<<(std::ostream& stream, AndLengthField field)
+    {
+        return stream << " and length field contains '" << field.length << "'!";
+    }
+};
 
 }  // namespace
 
@@ -79,9 +91,7 @@ std::ostream& operator<<(std::ostream& stream, const SOME_IP& header)
     writer.write(header.getServiceID(), header.getMethodID(), header.getLength(), header.getClientID(),
                  header.getSessionID(), header.getProtocolVersion(), header.getInterfaceVersion(),
                  header.getMessageType(), header.getReturnCode());
-    if (writer.written() != static_cast<std::streamoff>(SOME_IP::headerSize))
-        SD_LOG(Error) << "SOME_IP header size=" << header.getSize() << ", but " << writer.written()
-                      << " written by serialisation!";
+    writer.checkWritten("SOME_IP header", sizeOnWire, static_cast<std::streamoff>(header.getSize()));
     return stream;
 }
 
@@ -108,9 +118,9 @@ std::istream& operator>>(std::istream& stream, SOME_IP& header)
 
     reader.read(fields.requestID.clientID, fields.requestID.sessionID, fields.protocolVersion,
                 fields.interfaceVersion, fields.messageType, fields.returnCode);
-    if (reader.count() != static_cast<std::streamsize>(SOME_IP::headerSize)) {
-        SD_LOG(Error) << "SOME_IP header size=" << header.getSize() << ", but " << reader.count()
-                      << " read by deserialisation and length field contains '" << fields.length << "'!";
+    if (!reader.checkRead("SOME_IP header", sizeOnWire, static_cast<std::streamsize>(header.getSize()),
+                          AndLengthField{fields.length}))
+    {
         header.makeInvalid();
         return stream;
     }

@@ -14,7 +14,7 @@ namespace Nubo::ServiceDiscovery {
 ///     offset 0 service ID (2), 2 method ID (2), 4 length (4), 8 client ID (2), 10 session ID (2),
 ///     12 protocol version (1), 13 interface version (1), 14 message type (1), 15 return code (1)
 ///
-/// The length counts what follows its field: 8 header bytes and the payload. Not thread-safe.
+/// The length counts the bytes behind its field: 8 header bytes and the payload. Not thread-safe.
 class SOME_IP
 {
 public:
@@ -27,10 +27,10 @@ public:
     bool isValid() const { return m_valid; }
     void makeInvalid() { m_valid = false; }
 
-    /// Points the header to the metadata of the packet that it has been moved or copied to.
+    /// Points the header to the metadata of the packet that now contains it.
     void setMetaData(SOME_IP_SD_Types::MetaData* metaData) { m_metaData = metaData; }
 
-    /// Size of the whole message in bytes: the length field and 8.
+    /// Size of the whole message in bytes: the length field plus 8.
     std::size_t getSize() const { return std::size_t{m_headerFields.length} + 8; }
 
     /// Service ID in the high, method ID in the low half.
@@ -53,7 +53,7 @@ public:
     std::uint8_t getMessageType() const { return m_headerFields.messageType; }
     std::uint8_t getReturnCode() const { return m_headerFields.returnCode; }
 
-    // No value is refused: the setters always return true.
+    // The setters accept every value and always return true.
     bool setMessageID(std::uint32_t messageID);
     bool setServiceID(std::uint16_t serviceID) { return set(m_headerFields.messageID.serviceID, serviceID); }
     bool setMethodID(std::uint16_t methodID) { return set(m_headerFields.messageID.methodID, methodID); }
@@ -68,7 +68,7 @@ public:
     bool setMessageType(std::uint8_t type) { return set(m_headerFields.messageType, type); }
     bool setReturnCode(std::uint8_t code) { return set(m_headerFields.returnCode, code); }
 
-    /// Puts a session ID into the bytes of a header that was written already.
+    /// Replaces the session ID in the bytes of a written header.
     static void overwriteSessionID(char* header, std::uint16_t sessionID);
 
     /// The header as one line for the log, after `indent` tabs.
@@ -126,9 +126,9 @@ private:
 /// Writes the 16 bytes.
 std::ostream& operator<<(std::ostream& stream, const SOME_IP& header);
 
-/// Reads the 16 bytes of a message of which the metadata's number of bytes is there. A length field that
-/// contradicts that number, or a stream that ends, makes the header invalid; the values of the versions,
-/// the message type and the return code are kept as they are.
+/// Reads the 16 bytes. The metadata holds the number of bytes that are left of the datagram. A length field
+/// that contradicts it, or a stream that ends, makes the header invalid. Versions, message type and return
+/// code are not checked.
 std::istream& operator>>(std::istream& stream, SOME_IP& header);
 
 }  // namespace Nubo::ServiceDiscovery

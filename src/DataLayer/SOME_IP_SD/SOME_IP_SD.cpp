@@ -1,12 +1,7 @@
 #include "DataLayer/SOME_IP_SD/SOME_IP_SD.h"
 
 #include "DataLayer/Log.h"
-#include "DataLayer/SOME_IP_SD/SOME_IP_SD_Entry_Eventgroup.h"
-#include "DataLayer/SOME_IP_SD/SOME_IP_SD_Entry_Service.h"
-#include "DataLayer/SOME_IP_SD/SOME_IP_SD_Option_Configuration.h"
-#include "DataLayer/SOME_IP_SD/SOME_IP_SD_Option_IPv4.h"
-#include "DataLayer/SOME_IP_SD/SOME_IP_SD_Option_IPv6.h"
-#include "DataLayer/SOME_IP_SD/SOME_IP_SD_Option_LoadBalancing.h"
+#include "DataLayer/SOME_IP_SD/ElementKinds.h"
 #include "DataLayer/WireStream.h"
 
 #include <algorithm>
@@ -18,10 +13,9 @@ namespace Nubo::ServiceDiscovery {
 
 namespace {
 
-constexpr std::size_t fixedSize = 12;             // flags, reserved, the two array lengths
 constexpr std::streamsize upToEntries = 8;        // flags, reserved, length of the entries array
 constexpr std::streamsize optionsLengthSize = 4;  // length of the options array
-constexpr std::streamsize optionLengthAndTypeSize = 3;
+constexpr std::streamsize optionPrefixSize = SOME_IP_SD_Option::prefixSize;
 constexpr std::size_t usualOptions = 2;  // endpoint and configuration
 
 template <class Element>
@@ -36,7 +30,7 @@ bool isValidElement(const Element& element)
     return isSet(element) && element->isValid();
 }
 
-/// The words about the two kinds of array in log lines.
+/// Words for the two kinds of array in log lines.
 struct ArrayWords
 {
     const char* operation;
@@ -66,56 +60,6 @@ bool addElement(const ArrayWords& words, std::vector<Element>& array, std::uint3
     return true;
 }
 
-/// Whether an object has the class that belongs to its type byte, and whether the type is known at all.
-enum class TypeFit
-{
-    Fits,
-    Mismatch,
-    Unknown
-};
-
-template <class Class, class Base>
-TypeFit fitOf(const Base& object)
-{
-    return dynamic_cast<const Class*>(&object) ? TypeFit::Fits : TypeFit::Mismatch;
-}
-
-TypeFit typeFit(const SOME_IP_SD_Entry& entry)
-{
-    switch (entry.getType()) {
-        case EntryType::FIND_SERVICE:
-        case EntryType::OFFER_SERVICE:
-            return fitOf<SOME_IP_SD_Entry_Service>(entry);
-        case EntryType::SUBSCRIBE:
-        case EntryType::SUBSCRIBE_ACK:
-            return fitOf<SOME_IP_SD_Entry_Eventgroup>(entry);
-        case EntryType::INVALID:
-            break;
-    }
-    return TypeFit::Unknown;
-}
-
-TypeFit typeFit(const SOME_IP_SD_Option& option)
-{
-    switch (option.getType()) {
-        case OptionType::CONFIGURATION:
-            return fitOf<SOME_IP_SD_Option_Configuration>(option);
-        case OptionType::LOAD_BALANCING:
-            return fitOf<SOME_IP_SD_Option_LoadBalancing>(option);
-        case OptionType::IP4_ENDPOINT:
-        case OptionType::IP4_MULTICAST:
-        case OptionType::IP4_SD_ENDPOINT:
-            return fitOf<SOME_IP_SD_Option_IPv4>(option);
-        case OptionType::IP6_ENDPOINT:
-        case OptionType::IP6_MULTICAST:
-        case OptionType::IP6_SD_ENDPOINT:
-            return fitOf<SOME_IP_SD_Option_IPv6>(option);
-        case OptionType::NONE:
-            break;
-    }
-    return TypeFit::Unknown;
-}
-
 template <class Element>
 void serialiseArray(std::ostream& stream, const ArrayWords& words, const std::vector<Element>& array)
 {
@@ -124,24 +68,19 @@ void serialiseArray(std::ostream& stream, const ArrayWords& words, const std::ve
             SD_LOG(Error) << "Failed to serialise " << words.element << " due to unknown type (nullptr)!";
             continue;
         }
-        switch (typeFit(*element)) {
-            case TypeFit::Fits:
-                stream << *element;
-                break;
-            case TypeFit::Mismatch:
-                SD_LOG(Error) << "Failed to serialise " << words.element
-                              << " due to type<>implementation mismatch, type='" << +element->getType()
-                              << "'";
-                break;
-            case TypeFit::Unknown:
-                SD_LOG(Error) << "Failed to serialise " << words.element << " due to unknown type '"
-                              << +element->getType() << "'";
-                break;
-        }
+        const auto* const kind = kindOf(element->getType());
+        if (!kind)
+            SD_LOG(Error) << "Failed to serialise " << words.element << " due to unknown type '"
+                          << +element->getType() << "'";
+        else if (!kind->isOf(*element))
+            SD_LOG(Error) << "Failed to serialise " << words.element
+                          << " due to type<>implementation mismatch, type='" << +element->getType() << "'";
+        else
+            stream << *element;
     }
 }
 
-/// Whether the stream can be read on; logs what is wrong otherwise.
+/// Whether reading can continue; logs the reason if it cannot.
 bool isReadable(const std::istream& stream, const ArrayWords& words, std::streamsize done)
 {
     if (stream.good())
@@ -152,19 +91,43 @@ bool isReadable(const std::istream& stream, const ArrayWords& words, std::stream
     return false;
 }
 
-SOME_IP_SD_Entry::Ptr makeReceivedEntry(EntryType::Type_t type)
+/// Reads one entry, which begins at `position` of its array. Skips the bytes of an unknown type.
+void deserialiseEntry(std::istream& stream, SOME_IP_SD::EntryContainer& entries, std::streamsize position)
 {
-    switch (type) {
-        case EntryType::FIND_SERVICE:
-        case EntryType::OFFER_SERVICE:
-            return new SOME_IP_SD_Entry_Service(type);
-        case EntryType::SUBSCRIBE:
-        case EntryType::SUBSCRIBE_ACK:
-            return new SOME_IP_SD_Entry_Eventgroup(type);
-        case EntryType::INVALID:
-            break;
+    std::uint8_t typeByte = 0;
+    WireReader reader(stream);
+    reader.read(typeByte);
+    const auto type = static_cast<EntryType::Type_t>(typeByte);
+    if (const EntryKind* const kind = kindOf(type)) {
+        SOME_IP_SD_Entry::Ptr entry = kind->makeEmpty(type);
+        stream >> *entry;
+        entries.push_back(entry);
     }
-    return nullptr;
+    else if (stream.good()) {
+        SD_LOG(Error) << "Failed to deserialise Entry due to unknown type 0x'" << std::hex << +typeByte
+                      << std::dec << "' @ Byte '" << position << "', trying to skip to next Entry!";
+        reader.skip(std::streamsize{SOME_IP_SD_Entry::EntrySize()} - 1);
+    }
+}
+
+/// Reads the rest of an option behind its type byte. False when the length is too short for the option's
+/// fields: they were then read from the bytes behind the option.
+bool deserialiseOption(std::istream& stream, SOME_IP_SD::OptionContainer& options, OptionType::Type_t type,
+                       std::uint16_t length)
+{
+    SOME_IP_SD_Option::Ptr option = SOME_IP_SD_Option::makeReceived(type, length);
+    options.push_back(option);
+    const OptionKind* const kind = kindOf(type);
+    if (!kind) {
+        SD_LOG(Error) << "Failed to deserialise Option due to unknown type 0x'" << std::hex << +type
+                      << "'! (Adding placeholder instead.)";
+        WireReader(stream).skip(length);
+        return true;
+    }
+    stream >> *option;
+    if (length > kind->longestLength)
+        WireReader(stream).skip(length - kind->longestLength);
+    return length >= kind->shortestLength;
 }
 
 }  // namespace
@@ -196,7 +159,7 @@ bool SOME_IP_SD::addOption(const SOME_IP_SD_Option::Ptr& option, bool acceptInva
 
 std::size_t SOME_IP_SD::getSize() const
 {
-    return fixedSize + m_lengthEntries + m_lengthOptions;
+    return emptySize + m_lengthEntries + m_lengthOptions;
 }
 
 std::streamsize SOME_IP_SD::bytesLeft() const
@@ -244,7 +207,8 @@ std::istream& operator>>(std::istream& stream, SOME_IP_SD& payload)
     payload.m_entries.clear();
     payload.m_options.clear();
     payload.m_lengthOptions = 0;
-    const bool wasValid = std::exchange(payload.m_valid, false);  // until all is read: memory may run short
+    const bool wasValid =
+        std::exchange(payload.m_valid, false);  // until everything is read: memory may run out
 
     bool error = payload.m_metaData == nullptr;
     WireReader reader(stream);
@@ -261,7 +225,7 @@ std::istream& operator>>(std::istream& stream, SOME_IP_SD& payload)
 
     const std::streamsize read = reader.count() + elements;
     if (read != static_cast<std::streamsize>(payload.getSize())) {
-        error = true;  // what follows would be read out of step
+        error = true;  // the following bytes would be read out of step
         SD_LOG(Error) << "SOME_IP_SD header size>=" << payload.getSize()
                       << " read by deserialisation and length fields contain '" << payload.m_lengthEntries
                       << "|" << payload.m_lengthOptions << "' (Entries|Options)!";
@@ -290,19 +254,7 @@ std::streamsize deserialiseEntries(std::istream& stream, SOME_IP_SD& payload, bo
     payload.m_entries.reserve(static_cast<std::size_t>(length / entrySize));
     std::streamsize done = 0;
     while (done < length) {
-        std::uint8_t type = 0;
-        WireReader reader(stream);
-        reader.read(type);
-        SOME_IP_SD_Entry::Ptr entry = makeReceivedEntry(static_cast<EntryType::Type_t>(type));
-        if (isSet(entry)) {
-            stream >> *entry;
-            payload.m_entries.push_back(entry);
-        }
-        else if (stream.good()) {
-            SD_LOG(Error) << "Failed to deserialise Entry due to unknown type 0x'" << std::hex << +type
-                          << std::dec << "' @ Byte '" << done << "', trying to skip to next Entry!";
-            reader.skip(entrySize - 1);
-        }
+        deserialiseEntry(stream, payload.m_entries, done);
         if (!isReadable(stream, entryWords, done)) {
             error = true;
             break;
@@ -319,7 +271,7 @@ std::streamsize deserialiseEntries(std::istream& stream, SOME_IP_SD& payload, bo
 
 std::streamsize deserialiseOptions(std::istream& stream, SOME_IP_SD& payload, bool& error)
 {
-    // The metadata counts the entries array among what is left.
+    // The metadata still includes the entries array.
     const std::streamsize left = std::max<std::streamsize>(payload.bytesLeft() - payload.m_lengthEntries, 0);
     const std::streamsize length = payload.m_lengthOptions;
     if (length > left) {
@@ -331,7 +283,7 @@ std::streamsize deserialiseOptions(std::istream& stream, SOME_IP_SD& payload, bo
 
     payload.m_options.reserve(usualOptions);
     std::streamsize done = 0;
-    while (length - done > optionLengthAndTypeSize) {
+    while (length - done > optionPrefixSize) {
         std::uint16_t optionLength = 0;
         std::uint8_t typeByte = 0;
         WireReader reader(stream);
@@ -340,30 +292,18 @@ std::streamsize deserialiseOptions(std::istream& stream, SOME_IP_SD& payload, bo
             error = true;
             break;
         }
-        const std::streamsize size = optionLengthAndTypeSize + optionLength;
+        const std::streamsize size = optionPrefixSize + optionLength;
         if (optionLength == 0 || size > length - done)
             break;
 
         const auto type = static_cast<OptionType::Type_t>(typeByte);
-        SOME_IP_SD_Option::Ptr option = SOME_IP_SD_Option::makeReceived(type, optionLength);
-        payload.m_options.push_back(option);
-        const std::streamsize fixed = SOME_IP_SD_Option::shortestLength(type);
-        if (option->getType() == OptionType::NONE) {
-            SD_LOG(Error) << "Failed to deserialise Option due to unknown type 0x'" << std::hex << +typeByte
-                          << "'! (Adding placeholder instead.)";
-            reader.skip(optionLength);
-        }
-        else {
-            stream >> *option;
-            if (type != OptionType::CONFIGURATION && optionLength > fixed)
-                reader.skip(optionLength - fixed);
-        }
+        const bool isInStep = deserialiseOption(stream, payload.m_options, type, optionLength);
         if (!isReadable(stream, optionWords, done)) {
             error = true;
             break;
         }
-        if (optionLength < fixed)
-            break;  // the option's fields went into what follows it
+        if (!isInStep)
+            break;
         done += size;
     }
     if (done != length) {

@@ -1,6 +1,7 @@
 #include "DataLayer/SOME_IP_SD/SOME_IP_SD_Entry.h"
 
 #include "DataLayer/Log.h"
+#include "DataLayer/SOME_IP_SD/ElementKinds.h"
 #include "DataLayer/SOME_IP_SD/SOME_IP_SD_Entry_Pimpl.h"
 #include "DataLayer/WireStream.h"
 
@@ -16,18 +17,8 @@ constexpr std::uint8_t largestRun = 15;
 
 std::string typeName(EntryType::Type_t type)
 {
-    switch (type) {
-        case EntryType::FIND_SERVICE:
-            return "FIND_SERVICE";
-        case EntryType::OFFER_SERVICE:
-            return "OFFER_SERVICE";
-        case EntryType::SUBSCRIBE:
-            return "SUBSCRIBE";
-        case EntryType::SUBSCRIBE_ACK:
-            return "SUBSCRIBE_ACK";
-        case EntryType::INVALID:
-            break;
-    }
+    if (const EntryKind* const kind = kindOf(type))
+        return kind->name;
     std::ostringstream text;
     text << "UNKNOWN 0x" << std::hex << +type;
     return text.str();
@@ -36,7 +27,7 @@ std::string typeName(EntryType::Type_t type)
 bool setOptionRun(const char* operation, const OptionRun& run, std::uint8_t& index, std::uint8_t& number)
 {
     if (run.second > largestRun) {
-        // Kept for compatibility: the number stands as one raw character.
+        // Kept for compatibility: the number is written as one raw character.
         SD_LOG(Error) << operation << ": OptionRun number '" << static_cast<char>(run.second)
                       << "' too large for 4 Bit!";
         return false;
@@ -84,13 +75,10 @@ std::streamsize SOME_IP_SD_Entry_Pimpl::deserialise(std::istream& stream)
     fields.sndOptionRunNum = numbers & 0x0F;
 
     constexpr std::streamsize withoutType = commonSize - 1;
-    if (reader.count() != withoutType) {
-        SD_LOG(Error) << "SOME_IP_SD_Entry size=" << commonSize << ", but " << reader.count()
-                      << " read by deserialisation";
+    if (reader.checkRead("SOME_IP_SD_Entry", withoutType, commonSize, ""))
+        m_commonFields = fields;
+    else
         setValid(false);
-        return reader.count();
-    }
-    m_commonFields = fields;
     return reader.count();
 }
 

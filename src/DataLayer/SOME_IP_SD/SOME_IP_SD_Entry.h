@@ -18,16 +18,16 @@ class SOME_IP_SD_Entry_Pimpl;
 ///
 ///     offset 0 type (1), 1 index of the first option run (1), 2 index of the second option run (1),
 ///     3 number of options in the first (high nibble) and second run (low nibble), 4 service ID (2),
-///     6 instance ID (2), 8 major version (1), 9 TTL in seconds (3), 12 what is particular to the kind (4)
+///     6 instance ID (2), 8 major version (1), 9 TTL in seconds (3), 12 fields of the kind (4)
 ///
-/// The data and the work on bytes are in the implementation object; what a construction or a read could not
-/// make sense of shows in isValid(). Not thread-safe.
+/// The implementation object holds the data and does the work on bytes. isValid() is false after a
+/// construction or a read that failed. Not thread-safe.
 class SOME_IP_SD_Entry
 {
 public:
     using Ptr = Poco::SharedPtr<SOME_IP_SD_Entry>;
 
-    /// The fields that all kinds share.
+    /// Fields of every kind.
     struct CommonFields
     {
         EntryType::Type_t type = EntryType::INVALID;
@@ -38,7 +38,7 @@ public:
         std::uint16_t serviceID = 0;
         std::uint16_t instanceID = 0;
         std::uint8_t majorVersion = 0;
-        std::uint32_t ttl = 0;  ///< seconds; the low 24 bits travel
+        std::uint32_t ttl = 0;  ///< seconds; only the low 24 bits are sent
     };
 
     virtual ~SOME_IP_SD_Entry();
@@ -58,10 +58,10 @@ public:
     std::uint8_t getMajorVersion() const;
     std::uint32_t getTTL() const;
 
-    /// False, after an error line, for a number above 15; the entry stays as it was.
+    /// Log an error and return false for a number above 15; the entry stays unchanged.
     bool setFstOptionRun(const SOME_IP_SD_Types::OptionRun& run);
     bool setSndOptionRun(const SOME_IP_SD_Types::OptionRun& run);
-    // No value is refused: these always return true.
+    // These accept every value and return true.
     bool setServiceID(std::uint16_t serviceID);
     bool setInstanceID(std::uint16_t instanceID);
     bool setMajorVersion(std::uint8_t majorVersion);
@@ -93,7 +93,7 @@ private:
 /// Writes the entry's 16 bytes.
 std::ostream& operator<<(std::ostream& stream, const SOME_IP_SD_Entry& entry);
 
-/// Reads the 15 bytes that follow the type byte. Of a part that is cut short nothing is taken over.
+/// Reads the 15 bytes behind the type byte. A part that is cut short changes nothing.
 std::istream& operator>>(std::istream& stream, SOME_IP_SD_Entry& entry);
 
 }  // namespace Nubo::ServiceDiscovery

@@ -53,16 +53,12 @@ public:
         std::uint16_t eventgroupID = 0;
         WireReader reader(stream);
         reader.read(reserved, flagAndCounter, eventgroupID);
-        if (reader.count() == specificSize) {
+        if (reader.checkRead("SOME_IP_SD_Entry_Eventgroup", specificSize)) {
             m_reserved00 = reserved;
             m_initialDataRequest = (flagAndCounter & requestFlag) != 0;
             m_counter = flagAndCounter & largestCounter;
             m_eventgroupID = eventgroupID;
             setValid(true);
-        }
-        else {
-            SD_LOG(Error) << "SOME_IP_SD_Entry_Eventgroup size=" << specificSize << ", but " << reader.count()
-                          << " read by deserialisation!";
         }
         return reader.count();
     }
@@ -93,20 +89,14 @@ private:
 };
 
 SOME_IP_SD_Entry_Eventgroup::SOME_IP_SD_Entry_Eventgroup(EntryType::Type_t type)
-    : SOME_IP_SD_Entry(new SOME_IP_SD_Entry_Eventgroup_Pimpl(type))
-    , m_thisImplementation(dynamic_cast<SOME_IP_SD_Entry_Eventgroup_Pimpl*>(implementation()))
-{
-    logFault(faultOfEmpty("Eventgroup Entry", isValid(), m_thisImplementation != nullptr));
-}
+    : ImplementedBy(new SOME_IP_SD_Entry_Eventgroup_Pimpl(type), toBeRead("Eventgroup Entry"))
+{}
 
 SOME_IP_SD_Entry_Eventgroup::SOME_IP_SD_Entry_Eventgroup(const CommonFields& fields, bool initialDataRequest,
                                                          std::uint8_t counter, std::uint16_t eventgroupID)
-    : SOME_IP_SD_Entry(
-          new SOME_IP_SD_Entry_Eventgroup_Pimpl(fields, initialDataRequest, counter, eventgroupID))
-    , m_thisImplementation(dynamic_cast<SOME_IP_SD_Entry_Eventgroup_Pimpl*>(implementation()))
-{
-    logFault(faultOfValues("", "Eventgroup Entry", isValid(), m_thisImplementation != nullptr));
-}
+    : ImplementedBy(new SOME_IP_SD_Entry_Eventgroup_Pimpl(fields, initialDataRequest, counter, eventgroupID),
+                    ofValues("", "Eventgroup Entry"))
+{}
 
 bool SOME_IP_SD_Entry_Eventgroup::getInitialDataRequest() const
 {

@@ -20,11 +20,11 @@ public:
     /// Writes the 12 bytes that all kinds share; a kind adds its own.
     virtual std::ostream& serialise(std::ostream& stream) const;
 
-    /// Reads what follows the type byte and returns the bytes that the common part took; a kind returns
-    /// what its own part took.
+    /// Reads the bytes behind the type byte. Returns the size of the common part; a kind returns that of its
+    /// own part.
     virtual std::streamsize deserialise(std::istream& stream);
 
-    /// What opens and what closes the text for the log.
+    /// Start and end of the text for the log.
     virtual const char* kind() const { return "<UNKNOWN ENTRY TYPE>"; }
     virtual void printSpecific(std::ostream&) const {}
 
@@ -38,7 +38,7 @@ public:
     static constexpr std::streamsize specificSize = 4;  ///< bytes of a kind's own part
 
 protected:
-    /// Marks the entry invalid and logs what types it may have, in the words of `kind` and `types`.
+    /// Marks the entry invalid and logs the types that its kind may have.
     void refuseType(const char* kind, const char* types);
 
 private:

@@ -36,16 +36,12 @@ public:
         std::uint32_t minorVersion = 0;
         WireReader reader(stream);
         reader.read(minorVersion);
-        if (reader.count() == specificSize) {
+        if (reader.checkRead("SOME_IP_SD_Entry_Service", specificSize)) {
             m_minorVersion = minorVersion;
             const CommonFields& fields = commonFields();
             noteUnusedIndex("1st", fields.fstOptionRunIndex, fields.fstOptionRunNum);
             noteUnusedIndex("2nd", fields.sndOptionRunIndex, fields.sndOptionRunNum);
             setValid(true);
-        }
-        else {
-            SD_LOG(Error) << "SOME_IP_SD_Entry_Service size=" << specificSize << ", but " << reader.count()
-                          << " read by deserialisation!";
         }
         return reader.count();
     }
@@ -67,11 +63,11 @@ private:
             refuseType("Service", "{FIND_SERVICE=0x00, OFFER_SERVICE=0x01}, ");
     }
 
-    /// A sender need not leave the index of an empty run 0; the entry is good all the same.
+    /// Senders need not set the index of an empty run to 0; the entry is valid anyway.
     static void noteUnusedIndex(const char* run, std::uint8_t index, std::uint8_t number)
     {
         if (number == 0 && index != 0) {
-            // Kept for compatibility: the index stands as one raw character.
+            // Kept for compatibility: the index is written as one raw character.
             SD_LOG(Error) << "SOME_IP_SD_Entry_Service syntactically incorrect, " << run
                           << " OptionRun number ==0, but index != 0 (" << static_cast<char>(index) << ")!";
         }
@@ -79,18 +75,12 @@ private:
 };
 
 SOME_IP_SD_Entry_Service::SOME_IP_SD_Entry_Service(EntryType::Type_t type)
-    : SOME_IP_SD_Entry(new SOME_IP_SD_Entry_Service_Pimpl(type))
-    , m_thisImplementation(dynamic_cast<SOME_IP_SD_Entry_Service_Pimpl*>(implementation()))
-{
-    logFault(faultOfEmpty("Service Entry", isValid(), m_thisImplementation != nullptr));
-}
+    : ImplementedBy(new SOME_IP_SD_Entry_Service_Pimpl(type), toBeRead("Service Entry"))
+{}
 
 SOME_IP_SD_Entry_Service::SOME_IP_SD_Entry_Service(const CommonFields& fields, std::uint32_t minorVersion)
-    : SOME_IP_SD_Entry(new SOME_IP_SD_Entry_Service_Pimpl(fields, minorVersion))
-    , m_thisImplementation(dynamic_cast<SOME_IP_SD_Entry_Service_Pimpl*>(implementation()))
-{
-    logFault(faultOfValues("", "Service Entry", isValid(), m_thisImplementation != nullptr));
-}
+    : ImplementedBy(new SOME_IP_SD_Entry_Service_Pimpl(fields, minorVersion), ofValues("", "Service Entry"))
+{}
 
 std::uint32_t SOME_IP_SD_Entry_Service::getMinorVersion() const
 {

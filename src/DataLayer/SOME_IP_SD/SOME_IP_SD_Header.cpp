@@ -23,7 +23,7 @@ std::string stateText(const std::istream& stream)
     return text;
 }
 
-/// Logs and answers whether one of the header's identifiers is reserved.
+/// Whether one of the header's identifiers is reserved, which is logged.
 bool hasReservedID(const SOME_IP& header)
 {
     if (SOME_IP::isReservedServiceID(header.getServiceID())) {
@@ -151,7 +151,7 @@ std::istream& operator>>(std::istream& stream, SOME_IP_SD_Header& packet)
         return stream;
     }
 
-    // What was really taken from the stream shows white space that formatted input has passed over.
+    // The bytes really taken from the stream reveal white space that formatted input has skipped.
     const std::streamsize before = stream.rdbuf()->in_avail();
     stream >> packet.m_someIP_SD;
     const std::streamsize parsed = before - stream.rdbuf()->in_avail();

@@ -12,7 +12,7 @@
 namespace Nubo::ServiceDiscovery {
 
 /// One complete service-discovery message: the SOME/IP header and the payload, and the count of remaining
-/// bytes that both share. Nothing is thrown. Not thread-safe.
+/// bytes that both share. Nothing throws. Not thread-safe.
 class SOME_IP_SD_Header
 {
 public:
@@ -21,14 +21,14 @@ public:
     /// Flags of every packet that this library makes.
     static constexpr std::uint8_t defaultFlags = SOME_IP_SD::REBOOT | SOME_IP_SD::UNICAST | SOME_IP_SD::EIDCF;
 
-    /// One entry with the options that it refers to: those of its first run, then those of its second.
+    /// One entry with the options that it refers to: first run, then second run.
     struct EntryData
     {
         SOME_IP_SD_Entry::Ptr entry;  ///< null when there is none
         std::vector<SOME_IP_SD_Option::Ptr> options;
     };
 
-    /// An empty message. `size`: for one to be read the bytes that are there; for one to be sent any value.
+    /// An empty message. `size` is the size of the datagram to be read; for a message to be sent, any value.
     explicit SOME_IP_SD_Header(std::size_t size);
     virtual ~SOME_IP_SD_Header();
 
@@ -37,12 +37,11 @@ public:
     SOME_IP_SD_Header(const SOME_IP_SD_Header&) = delete;
     SOME_IP_SD_Header& operator=(const SOME_IP_SD_Header&) = delete;
 
-    /// Hand the element to the payload and bring the SOME/IP length up to date; return the payload's
-    /// answer.
+    /// Pass the element to the payload, update the SOME/IP length and return the payload's answer.
     bool addEntry(const SOME_IP_SD_Entry::Ptr& entry, bool acceptInvalid);
     bool addOption(const SOME_IP_SD_Option::Ptr& option, bool acceptInvalid);
 
-    /// Sets the SOME/IP length to what the payload's size makes it.
+    /// Sets the SOME/IP length from the size of the payload.
     void updateLength();
 
     void setSessionID(std::uint16_t sessionID);
@@ -55,8 +54,8 @@ public:
 
     std::size_t getNumOfEntries() const { return m_someIP_SD.getEntries().size(); }
 
-    /// The entry at that index with its options; empty when there is none, or an invalid one, of which a
-    /// warning is logged. An option that the payload lacks is left out, with a warning too.
+    /// The entry at that index with its options; empty when there is none or, with a warning, when it is
+    /// invalid. An option that the payload lacks is left out, also with a warning.
     EntryData getEntryData(std::uint16_t index) const;
 
     /// The message as several lines for the log, each after `indent` tabs.
@@ -77,8 +76,8 @@ private:
 /// Writes header and payload.
 std::ostream& operator<<(std::ostream& stream, const SOME_IP_SD_Header& packet);
 
-/// Reads header and payload. When something is wrong, header or payload are invalid afterwards, or the
-/// stream is no longer good.
+/// Reads header and payload. After a failure the header or the payload is invalid, or the stream is no longer
+/// good.
 std::istream& operator>>(std::istream& stream, SOME_IP_SD_Header& packet);
 
 }  // namespace Nubo::ServiceDiscovery

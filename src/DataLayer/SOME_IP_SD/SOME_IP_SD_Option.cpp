@@ -1,10 +1,7 @@
 #include "DataLayer/SOME_IP_SD/SOME_IP_SD_Option.h"
 
 #include "DataLayer/Log.h"
-#include "DataLayer/SOME_IP_SD/SOME_IP_SD_Option_Configuration.h"
-#include "DataLayer/SOME_IP_SD/SOME_IP_SD_Option_IPv4.h"
-#include "DataLayer/SOME_IP_SD/SOME_IP_SD_Option_IPv6.h"
-#include "DataLayer/SOME_IP_SD/SOME_IP_SD_Option_LoadBalancing.h"
+#include "DataLayer/SOME_IP_SD/ElementKinds.h"
 #include "DataLayer/SOME_IP_SD/SOME_IP_SD_Option_Pimpl.h"
 #include "DataLayer/SOME_IP_SD/SOME_IP_SD_Option_Placeholder.h"
 #include "DataLayer/WireStream.h"
@@ -13,33 +10,9 @@
 
 namespace Nubo::ServiceDiscovery {
 
-using SOME_IP_SD_Types::OptionLength;
-
 namespace {
 
-constexpr std::uint32_t lengthAndTypeSize = 3;
 constexpr std::streamsize commonSize = 4;
-
-SOME_IP_SD_Option* makeEmpty(OptionType::Type_t type, std::uint16_t length)
-{
-    switch (type) {
-        case OptionType::CONFIGURATION:
-            return new SOME_IP_SD_Option_Configuration(length);
-        case OptionType::LOAD_BALANCING:
-            return new SOME_IP_SD_Option_LoadBalancing;
-        case OptionType::IP4_ENDPOINT:
-        case OptionType::IP4_MULTICAST:
-        case OptionType::IP4_SD_ENDPOINT:
-            return new SOME_IP_SD_Option_IPv4(type);
-        case OptionType::IP6_ENDPOINT:
-        case OptionType::IP6_MULTICAST:
-        case OptionType::IP6_SD_ENDPOINT:
-            return new SOME_IP_SD_Option_IPv6(type);
-        case OptionType::NONE:
-            break;
-    }
-    return new SOME_IP_SD_Option_Placeholder(length);
-}
 
 }  // namespace
 
@@ -63,11 +36,8 @@ std::streamsize SOME_IP_SD_Option_Pimpl::deserialise(std::istream& stream)
     constexpr std::streamsize reservedSize = 1;
     WireReader reader(stream);
     reader.read(m_reserved00);
-    if (reader.count() != reservedSize) {
-        SD_LOG(Error) << "SOME_IP_SD_Option size=" << reservedSize << ", but " << reader.count()
-                      << " read by deserialisation";
+    if (!reader.checkRead("SOME_IP_SD_Option", reservedSize, reservedSize, ""))
         setValid(false);
-    }
     return reader.count();
 }
 
@@ -97,7 +67,7 @@ std::uint16_t SOME_IP_SD_Option::getLength() const
 
 std::uint32_t SOME_IP_SD_Option::getSize() const
 {
-    return getLength() + lengthAndTypeSize;
+    return getLength() + prefixSize;
 }
 
 void SOME_IP_SD_Option::setLength(std::uint16_t length)
@@ -118,29 +88,16 @@ std::string SOME_IP_SD_Option::toString(unsigned int indent) const
 
 SOME_IP_SD_Option::Ptr SOME_IP_SD_Option::makeReceived(OptionType::Type_t type, std::uint16_t length)
 {
-    Ptr option = makeEmpty(type, length);
+    const OptionKind* const kind = kindOf(type);
+    Ptr option = kind ? kind->makeEmpty(type, length) : new SOME_IP_SD_Option_Placeholder(length);
     option->setLength(length);
     return option;
 }
 
 std::uint16_t SOME_IP_SD_Option::shortestLength(OptionType::Type_t type)
 {
-    switch (type) {
-        case OptionType::LOAD_BALANCING:
-            return OptionLength::LOAD_BALANCING;
-        case OptionType::IP4_ENDPOINT:
-        case OptionType::IP4_MULTICAST:
-        case OptionType::IP4_SD_ENDPOINT:
-            return OptionLength::IP4;
-        case OptionType::IP6_ENDPOINT:
-        case OptionType::IP6_MULTICAST:
-        case OptionType::IP6_SD_ENDPOINT:
-            return OptionLength::IP6;
-        case OptionType::CONFIGURATION:
-        case OptionType::NONE:
-            break;
-    }
-    return OptionLength::MIN;
+    const OptionKind* const kind = kindOf(type);
+    return kind ? kind->shortestLength : std::uint16_t{SOME_IP_SD_Types::OptionLength::MIN};
 }
 
 std::ostream& operator<<(std::ostream& stream, const SOME_IP_SD_Option& option)

@@ -17,10 +17,10 @@ class SOME_IP_SD_Option_Pimpl;
 /// fields are big-endian on the wire:
 ///
 ///     offset 0 length (2): the bytes after the type byte, 2 type (1), 3 reserved (1),
-///     4 what is particular to the kind
+///     4 fields of the kind
 ///
-/// The data and the work on bytes are in the implementation object; what a construction or a read could not
-/// make sense of shows in isValid(). Not thread-safe.
+/// The implementation object holds the data and does the work on bytes. isValid() is false after a
+/// construction or a read that failed. Not thread-safe.
 class SOME_IP_SD_Option
 {
 public:
@@ -33,19 +33,20 @@ public:
 
     bool isValid() const;
     OptionType::Type_t getType() const;
-    /// The length field: all but the first three bytes.
+    /// The length field: all bytes but the first three.
     std::uint16_t getLength() const;
     /// Size on the wire in bytes.
     std::uint32_t getSize() const;
+    static constexpr std::uint32_t prefixSize = 3;  ///< length field and type
 
     /// The option as one line for the log, after `indent` tabs.
     std::string toString(unsigned int indent) const;
 
-    /// The option of the class that belongs to a received type, to be filled by reading what follows the
-    /// type byte. An unknown type gives a placeholder.
+    /// An option of the class for a received type, to be filled by reading the bytes behind the type byte. A
+    /// placeholder for an unknown type.
     static Ptr makeReceived(OptionType::Type_t type, std::uint16_t length);
 
-    /// The value of the length field that every option of this type needs at least.
+    /// Smallest value of the length field of an option of this type.
     static std::uint16_t shortestLength(OptionType::Type_t type);
 
 protected:
@@ -65,7 +66,7 @@ private:
 /// Writes the option.
 std::ostream& operator<<(std::ostream& stream, const SOME_IP_SD_Option& option);
 
-/// Reads what follows the type byte. Afterwards the option is valid or not.
+/// Reads the bytes behind the type byte; isValid() says whether they make sense.
 std::istream& operator>>(std::istream& stream, SOME_IP_SD_Option& option);
 
 }  // namespace Nubo::ServiceDiscovery

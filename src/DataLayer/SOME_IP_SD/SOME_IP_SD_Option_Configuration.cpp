@@ -1,5 +1,6 @@
 #include "DataLayer/SOME_IP_SD/SOME_IP_SD_Option_Configuration.h"
 
+#include "DataLayer/SOME_IP_SD/ConfigurationText.h"
 #include "DataLayer/SOME_IP_SD/ConstructionCheck.h"
 #include "DataLayer/SOME_IP_SD/SOME_IP_SD_Option_Configuration_Pimpl.h"
 #include "DataLayer/WireStream.h"
@@ -20,10 +21,7 @@ using SOME_IP_SD_Types::OptionLength;
 
 namespace {
 
-constexpr std::uint8_t lowestCharacter = 0x20;
-constexpr std::uint8_t highestCharacter = 0x7e;
 constexpr std::size_t longestSubstring = 255;
-constexpr std::uint32_t longestOption = 65535;
 
 const char* asChars(const std::uint8_t* bytes)
 {
@@ -35,34 +33,17 @@ const std::uint8_t* asBytes(const std::string& text)
     return reinterpret_cast<const std::uint8_t*>(text.data());
 }
 
-/// Streams a character as it is and as "0x" and its hexadecimal value.
-struct QuotedCharacter
-{
-    std::uint8_t value;
-
-    friend std::ostream& operator<<(std::ostream& stream, QuotedCharacter character)
-    {
-        return stream << "'" << static_cast<char>(character.value) << "' = 0x" << std::hex
-                      << +character.value;
-    }
-};
-
-/// What the pairs take as substrings, if each has a value.
 std::size_t sizeOnWire(const ConfigurationPairs& pairs)
 {
     return std::accumulate(
-        pairs.begin(), pairs.end(), std::size_t{0}, [](std::size_t size, const auto& pair) {
-            return size + sizeof(std::uint8_t) + pair.first.size() + sizeof('=') + pair.second.size();
-        });
+        pairs.begin(), pairs.end(), std::size_t{0},
+        [](std::size_t size, const auto& pair) { return size + sizeOfPair(pair.first, pair.second); });
 }
 
-/// Whether a text can stand as the key or the value of a pair.
-bool isPartOfPair(const std::string& text)
+void throwFault(const std::string& fault)
 {
-    return text.size() <= longestSubstring &&
-           SOME_IP_SD_Option_Configuration_Pimpl::isValidSubstring(
-               asBytes(text), static_cast<std::uint8_t>(text.size()), nullptr) &&
-           text.find('=') == std::string::npos;
+    if (!fault.empty())
+        throw Poco::Exception(fault);
 }
 
 }  // namespace
@@ -102,7 +83,7 @@ std::ostream& SOME_IP_SD_Option_Configuration_Pimpl::serialise(std::ostream& str
 std::streamsize SOME_IP_SD_Option_Configuration_Pimpl::deserialise(std::istream& stream)
 {
     SOME_IP_SD_Option_Pimpl::deserialise(stream);
-    setValid(false);  // until the string is found good
+    setValid(false);  // until the string has been parsed
     const std::uint16_t n = stringLength();
     if (getLength() < OptionLength::MIN + 1) {
         SD_LOG(Error) << "SOME_IP_SD_Configuration_Option string length '" << n
@@ -118,18 +99,15 @@ std::streamsize SOME_IP_SD_Option_Configuration_Pimpl::deserialise(std::istream&
         return specificSize();
     }
 
-    // Read whole, so that the stream is at the option's end whatever the string holds.
+    // The whole string, so that the stream is at the end of the option whatever the string contains.
     WireReader reader(stream);
     reader.readBytes(m_configurationString.get(), withTerminator);
-    m_configurationString[n] = 0;  // kept for compatibility: the terminator's value is not looked at
+    m_configurationString[n] = 0;  // kept for compatibility: the terminator's value does not matter
     const std::size_t upToZero = std::strlen(asChars(string()));
     std::fill_n(m_configurationString.get() + upToZero, withTerminator - upToZero, std::uint8_t{0});
     const std::streamsize consumed = std::min(static_cast<std::streamsize>(upToZero) + 1, reader.count());
-    if (consumed != specificSize()) {
-        SD_LOG(Error) << "SOME_IP_SD_Configuration_Option size=" << specificSize() << ", but " << consumed
-                      << " read by deserialisation!";
+    if (!WireReader::checkCount(consumed, "SOME_IP_SD_Configuration_Option", specificSize(), specificSize()))
         return consumed;
-    }
 
     setValid(initFromString(string(), n));
     if (!isValid())
@@ -152,37 +130,10 @@ void SOME_IP_SD_Option_Configuration_Pimpl::printSpecific(std::ostream& stream) 
 bool SOME_IP_SD_Option_Configuration_Pimpl::isValidSubstring(const std::uint8_t* s, std::uint8_t n,
                                                              std::uint8_t* equalsPosition)
 {
-    std::uint8_t equals = 0;  // position 0 can never hold "="
-    for (std::uint8_t i = 0; s && i < n; ++i) {
-        const std::uint8_t c = s[i];
-        if (c == 0x00) {
-            SD_LOG(Error) << "isValidSubstring: given string is '0' terminated!";
-            return false;
-        }
-        if (c < lowestCharacter || c > highestCharacter) {
-            SD_LOG(Error) << "isValidSubstring: given string contains out-of-range character "
-                          << QuotedCharacter{c} << std::hex << " [0x" << +lowestCharacter << ",0x"
-                          << +highestCharacter << "]!";
-            return false;
-        }
-        if (i == 0 && (c == ' ' || c == '=')) {
-            SD_LOG(Error) << "isValidSubstring: given string starts with forbidden character "
-                          << QuotedCharacter{c} << "!";
-            return false;
-        }
-        if (c == '=') {
-            if (equals != 0) {
-                // Kept for compatibility: the positions stand as one raw byte each.
-                SD_LOG(Error) << "isValidSubstring: given string contains at least two '=' signs, first at "
-                              << equals << ", second at " << i << "!";
-                return false;
-            }
-            equals = i;
-        }
-    }
-    if (equalsPosition)
-        *equalsPosition = equals;
-    return true;
+    const TextFault fault = faultOfText(s, n, equalsPosition);
+    if (fault)
+        SD_LOG(Error) << fault;
+    return !fault;
 }
 
 bool SOME_IP_SD_Option_Configuration_Pimpl::initFromString(const std::uint8_t* s, std::uint16_t length)
@@ -241,7 +192,7 @@ bool SOME_IP_SD_Option_Configuration_Pimpl::insertSubstring(std::string_view sub
 bool SOME_IP_SD_Option_Configuration_Pimpl::isValidSplit(std::size_t length, std::size_t equals)
 {
     if (equals >= length) {
-        // Kept for compatibility: length and position stand as one raw byte each.
+        // Kept for compatibility: length and position are written as one raw byte each.
         SD_LOG(Error) << "initFromString: Error while parsing input string, '=' sign supposedly detecting "
                          "after string-length! length: "
                       << static_cast<char>(length) << " vs. '='-Position: " << static_cast<char>(equals);
@@ -265,21 +216,13 @@ bool SOME_IP_SD_Option_Configuration_Pimpl::initFromPairs(const ConfigurationPai
     std::string built;
     built.reserve(sizeOnWire(pairs));
     for (const auto& [key, value] : pairs) {
-        if (key.empty() || !isPartOfPair(key)) {
-            SD_LOG(Error) << "initFromPairs: invalid Configuration-key detected: '" << key << "'!";
+        if (const PairFault fault = faultOfPair(key, value)) {
+            if (fault.ofText)
+                SD_LOG(Error) << fault.ofText;
+            SD_LOG(Error) << fault;
             return false;
         }
-        if (!isPartOfPair(value)) {
-            SD_LOG(Error) << "initFromPairs: invalid Configuration-value detected: '" << value << "'!";
-            return false;
-        }
-        const std::size_t length = value.empty() ? key.size() : key.size() + 1 + value.size();
-        if (length > longestSubstring) {
-            SD_LOG(Error) << "initFromPairs: detected too long Configuration-pair, length of '" << length
-                          << "' exceeds per substring length field!";
-            return false;
-        }
-        built += static_cast<char>(length);
+        built += static_cast<char>(lengthOfPair(key, value));
         built += key;
         if (!value.empty()) {
             built += '=';
@@ -299,10 +242,9 @@ bool SOME_IP_SD_Option_Configuration_Pimpl::copyConfigurationString(const std::u
         SD_LOG(Warning) << "copyConfigurationString: failed to set, m_configurationString is not a nullptr!";
         return false;
     }
-    const bool fits = length + 2 <= longestOption;
-    if (!fits)
-        SD_LOG(Error) << "copyConfigurationString: generated Configuration-string is too long, length of '"
-                      << length + 1 << "' exceeds Option length field!";
+    const StringFault fault = faultOfStringLength(length);
+    if (fault)
+        SD_LOG(Error) << fault;
 
     setLength(static_cast<std::uint16_t>(length + 2));
     m_configurationString.reset(new (std::nothrow) std::uint8_t[std::size_t{length} + 1]());
@@ -312,7 +254,7 @@ bool SOME_IP_SD_Option_Configuration_Pimpl::copyConfigurationString(const std::u
         return false;
     }
     std::copy_n(s, length, m_configurationString.get());
-    return fits;
+    return !fault;
 }
 
 TextList SOME_IP_SD_Option_Configuration_Pimpl::shareAllValues(const std::string& key)
@@ -328,37 +270,21 @@ TextList SOME_IP_SD_Option_Configuration_Pimpl::shareAllValues(const std::string
     return TextList(shared);
 }
 
-namespace {
-
-void throwFault(const std::string& fault)
-{
-    if (!fault.empty())
-        throw Poco::Exception(fault);
-}
-
-}  // namespace
-
 SOME_IP_SD_Option_Configuration::SOME_IP_SD_Option_Configuration(std::uint16_t length)
-    : SOME_IP_SD_Option(new SOME_IP_SD_Option_Configuration_Pimpl(length))
-    , m_thisImplementation(dynamic_cast<SOME_IP_SD_Option_Configuration_Pimpl*>(implementation()))
-{
-    throwFault(faultOfEmpty("Configuration Option", isValid(), m_thisImplementation != nullptr));
-}
+    : ImplementedBy(new SOME_IP_SD_Option_Configuration_Pimpl(length),
+                    toBeRead("Configuration Option", throwFault))
+{}
 
 SOME_IP_SD_Option_Configuration::SOME_IP_SD_Option_Configuration(const std::uint8_t* string,
                                                                  std::uint16_t length)
-    : SOME_IP_SD_Option(new SOME_IP_SD_Option_Configuration_Pimpl(string, length))
-    , m_thisImplementation(dynamic_cast<SOME_IP_SD_Option_Configuration_Pimpl*>(implementation()))
-{
-    throwFault(faultOfValues("String ", "Configuration-Option", isValid(), m_thisImplementation != nullptr));
-}
+    : ImplementedBy(new SOME_IP_SD_Option_Configuration_Pimpl(string, length),
+                    ofValues("String ", "Configuration-Option", throwFault))
+{}
 
 SOME_IP_SD_Option_Configuration::SOME_IP_SD_Option_Configuration(const ConfigurationPairs& pairs)
-    : SOME_IP_SD_Option(new SOME_IP_SD_Option_Configuration_Pimpl(pairs))
-    , m_thisImplementation(dynamic_cast<SOME_IP_SD_Option_Configuration_Pimpl*>(implementation()))
-{
-    throwFault(faultOfValues("Pair ", "Configuration-Option", isValid(), m_thisImplementation != nullptr));
-}
+    : ImplementedBy(new SOME_IP_SD_Option_Configuration_Pimpl(pairs),
+                    ofValues("Pair ", "Configuration-Option", throwFault))
+{}
 
 const std::uint8_t* SOME_IP_SD_Option_Configuration::getConfigurationString() const
 {

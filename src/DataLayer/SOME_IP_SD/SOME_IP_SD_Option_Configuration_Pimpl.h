@@ -22,7 +22,7 @@ public:
 
     std::ostream& serialise(std::ostream& stream) const override;
 
-    /// Leaves the stream at the end of the option whatever it finds.
+    /// Leaves the stream at the end of the option in every case.
     std::streamsize deserialise(std::istream& stream) override;
 
     const char* kind() const override;
@@ -35,21 +35,21 @@ public:
     /// The values of all pairs with that key, copied once.
     TextList shareAllValues(const std::string& key);
 
-    /// Checks the `n` characters of one text and tells where its "=" is (0: there is none). Nothing at all
-    /// is fine: callers guard the lengths themselves.
+    /// Checks the `n` characters of one text and returns the position of its "=" (0: it has none). An empty
+    /// text is valid: callers guard the lengths themselves.
     static bool isValidSubstring(const std::uint8_t* s, std::uint8_t n, std::uint8_t* equalsPosition);
 
     /// Whether a text of `length` characters can be split at its "=". A second line of defence: no text that
     /// isValidSubstring() passed can fail here.
     static bool isValidSplit(std::size_t length, std::size_t equals);
 
-    /// Parses a string of `length` bytes that a zero byte follows, and keeps a copy of it. Pairs found
-    /// before a fault stay.
+    /// Parses a string of `length` bytes with a zero byte behind it, and keeps a copy. Pairs in front of a
+    /// fault are kept.
     bool initFromString(const std::uint8_t* s, std::uint16_t length);
 
     bool initFromPairs(const ConfigurationPairs& pairs);
 
-    /// Keeps a copy of `length` bytes and sets the length field to them. False when they exceed the
+    /// Keeps a copy of `length` bytes and sets the length field accordingly. False when they exceed the
     /// length field, which then has wrapped.
     bool copyConfigurationString(const std::uint8_t* s, std::uint32_t length);
 

@@ -33,14 +33,10 @@ public:
         std::uint16_t weight = 0;
         WireReader reader(stream);
         reader.read(priority, weight);
-        if (reader.count() == specificSize()) {
+        if (reader.checkRead("SOME_IP_SD_Option_LoadBalancing", specificSize())) {
             m_priority = priority;
             m_weight = weight;
             setValid(true);
-        }
-        else {
-            SD_LOG(Error) << "SOME_IP_SD_Option_LoadBalancing size=" << specificSize() << ", but "
-                          << reader.count() << " read by deserialisation!";
         }
         return reader.count();
     }
@@ -57,18 +53,13 @@ public:
 };
 
 SOME_IP_SD_Option_LoadBalancing::SOME_IP_SD_Option_LoadBalancing()
-    : SOME_IP_SD_Option(new SOME_IP_SD_Option_LoadBalancing_Pimpl(0, 0, false))
-    , m_thisImplementation(dynamic_cast<SOME_IP_SD_Option_LoadBalancing_Pimpl*>(implementation()))
-{
-    logFault(faultOfEmpty("LoadBalancing Option", isValid(), m_thisImplementation != nullptr));
-}
+    : ImplementedBy(new SOME_IP_SD_Option_LoadBalancing_Pimpl(0, 0, false), toBeRead("LoadBalancing Option"))
+{}
 
 SOME_IP_SD_Option_LoadBalancing::SOME_IP_SD_Option_LoadBalancing(std::uint16_t priority, std::uint16_t weight)
-    : SOME_IP_SD_Option(new SOME_IP_SD_Option_LoadBalancing_Pimpl(priority, weight, true))
-    , m_thisImplementation(dynamic_cast<SOME_IP_SD_Option_LoadBalancing_Pimpl*>(implementation()))
-{
-    logFault(faultOfValues("", "LoadBalancing Option", isValid(), m_thisImplementation != nullptr));
-}
+    : ImplementedBy(new SOME_IP_SD_Option_LoadBalancing_Pimpl(priority, weight, true),
+                    ofValues("", "LoadBalancing Option"))
+{}
 
 std::uint16_t SOME_IP_SD_Option_LoadBalancing::getPriority() const
 {

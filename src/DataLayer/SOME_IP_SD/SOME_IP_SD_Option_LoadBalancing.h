@@ -1,13 +1,15 @@
 #pragma once
 
+#include "DataLayer/SOME_IP_SD/ImplementedBy.h"
 #include "DataLayer/SOME_IP_SD/SOME_IP_SD_Option.h"
 
 namespace Nubo::ServiceDiscovery {
 
 class SOME_IP_SD_Option_LoadBalancing_Pimpl;
 
-/// Load-balancing option. After the four bytes of every option: priority (2) and weight (2).
-class SOME_IP_SD_Option_LoadBalancing : public SOME_IP_SD_Option
+/// Load-balancing option. Fields behind the four bytes of every option: priority (2) and weight (2).
+class SOME_IP_SD_Option_LoadBalancing
+    : public ImplementedBy<SOME_IP_SD_Option, SOME_IP_SD_Option_LoadBalancing_Pimpl>
 {
 public:
     using Ptr = Poco::SharedPtr<SOME_IP_SD_Option_LoadBalancing>;
@@ -18,9 +20,6 @@ public:
 
     std::uint16_t getPriority() const;
     std::uint16_t getWeight() const;
-
-private:
-    SOME_IP_SD_Option_LoadBalancing_Pimpl* const m_thisImplementation;
 };
 
 }  // namespace Nubo::ServiceDiscovery

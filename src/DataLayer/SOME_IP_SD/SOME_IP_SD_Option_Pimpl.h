@@ -16,11 +16,10 @@ public:
     /// Writes the four bytes that all kinds share; a kind adds its own.
     virtual std::ostream& serialise(std::ostream& stream) const;
 
-    /// Reads the reserved byte, which follows the type byte, and returns 1; a kind returns the number of
-    /// bytes that its own part took.
+    /// Reads the reserved byte behind the type byte and returns 1; a kind returns the size of its own part.
     virtual std::streamsize deserialise(std::istream& stream);
 
-    /// What opens and what closes the text for the log.
+    /// Start and end of the text for the log.
     virtual const char* kind() const { return "<UNKNOWN OPTION TYPE>"; }
     virtual void printSpecific(std::ostream&) const {}
 

@@ -30,11 +30,7 @@ public:
 };
 
 SOME_IP_SD_Option_Placeholder::SOME_IP_SD_Option_Placeholder(std::uint16_t length)
-    : SOME_IP_SD_Option(new SOME_IP_SD_Option_Placeholder_Pimpl(length))
-{
-    const bool hasRightClass =
-        dynamic_cast<SOME_IP_SD_Option_Placeholder_Pimpl*>(implementation()) != nullptr;
-    logFault(faultOfEmpty("Placeholder Option", isValid(), hasRightClass));
-}
+    : ImplementedBy(new SOME_IP_SD_Option_Placeholder_Pimpl(length), toBeRead("Placeholder Option"))
+{}
 
 }  // namespace Nubo::ServiceDiscovery

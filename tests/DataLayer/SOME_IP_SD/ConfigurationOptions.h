@@ -13,7 +13,7 @@
 
 #include <gtest/gtest.h>
 
-/// What the tests of configuration options share.
+/// Shared by the tests of configuration options.
 namespace Nubo::ServiceDiscovery::Testing {
 
 inline const std::uint8_t* bytesOf(const std::string& text)
@@ -21,7 +21,7 @@ inline const std::uint8_t* bytesOf(const std::string& text)
     return reinterpret_cast<const std::uint8_t*>(text.data());
 }
 
-/// An option from a configuration string, its terminator added.
+/// An option from a configuration string; the terminator is added.
 inline SOME_IP_SD_Option_Configuration optionOf(const std::string& string)
 {
     return SOME_IP_SD_Option_Configuration(bytesOf(string), static_cast<std::uint16_t>(string.size()));
@@ -34,7 +34,7 @@ std::string literal(const char (&text)[sizeWithZero])
     return std::string(text, sizeWithZero - 1);
 }
 
-/// What the exception says that the function ends with.
+/// Message of the exception that the function throws.
 template <class Function>
 std::string failureOf(Function function)
 {
@@ -62,13 +62,13 @@ inline ConfigurationPairs pairsOfSize(std::size_t size)
     return pairs;
 }
 
-/// A test that reads options. What it logs is caught.
+/// Fixture that reads options and catches the log.
 struct ConfigurationOptionTest : ::testing::Test
 {
     using Option = SOME_IP_SD_Option_Configuration;
     using Implementation = SOME_IP_SD_Option_Configuration_Pimpl;
 
-    /// Reads into an option of a received length what follows the type byte.
+    /// Reads the bytes behind the type byte into an option of a received length.
     Option& read(std::uint16_t length, const std::string& hex)
     {
         received = SOME_IP_SD_Option::makeReceived(OptionType::CONFIGURATION, length);

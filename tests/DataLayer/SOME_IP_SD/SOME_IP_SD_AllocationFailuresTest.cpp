@@ -16,8 +16,7 @@
 
 #include <gtest/gtest.h>
 
-/// What is left of packets when memory runs short. Under AddressSanitizer a test also fails when something
-/// leaks.
+/// Packets when memory runs out. Under AddressSanitizer, leaks also fail a test.
 namespace Nubo::ServiceDiscovery::Testing {
 
 namespace {
@@ -27,7 +26,7 @@ const ConfigurationPairs offered{{"l6proto", "nubo"},
                                  {"txtvers", "1"},
                                  {"version", "1.0.0"}};
 
-/// The bytes of an offer, by the way that every packet is sent; empty when an option could not be made.
+/// The bytes of an offer, made like every packet that is sent; empty when an option could not be made.
 std::string encodeOffer()
 {
     try {

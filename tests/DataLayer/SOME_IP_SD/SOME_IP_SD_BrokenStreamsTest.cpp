@@ -21,7 +21,7 @@ using ::testing::SizeIs;
 
 namespace {
 
-/// The state of a stream, and the reason that is reported of it.
+/// State of a stream and the reason reported for it.
 struct BrokenStream
 {
     const char* name;

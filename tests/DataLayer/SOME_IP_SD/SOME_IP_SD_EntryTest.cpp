@@ -17,13 +17,13 @@ using ::testing::IsEmpty;
 
 namespace {
 
-/// An entry around any implementation, none included.
+/// An entry with any implementation, or without one.
 struct BareEntry : SOME_IP_SD_Entry
 {
     explicit BareEntry(SOME_IP_SD_Entry_Pimpl* implementation) : SOME_IP_SD_Entry(implementation) {}
 };
 
-/// What all kinds share shows in an entry whose implementation has no part of its own.
+/// The common part, in an entry whose implementation adds nothing to it.
 struct SOME_IP_SD_EntryTest : ::testing::Test
 {
     static SOME_IP_SD_Entry_Pimpl* makeImplementation()

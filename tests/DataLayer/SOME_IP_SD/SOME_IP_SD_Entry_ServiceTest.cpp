@@ -89,44 +89,6 @@ TEST_F(SOME_IP_SD_Entry_ServiceTest, EveryFieldIsReadFromItsPlaceAfterTheType)
     EXPECT_THAT(log.lines(), IsEmpty());
 }
 
-TEST_F(SOME_IP_SD_Entry_ServiceTest, EntryThatEndsTheStreamIsGood)
-{
-    std::istringstream stream = read("00 00 20 ff fe 00 01 01 00 00 03 00 00 00 00");
-
-    EXPECT_TRUE(entry.isValid());
-    EXPECT_TRUE(stream.good());
-}
-
-TEST_F(SOME_IP_SD_Entry_ServiceTest, ReadingReturnsTheBytesOfTheMinorVersion)
-{
-    Opened<SOME_IP_SD_Entry_Service> whole(EntryType::OFFER_SERVICE);
-    Opened<SOME_IP_SD_Entry_Service> cut(EntryType::OFFER_SERVICE);
-
-    EXPECT_EQ(whole.readBytes("00 00 20 ff fe 00 01 01 00 00 03 00 00 00 00 ff"), 4);
-    EXPECT_EQ(cut.readBytes("00 00 20 ff fe 00 01 01 00 00 03 00 00"), 2);
-}
-
-TEST_F(SOME_IP_SD_Entry_ServiceTest, ReadingMakesARefusedEntryValid)
-{
-    SOME_IP_SD_Entry_Service refused(EntryType::SUBSCRIBE);
-
-    streamOf("00 00 20 ff fe 00 01 01 00 00 03 00 00 00 00") >> refused;
-
-    EXPECT_TRUE(refused.isValid());
-}
-
-TEST_F(SOME_IP_SD_Entry_ServiceTest, MinorVersionCutShortIsNotTakenOverAndLeavesTheEntryValid)
-{
-    SOME_IP_SD_Entry_Service offer(offerFields(), 0x01020304);
-
-    streamOf("00 00 10 ff fd 00 02 07 00 00 08 ff ff ff") >> offer;
-
-    EXPECT_TRUE(offer.isValid());
-    EXPECT_EQ(written(offer), "01 00 00 10 ff fd 00 02 07 00 00 08 01 02 03 04");
-    EXPECT_THAT(log.errors(),
-                ElementsAre("Error: SOME_IP_SD_Entry_Service size=4, but 3 read by deserialisation!"));
-}
-
 TEST_F(SOME_IP_SD_Entry_ServiceTest, EntryIsInvalidUntilRead)
 {
     EXPECT_FALSE(entry.isValid());
@@ -150,18 +112,6 @@ TEST_F(SOME_IP_SD_Entry_ServiceTest, WhiteSpaceInTheTTLPutsWhatFollowsOutOfStep)
     EXPECT_EQ(entry.getMinorVersion(), 0x00000708u);
     EXPECT_EQ(unread(stream), 0);
     EXPECT_THAT(log.lines(), IsEmpty());
-}
-
-TEST_F(SOME_IP_SD_Entry_ServiceTest, StreamThatTakesNoBytesIsReportedWhenWriting)
-{
-    std::ostringstream stream;
-    stream.setstate(std::ios::badbit);
-
-    stream << entry;
-
-    EXPECT_THAT(log.errors(),
-                ElementsAre("Error: SOME_IP_SD_Entry size=12, but 0 written by serialisation!",
-                            "Error: SOME_IP_SD_Entry_Service size=4, but 0 written by serialisation!"));
 }
 
 TEST_F(SOME_IP_SD_Entry_ServiceTest, TextHoldsEveryField)
@@ -234,103 +184,5 @@ INSTANTIATE_TEST_SUITE_P(
                       UnusedIndex{"NoneWhereTheRunsAreUsed", "05 06 11", {}},
                       UnusedIndex{"NoneWhereTheIndicesAreZero", "00 00 00", {}}),
     [](const auto& row) { return row.param.name; });
-
-namespace {
-
-struct CutEntry
-{
-    std::size_t size;  ///< bytes that are there of the 15
-    std::vector<std::string> lines;
-};
-
-struct CutServiceEntryTest : ::testing::TestWithParam<CutEntry>
-{};
-
-}  // namespace
-
-TEST_P(CutServiceEntryTest, StaysInvalid)
-{
-    const LogCatcher log;
-    SOME_IP_SD_Entry_Service entry(EntryType::OFFER_SERVICE);
-    const std::string bytes = "00 00 20 ff fe 00 01 01 00 00 03 00 00 00 00"_bytes;
-    std::istringstream stream(bytes.substr(0, GetParam().size));
-
-    stream >> entry;
-
-    EXPECT_FALSE(entry.isValid());
-    EXPECT_THAT(log.errors(), ElementsAreArray(GetParam().lines));
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    SOME_IP_SD_Entry_Service, CutServiceEntryTest,
-    ::testing::Values(
-        CutEntry{0,
-                 {"Error: SOME_IP_SD_Entry size=12, but 3 read by deserialisation",
-                  "Error: SOME_IP_SD_Entry_Service size=4, but 0 read by deserialisation!"}},
-        CutEntry{3,
-                 {"Error: SOME_IP_SD_Entry size=12, but 6 read by deserialisation",
-                  "Error: SOME_IP_SD_Entry_Service size=4, but 0 read by deserialisation!"}},
-        CutEntry{7,
-                 {"Error: SOME_IP_SD_Entry size=12, but 10 read by deserialisation",
-                  "Error: SOME_IP_SD_Entry_Service size=4, but 0 read by deserialisation!"}},
-        CutEntry{8, {"Error: SOME_IP_SD_Entry_Service size=4, but 0 read by deserialisation!"}},
-        CutEntry{11, {"Error: SOME_IP_SD_Entry_Service size=4, but 0 read by deserialisation!"}},
-        CutEntry{14, {"Error: SOME_IP_SD_Entry_Service size=4, but 3 read by deserialisation!"}}),
-    [](const auto& row) { return "After" + std::to_string(row.param.size); });
-
-namespace {
-
-struct WrongType
-{
-    std::uint8_t type;
-    const char* line;
-};
-
-struct WrongServiceTypeTest : ::testing::TestWithParam<WrongType>
-{
-    const EntryType::Type_t type = static_cast<EntryType::Type_t>(GetParam().type);
-    LogCatcher log;
-};
-
-}  // namespace
-
-TEST_P(WrongServiceTypeTest, OfAnEntryOfFieldsMakesItInvalid)
-{
-    SOME_IP_SD_Entry::CommonFields fields = offerFields();
-    fields.type = type;
-
-    const SOME_IP_SD_Entry_Service entry(fields, 0);
-
-    EXPECT_FALSE(entry.isValid());
-    EXPECT_EQ(entry.getType(), type);
-    EXPECT_THAT(log.errors(), ElementsAre(GetParam().line, "Error: Service Entry data invalid!"));
-}
-
-TEST_P(WrongServiceTypeTest, OfAnEntryToBeReadIsLogged)
-{
-    const SOME_IP_SD_Entry_Service entry(type);
-
-    EXPECT_FALSE(entry.isValid());
-    EXPECT_THAT(log.errors(), ElementsAre(GetParam().line));
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    SOME_IP_SD_Entry_Service, WrongServiceTypeTest,
-    ::testing::Values(WrongType{0x02,
-                                "Error: Service SOME_IP_SD_Entry needs to be of type {FIND_SERVICE=0x00, "
-                                "OFFER_SERVICE=0x01}, but 0xUNKNOWN 0x2 given!"},
-                      WrongType{0x05,
-                                "Error: Service SOME_IP_SD_Entry needs to be of type {FIND_SERVICE=0x00, "
-                                "OFFER_SERVICE=0x01}, but 0xUNKNOWN 0x5 given!"},
-                      WrongType{0x06,
-                                "Error: Service SOME_IP_SD_Entry needs to be of type {FIND_SERVICE=0x00, "
-                                "OFFER_SERVICE=0x01}, but 0xSUBSCRIBE given!"},
-                      WrongType{0x07,
-                                "Error: Service SOME_IP_SD_Entry needs to be of type {FIND_SERVICE=0x00, "
-                                "OFFER_SERVICE=0x01}, but 0xSUBSCRIBE_ACK given!"},
-                      WrongType{0xff,
-                                "Error: Service SOME_IP_SD_Entry needs to be of type {FIND_SERVICE=0x00, "
-                                "OFFER_SERVICE=0x01}, but 0xUNKNOWN 0xff given!"}),
-    [](const auto& row) { return "Type" + std::to_string(row.param.type); });
 
 }  // namespace Nubo::ServiceDiscovery::Testing

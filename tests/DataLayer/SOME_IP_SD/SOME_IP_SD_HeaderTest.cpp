@@ -45,7 +45,7 @@ SOME_IP_SD_Entry::Ptr entryWithRuns(SOME_IP_SD_Types::OptionRun first, SOME_IP_S
     return new SOME_IP_SD_Entry_Service(fields, 0);
 }
 
-/// A datagram in memory of exactly its size, so that a sanitizer sees every step beyond it.
+/// A datagram in memory of exactly its size, so that sanitizers detect every access beyond it.
 class Datagram
 {
 public:
@@ -62,7 +62,7 @@ private:
     Poco::MemoryInputStream m_stream;
 };
 
-/// Whether the packet that was read from the stream is to be handled.
+/// Whether a receiver would handle the packet read from the stream.
 bool isGood(const SOME_IP_SD_Header& packet, const std::istream& stream)
 {
     return stream.good() && packet.getSomeIP().isValid() && packet.getSomeIP_SD().isValid();
@@ -70,7 +70,7 @@ bool isGood(const SOME_IP_SD_Header& packet, const std::istream& stream)
 
 struct SOME_IP_SD_HeaderTest : ::testing::Test
 {
-    /// Reads a packet that is a datagram of its own.
+    /// Reads a packet that fills its datagram.
     void read(const std::string& hex)
     {
         stream = streamOf(hex);
@@ -386,7 +386,7 @@ TEST_F(SOME_IP_SD_HeaderTest, InvalidHeaderEndsTheReadingWithoutFurtherWords)
 
 TEST_F(SOME_IP_SD_HeaderTest, PayloadThatWhiteSpaceMakesLongerIsALengthError)
 {
-    // The TTL's last byte is passed over, and a byte of what follows the packet makes up for it.
+    // The last byte of the TTL is skipped; a byte behind the packet takes its place.
     read(
         "ff ff 81 00 00 00 00 24 00 00 00 01 01 01 02 00 e0 00 00 00 00 00 00 10 "
         "00 00 00 00 ff fe ff ff ff 00 00 20 00 00 00 00 00 00 00 00 00");
@@ -479,7 +479,7 @@ TEST_F(SOME_IP_SD_HeaderTest, TextHoldsHeaderAndPayload)
 
 namespace {
 
-/// Every kind of entry and option, an unknown one of each included.
+/// Every kind of entry and option, including unknown ones.
 const std::string richPacket =
     "ff ff 81 00 00 00 00 b3 00 00 00 01 01 01 02 00 "
     "e0 00 00 00 00 00 00 40 "
@@ -496,7 +496,7 @@ const std::string richPacket =
     "00 04 55 01 02 03 04 "
     "00 06 01 00 03 61 3d 31 00";
 
-/// Reads a datagram and uses what a receiver uses; returns whether the packet is to be handled.
+/// Reads a datagram and uses it like a receiver; returns whether a receiver would handle the packet.
 bool survives(const std::string& bytes)
 {
     Datagram datagram(bytes);

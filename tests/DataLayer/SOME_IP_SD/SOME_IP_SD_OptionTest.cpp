@@ -20,14 +20,14 @@ using ::testing::IsEmpty;
 
 namespace {
 
-/// An option around any implementation, none included.
+/// An option with any implementation, or without one.
 struct BareOption : SOME_IP_SD_Option
 {
     explicit BareOption(SOME_IP_SD_Option_Pimpl* implementation) : SOME_IP_SD_Option(implementation) {}
     using SOME_IP_SD_Option::setLength;
 };
 
-/// What all kinds share shows in an option whose implementation has no part of its own.
+/// The common part, in an option whose implementation adds nothing to it.
 struct SOME_IP_SD_OptionTest : ::testing::Test
 {
     LogCatcher log;

@@ -3,8 +3,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-/// How far the checks of a configuration option reach, and their order, which shows in which fault of several
-/// is reported.
+/// Reach and order of the checks of a configuration option. The order shows in the fault that is reported
+/// when several exist.
 namespace Nubo::ServiceDiscovery::Testing {
 
 using ::testing::ElementsAre;
@@ -61,7 +61,7 @@ TEST_F(SOME_IP_SD_Option_ConfigurationChecksTest, ZeroInsideIsReportedBeforeWhat
     EXPECT_FALSE(Implementation::isValidSubstring(bytesOf(literal("\0\x01==")), 4, &position));
 
     EXPECT_THAT(log.errors(), ElementsAre("Error: isValidSubstring: given string is '0' terminated!"));
-    EXPECT_EQ(position, 99) << "nothing is told of a text that is refused";
+    EXPECT_EQ(position, 99) << "a refused text has no position";
 }
 
 TEST_F(SOME_IP_SD_Option_ConfigurationChecksTest, FirstCharacterIsLookedAtBeforeTheSecond)

@@ -3,30 +3,18 @@
 #include <KELOEMInterfaceLib/OEMDispatcher.h>
 #include <KELUtilLib/ApplicationServices.h>
 
-#include <Poco/Delegate.h>
 #include <Poco/Net/IPAddress.h>
 #include <Poco/SharedPtr.h>
 
 #include <iostream>
 
 #include <DataLayer/SDService.h>
+#include <KnownServices.h>
 #include <ServiceDiscovery.h>
 
-namespace {
-
+using Nubo::ServiceDiscovery::KnownServices;
 using Nubo::ServiceDiscovery::NuboServiceDescription;
 using Nubo::ServiceDiscovery::ServiceDiscovery;
-
-class Registry
-{
-public:
-    void onServiceListChanged(ServiceDiscovery::ServiceListEventPayload& payload)
-    {
-        payload.setLocalUuid(payload.getServiceDescription()->generateUri());
-    }
-};
-
-}  // namespace
 
 int main()
 {
@@ -43,12 +31,11 @@ int main()
     media.setLocalUuid("media-1");
 
     // It is not started: a network is not needed for what is tried here.
-    Registry registry;
     ServiceDiscovery discovery;
-    discovery.ServiceListChanged += Poco::delegate(&registry, &Registry::onServiceListChanged);
+    const KnownServices services(discovery);
     const bool added = discovery.addService(media);
-    discovery.ServiceListChanged -= Poco::delegate(&registry, &Registry::onServiceListChanged);
 
     std::cout << media.generateUri() << std::endl;
-    return added && !discovery.running() && dispatcher->interfaces().size() == 1 ? 0 : 1;
+    return added && !discovery.running() && services.size() == 0 && dispatcher->interfaces().size() == 1 ? 0
+                                                                                                         : 1;
 }

@@ -1,4 +1,4 @@
 #pragma once
 
-/// Marks what libKELOEMInterfaceLib exports.
+/// Exports a symbol from libKELOEMInterfaceLib.
 #define KEL_OEM_EXPORT __attribute__((visibility("default")))

@@ -4,8 +4,8 @@
 
 namespace OEMInterface {
 
-/// A dispatcher for tests and fixed set-ups: each call is one report, delivered on the calling thread before
-/// the call returns. The texts need not name anything that exists.
+/// A dispatcher for tests and static configurations. Each call delivers one report on the calling thread
+/// before it returns. The interface and the address need not exist.
 class KEL_OEM_EXPORT ManualDispatcher : public LinuxDispatcher
 {
 public:

@@ -1,6 +1,6 @@
 #pragma once
 
-/// The whole of libKELOEMInterfaceLib: the dispatcher's interface and the Linux edition's two dispatchers.
+/// Includes all of libKELOEMInterfaceLib: the dispatcher's interface and the Linux edition's two dispatchers.
 
 #include <KELOEMInterfaceLib/ManualDispatcher.h>
 #include <KELOEMInterfaceLib/NetlinkDispatcher.h>

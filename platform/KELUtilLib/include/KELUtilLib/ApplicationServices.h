@@ -9,23 +9,24 @@
 #include <typeindex>
 #include <typeinfo>
 
-/// Where the parts of a process find what others provide, by its type. All operations are thread-safe.
+/// Registry through which the parts of a process find each other's services by type. All operations are
+/// thread-safe.
 class KEL_UTIL_EXPORT ServiceLocator
 {
 public:
-    /// Offers `service` under `type`; what stood there before is replaced. A provider of interfaces puts a
-    /// Poco::SharedPtr to the base class in, under the base class's type:
+    /// Registers `service` under `type`, replacing any previous one. The provider of an interface registers a
+    /// Poco::SharedPtr to the base class under the type of the base class:
     ///     locator.add(typeid(OEMInterface::OEMDispatcher), Poco::SharedPtr<OEMInterface::OEMDispatcher>(…));
     void add(std::type_info const& type, Poco::Any const& service);
 
-    /// Takes back what stands under `type`, if anything.
+    /// Removes the service registered under `type`, if any.
     void remove(std::type_info const& type);
 
-    /// Takes back everything.
+    /// Removes all services.
     void clear();
 
-    /// Puts what stands under `*type` into `service` and returns true; false, and `service` as it was, when
-    /// there is nothing or `type` is null.
+    /// Copies the service registered under `*type` to `service` and returns true. Returns false and leaves
+    /// `service` unchanged when there is none or `type` is null.
     bool find(std::type_info const* type, Poco::Any& service) const;
 
 private:
@@ -33,15 +34,16 @@ private:
     std::map<std::type_index, Poco::Any> m_services;
 };
 
-/// What the platform gives every process.
+/// The platform's services for every process.
 class KEL_UTIL_EXPORT ApplicationServices
 {
 public:
-    /// The process's one service locator. Threads may use it to the last, also while the process ends.
+    /// Returns the process's only service locator. Threads may use it at any time, even while the process
+    /// ends.
     ///
-    /// It gives its services up when the process destroys its static objects, or unloads the library: one
-    /// that nobody else holds ends there, on the thread that ends the process, and from then on none is
-    /// found. A NetlinkDispatcher in the locator so ends its thread before the code of any library goes away.
-    /// To end a service earlier, remove() it before main() returns.
+    /// The locator is cleared when the process destroys its static objects, or unloads the library. Services
+    /// without other references are then destroyed on the thread that ends the process, and later look-ups
+    /// find nothing. A NetlinkDispatcher in the locator thus ends its thread before the code of any library
+    /// is unloaded. To destroy a service earlier, remove() it before main() returns.
     static ServiceLocator& getLocator();
 };

@@ -4,15 +4,15 @@
 
 #include <string>
 
-/// Helps for those who debug a process of the platform.
+/// Debugging aids.
 namespace DebugUtils {
 
-/// Names the calling thread as debuggers and `ps -L` show it. The kernel keeps the first 15 bytes.
-/// `context` says where the thread was named; the Linux edition has no place to show it.
+/// Sets the name of the calling thread for debuggers and `ps -L`. The kernel keeps the first 15 bytes.
+/// `context` describes where the thread was named; the Linux edition ignores it.
 KEL_UTIL_EXPORT void setThreadName(const char* name, const char* context = "");
 
-/// The bytes as lower-case hexadecimal text: groups of `groupSize` bytes (0 counts as 1) with a blank
-/// between them, about 16 bytes a line, lines parted by a line end.
+/// Formats the bytes as lower-case hexadecimal text: groups of `groupSize` bytes (0 means 1) separated by a
+/// space, about 16 bytes per line, lines separated by a newline.
 KEL_UTIL_EXPORT std::string HexDump(void const* data, unsigned short size, unsigned char groupSize);
 
 }  // namespace DebugUtils

@@ -1,4 +1,4 @@
 #pragma once
 
-/// Marks what libKELUtilLib exports.
+/// Exports a symbol from libKELUtilLib.
 #define KEL_UTIL_EXPORT __attribute__((visibility("default")))

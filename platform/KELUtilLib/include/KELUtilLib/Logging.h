@@ -13,33 +13,33 @@ namespace Logging {
 class KEL_UTIL_EXPORT Log
 {
 public:
-    /// The logger of the platform, named "Nubo". Where its messages go is decided by the channel that the
-    /// process sets on it (Poco::Logger::setChannel). Safe to call from any thread, to the last: neither the
-    /// logger nor its channel is destroyed when the process ends. The first call in a process throws
-    /// std::bad_alloc when memory is short; no later one throws.
+    /// Returns the platform's logger, named "Nubo". The process sets the channel that writes its messages
+    /// (Poco::Logger::setChannel). Thread-safe, even while the process ends: neither the logger nor its
+    /// channel is ever destroyed. The first call in a process throws std::bad_alloc when memory is short;
+    /// later calls never throw.
     static Poco::Logger& Logger();
 
-    /// Whether a message of that priority would be written. The same holds.
+    /// Whether a message of that priority would be written. Thread-safe and throws like Logger().
     static bool IsLogLevelActive(Poco::Message::Priority priority);
 };
 
-/// One message: what is streamed into the object goes to the logger when the object ends.
+/// One log message. The destructor passes the text streamed into the object to the logger.
 ///
-/// A line end that closes the text is the end of the message and not part of it. An object belongs to one
-/// thread; the logger behind it may be shared. Making, filling and ending it throws nothing: a message that
-/// the channel fails to write is lost, and when memory is short, a message is cut or lost.
+/// A newline at the end of the text is not part of the message. An object belongs to one thread, but its
+/// logger may be shared. No operation throws: a message that the channel fails to write is lost, and a
+/// message is truncated or lost when memory is short.
 class KEL_UTIL_EXPORT LogStream : public std::ostringstream
 {
 public:
-    /// Opens a message. `logger` must outlive the object.
+    /// Begins a message. `logger` must outlive the object.
     LogStream(Poco::Logger& logger, Poco::Message::Priority priority);
     ~LogStream() override;
 
     LogStream(const LogStream&) = delete;
     LogStream& operator=(const LogStream&) = delete;
 
-    /// Gives the message its place in the source: it travels as the message's source file and line, so a
-    /// formatter can print it ("%U:%u"). `file` must stay valid until the object ends.
+    /// Sets the message's source file and line, which a formatter can print ("%U:%u"). `file` must remain
+    /// valid until the object is destroyed.
     void addDefaultOutput(char const* file, int line);
 
 private:
