@@ -65,7 +65,7 @@ private:
         unsigned index = 0;  ///< system's index when it was last listed; 0: none
     };
 
-    /// Of the thread that retries.
+    /// What the retry thread does next.
     enum class Task : std::uint8_t
     {
         None,
@@ -104,7 +104,7 @@ private:
     std::thread m_thread;
 
     std::atomic<bool> m_isRunning{false};
-    std::condition_variable m_disturbed;  // the thread's wait for a round
+    std::condition_variable m_disturbed;  // interrupts the retry thread's wait for a round
 };
 
 }  // namespace Nubo::ServiceDiscovery::Multicast
