@@ -10,8 +10,8 @@
 
 namespace Nubo::ServiceDiscovery {
 
-/// Delivers the platform's reports to a method of its target. Unlike Poco::Delegate it holds no mutex while it
-/// delivers, so a report never waits for a report on another thread.
+/// Delivers the platform's reports to a method of its target. Unlike Poco::Delegate it holds no mutex while
+/// it delivers, so a report never waits for a report on another thread.
 template <class Target, class Payload>
 class ReportDelegate : public Poco::AbstractDelegate<Payload>
 {
@@ -43,8 +43,8 @@ public:
 
     Poco::AbstractDelegate<Payload>* clone() const override { return new ReportDelegate(target(), m_method); }
 
-    /// Stops delivery. Waits until the deliveries on other threads have ended, unless it is called from within
-    /// one.
+    /// Stops delivery. Waits until the deliveries on other threads have ended, unless it is called from
+    /// within one.
     void disable() override
     {
         std::unique_lock<std::mutex> lock(m_mutex);
