@@ -1,5 +1,6 @@
 #!/usr/bin/env bats
 # nubo-sd on units that meet on a network.
+# shellcheck disable=SC2030,SC2031 # each test has its own output and status
 
 bats_require_minimum_version 1.5.0
 
