@@ -361,7 +361,8 @@ ReportedInterfaces::Task ReportedInterfaces::awaitTask(const Poco::Clock& lastRo
     m_isRetrying = m_isRunning && (m_reports.unsafe_areWaiting() || hasPending());
     if (!m_isRetrying)
         return Task::None;
-    const Poco::Clock::ClockDiff left = lastRound - SDClock::now() + wait();
+    const Poco::Clock::ClockDiff passed = SDClock::now() - lastRound;
+    const Poco::Clock::ClockDiff left = wait() - std::max(passed, Poco::Clock::ClockDiff{0});
     const auto isDisturbed = [this] { return !m_isRunning || m_reports.unsafe_areWaiting(); };
     if (left <= 0 || !m_disturbed.wait_for(idle, std::chrono::microseconds(left), isDisturbed))
         return Task::Round;

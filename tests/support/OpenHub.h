@@ -14,6 +14,13 @@ struct OpenHub : SDCommunicationHub
     using SDCommunicationHub::onInterfaceAdded;
     using SDCommunicationHub::onInterfaceRemoved;
     using SDCommunicationHub::SDCommunicationHub;
+
+    /// Ends the threads while the object still has its own type: they call virtual functions of it.
+    ~OpenHub() override
+    {
+        if (isRunning())
+            stop();
+    }
 };
 
 /// A facade whose hub a test can reach.
