@@ -237,6 +237,7 @@ TEST_F(RetryTest, ReportsThatAreLeftToItsThreadDoNotBringAnAttemptForward)
     const std::size_t before = watch.calls();
 
     for (std::size_t i = 1; i <= count; ++i) {
+        EXPECT_TRUE(eventually([] { return isAsleep("SdIfRetry"); })) << "it would handle both";
         elsewhere.report({false, "", ""});
         EXPECT_TRUE(eventually([&] { return log.count(unusable) == 2 * i; }));
     }
