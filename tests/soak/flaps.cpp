@@ -198,9 +198,8 @@ milliseconds worst(const std::vector<milliseconds>& times)
 bool print(const char* kind, int times, const Result& result)
 {
     const double growth = result.after.allocated - result.before.allocated;
-    // On a busy machine what is about to be closed may still be there before.
-    const bool isGood = result.failures == 0 && result.after.descriptors <= result.before.descriptors &&
-                        result.after.threads <= result.before.threads &&
+    const bool isGood = result.failures == 0 && result.before.descriptors == result.after.descriptors &&
+                        result.before.threads == result.after.threads &&
                         (growth <= mostGrowth || isSanitized);
     std::printf("%-32s %6d %7d %6lld / %-6lld %6lld / %-6lld %4zu / %-4zu %4zu / %-4zu %+9.1f kB  %s\n", kind,
                 times, result.failures, static_cast<long long>(median(result.hearing).count()),
