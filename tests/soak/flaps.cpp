@@ -163,20 +163,23 @@ Result repeat(int times, const NetworkPair& network, Unit& unit, Flap flap)
     Listener listener(network.there, "eth0");
     Speaker speaker(network.there, "eth0", theirs);
     Result result;
-    result.hearing.reserve(static_cast<std::size_t>(times + warmUp));
-    result.announcing.reserve(static_cast<std::size_t>(times + warmUp));
+    result.hearing.reserve(static_cast<std::size_t>(times + warmUp + 1));
+    result.announcing.reserve(static_cast<std::size_t>(times + warmUp + 1));
+    const auto flapAndCheck = [&] {
+        flap();
+        result.failures += isAtWork(unit, listener, speaker, result) ? 0 : 1;
+    };
     for (int i = -warmUp; i < times; ++i) {
         if (i == 0) {
             listener.clear();
             result.before = settled();
         }
-        flap();
-        result.failures += isAtWork(unit, listener, speaker, result) ? 0 : 1;
+        flapAndCheck();
     }
     // After a flap, addresses are kept for 5 s, until the next flap.
     const auto memory = [] { return Resources::current().allocated; };
     eventually([&] { return memory() <= result.before.allocated; }, milliseconds(6000));
-    flap();
+    flapAndCheck();  // the looks must not meet a unit that has yet to open its socket
     listener.clear();
     eventually([&] { return memory() <= result.before.allocated; }, milliseconds(4000));
     result.after = settled();
