@@ -1,6 +1,7 @@
 #!/bin/sh
 # Runs the tests of a finished build and prints a summary: scripts/run-tests.sh PRESET JOBS [PATTERN]. Runs twice as
-# many tests as JOBS at a time, because most of them wait. PATTERN is a regular expression for the names of tests.
+# many tests as JOBS at a time, because most of them wait; under emulation, where most of them compute, JOBS. PATTERN is
+# a regular expression for the names of tests.
 set -eu
 cd "$(dirname "$0")/.."
 form=$1 jobs=$2 pattern=${3-}
@@ -26,13 +27,15 @@ results=$PWD/build-$form/test-results.xml
 # ThreadSanitizer does not work with address space randomisation.
 run=
 [ "$form" != tsan ] || run="setarch --addr-no-randomize"
+parallel=$((2 * jobs))
+[ "$form" != aarch64 ] || parallel=$jobs
 # Updates a single line on a terminal; prints one line per test to a log.
 progress=
 [ ! -t 1 ] || progress=--progress
 status=0
 # shellcheck disable=SC2086 # $run is a command with arguments, and $progress may be empty
 TSAN_OPTIONS="halt_on_error=1 second_deadlock_stack=1" $run ctest --test-dir "build-$form" \
-    --parallel $((2 * jobs)) --tests-regex "${pattern:-.}" $progress \
+    --parallel "$parallel" --tests-regex "${pattern:-.}" $progress \
     --output-on-failure --output-junit "$results" --no-tests=error || status=$?
 
 total=$(count tests)
