@@ -29,8 +29,6 @@ using ::testing::IsEmpty;
 
 namespace {
 
-using ReceiverLeavingTest = RunningReceiverFixture;
-
 /// Returns the socket of another program of the unit that has joined the group on an interface.
 MulticastSocket joinElsewhere(const std::string& interface)
 {
@@ -38,6 +36,27 @@ MulticastSocket joinElsewhere(const std::string& interface)
     socket.joinGroup(IPAddress(discoveryGroup), NetworkInterface::forName(interface));
     return socket;
 }
+
+class ReceiverLeavingTest : public RunningReceiverFixture
+{
+protected:
+    /// Leaves eth0, which another program has joined, and checks that only eth1 is heard.
+    template <class Leave>
+    void expectOnlyTheOtherIsHeardAfter(Leave leaveEth0)
+    {
+        network.link("eth1", "fd01::1", "fd01::2");
+        join("eth1", "fd01::1");
+        const MulticastSocket other = joinElsewhere("eth0");
+        Speaker elsewhere(network.there, "eth1", "fd01::2");
+        leaveEth0();
+
+        speaker.send("01"_bytes);
+        elsewhere.send("02"_bytes);
+
+        EXPECT_TRUE(subscriber->gets(1));
+        EXPECT_THAT(subscriber->bytes(), ElementsAre("02"));
+    }
+};
 
 }  // namespace
 
@@ -76,32 +95,13 @@ TEST_F(ReceiverLeavingTest, InterfaceThatOnlyOthersHaveJoinedIsNotHeardAfterARes
 
 TEST_F(ReceiverLeavingTest, InterfaceThatOnlyOthersHaveJoinedIsNotHeardAfterItWasLeft)
 {
-    network.link("eth1", "fd01::1", "fd01::2");
-    join("eth1", "fd01::1");
-    const MulticastSocket other = joinElsewhere("eth0");
-    Speaker elsewhere(network.there, "eth1", "fd01::2");
-    leave();
-
-    speaker.send("01"_bytes);
-    elsewhere.send("02"_bytes);
-
-    EXPECT_TRUE(subscriber->gets(1));
-    EXPECT_THAT(subscriber->bytes(), ElementsAre("02"));
+    expectOnlyTheOtherIsHeardAfter([this] { leave(); });
 }
 
 TEST_F(ReceiverLeavingTest, InterfaceThatOnlyOthersHaveJoinedIsNotHeardWhenItIsNotKept)
 {
-    network.link("eth1", "fd01::1", "fd01::2");
-    join("eth1", "fd01::1");
-    const MulticastSocket other = joinElsewhere("eth0");
-    Speaker elsewhere(network.there, "eth1", "fd01::2");
-    receiver->keepOnly({"eth1"}, *Multicast::InterfaceListing::take());
-
-    speaker.send("01"_bytes);
-    elsewhere.send("02"_bytes);
-
-    EXPECT_TRUE(subscriber->gets(1));
-    EXPECT_THAT(subscriber->bytes(), ElementsAre("02"));
+    expectOnlyTheOtherIsHeardAfter(
+        [this] { receiver->keepOnly({"eth1"}, *Multicast::InterfaceListing::take()); });
 }
 
 TEST_F(ReceiverLeavingTest, InterfaceThatOnlyOthersHaveJoinedIsNotHeardAfterEveryOneWasLeft)
