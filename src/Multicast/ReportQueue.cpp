@@ -3,6 +3,7 @@
 #include "DataLayer/EngineFrame.h"
 #include "DataLayer/Log.h"
 
+#include <algorithm>
 #include <chrono>
 #include <utility>
 
@@ -64,8 +65,9 @@ bool ReportQueue::put(Report report)
         m_areNestedDropped = isOneNestedTooMany;
         return false;
     }
-    m_reports.push_back({std::move(report), isOwn});
-    m_own += isOwn ? 1 : 0;
+    m_reports.push_back(std::move(report));
+    if (isOwn)
+        m_ownUntil = m_taken + m_reports.size();
     nested += works != 0 ? 1 : 0;
     if (isBusy)
         return false;
@@ -77,16 +79,15 @@ bool ReportQueue::put(Report report)
 /// last one and returns true. So a platform that keeps reporting one interface does not fill the queue.
 bool ReportQueue::unsafe_cancels(const Report& report)
 {
-    const auto isLike = [&](const Waiting& other, bool isTakenBack) {
-        return other.report.isTakenBack == isTakenBack && other.report.name == report.name &&
-               other.report.ip == report.ip;
+    const auto isLike = [&](const Report& other, bool isTakenBack) {
+        return other.isTakenBack == isTakenBack && other.name == report.name && other.ip == report.ip;
     };
     const std::size_t size = m_reports.size();
     if (size < 2 || !isLike(m_reports[size - 1], !report.isTakenBack) ||
         !isLike(m_reports[size - 2], report.isTakenBack))
         return false;
-    m_own -= m_reports.back().isOwn ? 1 : 0;
     m_reports.pop_back();
+    m_ownUntil = std::min(m_ownUntil, m_taken + m_reports.size());
     return true;
 }
 
@@ -116,7 +117,7 @@ void ReportQueue::handleAll(Extent extent) noexcept
     const auto begin = steady_clock::now();
     const auto goesOn = [&] {
         if (extent == Extent::Own)
-            return m_own != 0;
+            return m_taken < m_ownUntil;
         return extent == Extent::All || steady_clock::now() - begin < longestHandling;
     };
     bool isDropLogged = false;
@@ -126,9 +127,9 @@ void ReportQueue::handleAll(Extent extent) noexcept
            (!m_reports.empty() || (m_dropped != 0 && !isDropLogged))) {
         isFirst = false;
         if (!m_reports.empty()) {
-            const Report report = std::move(m_reports.front().report);
-            m_own -= m_reports.front().isOwn ? 1 : 0;
+            const Report report = std::move(m_reports.front());
             m_reports.pop_front();
+            ++m_taken;
             lock.unlock();
             m_handler(report);
         }
@@ -145,14 +146,11 @@ void ReportQueue::handleAll(Extent extent) noexcept
         }
         lock.lock();
     }
-    if (!m_reports.empty() && m_turns == 0) {
+    if (!m_reports.empty()) {
         lock.unlock();
         m_leaveRest();
         lock.lock();
     }
-    for (Waiting& waiting : m_reports)
-        waiting.isOwn = false;
-    m_own = 0;
     m_isAtWork = false;
     m_ended.notify_all();
 }

@@ -69,12 +69,6 @@ private:
         HalfASecond
     };
 
-    struct Waiting
-    {
-        Report report;
-        bool isOwn;  ///< made by the thread at work
-    };
-
     bool put(Report report);
     bool unsafe_cancels(const Report& report);
     void handleAll(Extent extent) noexcept;
@@ -87,9 +81,10 @@ private:
     bool m_isAtWork = false;  // a thread is
     std::thread::id m_atWork;
     unsigned m_turns = 0;  // number of threads that wait to be at work
-    std::deque<Waiting> m_reports;
-    std::size_t m_own = 0;      // number of waiting reports with isOwn
-    std::size_t m_dropped = 0;  // refused reports, not yet logged
+    std::deque<Report> m_reports;
+    std::size_t m_taken = 0;     // number of reports that have been taken from the front so far
+    std::size_t m_ownUntil = 0;  // what m_taken becomes with the last report of the thread at work
+    std::size_t m_dropped = 0;   // refused reports, not yet logged
     bool m_areNestedDropped = false;
 };
 
