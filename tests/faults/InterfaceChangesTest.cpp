@@ -21,9 +21,23 @@ using ::testing::IsEmpty;
 
 namespace {
 
-using InterfaceChangesTest = InterfaceFixture;
-
 constexpr Poco::Clock::ClockDiff second = 1'000'000;  // microseconds
+
+class InterfaceChangesTest : public InterfaceFixture
+{
+protected:
+    void expectOffersOnlyOn(const std::string& interface, const std::string& other)
+    {
+        Listener onInterface(network.there, interface);
+        Listener onOther(network.there, other);
+        SDService::Ptr service = makeService("Own", globalAddress, 8080, "own");
+
+        ASSERT_TRUE(unit.hub.addService(service));
+
+        EXPECT_TRUE(onInterface.hears(3));
+        EXPECT_THAT(onOther.datagrams(), IsEmpty());
+    }
+};
 
 }  // namespace
 
@@ -65,6 +79,30 @@ TEST_F(InterfaceChangesTest, DisplacedInterfaceThatWasUsedIsLeft)
                 ElementsAre("Error: SDCommunicationHub - Interface \"eth0\" with IP \"fd00::1\" is "
                             "not waited for any longer: 1024 others stand reported."));
     EXPECT_THAT(joinedInterfaces(), ElementsAre("eth1"));
+}
+
+TEST_F(InterfaceChangesTest, DisplacedInterfaceThatWasAwaitedIsNotUsedOnceItsAddressIsUsable)
+{
+    auto& dispatcher = unit.platform.dispatcher();
+    network.link("eth1");
+    network.here.setIPv6("eth1/accept_dad", "1");
+    network.here.setIPv6("eth1/dad_transmits", "100");
+    network.here.ip("address add fd01::1/64 dev eth1");
+    dispatcher.addInterface("eth1", "fd01::1");
+    EXPECT_TRUE(
+        log.has("Debug: ServiceDiscovery waits until Interface \"eth1\" with IP \"fd01::1\" can be "
+                "used for sending."));
+    dispatcher.addInterface("eth0", globalAddress);
+    for (int i = 2; i < 1024; ++i)
+        dispatcher.addInterface("missing" + std::to_string(i), globalAddress);
+
+    network.link("eth2", "fd02::1");
+    dispatcher.addInterface("eth2", "fd02::1");
+    network.here.ip("address delete fd01::1/64 dev eth1");
+    network.here.addAddress("eth1", "fd01::1/64");
+    ASSERT_TRUE(start());
+
+    expectOffersOnlyOn("eth0", "eth1");
 }
 
 TEST_F(InterfaceChangesTest, InterfaceWhoseNewNameIsReportedBeforeTheOldOneIsTakenBackIsUsed)
@@ -185,12 +223,7 @@ TEST_F(InterfaceChangesTest, InterfaceThatTookTheIndexOfAReportedOneIsNotUsed)
     unit.platform.dispatcher().addInterface("eth7", "fd07::1");
 
     EXPECT_THAT(joinedInterfaces(), ElementsAre("eth7"));
-    Listener onReported(network.there, "eth7");
-    Listener onOther(network.there, "lan7");
-    SDService::Ptr service = makeService("Own", globalAddress, 8080, "own");
-    ASSERT_TRUE(unit.hub.addService(service));
-    EXPECT_TRUE(onReported.hears(3));
-    EXPECT_THAT(onOther.datagrams(), IsEmpty());
+    expectOffersOnlyOn("eth7", "lan7");
     unit.platform.dispatcher().removeInterface("eth7", "fd07::1");
     EXPECT_THAT(joinedInterfaces(), IsEmpty());
 }
@@ -211,12 +244,7 @@ TEST_F(InterfaceChangesTest, InterfaceThatGaveItsNameToAnotherIsNotUsed)
     unit.platform.dispatcher().addInterface("eth0", globalAddress);
 
     EXPECT_THAT(joinedInterfaces(), ElementsAre("eth0"));
-    Listener onReported(network.there, "eth0");
-    Listener onOther(network.there, "lan0");
-    SDService::Ptr service = makeService("Own", globalAddress, 8080, "own");
-    ASSERT_TRUE(unit.hub.addService(service));
-    EXPECT_TRUE(onReported.hears(3));
-    EXPECT_THAT(onOther.datagrams(), IsEmpty());
+    expectOffersOnlyOn("eth0", "lan0");
 }
 
 TEST_F(InterfaceChangesTest, InterfaceThatWasRenamedIsNotUsedUntilItsNewNameIsReported)

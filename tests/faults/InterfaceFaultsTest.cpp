@@ -57,6 +57,10 @@ struct RetryTest : InterfaceFaultsTest
 
     Poco::Clock reported;
     SystemFault watch{{SystemCall::List, SystemFault::forEver}};
+    OEMInterface::RemoveServiceDiscoveryInterfacePayload unusable{{"eth9", "nonsense"}};
+    const std::string unusableLine =
+        "Error: ServiceDiscovery failed to remove Interface \"eth9\" with IP \"nonsense\" for sending: "
+        "Invalid address: nonsense";
 };
 
 /// An interface that is reported with one text and removed with another.
@@ -221,16 +225,12 @@ TEST_F(RetryTest, WaitsAnEighthOfTheTimeForWhichTheAddressHasBeenMissed)
 TEST_F(RetryTest, ReportsThatAreLeftToItsThreadDoNotBringAnAttemptForward)
 {
     constexpr std::size_t count = 20;
-    constexpr auto unusable =
-        "Error: ServiceDiscovery failed to remove Interface \"eth9\" with IP \"nonsense\" for sending: "
-        "Invalid address: nonsense";
-    OEMInterface::RemoveServiceDiscoveryInterfacePayload report{{"eth9", "nonsense"}};
     Multicast::ReportQueue elsewhere(
-        &report, [&](const auto&) { reportRemoved(unit.hub, report); }, [] {});
+        &unit, [&](const auto&) { reportRemoved(unit.hub, unusable); }, [] {});
     const std::thread::id here = std::this_thread::get_id();
     log.onLine([&](const std::string& line) {
-        if (line == unusable && std::this_thread::get_id() == here)
-            std::thread([&] { reportRemoved(unit.hub, report); }).join();
+        if (line == unusableLine && std::this_thread::get_id() == here)
+            std::thread([&] { reportRemoved(unit.hub, unusable); }).join();
     });
     SDClock::turn(1000 * second);  // the wait is a second
     EXPECT_TRUE(retries(1));
@@ -239,11 +239,30 @@ TEST_F(RetryTest, ReportsThatAreLeftToItsThreadDoNotBringAnAttemptForward)
     for (std::size_t i = 1; i <= count; ++i) {
         EXPECT_TRUE(eventually([] { return isAsleep("SdIfRetry"); })) << "it would handle both";
         elsewhere.report({false, "", ""});
-        EXPECT_TRUE(eventually([&] { return log.count(unusable) == 2 * i; }));
+        EXPECT_TRUE(eventually([&] { return log.count(unusableLine) == 2 * i; }));
     }
     log.onLine(nullptr);
 
     EXPECT_LT(watch.calls() - before, count / 2);
+}
+
+TEST_F(RetryTest, ReportsThatNeverEndDoNotPutAnAttemptOff)
+{
+    log.onLine([&](const std::string& line) {
+        if (line != unusableLine)
+            return;
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));  // no more than a work may make
+        reportRemoved(unit.hub, unusable);
+    });
+    SDClock::turn(1000 * second);  // the wait is a second
+    EXPECT_TRUE(retries(1));
+
+    reportRemoved(unit.hub, unusable);
+    const std::size_t handled = log.count(unusableLine);
+    EXPECT_TRUE(retries(2));
+
+    EXPECT_GT(log.count(unusableLine), handled) << "they went on meanwhile";
+    log.onLine(nullptr);
 }
 
 TEST_F(InterfaceFaultsTest, AddressesAreToldApartWithoutTheNamesOfTheirScopes)
