@@ -126,8 +126,6 @@ protected:
     const RegistryCallback m_serviceDiscovery;
     SDStateMachine m_statemachine;
     OutgoingDatagrams m_outgoing;
-    OEMInterface::ResponseBindingPtr m_multicastAddIfBinding;
-    OEMInterface::ResponseBindingPtr m_multicastRemoveIfBinding;
     Multicast::MulticastSender m_sender;
     Multicast::MulticastReceiver m_receiver;
     std::atomic<std::size_t> m_waitingBytes{0};  // size of the datagrams in the queue
@@ -141,6 +139,9 @@ protected:
     std::atomic<bool> m_isStopping{false};
     const Common::OwnProcess m_process;  // the process that created the engine
     DropCounter m_drops;
+    // Released before the members above, to which they bring reports, also if the constructor throws.
+    OEMInterface::ResponseBindingPtr m_multicastRemoveIfBinding;
+    OEMInterface::ResponseBindingPtr m_multicastAddIfBinding;
 };
 
 }  // namespace Nubo::ServiceDiscovery
