@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstdint>
 #include <mutex>
 
 namespace Nubo::ServiceDiscovery {
@@ -11,7 +12,20 @@ namespace Nubo::ServiceDiscovery {
 class EngineFrame
 {
 public:
-    explicit EngineFrame(const void* part) : m_part(part), m_outer(innermost()) { innermost() = this; }
+    /// What the thread does for the part.
+    enum class Role : std::uint8_t
+    {
+        Work,
+        Delivery  ///< it only brings a report of the platform
+    };
+
+    explicit EngineFrame(const void* part, Role role = Role::Work)
+        : m_part(part)
+        , m_role(role)
+        , m_outer(innermost())
+    {
+        innermost() = this;
+    }
     virtual ~EngineFrame() { innermost() = m_outer; }
 
     EngineFrame(const EngineFrame&) = delete;
@@ -19,6 +33,15 @@ public:
 
     /// Whether the calling thread works for any engine.
     static bool isOnThisThread() { return innermost() != nullptr; }
+
+    /// Whether the calling thread does more for any engine than deliver a report to it.
+    static bool isWorkOnThisThread()
+    {
+        const EngineFrame* frame = innermost();
+        while (frame && frame->m_role != Role::Work)
+            frame = frame->m_outer;
+        return frame != nullptr;
+    }
 
     /// Whether the calling thread works for one of these parts.
     template <class... Parts>
@@ -49,6 +72,7 @@ private:
     }
 
     const void* const m_part;
+    const Role m_role;
     EngineFrame* const m_outer;
 };
 

@@ -2,6 +2,8 @@
 
 #include "DataLayer/EngineFrame.h"
 
+#include <Common/OwnProcess.h>
+
 #include <Poco/AbstractDelegate.h>
 
 #include <condition_variable>
@@ -44,12 +46,12 @@ public:
     Poco::AbstractDelegate<Payload>* clone() const override { return new ReportDelegate(target(), m_method); }
 
     /// Stops delivery. Waits until the deliveries on other threads have ended, unless it is called from
-    /// within one.
+    /// within one, or in a forked child, which lacks those threads.
     void disable() override
     {
         std::unique_lock<std::mutex> lock(m_mutex);
         m_target = nullptr;
-        if (!EngineFrame::isOnThisThread(this))
+        if (!EngineFrame::isOnThisThread(this) && m_process.isThis())
             m_ended.wait(lock, [this] { return m_calls == 0; });
     }
 
@@ -57,7 +59,8 @@ private:
     class Call : EngineFrame
     {
     public:
-        explicit Call(ReportDelegate& delegate) : EngineFrame(&delegate), m_delegate(delegate) {}
+        explicit Call(ReportDelegate& delegate) : EngineFrame(&delegate, Role::Delivery), m_delegate(delegate)
+        {}
         ~Call() override
         {
             const std::lock_guard<std::mutex> lock(m_delegate.m_mutex);
@@ -80,6 +83,7 @@ private:
     Target* m_target;
     const Method m_method;
     std::size_t m_calls = 0;
+    const Common::OwnProcess m_process;
 };
 
 }  // namespace Nubo::ServiceDiscovery

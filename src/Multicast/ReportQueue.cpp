@@ -3,15 +3,16 @@
 #include "DataLayer/EngineFrame.h"
 #include "DataLayer/Log.h"
 
-#include <algorithm>
 #include <chrono>
 #include <utility>
 
 namespace Nubo::ServiceDiscovery::Multicast {
 
+using std::chrono::milliseconds;
+
 namespace {
 
-constexpr std::chrono::milliseconds longestHandling{500};
+constexpr milliseconds longestHandling{500};
 
 /// The calling thread's work for all queues. Several engines may share a log channel.
 thread_local std::size_t works = 0;   // nested ones
@@ -23,20 +24,23 @@ thread_local std::size_t nested = 0;  // reports during the outermost one
 class ReportQueue::Work : public EngineFrame
 {
 public:
-    Work(ReportQueue& queue, Extent extent) : EngineFrame(queue.m_part), m_queue(queue), m_extent(extent)
+    Work(ReportQueue& queue, milliseconds handling)
+        : EngineFrame(queue.m_part)
+        , m_queue(queue)
+        , m_handling(handling)
     {
         if (works++ == 0)
             nested = 0;
     }
     ~Work() override
     {
-        m_queue.handleAll(m_extent);
+        m_queue.handleWaiting(m_handling);
         --works;
     }
 
 private:
     ReportQueue& m_queue;
-    const Extent m_extent;
+    const milliseconds m_handling;
 };
 
 ReportQueue::ReportQueue(const void* part, Handler handler, LeaveRest leaveRest)
@@ -47,31 +51,29 @@ ReportQueue::ReportQueue(const void* part, Handler handler, LeaveRest leaveRest)
 
 void ReportQueue::report(Report report)
 {
-    if (put(std::move(report)))
-        const Work work(*this, works == 0 ? Extent::All : Extent::Own);
+    const bool mayHandle = !EngineFrame::isWorkOnThisThread();
+    if (put(std::move(report), mayHandle))
+        const Work work(*this, mayHandle ? longestHandling : milliseconds(0));
 }
 
 /// Returns whether the calling thread is at work from now on, because no other thread is or waits to be.
-bool ReportQueue::put(Report report)
+bool ReportQueue::put(Report report, bool mayHandle)
 {
     const std::lock_guard<std::mutex> lock(m_mutex);
     const bool isBusy = m_isAtWork || m_turns != 0;
-    const bool isOwn = !isBusy || (m_isAtWork && m_atWork == std::this_thread::get_id());
-    if (isBusy && unsafe_cancels(report))
+    const bool isLeft = isBusy || !mayHandle;
+    if (isLeft && unsafe_cancels(report))
         return false;
     const bool isOneNestedTooMany = works != 0 && nested == mostNested;
-    if (isOneNestedTooMany || (isBusy && m_reports.size() >= mostWaiting)) {
+    if (isOneNestedTooMany || (isLeft && m_reports.size() >= mostWaiting)) {
         ++m_dropped;  // not logged here, because the log line might cause the next report
         m_areNestedDropped = isOneNestedTooMany;
         return false;
     }
     m_reports.push_back(std::move(report));
-    if (isOwn)
-        m_ownUntil = m_taken + m_reports.size();
     nested += works != 0 ? 1 : 0;
     if (isBusy)
         return false;
-    m_atWork = std::this_thread::get_id();
     return m_isAtWork = true;
 }
 
@@ -87,7 +89,6 @@ bool ReportQueue::unsafe_cancels(const Report& report)
         !isLike(m_reports[size - 2], report.isTakenBack))
         return false;
     m_reports.pop_back();
-    m_ownUntil = std::min(m_ownUntil, m_taken + m_reports.size());
     return true;
 }
 
@@ -95,9 +96,8 @@ void ReportQueue::work(const std::function<void()>& action)
 {
     std::unique_lock<std::mutex> lock = idle();
     m_isAtWork = true;
-    m_atWork = std::this_thread::get_id();
     lock.unlock();
-    const Work work(*this, Extent::HalfASecond);
+    const Work work(*this, longestHandling);
     action();
 }
 
@@ -110,26 +110,22 @@ std::unique_lock<std::mutex> ReportQueue::idle()
     return lock;
 }
 
-/// Handles the waiting reports, including those that arrive meanwhile, and ends the work.
-void ReportQueue::handleAll(Extent extent) noexcept
+/// Handles the waiting reports, including those that arrive meanwhile, and ends the work. Unless the time is
+/// zero, it handles at least one.
+void ReportQueue::handleWaiting(milliseconds atMost) noexcept
 {
     using std::chrono::steady_clock;
     const auto begin = steady_clock::now();
-    const auto goesOn = [&] {
-        if (extent == Extent::Own)
-            return m_taken < m_ownUntil;
-        return extent == Extent::All || steady_clock::now() - begin < longestHandling;
-    };
     bool isDropLogged = false;
-    bool isFirst = true;
+    bool isFirst = atMost.count() != 0;
     std::unique_lock<std::mutex> lock(m_mutex);
-    while ((isFirst || (m_turns == 0 && goesOn())) &&
-           (!m_reports.empty() || (m_dropped != 0 && !isDropLogged))) {
+    while ((isFirst || (m_turns == 0 && steady_clock::now() - begin < atMost)) &&
+           (!m_reports.empty() || (m_dropped != 0 && !isDropLogged)))
+    {
         isFirst = false;
         if (!m_reports.empty()) {
             const Report report = std::move(m_reports.front());
             m_reports.pop_front();
-            ++m_taken;
             lock.unlock();
             m_handler(report);
         }

@@ -3,11 +3,14 @@
 
 #include <atomic>
 #include <chrono>
+#include <csignal>
 #include <functional>
 #include <memory>
 #include <thread>
 
 #include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 namespace Nubo::ServiceDiscovery::Testing {
 
@@ -92,6 +95,30 @@ TEST_F(ReportDelegateTest, DisablingFromWithinWhatItDeliversWaitsForNothing)
 
     EXPECT_TRUE(notify());
     EXPECT_FALSE(notify());
+}
+
+TEST_F(ReportDelegateTest, DisablingInAChildDoesNotWaitForAThreadOfTheParent)
+{
+    std::atomic<bool> isOver{false};
+    target.onCall = [&] { eventually([&] { return isOver.load(); }); };
+    std::thread delivering([&] { notify(); });
+    EXPECT_TRUE(eventually([&] { return target.calls == 1; }));
+
+    const pid_t child = ::fork();
+    if (child == 0) {
+        delegate.disable();
+        ::_exit(42);
+    }
+    int status = 0;
+    const bool isEnded = eventually([&] { return ::waitpid(child, &status, WNOHANG) == child; });
+    isOver = true;
+    delivering.join();
+
+    EXPECT_TRUE(isEnded && WIFEXITED(status) && WEXITSTATUS(status) == 42);
+    if (!isEnded) {
+        ::kill(child, SIGKILL);
+        ::waitpid(child, &status, 0);
+    }
 }
 
 TEST_F(ReportDelegateTest, CountsADeliveryThatThrowsAsEnded)

@@ -1,3 +1,4 @@
+#include "DataLayer/EngineFrame.h"
 #include "Multicast/ReportQueue.h"
 #include "support/LogCatcher.h"
 
@@ -29,74 +30,96 @@ void reportFromElsewhere(ReportQueue& queue, std::size_t count)
 
 const ReportQueue::LeaveRest leavesNothing = [] { ADD_FAILURE() << "reports were left"; };
 
-/// Two queues. A report to the first brings one to the second, from within a line of the log say.
-struct ReportWithinAReportTest : ::testing::Test
+}  // namespace
+
+TEST(ReportQueueTest, ThreadThatDoesAnEnginesWorkLeavesItsReportAndThoseOfOthers)
 {
     std::vector<std::string> handled;
     int left = 0;
-    std::function<void(const ReportQueue::Report&)> onInner = [](const ReportQueue::Report&) {};
-    ReportQueue inner{&inner,
-                      [this](const ReportQueue::Report& report) {
-                          handled.push_back(report.name);
-                          onInner(report);
-                      },
-                      [this] { ++left; }};
-    ReportQueue outer{&outer,
-                      [this](const ReportQueue::Report&) {
-                          inner.report({false, "own", "fd00::1"});
-                      },
-                      leavesNothing};
-};
+    ReportQueue queue(
+        &queue, [&](const ReportQueue::Report& report) { handled.push_back(report.name); }, [&] { ++left; });
 
-}  // namespace
+    {
+        const EngineFrame working(&left);
+        queue.report({false, "own", "fd00::1"});
+        reportFromElsewhere(queue, 1);
+        queue.report({false, "own", "fd00::2"});
+    }
 
-TEST_F(ReportWithinAReportTest, IsHandledBeforeTheOuterOneEndsAndThoseOfOthersAreLeft)
-{
-    onInner = [&](const ReportQueue::Report& report) {
-        if (report.name == "own")
-            reportFromElsewhere(inner, 3);
-    };
+    EXPECT_THAT(handled, ElementsAre("own", "eth0"));
+    EXPECT_EQ(left, 2);
 
-    outer.report({false, "outer", "fd00::1"});
-
-    EXPECT_THAT(handled, ElementsAre("own"));
-    EXPECT_EQ(left, 1);
-
-    inner.report({false, "next", "fd00::1"});
-    EXPECT_THAT(handled, ElementsAre("own", "eth0", "eth1", "eth2", "next"));
-    EXPECT_EQ(left, 1);
+    queue.work([] {});
+    EXPECT_THAT(handled, ElementsAre("own", "eth0", "own"));
 }
 
-TEST_F(ReportWithinAReportTest, IsHandledWithThoseThatCameBeforeIt)
+TEST(ReportQueueTest, ThreadThatOnlyDeliversReportsHandlesThem)
 {
-    onInner = [&](const ReportQueue::Report& report) {
-        if (report.name != "own" || handled.size() > 1)
-            return;
-        reportFromElsewhere(inner, 2);
-        inner.report({false, "own", "fd00::2"});
-        reportFromElsewhere(inner, 1);
-    };
+    int handled = 0;
+    ReportQueue queue(
+        &queue, [&](const ReportQueue::Report&) { ++handled; }, leavesNothing);
+    const EngineFrame delivering(&handled, EngineFrame::Role::Delivery);
 
-    outer.report({false, "outer", "fd00::1"});
+    queue.report({false, "eth0", "fd00::1"});
 
-    EXPECT_THAT(handled, ElementsAre("own", "eth0", "eth1", "own"));
-    EXPECT_EQ(left, 1);
+    EXPECT_EQ(handled, 1);
 }
 
-TEST_F(ReportWithinAReportTest, ThatWasTakenAwayByItsOppositeIsNotWaitedFor)
+TEST(ReportQueueTest, ReportsThatAreLeftAreNoMoreThan16384)
 {
-    onInner = [&](const ReportQueue::Report& report) {
-        if (report.name != "own" || handled.size() > 1)
-            return;
-        inner.report({false, "eth9", "fd00::1"});
-        inner.report({true, "eth9", "fd00::1"});
-        inner.report({false, "eth9", "fd00::1"});  // takes the last one away
-        reportFromElsewhere(inner, 1);
-    };
+    const LogCatcher log;
+    std::size_t handled = 0;
+    ReportQueue queue(
+        &queue, [&](const ReportQueue::Report&) { ++handled; }, [] {});
 
-    outer.report({false, "outer", "fd00::1"});
+    {
+        const EngineFrame working(&handled);
+        for (std::size_t i = 0; i < ReportQueue::mostWaiting + 2; ++i)
+            queue.report({false, "eth" + std::to_string(i), "fd00::1"});
+    }
+    queue.work([] {});
 
-    EXPECT_THAT(handled, ElementsAre("own", "eth9"));
+    EXPECT_EQ(handled, ReportQueue::mostWaiting);
+    EXPECT_THAT(log.errors(), ElementsAre("Error: SDCommunicationHub - 2 reports of interfaces are dropped: "
+                                          "16384 others were waiting."));
+}
+
+/// One that is left is answered by its opposite, too.
+TEST(ReportQueueTest, ReportOfAnInterfaceThatIsReportedWithoutAPauseIsLeftOnce)
+{
+    std::size_t handled = 0;
+    ReportQueue queue(
+        &queue, [&](const ReportQueue::Report&) { ++handled; }, [] {});
+
+    {
+        const EngineFrame working(&handled);
+        for (int i = 0; i < 101; ++i)
+            queue.report({i % 2 == 1, "eth0", "fd00::1"});
+    }
+    queue.work([] {});
+
+    EXPECT_EQ(handled, 1u);
+}
+
+TEST(ReportQueueTest, NoThreadIsKeptByTheReportsOfOthersForMoreThanASecondOrSo)
+{
+    int left = 0;
+    std::size_t handled = 0;
+    const auto begin = std::chrono::steady_clock::now();
+    const auto passed = [&] { return std::chrono::steady_clock::now() - begin; };
+    ReportQueue* reported = nullptr;
+    ReportQueue queue(
+        &queue,
+        [&](const ReportQueue::Report&) {
+            if (++handled == 1 || passed() < std::chrono::seconds(20))
+                reportFromElsewhere(*reported, 1);
+        },
+        [&] { ++left; });
+    reported = &queue;
+
+    queue.report({false, "eth0", "fd00::1"});
+
+    EXPECT_LT(passed(), std::chrono::seconds(10)) << "it takes half a second";
     EXPECT_EQ(left, 1);
 }
 
@@ -164,16 +187,16 @@ TEST(ReportQueueTest, ReportsFromLinesAboutReportsToTwoQueuesComeToAnEnd)
         other->report(report);
     };
     ReportQueue first(&one, handler, leavesNothing);
-    ReportQueue second(&other, handler, leavesNothing);
+    ReportQueue second(&other, handler, [] {});
     one = &first;
     other = &second;
     const LogCatcher log;
 
     first.report({false, "eth0", "fd00::1"});
-    EXPECT_EQ(handled, 1 + ReportQueue::mostNested);
+    EXPECT_EQ(handled, 1 + ReportQueue::mostNested / 2) << "the others are left";
 
     first.report({false, "eth0", "fd00::1"});
-    EXPECT_EQ(handled, 2 * (1 + ReportQueue::mostNested)) << "counted anew";
+    EXPECT_EQ(handled, 2 * (1 + ReportQueue::mostNested / 2)) << "counted anew";
 }
 
 }  // namespace Nubo::ServiceDiscovery::Testing

@@ -1,3 +1,4 @@
+#include "DataLayer/EngineFrame.h"
 #include "DataLayer/SDClock.h"
 #include "InterfaceFixture.h"
 #include "support/Process.h"
@@ -221,27 +222,18 @@ TEST_F(RetryTest, WaitsAnEighthOfTheTimeForWhichTheAddressHasBeenMissed)
     EXPECT_TRUE(inSomeRun(isWaitedAnEighth, 3)) << ratio;
 }
 
-/// They are left to the thread that retries by one that is at work for another engine.
 TEST_F(RetryTest, ReportsThatAreLeftToItsThreadDoNotBringAnAttemptForward)
 {
     constexpr std::size_t count = 20;
-    Multicast::ReportQueue elsewhere(
-        &unit, [&](const auto&) { reportRemoved(unit.hub, unusable); }, [] {});
-    const std::thread::id here = std::this_thread::get_id();
-    log.onLine([&](const std::string& line) {
-        if (line == unusableLine && std::this_thread::get_id() == here)
-            std::thread([&] { reportRemoved(unit.hub, unusable); }).join();
-    });
     SDClock::turn(1000 * second);  // the wait is a second
     EXPECT_TRUE(retries(1));
     const std::size_t before = watch.calls();
 
     for (std::size_t i = 1; i <= count; ++i) {
-        EXPECT_TRUE(eventually([] { return isAsleep("SdIfRetry"); })) << "it would handle both";
-        elsewhere.report({false, "", ""});
-        EXPECT_TRUE(eventually([&] { return log.count(unusableLine) == 2 * i; }));
+        const EngineFrame working(this);
+        reportRemoved(unit.hub, unusable);
+        EXPECT_TRUE(eventually([&] { return log.count(unusableLine) == i; }));
     }
-    log.onLine(nullptr);
 
     EXPECT_LT(watch.calls() - before, count / 2);
 }
