@@ -10,7 +10,6 @@
 #include <Poco/String.h>
 
 #include <algorithm>
-#include <cerrno>
 #include <cstdint>
 #include <cstring>
 #include <memory>
@@ -36,19 +35,6 @@ struct OwnCopy : NetworkInterface
         : NetworkInterface(other.name(), other.displayName(), other.adapterName(), other.index())
     {}
 };
-
-/// Returns whether the system has the address at present, judged by whether a socket can be bound to it.
-bool canBeBound(const IPAddress& address)
-{
-    const Common::StandardStreamGuard guard;
-    try {
-        openSocket().bind(Poco::Net::SocketAddress(address, 0), false);
-    }
-    catch (const Poco::Exception& exception) {
-        return exception.code() != EADDRNOTAVAIL;
-    }
-    return true;
-}
 
 const InterfaceListing::Ptr emptyListing = std::make_shared<InterfaceListing>();
 
@@ -136,10 +122,21 @@ bool isStillOneOf(const std::set<std::string>& names, const NetworkInterface& in
 bool isStillThere(const IPAddress& address, const AdmittedInterface& admitted,
                   const InterfaceListing& listing)
 {
-    if (isSameAddress(address, admitted.address))
-        return true;
     const NetworkInterface& interface = admitted.interface;
-    return containsIP(listing.addressesOf(interface), address, interface.name()) && canBeBound(address);
+    return isSameAddress(address, admitted.address) ||
+           containsIP(listing.addressesOf(interface), address, interface.name());
+}
+
+bool canBeBound(const IPAddress& address)
+{
+    const Common::StandardStreamGuard guard;
+    try {
+        openSocket().bind(Poco::Net::SocketAddress(address, 0), false);
+    }
+    catch (const Poco::Exception&) {
+        return false;
+    }
+    return true;
 }
 
 bool isReportedInterface(const NetworkInterface& interface, const NetworkInterface::AddressList& addresses,

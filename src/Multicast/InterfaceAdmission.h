@@ -80,10 +80,12 @@ bool isReportedInterface(const Poco::Net::NetworkInterface& interface,
 bool isStillOneOf(const std::set<std::string>& names, const Poco::Net::NetworkInterface& interface,
                   const InterfaceListing& listing);
 
-/// Returns whether the interface still has that address, with which it is in use. The listing may be
-/// outdated, so this also asks the system.
+/// Whether the interface still has that address, with which it is in use.
 bool isStillThere(const Poco::Net::IPAddress& address, const AdmittedInterface& admitted,
                   const InterfaceListing& listing);
+
+/// Returns whether a socket can be bound to the address now: whether some interface has it, at least.
+bool canBeBound(const Poco::Net::IPAddress& address);
 
 /// Finds the interface to which a removal report refers, in `table`, an ordered map with network interfaces
 /// as keys. `addressOf` returns the address with which an entry was admitted. `noAddresses` is called for

@@ -520,6 +520,16 @@ IPAddress MulticastSender::unitAddress() const
     return IPAddress(unit->data(), sizeof(in6_addr));
 }
 
+std::optional<IPAddress> MulticastSender::addressOn(const std::string& name) const
+{
+    const std::shared_ptr<const InterfaceContainer> present = interfaces();
+    for (const auto& [interface, data] : *present) {
+        if (interface.name() == name)
+            return data.address;
+    }
+    return std::nullopt;
+}
+
 bool MulticastSender::isOwnAddress(const IPAddress& address) const
 {
     if (address.family() != IPAddress::IPv6)

@@ -21,6 +21,7 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <set>
 #include <string>
 #include <utility>
@@ -74,6 +75,8 @@ public:
     /// Whether the address is the placeholder or belongs to an interface in use, regardless of the scope.
     /// Thread-safe.
     bool isOwnAddress(const Poco::Net::IPAddress& address) const;
+    /// Returns the address with which the interface of that name is used. Thread-safe.
+    std::optional<Poco::Net::IPAddress> addressOn(const std::string& name) const;
     /// Returns the placeholder without a scope, or the wildcard before init().
     Poco::Net::IPAddress unitAddress() const;
     /// Increases with every change of these addresses.

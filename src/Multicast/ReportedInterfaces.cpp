@@ -10,6 +10,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <iterator>
 #include <optional>
 #include <set>
 #include <system_error>
@@ -30,6 +31,8 @@ constexpr Poco::Clock::ClockDiff waitShare = 8;  // waits 1/8 of the time that a
 /// A listing older than this is replaced, and so is one that lacks a reported interface. Until then it is
 /// reused, because platforms often report many interfaces in succession.
 constexpr Poco::Clock::ClockDiff listingAge = 100'000;
+/// Likewise for an interface in use with another address than the reported one, which it may have lost.
+constexpr Poco::Clock::ClockDiff listingAgeOfAnother = 10'000;
 
 Outcome combined(Outcome one, Outcome other)
 {
@@ -158,12 +161,14 @@ void ReportedInterfaces::giveBack(const std::string& name, const std::string& ip
     const std::optional<IPAddress> address = parseAddress(ip);
     const auto exact = address ? find(name, *address) : m_interfaces.end();
     const bool isLetGo = exact != m_interfaces.end() && isGone(*exact);
-    forget(name, ip);
+    const std::vector<Interface> forgotten = forget(name, ip);
     if (!isLetGo) {
         OEMInterface::RemoveServiceDiscoveryInterfacePayload payload{{name.c_str(), ip.c_str()}};
         persist([&] { m_receiver.onInterfaceRemoved(payload); });
         persist([&] { m_sender.onInterfaceRemoved(payload); });
     }
+    for (const Interface& interface : forgotten)
+        m_sender.stopAwaiting(interface.name, interface.address);
 
     if (m_listing && m_listing->isOlderThan(listingAge))
         m_listing.reset();
@@ -176,28 +181,32 @@ void ReportedInterfaces::giveBack(const std::string& name, const std::string& ip
 }
 
 /// The wildcard address refers to all interfaces. Otherwise each address of an interface refers to it, as in
-/// sender and receiver.
-void ReportedInterfaces::forget(const std::string& name, const std::string& ip)
+/// sender and receiver. Returns those that are forgotten.
+std::vector<ReportedInterfaces::Interface> ReportedInterfaces::forget(const std::string& name,
+                                                                      const std::string& ip)
 {
     const std::optional<IPAddress> address = parseAddress(ip);
     if (!address)
-        return;
-    if (address->isWildcard()) {
-        m_interfaces.clear();
-        return;
-    }
+        return {};
+    if (address->isWildcard())
+        return std::exchange(m_interfaces, {});
     const auto exact = find(name, *address);
     if (exact != m_interfaces.end()) {
+        std::vector<Interface> forgotten{std::move(*exact)};
         m_interfaces.erase(exact);
-        return;
+        return forgotten;
     }
     const InterfaceListing::Ptr listing = listingIfAny();
     const auto* const interface = listing->find(name);
     if (!interface || !containsIP(interface->addressList(), *address, name))
-        return;
-    m_interfaces.erase(std::remove_if(m_interfaces.begin(), m_interfaces.end(),
-                                      [&](const Interface& reported) { return reported.name == name; }),
-                       m_interfaces.end());
+        return {};
+    const auto others =
+        std::stable_partition(m_interfaces.begin(), m_interfaces.end(),
+                              [&](const Interface& reported) { return reported.name != name; });
+    std::vector<Interface> forgotten(std::make_move_iterator(others),
+                                     std::make_move_iterator(m_interfaces.end()));
+    m_interfaces.erase(others, m_interfaces.end());
+    return forgotten;
 }
 
 std::vector<ReportedInterfaces::Interface>::iterator ReportedInterfaces::find(const std::string& name,
@@ -214,13 +223,20 @@ bool ReportedInterfaces::isGone(const Interface& interface) const
     return interface.index != 0 && m_listing && !m_listing->has(interface.name, interface.index);
 }
 
+bool ReportedInterfaces::isOutdatedFor(const Interface& interface) const
+{
+    if (m_listing->isOlderThan(listingAge) || !shows(*m_listing, interface.name, interface.ip))
+        return true;
+    const std::optional<IPAddress> used = m_sender.addressOn(interface.name);
+    return used && !isSameAddress(*used, interface.address) &&
+           (m_listing->isOlderThan(listingAgeOfAnother) || !canBeBound(*used));
+}
+
 /// Takes a listing if there is none. A report may concern an interface that is newer than the last listing. A
 /// round of further attempts uses one listing, however long it takes.
 void ReportedInterfaces::look(const Interface& interface, Attempt attempt)
 {
-    const bool isNews = attempt == Attempt::Report;
-    if (m_listing &&
-        !(isNews && (m_listing->isOlderThan(listingAge) || !shows(*m_listing, interface.name, interface.ip))))
+    if (m_listing && (attempt == Attempt::Again || !isOutdatedFor(interface)))
         return;
     m_listing = InterfaceListing::take();
     letGo();

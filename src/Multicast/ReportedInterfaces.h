@@ -80,8 +80,9 @@ private:
     void use(const std::string& name, const std::string& ip);
     void giveBack(const std::string& name, const std::string& ip);
     std::vector<Interface>::iterator find(const std::string& name, const Poco::Net::IPAddress& address);
-    void forget(const std::string& name, const std::string& ip);
+    std::vector<Interface> forget(const std::string& name, const std::string& ip);
     bool isGone(const Interface& interface) const;
+    bool isOutdatedFor(const Interface& interface) const;
     void look(const Interface& interface, Attempt attempt);
     void letGo();
     Outcome serve(Interface& interface, Attempt attempt);

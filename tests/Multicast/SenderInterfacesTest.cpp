@@ -312,20 +312,6 @@ TEST_F(SenderInterfacesTest, AddressThatTheInterfaceHasLostGivesWayToAReportedOn
     EXPECT_TRUE(sender->isOwnAddress(IPAddress("fd00::9")));
 }
 
-TEST_F(SenderInterfacesTest, AddressGivesWayThatTheInterfaceHasLostSinceTheListing)
-{
-    addInterface("eth0", "fd00::1");
-    network.here.addAddress("eth0", "fd00::9/64");
-    const auto listing = Multicast::InterfaceListing::take();
-    network.here.ip("address delete fd00::1/64 dev eth0");
-
-    EXPECT_EQ(sender->add("eth0", "fd00::9", *listing, Multicast::Attempt::Report),
-              Multicast::Outcome::InUse);
-
-    Listener listener(network.there, "eth0");
-    EXPECT_EQ(ownAddress(listener).host(), IPAddress("fd00::9"));
-}
-
 TEST_F(SenderInterfacesTest, AddressThatTheInterfaceHasDoesNotGiveWayToAnother)
 {
     addInterface("eth0", "fd00::1");

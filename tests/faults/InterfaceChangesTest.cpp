@@ -3,6 +3,7 @@
 #include "ServiceDiscovery.h"
 #include "support/Platform.h"
 #include "support/Process.h"
+#include "support/SystemFaults.h"
 
 #include <chrono>
 #include <cstddef>
@@ -37,6 +38,18 @@ protected:
         EXPECT_TRUE(onInterface.hears(3));
         EXPECT_THAT(onOther.datagrams(), IsEmpty());
     }
+
+    /// Starts with eth0 in use with fd00::1, which also has fd00::9, and with a listing that was just taken.
+    void useWithOneOfTwoAddresses()
+    {
+        network.link("eth1", "fd01::1");
+        network.here.addAddress("eth0", "fd00::9/64");
+        unit.platform.dispatcher().addInterface("eth0", globalAddress);
+        ASSERT_TRUE(start());
+        unit.platform.dispatcher().addInterface("missing", "fd02::1");
+    }
+
+    std::string source() { return isSending() ? listener.datagrams().back().source : "none"; }
 };
 
 }  // namespace
@@ -103,6 +116,66 @@ TEST_F(InterfaceChangesTest, DisplacedInterfaceThatWasAwaitedIsNotUsedOnceItsAdd
     ASSERT_TRUE(start());
 
     expectOffersOnlyOn("eth0", "eth1");
+}
+
+TEST_F(InterfaceChangesTest, AwaitedInterfaceThatIsTakenBackByItsOtherAddressIsNotAwaitedAnyLonger)
+{
+    auto& dispatcher = unit.platform.dispatcher();
+    network.link("eth1", "fd01::1");
+    network.here.setIPv6("eth1/accept_dad", "1");
+    network.here.setIPv6("eth1/dad_transmits", "100");
+    network.here.ip("address add fd01::2/64 dev eth1");
+    dispatcher.addInterface("eth1", "fd01::2");
+    ASSERT_TRUE(start());
+
+    dispatcher.removeInterface("eth1", "fd01::1");
+
+    SDService::Ptr service = makeService("Own", globalAddress, 8080, "own");
+    EXPECT_TRUE(unit.hub.addService(service));
+    EXPECT_TRUE(eventually([&] {
+        return log.has(
+            "Error: MulticastSender failed to send package, no service discovery interfaces "
+            "configured!");
+    }));
+}
+
+TEST_F(InterfaceChangesTest, AddressThatWentJustAfterTheListingGivesWayToOneThatIsReported)
+{
+    useWithOneOfTwoAddresses();
+    SDClock::turn(-second);  // the listing stays new
+
+    network.here.ip("address delete fd00::1/64 dev eth0");
+    unit.platform.dispatcher().addInterface("eth0", "fd00::9");
+
+    EXPECT_EQ(source(), "fd00::9");
+}
+
+TEST_F(InterfaceChangesTest, AddressThatWentToAnotherInterfaceGivesWayToOneThatIsReported)
+{
+    useWithOneOfTwoAddresses();
+
+    network.here.ip("address delete fd00::1/64 dev eth0");
+    network.here.addAddress("eth1", "fd00::1/64");
+    SDClock::turn(second / 100);
+    unit.platform.dispatcher().addInterface("eth0", "fd00::9");
+
+    EXPECT_EQ(source(), "fd00::9");
+}
+
+TEST_F(InterfaceChangesTest, AddressThatCannotBeAskedForIsLookedUpAgain)
+{
+    useWithOneOfTwoAddresses();
+    SDClock::turn(-second);  // the listing stays new
+
+    network.here.ip("address delete fd00::1/64 dev eth0");
+    {
+        const InMarkedThread marked;
+        const SystemFault fault({SystemCall::Socket});
+        unit.platform.dispatcher().addInterface("eth0", "fd00::9");
+        EXPECT_TRUE(fault.happened());
+    }
+
+    EXPECT_TRUE(eventually([&] { return source() == "fd00::9"; }));
 }
 
 TEST_F(InterfaceChangesTest, InterfaceWhoseNewNameIsReportedBeforeTheOldOneIsTakenBackIsUsed)

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <chrono>
 #include <map>
+#include <optional>
 #include <set>
 #include <stdexcept>
 #include <string>
@@ -159,6 +160,11 @@ bool MulticastSender::isOwnAddress(const Poco::Net::IPAddress& address) const
 Poco::Net::IPAddress MulticastSender::unitAddress() const
 {
     return Poco::Net::IPAddress(Ends::portOf(this).address);
+}
+
+std::optional<Poco::Net::IPAddress> MulticastSender::addressOn(const std::string&) const
+{
+    return std::nullopt;
 }
 
 Outcome MulticastSender::add(const std::string&, const std::string&, const InterfaceListing&, Attempt)
