@@ -254,6 +254,7 @@ TEST_F(RetryTest, ReportsThatNeverEndDoNotPutAnAttemptOff)
     EXPECT_TRUE(retries(2));
 
     EXPECT_GT(log.count(unusableLine), handled) << "they went on meanwhile";
+    unit.hub.stop();
     log.onLine(nullptr);
 }
 

@@ -236,9 +236,9 @@ TEST_F(ReportingThreadsTest, ReportOfAThreadThatDoesTheEnginesWorkIsHandledByAno
         unit.platform.dispatcher().addInterface("eth1", "fd01::1");
     }
 
-    EXPECT_TRUE(eventually([] { return joinedInterfaces().size() == 1; }));
-    EXPECT_NE(joining.load(), std::thread::id());
+    EXPECT_TRUE(eventually([&] { return joining.load() != std::thread::id(); }));
     EXPECT_NE(joining.load(), std::this_thread::get_id());
+    EXPECT_THAT(joinedInterfaces(), ElementsAre("eth1"));
     log.onLine(nullptr);
 }
 
