@@ -31,8 +31,6 @@ constexpr Poco::Clock::ClockDiff waitShare = 8;  // waits 1/8 of the time that a
 /// A listing older than this is replaced, and so is one that lacks a reported interface. Until then it is
 /// reused, because platforms often report many interfaces in succession.
 constexpr Poco::Clock::ClockDiff listingAge = 100'000;
-/// Likewise for an interface in use with another address than the reported one, which it may have lost.
-constexpr Poco::Clock::ClockDiff listingAgeOfAnother = 10'000;
 
 Outcome combined(Outcome one, Outcome other)
 {
@@ -223,13 +221,14 @@ bool ReportedInterfaces::isGone(const Interface& interface) const
     return interface.index != 0 && m_listing && !m_listing->has(interface.name, interface.index);
 }
 
+/// If the interface is in use with another address, asks the system for that one, which is cheaper than a
+/// listing: an interface can have hundreds of addresses.
 bool ReportedInterfaces::isOutdatedFor(const Interface& interface) const
 {
     if (m_listing->isOlderThan(listingAge) || !shows(*m_listing, interface.name, interface.ip))
         return true;
     const std::optional<IPAddress> used = m_sender.addressOn(interface.name);
-    return used && !isSameAddress(*used, interface.address) &&
-           (m_listing->isOlderThan(listingAgeOfAnother) || !canBeBound(*used));
+    return used && !isSameAddress(*used, interface.address) && !canBeBound(*used);
 }
 
 /// Takes a listing if there is none. A report may concern an interface that is newer than the last listing. A
