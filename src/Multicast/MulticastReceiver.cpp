@@ -376,7 +376,7 @@ bool MulticastReceiver::hasWaiting() const
         return false;
     // available() would return 0 while the first waiting datagram is empty.
     pollfd watched{m_service->m_socket.impl()->sockfd(), POLLIN, 0};  // ignored if closed due to short memory
-    return (::poll(&watched, 1, 0) == 1 && (watched.revents & POLLIN) != 0) || m_isTaking;
+    return ::poll(&watched, 1, 0) == 1 || m_isTaking;
 }
 
 bool MulticastReceiver::isJoinedOn(const std::string& name) const
