@@ -3,7 +3,10 @@
 #include "DataLayer/EngineFrame.h"
 #include "DataLayer/Log.h"
 
+#include <atomic>
 #include <chrono>
+#include <memory>
+#include <new>
 #include <utility>
 
 namespace Nubo::ServiceDiscovery::Multicast {
@@ -14,9 +17,34 @@ namespace {
 
 constexpr milliseconds longestHandling{500};
 
-/// The calling thread's work for all queues. Several engines may share a log channel.
-thread_local std::size_t works = 0;   // nested ones
-thread_local std::size_t nested = 0;  // reports during the outermost one
+/// The budget of what the calling thread handles for any queue. Several engines may share a log channel.
+thread_local std::shared_ptr<std::atomic<std::size_t>> current;
+
+std::shared_ptr<std::atomic<std::size_t>> currentOrNew()
+{
+    return current ? current : std::make_shared<std::atomic<std::size_t>>(ReportQueue::mostNested);
+}
+
+const auto exhausted = std::make_shared<std::atomic<std::size_t>>(0);
+
+/// Without memory, log lines can cause no report.
+std::shared_ptr<std::atomic<std::size_t>> currentOrNewIfAny() noexcept
+{
+    try {
+        return currentOrNew();
+    }
+    catch (const std::bad_alloc&) {
+        return exhausted;
+    }
+}
+
+bool takeOne(std::atomic<std::size_t>& budget)
+{
+    std::size_t left = budget;
+    while (left != 0 && !budget.compare_exchange_weak(left, left - 1)) {
+    }
+    return left != 0;
+}
 
 }  // namespace
 
@@ -24,23 +52,22 @@ thread_local std::size_t nested = 0;  // reports during the outermost one
 class ReportQueue::Work : public EngineFrame
 {
 public:
-    Work(ReportQueue& queue, milliseconds handling)
+    Work(ReportQueue& queue, Budget budget, milliseconds handling)
         : EngineFrame(queue.m_part)
         , m_queue(queue)
         , m_handling(handling)
-    {
-        if (works++ == 0)
-            nested = 0;
-    }
+        , m_outer(std::exchange(current, std::move(budget)))
+    {}
     ~Work() override
     {
         m_queue.handleWaiting(m_handling);
-        --works;
+        current = std::move(m_outer);
     }
 
 private:
     ReportQueue& m_queue;
     const milliseconds m_handling;
+    Budget m_outer;
 };
 
 ReportQueue::ReportQueue(const void* part, Handler handler, LeaveRest leaveRest)
@@ -52,26 +79,27 @@ ReportQueue::ReportQueue(const void* part, Handler handler, LeaveRest leaveRest)
 void ReportQueue::report(Report report)
 {
     const bool mayHandle = !EngineFrame::isWorkOnThisThread();
-    if (put(std::move(report), mayHandle))
-        const Work work(*this, mayHandle ? longestHandling : milliseconds(0));
+    const bool isNested = current != nullptr;
+    const Budget budget = currentOrNew();
+    if (put({std::move(report), budget}, isNested, mayHandle))
+        const Work work(*this, budget, mayHandle ? longestHandling : milliseconds(0));
 }
 
 /// Returns whether the calling thread is at work from now on, because no other thread is or waits to be.
-bool ReportQueue::put(Report report, bool mayHandle)
+bool ReportQueue::put(Waiting waiting, bool isNested, bool mayHandle)
 {
     const std::lock_guard<std::mutex> lock(m_mutex);
     const bool isBusy = m_isAtWork || m_turns != 0;
     const bool isLeft = isBusy || !mayHandle;
-    if (isLeft && unsafe_cancels(report))
+    if (isLeft && unsafe_cancels(waiting.report))
         return false;
-    const bool isOneNestedTooMany = works != 0 && nested == mostNested;
+    const bool isOneNestedTooMany = isNested && !takeOne(*waiting.budget);
     if (isOneNestedTooMany || (isLeft && m_reports.size() >= mostWaiting)) {
         ++m_dropped;  // not logged here, because the log line might cause the next report
         m_areNestedDropped = isOneNestedTooMany;
         return false;
     }
-    m_reports.push_back(std::move(report));
-    nested += works != 0 ? 1 : 0;
+    m_reports.push_back(std::move(waiting));
     if (isBusy)
         return false;
     return m_isAtWork = true;
@@ -81,8 +109,9 @@ bool ReportQueue::put(Report report, bool mayHandle)
 /// last one and returns true. So a platform that keeps reporting one interface does not fill the queue.
 bool ReportQueue::unsafe_cancels(const Report& report)
 {
-    const auto isLike = [&](const Report& other, bool isTakenBack) {
-        return other.isTakenBack == isTakenBack && other.name == report.name && other.ip == report.ip;
+    const auto isLike = [&](const Waiting& other, bool isTakenBack) {
+        return other.report.isTakenBack == isTakenBack && other.report.name == report.name &&
+               other.report.ip == report.ip;
     };
     const std::size_t size = m_reports.size();
     if (size < 2 || !isLike(m_reports[size - 1], !report.isTakenBack) ||
@@ -94,10 +123,11 @@ bool ReportQueue::unsafe_cancels(const Report& report)
 
 void ReportQueue::work(const std::function<void()>& action)
 {
+    Budget budget = currentOrNewIfAny();
     std::unique_lock<std::mutex> lock = idle();
     m_isAtWork = true;
     lock.unlock();
-    const Work work(*this, longestHandling);
+    const Work work(*this, std::move(budget), longestHandling);
     action();
 }
 
@@ -119,15 +149,15 @@ void ReportQueue::handleWaiting(milliseconds atMost) noexcept
     bool isDropLogged = false;
     bool isFirst = atMost.count() != 0;
     std::unique_lock<std::mutex> lock(m_mutex);
-    while ((isFirst || (m_turns == 0 && steady_clock::now() - begin < atMost)) &&
-           (!m_reports.empty() || (m_dropped != 0 && !isDropLogged)))
-    {
+    const auto hasTime = [&] { return isFirst || (m_turns == 0 && steady_clock::now() - begin < atMost); };
+    while (m_reports.empty() ? m_dropped != 0 && !isDropLogged : hasTime()) {
         isFirst = false;
         if (!m_reports.empty()) {
-            const Report report = std::move(m_reports.front());
+            const Waiting waiting = std::move(m_reports.front());
             m_reports.pop_front();
             lock.unlock();
-            m_handler(report);
+            current = waiting.budget;
+            m_handler(waiting.report);
         }
         else {
             isDropLogged = true;

@@ -1,10 +1,12 @@
 #pragma once
 
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <cstddef>
 #include <deque>
 #include <functional>
+#include <memory>
 #include <mutex>
 #include <string>
 
@@ -21,8 +23,9 @@ namespace Nubo::ServiceDiscovery::Multicast {
 class ReportQueue
 {
 public:
-    /// Maximum number of waiting reports, and of reports from within log lines that a thread can make while
-    /// it is at work for any queue: a log channel that reports on each line would keep it at work for ever.
+    /// Maximum number of waiting reports, and of reports that log lines about one report or action can cause,
+    /// on all threads and for all queues together: a log channel that reports on each line would keep them at
+    /// work for ever.
     static constexpr std::size_t mostWaiting = 16384;
     static constexpr std::size_t mostNested = 1024;
 
@@ -59,7 +62,16 @@ public:
 private:
     class Work;
 
-    bool put(Report report, bool mayHandle);
+    /// How many further reports log lines can cause.
+    using Budget = std::shared_ptr<std::atomic<std::size_t>>;
+
+    struct Waiting
+    {
+        Report report;
+        Budget budget;
+    };
+
+    bool put(Waiting waiting, bool isNested, bool mayHandle);
     bool unsafe_cancels(const Report& report);
     void handleWaiting(std::chrono::milliseconds atMost) noexcept;
 
@@ -70,7 +82,7 @@ private:
     std::condition_variable m_ended;
     bool m_isAtWork = false;  // a thread is
     unsigned m_turns = 0;     // number of threads that wait to be at work
-    std::deque<Report> m_reports;
+    std::deque<Waiting> m_reports;
     std::size_t m_dropped = 0;  // refused reports, not yet logged
     bool m_areNestedDropped = false;
 };

@@ -5,6 +5,7 @@
 #include "support/SystemFaults.h"
 #include "support/Times.h"
 
+#include <atomic>
 #include <cerrno>
 #include <chrono>
 #include <cstddef>
@@ -240,11 +241,10 @@ TEST_F(RetryTest, ReportsThatAreLeftToItsThreadDoNotBringAnAttemptForward)
 
 TEST_F(RetryTest, ReportsThatNeverEndDoNotPutAnAttemptOff)
 {
+    std::atomic<bool> isOver{false};
     log.onLine([&](const std::string& line) {
-        if (line != unusableLine)
-            return;
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));  // no more than a work may make
-        reportRemoved(unit.hub, unusable);
+        if (line == unusableLine && !isOver)
+            std::thread([&] { reportRemoved(unit.hub, unusable); }).join();
     });
     SDClock::turn(1000 * second);  // the wait is a second
     EXPECT_TRUE(retries(1));
@@ -254,6 +254,7 @@ TEST_F(RetryTest, ReportsThatNeverEndDoNotPutAnAttemptOff)
     EXPECT_TRUE(retries(2));
 
     EXPECT_GT(log.count(unusableLine), handled) << "they went on meanwhile";
+    isOver = true;
     unit.hub.stop();
     log.onLine(nullptr);
 }
